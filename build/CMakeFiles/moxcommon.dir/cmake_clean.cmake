@@ -1,0 +1,13 @@
+file(REMOVE_RECURSE
+  "CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o"
+  "CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o.d"
+  "libmoxcommon.pdb"
+  "libmoxcommon.so"
+  "libmoxcommon.so.0"
+  "libmoxcommon.so.0.1.0"
+)
+
+# Per-language clean rules from dependency scanning.
+foreach(lang CXX)
+  include(CMakeFiles/moxcommon.dir/cmake_clean_${lang}.cmake OPTIONAL)
+endforeach()

@@ -1,0 +1,2 @@
+# Empty dependencies file for moxplatform.
+# This may be replaced when dependencies are built.

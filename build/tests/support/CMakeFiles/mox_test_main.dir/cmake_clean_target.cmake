@@ -1,0 +1,3 @@
+file(REMOVE_RECURSE
+  "libmox_test_main.a"
+)

@@ -1,0 +1,64 @@
+// CJsonValue: the JSON document of every command, storage list, scan result
+// and plug-in answer. A thin wrapper over jsoncpp that never throws: every
+// failure is a warning (tag "MOX-COMMON") and a false or empty result.
+// A document parsed from text is valid only when its top level is an object;
+// an invalid document stays invalid for its whole life. Not thread-safe: one
+// instance is used by one thread at a time.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+class CJsonValue {
+public:
+    CJsonValue();
+    explicit CJsonValue(std::string strText);
+    ~CJsonValue();
+    CJsonValue(const CJsonValue&) = default;
+    CJsonValue& operator=(const CJsonValue&) = default;
+
+    bool IsValid() const { return m_bValid; }
+    void Clear();
+    // Compact one-line text ending with a newline; empty when invalid.
+    std::string ToString() const;
+    // Indented multi-line text; empty when invalid.
+    std::string ToStyledString() const;
+
+    bool Has(std::string strKey) const;
+    bool GetKeys(std::vector<std::string>& keys) const;
+    bool Remove(std::string strKey);
+    bool IsInt(std::string strKey) const;
+    bool IsString(std::string strKey) const;
+
+    bool Set(std::string strKey, bool bValue);
+    bool Set(std::string strKey, int nValue);
+    bool Set(std::string strKey, unsigned int nValue);
+    bool Set(std::string strKey, long long llValue);
+    bool Set(std::string strKey, unsigned long long ullValue);
+    bool Set(std::string strKey, double dValue);
+    bool Set(std::string strKey, std::string strValue);
+    bool Set(std::string strKey, const char* szValue);
+    // Appends to the array under strKey (created when absent).
+    bool Set(std::string strKey, const std::vector<std::string>& values);
+
+    bool Get(std::string strKey, bool& bValue) const;
+    bool Get(std::string strKey, int& nValue) const;
+    bool Get(std::string strKey, double& dValue) const;
+    bool Get(std::string strKey, std::string& strValue) const;
+    bool Get(std::string strKey, long long& llValue) const;
+    bool Get(std::string strKey, unsigned int& nValue) const;
+    bool Get(std::string strKey, std::vector<int>& values) const;
+    bool Get(std::string strKey, std::vector<std::string>& values) const;
+
+    // The underlying document, for code that needs members of other shapes
+    // (nested objects, arrays of objects).
+    const Json::Value& Root() const { return m_root; }
+    // Replaces a member with an arbitrary JSON value; false when invalid.
+    bool SetValue(std::string strKey, const Json::Value& value);
+
+private:
+    Json::Value m_root;
+    bool m_bValid;
+};

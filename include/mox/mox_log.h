@@ -1,0 +1,60 @@
+// The one logging facility. Every translation unit defines MOX_LOG_TAG (its
+// module's tag, e.g. "MOX-CACHE") before including this header. Each macro
+// writes exactly one line in the fixed envelope
+//   "<file>: <func>(<line>) > <colour>[<level>][<func>:<line>] [Thread Id:[<tid>]] <body>\e[0m"
+// The envelope is concatenated with the body at build time, so the body may use
+// any printf conversion; the compiler checks the arguments.
+#pragma once
+
+#include <cassert>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <dlog.h>
+
+#ifndef MOX_LOG_TAG
+#error "define MOX_LOG_TAG before including mox_log.h"
+#endif
+
+// Kernel thread id of the caller (not a library thread handle).
+static inline int mox_log_gettid(void) { return static_cast<int>(syscall(SYS_gettid)); }
+
+#ifdef __FILE_NAME__
+#define MOX_LOG_FILE_ __FILE_NAME__
+#else
+constexpr const char* mox_log_basename_(const char* path) {
+    const char* base = path;
+    for (const char* p = path; *p; ++p)
+        if (*p == '/') base = p + 1;
+    return base;
+}
+#define MOX_LOG_FILE_ mox_log_basename_(__FILE__)
+#endif
+
+#define MOX_LOG_PRINT_(prio, colour, level, fmt, ...)                                          \
+    __dlog_print(LOG_ID_SYSTEM, prio, MOX_LOG_TAG,                                             \
+                 "%s: %s(%d) > " colour level "[%s:%d] [Thread Id:[%d]] " fmt "\033[0m",       \
+                 MOX_LOG_FILE_, __func__, __LINE__, __func__, __LINE__, mox_log_gettid(),      \
+                 ##__VA_ARGS__)
+
+// Green debug line.
+#define MOX_DEBUG(fmt, ...) MOX_LOG_PRINT_(DLOG_DEBUG, "\033[32m", "", fmt, ##__VA_ARGS__)
+// Yellow trace line (function entry and progress traces), info priority.
+#define MOX_TRACE(fmt, ...) MOX_LOG_PRINT_(DLOG_INFO, "\033[33m", "", fmt, ##__VA_ARGS__)
+// Red info line with the "[INFO]:" word.
+#define MOX_INFO(fmt, ...) MOX_LOG_PRINT_(DLOG_INFO, "\033[31m", " [INFO]:", fmt, ##__VA_ARGS__)
+// Red warning line; "WARNNING" is the system's own spelling.
+#define MOX_WARN(fmt, ...) MOX_LOG_PRINT_(DLOG_WARN, "\033[31m", " [WARNNING]:", fmt, ##__VA_ARGS__)
+
+// Soft assertion for callbacks: logs a warning and carries on.
+#define MOX_ASSERT(expr)                                          \
+    do {                                                          \
+        if (!(expr)) MOX_WARN("MOX_ASSERT( %s ) failed.", #expr); \
+    } while (0)
+
+// Destroys an owned object held by a raw pointer and nulls the pointer.
+#define MOX_SAFE_DELETE_PTR(p) \
+    do {                       \
+        delete (p);            \
+        (p) = nullptr;         \
+    } while (0)

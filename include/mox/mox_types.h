@@ -1,0 +1,16 @@
+// Types shared by the engine, the plug-ins and the clients.
+#pragma once
+
+// Result code of every command callback and of several replies. 0 is success;
+// values not named here come from the source plug-ins and pass through.
+typedef enum {
+    MOX_ERROR_NONE = 0,
+    MOX_ERROR_NO_SUCH_SOURCE = 4,
+    MOX_ERROR_DETAIL_NOT_FOUND = 5,
+    MOX_ERROR_FAILED_RESULT = 6,
+    MOX_ERROR_INVALID_PARAMETER = 7,
+    MOX_ERROR_NOT_READY = 8,
+    MOX_ERROR_GENERIC = 23,
+    MOX_ERROR_SCANNER_FIRST = 24,
+    MOX_ERROR_SCANNER_LAST = 31,
+} mox_error_code_e;

@@ -1,0 +1,36 @@
+// Platform log service. On the host the sink is chosen by MOX_LOG
+// ("stderr", "journal" or "file:PATH") and filtered by MOX_LOG_LEVEL
+// ("debug", "info", "warning"). Callable from any thread.
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum {
+    LOG_ID_MAIN = 0,
+    LOG_ID_RADIO = 1,
+    LOG_ID_SYSTEM = 2,
+    LOG_ID_APPS = 3,
+} log_id_t;
+
+typedef enum {
+    DLOG_UNKNOWN = 0,
+    DLOG_DEFAULT = 1,
+    DLOG_VERBOSE = 2,
+    DLOG_DEBUG = 3,
+    DLOG_INFO = 4,
+    DLOG_WARN = 5,
+    DLOG_ERROR = 6,
+    DLOG_FATAL = 7,
+    DLOG_SILENT = 8,
+} log_priority;
+
+// Formats one line and hands it to the sink. Returns the number of bytes of
+// the formatted message, 0 when the line was filtered out, -1 on error.
+int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
+#ifdef __cplusplus
+}
+#endif
