@@ -1,0 +1,18 @@
+// Platform power-off notice. On the host nothing ever announces a power-off,
+// so subscribing and unsubscribing succeed and do nothing.
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef int (*power_poweroff_cb)(int reason);
+
+#define POWER_OFF_REASON_FACTORY_RESET 14
+
+int power_subscribe_poweroff(power_poweroff_cb cb);
+int power_unsubscribe_poweroff(power_poweroff_cb cb);
+
+#ifdef __cplusplus
+}
+#endif
