@@ -5,4 +5,5 @@
 # This file includes the relevant testing commands required for 
 # testing this directory and lists subdirectories to be tested as well.
 subdirs("platform")
+subdirs("common/cache/src")
 subdirs("tests")

@@ -65,6 +65,7 @@ set(CMAKE_MAKEFILE_DEPENDS
   "CMakeFiles/3.25.1/CMakeCXXCompiler.cmake"
   "CMakeFiles/3.25.1/CMakeSystem.cmake"
   "/work/main/cmake/MoxTest.cmake"
+  "/work/main/common/cache/src/CMakeLists.txt"
   "/work/main/platform/CMakeLists.txt"
   "/work/main/tests/CMakeLists.txt"
   "/work/main/tests/support/CMakeLists.txt"
@@ -80,6 +81,7 @@ set(CMAKE_MAKEFILE_OUTPUTS
 set(CMAKE_MAKEFILE_PRODUCTS
   "CMakeFiles/CMakeDirectoryInformation.cmake"
   "platform/CMakeFiles/CMakeDirectoryInformation.cmake"
+  "common/cache/src/CMakeFiles/CMakeDirectoryInformation.cmake"
   "tests/CMakeFiles/CMakeDirectoryInformation.cmake"
   "tests/support/CMakeFiles/CMakeDirectoryInformation.cmake"
   )

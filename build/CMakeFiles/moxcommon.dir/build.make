@@ -69,28 +69,28 @@ include CMakeFiles/moxcommon.dir/progress.make
 # Include the compile flags for this target's objects.
 include CMakeFiles/moxcommon.dir/flags.make
 
-CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o: CMakeFiles/moxcommon.dir/flags.make
-CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o: moxcommon_empty.cpp
-CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o: CMakeFiles/moxcommon.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_1) "Building CXX object CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o -MF CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o.d -o CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o -c /work/main/build/moxcommon_empty.cpp
+CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o: CMakeFiles/moxcommon.dir/flags.make
+CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o: /work/main/common/cache/src/cache_folder.cpp
+CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o: CMakeFiles/moxcommon.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_1) "Building CXX object CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o -MF CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o.d -o CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o -c /work/main/common/cache/src/cache_folder.cpp
 
-CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.i: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.i"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/build/moxcommon_empty.cpp > CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.i
+CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.i"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/common/cache/src/cache_folder.cpp > CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.i
 
-CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.s: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.s"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/build/moxcommon_empty.cpp -o CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.s
+CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.s"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/common/cache/src/cache_folder.cpp -o CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.s
 
 # Object files for target moxcommon
 moxcommon_OBJECTS = \
-"CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o"
+"CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o"
 
 # External object files for target moxcommon
 moxcommon_EXTERNAL_OBJECTS =
 
-libmoxcommon.so.0.1.0: CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o
+libmoxcommon.so.0.1.0: CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o
 libmoxcommon.so.0.1.0: CMakeFiles/moxcommon.dir/build.make
 libmoxcommon.so.0.1.0: libmoxplatform.so.0.1.0
 libmoxcommon.so.0.1.0: /usr/lib/x86_64-linux-gnu/libgio-2.0.so

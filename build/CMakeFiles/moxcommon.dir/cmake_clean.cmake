@@ -1,6 +1,6 @@
 file(REMOVE_RECURSE
-  "CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o"
-  "CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o.d"
+  "CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o"
+  "CMakeFiles/moxcommon.dir/common/cache/src/cache_folder.cpp.o.d"
   "libmoxcommon.pdb"
   "libmoxcommon.so"
   "libmoxcommon.so.0"
