@@ -4,7 +4,7 @@
 #include <fstream>
 #include <string>
 
-#include "host_env.h"
+#include <mox_host_paths.h>
 
 namespace {
 
@@ -19,7 +19,7 @@ std::string Trim(const std::string& s) {
 
 extern "C" int system_info_get_value_bool(system_info_key_e key, bool* value) {
     if (!value) return SYSTEM_INFO_ERROR_INVALID_PARAMETER;
-    std::ifstream in(mox_host::EnvOr("MOX_FEATURES_FILE", "/etc/mox/features"));
+    std::ifstream in(mox_host::FeaturesFile());
     if (!in) return SYSTEM_INFO_ERROR_IO_ERROR;
     const std::string wanted = std::to_string(key);
     std::string line;

@@ -22,7 +22,7 @@
 #include <glib-unix.h>
 #include <glib.h>
 
-#include "host_env.h"
+#include <mox_host_paths.h>
 
 struct _keynode_t {
     std::string name;
@@ -33,7 +33,7 @@ namespace {
 
 constexpr int kVconfTypeInt = 41;  // the platform's type code of integer keys
 
-std::string StoreDir() { return mox_host::EnvOr("MOX_VCONF_DIR", "/var/lib/mox/vconf"); }
+std::string StoreDir() { return mox_host::VconfDir(); }
 
 // A key is a relative path of plain components: no "", ".", ".." and no
 // leading slash, so a key can never name a file outside the store.

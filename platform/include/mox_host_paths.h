@@ -1,0 +1,19 @@
+// The daemon's fixed paths and their environment overrides. Each function
+// returns the default unless its variable is set (tests, demo, non-root runs);
+// the environment is read on every call.
+#pragma once
+
+#include <string>
+
+namespace mox_host {
+
+std::string DbusConfigPath();  // MOX_DBUS_CONFIG   /usr/bin/mox_dbus_config.xml
+std::string StatusFilePath();  // MOX_STATUS_FILE   /tmp/.mox-engine
+std::string PluginDir();       // MOX_PLUGIN_DIR    /usr/lib/
+std::string AppDataDir();      // MOX_APP_DATA_DIR  /opt/usr/apps/moxhub/data
+std::string UsbRoot();         // MOX_USB_ROOT      /opt/storage/usb
+std::string CaBundlePath();    // MOX_CA_BUNDLE     /opt/down/cert/ca.pem
+std::string VconfDir();        // MOX_VCONF_DIR     /var/lib/mox/vconf
+std::string FeaturesFile();    // MOX_FEATURES_FILE /etc/mox/features
+
+}  // namespace mox_host
