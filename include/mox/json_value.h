@@ -59,6 +59,10 @@ public:
     bool SetValue(std::string strKey, const Json::Value& value);
 
 private:
+    // Copies the member strKey into value; false (with its warning) when the
+    // document is invalid or the member is missing.
+    bool m_Fetch(const std::string& strKey, Json::Value& value) const;
+
     Json::Value m_root;
     bool m_bValid;
 };
