@@ -1,0 +1,410 @@
+// The content engine daemon: start-up, the D-Bus method dispatcher, the
+// process-wide system event callbacks and the orderly shutdown.
+//
+// Threads: everything here runs on the main loop's thread (the default GLib
+// main context), except the message filter (GDBus worker thread; it only hands
+// the message to the main loop) and the storage callbacks, which run on the USB
+// service's thread.
+#define MOX_LOG_TAG "MOX-ENGINE"
+
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include <curl/curl.h>
+#include <gio/gio.h>
+#include <glib-unix.h>
+
+#include <mox/json_value.h>
+#include <mox/mox_log.h>
+#include <mox/mox_singleton.h>
+#include <mox/mox_types.h>
+#include <mox/mox_util.h>
+#include <mox_host_paths.h>
+#include <mox_watchdog.h>
+#include <power.h>
+#include <vconf.h>
+
+#include "cache_folder.h"
+
+namespace {
+
+constexpr const char* kBusName = "com.orvia.mox.engine";
+constexpr const char* kResetStatusKey = "db/mox/reset_status";
+constexpr const char* kDbResetKey = "file/private/mediaserver/db_reset";
+constexpr guint kHeartbeatMs = 5000;
+constexpr int kWatchdogPeriodSec = 60;
+constexpr guint32 kInvalidHandle = 4294967295u;
+
+struct GFreeDeleter {
+    void operator()(gchar* p) const { g_free(p); }
+};
+struct NodeInfoDeleter {
+    void operator()(GDBusNodeInfo* p) const { g_dbus_node_info_unref(p); }
+};
+struct MainLoopDeleter {
+    void operator()(GMainLoop* p) const { g_main_loop_unref(p); }
+};
+struct GErrorDeleter {
+    void operator()(GError* p) const { g_error_free(p); }
+};
+
+// Process-wide state, created in main and used by the main-loop callbacks.
+std::unique_ptr<gchar, GFreeDeleter> g_introspectionXml;
+std::unique_ptr<GDBusNodeInfo, NodeInfoDeleter> g_introspectionData;
+GMainLoop* g_mainLoop = nullptr;  // owned by main
+
+// Reads the introspection XML; the daemon cannot serve without it.
+bool initIntrospectionXml() {
+    std::string path = mox_host::DbusConfigPath();
+    gchar* text = nullptr;
+    if (!g_file_get_contents(path.c_str(), &text, nullptr, nullptr)) {
+        MOX_DEBUG("load mox_dbus_config error.\n");
+        return false;
+    }
+    g_introspectionXml.reset(text);
+    MOX_DEBUG("load mox_dbus_config ok.\n");
+    return true;
+}
+
+void removeUhdFiles() {
+    std::string dir = mox_host::AppDataDir();
+    std::string metadata = dir + "/.UHD_Metadata.json";
+    std::string rating = dir + "/.UHD_Rating.json";
+    if (CMOXUtil::IsFileExist(metadata.c_str()) && CMOXUtil::RemoveFile(metadata.c_str()))
+        MOX_TRACE(" REMOVE MOX META DOWNLOAD FILE!!\n");
+    if (CMOXUtil::IsFileExist(rating.c_str()) && CMOXUtil::RemoveFile(rating.c_str()))
+        MOX_TRACE(" REMOVE MOX RATING DOWNLOAD FILE!!\n");
+}
+
+// Clean-up after a factory or service reset that happened while we were down.
+int mox_engine_deal_reset_status() {
+    int nStatus = 0;
+    if (!CMOXUtil::GetVConfigValueInt(kResetStatusKey, &nStatus)) {
+        MOX_INFO("get db/mox/reset_status failed\n");
+        return 0;
+    }
+    MOX_INFO("db/mox/reset_status is [%d]\n", nStatus);
+    if (nStatus == 1 || nStatus == 2) {
+        MOX_INFO("POWER_OFF_REASON_FACTORY_RESET or SERVICE RESET");
+        removeUhdFiles();
+        if (!CMOXUtil::SetVConfigValueInt(kResetStatusKey, 0)) {
+            MOX_INFO("set db/mox/reset_status failed\n");
+            return 0;
+        }
+    }
+    MOX_INFO("end of mox_engine_deal_reset_status\n");
+    return 1;
+}
+
+int write_engine_status() {
+    std::string path = mox_host::StatusFilePath();
+    MOX_INFO("%s", path.c_str());
+    std::unique_ptr<FILE, int (*)(FILE*)> fp(fopen(path.c_str(), "w"), fclose);
+    if (!fp) {
+        MOX_INFO("fp is NULL. file name : %s", path.c_str());
+        return -1;
+    }
+    if (fputs("MOX_ENGINE OK", fp.get()) < 0) MOX_INFO("fputs failed");
+    return 0;
+}
+
+gboolean notify_callback(gpointer) {
+    MOX_INFO("mox engine notify_callback begin");
+    watchdog_notify();
+    MOX_INFO("mox engine notify_callback end");
+    return G_SOURCE_CONTINUE;
+}
+
+// Never subscribed on start-up: the reset key handled at start covers the
+// factory-reset case. Only unsubscribed at shutdown.
+int cb_dealPowerOff(int reason) {
+    MOX_INFO("cb_dealPowerOff...begin....\n");
+    if (reason == POWER_OFF_REASON_FACTORY_RESET) {
+        MOX_INFO("POWER_OFF_REASON_FACTORY_RESET");
+        removeUhdFiles();
+    }
+    MOX_INFO("cb_dealPowerOff...end....\n");
+    return 0;
+}
+
+void OnVconfKeyChangedCB(keynode_t* keynode, void*) {
+    MOX_INFO("OnVconfKeyChangedCB vconf key changed!");
+    const char* name = vconf_keynode_get_name(keynode);
+    if (!name) return;
+    // Compared over the received name's length: a prefix of the watched key
+    // matches too, as the platform has always done.
+    if (strncmp(name, kDbResetKey, strlen(name)) != 0) return;
+    if (vconf_keynode_get_int(keynode) != 0) CMOXSingleton<CCacheFolder>::Get()->Clear();
+}
+
+// check_folder_path: add (0) or find (1) a folder id in the folder map.
+std::string checkFolderPath(const char* szParam) {
+    MOX_DEBUG("szParam: %s", szParam);
+    CJsonValue param{std::string(szParam)};
+    int eOperationType = -1;
+    if (param.Has("OPERATION_TYPE")) param.Get("OPERATION_TYPE", eOperationType);
+    MOX_DEBUG("eOperationType[%d].", eOperationType);
+
+    std::string strFolderPath;
+    std::string strFolderId;
+    CCacheFolder* pFolderMap = CMOXSingleton<CCacheFolder>::Get();
+    if (eOperationType == 0) {
+        param.Get("FOLDER_PATH", strFolderPath);
+        param.Get("FOLDER_ID", strFolderId);
+        // The reply says success whatever the add returned; only the log tells.
+        if (!pFolderMap->Add(strFolderPath, strFolderId)) MOX_WARN("Find Folder Path failed.");
+        strFolderId = "AddFolderMapSuccess";
+    } else if (eOperationType == 1) {
+        param.Get("FOLDER_PATH", strFolderPath);
+        if (!pFolderMap->Find(strFolderPath, strFolderId)) {
+            strFolderId.clear();
+            MOX_WARN("Find Folder Path failed.");
+        }
+    } else {
+        MOX_WARN("Invalid eOperationType[%d].", eOperationType);
+        MOX_WARN("Find Folder Path failed.");
+    }
+    MOX_INFO("strFolderId[%s]", strFolderId.c_str());
+    return strFolderId;
+}
+
+// The request engine, the storage manager and the scanners join the daemon in
+// later steps; until then their methods answer with their failure replies.
+void warnUnavailable(const char* szMethod, const char* szPart) {
+    MOX_WARN("method(%s) is not available: no %s in this build.", szMethod, szPart);
+}
+
+void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*,
+                      const gchar* szMethodName, GVariant* parameters,
+                      GDBusMethodInvocation* invocation, gpointer) {
+    MOX_INFO("recive method(%s).", szMethodName);
+    const std::string method(szMethodName);
+
+    if (method == "start_server") {
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(s)", "MOX_SERVER_START_SUCCESS"));
+    } else if (method == "connect") {
+        const gchar* szSourceName = nullptr;
+        g_variant_get(parameters, "(&s)", &szSourceName);
+        warnUnavailable(szMethodName, "request engine");
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", kInvalidHandle));
+    } else if (method == "request_detail" || method == "get_partial_list" ||
+               method == "drop_partial_list" || method == "request_metadata" ||
+               method == "request_cancel_detail" || method == "disconnect") {
+        warnUnavailable(szMethodName, "request engine");
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else if (method == "request_act") {
+        guint32 nHandleId = 0;
+        const gchar* szSelectionListBlockName = nullptr;
+        const gchar* szParam = nullptr;
+        g_variant_get(parameters, "(u&s&s)", &nHandleId, &szSelectionListBlockName, &szParam);
+        MOX_DEBUG("szParam: %s", szParam);
+        MOX_DEBUG("szSelectionListBlockName: %s", szSelectionListBlockName);
+        warnUnavailable(szMethodName, "request engine");
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else if (method == "usb_file_write") {
+        const gchar* szFilePath = nullptr;
+        const gchar* szShmName = nullptr;
+        g_variant_get(parameters, "(&s&s)", &szFilePath, &szShmName);
+        gboolean bResult = CMOXUtil::WriteFile(szFilePath, szShmName) ? TRUE : FALSE;
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", bResult));
+    } else if (method == "usb_file_remove") {
+        const gchar* szFilePath = nullptr;
+        const gchar* szIgnored = nullptr;
+        g_variant_get(parameters, "(&s&s)", &szFilePath, &szIgnored);
+        gboolean bResult = CMOXUtil::RemoveFile(szFilePath) ? TRUE : FALSE;
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", bResult));
+    } else if (method == "check_folder_path") {
+        const gchar* szParam = nullptr;
+        g_variant_get(parameters, "(&s)", &szParam);
+        std::string strFolderId = checkFolderPath(szParam);
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", strFolderId.c_str()));
+    } else if (method == "stop_act") {
+        guint32 nHandleId = 0;
+        const gchar* szParam = nullptr;
+        g_variant_get(parameters, "(u&s)", &nHandleId, &szParam);
+        MOX_DEBUG("szParam: %s", szParam);
+        warnUnavailable(szMethodName, "request engine");
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(u)", guint32(MOX_ERROR_GENERIC)));
+    } else if (method == "start_scanner_thumb") {
+        gboolean bStarted = FALSE;
+        warnUnavailable(szMethodName, "folder thumbnail scanner");
+        MOX_INFO("start_scanner_thumb return [%d]", bStarted);
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", bStarted));
+        MOX_INFO("start_scanner_thumb return end[%d]", bStarted);
+    } else if (method == "stop_scanner_thumb" || method == "stop_scanner") {
+        warnUnavailable(szMethodName, "scanner");
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else if (method == "start_scanner") {
+        const gchar* szKind = nullptr;
+        const gchar* szParam = nullptr;
+        g_variant_get(parameters, "(&s&s)", &szKind, &szParam);
+        if (g_strcmp0(szKind, "check_device") == 0)
+            warnUnavailable(szMethodName, "device scanner");
+        else if (g_strcmp0(szKind, "scan_folder") == 0)
+            MOX_WARN("unsupport yet, method(%s).", szKind);
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(bu)", FALSE, 0u));
+    } else if (method == "get_usb_storages") {
+        warnUnavailable(szMethodName, "storage manager");
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(us)", guint32(MOX_ERROR_GENERIC), ""));
+    } else if (method == "bind_usb_event") {
+        warnUnavailable(szMethodName, "storage manager");
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", 0u));
+    } else {
+        MOX_WARN("unkown method(%s).", szMethodName);
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    }
+}
+
+const GDBusInterfaceVTable kInterfaceVTable = {handleMethodCall, nullptr, nullptr, {nullptr}};
+
+// GDBus answers calls of undeclared methods with an UnknownMethod error before
+// any handler runs. Clients of this engine expect an empty reply instead, so
+// such calls are taken off the wire here and answered on the main loop.
+struct UnknownCall {
+    GDBusConnection* connection;
+    GDBusMessage* message;
+};
+
+gboolean answerUnknownMethod(gpointer data) {
+    std::unique_ptr<UnknownCall> call(static_cast<UnknownCall*>(data));
+    const gchar* szMethodName = g_dbus_message_get_member(call->message);
+    MOX_INFO("recive method(%s).", szMethodName);
+    MOX_WARN("unkown method(%s).", szMethodName);
+    GDBusMessage* reply = g_dbus_message_new_method_reply(call->message);
+    g_dbus_connection_send_message(call->connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                   nullptr, nullptr);
+    g_object_unref(reply);
+    g_object_unref(call->message);
+    g_object_unref(call->connection);
+    return G_SOURCE_REMOVE;
+}
+
+// What the filter needs, owned by the filter: it runs on the GDBus worker
+// thread and may outlive the introspection data by a little.
+struct FilterData {
+    std::string path;
+    GDBusInterfaceInfo* iface;
+};
+
+void freeFilterData(gpointer data) {
+    auto* filter = static_cast<FilterData*>(data);
+    g_dbus_interface_info_unref(filter->iface);
+    delete filter;
+}
+
+GDBusMessage* filterUnknownMethods(GDBusConnection* connection, GDBusMessage* message,
+                                   gboolean incoming, gpointer data) {
+    if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL)
+        return message;
+    auto* filter = static_cast<const FilterData*>(data);
+    if (g_strcmp0(g_dbus_message_get_path(message), filter->path.c_str()) != 0 ||
+        g_strcmp0(g_dbus_message_get_interface(message), filter->iface->name) != 0)
+        return message;
+    const gchar* member = g_dbus_message_get_member(message);
+    if (member && g_dbus_interface_info_lookup_method(filter->iface, member)) return message;
+    auto* call = new UnknownCall{G_DBUS_CONNECTION(g_object_ref(connection)), message};
+    g_main_context_invoke(nullptr, answerUnknownMethod, call);
+    return nullptr;  // the message's reference now belongs to `call`
+}
+
+void onBusAcquired(GDBusConnection* connection, const gchar*, gpointer) {
+    GDBusNodeInfo* node = g_introspectionData.get();
+    auto* filter = new FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])};
+    g_dbus_connection_add_filter(connection, filterUnknownMethods, filter, freeFilterData);
+    guint nRegistrationId = g_dbus_connection_register_object(
+        connection, node->path, node->interfaces[0], &kInterfaceVTable, nullptr, nullptr, nullptr);
+    MOX_DEBUG("BusAcquired.");
+    assert(nRegistrationId > 0);
+}
+
+void onNameAcquired(GDBusConnection*, const gchar*, gpointer) {
+    MOX_DEBUG("NameAcquired.");
+    watchdog_notify_ready();
+}
+
+void onNameLost(GDBusConnection*, const gchar*, gpointer) { MOX_DEBUG("NameLost."); }
+
+gboolean onQuitSignal(gpointer) {
+    MOX_INFO("termination signal received, leaving the main loop.");
+    g_main_loop_quit(g_mainLoop);
+    return G_SOURCE_CONTINUE;
+}
+
+// The object is registered at the root node's path with its first interface;
+// a file without them cannot be served.
+bool parseIntrospectionData() {
+    GError* rawError = nullptr;
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(g_introspectionXml.get(), &rawError);
+    std::unique_ptr<GError, GErrorDeleter> error(rawError);
+    if (!node) {
+        MOX_WARN("invalid introspection XML: %s", error ? error->message : "unknown error");
+        return false;
+    }
+    g_introspectionData.reset(node);
+    if (!node->path || !g_variant_is_object_path(node->path) || !node->interfaces ||
+        !node->interfaces[0]) {
+        MOX_WARN("introspection XML lacks an object path or an interface.");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int main() {
+    MOX_DEBUG("curl_global_init.");
+    curl_global_init(CURL_GLOBAL_ALL);
+    MOX_DEBUG("curl_global_init end.");
+
+    if (!initIntrospectionXml()) {
+        MOX_DEBUG("init_introspection_xml error.");
+        curl_global_cleanup();
+        return 1;
+    }
+    MOX_DEBUG("init_introspection_xml ok.");
+
+    mox_engine_deal_reset_status();
+    vconf_notify_key_changed(kDbResetKey, OnVconfKeyChangedCB, nullptr);
+
+    // A malformed file is a broken installation: say so and stop, as for a
+    // missing one, instead of aborting.
+    if (!parseIntrospectionData()) {
+        vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
+        g_introspectionData.reset();
+        g_introspectionXml.reset();
+        curl_global_cleanup();
+        return 1;
+    }
+
+    guint nOwnerId = g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE,
+                                    onBusAcquired, onNameAcquired, onNameLost, nullptr, nullptr);
+    write_engine_status();
+
+    std::unique_ptr<GMainLoop, MainLoopDeleter> loop(g_main_loop_new(nullptr, FALSE));
+    g_mainLoop = loop.get();
+    watchdog_register(kWatchdogPeriodSec);
+    guint nHeartbeatId = g_timeout_add(kHeartbeatMs, notify_callback, loop.get());
+    guint nTermId = g_unix_signal_add(SIGTERM, onQuitSignal, nullptr);
+    guint nIntId = g_unix_signal_add(SIGINT, onQuitSignal, nullptr);
+    g_main_loop_run(loop.get());
+
+    g_source_remove(nIntId);
+    g_source_remove(nTermId);
+    g_source_remove(nHeartbeatId);
+    g_bus_unown_name(nOwnerId);
+    g_introspectionData.reset();
+    power_unsubscribe_poweroff(cb_dealPowerOff);
+    vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
+    CMOXSingleton<CCacheFolder>::Destroy();
+    g_mainLoop = nullptr;
+    loop.reset();
+    g_introspectionXml.reset();
+    curl_global_cleanup();
+    MOX_INFO("mox engine stopped.");
+    return 0;
+}

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the engine needs to build, run and test.
+# Idempotent: packages already present are not touched, and the package index
+# is refreshed only when something is missing.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake pkg-config clang libclang-rt-14-dev
+  libglib2.0-dev libglib2.0-bin dbus-daemon
+  libboost-thread-dev libboost-system-dev
+  libjsoncpp-dev libcurl4-openssl-dev libexif-dev libtag1-dev libavformat-dev
+  uuid-dev libsystemd-dev libudev-dev umockdev libumockdev-dev
+  libgtest-dev libgmock-dev libbenchmark-dev valgrind
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+echo "Installing: ${missing[*]}"
+$SUDO apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Builds the engine with ASan+UBSan and runs the whole test suite, then the
+# threaded tests under TSan and the fuzz targets for a short bounded time.
+# Fails when a test fails or a test leaves a mox_* object in /dev/shm.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$PWD
+JOBS=$(nproc)
+
+scripts/install-deps.sh
+
+shm_before=$(ls /dev/shm 2>/dev/null | grep -c '^mox_' || true)
+
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=address > /dev/null
+cmake --build build-asan -j"$JOBS"
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:strict_string_checks=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+ctest --test-dir build-asan --output-on-failure -j"$JOBS"
+
+if grep -rqs 'label.*tsan\|LABELS.*tsan' tests; then
+  cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=thread > /dev/null
+  TSAN_TARGETS=$(ctest --test-dir build-tsan -N -L tsan 2>/dev/null | sed -n 's/^ *Test *#[0-9]*: //p')
+  if [ -n "$TSAN_TARGETS" ]; then
+    cmake --build build-tsan -j"$JOBS" --target $TSAN_TARGETS
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+      ctest --test-dir build-tsan --output-on-failure -L tsan -j"$JOBS"
+  fi
+fi
+
+if [ -x scripts/run-fuzz.sh ]; then
+  scripts/run-fuzz.sh "${MOX_FUZZ_SECONDS:-30}"
+fi
+
+shm_after=$(ls /dev/shm 2>/dev/null | grep -c '^mox_' || true)
+if [ "$shm_after" -gt "$shm_before" ]; then
+  echo "error: the tests left mox_* objects in /dev/shm:" >&2
+  ls /dev/shm | grep '^mox_' >&2
+  exit 1
+fi
+echo "All tests passed."

@@ -1,0 +1,335 @@
+#include "engine_fixture.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace moxtest {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+size_t CountOccurrences(const std::string& haystack, const std::string& needle) {
+    size_t count = 0;
+    for (size_t pos = haystack.find(needle); pos != std::string::npos;
+         pos = haystack.find(needle, pos + needle.size()))
+        ++count;
+    return count;
+}
+
+pid_t SpawnWithEnv(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                   const std::string& outputFile) {
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    std::vector<char*> envp;
+    for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        int fd = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (fd >= 0) {
+            dup2(fd, STDOUT_FILENO);
+            dup2(fd, STDERR_FILENO);
+            close(fd);
+        }
+        execve(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+}  // namespace
+
+void PumpMainContext(std::chrono::milliseconds duration) {
+    auto deadline = Clock::now() + duration;
+    do {
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    } while (Clock::now() < deadline);
+}
+
+std::string Signal::text() const {
+    if (!params || g_variant_n_children(params.get()) == 0) return "";
+    GVariantPtr first(g_variant_get_child_value(params.get(), 0));
+    if (!g_variant_is_of_type(first.get(), G_VARIANT_TYPE_STRING)) return "";
+    return g_variant_get_string(first.get(), nullptr);
+}
+
+SignalCollector::SignalCollector(GDBusConnection* connection) : m_connection(connection) {
+    m_subscription = g_dbus_connection_signal_subscribe(
+        connection, nullptr, kEngineInterface, nullptr, kEnginePath, nullptr,
+        G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, this, nullptr);
+}
+
+SignalCollector::~SignalCollector() {
+    g_dbus_connection_signal_unsubscribe(m_connection, m_subscription);
+    // Dispatch whatever is queued so no callback can reach a dead collector.
+    while (g_main_context_iteration(nullptr, FALSE)) {
+    }
+}
+
+void SignalCollector::OnSignal(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
+                               const gchar* name, GVariant* params, gpointer self) {
+    auto signal = std::make_unique<Signal>();
+    signal->name = name;
+    signal->sender = sender ? sender : "";
+    signal->params.reset(g_variant_ref(params));
+    static_cast<SignalCollector*>(self)->m_signals.push_back(std::move(signal));
+}
+
+bool SignalCollector::WaitFor(const std::string& name, size_t count,
+                              std::chrono::milliseconds timeout) {
+    auto deadline = Clock::now() + timeout;
+    while (Named(name).size() < count) {
+        if (Clock::now() >= deadline) return false;
+        PumpMainContext(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+std::vector<const Signal*> SignalCollector::Named(const std::string& name) const {
+    std::vector<const Signal*> out;
+    for (const auto& s : m_signals)
+        if (s->name == name) out.push_back(s.get());
+    return out;
+}
+
+void SignalCollector::Drain(std::chrono::milliseconds duration) { PumpMainContext(duration); }
+
+EngineHarness::EngineHarness() {
+    Prepare();
+    StartBus();
+}
+
+EngineHarness::EngineHarness(const std::string& sharedBusAddress) : m_busAddress(sharedBusAddress) {
+    Prepare();
+}
+
+void EngineHarness::Prepare() {
+    for (const auto& dir : {VconfDir(), UsbRoot(), AppDataDir(), PluginDir(), SpoolDir()})
+        std::filesystem::create_directories(dir);
+    m_env["MOX_DBUS_CONFIG"] = MOX_DBUS_XML;
+    m_env["MOX_STATUS_FILE"] = StatusFile();
+    m_env["MOX_PLUGIN_DIR"] = PluginDir();
+    m_env["MOX_APP_DATA_DIR"] = AppDataDir();
+    m_env["MOX_USB_ROOT"] = UsbRoot();
+    m_env["MOX_VCONF_DIR"] = VconfDir();
+    m_env["MOX_FEATURES_FILE"] = FeaturesFile();
+    m_env["MOX_CA_BUNDLE"] = m_dir.file("ca.pem");
+    m_env["MOX_USB_BACKEND"] = "spool:" + SpoolDir();
+    m_env["MOX_LOG"] = "file:" + LogFile();
+    m_env["MOX_LOG_LEVEL"] = "debug";
+}
+
+EngineHarness::~EngineHarness() {
+    m_client.reset();
+    if (m_pid > 0) {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    if (m_busPid > 0) {
+        kill(m_busPid, SIGTERM);
+        waitpid(m_busPid, nullptr, 0);
+    }
+}
+
+void EngineHarness::StartBus() {
+    std::string socket = m_dir.file("bus.socket");
+    std::string config = m_dir.file("bus.conf");
+    WriteTextFile(config,
+                  "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+                  " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                  "<busconfig>\n"
+                  "  <type>system</type>\n"
+                  "  <listen>unix:path=" + socket + "</listen>\n"
+                  "  <auth>EXTERNAL</auth>\n"
+                  "  <policy context=\"default\">\n"
+                  "    <allow user=\"*\"/>\n"
+                  "    <allow own=\"*\"/>\n"
+                  "    <allow send_type=\"method_call\"/>\n"
+                  "    <allow send_type=\"signal\"/>\n"
+                  "    <allow send_type=\"method_return\"/>\n"
+                  "    <allow send_type=\"error\"/>\n"
+                  "    <allow receive_type=\"method_call\"/>\n"
+                  "    <allow receive_type=\"signal\"/>\n"
+                  "    <allow receive_type=\"method_return\"/>\n"
+                  "    <allow receive_type=\"error\"/>\n"
+                  "  </policy>\n"
+                  "</busconfig>\n");
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e) env.emplace_back(*e);
+    m_busPid = SpawnWithEnv({"/usr/bin/dbus-daemon", "--nofork", "--nopidfile",
+                             "--config-file=" + config},
+                            env, m_dir.file("bus.out"));
+    m_busAddress = "unix:path=" + socket;
+    auto deadline = Clock::now() + std::chrono::seconds(10);
+    struct stat st;
+    while (stat(socket.c_str(), &st) != 0) {
+        if (Clock::now() > deadline) throw std::runtime_error("dbus-daemon did not start");
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+bool EngineHarness::SetKey(const std::string& key, int value) {
+    std::string path = VconfDir() + "/" + key;
+    std::string tmp = path + ".test-tmp";
+    if (!WriteTextFile(tmp, std::to_string(value) + "\n")) return false;
+    return rename(tmp.c_str(), path.c_str()) == 0;
+}
+
+bool EngineHarness::GetKey(const std::string& key, int* value) const {
+    std::string text = ReadTextFile(VconfDir() + "/" + key);
+    if (text.empty()) return false;
+    *value = std::atoi(text.c_str());
+    return true;
+}
+
+pid_t EngineHarness::Spawn() {
+    std::map<std::string, std::string> env;
+    for (char** e = environ; *e; ++e) {
+        std::string entry(*e);
+        size_t eq = entry.find('=');
+        if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
+    }
+    env.erase("NOTIFY_SOCKET");
+    env.erase("JOURNAL_STREAM");
+    for (const auto& kv : m_env) env[kv.first] = kv.second;
+    env["DBUS_SYSTEM_BUS_ADDRESS"] = m_busAddress;
+    std::vector<std::string> flat;
+    for (const auto& kv : env) flat.push_back(kv.first + "=" + kv.second);
+    return SpawnWithEnv({MOX_ENGINE_BINARY}, flat, m_dir.file("engine.out"));
+}
+
+ConnectionPtr EngineHarness::Connect() const {
+    GError* error = nullptr;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        m_busAddress.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (!connection) {
+        std::string message = error ? error->message : "unknown error";
+        if (error) g_error_free(error);
+        throw std::runtime_error("cannot connect to the test bus: " + message);
+    }
+    return ConnectionPtr(connection);
+}
+
+GDBusConnection* EngineHarness::Client() {
+    if (!m_client) m_client = Connect();
+    return m_client.get();
+}
+
+bool EngineHarness::Start(std::chrono::milliseconds timeout) {
+    m_pid = Spawn();
+    auto deadline = Clock::now() + timeout;
+    while (Clock::now() < deadline) {
+        if (!Running()) return false;
+        GError* error = nullptr;
+        GVariant* reply = g_dbus_connection_call_sync(
+            Client(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "NameHasOwner", g_variant_new("(s)", kEngineName), G_VARIANT_TYPE("(b)"),
+            G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, &error);
+        if (error) g_error_free(error);
+        gboolean owned = FALSE;
+        if (reply) {
+            g_variant_get(reply, "(b)", &owned);
+            g_variant_unref(reply);
+        }
+        // The object is registered before the name is owned, so a call can go now.
+        if (owned) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+int EngineHarness::WaitPid(std::chrono::milliseconds timeout) {
+    auto deadline = Clock::now() + timeout;
+    while (true) {
+        int status = 0;
+        pid_t r = waitpid(m_pid, &status, WNOHANG);
+        if (r == m_pid) {
+            m_pid = -1;
+            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        }
+        if (r < 0) {
+            m_pid = -1;
+            return -1;
+        }
+        if (Clock::now() > deadline) return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+int EngineHarness::RunToExit(std::chrono::milliseconds timeout) {
+    m_pid = Spawn();
+    return WaitPid(timeout);
+}
+
+int EngineHarness::Stop(std::chrono::milliseconds timeout) {
+    if (m_pid <= 0) return -1;
+    kill(m_pid, SIGTERM);
+    int status = WaitPid(timeout);
+    if (status != 0) fprintf(stderr, "--- daemon output ---\n%s\n---\n", Output().c_str());
+    return status;
+}
+
+bool EngineHarness::Running() {
+    if (m_pid <= 0) return false;
+    int status = 0;
+    pid_t r = waitpid(m_pid, &status, WNOHANG);
+    if (r == 0) return true;
+    if (r == m_pid) m_pid = -1;
+    return false;
+}
+
+CallResult EngineHarness::Call(const std::string& method, GVariant* params,
+                               GDBusConnection* connection, int timeoutMs) {
+    CallResult result;
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection ? connection : Client(), kEngineName, kEnginePath, kEngineInterface,
+        method.c_str(), params, nullptr, G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr, &error);
+    result.reply.reset(reply);
+    if (error) {
+        result.error = error->message;
+        g_error_free(error);
+    }
+    return result;
+}
+
+std::string EngineHarness::Log() const { return ReadTextFile(LogFile()); }
+
+size_t EngineHarness::CountLog(const std::string& needle) const {
+    return CountOccurrences(Log(), needle);
+}
+
+bool EngineHarness::WaitForLog(const std::string& needle, size_t count,
+                               std::chrono::milliseconds timeout) {
+    auto deadline = Clock::now() + timeout;
+    while (CountLog(needle) < count) {
+        if (Clock::now() >= deadline) return false;
+        PumpMainContext(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+std::string EngineHarness::Output() const { return ReadTextFile(m_dir.file("engine.out")); }
+
+}  // namespace moxtest
