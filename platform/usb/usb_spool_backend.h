@@ -1,0 +1,60 @@
+// Simulated USB device service over a spool directory: every DIR/NAME.json
+// (NAME not empty and not starting with '.') describes one attached device.
+// A file that is renamed into place or closed after writing plugs its device
+// in; deleting or renaming it away unplugs the device as it was last read.
+// A file rewritten with different contents unplugs the old device and plugs
+// the new one; identical contents change nothing. Malformed or partial files
+// (not a JSON object, wrong member types, missing "devname"/"class", a mass
+// storage without "mount_path", over 64 KiB, not a regular file) are ignored
+// with a warning and leave the device of that name as it was.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "usb_backend.h"
+#include "usb_poll_thread.h"
+#include "usb_unique_fd.h"
+
+class UsbSpoolBackend : public UsbBackend {
+public:
+    explicit UsbSpoolBackend(std::string dir);
+    ~UsbSpoolBackend() override;
+
+    int Start(UsbEventSink* sink) override;
+    void Stop() override;
+    bool IsOwnThread() const override { return m_thread.IsCurrent(); }
+    void List(int usbClass, std::vector<UsbDeviceRef>& out) override;
+
+    // Reads one device file: 0, -ENOENT when it is gone, -EINVAL (with the
+    // reason) when it does not describe a device.
+    static int ReadDeviceFile(const std::string& path, UsbDeviceInfo& info, std::string& why);
+    // Parses the text of a device file; false (with the reason) when invalid.
+    static bool ParseDevice(const std::string& text, UsbDeviceInfo& info, std::string& why);
+
+private:
+    struct Event {
+        UsbDeviceRef device;
+        const char* action;
+    };
+
+    void t_Run(int stopFd);
+    // Each takes m_mutex, updates m_devices and appends what to report.
+    void m_Load(const std::string& name, std::vector<Event>& events);
+    void m_Unplug(const std::string& name, std::vector<Event>& events);
+    void m_Rescan(std::vector<Event>& events);
+    void m_UnplugAll(std::vector<Event>& events);
+    // Replaces (or, with an empty device, removes) the device of name.
+    void m_SetLocked(const std::string& name, UsbDeviceRef device, std::vector<Event>& events);
+
+    static bool IsDeviceFileName(const char* name);
+
+    const std::string m_dir;
+    UsbEventSink* m_sink = nullptr;  // set by Start, before the thread exists
+    UsbUniqueFd m_inotify;
+    UsbPollThread m_thread;
+    std::mutex m_mutex;
+    std::map<std::string, UsbDeviceRef> m_devices;  // file name -> device. GUARDED_BY(m_mutex)
+};
