@@ -14,3 +14,9 @@ typedef enum {
     MOX_ERROR_SCANNER_FIRST = 24,
     MOX_ERROR_SCANNER_LAST = 31,
 } mox_error_code_e;
+
+// Cursor moves of the client-side result pool (<mox/mox_resultpool.h>) use
+// three of these codes: MOX_ERROR_INVALID_PARAMETER for an index outside the
+// result, MOX_ERROR_NOT_READY when the index's section is not held yet (or
+// the cursor has no position), MOX_ERROR_FAILED_RESULT when the item under
+// the cursor cannot be read.

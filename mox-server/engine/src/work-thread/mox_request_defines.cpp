@@ -1,0 +1,52 @@
+#define MOX_LOG_TAG "MOX-CACHE"
+#include "mox_request_defines.h"
+
+#include <mox/json_value.h>
+#include <mox/mox_log.h>
+
+bool CMOXSortFunction::IsValid() const {
+    return comparison > MOX_COMPARE_NONE && comparison < MOX_COMPARE_MAX && keyType > MOX_VALUE_NONE &&
+           keyType < MOX_VALUE_MAX && readers != nullptr;
+}
+
+void CMOXSortFunction::GetKey(const ResultItemIndex& item, SMOXSortKey& out) const {
+    assert(keyType > MOX_VALUE_NONE && keyType < MOX_VALUE_MAX);
+    assert(readers != nullptr);
+    assert(item.nDataBlockIndex >= 0 && item.nDataBlockIndex < (int)readers->size());
+    const CCacheReader* pReader = (*readers)[item.nDataBlockIndex];
+    assert(pReader != nullptr);
+
+    out.nValue = 0;
+    out.strValue.clear();
+    std::string strItem;
+    if (!pReader->GetItem(item.nItemIndex, strItem)) return;
+    // The last item of a block carries its padding NULs; the JSON reader stops
+    // after the object and ignores them.
+    CJsonValue doc(std::move(strItem));
+    if (!doc.IsValid()) return;
+    // Ask for the type first: a get of a missing or mistyped member would log
+    // a warning at every comparison.
+    if (keyType == MOX_VALUE_INT) {
+        if (doc.IsInt(key)) doc.Get(key, out.nValue);
+    } else {
+        if (doc.IsString(key)) doc.Get(key, out.strValue);
+    }
+}
+
+bool CMOXSortFunction::Less(const SMOXSortKey& key1, const SMOXSortKey& key2) const {
+    assert(comparison > MOX_COMPARE_NONE && comparison < MOX_COMPARE_MAX);
+    if (keyType == MOX_VALUE_INT)
+        return comparison == MOX_COMPARE_ASC ? key1.nValue < key2.nValue : key1.nValue > key2.nValue;
+    // std::string compares bytes as unsigned char, shorter first on a common prefix.
+    return comparison == MOX_COMPARE_ASC ? key1.strValue < key2.strValue : key1.strValue > key2.strValue;
+}
+
+bool CMOXSortFunction::operator()(ResultItemIndex item1, ResultItemIndex item2) const {
+    assert(comparison > MOX_COMPARE_NONE && comparison < MOX_COMPARE_MAX);
+    assert(keyType > MOX_VALUE_NONE && keyType < MOX_VALUE_MAX);
+    assert(readers != nullptr);
+    SMOXSortKey key1, key2;
+    GetKey(item1, key1);
+    GetKey(item2, key2);
+    return Less(key1, key2);
+}

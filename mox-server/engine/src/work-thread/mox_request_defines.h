@@ -1,0 +1,63 @@
+// Definitions shared by the request commands: the sort rule of result lists.
+//
+// CMOXSortFunction orders result-list entries by one JSON member ("key") of
+// the items they point at: items are read from the data-block readers whose
+// positions equal the list's block slots, parsed as JSON objects, and compared
+// as integers (a missing or non-integer member is 0) or as byte strings (a
+// missing member is empty; on a common prefix the shorter comes first).
+//
+// operator() is the strict "comes before" predicate and parses both items on
+// every call. CResultListBuilder::SortItems reads every item's key once with
+// GetKey() and compares the keys with Less(): the same two functions make up
+// operator(), so both give the same order for the same input.
+//
+// key, keyType and comparison come from the client's command document, so
+// IsValid() must be checked before sorting (SortItems does); calling the
+// predicate with unusable settings is a programming error (asserted).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <mox/cache_reader.h>
+#include <mox/mox_cache_defines.h>
+
+typedef enum {
+    MOX_VALUE_NONE = 0,
+    MOX_VALUE_INT = 1,
+    MOX_VALUE_STRING = 2,
+    MOX_VALUE_MAX = 3,
+} MOX_VALUETYPE;
+
+typedef enum {
+    MOX_COMPARE_NONE = 0,
+    MOX_COMPARE_ASC = 1,
+    MOX_COMPARE_DESC = 2,
+    MOX_COMPARE_MAX = 3,
+} MOX_COMPARETYPE;
+
+// The sort key of one item, as read by CMOXSortFunction::GetKey.
+struct SMOXSortKey {
+    int nValue = 0;         // MOX_VALUE_INT
+    std::string strValue;   // MOX_VALUE_STRING
+};
+
+class CMOXSortFunction {
+public:
+    CMOXSortFunction() = default;
+
+    // Settings usable: comparison and keyType inside their bounds, readers set.
+    bool IsValid() const;
+    // Reads item's string from its data-block reader and extracts the key. An
+    // item that cannot be read or parsed has the zero key (0 or empty).
+    void GetKey(const ResultItemIndex& item, SMOXSortKey& out) const;
+    // True when key1 comes before key2.
+    bool Less(const SMOXSortKey& key1, const SMOXSortKey& key2) const;
+    bool operator()(ResultItemIndex item1, ResultItemIndex item2) const;
+
+    std::string key;
+    MOX_VALUETYPE keyType = MOX_VALUE_NONE;
+    MOX_COMPARETYPE comparison = MOX_COMPARE_NONE;
+    // Position = block slot of the list being built. Not owned.
+    std::vector<CCacheReader*>* readers = nullptr;
+};
