@@ -5,29 +5,21 @@
 
 #include <exception>
 
-CMOXSemphore::CMOXSemphore() : m_nCount(0) {
-    g_mutex_init(&m_mutex);
-    g_cond_init(&m_cond);
-}
+CMOXSemphore::CMOXSemphore() : m_nCount(0) {}
 
-CMOXSemphore::~CMOXSemphore() {
-    g_cond_clear(&m_cond);
-    g_mutex_clear(&m_mutex);
-}
+CMOXSemphore::~CMOXSemphore() = default;
 
 void CMOXSemphore::Post() {
-    g_mutex_lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     ++m_nCount;
-    g_cond_signal(&m_cond);
-    g_mutex_unlock(&m_mutex);
+    m_cond.notify_one();
 }
 
 void CMOXSemphore::Wait() {
-    g_mutex_lock(&m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     // Spurious wake-ups and stolen permits both land back in the loop.
-    while (m_nCount < 1) g_cond_wait(&m_cond, &m_mutex);
+    while (m_nCount < 1) m_cond.wait(lock);
     --m_nCount;
-    g_mutex_unlock(&m_mutex);
 }
 
 CMOXThread::CMOXThread() : m_hThread(NoThread()), m_nCreated(0) {}

@@ -1,5 +1,7 @@
-// CMOXSemphore: counting semaphore (GLib mutex, counter, condition) for
-// hand-overs between threads; any thread may Post or Wait.
+// CMOXSemphore: counting semaphore (mutex, counter, condition) for hand-overs
+// between threads; any thread may Post or Wait. Built on the standard mutex
+// and condition rather than GLib's futex-based ones so that ThreadSanitizer
+// sees the hand-overs.
 //
 // CMOXThread: base of every long-running worker. A subclass overrides
 // t_Process(); Create() starts it on a new GLib thread and returns only once
@@ -13,7 +15,9 @@
 #include <glib.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 
 class CMOXSemphore {
 public:
@@ -27,9 +31,9 @@ public:
     void Wait();
 
 private:
-    GMutex m_mutex;
+    std::mutex m_mutex;
     int m_nCount;  // GUARDED_BY(m_mutex)
-    GCond m_cond;
+    std::condition_variable m_cond;
 };
 
 class CMOXThread {

@@ -152,6 +152,8 @@ std::atomic<int> Counted::constructed{0};
 std::atomic<int> Counted::destroyed{0};
 
 TEST(Singleton, RacingFirstCallsShareOneInstance) {
+    const int constructed = Counted::constructed.load();
+    const int destroyed = Counted::destroyed.load();
     constexpr int kThreads = 8;
     std::vector<Counted*> seen(kThreads, nullptr);
     std::atomic<bool> go{false};
@@ -163,17 +165,17 @@ TEST(Singleton, RacingFirstCallsShareOneInstance) {
         });
     go = true;
     for (std::thread& t : threads) t.join();
-    EXPECT_EQ(1, Counted::constructed.load());
+    EXPECT_EQ(constructed + 1, Counted::constructed.load());
     for (Counted* p : seen) EXPECT_EQ(seen[0], p);
     EXPECT_EQ(5, seen[0]->value);
 
     CMOXSingleton<Counted>::Destroy();
-    EXPECT_EQ(1, Counted::destroyed.load());
+    EXPECT_EQ(destroyed + 1, Counted::destroyed.load());
     CMOXSingleton<Counted>::Destroy();  // nothing left: no second delete
-    EXPECT_EQ(1, Counted::destroyed.load());
+    EXPECT_EQ(destroyed + 1, Counted::destroyed.load());
 
     ASSERT_NE(nullptr, CMOXSingleton<Counted>::Get());
-    EXPECT_EQ(2, Counted::constructed.load());
+    EXPECT_EQ(constructed + 2, Counted::constructed.load());
     CMOXSingleton<Counted>::Destroy();
 }
 
