@@ -25,8 +25,6 @@ public:
     virtual int Start(UsbEventSink* sink) = 0;
     // Stops and joins the thread: no Deliver runs once it returns.
     virtual void Stop() = 0;
-    // Whether the caller is the backend's thread.
-    virtual bool IsOwnThread() const = 0;
     // Appends the devices of usbClass present now.
     virtual void List(int usbClass, std::vector<UsbDeviceRef>& out) = 0;
 };

@@ -6,7 +6,9 @@
 // while the callback runs so that changing the callback or finishing waits
 // for a callback in flight. It is recursive because the callback itself may
 // change the callback. Order: m_lifeMutex before m_cbMutex; m_mutex is never
-// held together with another.
+// held together with another. Init and fini refuse to run inside the
+// callback (t_delivering): they would take m_lifeMutex under m_cbMutex, and
+// fini would join the thread it runs on.
 #define MOX_LOG_TAG "MOX-USB"
 #include <mox/mox_log.h>
 
@@ -36,6 +38,9 @@ struct usb_device_list_s {
 };
 
 namespace {
+
+// Set while this thread runs the hot-plug callback.
+thread_local bool t_delivering = false;
 
 class UsbService : public UsbEventSink {
 public:
@@ -69,6 +74,7 @@ UsbService& Service() {
 }
 
 int UsbService::Init() {
+    if (t_delivering) return -EALREADY;
     std::lock_guard<std::mutex> life(m_lifeMutex);
     if (Backend()) {
         MOX_WARN("usb_device_init: already initialised");
@@ -93,16 +99,15 @@ int UsbService::Init() {
 }
 
 int UsbService::Fini() {
+    if (t_delivering) {
+        MOX_WARN("usb_device_fini called from the hot-plug callback");
+        return -EDEADLK;
+    }
     std::lock_guard<std::mutex> life(m_lifeMutex);
     std::shared_ptr<UsbBackend> backend;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_backend) return -EALREADY;
-        // Joining our own thread would never return.
-        if (m_backend->IsOwnThread()) {
-            MOX_WARN("usb_device_fini called from the hot-plug callback");
-            return -EDEADLK;
-        }
         backend = std::move(m_backend);
     }
     backend->Stop();
@@ -129,7 +134,12 @@ int UsbService::List(int usbClass, std::vector<UsbDeviceRef>& out) {
 
 void UsbService::Deliver(usb_device_h device, const char* action) {
     std::lock_guard<std::recursive_mutex> cbLock(m_cbMutex);
-    if (m_cb) m_cb(device, action, m_userData);
+    if (!m_cb) return;
+    struct DeliveringScope {
+        DeliveringScope() { t_delivering = true; }
+        ~DeliveringScope() { t_delivering = false; }
+    } scope;
+    m_cb(device, action, m_userData);
 }
 
 }  // namespace

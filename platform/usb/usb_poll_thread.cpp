@@ -33,7 +33,6 @@ int UsbPollThread::Start(std::function<void(int stopFd)> body) {
         MOX_WARN("cannot start USB service thread: %s", e.what());
         return -EAGAIN;
     }
-    m_id.store(m_thread.get_id());
     m_stopFd = std::move(stopFd);
     return 0;
 }
@@ -46,6 +45,5 @@ void UsbPollThread::Stop() {
     while (write(m_stopFd.get(), &one, sizeof(one)) < 0 && errno == EINTR) {
     }
     m_thread.join();
-    m_id.store(std::thread::id());
     m_stopFd.Reset();
 }

@@ -1,10 +1,8 @@
 // The thread of a USB backend: runs the backend's loop and stops it through
 // an eventfd that the loop polls beside its own descriptors. Start and Stop
-// are called by the service's init and fini (never concurrently with each
-// other); IsCurrent may be asked from any thread.
+// are called by the service's init and fini, never concurrently.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <thread>
 
@@ -23,11 +21,8 @@ public:
     int Start(std::function<void(int stopFd)> body);
     // Makes stopFd readable and joins the thread; a no-op when not running.
     void Stop();
-    // Whether the caller is this thread.
-    bool IsCurrent() const { return m_id.load() == std::this_thread::get_id(); }
 
 private:
     UsbUniqueFd m_stopFd;
     std::thread m_thread;
-    std::atomic<std::thread::id> m_id{};
 };

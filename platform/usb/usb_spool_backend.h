@@ -25,7 +25,6 @@ public:
 
     int Start(UsbEventSink* sink) override;
     void Stop() override;
-    bool IsOwnThread() const override { return m_thread.IsCurrent(); }
     void List(int usbClass, std::vector<UsbDeviceRef>& out) override;
 
     // Reads one device file: 0, -ENOENT when it is gone, -EINVAL (with the

@@ -34,7 +34,6 @@ public:
 
     int Start(UsbEventSink* sink) override;
     void Stop() override;
-    bool IsOwnThread() const override { return m_thread.IsCurrent(); }
     void List(int usbClass, std::vector<UsbDeviceRef>& out) override;
 
 private:
