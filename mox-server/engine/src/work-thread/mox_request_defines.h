@@ -22,14 +22,16 @@
 #include <mox/cache_reader.h>
 #include <mox/mox_cache_defines.h>
 
-typedef enum {
+// Both enumerations have int as their underlying type: their values come
+// from client documents, and any int must be a valid (if unusable) value.
+typedef enum : int {
     MOX_VALUE_NONE = 0,
     MOX_VALUE_INT = 1,
     MOX_VALUE_STRING = 2,
     MOX_VALUE_MAX = 3,
 } MOX_VALUETYPE;
 
-typedef enum {
+typedef enum : int {
     MOX_COMPARE_NONE = 0,
     MOX_COMPARE_ASC = 1,
     MOX_COMPARE_DESC = 2,

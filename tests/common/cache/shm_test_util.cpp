@@ -1,0 +1,141 @@
+#include "shm_test_util.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace moxtest {
+
+namespace {
+
+std::mutex g_trackMutex;
+std::set<std::string>& Tracked() {
+    static std::set<std::string> s_names;
+    return s_names;
+}
+
+std::string& LogPath() {
+    static std::string s_path;
+    return s_path;
+}
+
+// Points the log at a private file before anything logs, and at the end
+// checks that no tracked object survived the binary.
+class ShmTestEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override {
+        LogPath() = "/tmp/mox-shm-test-" + std::to_string(getpid()) + ".log";
+        unlink(LogPath().c_str());
+        setenv("MOX_LOG", ("file:" + LogPath()).c_str(), 1);
+    }
+    void TearDown() override {
+        std::lock_guard<std::mutex> lock(g_trackMutex);
+        for (const std::string& name : Tracked()) {
+            EXPECT_FALSE(ShmExists(name)) << "left in /dev/shm: " << name;
+            shm_unlink(name.c_str());
+        }
+        unlink(LogPath().c_str());
+    }
+};
+
+::testing::Environment* const g_env = ::testing::AddGlobalTestEnvironment(new ShmTestEnvironment);
+
+}  // namespace
+
+bool ShmExists(const std::string& strName) { return access(("/dev/shm/" + strName).c_str(), F_OK) == 0; }
+
+std::string ReadShm(const std::string& strName) {
+    std::ifstream in("/dev/shm/" + strName, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+bool WriteShm(const std::string& strName, const std::string& bytes) {
+    TrackShm(strName);
+    shm_unlink(strName.c_str());
+    int fd = shm_open(strName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    if (fd < 0) return false;
+    bool ok = write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+    close(fd);
+    return ok;
+}
+
+bool WriteSparseShm(const std::string& strName, const std::string& head, int64_t nSize) {
+    if (!WriteShm(strName, head)) return false;
+    int fd = shm_open(strName.c_str(), O_RDWR, 0600);
+    if (fd < 0) return false;
+    bool ok = ftruncate(fd, nSize) == 0;
+    close(fd);
+    return ok;
+}
+
+int32_t Int32At(const std::string& bytes, size_t nOffset) {
+    int32_t n = 0;
+    if (nOffset + 4 <= bytes.size()) memcpy(&n, bytes.data() + nOffset, 4);
+    return n;
+}
+
+void PutInt32(std::string& bytes, size_t nOffset, int32_t nValue) {
+    if (bytes.size() < nOffset + 4) bytes.resize(nOffset + 4, '\0');
+    memcpy(&bytes[nOffset], &nValue, 4);
+}
+
+void TrackShm(const std::string& strName) {
+    std::lock_guard<std::mutex> lock(g_trackMutex);
+    Tracked().insert(strName);
+}
+
+std::string LogText() {
+    std::ifstream in(LogPath(), std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+size_t LogMark() { return LogText().size(); }
+
+std::string LogSince(size_t nMark) {
+    std::string text = LogText();
+    return nMark < text.size() ? text.substr(nMark) : std::string();
+}
+
+int RunProgram(const std::vector<std::string>& argv, std::string& strOutput) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        dup2(fds[1], STDOUT_FILENO);
+        close(fds[0]);
+        close(fds[1]);
+        std::vector<char*> args;
+        for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    strOutput.clear();
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof(buf))) > 0 || (n < 0 && errno == EINTR))
+        if (n > 0) strOutput.append(buf, static_cast<size_t>(n));
+    close(fds[0]);
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace moxtest
