@@ -11,47 +11,9 @@ cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DMOX_BUILD_TESTS=OFF > /
 cmake --build build-release -j"$(nproc)"
 
 WORK=$(mktemp -d /tmp/mox-demo.XXXXXX)
-BUS_PID=""
-ENGINE_PID=""
-cleanup() {
-  [ -n "$ENGINE_PID" ] && kill "$ENGINE_PID" 2>/dev/null || true
-  [ -n "$BUS_PID" ] && kill "$BUS_PID" 2>/dev/null || true
-  rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-mkdir -p "$WORK"/{vconf,usb,appdata,plugins,spool}
-cat > "$WORK/bus.conf" <<CONF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=$WORK/bus.socket</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/><allow own="*"/>
-    <allow send_type="method_call"/><allow send_type="signal"/>
-    <allow send_type="method_return"/><allow send_type="error"/>
-    <allow receive_type="method_call"/><allow receive_type="signal"/>
-    <allow receive_type="method_return"/><allow receive_type="error"/>
-  </policy>
-</busconfig>
-CONF
-dbus-daemon --nofork --nopidfile --config-file="$WORK/bus.conf" &
-BUS_PID=$!
-for _ in $(seq 100); do [ -S "$WORK/bus.socket" ] && break; sleep 0.05; done
-
-export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$WORK/bus.socket"
-export MOX_DBUS_CONFIG="$ROOT/data/mox_dbus_config.xml"
-export MOX_STATUS_FILE="$WORK/mox-engine.status"
-export MOX_PLUGIN_DIR="$WORK/plugins"
-export MOX_APP_DATA_DIR="$WORK/appdata"
-export MOX_USB_ROOT="$WORK/usb"
-export MOX_VCONF_DIR="$WORK/vconf"
-export MOX_FEATURES_FILE="$WORK/features"
-export MOX_CA_BUNDLE="$WORK/ca.pem"
-export MOX_USB_BACKEND="spool:$WORK/spool"
-export MOX_LOG="file:$WORK/engine.log"
+. scripts/lib/engine-env.sh
+trap engine_env_cleanup EXIT
+engine_env_start_bus
 export MOX_LOG_LEVEL=info
 
 # A pending factory reset: the daemon clears it at start.
@@ -60,16 +22,11 @@ echo '{}' > "$WORK/appdata/.UHD_Metadata.json"
 
 build-release/mox-server/engine/src/mox-engine &
 ENGINE_PID=$!
-for _ in $(seq 200); do
-  gdbus call --system --dest org.freedesktop.DBus --object-path /org/freedesktop/DBus \
-    --method org.freedesktop.DBus.NameHasOwner com.orvia.mox.engine 2>/dev/null | grep -q true && break
-  sleep 0.05
-done
+engine_env_wait_for_name
 
 call() {
   echo "\$ gdbus call ... --method com.orvia.mox.engine.$1 ${*:2}"
-  gdbus call --system --dest com.orvia.mox.engine --object-path /com/orvia/mox/engine \
-    --method "com.orvia.mox.engine.$1" "${@:2}"
+  engine_call "$@"
 }
 
 echo "== status file: $(cat "$MOX_STATUS_FILE")"
