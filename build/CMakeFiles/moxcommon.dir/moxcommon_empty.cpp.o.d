@@ -1,2 +1,0 @@
-CMakeFiles/moxcommon.dir/moxcommon_empty.cpp.o: \
- /work/main/build/moxcommon_empty.cpp /usr/include/stdc-predef.h

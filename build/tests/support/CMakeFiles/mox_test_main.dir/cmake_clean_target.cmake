@@ -1,3 +1,0 @@
-file(REMOVE_RECURSE
-  "libmox_test_main.a"
-)

@@ -1,2 +1,0 @@
-# Empty dependencies file for mox_test_main.
-# This may be replaced when dependencies are built.
