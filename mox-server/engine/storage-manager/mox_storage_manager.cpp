@@ -1,0 +1,320 @@
+#define MOX_LOG_TAG "MOX-STORAGE"
+#include <mox/mox_log.h>
+
+#include "mox_storage_manager.h"
+
+#include <algorithm>
+#include <exception>
+#include <mutex>
+#include <string>
+
+#include <json/value.h>
+
+#include <mox/json_value.h>
+#include <mox/mox_types.h>
+
+namespace {
+
+constexpr int kMaxDeviceIndex = 100;
+
+}  // namespace
+
+CMOXStorageMgr::CMOXStorageMgr() {
+    // The USB manager installs its platform callback, which waits for a
+    // callback in flight; doing it before taking m_mutex keeps the order
+    // "platform callback lock, then m_mutex" that events follow. An event
+    // arriving meanwhile waits for the first enumeration below.
+    m_pMOXUsbManager = new CMOXUSBMgr();
+    m_pMOXUsbManager->SetNotificationCb(cb_mscNotification, this);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_InitFinishFlag = m_Create();
+}
+
+CMOXStorageMgr::~CMOXStorageMgr() {
+    // Stops the USB service: no event runs or arrives after this.
+    MOX_SAFE_DELETE_PTR(m_pMOXUsbManager);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_DestroyUSBList();
+        m_DestroyPTPList();
+    }
+}
+
+bool CMOXStorageMgr::m_Create() {
+    if (!m_pMOXUsbManager) {
+        m_pMOXUsbManager = new CMOXUSBMgr();
+        m_pMOXUsbManager->SetNotificationCb(cb_mscNotification, this);
+    }
+    if (!m_InitUSBList()) {
+        MOX_WARN("m_InitUSBList FAILED...");
+        return false;
+    }
+    if (!m_InitPTPList()) {
+        MOX_WARN("m_InitPTPList FAILED...");
+        return false;
+    }
+    return true;
+}
+
+void CMOXStorageMgr::SetInternalCB(MOXStorageInternalCb cb, void* userData) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_storage_internal_cb = cb;
+    m_pInternalUserData = userData;
+}
+
+void* CMOXStorageMgr::GetInternalUserdata() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_pInternalUserData;
+}
+
+void CMOXStorageMgr::SetNotificationCB(MOXStorageNotificationCb cb) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_storage_notification_cb = cb;
+}
+
+void CMOXStorageMgr::AddNotificationClient(dbus_connection_info_s& client) {
+    MOX_INFO("Calling AddNotificationClient...");
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (std::find(m_clients.begin(), m_clients.end(), client) != m_clients.end()) {
+        MOX_INFO("Already exist client...");
+        return;
+    }
+    m_clients.push_back(client);
+}
+
+void CMOXStorageMgr::RemoveNotificationClient(dbus_connection_info_s& client) {
+    MOX_INFO("Calling RemoveNotificationClient...");
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = std::find(m_clients.begin(), m_clients.end(), client);
+    if (it != m_clients.end()) m_clients.erase(it);
+}
+
+int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) {
+    MOX_INFO("Calling GetStoraes...");
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_InitFinishFlag) {
+        MOX_WARN("m_InitFinishFlag is false, retry init");
+        m_InitFinishFlag = m_Create();
+        if (!m_InitFinishFlag) {
+            MOX_WARN("m_InitFinishFlag is false...");
+            return MOX_ERROR_GENERIC;
+        }
+    } else if (type == MOX_STORAGE_DEVICE_USB) {
+        if (!m_InitUSBList()) {
+            MOX_WARN("m_InitUSBList FAILED...");
+            return MOX_ERROR_GENERIC;
+        }
+    } else if (type == MOX_STORAGE_DEVICE_PTP) {
+        if (!m_InitPTPList()) {
+            MOX_WARN("m_InitPTPList FAILED...");
+            return MOX_ERROR_GENERIC;
+        }
+    }
+    if (type == MOX_STORAGE_DEVICE_USB)
+        out = ConvertStoragesToJson(m_USBList);
+    else if (type == MOX_STORAGE_DEVICE_PTP)
+        out = ConvertStoragesToJson(m_PTPList);
+    return MOX_ERROR_NONE;
+}
+
+bool CMOXStorageMgr::m_InitUSBList() { return m_InitList(m_USBList, true); }
+
+bool CMOXStorageMgr::m_InitPTPList() { return m_InitList(m_PTPList, false); }
+
+bool CMOXStorageMgr::m_InitList(std::vector<UsbDevicePtr>& list, bool bUsb) {
+    if (!m_pMOXUsbManager) {
+        MOX_WARN("m_pMOXUsbManager == NULL");
+        return false;
+    }
+    // Enumerate first: a failed enumeration leaves the list and its
+    // indices as they were.
+    std::vector<UsbDevicePtr> fresh;
+    if (!(bUsb ? m_pMOXUsbManager->GetUsbStorages(fresh) : m_pMOXUsbManager->GetPtpStorages(fresh)))
+        return false;
+    for (UsbDevicePtr& record : list) m_AssignDevIndex(record, false);
+    list.swap(fresh);
+    m_InitDevIndex(list);
+    m_PrintList(list);
+    return true;
+}
+
+void CMOXStorageMgr::m_InitDevIndex(std::vector<UsbDevicePtr>& list) {
+    for (UsbDevicePtr& record : list) m_AssignDevIndex(record, true);
+}
+
+void CMOXStorageMgr::m_AssignDevIndex(UsbDevicePtr& record, bool bAssign) {
+    const std::string model = record->GetModelName();
+    auto map_iter = m_mapUSBDevName.find(model);
+    if (bAssign) {
+        if (map_iter == m_mapUSBDevName.end()) {
+            std::set<int> all;
+            for (int i = 1; i <= kMaxDeviceIndex; ++i) all.insert(i);
+            m_mapUSBDevName.emplace(model, std::move(all));
+            map_iter = m_mapUSBDevName.find(model);
+        }
+        assert(map_iter != m_mapUSBDevName.end());
+        std::set<int>& freeIndices = map_iter->second;
+        if (freeIndices.empty()) {
+            MOX_WARN("[%s] has no free device index, %s gets none", model.c_str(), record->GetDeviceName().c_str());
+            record->SetDeviceIndex(0);
+            return;
+        }
+        record->SetDeviceIndex(*freeIndices.begin());
+        freeIndices.erase(freeIndices.begin());
+        return;
+    }
+    if (map_iter == m_mapUSBDevName.end()) {
+        MOX_INFO("[%s] is not exist.", model.c_str());
+        return;
+    }
+    int index = record->GetDeviceIndex();
+    if (index < 1 || index > kMaxDeviceIndex) return;  // never had one
+    map_iter->second.insert(index);
+    if (map_iter->second.size() == static_cast<size_t>(kMaxDeviceIndex)) m_mapUSBDevName.erase(map_iter);
+}
+
+void CMOXStorageMgr::m_DestroyUSBList() {
+    for (UsbDevicePtr& record : m_USBList) m_AssignDevIndex(record, false);
+    m_USBList.clear();
+}
+
+void CMOXStorageMgr::m_DestroyPTPList() {
+    for (UsbDevicePtr& record : m_PTPList) m_AssignDevIndex(record, false);
+    m_PTPList.clear();
+}
+
+bool CMOXStorageMgr::m_IsSameDevice(const UsbDevicePtr& a, const UsbDevicePtr& b) {
+    if (a->GetDeviceMountPath() != b->GetDeviceMountPath()) return false;
+    if (a->GetDeviceClass() != MOX_USB_CLASS_PTP) return true;
+    return a->GetBus() == b->GetBus() && a->GetAddress() == b->GetAddress();
+}
+
+void CMOXStorageMgr::m_UpdateUsbSotrages(UsbDevicePtr& record, bool bConnected) {
+    m_UpdateList(m_USBList, record, bConnected);
+}
+
+void CMOXStorageMgr::m_UpdatePtpSotrages(UsbDevicePtr& record, bool bConnected) {
+    m_UpdateList(m_PTPList, record, bConnected);
+}
+
+void CMOXStorageMgr::m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, bool bConnected) {
+    auto listed = std::find_if(list.begin(), list.end(),
+                               [&](const UsbDevicePtr& entry) { return m_IsSameDevice(entry, record); });
+    if (bConnected) {
+        if (listed != list.end() && (*listed)->GetModelName() == record->GetModelName()) {
+            // Already enumerated by a query that ran between the device's
+            // appearance and this event: keep its index.
+            record->SetDeviceIndex((*listed)->GetDeviceIndex());
+            *listed = record;
+            return;
+        }
+        m_AssignDevIndex(record, true);
+        list.push_back(record);
+        return;
+    }
+    if (listed == list.end()) return;
+    record->SetDeviceIndex((*listed)->GetDeviceIndex());
+    m_AssignDevIndex(*listed, false);
+    list.erase(listed);
+}
+
+void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& record, bool bConnected,
+                                        void* userData) {
+    CMOXStorageMgr* pThis = static_cast<CMOXStorageMgr*>(userData);
+    assert(pThis != NULL);
+    std::lock_guard<std::mutex> lock(pThis->m_mutex);
+    if (usb_device_get_class(device) == USB_DEVICE_CLASS_STILL_IMAGE)
+        pThis->m_UpdatePtpSotrages(record, bConnected);
+    else
+        pThis->m_UpdateUsbSotrages(record, bConnected);
+    record->PrintUSBInfo(bConnected);
+
+    std::vector<UsbDevicePtr> changed{record};
+    std::string storages = ConvertStoragesToJson(changed);
+    if (pThis->m_clients.empty())
+        MOX_INFO("There is no client...");
+    else
+        MOX_INFO("Notify %d client with storage %s", static_cast<int>(pThis->m_clients.size()),
+                 bConnected ? "connect" : "disconnect");
+    mox_storage_event_e event = bConnected ? MOX_STORAGE_CONNECTED : MOX_STORAGE_DISCONNECTED;
+
+    // The daemon clears both callbacks before destroying this manager; an
+    // event in between is logged and dropped, not fatal.
+    MOX_ASSERT(pThis->m_storage_internal_cb != NULL);
+    if (pThis->m_storage_internal_cb)
+        pThis->m_storage_internal_cb(usb_device_ref(device), event, pThis->m_pInternalUserData);
+    MOX_ASSERT(pThis->m_storage_notification_cb != NULL);
+    if (pThis->m_storage_notification_cb) {
+        for (const dbus_connection_info_s& client : pThis->m_clients)
+            pThis->m_storage_notification_cb(client, event, storages);
+    }
+}
+
+std::string CMOXStorageMgr::GetFileSystemAsString(int nFileSystem) {
+    switch (nFileSystem) {
+        case MOX_USB_FS_VFAT: return "VFAT";
+        case MOX_USB_FS_EXT4: return "EXT4";
+        case MOX_USB_FS_NTFS: return "NTFS";
+        default: return "UNKNOWN";
+    }
+}
+
+std::string CMOXStorageMgr::GetDiskTypeAsString(int nDeviceClass) {
+    switch (nDeviceClass) {
+        case MOX_USB_CLASS_MSC: return "msc";
+        case MOX_USB_CLASS_PTP: return "ptp";
+        default: return "unknown";
+    }
+}
+
+std::string CMOXStorageMgr::ConvertNumberToString(int nNumber) { return std::to_string(nNumber); }
+
+std::string CMOXStorageMgr::ConvertNumberToString(long long llNumber) { return std::to_string(llNumber); }
+
+std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& list) {
+    CJsonValue document;
+    if (list.empty()) return document.ToStyledString();
+    try {
+        Json::Value devices(Json::arrayValue);
+        for (const UsbDevicePtr& record : list) {
+            const std::string mountPath = record->GetDeviceMountPath();
+            const bool bSized = mountPath != MOX_USB_NO_MOUNT_PATH;
+            Json::Value device(Json::objectValue);
+            device["id"] = record->GetDeviceID();
+            device["name"] = record->GetModelName();
+            device["totalSize"] = bSized ? ConvertNumberToString(record->GetDeviceTotalSize()) : "0";
+            device["availableSize"] = bSized ? ConvertNumberToString(record->GetDeviceAvailableSize()) : "0";
+            device["mountPath"] = mountPath;
+            device["fileSystem"] = GetFileSystemAsString(record->GetFileSystem());
+            device["serialNumber"] = record->GetSerial();
+            device["vendor"] = record->GetManufacturer();
+            device["deviceIndex"] = record->GetDeviceIndex();
+            if (record->GetDeviceClass() == MOX_USB_CLASS_PTP) {
+                device["deviceAddress"] = ConvertNumberToString(record->GetAddress());
+                device["deviceBus"] = ConvertNumberToString(record->GetBus());
+            }
+            device["partitionLabel"] = record->GetPartitionLabel();
+            device["type"] = GetDiskTypeAsString(record->GetDeviceClass());
+            devices.append(device);
+        }
+        document.SetValue("devices", devices);
+    } catch (const std::exception& e) {
+        MOX_WARN("storage document failed: %s", e.what());
+        return CJsonValue().ToStyledString();
+    }
+    return document.ToStyledString();
+}
+
+void CMOXStorageMgr::PrintUSBListInfo() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_PrintList(m_USBList);
+}
+
+void CMOXStorageMgr::PrintPTPListInfo() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_PrintList(m_PTPList);
+}
+
+void CMOXStorageMgr::m_PrintList(const std::vector<UsbDevicePtr>& list) {
+    for (const UsbDevicePtr& record : list) record->PrintUSBInfo(true);
+}

@@ -1,0 +1,96 @@
+// CMOXStorageMgr: the daemon's view of attached storages (USB mass-storage
+// partitions and cameras), each record carrying a device index unique per
+// model name (1 to 100). It answers get_usb_storages with the storage
+// document and, on every hot-plug event, updates its lists, calls the
+// daemon's internal callback and then the notification callback once per
+// bound client.
+//
+// Threads and locks: one mutex guards the lists, the index pools, the
+// clients and the callbacks. Queries run on the caller's thread; hot-plug
+// events arrive on the USB service's thread. Both callbacks run with the
+// mutex held: they must not call back into the storage manager. The
+// destructor stops the USB service first (waiting for an event in flight),
+// so it must not run on the USB service's thread or under a lock the
+// callbacks take.
+//
+// Device index: a device of a model already holding all 100 indices gets
+// index 0 ("no index") and a warning; index 0 is never returned to the pool.
+// An arriving device that is already listed (a query enumerated it between
+// its appearance and its event) keeps its record's index instead of taking
+// a second one. Cameras, which all have mount path "n/a", are matched by
+// bus and address as well.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "mox_device.h"
+#include "mox_storage_defines.h"
+#include "mox_usb_mgr.h"
+
+class CMOXStorageMgr {
+public:
+    CMOXStorageMgr();
+    ~CMOXStorageMgr();
+    CMOXStorageMgr(const CMOXStorageMgr&) = delete;
+    CMOXStorageMgr& operator=(const CMOXStorageMgr&) = delete;
+
+    // cb == nullptr clears a callback; events then go unreported to it.
+    void SetInternalCB(MOXStorageInternalCb cb, void* userData);
+    void* GetInternalUserdata();
+    void SetNotificationCB(MOXStorageNotificationCb cb);
+
+    void AddNotificationClient(dbus_connection_info_s& client);
+    void RemoveNotificationClient(dbus_connection_info_s& client);
+
+    // The storage document of the storages of one type present now (the
+    // list is enumerated afresh). 0, or 23 when enumeration fails; a type
+    // other than USB or PTP leaves out untouched and returns 0.
+    int GetStorages(mox_storage_device_type type, std::string& out);
+
+    // Document conversions.
+    static std::string GetFileSystemAsString(int nFileSystem);
+    // "type" of a record from its device class.
+    static std::string GetDiskTypeAsString(int nDeviceClass);
+    static std::string ConvertNumberToString(int nNumber);
+    static std::string ConvertNumberToString(long long llNumber);
+    // {"devices": [...]} in styled form; an empty list is "null\n".
+    static std::string ConvertStoragesToJson(std::vector<UsbDevicePtr>& list);
+
+    void PrintUSBListInfo();
+    void PrintPTPListInfo();
+
+private:
+    // All m_ operations below require m_mutex held.
+    bool m_Create();
+    bool m_InitUSBList();
+    bool m_InitPTPList();
+    bool m_InitList(std::vector<UsbDevicePtr>& list, bool bUsb);
+    void m_InitDevIndex(std::vector<UsbDevicePtr>& list);
+    void m_AssignDevIndex(UsbDevicePtr& record, bool bAssign);
+    void m_DestroyUSBList();
+    void m_DestroyPTPList();
+    void m_UpdateUsbSotrages(UsbDevicePtr& record, bool bConnected);
+    void m_UpdatePtpSotrages(UsbDevicePtr& record, bool bConnected);
+    void m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, bool bConnected);
+    static bool m_IsSameDevice(const UsbDevicePtr& a, const UsbDevicePtr& b);
+    static void m_PrintList(const std::vector<UsbDevicePtr>& list);
+
+    static void cb_mscNotification(usb_device_h device, UsbDevicePtr& record, bool bConnected, void* userData);
+
+    std::vector<UsbDevicePtr> m_USBList;                     // GUARDED_BY(m_mutex)
+    std::vector<UsbDevicePtr> m_PTPList;                     // GUARDED_BY(m_mutex)
+    std::map<std::string, std::set<int>> m_mapUSBDevName;   // model -> free indices. GUARDED_BY(m_mutex)
+    std::vector<dbus_connection_info_s> m_clients;           // GUARDED_BY(m_mutex)
+    // A standard mutex rather than a GMutex: GLib's futex-based GMutex is
+    // invisible to ThreadSanitizer.
+    std::mutex m_mutex;
+    bool m_InitFinishFlag = false;                           // GUARDED_BY(m_mutex)
+    CMOXUSBMgr* m_pMOXUsbManager = nullptr;                  // owned; set before the first lock
+    MOXStorageInternalCb m_storage_internal_cb = nullptr;    // GUARDED_BY(m_mutex)
+    void* m_pInternalUserData = nullptr;                     // GUARDED_BY(m_mutex)
+    MOXStorageNotificationCb m_storage_notification_cb = nullptr;  // GUARDED_BY(m_mutex)
+};

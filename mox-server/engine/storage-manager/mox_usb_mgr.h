@@ -1,0 +1,56 @@
+// CMOXUSBMgr: the only user of the platform USB service. It lists the
+// storages present now as CMOXUSBDevice records and forwards the service's
+// hot-plug callbacks, as filled records, to one notification callback.
+//
+// Threads: GetUsbStorages/GetPtpStorages run on the caller's thread; the
+// notification callback runs on the USB service's thread, with no lock of
+// this class held, and must not destroy this manager. The destructor stops
+// the service and waits for a callback in flight, so it must not run while
+// holding a lock that the notification callback takes.
+// One manager at a time per process: the platform service is initialised once.
+#pragma once
+
+#include <mutex>
+#include <vector>
+
+#include <usb_device.h>
+
+#include "mox_device.h"
+
+// device: borrowed for the call (take a reference to keep it); record: the
+// device's filled record; connected: arrival (true) or departure (false).
+typedef void (*MOXUSBNotificationCb)(usb_device_h device, UsbDevicePtr& record, bool connected, void* userData);
+
+class CMOXUSBMgr {
+public:
+    CMOXUSBMgr();
+    ~CMOXUSBMgr();
+    CMOXUSBMgr(const CMOXUSBMgr&) = delete;
+    CMOXUSBMgr& operator=(const CMOXUSBMgr&) = delete;
+
+    void SetNotificationCb(MOXUSBNotificationCb cb, void* userData);
+    void* GetUserData();
+
+    // Appends a record per mass-storage partition mounted under the USB root.
+    bool GetUsbStorages(std::vector<UsbDevicePtr>& out);
+    // Appends a record per camera.
+    bool GetPtpStorages(std::vector<UsbDevicePtr>& out);
+
+    // Fills record from the platform device's properties.
+    static void m_SetStorageInfo(usb_device_h device, UsbDevicePtr& record);
+
+private:
+    bool m_InitUSB();
+    void m_DeinitUSB();
+    bool m_GetUsbStorages(std::vector<UsbDevicePtr>& out);
+    bool m_GetPtpStorages(std::vector<UsbDevicePtr>& out);
+
+    static void s_USBConnctedCallback(usb_device_h device, const char* action, void* userData);
+
+    // The service may report an event before SetNotificationCb: the two
+    // fields are read on its thread.
+    std::mutex m_cbMutex;
+    MOXUSBNotificationCb m_notificationCb = nullptr;  // GUARDED_BY(m_cbMutex)
+    void* m_pUserData = nullptr;                      // GUARDED_BY(m_cbMutex)
+    bool m_bConnected = false;                        // set by the constructor only
+};

@@ -1,0 +1,448 @@
+// The storage manager against the simulated USB service and real mount
+// directories: the storage document, per-model device indices, client
+// notifications, the first-enumeration retry and hot-plug during queries.
+#include <gtest/gtest.h>
+
+#include <sys/statfs.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <json/reader.h>
+#include <json/value.h>
+
+#include "mox_storage_manager.h"
+#include "storage_test_env.h"
+
+namespace {
+
+using moxtest::StorageTestEnv;
+
+struct Notification {
+    dbus_connection_info_s client;
+    mox_storage_event_e event;
+    Json::Value document;
+};
+
+struct InternalEvent {
+    mox_storage_event_e event;
+    std::string mountPath;
+    int usbClass;
+    void* userData;
+};
+
+// The callbacks carry no user data of their own: one recorder per process.
+struct Recorder {
+    std::mutex mutex;
+    std::condition_variable cond;
+    std::vector<Notification> notifications;  // GUARDED_BY(mutex)
+    std::vector<InternalEvent> internal;      // GUARDED_BY(mutex)
+    std::function<void()> duringInternal;     // set while no manager exists
+
+    void Reset() {
+        std::lock_guard<std::mutex> lock(mutex);
+        notifications.clear();
+        internal.clear();
+        duringInternal = nullptr;
+    }
+    bool WaitInternal(size_t n) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cond.wait_for(lock, std::chrono::seconds(10), [&] { return internal.size() >= n; });
+    }
+    // Notifications follow the internal callback of the same event.
+    bool WaitNotifications(size_t n) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cond.wait_for(lock, std::chrono::seconds(10), [&] { return notifications.size() >= n; });
+    }
+} g_recorder;
+
+Json::Value Parse(const std::string& text) {
+    Json::Value root;
+    Json::CharReaderBuilder builder;
+    std::string errors;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, &errors)) << errors << text;
+    return root;
+}
+
+void OnInternal(usb_device_h device, mox_storage_event_e event, void* userData) {
+    const char* mount = usb_device_get_mountpath(device);
+    InternalEvent e{event, mount ? mount : "", usb_device_get_class(device), userData};
+    usb_device_unref(device);  // the handler owns the handle
+    std::function<void()> hook;
+    {
+        std::lock_guard<std::mutex> lock(g_recorder.mutex);
+        hook = g_recorder.duringInternal;
+    }
+    if (hook) hook();
+    std::lock_guard<std::mutex> lock(g_recorder.mutex);
+    g_recorder.internal.push_back(e);
+    g_recorder.cond.notify_all();
+}
+
+void OnNotify(dbus_connection_info_s client, mox_storage_event_e event, std::string storages) {
+    Json::Value document = Parse(storages);
+    std::lock_guard<std::mutex> lock(g_recorder.mutex);
+    g_recorder.notifications.push_back({client, event, document});
+    g_recorder.cond.notify_all();
+}
+
+// What the test added to the MOX_LOG file since `from` (its size before).
+std::string LogPath() {
+    const char* sink = getenv("MOX_LOG");
+    return (sink && std::string(sink).rfind("file:", 0) == 0) ? std::string(sink + 5) : std::string();
+}
+size_t LogSize() { return moxtest::ReadTextFile(LogPath()).size(); }
+std::string LogSince(size_t from) { return moxtest::ReadTextFile(LogPath()).substr(from); }
+size_t Occurrences(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+dbus_connection_info_s Client(const char* sender) {
+    dbus_connection_info_s c;
+    c.sender = sender;
+    c.objectPath = "/com/orvia/app";
+    c.interfaceName = "com.orvia.app";
+    return c;
+}
+
+class StorageManager : public ::testing::Test {
+protected:
+    void SetUp() override { g_recorder.Reset(); }
+
+    // Creates the manager with both callbacks, as the daemon does.
+    std::unique_ptr<CMOXStorageMgr> Start() {
+        auto manager = std::make_unique<CMOXStorageMgr>();
+        manager->SetNotificationCB(&OnNotify);
+        manager->SetInternalCB(&OnInternal, &m_engine);
+        return manager;
+    }
+
+    Json::Value Storages(CMOXStorageMgr& manager, mox_storage_device_type type) {
+        std::string text;
+        EXPECT_EQ(0, manager.GetStorages(type, text));
+        return Parse(text);
+    }
+
+    // Device indices of the notifications so far, in order.
+    std::vector<int> NotifiedIndices() {
+        std::lock_guard<std::mutex> lock(g_recorder.mutex);
+        std::vector<int> indices;
+        for (const Notification& n : g_recorder.notifications)
+            indices.push_back(n.document["devices"][0]["deviceIndex"].asInt());
+        return indices;
+    }
+
+    StorageTestEnv m_env;
+    int m_engine = 0;  // stands for the engine object given as user data
+};
+
+TEST_F(StorageManager, UsbDocumentListsMountedPartitionsWithExactMembersAndSizes) {
+    std::string mount = m_env.MountDir("sdb1");
+    m_env.Plug("a", StorageTestEnv::Stick("/dev/sdb1", mount));
+    m_env.Plug("b", StorageTestEnv::Stick("/dev/sdc1", "/media/elsewhere"));
+    auto manager = Start();
+
+    std::string text;
+    ASSERT_EQ(0, manager->GetStorages(MOX_STORAGE_DEVICE_USB, text));
+    EXPECT_NE(std::string::npos, text.find("\n   ")) << "styled, indented output expected: " << text;
+    Json::Value doc = Parse(text);
+    ASSERT_TRUE(doc.isObject());
+    EXPECT_EQ(std::vector<std::string>{"devices"}, doc.getMemberNames());
+    ASSERT_EQ(1u, doc["devices"].size());
+    const Json::Value& d = doc["devices"][0];
+    std::vector<std::string> members = d.getMemberNames();
+    EXPECT_EQ((std::set<std::string>{"id", "name", "totalSize", "availableSize", "mountPath", "fileSystem",
+                                     "serialNumber", "vendor", "deviceIndex", "partitionLabel", "type"}),
+              std::set<std::string>(members.begin(), members.end()));
+    for (const std::string& m : members)
+        if (m != "deviceIndex") {
+            EXPECT_TRUE(d[m].isString()) << m;
+        }
+    EXPECT_TRUE(d["deviceIndex"].isInt());
+    EXPECT_EQ(1, d["deviceIndex"].asInt());
+    EXPECT_EQ("/dev/sdb1", d["id"].asString());
+    EXPECT_EQ("Cruzer Blade", d["name"].asString());
+    EXPECT_EQ(mount, d["mountPath"].asString());
+    EXPECT_EQ("VFAT", d["fileSystem"].asString());
+    EXPECT_EQ("SN-sdb1", d["serialNumber"].asString());
+    EXPECT_EQ("SanDisk", d["vendor"].asString());
+    EXPECT_EQ("HOLIDAY", d["partitionLabel"].asString());
+    EXPECT_EQ("msc", d["type"].asString());
+
+    struct statfs st;
+    ASSERT_EQ(0, statfs(mount.c_str(), &st));
+    EXPECT_EQ(std::to_string(static_cast<long long>(st.f_bsize) * static_cast<long long>(st.f_blocks) / 1024),
+              d["totalSize"].asString());
+    long long available = std::stoll(d["availableSize"].asString());
+    EXPECT_GT(available, 0);
+    EXPECT_LE(available, std::stoll(d["totalSize"].asString()));
+}
+
+TEST_F(StorageManager, FileSystemNamesFollowThePlatformCodes) {
+    const std::pair<int, const char*> cases[] = {{0, "VFAT"}, {2, "EXT4"}, {3, "NTFS"}, {1, "UNKNOWN"}, {9, "UNKNOWN"}};
+    for (auto [code, name] : cases)
+        m_env.Plug("fs" + std::to_string(code),
+                   StorageTestEnv::Stick("/dev/fs" + std::to_string(code), m_env.MountDir("fs" + std::to_string(code)),
+                                         "Model" + std::to_string(code), code));
+    auto manager = Start();
+    Json::Value doc = Storages(*manager, MOX_STORAGE_DEVICE_USB);
+    ASSERT_EQ(5u, doc["devices"].size());
+    for (const Json::Value& d : doc["devices"]) {
+        int code = std::stoi(d["name"].asString().substr(5));
+        for (auto [c, name] : cases)
+            if (c == code) {
+                EXPECT_EQ(name, d["fileSystem"].asString()) << code;
+            }
+    }
+}
+
+TEST_F(StorageManager, CameraRecordCarriesAddressAndBusAndZeroSizes) {
+    m_env.Plug("cam", StorageTestEnv::Camera("/dev/bus/usb/001/007", 7, 3));
+    auto manager = Start();
+    Json::Value doc = Storages(*manager, MOX_STORAGE_DEVICE_PTP);
+    ASSERT_EQ(1u, doc["devices"].size());
+    const Json::Value& d = doc["devices"][0];
+    EXPECT_EQ("0", d["totalSize"].asString());
+    EXPECT_EQ("0", d["availableSize"].asString());
+    EXPECT_EQ("n/a", d["mountPath"].asString());
+    EXPECT_TRUE(d["deviceAddress"].isString());
+    EXPECT_EQ("7", d["deviceAddress"].asString());
+    EXPECT_TRUE(d["deviceBus"].isString());
+    EXPECT_EQ("3", d["deviceBus"].asString());
+    EXPECT_EQ("ptp", d["type"].asString());
+    EXPECT_EQ("UNKNOWN", d["fileSystem"].asString());
+    EXPECT_EQ(1, d["deviceIndex"].asInt());
+    EXPECT_EQ("D5300", d["name"].asString());
+}
+
+TEST_F(StorageManager, EmptyListIsTheNullDocumentAndUnknownTypesLeaveTheOutputAlone) {
+    auto manager = Start();
+    std::string text = "untouched";
+    EXPECT_EQ(0, manager->GetStorages(MOX_STORAGE_DEVICE_USB, text));
+    EXPECT_EQ("null\n", text);
+    EXPECT_EQ(0, manager->GetStorages(MOX_STORAGE_DEVICE_PTP, text));
+    EXPECT_EQ("null\n", text);
+    text = "untouched";
+    EXPECT_EQ(0, manager->GetStorages(static_cast<mox_storage_device_type>(3), text));
+    EXPECT_EQ("untouched", text);
+}
+
+TEST_F(StorageManager, IndicesArePerModelAndTheSmallestFreeOneIsReused) {
+    m_env.Plug("a1", StorageTestEnv::Stick("/dev/sda1", m_env.MountDir("a1"), "Alpha"));
+    m_env.Plug("a2", StorageTestEnv::Stick("/dev/sdb1", m_env.MountDir("a2"), "Alpha"));
+    m_env.Plug("b1", StorageTestEnv::Stick("/dev/sdc1", m_env.MountDir("b1"), "Beta"));
+    auto manager = Start();
+    Json::Value doc = Storages(*manager, MOX_STORAGE_DEVICE_USB);
+    std::map<std::string, int> index;
+    for (const Json::Value& d : doc["devices"]) index[d["id"].asString()] = d["deviceIndex"].asInt();
+    EXPECT_EQ((std::map<std::string, int>{{"/dev/sda1", 1}, {"/dev/sdb1", 2}, {"/dev/sdc1", 1}}), index);
+
+    // Hot-plug: a third Alpha gets 3; after 2 leaves, the next Alpha gets 2.
+    m_env.Plug("a3", StorageTestEnv::Stick("/dev/sdd1", m_env.MountDir("a3"), "Alpha"));
+    ASSERT_TRUE(g_recorder.WaitInternal(1));
+    m_env.Unplug("a2");
+    ASSERT_TRUE(g_recorder.WaitInternal(2));
+    m_env.Plug("a4", StorageTestEnv::Stick("/dev/sde1", m_env.MountDir("a4"), "Alpha"));
+    ASSERT_TRUE(g_recorder.WaitInternal(3));
+    EXPECT_EQ((std::vector<int>{}), NotifiedIndices()) << "no client is bound yet";
+}
+
+TEST_F(StorageManager, BoundClientsAreNotifiedInOrderWithTheChangedDeviceAndItsIndex) {
+    auto manager = Start();
+    dbus_connection_info_s first = Client(":1.10");
+    dbus_connection_info_s second = Client(":1.11");
+    manager->AddNotificationClient(first);
+    manager->AddNotificationClient(second);
+    manager->AddNotificationClient(first);  // once only
+
+    // Two sticks of one model get 1 and 2; the first leaves; a third gets 1.
+    m_env.Plug("s1", StorageTestEnv::Stick("/dev/sdb1", m_env.MountDir("s1")));
+    ASSERT_TRUE(g_recorder.WaitInternal(1));
+    m_env.Plug("s2", StorageTestEnv::Stick("/dev/sdc1", m_env.MountDir("s2")));
+    ASSERT_TRUE(g_recorder.WaitInternal(2));
+    m_env.Unplug("s1");
+    ASSERT_TRUE(g_recorder.WaitInternal(3));
+    m_env.Plug("s3", StorageTestEnv::Stick("/dev/sdd1", m_env.MountDir("s3")));
+    ASSERT_TRUE(g_recorder.WaitNotifications(8));
+    EXPECT_EQ((std::vector<int>{1, 1, 2, 2, 1, 1, 1, 1}), NotifiedIndices());
+
+    std::lock_guard<std::mutex> lock(g_recorder.mutex);
+    ASSERT_EQ(8u, g_recorder.notifications.size());
+    for (size_t i = 0; i < 8; ++i) {
+        const Notification& n = g_recorder.notifications[i];
+        EXPECT_EQ(i % 2 == 0 ? first : second, n.client);
+        EXPECT_EQ(i / 2 == 2 ? MOX_STORAGE_DISCONNECTED : MOX_STORAGE_CONNECTED, n.event);
+        ASSERT_EQ(1u, n.document["devices"].size());
+    }
+    const Json::Value& left = g_recorder.notifications[4].document["devices"][0];
+    EXPECT_EQ("/dev/sdb1", left["id"].asString());
+    EXPECT_EQ(m_env.Root() + "/s1", left["mountPath"].asString());
+    // The internal callback precedes the notifications, with the engine as user data.
+    ASSERT_EQ(4u, g_recorder.internal.size());
+    EXPECT_EQ(MOX_STORAGE_DISCONNECTED, g_recorder.internal[2].event);
+    EXPECT_EQ(m_env.Root() + "/s1", g_recorder.internal[2].mountPath);
+    EXPECT_EQ(&m_engine, g_recorder.internal[2].userData);
+}
+
+TEST_F(StorageManager, UnboundClientsAndCamerasAreHandled) {
+    auto manager = Start();
+    dbus_connection_info_s client = Client(":1.20");
+    manager->AddNotificationClient(client);
+    dbus_connection_info_s other = client;
+    other.objectPath = "/other";
+    manager->RemoveNotificationClient(other);  // not registered: nothing
+    m_env.Plug("cam1", StorageTestEnv::Camera("/dev/bus/usb/001/007", 7, 1));
+    m_env.Plug("cam2", StorageTestEnv::Camera("/dev/bus/usb/001/008", 8, 1));
+    ASSERT_TRUE(g_recorder.WaitInternal(2));
+    manager->RemoveNotificationClient(client);
+    // Cameras share the mount path "n/a": the one that leaves is found by address.
+    m_env.Unplug("cam2");
+    ASSERT_TRUE(g_recorder.WaitInternal(3));
+    ASSERT_TRUE(g_recorder.WaitNotifications(2));
+    EXPECT_EQ((std::vector<int>{1, 2}), NotifiedIndices());
+    Json::Value doc = Storages(*manager, MOX_STORAGE_DEVICE_PTP);
+    ASSERT_EQ(1u, doc["devices"].size());
+    EXPECT_EQ("7", doc["devices"][0]["deviceAddress"].asString());
+    EXPECT_EQ(MOX_USB_CLASS_PTP + 5, g_recorder.internal[2].usbClass);  // platform class 6
+}
+
+TEST_F(StorageManager, HundredAndFirstDeviceOfOneModelGetsNoIndex) {
+    for (int i = 0; i < 101; ++i)
+        m_env.Plug("d" + std::to_string(1000 + i),
+                   StorageTestEnv::Stick("/dev/sd" + std::to_string(1000 + i), m_env.MountDir(std::to_string(1000 + i))));
+    auto manager = Start();
+    Json::Value doc = Storages(*manager, MOX_STORAGE_DEVICE_USB);
+    ASSERT_EQ(101u, doc["devices"].size());
+    std::multiset<int> indices;
+    for (const Json::Value& d : doc["devices"]) indices.insert(d["deviceIndex"].asInt());
+    EXPECT_EQ(1u, indices.count(0));
+    for (int i = 1; i <= 100; ++i) EXPECT_EQ(1u, indices.count(i)) << i;
+
+    // The device without an index leaves: no index is freed by it...
+    dbus_connection_info_s client = Client(":1.30");
+    manager->AddNotificationClient(client);
+    m_env.Unplug("d1100");
+    ASSERT_TRUE(g_recorder.WaitInternal(1));
+    // ...one with an index leaves, and the next arrival takes that index.
+    m_env.Unplug("d1004");
+    ASSERT_TRUE(g_recorder.WaitInternal(2));
+    m_env.Plug("new", StorageTestEnv::Stick("/dev/sdnew", m_env.MountDir("new")));
+    ASSERT_TRUE(g_recorder.WaitNotifications(3));
+    EXPECT_EQ((std::vector<int>{0, 5, 5}), NotifiedIndices());
+}
+
+TEST_F(StorageManager, FailedFirstEnumerationIsRetriedByEachQuery) {
+    setenv("MOX_USB_BACKEND", "spool:/nonexistent/mox-spool", 1);
+    auto manager = Start();
+    size_t from = LogSize();
+    std::string text = "untouched";
+    EXPECT_EQ(23, manager->GetStorages(MOX_STORAGE_DEVICE_USB, text));
+    EXPECT_EQ(23, manager->GetStorages(MOX_STORAGE_DEVICE_PTP, text));
+    EXPECT_EQ("untouched", text);
+    if (LogPath().empty()) GTEST_SKIP() << "MOX_LOG is not a file: cannot see the retries";
+    std::string log = LogSince(from);
+    EXPECT_EQ(2u, Occurrences(log, "m_InitFinishFlag is false, retry init"));
+    // The second warning of each failed retry ends the line.
+    EXPECT_EQ(2u, Occurrences(log, "m_InitFinishFlag is false...\033[0m"));
+}
+
+TEST_F(StorageManager, QueriesWaitForAnEventInProgress) {
+    auto manager = Start();
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    {
+        std::lock_guard<std::mutex> lock(g_recorder.mutex);
+        g_recorder.duringInternal = [&] {
+            entered.set_value();
+            released.wait();
+        };
+    }
+    m_env.Plug("s1", StorageTestEnv::Stick("/dev/sdb1", m_env.MountDir("s1")));
+    entered.get_future().wait();
+    std::atomic<bool> answered{false};
+    std::string text;
+    std::thread query([&] {
+        manager->GetStorages(MOX_STORAGE_DEVICE_USB, text);
+        answered = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(answered.load()) << "the query ran while an event held the storage lists";
+    release.set_value();
+    query.join();
+    EXPECT_EQ(1u, Parse(text)["devices"].size());
+    std::lock_guard<std::mutex> lock(g_recorder.mutex);
+    g_recorder.duringInternal = nullptr;
+}
+
+TEST_F(StorageManager, DevicesComingAndGoingWhileClientsListStorages) {
+    auto manager = Start();
+    dbus_connection_info_s client = Client(":1.40");
+    manager->AddNotificationClient(client);
+    std::atomic<bool> stop{false};
+    std::atomic<int> queries{0};
+    std::thread lister([&] {
+        while (!stop) {
+            std::string text;
+            EXPECT_EQ(0, manager->GetStorages(MOX_STORAGE_DEVICE_USB, text));
+            Json::Value doc = Parse(text);
+            EXPECT_TRUE(doc.isNull() || doc["devices"].isArray());
+            ++queries;
+        }
+    });
+    const int kRounds = 30;
+    for (int i = 0; i < kRounds; ++i) {
+        std::string dir = m_env.MountDir("r" + std::to_string(i % 3));
+        m_env.Plug("s", StorageTestEnv::Stick("/dev/sdb" + std::to_string(i), dir));
+        ASSERT_TRUE(g_recorder.WaitInternal(2 * i + 1));
+        m_env.Unplug("s");
+        ASSERT_TRUE(g_recorder.WaitInternal(2 * i + 2));
+    }
+    stop = true;
+    lister.join();
+    EXPECT_GT(queries.load(), 0);
+    // Nothing is left over, and the model's indices are all free again.
+    std::string text;
+    EXPECT_EQ(0, manager->GetStorages(MOX_STORAGE_DEVICE_USB, text));
+    EXPECT_EQ("null\n", text);
+    m_env.Plug("last", StorageTestEnv::Stick("/dev/sdz1", m_env.MountDir("last")));
+    ASSERT_TRUE(g_recorder.WaitNotifications(2 * kRounds + 1));
+    EXPECT_EQ(1, NotifiedIndices().back());
+}
+
+TEST_F(StorageManager, EventsAfterTheCallbacksAreClearedAreDroppedNotFatal) {
+    auto manager = Start();
+    size_t from = LogSize();
+    manager->SetNotificationCB(nullptr);
+    manager->SetInternalCB(nullptr, nullptr);
+    EXPECT_EQ(nullptr, manager->GetInternalUserdata());
+    m_env.Plug("s1", StorageTestEnv::Stick("/dev/sdb1", m_env.MountDir("s1")));
+    // The event still updates the list, which a query then shows.
+    for (int i = 0; i < 500; ++i) {
+        std::string text;
+        manager->GetStorages(MOX_STORAGE_DEVICE_USB, text);
+        if (text != "null\n") break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    manager.reset();  // destroyed while the spool is still live
+    {
+        std::lock_guard<std::mutex> lock(g_recorder.mutex);
+        EXPECT_TRUE(g_recorder.internal.empty());
+        EXPECT_TRUE(g_recorder.notifications.empty());
+    }
+    if (LogPath().empty()) GTEST_SKIP() << "MOX_LOG is not a file: cannot see the dropped callbacks";
+    std::string log = LogSince(from);
+    EXPECT_NE(std::string::npos, log.find("MOX_ASSERT( pThis->m_storage_internal_cb != NULL ) failed."));
+    EXPECT_NE(std::string::npos, log.find("MOX_ASSERT( pThis->m_storage_notification_cb != NULL ) failed."));
+}
+
+}  // namespace
