@@ -1,0 +1,38 @@
+#!/bin/bash
+# Release build of the benchmarks, then runs them and prints the speed-up of
+# the keyed list sort over the per-comparison predicate.
+#   scripts/run-bench.sh [extra Google Benchmark arguments]
+# Build directory: $MOX_BENCH_BUILD_DIR or build-s-rel. JSON results are kept
+# in <build>/bench-*.json.
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${MOX_BENCH_BUILD_DIR:-$root/build-s-rel}
+jobs=${MOX_BUILD_JOBS:-2}
+
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DMOX_SANITIZE= -DMOX_BUILD_BENCH=ON \
+  -DMOX_BUILD_TESTS=OFF >/dev/null
+cmake --build "$build" -j"$jobs" --target bench_shm_data bench_cache_pool
+
+# Objects of a benchmark killed mid-run would otherwise stay in /dev/shm.
+before=$(ls /dev/shm | grep -E '^mox_(datablock|resultlist)_' | sort || true)
+for bench in bench_shm_data bench_cache_pool; do
+  "$build/bench/$bench" --benchmark_out="$build/$bench.json" --benchmark_out_format=json "$@"
+done
+
+python3 - "$build/bench_shm_data.json" <<'PY'
+import json, sys
+runs = {b["name"]: b for b in json.load(open(sys.argv[1]))["benchmarks"] if b.get("run_type", "iteration") == "iteration"}
+for arg, key in (("0", "FileName"), ("1", "FileSize")):
+    slow = [v for n, v in runs.items() if n.startswith("BM_SortPredicate/" + arg)]
+    fast = [v for n, v in runs.items() if n.startswith("BM_SortKeyed/" + arg)]
+    if slow and fast:
+        s, f = slow[0]["real_time"], fast[0]["real_time"]
+        print("sort 10000 items by %s: predicate %.1f %s, keyed %.1f %s, speed-up %.1fx"
+              % (key, s, slow[0]["time_unit"], f, fast[0]["time_unit"], s / f))
+PY
+after=$(ls /dev/shm | grep -E '^mox_(datablock|resultlist)_' | sort || true)
+if [ "$before" != "$after" ]; then
+  echo "warning: shared-memory objects changed during the run:" >&2
+  comm -13 <(echo "$before") <(echo "$after") >&2
+fi
