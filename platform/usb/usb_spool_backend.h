@@ -4,9 +4,10 @@
 // in; deleting or renaming it away unplugs the device as it was last read.
 // A file rewritten with different contents unplugs the old device and plugs
 // the new one; identical contents change nothing. Malformed or partial files
-// (not a JSON object, wrong member types, missing "devname"/"class", a mass
-// storage without "mount_path", over 64 KiB, not a regular file) are ignored
-// with a warning and leave the device of that name as it was.
+// (not a JSON object, wrong member types or negative integers, missing
+// "devname"/"class", a mass storage without "mount_path", over 64 KiB, not a
+// regular file) are ignored with a warning and leave the device of that name
+// as it was. A file deleted before the service read it was never plugged in.
 #pragma once
 
 #include <map>

@@ -36,10 +36,9 @@ public:
     // Appends a record per camera.
     bool GetPtpStorages(std::vector<UsbDevicePtr>& out);
 
+private:
     // Fills record from the platform device's properties.
     static void m_SetStorageInfo(usb_device_h device, UsbDevicePtr& record);
-
-private:
     bool m_InitUSB();
     void m_DeinitUSB();
     bool m_GetUsbStorages(std::vector<UsbDevicePtr>& out);

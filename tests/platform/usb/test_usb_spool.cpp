@@ -15,8 +15,6 @@
 #include <string>
 #include <thread>
 
-#include <glib.h>
-
 #include <usb_device.h>
 
 #include "temp_dir.h"
@@ -119,30 +117,6 @@ TEST_F(UsbSpool, PlugAndUnplugAreReportedOnTheServiceThreadWithFullProperties) {
         EXPECT_NE(std::this_thread::get_id(), e.thread);
     }
     EXPECT_EQ(events[0].thread, events[1].thread);
-}
-
-TEST_F(UsbSpool, CallbacksNeverRunOnTheMainLoop) {
-    // The test thread owns the default main context, as the daemon's main
-    // loop does; a callback there would find it acquired.
-    ASSERT_TRUE(g_main_context_acquire(g_main_context_default()));
-    std::atomic<int> onMainLoop{-1};
-    struct Ctx {
-        std::atomic<int>* onMainLoop;
-        UsbEventRecorder* recorder;
-    } ctx{&onMainLoop, &m_recorder};
-    ASSERT_EQ(0, usb_device_init());
-    ASSERT_EQ(0, usb_set_connected_cb(
-                     [](usb_device_h device, const char* action, void* data) {
-                         auto* c = static_cast<Ctx*>(data);
-                         c->onMainLoop->store(g_main_context_is_owner(g_main_context_default()) ? 1 : 0);
-                         c->recorder->Add(moxtest::UsbEventOf(device, action));
-                     },
-                     &ctx));
-    Plug("camera", kCamera);
-    ASSERT_TRUE(m_recorder.WaitFor(1));
-    usb_device_fini();
-    g_main_context_release(g_main_context_default());
-    EXPECT_EQ(0, onMainLoop.load());
 }
 
 TEST_F(UsbSpool, CameraIsAddedAndRemovedWithoutMountPath) {

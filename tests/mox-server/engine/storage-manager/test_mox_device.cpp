@@ -88,18 +88,4 @@ TEST(MOXDevice, MissingMountPathHasNoSize) {
     EXPECT_EQ(0, device.GetDeviceAvailableSize());
 }
 
-TEST(MOXDevice, DlnaRecordAndPolymorphicIdentity) {
-    auto* dlna = new CMOXDLNADevice();
-    dlna->SetDeviceID("uuid:1234");
-    dlna->SetDeviceName("Living room");
-    dlna->SetDeviceIP("192.168.0.7");
-    dlna->SetNorvellDev(true);
-    std::unique_ptr<CMOXDevice> base(dlna);
-    EXPECT_EQ("uuid:1234", base->GetDeviceID());
-    EXPECT_EQ("Living room", base->GetDeviceName());
-    EXPECT_EQ("192.168.0.7", dlna->GetDeviceIP());
-    EXPECT_TRUE(dlna->IsNorvellDev());
-    dlna->PrintDlnaInfo(true);
-}
-
 }  // namespace
