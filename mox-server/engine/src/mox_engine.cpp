@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 #include <curl/curl.h>
 #include <gio/gio.h>
@@ -27,6 +28,7 @@
 #include <vconf.h>
 
 #include "cache_folder.h"
+#include "mox_storage_manager.h"
 
 namespace {
 
@@ -54,6 +56,10 @@ struct GErrorDeleter {
 std::unique_ptr<gchar, GFreeDeleter> g_introspectionXml;
 std::unique_ptr<GDBusNodeInfo, NodeInfoDeleter> g_introspectionData;
 GMainLoop* g_mainLoop = nullptr;  // owned by main
+std::unique_ptr<CMOXStorageMgr> g_pStorageMgr;
+// The bus connection, referenced for as long as the storage manager may hand
+// its pointer (held in bound-client records) to notify_storages.
+GDBusConnection* g_pConnection = nullptr;
 
 // Reads the introspection XML; the daemon cannot serve without it.
 bool initIntrospectionXml() {
@@ -137,6 +143,67 @@ void OnVconfKeyChangedCB(keynode_t* keynode, void*) {
     // matches too, as the platform has always done.
     if (strncmp(name, kDbResetKey, strlen(name)) != 0) return;
     if (vconf_keynode_get_int(keynode) != 0) CMOXSingleton<CCacheFolder>::Get()->Clear();
+}
+
+// Storage events from the storage manager, on the USB service's thread. The
+// handler owns the device reference it is given.
+void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void*) {
+    if (!device) {
+        MOX_WARN("usb_device == NULL");
+        return;
+    }
+    std::unique_ptr<std::remove_pointer_t<usb_device_h>, void (*)(usb_device_h)> handle(
+        device, usb_device_unref);
+    if (event == MOX_STORAGE_NONE) {
+        MOX_WARN("event == MOX_STORAGE_NONE");
+        return;
+    }
+    if (usb_device_get_class(device) != USB_DEVICE_CLASS_MASS_STORAGE) {
+        MOX_WARN("usb_device is not storage");
+        return;
+    }
+    const char* szMountPath = usb_device_get_mountpath(device);
+    std::string strMountPath = szMountPath ? szMountPath : "";
+    if (strMountPath.empty()) {
+        MOX_WARN("mount_path == NULL");
+        return;
+    }
+    if (event == MOX_STORAGE_CONNECTED) {
+        // Scanning is requested by clients; nothing to do on a mount.
+        MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());
+    } else if (event == MOX_STORAGE_DISCONNECTED) {
+        MOX_INFO("USB UNMOUNTED : %s", strMountPath.c_str());
+        // The device's scanners are stopped here too once the scanners are
+        // part of the daemon; the folder ids of the storage go now.
+        CMOXSingleton<CCacheFolder>::Get()->Clear(strMountPath);
+    }
+}
+
+// Sends one bound client a storage event, on the USB service's thread.
+void notify_storages(SDBusConnectionInfo client, EMOXStorageEvent event, std::string storages) {
+    CJsonValue parsed(storages);
+    if (!parsed.IsValid()) {
+        MOX_INFO("Can't parse storages:\n%s", storages.c_str());
+        return;
+    }
+    CJsonValue notification;
+    notification.Set("event", static_cast<int>(event));
+    notification.SetValue("devices", parsed.Root().get("devices", Json::Value()));
+    std::string strPayload = notification.ToStyledString();
+    GError* localError = nullptr;
+    g_dbus_connection_emit_signal(client.connection, client.sender.c_str(), client.objectPath.c_str(),
+                                  client.interfaceName.c_str(), "mox_usb_notification",
+                                  g_variant_new("(s)", strPayload.c_str()), &localError);
+    assert(localError == NULL);
+}
+
+SDBusConnectionInfo callerOf(GDBusMethodInvocation* invocation) {
+    SDBusConnectionInfo client;
+    client.connection = g_dbus_method_invocation_get_connection(invocation);
+    client.sender = g_dbus_method_invocation_get_sender(invocation);
+    client.objectPath = g_dbus_method_invocation_get_object_path(invocation);
+    client.interfaceName = g_dbus_method_invocation_get_interface_name(invocation);
+    return client;
 }
 
 // check_folder_path: add (0) or find (1) a folder id in the folder map.
@@ -248,11 +315,20 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
             MOX_WARN("unsupport yet, method(%s).", szKind);
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(bu)", FALSE, 0u));
     } else if (method == "get_usb_storages") {
-        warnUnavailable(szMethodName, "storage manager");
-        g_dbus_method_invocation_return_value(invocation,
-                                              g_variant_new("(us)", guint32(MOX_ERROR_GENERIC), ""));
+        guint32 nType = 0;
+        g_variant_get(parameters, "(u)", &nType);
+        std::string strStorages;
+        int nResult = g_pStorageMgr->GetStorages(static_cast<mox_storage_device_type>(nType), strStorages);
+        g_dbus_method_invocation_return_value(
+            invocation, g_variant_new("(us)", guint32(nResult), strStorages.c_str()));
     } else if (method == "bind_usb_event") {
-        warnUnavailable(szMethodName, "storage manager");
+        guint32 nBind = 0;
+        g_variant_get(parameters, "(u)", &nBind);
+        SDBusConnectionInfo client = callerOf(invocation);
+        if (nBind == 1)
+            g_pStorageMgr->AddNotificationClient(client);
+        else
+            g_pStorageMgr->RemoveNotificationClient(client);
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", 0u));
     } else {
         MOX_WARN("unkown method(%s).", szMethodName);
@@ -316,6 +392,7 @@ void onBusAcquired(GDBusConnection* connection, const gchar*, gpointer) {
     GDBusNodeInfo* node = g_introspectionData.get();
     auto* filter = new FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])};
     g_dbus_connection_add_filter(connection, filterUnknownMethods, filter, freeFilterData);
+    if (!g_pConnection) g_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
     guint nRegistrationId = g_dbus_connection_register_object(
         connection, node->path, node->interfaces[0], &kInterfaceVTable, nullptr, nullptr, nullptr);
     MOX_DEBUG("BusAcquired.");
@@ -368,6 +445,12 @@ int main() {
     }
     MOX_DEBUG("init_introspection_xml ok.");
 
+    g_pStorageMgr = std::make_unique<CMOXStorageMgr>();
+    g_pStorageMgr->SetNotificationCB(notify_storages);
+    MOX_DEBUG("SetInternalCB in mox_engine.cpp...");
+    // The user data becomes the engine object when the request engine joins.
+    g_pStorageMgr->SetInternalCB(cb_dealUsbEvent, nullptr);
+
     mox_engine_deal_reset_status();
     vconf_notify_key_changed(kDbResetKey, OnVconfKeyChangedCB, nullptr);
 
@@ -375,6 +458,9 @@ int main() {
     // missing one, instead of aborting.
     if (!parseIntrospectionData()) {
         vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
+        g_pStorageMgr->SetNotificationCB(nullptr);
+        g_pStorageMgr->SetInternalCB(nullptr, nullptr);
+        g_pStorageMgr.reset();
         g_introspectionData.reset();
         g_introspectionXml.reset();
         curl_global_cleanup();
@@ -399,8 +485,13 @@ int main() {
     g_bus_unown_name(nOwnerId);
     g_introspectionData.reset();
     power_unsubscribe_poweroff(cb_dealPowerOff);
+    g_pStorageMgr->SetNotificationCB(nullptr);
+    g_pStorageMgr->SetInternalCB(nullptr, nullptr);
+    g_pStorageMgr.reset();
     vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
     CMOXSingleton<CCacheFolder>::Destroy();
+    if (g_pConnection) g_object_unref(g_pConnection);
+    g_pConnection = nullptr;
     g_mainLoop = nullptr;
     loop.reset();
     g_introspectionXml.reset();

@@ -285,13 +285,6 @@ TEST(EngineDispatch, EveryMethodAnswersAndTheDaemonKeepsServing) {
     r = h.Call("stop_act", g_variant_new("(us)", 0u, "{}"));
     ASSERT_TRUE(r.ok());
     EXPECT_EQ(ReplyUint(r), 23u);
-    r = h.Call("get_usb_storages", g_variant_new("(u)", 1u));
-    ASSERT_TRUE(r.ok());
-    guint32 code = 0;
-    const gchar* text = nullptr;
-    g_variant_get(r.reply.get(), "(u&s)", &code, &text);
-    EXPECT_EQ(code, 23u);
-    EXPECT_STREQ(text, "");
     r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", "{}"));
     ASSERT_TRUE(r.ok());
     gboolean started = TRUE;
