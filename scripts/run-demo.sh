@@ -8,7 +8,7 @@ ROOT=$PWD
 
 scripts/install-deps.sh
 cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DMOX_BUILD_TESTS=OFF > /dev/null
-cmake --build build-release -j"$(nproc)"
+cmake --build build-release -j"$(nproc)" --target mox-engine mox-vconf mox-client
 
 WORK=$(mktemp -d /tmp/mox-demo.XXXXXX)
 . scripts/lib/engine-env.sh
@@ -51,6 +51,26 @@ build-release/platform/tools/mox-vconf set file/private/mediaserver/db_reset 1
 sleep 0.3
 call check_folder_path "{\"OPERATION_TYPE\":1,\"FOLDER_PATH\":\"$MOX_USB_ROOT/sda1/Photos\"}"
 call foo
+
+# A bound client sees a simulated USB stick plugged in and pulled out.
+build-release/client/mox-client watch-usb 2 20 > "$WORK/watch.out" &
+WATCH_PID=$!
+for _ in $(seq 200); do grep -q bound "$WORK/watch.out" 2>/dev/null && break; sleep 0.05; done
+mkdir -p "$MOX_USB_ROOT/sdb1"
+cat > "$WORK/spool/.sdb1.tmp" <<JSON
+{"devname": "/dev/sdb1", "class": 8, "mount_path": "$MOX_USB_ROOT/sdb1", "fs_type": 0,
+ "disk_type": 1, "vendor_id": 1921, "manufacturer": "SanDisk", "product": "Cruzer Blade",
+ "serial": "4C530001", "part_label": "HOLIDAY", "address": 4, "bus": 1}
+JSON
+echo "== plugging a simulated stick (spool file renamed into place)"
+mv "$WORK/spool/.sdb1.tmp" "$WORK/spool/sdb1.json"
+call get_usb_storages 1
+sleep 0.5
+echo "== pulling it out"
+rm "$WORK/spool/sdb1.json"
+wait "$WATCH_PID"
+echo "== what the bound client received:"
+sed 's/^/   /' "$WORK/watch.out"
 
 kill -TERM "$ENGINE_PID"
 wait "$ENGINE_PID" && status=0 || status=$?
