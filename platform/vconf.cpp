@@ -23,6 +23,7 @@
 #include <glib.h>
 
 #include <mox_host_paths.h>
+#include <mox_unique_fd.h>
 
 struct _keynode_t {
     std::string name;
@@ -60,21 +61,11 @@ bool MakeDirs(const std::string& dir) {
     return mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST;
 }
 
-struct Fd {
-    int fd = -1;
-    explicit Fd(int f) : fd(f) {}
-    ~Fd() {
-        if (fd >= 0) close(fd);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-};
-
 bool ReadKeyFile(const std::string& path, int* out) {
-    Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.fd < 0) return false;
+    mox_util::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.IsValid()) return false;
     char buf[64];
-    ssize_t n = read(file.fd, buf, sizeof(buf) - 1);
+    ssize_t n = read(file.Get(), buf, sizeof(buf) - 1);
     if (n <= 0) return false;
     buf[n] = '\0';
     errno = 0;

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "mox_unique_fd.h"
+#include <mox_unique_fd.h>
 
 namespace {
 

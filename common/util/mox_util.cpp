@@ -28,7 +28,7 @@
 #include <system_info.h>
 #include <vconf.h>
 
-#include "mox_unique_fd.h"
+#include <mox_unique_fd.h>
 
 using mox_util::UniqueBuffer;
 using mox_util::UniqueFd;

@@ -12,13 +12,13 @@
 
 int UsbPollThread::Start(std::function<void(int stopFd)> body) {
     assert(!m_thread.joinable());
-    UsbUniqueFd stopFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!stopFd.valid()) {
+    mox_util::UniqueFd stopFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!stopFd.IsValid()) {
         int err = errno;
         MOX_WARN("eventfd failed (%d)", err);
         return -err;
     }
-    int fd = stopFd.get();
+    int fd = stopFd.Get();
     try {
         m_thread = std::thread([fd, body = std::move(body)]() {
             try {
@@ -42,7 +42,7 @@ void UsbPollThread::Stop() {
     uint64_t one = 1;
     // An eventfd write of 1 cannot fail short of a counter overflow, which
     // one write per Stop never reaches.
-    while (write(m_stopFd.get(), &one, sizeof(one)) < 0 && errno == EINTR) {
+    while (write(m_stopFd.Get(), &one, sizeof(one)) < 0 && errno == EINTR) {
     }
     m_thread.join();
     m_stopFd.Reset();

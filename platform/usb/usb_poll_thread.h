@@ -6,7 +6,7 @@
 #include <functional>
 #include <thread>
 
-#include "usb_unique_fd.h"
+#include <mox_unique_fd.h>
 
 class UsbPollThread {
 public:
@@ -23,6 +23,6 @@ public:
     void Stop();
 
 private:
-    UsbUniqueFd m_stopFd;
+    mox_util::UniqueFd m_stopFd;
     std::thread m_thread;
 };

@@ -31,21 +31,21 @@ struct DirCloser {
 // 0, -ENOENT when the file is gone, -EINVAL otherwise (with the reason).
 int ReadWholeFile(const std::string& path, std::string& text, std::string& why) {
     // O_NONBLOCK: a FIFO named like a device file must not stall the thread.
-    UsbUniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!fd.valid()) {
+    mox_util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!fd.IsValid()) {
         int err = errno;
         why = std::string("cannot open: ") + strerror(err);
         return err == ENOENT ? -ENOENT : -EINVAL;
     }
     struct stat st;
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         why = "not a regular file";
         return -EINVAL;
     }
     text.clear();
     char buf[4096];
     for (;;) {
-        ssize_t n = read(fd.get(), buf, sizeof(buf));
+        ssize_t n = read(fd.Get(), buf, sizeof(buf));
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             why = std::string("read error: ") + strerror(errno);
@@ -156,14 +156,14 @@ bool UsbSpoolBackend::ParseDevice(const std::string& text, UsbDeviceInfo& info, 
 
 int UsbSpoolBackend::Start(UsbEventSink* sink) {
     m_sink = sink;
-    m_inotify = UsbUniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    if (!m_inotify.valid()) {
+    m_inotify = mox_util::UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!m_inotify.IsValid()) {
         int err = errno;
         MOX_WARN("inotify_init1 failed (%s)", strerror(err));
         return -err;
     }
     // Watch before the first scan so that no file slips between the two.
-    if (inotify_add_watch(m_inotify.get(), m_dir.c_str(),
+    if (inotify_add_watch(m_inotify.Get(), m_dir.c_str(),
                           IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF |
                               IN_MOVE_SELF | IN_ONLYDIR) < 0) {
         int err = errno;
@@ -247,7 +247,7 @@ void UsbSpoolBackend::t_Run(int stopFd) {
     alignas(struct inotify_event) char buf[16 * 1024];
     bool watching = true;
     for (;;) {
-        struct pollfd fds[2] = {{stopFd, POLLIN, 0}, {m_inotify.get(), POLLIN, 0}};
+        struct pollfd fds[2] = {{stopFd, POLLIN, 0}, {m_inotify.Get(), POLLIN, 0}};
         int n = poll(fds, watching ? 2 : 1, -1);
         if (n < 0) {
             if (errno == EINTR) continue;
@@ -257,7 +257,7 @@ void UsbSpoolBackend::t_Run(int stopFd) {
         if (fds[0].revents) return;
         if (!fds[1].revents) continue;
 
-        ssize_t len = read(m_inotify.get(), buf, sizeof(buf));
+        ssize_t len = read(m_inotify.Get(), buf, sizeof(buf));
         if (len < 0) {
             if (errno == EINTR || errno == EAGAIN) continue;
             MOX_WARN("inotify read failed (%s); USB spool watch ends", strerror(errno));

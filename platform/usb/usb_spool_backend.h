@@ -17,7 +17,7 @@
 
 #include "usb_backend.h"
 #include "usb_poll_thread.h"
-#include "usb_unique_fd.h"
+#include <mox_unique_fd.h>
 
 class UsbSpoolBackend : public UsbBackend {
 public:
@@ -53,7 +53,7 @@ private:
 
     const std::string m_dir;
     UsbEventSink* m_sink = nullptr;  // set by Start, before the thread exists
-    UsbUniqueFd m_inotify;
+    mox_util::UniqueFd m_inotify;
     UsbPollThread m_thread;
     std::mutex m_mutex;
     std::map<std::string, UsbDeviceRef> m_devices;  // file name -> device. GUARDED_BY(m_mutex)

@@ -100,8 +100,8 @@ void UsbUdevBackend::List(int usbClass, std::vector<UsbDeviceRef>& out) {
 int UsbUdevBackend::m_OpenMountTable() {
     m_mountinfoPath = mox_host::EnvOr("MOX_MOUNTINFO", "");
     if (m_mountinfoPath.empty()) {
-        m_mountFd = UsbUniqueFd(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
-        if (!m_mountFd.valid()) {
+        m_mountFd = mox_util::UniqueFd(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+        if (!m_mountFd.IsValid()) {
             int err = errno;
             MOX_WARN("cannot open /proc/self/mountinfo (%s)", strerror(err));
             return -err;
@@ -110,9 +110,9 @@ int UsbUdevBackend::m_OpenMountTable() {
     }
     size_t slash = m_mountinfoPath.rfind('/');
     std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : m_mountinfoPath.substr(0, slash);
-    m_mountFd = UsbUniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    if (!m_mountFd.valid() ||
-        inotify_add_watch(m_mountFd.get(), dir.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM) < 0) {
+    m_mountFd = mox_util::UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!m_mountFd.IsValid() ||
+        inotify_add_watch(m_mountFd.Get(), dir.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM) < 0) {
         int err = errno;
         MOX_WARN("cannot watch mount table %s (%s)", m_mountinfoPath.c_str(), strerror(err));
         return -err;
@@ -263,14 +263,14 @@ void UsbUdevBackend::m_HandleUevent(struct udev_device* dev, std::vector<Event>&
 void UsbUdevBackend::m_RefreshMounts(std::vector<Event>& events) {
     std::string text;
     if (m_mountinfoPath.empty()) {
-        if (!UsbMountTable::ReadFd(m_mountFd.get(), text)) {
+        if (!UsbMountTable::ReadFd(m_mountFd.Get(), text)) {
             MOX_WARN("cannot read /proc/self/mountinfo (%s)", strerror(errno));
             return;
         }
     } else {
         // A missing file is an empty mount table: everything was unmounted.
-        UsbUniqueFd fd(open(m_mountinfoPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-        if (fd.valid() && !UsbMountTable::ReadFd(fd.get(), text))
+        mox_util::UniqueFd fd(open(m_mountinfoPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        if (fd.IsValid() && !UsbMountTable::ReadFd(fd.Get(), text))
             MOX_WARN("cannot read mount table %s (%s)", m_mountinfoPath.c_str(), strerror(errno));
     }
     std::vector<UsbMountEntry> mounts = UsbMountTable::Parse(text);
@@ -321,7 +321,7 @@ void UsbUdevBackend::t_Run(int stopFd) {
     for (;;) {
         struct pollfd fds[3] = {{stopFd, POLLIN, 0},
                                 {udev_monitor_get_fd(m_monitor.get()), POLLIN, 0},
-                                {m_mountFd.get(), static_cast<short>(seam ? POLLIN : POLLPRI), 0}};
+                                {m_mountFd.Get(), static_cast<short>(seam ? POLLIN : POLLPRI), 0}};
         int n = poll(fds, 3, -1);
         if (n < 0) {
             if (errno == EINTR) continue;
@@ -340,7 +340,7 @@ void UsbUdevBackend::t_Run(int stopFd) {
             bool changed = !seam;
             if (seam) {
                 ssize_t len;
-                while ((len = read(m_mountFd.get(), buf, sizeof(buf))) > 0) {
+                while ((len = read(m_mountFd.Get(), buf, sizeof(buf))) > 0) {
                     for (ssize_t off = 0; off < len;) {
                         const auto* ev = reinterpret_cast<const struct inotify_event*>(buf + off);
                         off += static_cast<ssize_t>(sizeof(struct inotify_event) + ev->len);

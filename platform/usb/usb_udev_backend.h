@@ -25,7 +25,7 @@
 
 #include "usb_backend.h"
 #include "usb_poll_thread.h"
-#include "usb_unique_fd.h"
+#include <mox_unique_fd.h>
 
 class UsbUdevBackend : public UsbBackend {
 public:
@@ -73,7 +73,7 @@ private:
     std::unique_ptr<struct udev_monitor, UdevDeleter> m_monitor;
     std::string m_root;
     std::string m_mountinfoPath;  // the MOX_MOUNTINFO file, or empty
-    UsbUniqueFd m_mountFd;        // /proc/self/mountinfo, or inotify on the file's directory
+    mox_util::UniqueFd m_mountFd;        // /proc/self/mountinfo, or inotify on the file's directory
     UsbEventSink* m_sink = nullptr;
     UsbPollThread m_thread;
 
