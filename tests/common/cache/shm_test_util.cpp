@@ -20,9 +20,18 @@ namespace moxtest {
 namespace {
 
 std::mutex g_trackMutex;
-std::set<std::string>& Tracked() {
-    static std::set<std::string> s_names;
-    return s_names;
+// Name and inode: once our object is unlinked, another process may create
+// one under the same name, which is not ours to report or remove.
+std::set<std::pair<std::string, ino_t>>& Tracked() {
+    static std::set<std::pair<std::string, ino_t>> s_objects;
+    return s_objects;
+}
+
+bool InodeOf(const std::string& strName, ino_t& nInode) {
+    struct stat st;
+    if (stat(("/dev/shm/" + strName).c_str(), &st) != 0) return false;
+    nInode = st.st_ino;
+    return true;
 }
 
 std::string& LogPath() {
@@ -41,9 +50,12 @@ public:
     }
     void TearDown() override {
         std::lock_guard<std::mutex> lock(g_trackMutex);
-        for (const std::string& name : Tracked()) {
-            EXPECT_FALSE(ShmExists(name)) << "left in /dev/shm: " << name;
-            shm_unlink(name.c_str());
+        for (const auto& object : Tracked()) {
+            ino_t nInode;
+            if (InodeOf(object.first, nInode) && nInode == object.second) {
+                ADD_FAILURE() << "left in /dev/shm: " << object.first;
+                shm_unlink(object.first.c_str());
+            }
         }
         unlink(LogPath().c_str());
     }
@@ -53,7 +65,12 @@ public:
 
 }  // namespace
 
-bool ShmExists(const std::string& strName) { return access(("/dev/shm/" + strName).c_str(), F_OK) == 0; }
+bool ShmExists(const std::string& strName) {
+    ino_t nInode;
+    if (!InodeOf(strName, nInode)) return false;
+    std::lock_guard<std::mutex> lock(g_trackMutex);
+    return Tracked().count({strName, nInode}) != 0;
+}
 
 std::string ReadShm(const std::string& strName) {
     std::ifstream in("/dev/shm/" + strName, std::ios::binary);
@@ -63,10 +80,10 @@ std::string ReadShm(const std::string& strName) {
 }
 
 bool WriteShm(const std::string& strName, const std::string& bytes) {
-    TrackShm(strName);
     shm_unlink(strName.c_str());
     int fd = shm_open(strName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
     if (fd < 0) return false;
+    TrackShm(strName);
     bool ok = write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
     close(fd);
     return ok;
@@ -93,8 +110,10 @@ void PutInt32(std::string& bytes, size_t nOffset, int32_t nValue) {
 }
 
 void TrackShm(const std::string& strName) {
+    ino_t nInode;
+    if (!InodeOf(strName, nInode)) return;
     std::lock_guard<std::mutex> lock(g_trackMutex);
-    Tracked().insert(strName);
+    Tracked().emplace(strName, nInode);
 }
 
 std::string LogText() {

@@ -9,6 +9,9 @@
 
 namespace moxtest {
 
+// True when the object under strName is one this binary created and tracked
+// (see TrackShm): tests run in parallel, and once our object is unlinked
+// another process may create its own under the same name.
 bool ShmExists(const std::string& strName);
 // Whole content of the object; empty when it does not exist.
 std::string ReadShm(const std::string& strName);
@@ -21,8 +24,9 @@ bool WriteSparseShm(const std::string& strName, const std::string& head, int64_t
 int32_t Int32At(const std::string& bytes, size_t nOffset);
 void PutInt32(std::string& bytes, size_t nOffset, int32_t nValue);
 
-// Remembers a name this binary created; at the end of the binary every
-// remembered name must be gone (a failure names the leftovers).
+// Remembers an object this binary just created (by name and inode); at the
+// end of the binary every remembered object must be gone (a failure names
+// the leftovers, which are then removed).
 void TrackShm(const std::string& strName);
 
 // Everything logged so far by this process (MOX_LOG is pointed at a private
