@@ -33,6 +33,6 @@ for target in datablock_reader resultlist_reader; do
     tail -n 60 "$log"
     status=1
   fi
-  grep -E '^(stat::number_of_executed_units|stat::peak_rss_mb)|^Done [0-9]+ runs' "$log" || true
+  grep -a -E '^(stat::number_of_executed_units|stat::peak_rss_mb)|^Done [0-9]+ runs' "$log" || true
 done
 exit $status
