@@ -2,14 +2,14 @@
 # Builds the fuzz targets of the shared-memory readers with clang (libFuzzer,
 # ASan, UBSan) and runs each for the given number of seconds.
 #   scripts/run-fuzz.sh [SECONDS_PER_TARGET]      (default 30)
-# Build directory: $MOX_FUZZ_BUILD_DIR or build-s-fuzz. The corpus grows in
+# Build directory: $MOX_FUZZ_BUILD_DIR or build-fuzz. The corpus grows in
 # <build>/fuzz-corpus/<target>; crashing inputs land in <build>/fuzz-artifacts.
 # Exits non-zero when a target finds a crash, a leak or a timeout.
 set -euo pipefail
 
 seconds=${1:-30}
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${MOX_FUZZ_BUILD_DIR:-$root/build-s-fuzz}
+build=${MOX_FUZZ_BUILD_DIR:-$root/build-fuzz}
 jobs=${MOX_BUILD_JOBS:-2}
 
 cmake -S "$root" -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
