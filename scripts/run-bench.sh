@@ -2,12 +2,12 @@
 # Release build of the benchmarks, then runs them and prints the speed-up of
 # the keyed list sort over the per-comparison predicate.
 #   scripts/run-bench.sh [extra Google Benchmark arguments]
-# Build directory: $MOX_BENCH_BUILD_DIR or build-s-rel. JSON results are kept
+# Build directory: $MOX_BENCH_BUILD_DIR or build-bench. JSON results are kept
 # in <build>/bench-*.json.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${MOX_BENCH_BUILD_DIR:-$root/build-s-rel}
+build=${MOX_BENCH_BUILD_DIR:-$root/build-bench}
 jobs=${MOX_BUILD_JOBS:-2}
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DMOX_SANITIZE= -DMOX_BUILD_BENCH=ON \
