@@ -29,9 +29,11 @@ engine_env_start_bus() {
   </policy>
 </busconfig>
 CONF
-  dbus-daemon --nofork --nopidfile --config-file="$WORK/bus.conf" 2>"$WORK/bus.err" &
+  # The bus prints its address once it accepts connections.
+  dbus-daemon --nofork --nopidfile --config-file="$WORK/bus.conf" --print-address=3 \
+    3>"$WORK/bus.address" 2>"$WORK/bus.err" &
   BUS_PID=$!
-  for _ in $(seq 100); do [ -S "$WORK/bus.socket" ] && break; sleep 0.05; done
+  for _ in $(seq 200); do [ -s "$WORK/bus.address" ] && break; sleep 0.05; done
 
   export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$WORK/bus.socket"
   export MOX_DBUS_CONFIG="$ROOT/data/mox_dbus_config.xml"

@@ -178,11 +178,16 @@ void EngineHarness::StartBus() {
                              "--config-file=" + config},
                             env, m_dir.file("bus.out"));
     m_busAddress = "unix:path=" + socket;
+    // The socket file appears at bind(), a little before the bus accepts
+    // connections: wait until a client really gets through.
     auto deadline = Clock::now() + std::chrono::seconds(10);
-    struct stat st;
-    while (stat(socket.c_str(), &st) != 0) {
-        if (Clock::now() > deadline) throw std::runtime_error("dbus-daemon did not start");
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    while (!m_client) {
+        try {
+            m_client = Connect();
+        } catch (const std::runtime_error&) {
+            if (Clock::now() > deadline) throw std::runtime_error("dbus-daemon did not start");
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
     }
 }
 
