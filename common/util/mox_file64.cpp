@@ -135,7 +135,8 @@ bool CMOXFile64::Open(const char* szName, int nMode, int nFlags, bool bCheckRead
     return true;
 }
 
-bool CMOXFile64::Read(void* buffer, unsigned long* count) {
+// Read and Write share everything but the system call and its message.
+bool CMOXFile64::m_Transfer(void* buffer, unsigned long* count, bool bWrite) {
     assert(buffer != NULL);
     assert(count != NULL);
     int fd = -1;
@@ -147,40 +148,26 @@ bool CMOXFile64::Read(void* buffer, unsigned long* count) {
         }
         fd = m_fd;
     }
-    ssize_t got = read(fd, buffer, *count);
-    if (got < 0) {
+    ssize_t done = bWrite ? write(fd, buffer, *count) : read(fd, buffer, *count);
+    if (done < 0) {
         int err = errno;
         *count = 0;
-        MOX_WARN("CMOXFile64::Read() failed.");
+        if (bWrite)
+            MOX_WARN("CMOXFile64::Write() failed.");
+        else
+            MOX_WARN("CMOXFile64::Read() failed.");
         ErrMsg(err);
         return false;
     }
-    *count = static_cast<unsigned long>(got);
+    *count = static_cast<unsigned long>(done);
     return true;
 }
 
+bool CMOXFile64::Read(void* buffer, unsigned long* count) { return m_Transfer(buffer, count, false); }
+
 bool CMOXFile64::Write(const void* buffer, unsigned long* count) {
-    assert(buffer != NULL);
-    assert(count != NULL);
-    int fd = -1;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_bOpened) {
-            MOX_WARN("IsOpened() != true");
-            return false;
-        }
-        fd = m_fd;
-    }
-    ssize_t put = write(fd, buffer, *count);
-    if (put < 0) {
-        int err = errno;
-        *count = 0;
-        MOX_WARN("CMOXFile64::Write() failed.");
-        ErrMsg(err);
-        return false;
-    }
-    *count = static_cast<unsigned long>(put);
-    return true;
+    // write() does not modify the buffer; the shared helper takes it mutable.
+    return m_Transfer(const_cast<void*>(buffer), count, true);
 }
 
 bool CMOXFile64::Flush() {

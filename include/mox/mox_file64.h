@@ -56,6 +56,7 @@ public:
     bool IsOpened();
 
 private:
+    bool m_Transfer(void* buffer, unsigned long* count, bool bWrite);
     // Closes descriptor and stream. Requires m_mutex held.
     void m_CloseLocked();
 

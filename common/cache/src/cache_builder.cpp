@@ -18,11 +18,6 @@
 namespace {
 
 const char kNamePrefix[] = "mox_datablock_";
-// Names squatted by foreign or stale objects are skipped; give up after this
-// many in a row rather than loop.
-const int kMaxNameAttempts = 1024;
-
-void PutInt32(char* pBase, size_t nOffset, int32_t nValue) { memcpy(pBase + nOffset, &nValue, sizeof(nValue)); }
 
 }  // namespace
 
@@ -37,19 +32,8 @@ void CCacheBuilder::m_GenerateName(std::string& strShmName) {
 }
 
 CCacheBuilder::CCacheBuilder(mox_cache_block_type eType) : m_eType(eType) {
-    int fd = -1;
-    for (int nAttempt = 0; nAttempt < kMaxNameAttempts; ++nAttempt) {
-        m_GenerateName(m_strShmName);
-        // O_EXCL: an object someone else created under our next name must not
-        // become our block (its creator could still write or shrink it).
-        fd = shm_open(m_strShmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0766);
-        if (fd >= 0 || errno != EEXIST) break;
-        MOX_WARN("ShmName[%s] already exists, skip it.", m_strShmName.c_str());
-    }
-    if (fd < 0) {
-        MOX_WARN("shm_open failed, m_strShmName[%s]: %s.", m_strShmName.c_str(), strerror(errno));
-        return;
-    }
+    int fd = mox_shm::CreateExclusive([&](std::string& strName) { m_GenerateName(strName); }, m_strShmName);
+    if (fd < 0) return;
     MOX_INFO("Generate ShmName[%s].", m_strShmName.c_str());
     FILE* pStream = fdopen(fd, "r+");
     if (pStream == nullptr) {
@@ -130,13 +114,13 @@ bool CCacheBuilder::Build(int nLen, int nStartIndex, int nEndIndex, int nTotalCo
         return false;
     }
     char* pAddr = mapping.Get();
-    PutInt32(pAddr, 0, static_cast<int32_t>(nGroupOffset));
-    PutInt32(pAddr, 4, static_cast<int32_t>(nLengthOffset));
-    PutInt32(pAddr, 8, nStartIndex);
-    PutInt32(pAddr, 12, nEndIndex);
-    PutInt32(pAddr, 16, nTotalCount);
-    PutInt32(pAddr, 20, static_cast<int32_t>(groups.size()));
-    PutInt32(pAddr, 24, m_nSize);
+    mox_shm::PutInt32(pAddr, 0, static_cast<int32_t>(nGroupOffset));
+    mox_shm::PutInt32(pAddr, 4, static_cast<int32_t>(nLengthOffset));
+    mox_shm::PutInt32(pAddr, 8, nStartIndex);
+    mox_shm::PutInt32(pAddr, 12, nEndIndex);
+    mox_shm::PutInt32(pAddr, 16, nTotalCount);
+    mox_shm::PutInt32(pAddr, 20, static_cast<int32_t>(groups.size()));
+    mox_shm::PutInt32(pAddr, 24, m_nSize);
     if (nLen % 4 != 0) {
         int nAligned = static_cast<int>(nAlignedLen) - nLen;
         assert(nAligned >= 0 && nAligned < 4);
@@ -146,10 +130,10 @@ bool CCacheBuilder::Build(int nLen, int nStartIndex, int nEndIndex, int nTotalCo
     if (!groups.empty()) memcpy(pAddr + nGroupOffset, groups.data(), 8 * groups.size());
     if (nItemCount > 0) {
         int32_t nEntry = MOX_DATABLOCK_HEADER_SIZE;
-        PutInt32(pAddr, static_cast<size_t>(nLengthOffset), nEntry);
+        mox_shm::PutInt32(pAddr, static_cast<size_t>(nLengthOffset), nEntry);
         for (int64_t k = 0; k + 1 < nItemCount; ++k) {
             nEntry += lengths[k].nLength;
-            PutInt32(pAddr, static_cast<size_t>(nLengthOffset + 4 * (k + 1)), nEntry);
+            mox_shm::PutInt32(pAddr, static_cast<size_t>(nLengthOffset + 4 * (k + 1)), nEntry);
         }
     }
     m_bBuilt = true;

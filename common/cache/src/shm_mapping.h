@@ -6,9 +6,24 @@
 #include <sys/mman.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <string>
 #include <utility>
 
 namespace mox_shm {
+
+// Writes a 32-bit header field (the host is little-endian, like the set).
+inline void PutInt32(char* pBase, size_t nOffset, int32_t nValue) {
+    memcpy(pBase + nOffset, &nValue, sizeof(nValue));
+}
+
+// Creates a new object exclusively under the next name that nextName yields,
+// skipping names that already exist: an object someone else created under our
+// next name must never become ours (its creator could still write or shrink
+// it). Returns the descriptor with the name in strName, or -1 (errno set).
+int CreateExclusive(const std::function<void(std::string&)>& nextName, std::string& strName);
 
 class CShmFd {
 public:

@@ -15,14 +15,11 @@
 
 #include <mox/mox_log.h>
 
+#include "shm_mapping.h"
+
 namespace {
 
 const char kNamePrefix[] = "mox_resultlist_";
-// Ids squatted by foreign or stale objects are skipped; give up after this
-// many in a row rather than loop.
-const int kMaxNameAttempts = 1024;
-
-void PutInt32(char* pBase, size_t nOffset, int32_t nValue) { memcpy(pBase + nOffset, &nValue, sizeof(nValue)); }
 
 }  // namespace
 
@@ -46,19 +43,8 @@ CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int n
                  nStartIndex, nEndIndex, nTotalItemCount, nNumberOfGroups, nNumberOfBlocks);
         return;
     }
-    int fd = -1;
-    for (int nAttempt = 0; nAttempt < kMaxNameAttempts; ++nAttempt) {
-        m_GenerateIdAndName(m_nId, m_strShmName);
-        // O_EXCL: an object someone else created under our next name must not
-        // become our list.
-        fd = shm_open(m_strShmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0766);
-        if (fd >= 0 || errno != EEXIST) break;
-        MOX_WARN("ShmName[%s] already exists, skip it.", m_strShmName.c_str());
-    }
-    if (fd < 0) {
-        MOX_WARN("shm_open failed, m_strShmName[%s]: %s.", m_strShmName.c_str(), strerror(errno));
-        return;
-    }
+    int fd = mox_shm::CreateExclusive([&](std::string& strName) { m_GenerateIdAndName(m_nId, strName); }, m_strShmName);
+    if (fd < 0) return;
     MOX_INFO("Generate Id[%d], Name[%s].", m_nId, m_strShmName.c_str());
     mox_shm::CShmFd shmFd(fd);
     if (ftruncate(fd, nSize) != 0) {
@@ -80,15 +66,15 @@ CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int n
     m_nItemOffset = m_nBlockNameOffset + MOX_RESULTLIST_NAME_SLOT_SIZE * nNumberOfBlocks;
     // The object is zero-filled by ftruncate: empty name slots, zero groups.
     char* pAddr = mapping.Get();
-    PutInt32(pAddr, 0, m_nBlockNameOffset);
-    PutInt32(pAddr, 4, m_nItemOffset);
-    PutInt32(pAddr, 8, nStartIndex);
-    PutInt32(pAddr, 12, nEndIndex);
-    PutInt32(pAddr, 16, nSectionIndex);
-    PutInt32(pAddr, 20, nTotalItemCount);
-    PutInt32(pAddr, 24, nNumberOfGroups);
-    PutInt32(pAddr, 28, nNumberOfBlocks);
-    PutInt32(pAddr, 32, static_cast<int32_t>(nSize));
+    mox_shm::PutInt32(pAddr, 0, m_nBlockNameOffset);
+    mox_shm::PutInt32(pAddr, 4, m_nItemOffset);
+    mox_shm::PutInt32(pAddr, 8, nStartIndex);
+    mox_shm::PutInt32(pAddr, 12, nEndIndex);
+    mox_shm::PutInt32(pAddr, 16, nSectionIndex);
+    mox_shm::PutInt32(pAddr, 20, nTotalItemCount);
+    mox_shm::PutInt32(pAddr, 24, nNumberOfGroups);
+    mox_shm::PutInt32(pAddr, 28, nNumberOfBlocks);
+    mox_shm::PutInt32(pAddr, 32, static_cast<int32_t>(nSize));
     m_shmFd = std::move(shmFd);
     m_mapping = std::move(mapping);
 }
@@ -105,8 +91,8 @@ void CResultListBuilder::AddGroup(int nGroupIndex, int a, int b) {
     if (!IsValid()) return;
     assert(nGroupIndex >= 0 && nGroupIndex < m_nNumberOfGroups);
     char* pGroup = m_mapping.Get() + MOX_RESULTLIST_HEADER_SIZE + 8 * nGroupIndex;
-    PutInt32(pGroup, 0, a);
-    PutInt32(pGroup, 4, b);
+    mox_shm::PutInt32(pGroup, 0, a);
+    mox_shm::PutInt32(pGroup, 4, b);
 }
 
 void CResultListBuilder::AddItem(std::string strShmName, int nItemIndex) {
