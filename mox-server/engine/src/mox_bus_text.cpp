@@ -1,0 +1,61 @@
+#define MOX_LOG_TAG "MOX-ENGINE"
+
+#include "mox_bus_text.h"
+
+#include <cstring>
+
+#include <mox/mox_log.h>
+
+namespace mox_bus {
+
+namespace {
+constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
+}
+
+std::string ValidUtf8(std::string_view text, const char* what) {
+    const gchar* end = nullptr;
+    if (g_utf8_validate_len(text.data(), text.size(), &end)) return std::string(text);
+
+    std::string out;
+    out.reserve(text.size() + 16);
+    size_t nRepaired = 0;
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        if (g_utf8_validate_len(rest.data(), rest.size(), &end)) {
+            out.append(rest);
+            break;
+        }
+        size_t good = static_cast<size_t>(end - rest.data());
+        out.append(rest.data(), good);
+        out.append(kReplacement);
+        ++nRepaired;
+        // Skip one byte: the next round resynchronises on the following one.
+        rest.remove_prefix(good + 1);
+    }
+    MOX_WARN("%s: %zu invalid UTF-8 byte(s) replaced before sending.", what ? what : "text", nRepaired);
+    return out;
+}
+
+GVariant* NewString(std::string_view text, const char* what) {
+    std::string valid = ValidUtf8(text, what);
+    return g_variant_new_string(valid.c_str());
+}
+
+std::string ForLog(std::string_view text) {
+    if (text.size() <= kMaxLoggedBytes) return std::string(text);
+    size_t cut = kMaxLoggedBytes;
+    // Back up over UTF-8 continuation bytes so the cut does not split a character.
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+    std::string out(text.substr(0, cut));
+    out += "...(" + std::to_string(text.size()) + " bytes)";
+    return out;
+}
+
+bool ArgumentFits(const char* method, const char* text) {
+    size_t len = text ? strnlen(text, kMaxArgumentBytes + 1) : 0;
+    if (len <= kMaxArgumentBytes) return true;
+    MOX_WARN("method(%s): argument larger than %zu bytes refused.", method, kMaxArgumentBytes);
+    return false;
+}
+
+}  // namespace mox_bus
