@@ -385,6 +385,10 @@ bool ReadShmContent(FILE* stream, const char* szShmName, UniqueBuffer& content, 
         MOX_WARN("CMOXUtil: fstat shm [%s] failed.", szShmName);
         return false;
     }
+    if (!S_ISREG(st.st_mode)) {
+        MOX_WARN("CMOXUtil: shm [%s] is not a shared-memory object.", szShmName);
+        return false;
+    }
     const long long objectSize = static_cast<long long>(st.st_size);
     if (objectSize < static_cast<long long>(sizeof(length)) || fread(&length, sizeof(length), 1, stream) != 1) {
         MOX_WARN("CMOXUtil: shm [%s] has no length field (size %lld).", szShmName, objectSize);
@@ -411,9 +415,16 @@ bool ReadShmContent(FILE* stream, const char* szShmName, UniqueBuffer& content, 
 
 }  // namespace
 
+std::string CMOXUtil::CutForLog(const std::string& str, size_t nMax) {
+    if (str.size() <= nMax) return str;
+    size_t cut = nMax;
+    while (cut > 0 && (static_cast<unsigned char>(str[cut]) & 0xC0) == 0x80) --cut;
+    return str.substr(0, cut) + "...(" + std::to_string(str.size()) + " bytes)";
+}
+
 bool CMOXUtil::WriteFile(const char* szFilePath, const char* szShmName) {
     assert(szFilePath != NULL && szShmName != NULL);
-    UniqueFd fd(shm_open(szShmName, O_RDONLY | O_CLOEXEC, 0766));
+    UniqueFd fd(shm_open(szShmName, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0));
     if (!fd.IsValid()) {
         MOX_WARN("CMOXUtil: shm_open [%s] failed.", szShmName);
         return false;

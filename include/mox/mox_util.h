@@ -57,6 +57,9 @@ public:
     static std::string RemoveForwardSlashInPath(std::string strPath);
     // Empty for null.
     static std::string CharToString(const char* sz);
+    // Text cut to nMax bytes (not splitting a UTF-8 character) and marked
+    // "...(N bytes)", so that client-sized strings cost little in the log.
+    static std::string CutForLog(const std::string& str, size_t nMax = 4096);
     // Splits text at runs of blanks (trailing blanks ignored) and stores at
     // most three numbers in out (which holds three); *count gets how many.
     // An empty, blank-only or null text stores one 0.0.
@@ -82,6 +85,8 @@ public:
     // 32-bit length N followed by N bytes, into the file filePath. The object
     // is unlinked in every case once it could be opened (consumed). A length
     // below 1 or beyond the object's size is refused.
+    // Not confined to any root: paths a client names go through the engine's
+    // own confined writer instead.
     static bool WriteFile(const char* szFilePath, const char* szShmName);
     static bool RemoveFile(const char* szPath);
 

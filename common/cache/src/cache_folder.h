@@ -9,11 +9,17 @@
 #include <mutex>
 #include <string>
 
+// Bounded: clients fill it, so at most kMaxEntries pairs and kMaxBytes of
+// path and id text; further adds are refused (Add returns false).
 class CCacheFolder {
 public:
+    static constexpr size_t kMaxEntries = 10000;
+    static constexpr size_t kMaxBytes = 16u << 20;
+
     // Sets strFolderId when the path is known; leaves it untouched otherwise.
     bool Find(std::string strFolderPath, std::string& strFolderId);
-    // Inserts the pair unless the path is already known (the first id stays).
+    // Inserts the pair unless the path is already known (the first id stays);
+    // false when the map is full.
     bool Add(std::string strFolderPath, std::string strFolderId);
     // Forgets every path that contains strMountPath anywhere (substring match).
     bool Clear(std::string strMountPath);
@@ -22,5 +28,8 @@ public:
 
 private:
     std::mutex m_mutex;
+    void m_Erase(std::map<std::string, std::string>::iterator it);  // requires m_mutex
+
     std::map<std::string, std::string> m_folders;  // GUARDED_BY(m_mutex)
+    size_t m_nBytes = 0;                           // GUARDED_BY(m_mutex)
 };

@@ -2,6 +2,7 @@
 #include "shm_mapping.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <cerrno>
 
 #include <unistd.h>
@@ -24,11 +25,16 @@ int CreateExclusive(const std::function<void(std::string&)>& nextName, std::stri
     int fd = -1;
     for (int nAttempt = 0; nAttempt < kMaxNameAttempts; ++nAttempt) {
         nextName(strName);
-        fd = shm_open(strName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0766);
+        fd = shm_open(strName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
         if (fd >= 0 || errno != EEXIST) break;
         MOX_WARN("ShmName[%s] already exists, skip it.", strName.c_str());
     }
-    if (fd < 0) MOX_WARN("shm_open failed, m_strShmName[%s]: %s.", strName.c_str(), strerror(errno));
+    if (fd < 0) {
+        MOX_WARN("shm_open failed, m_strShmName[%s]: %s.", strName.c_str(), strerror(errno));
+        return fd;
+    }
+    // Clients read these objects; only the daemon writes them, whatever the umask.
+    if (fchmod(fd, 0644) != 0) MOX_WARN("fchmod failed, m_strShmName[%s]: %s.", strName.c_str(), strerror(errno));
     return fd;
 }
 

@@ -58,12 +58,16 @@ int32_t ReadInt32(const char* pData, int64_t nOffset) {
 
 ELoadResult LoadObject(const std::string& strShmName, int nHeaderSize, int nSizeFieldOffset,
                        SObjectCopy& out) {
-    CUniqueFd fd(shm_open(strShmName.c_str(), O_RDONLY, 0766));
+    CUniqueFd fd(shm_open(strShmName.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0));
     if (fd.Get() < 0) return ELoadResult::kOpenFailed;
 
     struct stat st;
     if (fstat(fd.Get(), &st) != 0) {
         MOX_WARN("fstat of shm[%s] failed: %s.", strShmName.c_str(), strerror(errno));
+        return ELoadResult::kBadObject;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        MOX_WARN("shm[%s] is not a shared-memory object.", strShmName.c_str());
         return ELoadResult::kBadObject;
     }
     if (st.st_size < nHeaderSize) {

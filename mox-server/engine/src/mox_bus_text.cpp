@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <mox/mox_log.h>
+#include <mox/mox_util.h>
 
 namespace mox_bus {
 
@@ -41,15 +42,12 @@ GVariant* NewString(std::string_view text, const char* what) {
     return g_variant_new_string(valid.c_str());
 }
 
-std::string ForLog(std::string_view text) {
-    if (text.size() <= kMaxLoggedBytes) return std::string(text);
-    size_t cut = kMaxLoggedBytes;
-    // Back up over UTF-8 continuation bytes so the cut does not split a character.
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
-    std::string out(text.substr(0, cut));
-    out += "...(" + std::to_string(text.size()) + " bytes)";
-    return out;
+GVariant* NewStringTuple(std::string_view text, const char* what) {
+    GVariant* child = NewString(text, what);
+    return g_variant_new_tuple(&child, 1);
 }
+
+std::string ForLog(std::string_view text) { return CMOXUtil::CutForLog(std::string(text), kMaxLoggedBytes); }
 
 bool ArgumentFits(const char* method, const char* text) {
     size_t len = text ? strnlen(text, kMaxArgumentBytes + 1) : 0;

@@ -26,6 +26,9 @@ std::string ValidUtf8(std::string_view text, const char* what);
 // A floating "s" GVariant holding ValidUtf8(text).
 GVariant* NewString(std::string_view text, const char* what);
 
+// A floating "(s)" tuple holding ValidUtf8(text): the usual reply or payload.
+GVariant* NewStringTuple(std::string_view text, const char* what);
+
 // `text` cut to kMaxLoggedBytes (on a character boundary when it is UTF-8)
 // followed by "...(N bytes)" when it was longer.
 std::string ForLog(std::string_view text);

@@ -7,8 +7,13 @@
 // service's thread.
 #define MOX_LOG_TAG "MOX-ENGINE"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -28,7 +33,9 @@
 #include <vconf.h>
 
 #include "cache_folder.h"
+#include "mox_bus_text.h"
 #include "mox_storage_manager.h"
+#include "mox_usb_file.h"
 
 namespace {
 
@@ -60,6 +67,7 @@ std::unique_ptr<CMOXStorageMgr> g_pStorageMgr;
 // The bus connection, referenced for as long as the storage manager may hand
 // its pointer (held in bound-client records) to notify_storages.
 GDBusConnection* g_pConnection = nullptr;
+guint g_nNameOwnerSubscription = 0;  // on g_pConnection
 
 // Reads the introspection XML; the daemon cannot serve without it.
 bool initIntrospectionXml() {
@@ -67,6 +75,7 @@ bool initIntrospectionXml() {
     gchar* text = nullptr;
     if (!g_file_get_contents(path.c_str(), &text, nullptr, nullptr)) {
         MOX_DEBUG("load mox_dbus_config error.\n");
+        MOX_WARN("cannot read the introspection XML %s (MOX_DBUS_CONFIG moves it).", path.c_str());
         return false;
     }
     g_introspectionXml.reset(text);
@@ -104,15 +113,34 @@ int mox_engine_deal_reset_status() {
     return 1;
 }
 
+// The status file lives in a world-writable directory: it is written to a
+// fresh name (O_EXCL, never following a planted link) and renamed into place,
+// which replaces whatever was planted under the name instead of following it.
 int write_engine_status() {
     std::string path = mox_host::StatusFilePath();
     MOX_INFO("%s", path.c_str());
-    std::unique_ptr<FILE, int (*)(FILE*)> fp(fopen(path.c_str(), "w"), fclose);
-    if (!fp) {
+    std::string temp = path + ".XXXXXX";
+    int fd = mkostemp(&temp[0], O_CLOEXEC);
+    if (fd < 0) {
         MOX_INFO("fp is NULL. file name : %s", path.c_str());
         return -1;
     }
-    if (fputs("MOX_ENGINE OK", fp.get()) < 0) MOX_INFO("fputs failed");
+    std::unique_ptr<FILE, int (*)(FILE*)> fp(fdopen(fd, "w"), fclose);
+    if (!fp) {
+        close(fd);
+        unlink(temp.c_str());
+        MOX_INFO("fp is NULL. file name : %s", path.c_str());
+        return -1;
+    }
+    fchmod(fd, 0644);
+    bool bWritten = fputs("MOX_ENGINE OK", fp.get()) >= 0;
+    bWritten = fclose(fp.release()) == 0 && bWritten;
+    if (!bWritten) MOX_INFO("fputs failed");
+    if (!bWritten || rename(temp.c_str(), path.c_str()) != 0) {
+        if (bWritten) MOX_INFO("fp is NULL. file name : %s", path.c_str());
+        unlink(temp.c_str());
+        return bWritten ? -1 : 0;
+    }
     return 0;
 }
 
@@ -190,11 +218,17 @@ void notify_storages(SDBusConnectionInfo client, EMOXStorageEvent event, std::st
     notification.Set("event", static_cast<int>(event));
     notification.SetValue("devices", parsed.Root().get("devices", Json::Value()));
     std::string strPayload = notification.ToStyledString();
-    GError* localError = nullptr;
-    g_dbus_connection_emit_signal(client.connection, client.sender.c_str(), client.objectPath.c_str(),
-                                  client.interfaceName.c_str(), "mox_usb_notification",
-                                  g_variant_new("(s)", strPayload.c_str()), &localError);
-    assert(localError == NULL);
+    GError* rawError = nullptr;
+    // A client that left, or a bus connection that closed, is not the
+    // engine's fault: the event is lost for that client, nothing more.
+    if (!g_dbus_connection_emit_signal(client.connection, client.sender.c_str(), client.objectPath.c_str(),
+                                       client.interfaceName.c_str(), "mox_usb_notification",
+                                       mox_bus::NewStringTuple(strPayload, "mox_usb_notification"),
+                                       &rawError)) {
+        std::unique_ptr<GError, GErrorDeleter> error(rawError);
+        MOX_WARN("mox_usb_notification to %s not sent: %s", client.sender.c_str(),
+                 error ? error->message : "unknown error");
+    }
 }
 
 SDBusConnectionInfo callerOf(GDBusMethodInvocation* invocation) {
@@ -208,7 +242,7 @@ SDBusConnectionInfo callerOf(GDBusMethodInvocation* invocation) {
 
 // check_folder_path: add (0) or find (1) a folder id in the folder map.
 std::string checkFolderPath(const char* szParam) {
-    MOX_DEBUG("szParam: %s", szParam);
+    MOX_DEBUG("szParam: %s", mox_bus::ForLog(szParam).c_str());
     CJsonValue param{std::string(szParam)};
     int eOperationType = -1;
     if (param.Has("OPERATION_TYPE")) param.Get("OPERATION_TYPE", eOperationType);
@@ -233,7 +267,7 @@ std::string checkFolderPath(const char* szParam) {
         MOX_WARN("Invalid eOperationType[%d].", eOperationType);
         MOX_WARN("Find Folder Path failed.");
     }
-    MOX_INFO("strFolderId[%s]", strFolderId.c_str());
+    MOX_INFO("strFolderId[%s]", mox_bus::ForLog(strFolderId).c_str());
     return strFolderId;
 }
 
@@ -243,11 +277,99 @@ void warnUnavailable(const char* szMethod, const char* szPart) {
     MOX_WARN("method(%s) is not available: no %s in this build.", szMethod, szPart);
 }
 
+// The reply a method gives when it fails before doing anything; null is the
+// empty reply.
+GVariant* failureReply(const std::string& method) {
+    if (method == "connect") return g_variant_new("(u)", kInvalidHandle);
+    if (method == "stop_act") return g_variant_new("(u)", guint32(MOX_ERROR_GENERIC));
+    if (method == "usb_file_write" || method == "usb_file_remove" || method == "start_scanner_thumb")
+        return g_variant_new("(b)", FALSE);
+    if (method == "check_folder_path") return g_variant_new("(s)", "");
+    if (method == "start_scanner") return g_variant_new("(bu)", FALSE, 0u);
+    return nullptr;
+}
+
+// Client strings are bounded: a huge argument would be copied, parsed and
+// logged several times over.
+bool argumentsFit(const char* szMethodName, GVariant* parameters) {
+    if (!parameters) return true;
+    gsize n = g_variant_n_children(parameters);
+    for (gsize i = 0; i < n; ++i) {
+        GVariant* child = g_variant_get_child_value(parameters, i);
+        gsize len = 0;
+        if (g_variant_is_of_type(child, G_VARIANT_TYPE_STRING)) g_variant_get_string(child, &len);
+        g_variant_unref(child);
+        if (len > mox_bus::kMaxArgumentBytes) {
+            MOX_WARN("method(%s): argument %zu of %zu bytes exceeds %zu bytes, refused.", szMethodName,
+                     static_cast<size_t>(i), static_cast<size_t>(len), mox_bus::kMaxArgumentBytes);
+            return false;
+        }
+    }
+    return true;
+}
+
+// usb_file_write and usb_file_remove run on a worker thread, so a slow stick
+// or a large object never holds up the main loop; the reply follows when the
+// file is done.
+struct FileJob {
+    GDBusMethodInvocation* invocation;  // owned reference
+    bool bWrite;
+    std::string path;
+    std::string shmName;
+    ~FileJob() { g_object_unref(invocation); }
+};
+
+// The caller's user id as the bus daemon knows it; (uid_t)-1 when unknown.
+uid_t callerUid(GDBusMethodInvocation* invocation) {
+    GError* rawError = nullptr;
+    GVariant* reply = g_dbus_connection_call_sync(
+        g_dbus_method_invocation_get_connection(invocation), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+        "org.freedesktop.DBus", "GetConnectionUnixUser",
+        g_variant_new("(s)", g_dbus_method_invocation_get_sender(invocation)), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &rawError);
+    std::unique_ptr<GError, GErrorDeleter> error(rawError);
+    if (!reply) {
+        MOX_WARN("cannot tell the caller's user: %s", error ? error->message : "unknown error");
+        return static_cast<uid_t>(-1);
+    }
+    guint32 uid = 0;
+    g_variant_get(reply, "(u)", &uid);
+    g_variant_unref(reply);
+    return static_cast<uid_t>(uid);
+}
+
+void runFileJob(GTask* task, gpointer, gpointer data, GCancellable*) {
+    auto* job = static_cast<FileJob*>(data);
+    bool bResult = job->bWrite ? CMOXUsbFile::Write(job->path, job->shmName, callerUid(job->invocation))
+                               : CMOXUsbFile::Remove(job->path);
+    g_task_return_boolean(task, bResult);
+}
+
+void finishFileJob(GObject*, GAsyncResult* result, gpointer) {
+    GTask* task = G_TASK(result);
+    auto* job = static_cast<FileJob*>(g_task_get_task_data(task));
+    gboolean bResult = g_task_propagate_boolean(task, nullptr);
+    g_dbus_method_invocation_return_value(g_object_ref(job->invocation), g_variant_new("(b)", bResult));
+}
+
+void startFileJob(GDBusMethodInvocation* invocation, bool bWrite, const char* szPath, const char* szShmName) {
+    auto* job = new FileJob{G_DBUS_METHOD_INVOCATION(g_object_ref(invocation)), bWrite, szPath,
+                            szShmName ? szShmName : ""};
+    GTask* task = g_task_new(nullptr, nullptr, finishFileJob, nullptr);
+    g_task_set_task_data(task, job, [](gpointer p) { delete static_cast<FileJob*>(p); });
+    g_task_run_in_thread(task, runFileJob);
+    g_object_unref(task);
+}
+
 void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*,
                       const gchar* szMethodName, GVariant* parameters,
                       GDBusMethodInvocation* invocation, gpointer) {
     MOX_INFO("recive method(%s).", szMethodName);
     const std::string method(szMethodName);
+    if (!argumentsFit(szMethodName, parameters)) {
+        g_dbus_method_invocation_return_value(invocation, failureReply(method));
+        return;
+    }
 
     if (method == "start_server") {
         g_dbus_method_invocation_return_value(invocation,
@@ -267,32 +389,31 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         const gchar* szSelectionListBlockName = nullptr;
         const gchar* szParam = nullptr;
         g_variant_get(parameters, "(u&s&s)", &nHandleId, &szSelectionListBlockName, &szParam);
-        MOX_DEBUG("szParam: %s", szParam);
-        MOX_DEBUG("szSelectionListBlockName: %s", szSelectionListBlockName);
+        MOX_DEBUG("szParam: %s", mox_bus::ForLog(szParam).c_str());
+        MOX_DEBUG("szSelectionListBlockName: %s", mox_bus::ForLog(szSelectionListBlockName).c_str());
         warnUnavailable(szMethodName, "request engine");
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "usb_file_write") {
         const gchar* szFilePath = nullptr;
         const gchar* szShmName = nullptr;
         g_variant_get(parameters, "(&s&s)", &szFilePath, &szShmName);
-        gboolean bResult = CMOXUtil::WriteFile(szFilePath, szShmName) ? TRUE : FALSE;
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", bResult));
+        startFileJob(invocation, true, szFilePath, szShmName);
     } else if (method == "usb_file_remove") {
         const gchar* szFilePath = nullptr;
         const gchar* szIgnored = nullptr;
         g_variant_get(parameters, "(&s&s)", &szFilePath, &szIgnored);
-        gboolean bResult = CMOXUtil::RemoveFile(szFilePath) ? TRUE : FALSE;
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", bResult));
+        startFileJob(invocation, false, szFilePath, nullptr);
     } else if (method == "check_folder_path") {
         const gchar* szParam = nullptr;
         g_variant_get(parameters, "(&s)", &szParam);
         std::string strFolderId = checkFolderPath(szParam);
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", strFolderId.c_str()));
+        g_dbus_method_invocation_return_value(invocation,
+                                              mox_bus::NewStringTuple(strFolderId, "check_folder_path"));
     } else if (method == "stop_act") {
         guint32 nHandleId = 0;
         const gchar* szParam = nullptr;
         g_variant_get(parameters, "(u&s)", &nHandleId, &szParam);
-        MOX_DEBUG("szParam: %s", szParam);
+        MOX_DEBUG("szParam: %s", mox_bus::ForLog(szParam).c_str());
         warnUnavailable(szMethodName, "request engine");
         g_dbus_method_invocation_return_value(invocation,
                                               g_variant_new("(u)", guint32(MOX_ERROR_GENERIC)));
@@ -319,8 +440,9 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         g_variant_get(parameters, "(u)", &nType);
         std::string strStorages;
         int nResult = g_pStorageMgr->GetStorages(static_cast<mox_storage_device_type>(nType), strStorages);
-        g_dbus_method_invocation_return_value(
-            invocation, g_variant_new("(us)", guint32(nResult), strStorages.c_str()));
+        GVariant* reply[] = {g_variant_new_uint32(guint32(nResult)),
+                             mox_bus::NewString(strStorages, "get_usb_storages")};
+        g_dbus_method_invocation_return_value(invocation, g_variant_new_tuple(reply, 2));
     } else if (method == "bind_usb_event") {
         guint32 nBind = 0;
         g_variant_get(parameters, "(u)", &nBind);
@@ -388,11 +510,28 @@ GDBusMessage* filterUnknownMethods(GDBusConnection* connection, GDBusMessage* me
     return nullptr;  // the message's reference now belongs to `call`
 }
 
+// A client that leaves the bus without unbinding is forgotten: sending to a
+// dead name costs every later event, without bound.
+void onNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+                        GVariant* parameters, gpointer) {
+    const gchar* szName = nullptr;
+    const gchar* szOldOwner = nullptr;
+    const gchar* szNewOwner = nullptr;
+    g_variant_get(parameters, "(&s&s&s)", &szName, &szOldOwner, &szNewOwner);
+    if (szName[0] != ':' || szNewOwner[0] != '\0') return;
+    if (g_pStorageMgr) g_pStorageMgr->RemoveNotificationClientsOf(szName);
+}
+
 void onBusAcquired(GDBusConnection* connection, const gchar*, gpointer) {
     GDBusNodeInfo* node = g_introspectionData.get();
     auto* filter = new FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])};
     g_dbus_connection_add_filter(connection, filterUnknownMethods, filter, freeFilterData);
-    if (!g_pConnection) g_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
+    if (!g_pConnection) {
+        g_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
+        g_nNameOwnerSubscription = g_dbus_connection_signal_subscribe(
+            connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+            "/org/freedesktop/DBus", nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onNameOwnerChanged, nullptr, nullptr);
+    }
     guint nRegistrationId = g_dbus_connection_register_object(
         connection, node->path, node->interfaces[0], &kInterfaceVTable, nullptr, nullptr, nullptr);
     MOX_DEBUG("BusAcquired.");
@@ -433,7 +572,24 @@ bool parseIntrospectionData() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc > 1) {
+        if (strcmp(argv[1], "--version") == 0) {
+            printf("mox-engine %s\n", MOX_VERSION);
+            return 0;
+        }
+        if (strcmp(argv[1], "--help") == 0) {
+            printf("Usage: mox-engine [--help | --version]\n\n"
+                   "The MOX content engine daemon: owns com.orvia.mox.engine on the system bus\n"
+                   "(DBUS_SYSTEM_BUS_ADDRESS moves it). It takes no options; its paths move with\n"
+                   "MOX_DBUS_CONFIG, MOX_STATUS_FILE, MOX_PLUGIN_DIR, MOX_APP_DATA_DIR, MOX_USB_ROOT,\n"
+                   "MOX_CA_BUNDLE, MOX_VCONF_DIR and MOX_FEATURES_FILE; MOX_LOG and MOX_LOG_LEVEL\n"
+                   "choose the log sink and level. SIGTERM stops it.\n");
+            return 0;
+        }
+        fprintf(stderr, "mox-engine: unknown argument '%s' (try --help)\n", argv[1]);
+        return 2;
+    }
     MOX_DEBUG("curl_global_init.");
     curl_global_init(CURL_GLOBAL_ALL);
     MOX_DEBUG("curl_global_init end.");
@@ -490,7 +646,10 @@ int main() {
     g_pStorageMgr.reset();
     vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
     CMOXSingleton<CCacheFolder>::Destroy();
-    if (g_pConnection) g_object_unref(g_pConnection);
+    if (g_pConnection) {
+        g_dbus_connection_signal_unsubscribe(g_pConnection, g_nNameOwnerSubscription);
+        g_object_unref(g_pConnection);
+    }
     g_pConnection = nullptr;
     g_mainLoop = nullptr;
     loop.reset();

@@ -89,6 +89,17 @@ void CMOXStorageMgr::RemoveNotificationClient(dbus_connection_info_s& client) {
     if (it != m_clients.end()) m_clients.erase(it);
 }
 
+void CMOXStorageMgr::RemoveNotificationClientsOf(const std::string& sender) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    size_t nBefore = m_clients.size();
+    m_clients.erase(std::remove_if(m_clients.begin(), m_clients.end(),
+                                   [&](const dbus_connection_info_s& c) { return c.sender == sender; }),
+                    m_clients.end());
+    if (m_clients.size() != nBefore)
+        MOX_INFO("client %s left the bus, %d binding(s) removed.", sender.c_str(),
+                 static_cast<int>(nBefore - m_clients.size()));
+}
+
 int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) {
     MOX_INFO("Calling GetStoraes...");
     std::lock_guard<std::mutex> lock(m_mutex);

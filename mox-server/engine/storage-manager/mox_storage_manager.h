@@ -45,6 +45,8 @@ public:
 
     void AddNotificationClient(dbus_connection_info_s& client);
     void RemoveNotificationClient(dbus_connection_info_s& client);
+    // Forgets every binding of a client that left the bus (unique name).
+    void RemoveNotificationClientsOf(const std::string& sender);
 
     // The storage document of the storages of one type present now (the
     // list is enumerated afresh). 0, or 23 when enumeration fails; a type
