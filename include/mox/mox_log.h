@@ -10,7 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <dlog.h>
+#include <mox/platform/dlog.h>
 
 #ifndef MOX_LOG_TAG
 #error "define MOX_LOG_TAG before including mox_log.h"

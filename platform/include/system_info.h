@@ -2,6 +2,10 @@
 // lines "KEY=true|false" with KEY the decimal feature number.
 #pragma once
 
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif

@@ -115,6 +115,8 @@ public:
     int Stop(std::chrono::milliseconds timeout = std::chrono::seconds(20));
     bool Running();
     pid_t Pid() const { return m_pid; }
+    // The private bus daemon (-1 for a harness on another harness's bus).
+    pid_t BusPid() const { return m_busPid; }
 
     // A new client connection to the private bus.
     ConnectionPtr Connect() const;

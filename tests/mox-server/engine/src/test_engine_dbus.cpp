@@ -5,9 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <sys/wait.h>
+
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -86,8 +90,16 @@ TEST(EngineStartup, MalformedIntrospectionXmlIsRefusedCleanly) {
 
 TEST(EngineStartup, ServesWritesStatusFileAndStopsCleanly) {
     EngineHarness h;
+    // A link planted under the status file's name is replaced, not followed.
+    const std::string victim = h.Path("victim");
+    ASSERT_TRUE(WriteTextFile(victim, "keep"));
+    ASSERT_EQ(symlink(victim.c_str(), h.StatusFile().c_str()), 0);
     ASSERT_TRUE(h.Start()) << h.Output();
     EXPECT_EQ(ReadTextFile(h.StatusFile()), "MOX_ENGINE OK");
+    EXPECT_EQ(ReadTextFile(victim), "keep");
+    struct stat st;
+    ASSERT_EQ(lstat(h.StatusFile().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
     CallResult r = h.Call("start_server", nullptr);
     ASSERT_TRUE(r.ok()) << r.error;
     EXPECT_EQ(ReplyString(r), "MOX_SERVER_START_SUCCESS");
@@ -225,53 +237,145 @@ TEST(EngineFolderMap, BadParametersGetAnEmptyAnswer) {
     EXPECT_EQ(h.Stop(), 0);
 }
 
+bool Write(EngineHarness& h, const std::string& path, const std::string& shm, GDBusConnection* c = nullptr) {
+    CallResult r = h.Call("usb_file_write", g_variant_new("(ss)", path.c_str(), shm.c_str()), c);
+    EXPECT_TRUE(r.ok()) << r.error;
+    return r.ok() && ReplyBool(r);
+}
+
+bool Remove(EngineHarness& h, const std::string& path) {
+    CallResult r = h.Call("usb_file_remove", g_variant_new("(ss)", path.c_str(), ""));
+    EXPECT_TRUE(r.ok()) << r.error;
+    return r.ok() && ReplyBool(r);
+}
+
 TEST(EngineFiles, WriteAndRemoveThroughSharedMemory) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     const std::string target = h.UsbRoot() + "/note.txt";
 
     std::string shm = MakeTextShm("hello, usb", 10);
-    CallResult r = h.Call("usb_file_write", g_variant_new("(ss)", target.c_str(), shm.c_str()));
-    ASSERT_TRUE(r.ok()) << r.error;
-    EXPECT_TRUE(ReplyBool(r));
+    EXPECT_TRUE(Write(h, target, shm));
     EXPECT_EQ(ReadTextFile(target), "hello, usb");
+    struct stat st;
+    ASSERT_EQ(stat(target.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
     EXPECT_FALSE(ShmExists(shm)) << "the object is consumed";
 
-    // Missing object.
-    r = h.Call("usb_file_write", g_variant_new("(ss)", target.c_str(), "/mox_test_no_such_object"));
-    ASSERT_TRUE(r.ok());
-    EXPECT_FALSE(ReplyBool(r));
+    EXPECT_FALSE(Write(h, target, "/mox_test_no_such_object"));
     EXPECT_GE(h.CountLog("CMOXUtil: shm_open [/mox_test_no_such_object] failed."), 1u);
 
-    // Unwritable path: the object is consumed all the same.
-    shm = MakeTextShm("data", 4);
-    std::string bad = h.Path("no-such-dir/x.txt");
-    r = h.Call("usb_file_write", g_variant_new("(ss)", bad.c_str(), shm.c_str()));
-    ASSERT_TRUE(r.ok());
-    EXPECT_FALSE(ReplyBool(r));
-    EXPECT_FALSE(ShmExists(shm));
-    EXPECT_FALSE(Exists(bad));
+    // Lying lengths are refused, the object is consumed all the same, and a
+    // failed write leaves the old file intact.
+    for (int32_t length : {1 << 30, -5, 0}) {
+        shm = MakeTextShm("abc", length);
+        EXPECT_FALSE(Write(h, target, shm)) << length;
+        EXPECT_FALSE(ShmExists(shm));
+    }
+    EXPECT_EQ(ReadTextFile(target), "hello, usb");
 
-    // A client's object that lies about its length must not crash the daemon.
-    shm = MakeTextShm("abc", 1 << 30);
-    r = h.Call("usb_file_write", g_variant_new("(ss)", target.c_str(), shm.c_str()));
-    ASSERT_TRUE(r.ok()) << r.error;
-    EXPECT_FALSE(ReplyBool(r));
-    EXPECT_FALSE(ShmExists(shm));
-    shm = MakeTextShm("abc", -5);
-    r = h.Call("usb_file_write", g_variant_new("(ss)", target.c_str(), shm.c_str()));
-    ASSERT_TRUE(r.ok());
-    EXPECT_FALSE(ReplyBool(r));
-    EXPECT_EQ(ReadTextFile(target), "hello, usb") << "a failed write leaves the old file";
-
-    r = h.Call("usb_file_remove", g_variant_new("(ss)", target.c_str(), "ignored"));
-    ASSERT_TRUE(r.ok());
-    EXPECT_TRUE(ReplyBool(r));
+    EXPECT_TRUE(Remove(h, target));
     EXPECT_FALSE(Exists(target));
-    r = h.Call("usb_file_remove", g_variant_new("(ss)", target.c_str(), ""));
-    ASSERT_TRUE(r.ok());
-    EXPECT_FALSE(ReplyBool(r));
+    EXPECT_FALSE(Remove(h, target));
     EXPECT_EQ(h.CountLog("CMOXUtil: remove [" + target + "] failed."), 1u);
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// What a local user must not reach through the root daemon: anything outside
+// the USB root, by name, "..", links (planted or swapped in), FIFOs that would
+// block, or another user's shared-memory object.
+TEST(EngineFiles, ClientPathsStayBelowTheUsbRoot) {
+    EngineHarness h;
+    ASSERT_TRUE(h.Start());
+    const std::string outside = h.Path("secret");
+    ASSERT_TRUE(WriteTextFile(outside, "root only"));
+    const std::string root = h.UsbRoot();
+    ASSERT_EQ(mkdir((root + "/dir").c_str(), 0755), 0);
+    ASSERT_EQ(symlink(h.Path("").c_str(), (root + "/out").c_str()), 0);
+    ASSERT_EQ(symlink(outside.c_str(), (root + "/dir/link").c_str()), 0);
+
+    const std::string escapes[] = {outside, root + "/../secret", root + "/dir/../../secret",
+                                   root + "/out/secret", root, root + "/", "relative"};
+    for (const std::string& path : escapes) {
+        std::string shm = MakeTextShm("owned", 5);
+        EXPECT_FALSE(Write(h, path, shm)) << path;
+        EXPECT_FALSE(ShmExists(shm)) << "consumed even when refused: " << path;
+        EXPECT_FALSE(Remove(h, path)) << path;
+    }
+    // A link inside the root is never followed: written through, refused;
+    // removed, the link goes and its target stays.
+    EXPECT_FALSE(Write(h, root + "/dir/link", MakeTextShm("owned", 5)));
+    EXPECT_TRUE(Remove(h, root + "/dir/link"));
+    EXPECT_EQ(ReadTextFile(outside), "root only");
+
+    // A FIFO as destination or as object is refused at once; others are served.
+    ASSERT_EQ(mkfifo((root + "/fifo").c_str(), 0666), 0);
+    EXPECT_FALSE(Write(h, root + "/fifo", MakeTextShm("x", 1)));
+    const std::string fifoObject = "/mox_test_fifo_" + std::to_string(getpid());
+    ASSERT_EQ(mkfifo(("/dev/shm" + fifoObject).c_str(), 0666), 0);
+    EXPECT_FALSE(Write(h, root + "/f.txt", fifoObject));
+    unlink(("/dev/shm" + fifoObject).c_str());
+    EXPECT_TRUE(h.Call("start_server", nullptr).ok());
+
+    // A link swapped in and out under a directory during the calls never lets
+    // a write land outside.
+    std::atomic<bool> stop{false};
+    std::thread swapper([&] {
+        const std::string d = root + "/race";
+        while (!stop) {
+            mkdir(d.c_str(), 0755);
+            rmdir(d.c_str());
+            symlink(h.Path("").c_str(), d.c_str());
+            unlink(d.c_str());
+        }
+    });
+    for (int i = 0; i < 50; ++i) Write(h, root + "/race/secret", MakeTextShm("pwned", 5));
+    stop = true;
+    swapper.join();
+    EXPECT_EQ(ReadTextFile(outside), "root only");
+
+    // Another user's call may not consume or copy root's object.
+    const std::string rootObject = MakeTextShm("root data", 9);
+    ASSERT_EQ(chmod(h.Path("").c_str(), 0711), 0);  // lets the other user reach the bus socket
+    const std::string address = "--address=" + h.BusAddress();
+    const std::string dest = root + "/stolen";
+    const char* argv[] = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "gdbus", "call",
+                          address.c_str(), "--dest", moxtest::kEngineName, "--object-path", moxtest::kEnginePath,
+                          "--method", "com.orvia.mox.engine.usb_file_write", dest.c_str(), rootObject.c_str(),
+                          nullptr};
+    gchar* out = nullptr;
+    gint status = -1;
+    ASSERT_TRUE(g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
+                             &out, nullptr, &status, nullptr));
+    EXPECT_STREQ(out, "(false,)\n");
+    g_free(out);
+    EXPECT_TRUE(ShmExists(rootObject));
+    EXPECT_FALSE(Exists(root + "/stolen"));
+    shm_unlink(rootObject.c_str());
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// Texts and sizes a client controls: what goes back on the bus is valid
+// UTF-8, oversized arguments are refused, and the log stays small.
+TEST(EngineBounds, StringsAndSizesFromClients) {
+    EngineHarness h;
+    ASSERT_TRUE(h.Start());
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":"/u/a","FOLDER_ID":"x\udc00y"})"),
+              "AddFolderMapSuccess");
+    std::string id = FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/u/a"})");
+    EXPECT_TRUE(g_utf8_validate(id.data(), static_cast<gssize>(id.size()), nullptr));
+    EXPECT_EQ(id, "x\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBDy");
+
+    std::string huge(2u << 20, 'a');
+    std::string doc = R"({"OPERATION_TYPE":0,"FOLDER_PATH":"/u/b","FOLDER_ID":")" + huge + "\"}";
+    EXPECT_EQ(FolderCall(h, doc), "");
+    EXPECT_FALSE(Write(h, h.UsbRoot() + "/" + huge, "/x"));
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/u/b"})"), "");
+    std::string big(512u << 10, 'b');
+    FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":"/u/c","FOLDER_ID":")" + big + "\"}");
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/u/c"})"), big);
+    EXPECT_LT(h.Log().size(), 256u << 10) << "arguments are cut in the log";
+    EXPECT_EQ(h.Output().find("g_utf8_validate"), std::string::npos);
     EXPECT_EQ(h.Stop(), 0);
 }
 

@@ -1,5 +1,6 @@
 // Storages and their notifications end to end: the daemon on a private bus
 // with the simulated (spool) USB service, devices plugged by writing files.
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <set>
@@ -196,7 +197,32 @@ TEST(EngineStorage, BoundClientsGetOneNotificationPerEvent) {
     EXPECT_EQ(sa.Named("mox_usb_notification").size(), 4u);
     Json::Value cam = Parse(sb.Named("mox_usb_notification")[4]->text());
     EXPECT_EQ(cam["devices"][0]["type"].asString(), "ptp");
+
+    // A bound client that leaves the bus without unbinding is forgotten: the
+    // next event is sent to nobody.
+    b.reset();
+    ASSERT_TRUE(h.WaitForLog("left the bus, 1 binding(s) removed."));
+    size_t nNoClient = h.CountLog("There is no client...");
+    Unplug(h, "cam");
+    ASSERT_TRUE(h.WaitForLog("There is no client...", nNoClient + 1));
     EXPECT_EQ(h.Stop(), 0);
+}
+
+// The bus daemon goes away while a client is bound and events keep coming:
+// the engine warns and stops in order instead of aborting.
+TEST(EngineStorage, BusGoneWhileClientsAreBound) {
+    EngineHarness h;
+    ASSERT_TRUE(h.Start());
+    auto a = h.Connect();
+    EXPECT_EQ(Bind(h, a.get(), 1), 0u);
+    ASSERT_EQ(kill(h.BusPid(), SIGKILL), 0);
+    for (int i = 0; i < 3; ++i) {
+        Plug(h, {"sd" + std::string(1, char('b' + i)) + "1", "Cruzer", "S" + std::to_string(i)});
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    int status = h.Stop();
+    EXPECT_TRUE(status == 0) << status;
+    EXPECT_EQ(h.Output().find("Assertion"), std::string::npos) << h.Output();
 }
 
 TEST(EngineStorage, UnmountClearsOnlyThatStoragesFolders) {
