@@ -9,7 +9,8 @@ PACKAGES=(
   libglib2.0-dev libglib2.0-bin dbus-daemon
   libboost-thread-dev libboost-system-dev
   libjsoncpp-dev libcurl4-openssl-dev libexif-dev libtag1-dev libavformat-dev
-  uuid-dev libsystemd-dev libudev-dev umockdev libumockdev-dev
+  imagemagick libimage-exiftool-perl ffmpeg
+  uuid-dev libsystemd-dev libudev-dev umockdev libumockdev-dev systemd util-linux
   libgtest-dev libgmock-dev libbenchmark-dev valgrind
 )
 
