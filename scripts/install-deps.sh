@@ -10,7 +10,7 @@ PACKAGES=(
   libboost-thread-dev libboost-system-dev
   libjsoncpp-dev libcurl4-openssl-dev libexif-dev libtag1-dev libavformat-dev
   uuid-dev libsystemd-dev libudev-dev umockdev libumockdev-dev
-  libgtest-dev libgmock-dev libbenchmark-dev valgrind
+  libgtest-dev libgmock-dev libbenchmark-dev valgrind libsimdjson-dev
 )
 
 missing=()
