@@ -1,24 +1,29 @@
 // Host sink of the platform log. The sink is chosen once, on the first call,
-// from MOX_LOG; lines below MOX_LOG_LEVEL are dropped.
+// from MOX_LOG; lines below MOX_LOG_LEVEL are dropped. Colour escapes reach
+// only a terminal: the file and journal sinks (and a redirected stderr) get
+// the plain text.
 #include <dlog.h>
 
 #include <fcntl.h>
-#include <sys/uio.h>
+#include <pthread.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <systemd/sd-journal.h>
 
 #include "host_env.h"
+
+__attribute__((visibility("default"))) int dlog_min_priority_cache = -1;
 
 namespace {
 
@@ -28,8 +33,8 @@ struct LogConfig {
     Sink sink = Sink::kStderr;
     int minPriority = DLOG_DEBUG;
     int fd = STDERR_FILENO;  // stderr or the O_APPEND file; never closed
+    bool bColour = false;    // keep the escapes: the sink is a terminal
 };
-
 LogConfig LoadConfig() {
     LogConfig config;
     // systemd sets JOURNAL_STREAM for services whose output goes to the journal.
@@ -55,12 +60,59 @@ LogConfig LoadConfig() {
         config.minPriority = DLOG_INFO;
     else if (level == "warning")
         config.minPriority = DLOG_WARN;
+    config.bColour = config.sink == Sink::kStderr && isatty(STDERR_FILENO) == 1;
     return config;
 }
 
 const LogConfig& Config() {
-    static const LogConfig config = LoadConfig();
+    static const LogConfig config = [] {
+        LogConfig loaded = LoadConfig();
+        __atomic_store_n(&dlog_min_priority_cache, loaded.minPriority, __ATOMIC_RELEASE);
+        return loaded;
+    }();
     return config;
+}
+
+// getpid() and gettid() are system calls; both are cached and renewed in a
+// forked child, whose ids differ from its parent's.
+std::atomic<int> g_pid{0};
+thread_local int t_tid = 0;
+
+void RenewIdsAfterFork() {
+    g_pid.store(0, std::memory_order_relaxed);
+    t_tid = 0;  // the child's only thread is the one that forked
+}
+
+const int g_atforkRegistered = pthread_atfork(nullptr, nullptr, RenewIdsAfterFork);
+
+int CachedPid() {
+    int pid = g_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = static_cast<int>(getpid());
+        g_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
+
+// Removes the SGR escapes ("\e[" digits/semicolons "m") in place; returns
+// the new length.
+size_t StripColour(char* text, size_t len) {
+    char* first = static_cast<char*>(memchr(text, '\033', len));
+    if (!first) return len;
+    char* out = first;
+    const char* end = text + len;
+    for (const char* p = first; p < end;) {
+        if (*p == '\033' && p + 1 < end && p[1] == '[') {
+            const char* q = p + 2;
+            while (q < end && ((*q >= '0' && *q <= '9') || *q == ';')) ++q;
+            if (q < end && *q == 'm') {
+                p = q + 1;
+                continue;
+            }
+        }
+        *out++ = *p++;
+    }
+    return static_cast<size_t>(out - text);
 }
 
 char PriorityLetter(int prio) {
@@ -86,9 +138,7 @@ int JournalPriority(int prio) {
     }
 }
 
-void WriteAll(int fd, const std::string& line) {
-    const char* p = line.data();
-    size_t left = line.size();
+void WriteAll(int fd, const char* p, size_t left) {
     while (left > 0) {
         ssize_t n = write(fd, p, left);
         if (n < 0 && errno == EINTR) continue;
@@ -100,50 +150,59 @@ void WriteAll(int fd, const std::string& line) {
 
 }  // namespace
 
+extern "C" int dlog_min_priority(void) { return Config().minPriority; }
+
+extern "C" int dlog_gettid(void) {
+    if (t_tid == 0) t_tid = static_cast<int>(syscall(SYS_gettid));
+    return t_tid;
+}
+
 extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...) {
     (void)log_id;
+    (void)g_atforkRegistered;
     const LogConfig& config = Config();
     if (prio < config.minPriority) return 0;
     if (!tag) tag = "";
     if (!fmt) return -1;
 
+    // "P/TAG(pid): message\n" as the platform log viewer prints it, formatted
+    // in place behind its prefix and written with one write().
+    char stackBuf[1024];
+    int nPrefix = 0;
+    if (config.sink != Sink::kJournal) {
+        nPrefix = snprintf(stackBuf, sizeof(stackBuf), "%c/%s(%d): ", PriorityLetter(prio), tag, CachedPid());
+        if (nPrefix < 0) return -1;
+        // A tag too long for the buffer is cut; the message still fits below.
+        if (static_cast<size_t>(nPrefix) >= sizeof(stackBuf) / 2) nPrefix = sizeof(stackBuf) / 2;
+    }
+    char* buf = stackBuf;
+    const size_t room = sizeof(stackBuf) - static_cast<size_t>(nPrefix) - 1;  // 1 for the newline
     va_list args;
     va_start(args, fmt);
     va_list copy;
     va_copy(copy, args);
-    char stackBuf[1024];
-    int len = vsnprintf(stackBuf, sizeof(stackBuf), fmt, args);
+    int len = vsnprintf(buf + nPrefix, room, fmt, args);
     va_end(args);
-    if (len < 0) {
-        va_end(copy);
-        return -1;
-    }
-    std::string message;
-    if (static_cast<size_t>(len) < sizeof(stackBuf)) {
-        message.assign(stackBuf, static_cast<size_t>(len));
-    } else {
-        std::vector<char> big(static_cast<size_t>(len) + 1);
-        vsnprintf(big.data(), big.size(), fmt, copy);
-        message.assign(big.data(), static_cast<size_t>(len));
+    std::vector<char> big;
+    if (len >= 0 && static_cast<size_t>(len) >= room) {
+        big.resize(static_cast<size_t>(nPrefix) + static_cast<size_t>(len) + 2);
+        memcpy(big.data(), stackBuf, static_cast<size_t>(nPrefix));
+        buf = big.data();
+        vsnprintf(buf + nPrefix, static_cast<size_t>(len) + 1, fmt, copy);
     }
     va_end(copy);
+    if (len < 0) return -1;
 
+    size_t nMessage = static_cast<size_t>(len);
+    if (!config.bColour) nMessage = StripColour(buf + nPrefix, nMessage);
     if (config.sink == Sink::kJournal) {
-        sd_journal_send("MESSAGE=%s", message.c_str(), "PRIORITY=%i", JournalPriority(prio),
-                        "SYSLOG_IDENTIFIER=%s", tag, nullptr);
+        buf[nMessage] = '\0';
+        sd_journal_send("MESSAGE=%s", buf, "PRIORITY=%i", JournalPriority(prio), "SYSLOG_IDENTIFIER=%s", tag,
+                        nullptr);
         return len;
     }
-    // "P/TAG(pid): message" as the platform log viewer prints it, one write per line.
-    std::string line;
-    line.reserve(message.size() + 32);
-    line += PriorityLetter(prio);
-    line += '/';
-    line += tag;
-    line += '(';
-    line += std::to_string(getpid());
-    line += "): ";
-    line += message;
-    line += '\n';
-    WriteAll(config.fd, line);
+    size_t nLine = static_cast<size_t>(nPrefix) + nMessage;
+    buf[nLine++] = '\n';
+    WriteAll(config.fd, buf, nLine);
     return len;
 }

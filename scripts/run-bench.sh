@@ -1,6 +1,7 @@
 #!/bin/bash
 # Release build of the benchmarks, then runs them and prints the speed-up of
-# the keyed list sort over the per-comparison predicate.
+# the keyed list sort over the per-comparison predicate and its cost relative
+# to a plain sort of keys extracted beforehand (goal: within 2x).
 #   scripts/run-bench.sh [extra Google Benchmark arguments]
 # Build directory: $MOX_BENCH_BUILD_DIR or build-bench. JSON results are kept
 # in <build>/bench-*.json.
@@ -12,11 +13,11 @@ jobs=${MOX_BUILD_JOBS:-2}
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DMOX_SANITIZE= -DMOX_BUILD_BENCH=ON \
   -DMOX_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j"$jobs" --target bench_shm_data bench_cache_pool
+cmake --build "$build" -j"$jobs" --target bench_shm_data bench_cache_pool bench_log
 
 # Objects of a benchmark killed mid-run would otherwise stay in /dev/shm.
 before=$(ls /dev/shm | grep -E '^mox_(datablock|resultlist)_' | sort || true)
-for bench in bench_shm_data bench_cache_pool; do
+for bench in bench_shm_data bench_cache_pool bench_log; do
   "$build/bench/$bench" --benchmark_out="$build/$bench.json" --benchmark_out_format=json "$@"
 done
 
@@ -26,10 +27,15 @@ runs = {b["name"]: b for b in json.load(open(sys.argv[1]))["benchmarks"] if b.ge
 for arg, key in (("0", "FileName"), ("1", "FileSize")):
     slow = [v for n, v in runs.items() if n.startswith("BM_SortPredicate/" + arg)]
     fast = [v for n, v in runs.items() if n.startswith("BM_SortKeyed/" + arg)]
+    plain = [v for n, v in runs.items() if n.startswith("BM_SortPlain/" + arg)]
     if slow and fast:
         s, f = slow[0]["real_time"], fast[0]["real_time"]
-        print("sort 10000 items by %s: predicate %.1f %s, keyed %.1f %s, speed-up %.1fx"
+        print("sort 10000 items by %s: predicate %.2f %s, keyed %.2f %s, speed-up %.1fx"
               % (key, s, slow[0]["time_unit"], f, fast[0]["time_unit"], s / f))
+    if fast and plain:
+        f, p = fast[0]["real_time"], plain[0]["real_time"]
+        print("sort 10000 items by %s: keyed %.2f %s vs plain sort of extracted keys %.2f %s: %.2fx"
+              % (key, f, fast[0]["time_unit"], p, plain[0]["time_unit"], f / p))
 PY
 after=$(ls /dev/shm | grep -E '^mox_(datablock|resultlist)_' | sort || true)
 if [ "$before" != "$after" ]; then

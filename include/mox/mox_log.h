@@ -4,10 +4,15 @@
 //   "<file>: <func>(<line>) > <colour>[<level>][<func>:<line>] [Thread Id:[<tid>]] <body>\e[0m"
 // The envelope is concatenated with the body at build time, so the body may use
 // any printf conversion; the compiler checks the arguments.
+//
+// A line below the sink's level costs one load and a compare: neither the
+// arguments are evaluated nor anything formatted, and no system call is made.
+// Each macro is an expression worth what __dlog_print returns (0 when the
+// line is filtered out).
 #pragma once
 
 #include <cassert>
-#include <sys/syscall.h>
+#include <sys/syscall.h>  // kept: includers rely on it
 #include <unistd.h>
 
 #include <mox/platform/dlog.h>
@@ -16,8 +21,8 @@
 #error "define MOX_LOG_TAG before including mox_log.h"
 #endif
 
-// Kernel thread id of the caller (not a library thread handle).
-static inline int mox_log_gettid(void) { return static_cast<int>(syscall(SYS_gettid)); }
+// Kernel thread id of the caller (not a library thread handle), cached per thread.
+static inline int mox_log_gettid(void) { return dlog_gettid(); }
 
 #ifdef __FILE_NAME__
 #define MOX_LOG_FILE_ __FILE_NAME__
@@ -31,11 +36,13 @@ constexpr const char* mox_log_basename_(const char* path) {
 #define MOX_LOG_FILE_ mox_log_basename_(__FILE__)
 #endif
 
-#define MOX_LOG_PRINT_(prio, colour, level, fmt, ...)                                          \
-    __dlog_print(LOG_ID_SYSTEM, prio, MOX_LOG_TAG,                                             \
-                 "%s: %s(%d) > " colour level "[%s:%d] [Thread Id:[%d]] " fmt "\033[0m",       \
-                 MOX_LOG_FILE_, __func__, __LINE__, __func__, __LINE__, mox_log_gettid(),      \
-                 ##__VA_ARGS__)
+#define MOX_LOG_PRINT_(prio, colour, level, fmt, ...)                                           \
+    (dlog_is_loggable(prio)                                                                     \
+         ? __dlog_print(LOG_ID_SYSTEM, prio, MOX_LOG_TAG,                                       \
+                        "%s: %s(%d) > " colour level "[%s:%d] [Thread Id:[%d]] " fmt "\033[0m", \
+                        MOX_LOG_FILE_, __func__, __LINE__, __func__, __LINE__, mox_log_gettid(), \
+                        ##__VA_ARGS__)                                                          \
+         : 0)
 
 // Green debug line.
 #define MOX_DEBUG(fmt, ...) MOX_LOG_PRINT_(DLOG_DEBUG, "\033[32m", "", fmt, ##__VA_ARGS__)

@@ -31,6 +31,26 @@ typedef enum {
 int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
 
+// Host extensions that let a caller skip a filtered-out line before it
+// formats anything or makes a system call.
+//
+// Lowest priority the sink writes; -1 until the sink is configured (on the
+// first dlog_min_priority or __dlog_print call, from MOX_LOG/MOX_LOG_LEVEL).
+extern int dlog_min_priority_cache;
+// Configures the sink if needed and returns its lowest written priority.
+int dlog_min_priority(void);
+// Kernel thread id of the calling thread, cached per thread (and renewed in
+// the child after fork).
+int dlog_gettid(void);
+
+// True when a line of priority prio would be written: one relaxed load once
+// the sink is configured.
+static inline int dlog_is_loggable(int prio) {
+    int nMin = __atomic_load_n(&dlog_min_priority_cache, __ATOMIC_RELAXED);
+    if (nMin < 0) nMin = dlog_min_priority();
+    return prio >= nMin;
+}
+
 #ifdef __cplusplus
 }
 #endif

@@ -2,6 +2,7 @@
 // forked child, because the sink reads MOX_LOG once per process.
 #define MOX_LOG_TAG "MOX-TEST"
 
+#include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,15 +59,16 @@ TEST(Dlog, EnvelopeOfEveryKind) {
     const std::string file_func = "test_dlog.cpp: operator()(";
     EXPECT_EQ(Count(log, file_func), 5u);
     EXPECT_NE(log.find("D/MOX-TEST("), std::string::npos);
-    // Debug and trace: no blank between the colour and the bracket.
-    EXPECT_NE(log.find("> \033[32m[operator():"), std::string::npos);
-    EXPECT_NE(log.find("> \033[33m[operator():"), std::string::npos);
-    // Info and warning: exactly one blank, then the level word.
-    EXPECT_NE(log.find("> \033[31m [INFO]:[operator():"), std::string::npos);
-    EXPECT_NE(log.find("> \033[31m [WARNNING]:[operator():"), std::string::npos);
-    EXPECT_NE(log.find("]] USB MOUNTED : /opt/storage/usb/sda1\033[0m\n"), std::string::npos);
-    EXPECT_NE(log.find("]] usb_device == NULL\033[0m\n"), std::string::npos);
-    EXPECT_NE(log.find("]] 5%\033[0m\n"), std::string::npos);
+    // A file gets the plain text: the colour escapes are left out. Debug and
+    // trace: the bracket follows the prompt; info and warning: one blank
+    // (where the colour was) and one before the level word.
+    EXPECT_EQ(log.find('\033'), std::string::npos);
+    EXPECT_NE(log.find("> [operator():"), std::string::npos);
+    EXPECT_NE(log.find(">  [INFO]:[operator():"), std::string::npos);
+    EXPECT_NE(log.find(">  [WARNNING]:[operator():"), std::string::npos);
+    EXPECT_NE(log.find("]] USB MOUNTED : /opt/storage/usb/sda1\n"), std::string::npos);
+    EXPECT_NE(log.find("]] usb_device == NULL\n"), std::string::npos);
+    EXPECT_NE(log.find("]] 5%\n"), std::string::npos);
     EXPECT_NE(log.find("W/MOX-TEST("), std::string::npos);
     EXPECT_NE(log.find("I/MOX-TEST("), std::string::npos);
 }
@@ -102,7 +104,7 @@ TEST(Dlog, LevelFilterAndLongLines) {
               0);
     std::string log = moxtest::ReadTextFile(file);
     EXPECT_EQ(log.find("dropped"), std::string::npos);
-    EXPECT_NE(log.find("kept " + std::string(5000, 'x') + "\033[0m\n"), std::string::npos);
+    EXPECT_NE(log.find("kept " + std::string(5000, 'x') + "\n"), std::string::npos);
 
     const std::string file2 = dir.file("log2");
     ASSERT_EQ(InChild("file:" + file2, "info", [] {
@@ -133,11 +135,80 @@ TEST(Dlog, ConcurrentWritersNeverInterleaveLines) {
     waitpid(a, &status, 0);
     std::string log = moxtest::ReadTextFile(file);
     EXPECT_EQ(Count(log, "\n"), 1600u);
-    EXPECT_EQ(Count(log, std::string(300, 'y') + "\033[0m\n"), 1600u);
+    EXPECT_EQ(Count(log, std::string(300, 'y') + "\n"), 1600u);
 }
 
 TEST(Dlog, UnusableFileFallsBackToStderr) {
     // A log file that cannot be opened must not take the process down.
     EXPECT_EQ(InChild("file:/nonexistent-dir/x/log", "", [] { MOX_WARN("still alive"); }), 0);
     EXPECT_EQ(InChild("bogus-sink", "", [] { MOX_WARN("still alive"); }), 0);
+}
+
+TEST(Dlog, FilteredLinesEvaluateNothingAndIdsFollowFork) {
+    moxtest::TempDir dir;
+    const std::string file = dir.file("log");
+    ASSERT_EQ(InChild("file:" + file, "warning", [] {
+                  int nEvaluated = 0;
+                  auto arg = [&nEvaluated] { return ++nEvaluated; };
+                  // Filtered out: worth 0, arguments untouched.
+                  if (MOX_DEBUG("dropped %d", arg()) != 0 || MOX_INFO("dropped %d", arg()) != 0) _exit(3);
+                  if (nEvaluated != 0) _exit(4);
+                  if (MOX_WARN("parent %d", arg()) <= 0 || nEvaluated != 1) _exit(5);
+                  // The cached ids are the parent's; a forked child prints its own.
+                  pid_t child = fork();
+                  if (child == 0) {
+                      MOX_WARN("child line");
+                      _exit(0);
+                  }
+                  int status = 0;
+                  waitpid(child, &status, 0);
+                  if (!WIFEXITED(status)) _exit(6);
+                  FILE* out = fopen((std::string(getenv("MOX_LOG") + 5) + ".child").c_str(), "w");
+                  if (!out) _exit(7);
+                  fprintf(out, "%d", child);
+                  fclose(out);
+              }),
+              0);
+    const std::string log = moxtest::ReadTextFile(file);
+    EXPECT_EQ(log.find("dropped"), std::string::npos);
+    const std::string child = moxtest::ReadTextFile(file + ".child");
+    ASSERT_FALSE(child.empty());
+    EXPECT_NE(log.find("W/MOX-TEST(" + child + "): "), std::string::npos) << log;
+    EXPECT_NE(log.find("[Thread Id:[" + child + "]] child line\n"), std::string::npos) << log;
+    EXPECT_EQ(Count(log, "\n"), 2u);
+}
+
+TEST(Dlog, ColourOnlyOnATerminal) {
+    int master = -1, slave = -1;
+    if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) GTEST_SKIP() << "no pseudo-terminal";
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(master);
+        dup2(slave, STDERR_FILENO);
+        setenv("MOX_LOG", "stderr", 1);
+        unsetenv("MOX_LOG_LEVEL");
+        MOX_INFO("on a terminal");
+        _exit(0);
+    }
+    close(slave);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    // The child has exited: read what it left; EIO marks the end.
+    while ((n = read(master, buf, sizeof(buf))) > 0) {
+        text.append(buf, static_cast<size_t>(n));
+        if (text.find("\n") != std::string::npos) break;
+    }
+    close(master);
+    EXPECT_NE(text.find("> \033[31m [INFO]:[TestBody:"), std::string::npos) << text;
+    EXPECT_NE(text.find("]] on a terminal\033[0m"), std::string::npos) << text;
+
+    // Escapes a body carries itself are plain text's business too.
+    moxtest::TempDir dir;
+    const std::string file = dir.file("log");
+    ASSERT_EQ(InChild("file:" + file, "", [] { MOX_WARN("%s", "a\033[1;31mb\033[0m\033[c\033"); }), 0);
+    EXPECT_NE(moxtest::ReadTextFile(file).find("]] ab\033[c\033\n"), std::string::npos);
 }

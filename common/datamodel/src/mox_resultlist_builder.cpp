@@ -137,8 +137,8 @@ bool CResultListBuilder::SortItems(CMOXSortFunction& fn) {
     // predicate gives for the entries at those positions, so it produces the
     // same permutation (equal keys included).
     std::vector<ResultItemIndex> entries(pItem, pItem + nCount);
-    std::vector<SMOXSortKey> keys(nCount);
-    for (size_t i = 0; i < nCount; ++i) fn.GetKey(entries[i], keys[i]);
+    std::vector<SMOXSortKey> keys;
+    fn.GetKeys(entries.data(), nCount, keys);
     std::vector<int> order(nCount);
     std::iota(order.begin(), order.end(), 0);
     std::sort(order.begin(), order.end(), [&fn, &keys](int a, int b) { return fn.Less(keys[a], keys[b]); });

@@ -9,6 +9,7 @@
 #include <string>
 
 #include <json/value.h>
+#include <json/writer.h>
 
 #include <mox/json_value.h>
 #include <mox/mox_types.h>
@@ -16,6 +17,7 @@
 namespace {
 
 constexpr int kMaxDeviceIndex = 100;
+static_assert(kMaxDeviceIndex == 64 + 36, "SFreeIndices holds exactly the indices 1 to 100");
 
 }  // namespace
 
@@ -153,25 +155,32 @@ void CMOXStorageMgr::m_InitDevIndex(std::vector<UsbDevicePtr>& list) {
     for (UsbDevicePtr& record : list) m_AssignDevIndex(record, true);
 }
 
+int CMOXStorageMgr::SFreeIndices::TakeSmallest() {
+    assert(!Empty());
+    const int nWord = bits[0] != 0 ? 0 : 1;
+    const int nBit = __builtin_ctzll(bits[nWord]);
+    bits[nWord] &= bits[nWord] - 1;
+    return nWord * 64 + nBit + 1;
+}
+
+void CMOXStorageMgr::SFreeIndices::Put(int nIndex) {
+    assert(nIndex >= 1 && nIndex <= kMaxDeviceIndex);
+    bits[(nIndex - 1) / 64] |= 1ULL << ((nIndex - 1) % 64);
+}
+
 void CMOXStorageMgr::m_AssignDevIndex(UsbDevicePtr& record, bool bAssign) {
     const std::string model = record->GetModelName();
     auto map_iter = m_mapUSBDevName.find(model);
     if (bAssign) {
-        if (map_iter == m_mapUSBDevName.end()) {
-            std::set<int> all;
-            for (int i = 1; i <= kMaxDeviceIndex; ++i) all.insert(i);
-            m_mapUSBDevName.emplace(model, std::move(all));
-            map_iter = m_mapUSBDevName.find(model);
-        }
+        if (map_iter == m_mapUSBDevName.end()) map_iter = m_mapUSBDevName.emplace(model, SFreeIndices()).first;
         assert(map_iter != m_mapUSBDevName.end());
-        std::set<int>& freeIndices = map_iter->second;
-        if (freeIndices.empty()) {
+        SFreeIndices& freeIndices = map_iter->second;
+        if (freeIndices.Empty()) {
             MOX_WARN("[%s] has no free device index, %s gets none", model.c_str(), record->GetDeviceName().c_str());
             record->SetDeviceIndex(0);
             return;
         }
-        record->SetDeviceIndex(*freeIndices.begin());
-        freeIndices.erase(freeIndices.begin());
+        record->SetDeviceIndex(freeIndices.TakeSmallest());
         return;
     }
     if (map_iter == m_mapUSBDevName.end()) {
@@ -180,8 +189,8 @@ void CMOXStorageMgr::m_AssignDevIndex(UsbDevicePtr& record, bool bAssign) {
     }
     int index = record->GetDeviceIndex();
     if (index < 1 || index > kMaxDeviceIndex) return;  // never had one
-    map_iter->second.insert(index);
-    if (map_iter->second.size() == static_cast<size_t>(kMaxDeviceIndex)) m_mapUSBDevName.erase(map_iter);
+    map_iter->second.Put(index);
+    if (map_iter->second.All()) m_mapUSBDevName.erase(map_iter);
 }
 
 void CMOXStorageMgr::m_DestroyUSBList() {
@@ -282,7 +291,83 @@ std::string CMOXStorageMgr::ConvertNumberToString(int nNumber) { return std::to_
 
 std::string CMOXStorageMgr::ConvertNumberToString(long long llNumber) { return std::to_string(llNumber); }
 
+namespace {
+
+// jsoncpp's styled writer quotes a string through valueToQuotedString; text
+// of printable ASCII without quote or backslash comes out unchanged, so only
+// other text needs it.
+bool NeedsEscaping(const std::string& text) {
+    for (unsigned char c : text)
+        if (c < 0x20 || c >= 0x7f || c == '"' || c == '\\') return true;
+    return false;
+}
+
+// One member line of a device object, exactly as the styled writer puts it.
+// False when the text holds a NUL, which valueToQuotedString would cut.
+bool AppendMember(std::string& doc, const char* key, const std::string& value, bool bLast) {
+    doc += "         \"";
+    doc += key;
+    doc += "\" : ";
+    if (!NeedsEscaping(value)) {
+        doc += '"';
+        doc += value;
+        doc += '"';
+    } else {
+        if (value.find('\0') != std::string::npos) return false;
+        doc += Json::valueToQuotedString(value.c_str());
+    }
+    doc += bLast ? "\n" : ",\n";
+    return true;
+}
+
+}  // namespace
+
 std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& list) {
+    if (list.empty()) return "null\n";
+    // Written directly in the styled writer's layout (three-blank indent,
+    // members in key order) instead of building and copying a Json::Value
+    // tree; the bytes are the same.
+    try {
+        std::string doc;
+        doc.reserve(64 + list.size() * 512);
+        doc += "{\n   \"devices\" : [\n";
+        for (size_t i = 0; i < list.size(); ++i) {
+            const CMOXUSBDevice& record = *list[i];
+            const std::string mountPath = record.GetDeviceMountPath();
+            const bool bSized = mountPath != MOX_USB_NO_MOUNT_PATH;
+            const bool bCamera = record.GetDeviceClass() == MOX_USB_CLASS_PTP;
+            doc += "      {\n";
+            bool bOk = AppendMember(doc, "availableSize",
+                                    bSized ? ConvertNumberToString(record.GetDeviceAvailableSize()) : "0", false);
+            if (bCamera) {
+                bOk = bOk && AppendMember(doc, "deviceAddress", ConvertNumberToString(record.GetAddress()), false);
+                bOk = bOk && AppendMember(doc, "deviceBus", ConvertNumberToString(record.GetBus()), false);
+            }
+            doc += "         \"deviceIndex\" : ";
+            doc += std::to_string(record.GetDeviceIndex());
+            doc += ",\n";
+            bOk = bOk && AppendMember(doc, "fileSystem", GetFileSystemAsString(record.GetFileSystem()), false) &&
+                  AppendMember(doc, "id", record.GetDeviceID(), false) &&
+                  AppendMember(doc, "mountPath", mountPath, false) &&
+                  AppendMember(doc, "name", record.GetModelName(), false) &&
+                  AppendMember(doc, "partitionLabel", record.GetPartitionLabel(), false) &&
+                  AppendMember(doc, "serialNumber", record.GetSerial(), false) &&
+                  AppendMember(doc, "totalSize",
+                               bSized ? ConvertNumberToString(record.GetDeviceTotalSize()) : "0", false) &&
+                  AppendMember(doc, "type", GetDiskTypeAsString(record.GetDeviceClass()), false) &&
+                  AppendMember(doc, "vendor", record.GetManufacturer(), true);
+            if (!bOk) return m_ConvertWithJsonValue(list);
+            doc += i + 1 < list.size() ? "      },\n" : "      }\n";
+        }
+        doc += "   ]\n}\n";
+        return doc;
+    } catch (const std::exception& e) {
+        MOX_WARN("storage document failed: %s", e.what());
+        return "null\n";
+    }
+}
+
+std::string CMOXStorageMgr::m_ConvertWithJsonValue(std::vector<UsbDevicePtr>& list) {
     CJsonValue document;
     if (list.empty()) return document.ToStyledString();
     try {
@@ -306,7 +391,7 @@ std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& lis
             }
             device["partitionLabel"] = record->GetPartitionLabel();
             device["type"] = GetDiskTypeAsString(record->GetDeviceClass());
-            devices.append(device);
+            devices.append(std::move(device));
         }
         document.SetValue("devices", devices);
     } catch (const std::exception& e) {

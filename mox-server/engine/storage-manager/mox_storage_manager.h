@@ -23,7 +23,7 @@
 
 #include <map>
 #include <mutex>
-#include <set>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -78,6 +78,9 @@ private:
     void m_UpdateUsbSotrages(UsbDevicePtr& record, bool bConnected);
     void m_UpdatePtpSotrages(UsbDevicePtr& record, bool bConnected);
     void m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, bool bConnected);
+    // The document through a Json::Value tree: for text the direct writer
+    // cannot quote like jsoncpp (an embedded NUL).
+    static std::string m_ConvertWithJsonValue(std::vector<UsbDevicePtr>& list);
     static bool m_IsSameDevice(const UsbDevicePtr& a, const UsbDevicePtr& b);
     static void m_PrintList(const std::vector<UsbDevicePtr>& list);
 
@@ -85,7 +88,15 @@ private:
 
     std::vector<UsbDevicePtr> m_USBList;                     // GUARDED_BY(m_mutex)
     std::vector<UsbDevicePtr> m_PTPList;                     // GUARDED_BY(m_mutex)
-    std::map<std::string, std::set<int>> m_mapUSBDevName;   // model -> free indices. GUARDED_BY(m_mutex)
+    // Free device indices 1 to 100 of one model: bit i - 1 set = index i free.
+    struct SFreeIndices {
+        uint64_t bits[2] = {~0ULL, (1ULL << 36) - 1};  // all 100 free
+        bool All() const { return bits[0] == ~0ULL && bits[1] == (1ULL << 36) - 1; }
+        bool Empty() const { return bits[0] == 0 && bits[1] == 0; }
+        int TakeSmallest();    // requires !Empty()
+        void Put(int nIndex);  // 1 to 100
+    };
+    std::map<std::string, SFreeIndices> m_mapUSBDevName;    // model -> free indices. GUARDED_BY(m_mutex)
     std::vector<dbus_connection_info_s> m_clients;           // GUARDED_BY(m_mutex)
     // A standard mutex rather than a GMutex: GLib's futex-based GMutex is
     // invisible to ThreadSanitizer.

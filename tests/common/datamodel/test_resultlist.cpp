@@ -381,6 +381,82 @@ TEST(ResultListSort, KeyedSortEqualsThePredicateSort) {
     }
 }
 
+namespace {
+
+// A random item text: members in any order, duplicates, escaped and unicode
+// keys and values, integers as strings, numbers out of int range, nesting;
+// and, now and then, text jsoncpp reads but strict JSON does not (comments,
+// trailing text, raw control bytes, lone surrogates, a BOM) or that neither
+// reads.
+std::string HostileItem(std::mt19937& rng) {
+    static const char* const keys[] = {"\"FileName\"", "\"FileSize\"", "\"File\\u004eame\"", "\"FileSize\"",
+                                       "\"Title\"", "\"fileName\"", "\"FileName \"", "\"\xc3\xa9t\xc3\xa9\""};
+    static const char* const values[] = {
+        "\"IMG_1.JPG\"", "\"img_1.jpg\"", "\"a\\\"b\"", "\"a\\\\b\\/c\"", "\"\\n\\t\\r\\b\\f\"", "\"caf\\u00e9\"",
+        "\"caf\xc3\xa9\"", "\"\\ud83d\\ude00\"", "\"\xf0\x9f\x98\x80\"", "\"\"", "\"a\\u0000b\"", "\"123\"",
+        "\"-7\"", "0", "-0", "7", "-12", "2147483647", "-2147483648", "2147483648", "-2147483649",
+        "99999999999999999999", "18446744073709551615", "2.0", "1e3", "-1.5", "1e-400", "true", "false",
+        "null", "[1,\"x\"]", "{\"FileName\":\"inner\",\"FileSize\":3}", "[[[[]]]]", "\"\\u00C9\"", "\"\\u00e9\""};
+    static const char* const broken[] = {
+        "/*c*/", " // c\n", "\"\xff\"", "\"\x01\"", "\"\\udc00\"", "\"\\ud800\\u0041\"", "\"\\ud800x\"", "1e400",
+        "012", "-", "\"\\x\"", "[1,]", ".5"};
+    std::string text = rng() % 8 == 0 ? " \n\t" : "";
+    text += "{";
+    const int nMembers = static_cast<int>(rng() % 5);
+    for (int m = 0; m < nMembers; ++m) {
+        if (m) text += rng() % 2 ? "," : " , ";
+        text += keys[rng() % (sizeof(keys) / sizeof(keys[0]))];
+        text += ":";
+        if (rng() % 30 == 0)
+            text += broken[rng() % (sizeof(broken) / sizeof(broken[0]))];
+        else
+            text += values[rng() % (sizeof(values) / sizeof(values[0]))];
+    }
+    text += "}";
+    switch (rng() % 25) {
+        case 0: text += " trailing"; break;
+        case 1: text = "\xef\xbb\xbf" + text; break;
+        case 2: text.pop_back(); break;  // cut
+        case 3: text = "[" + text + "]"; break;
+        case 4: text = std::string(70, '[') + std::string(70, ']'); break;
+        case 5: text = "{\"FileSize\":" + std::string(70, '[') + std::string(70, ']') + ",\"FileName\":\"deep\"}"; break;
+        case 6: text += "/* after */"; break;
+        case 7: text = ""; break;
+        default: break;
+    }
+    return text;
+}
+
+}  // namespace
+
+// Keys read without a full document must be exactly CJsonValue's, whatever
+// the text; so the keyed sort gives the predicate sort's permutation.
+TEST(ResultListSort, KeyedSortMatchesThePredicateOnHostileDocuments) {
+    std::mt19937 rng(2024);
+    std::vector<std::vector<std::string>> items(2);
+    for (int i = 0; i < 1200; ++i) items[rng() % 2].push_back(HostileItem(rng));
+    for (auto key : {std::pair<const char*, MOX_VALUETYPE>{"FileName", MOX_VALUE_STRING}, {"FileSize", MOX_VALUE_INT}}) {
+        for (MOX_COMPARETYPE comparison : {MOX_COMPARE_ASC, MOX_COMPARE_DESC}) {
+            SortFixture f;
+            CMOXSortFunction fn = MakeFn(key.first, key.second, comparison);
+            std::vector<ResultItemIndex> expected;
+            ListGuard guard(f.BuildList(items, &fn, &expected));
+            std::vector<SMOXSortKey> keys;
+            fn.GetKeys(expected.data(), expected.size(), keys);
+            ASSERT_EQ(keys.size(), expected.size());
+            for (size_t i = 0; i < expected.size(); ++i) {
+                SMOXSortKey reference;
+                fn.GetKey(expected[i], reference);
+                const std::string& text = items[expected[i].nDataBlockIndex][expected[i].nItemIndex];
+                ASSERT_EQ(reference.nValue, keys[i].nValue) << text;
+                ASSERT_EQ(reference.strValue, keys[i].strValue) << text;
+            }
+            std::sort(expected.begin(), expected.end(), fn);
+            EXPECT_TRUE(SameEntries(ItemTable(guard.name), expected)) << key.first << " " << comparison;
+        }
+    }
+}
+
 // ---- Crafted lists --------------------------------------------------------
 
 namespace {

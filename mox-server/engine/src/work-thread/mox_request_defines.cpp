@@ -4,6 +4,8 @@
 #include <mox/json_value.h>
 #include <mox/mox_log.h>
 
+#include "mox_sort_key_reader.h"
+
 bool CMOXSortFunction::IsValid() const {
     return comparison > MOX_COMPARE_NONE && comparison < MOX_COMPARE_MAX && keyType > MOX_VALUE_NONE &&
            keyType < MOX_VALUE_MAX && readers != nullptr;
@@ -20,6 +22,30 @@ void CMOXSortFunction::GetKey(const ResultItemIndex& item, SMOXSortKey& out) con
     out.strValue.clear();
     std::string strItem;
     if (!pReader->GetItem(item.nItemIndex, strItem)) return;
+    m_KeyFromDocument(std::move(strItem), out);
+}
+
+void CMOXSortFunction::GetKeys(const ResultItemIndex* items, size_t nCount, std::vector<SMOXSortKey>& keys) const {
+    assert(keyType > MOX_VALUE_NONE && keyType < MOX_VALUE_MAX);
+    assert(readers != nullptr);
+    keys.assign(nCount, SMOXSortKey());
+    CMOXSortKeyReader fast;
+    std::string strItem;
+    strItem.reserve(4096);
+    for (size_t i = 0; i < nCount; ++i) {
+        const ResultItemIndex& item = items[i];
+        assert(item.nDataBlockIndex >= 0 && item.nDataBlockIndex < (int)readers->size());
+        const CCacheReader* pReader = (*readers)[item.nDataBlockIndex];
+        assert(pReader != nullptr);
+        if (!pReader->GetItem(item.nItemIndex, strItem)) continue;
+        if (fast.Read(strItem, key, keyType, keys[i])) continue;
+        // Left to jsoncpp, on the item exactly as stored.
+        keys[i] = SMOXSortKey();
+        if (pReader->GetItem(item.nItemIndex, strItem)) m_KeyFromDocument(strItem, keys[i]);
+    }
+}
+
+void CMOXSortFunction::m_KeyFromDocument(std::string strItem, SMOXSortKey& out) const {
     // The last item of a block carries its padding NULs; the JSON reader stops
     // after the object and ignores them.
     CJsonValue doc(std::move(strItem));

@@ -8,8 +8,9 @@
 //
 // operator() is the strict "comes before" predicate and parses both items on
 // every call. CResultListBuilder::SortItems reads every item's key once with
-// GetKey() and compares the keys with Less(): the same two functions make up
-// operator(), so both give the same order for the same input.
+// GetKeys() and compares the keys with Less(). GetKeys() extracts the member
+// without a full document where it can (CMOXSortKeyReader) and gives exactly
+// GetKey()'s keys, so both ways give the same order for the same input.
 //
 // key, keyType and comparison come from the client's command document, so
 // IsValid() must be checked before sorting (SortItems does); calling the
@@ -53,6 +54,8 @@ public:
     // Reads item's string from its data-block reader and extracts the key. An
     // item that cannot be read or parsed has the zero key (0 or empty).
     void GetKey(const ResultItemIndex& item, SMOXSortKey& out) const;
+    // The keys of items[0 .. nCount - 1], as GetKey() reads them, into keys.
+    void GetKeys(const ResultItemIndex* items, size_t nCount, std::vector<SMOXSortKey>& keys) const;
     // True when key1 comes before key2.
     bool Less(const SMOXSortKey& key1, const SMOXSortKey& key2) const;
     bool operator()(ResultItemIndex item1, ResultItemIndex item2) const;
@@ -62,4 +65,8 @@ public:
     MOX_COMPARETYPE comparison = MOX_COMPARE_NONE;
     // Position = block slot of the list being built. Not owned.
     std::vector<CCacheReader*>* readers = nullptr;
+
+private:
+    // The key of one item's text through CJsonValue.
+    void m_KeyFromDocument(std::string strItem, SMOXSortKey& out) const;
 };
