@@ -8,6 +8,15 @@
 
 using Lock = std::lock_guard<std::mutex>;
 
+namespace {
+
+bool IsSameOrBelow(const std::string& path, const std::string& top) {
+    if (path.compare(0, top.size(), top) != 0) return false;
+    return path.size() == top.size() || (!top.empty() && (top.back() == '/' || path[top.size()] == '/'));
+}
+
+}  // namespace
+
 CMOXScanManager::CMOXScanManager() : m_reaper(&CMOXScanManager::m_ReaperBody, this) {}
 
 CMOXScanManager::~CMOXScanManager() {
@@ -219,7 +228,8 @@ void CMOXScanManager::RemoveScanner(const char* path) {
             bool bMatch;
             {
                 Lock recordLock((*it)->mutex);
-                bMatch = (*it)->pScanner && (*it)->pScanner->GetBasePath() == path;
+                // Scanners of folders below the storage go with it too.
+                bMatch = (*it)->pScanner && IsSameOrBelow((*it)->pScanner->GetBasePath(), path);
             }
             if (bMatch) {
                 removed.push_back(*it);

@@ -69,7 +69,7 @@ public:
     static int ConvertMediaType(int nMediaType) { return nMediaType; }
 
     void RemoveScanner(int id);
-    // Removes every scanner whose base path is `path`.
+    // Removes every scanner whose base path is `path` or lies below it.
     void RemoveScanner(const char* path);
     void PrintAllScanner();
     size_t GetScannerCount();

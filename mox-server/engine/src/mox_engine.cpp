@@ -7,6 +7,7 @@
 // service's thread.
 #define MOX_LOG_TAG "MOX-ENGINE"
 
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <memory>
@@ -28,6 +29,9 @@
 #include <vconf.h>
 
 #include "cache_folder.h"
+#include "mox_engine_scan.h"
+#include "mox_scanner_manager.h"
+#include "mox_bus_text.h"
 #include "mox_storage_manager.h"
 
 namespace {
@@ -173,8 +177,8 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void*) {
         MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());
     } else if (event == MOX_STORAGE_DISCONNECTED) {
         MOX_INFO("USB UNMOUNTED : %s", strMountPath.c_str());
-        // The device's scanners are stopped here too once the scanners are
-        // part of the daemon; the folder ids of the storage go now.
+        CMOXEngineScan::RemoveScannerOfDevice(strMountPath.c_str());
+        CMOXEngineScan::RemoveThumbnailByDevice(strMountPath.c_str());
         CMOXSingleton<CCacheFolder>::Get()->Clear(strMountPath);
     }
 }
@@ -297,23 +301,58 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         g_dbus_method_invocation_return_value(invocation,
                                               g_variant_new("(u)", guint32(MOX_ERROR_GENERIC)));
     } else if (method == "start_scanner_thumb") {
+        const gchar* szFolderPath = nullptr;
+        const gchar* szCategory = nullptr;
+        guint32 nCount = 0;
+        guint32 nPid = 0;
+        g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
+        SDBusConnectionInfo client = callerOf(invocation);
         gboolean bStarted = FALSE;
-        warnUnavailable(szMethodName, "folder thumbnail scanner");
+        if (mox_bus::ArgumentFits(szMethodName, szFolderPath) && mox_bus::ArgumentFits(szMethodName, szCategory))
+            bStarted = CMOXEngineScan::FolderThumbnailScan(
+                           client.connection, client.sender.c_str(), client.objectPath.c_str(),
+                           client.interfaceName.c_str(), szFolderPath, szCategory, nCount,
+                           static_cast<int>(nPid))
+                           ? TRUE
+                           : FALSE;
         MOX_INFO("start_scanner_thumb return [%d]", bStarted);
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", bStarted));
         MOX_INFO("start_scanner_thumb return end[%d]", bStarted);
-    } else if (method == "stop_scanner_thumb" || method == "stop_scanner") {
-        warnUnavailable(szMethodName, "scanner");
+    } else if (method == "stop_scanner_thumb") {
+        const gchar* szFolderPath = nullptr;
+        const gchar* szCategory = nullptr;
+        guint32 nCount = 0;
+        guint32 nPid = 0;
+        g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
+        if (mox_bus::ArgumentFits(szMethodName, szFolderPath) && mox_bus::ArgumentFits(szMethodName, szCategory))
+            CMOXEngineScan::RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid));
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else if (method == "stop_scanner") {
+        guint32 nScannerId = 0;
+        g_variant_get(parameters, "(u)", &nScannerId);
+        // Ids are positive ints; larger values name no scanner.
+        if (nScannerId <= static_cast<guint32>(INT_MAX)) CMOXEngineScan::RemoveScanner(static_cast<int>(nScannerId));
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "start_scanner") {
         const gchar* szKind = nullptr;
         const gchar* szParam = nullptr;
         g_variant_get(parameters, "(&s&s)", &szKind, &szParam);
-        if (g_strcmp0(szKind, "check_device") == 0)
-            warnUnavailable(szMethodName, "device scanner");
-        else if (g_strcmp0(szKind, "scan_folder") == 0)
+        gboolean bStarted = FALSE;
+        int nScannerId = 0;
+        if (g_strcmp0(szKind, "check_device") == 0) {
+            SDBusConnectionInfo client = callerOf(invocation);
+            if (mox_bus::ArgumentFits(szMethodName, szParam) &&
+                CMOXEngineScan::StartCheckingDevice(client.connection, client.sender.c_str(),
+                                                    client.objectPath.c_str(), client.interfaceName.c_str(),
+                                                    szParam, nScannerId))
+                bStarted = TRUE;
+            else
+                nScannerId = 0;
+        } else if (g_strcmp0(szKind, "scan_folder") == 0) {
             MOX_WARN("unsupport yet, method(%s).", szKind);
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(bu)", FALSE, 0u));
+        }
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(bu)", bStarted, static_cast<guint32>(nScannerId)));
     } else if (method == "get_usb_storages") {
         guint32 nType = 0;
         g_variant_get(parameters, "(u)", &nType);
@@ -489,6 +528,8 @@ int main() {
     g_pStorageMgr->SetInternalCB(nullptr, nullptr);
     g_pStorageMgr.reset();
     vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
+    // Scanner threads end before the connection their callbacks use goes.
+    CMOXSingleton<CMOXScanManager>::Destroy();
     CMOXSingleton<CCacheFolder>::Destroy();
     if (g_pConnection) g_object_unref(g_pConnection);
     g_pConnection = nullptr;
