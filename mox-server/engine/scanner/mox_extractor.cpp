@@ -104,6 +104,15 @@ bool m_ExtractExif(ExifData* exif, ExifTag tag, char* buf, int* nValue, double* 
             }
             ExifRational r = exif_get_rational(e->data, order);
             snprintf(buf, kExifTextBytes, "%ld/%ld", static_cast<long>(r.numerator), static_cast<long>(r.denominator));
+        } else if (e->format == EXIF_FORMAT_ASCII) {
+            // Raw bytes: exif_entry_get_value would turn stray bytes into
+            // escapes; TextToUtf8 reads them as Latin-1 instead.
+            size_t len = e->data ? strnlen(reinterpret_cast<const char*>(e->data), e->size) : 0;
+            if (len > kExifTextBytes - 1) len = kExifTextBytes - 1;
+            if (len) memcpy(buf, e->data, len);
+            buf[len] = '\0';
+            // Same trimming as exif_entry_get_value: trailing blanks dropped.
+            while (len > 0 && buf[len - 1] == ' ') buf[--len] = '\0';
         } else {
             exif_entry_get_value(e, buf, kExifTextBytes);
         }
