@@ -15,6 +15,7 @@
 #include <mox_host_paths.h>
 
 #include "mox_bus_text.h"
+#include "mox_extractor.h"
 #include "mox_scanner_manager.h"
 
 namespace {
@@ -191,16 +192,31 @@ void CMOXEngineScan::cb_scannerEnd(void* pUserData, int nScannerResult) {
             entry = SMOXFileInfo();
         }
         nMediaType = CMOXScanManager::ConvertMediaType(entry.nExtensionGroup);
-        // No metadata extractor in this build yet: the media text stays empty.
-        MOX_WARN("Extract (%s/%s) failed...", entry.strBasePath.c_str(), entry.strName.c_str());
+        // Only a regular file is handed to the extractor: a FIFO or device
+        // node named like media is reported without metadata.
+        struct stat st;
+        std::string strPath = entry.strBasePath + "/" + entry.strName;
+        media_info_s info;
+        if (!entry.strName.empty() && lstat(strPath.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+            CMOXExtractor extractor(entry.strBasePath, entry.strName, entry.nExtensionGroup,
+                                    entry.bDetailFilled, static_cast<unsigned long long>(entry.llFileSize),
+                                    static_cast<unsigned long>(entry.tModified));
+            if (extractor.Extract(info)) strMediaText = extractor.ToString(info);
+        }
+        if (strMediaText.empty())
+            MOX_WARN("Extract (%s/%s) failed...", entry.strBasePath.c_str(), entry.strName.c_str());
     }
+    // Names reach the client in the extractor's rule: valid UTF-8 unchanged,
+    // any other byte (and a backslash) as "\xNN", so two names stay apart.
+    const std::string strBasePath = CMOXExtractor::FileNameToUtf8(entry.strBasePath);
+    const std::string strName = CMOXExtractor::FileNameToUtf8(entry.strName);
     int nCode = CMOXScanManager::ConvertScannerResult(nScannerResult);
     MOX_INFO("Emit signal[%s|%d|%d|%d|%s|%s|%s]", "mox_scanner_done", client.nScannerId, nCode, nMediaType,
-             entry.strBasePath.c_str(), entry.strName.c_str(), strMediaText.c_str());
+             strBasePath.c_str(), strName.c_str(), mox_bus::ForLog(strMediaText).c_str());
     GVariant* params = g_variant_new("(uuu@s@s@s)", static_cast<guint32>(client.nScannerId),
                                      static_cast<guint32>(nCode), static_cast<guint32>(nMediaType),
-                                     mox_bus::NewString(entry.strBasePath, "mox_scanner_done base path"),
-                                     mox_bus::NewString(entry.strName, "mox_scanner_done name"),
+                                     mox_bus::NewString(strBasePath, "mox_scanner_done base path"),
+                                     mox_bus::NewString(strName, "mox_scanner_done name"),
                                      mox_bus::NewString(strMediaText, "mox_scanner_done media"));
     Emit(client, "mox_scanner_done", params);
 }
@@ -277,7 +293,7 @@ void CMOXEngineScan::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) 
         if (pManager->GetCurrentFileInfoList(files) == 0 && !files.empty()) {
             std::vector<std::string> items, types;
             for (const SMOXFileInfo& file : files) {
-                items.push_back(mox_bus::ValidUtf8(file.strBasePath + "/" + file.strName, "thumbnail item"));
+                items.push_back(CMOXExtractor::FileNameToUtf8(file.strBasePath + "/" + file.strName));
                 types.push_back(ItemTypeOf(file.nExtensionGroup));
             }
             inner.Set("mox_folder_thumbnail_items", items);
@@ -288,7 +304,7 @@ void CMOXEngineScan::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) 
     SMOXScannerOption option;
     if (pManager->GetCurrentScannerOption(option) == 0) {
         outer.Set("mox_folder_thumbnail_error_code", 0);
-        outer.Set("mox_folder_thumbnail_path", mox_bus::ValidUtf8(option.strDevicePath, "thumbnail path"));
+        outer.Set("mox_folder_thumbnail_path", CMOXExtractor::FileNameToUtf8(option.strDevicePath));
         outer.Set("mox_folder_thumbnail_content_type", mox_bus::ValidUtf8(option.strFourthPath, "category"));
         outer.Set("mox_folder_thumbnail_request_num", static_cast<unsigned int>(option.nFileLimit));
         outer.Set("mox_folder_thumbnail_data", inner.ToString());
