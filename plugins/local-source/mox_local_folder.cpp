@@ -85,8 +85,9 @@ mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::str
     // there), never for paths elsewhere.
     std::string strParent = strPath.substr(0, strPath.find_last_of('/'));
     std::string strName = strPath.substr(strPath.find_last_of('/') + 1);
+    const int nPathErrno = nErrno;
     std::string strParentReal = strParent.empty() ? std::string("/") : RealPath(strParent, nErrno);
-    if (nErrno == ENOENT || nErrno == ENOTDIR) {
+    if (nPathErrno == ENOENT) {
         bool bParentInside = !strParentReal.empty() &&
                              (strParentReal == strRoot || IsBelow(strRoot, strParentReal));
         if (bParentInside && strName != "." && strName != ".." && !strName.empty()) return MOX_ERROR_DETAIL_NOT_FOUND;
