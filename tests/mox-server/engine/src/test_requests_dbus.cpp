@@ -447,4 +447,18 @@ TEST_F(Requests, ClientLeavingTheBusLosesItsListsAndAnswers) {
     EXPECT_EQ(stays.Count("mox_request_normal_complete"), 1u);
 }
 
+// The example plug-in, built in this tree or (MOX_OUT_OF_TREE_PLUGIN, set by
+// tests/plugins/out_of_tree.sh) on its own against an installed engine.
+TEST_F(Requests, ExamplePluginIsLoadedAndListed) {
+    const char* env = getenv("MOX_OUT_OF_TREE_PLUGIN");
+    Install(h, env ? env : MOX_EXAMPLE_SOURCE_SO);
+    Client c(h);
+    guint32 handle = c.Connect("libmox_example_source.so");
+    ASSERT_NE(handle, kFailedHandle);
+    c.List(handle, ListDoc(R"(["mox_example_source"])", R"(,"SortedType":2,"SortedKey":"Title")"));
+    Json::Value ev = c.Nth("mox_request_normal_complete", 1);
+    ASSERT_EQ(ev["mox_event_type"].asInt(), 0);
+    EXPECT_EQ(Names(ReadList(Delivered(ev))), (std::vector<std::string>{"c.mp4", "b.mp3", "a.jpg"}));
+}
+
 }  // namespace
