@@ -29,10 +29,13 @@
 #include <vconf.h>
 
 #include "cache_folder.h"
-#include "mox_engine_scan.h"
-#include "mox_scanner_manager.h"
+#include "cache_pool.h"
 #include "mox_bus_text.h"
+#include "mox_engine_imp.h"
+#include "mox_scanner_manager.h"
+#include "mox_source_manager.h"
 #include "mox_storage_manager.h"
+#include "mox_uhd_data_mgr.h"
 
 namespace {
 
@@ -60,6 +63,7 @@ struct GErrorDeleter {
 std::unique_ptr<gchar, GFreeDeleter> g_introspectionXml;
 std::unique_ptr<GDBusNodeInfo, NodeInfoDeleter> g_introspectionData;
 GMainLoop* g_mainLoop = nullptr;  // owned by main
+std::unique_ptr<CMOXEngineImp> pMOXEngineImp;
 std::unique_ptr<CMOXStorageMgr> g_pStorageMgr;
 // The bus connection, referenced for as long as the storage manager may hand
 // its pointer (held in bound-client records) to notify_storages.
@@ -151,7 +155,7 @@ void OnVconfKeyChangedCB(keynode_t* keynode, void*) {
 
 // Storage events from the storage manager, on the USB service's thread. The
 // handler owns the device reference it is given.
-void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void*) {
+void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) {
     if (!device) {
         MOX_WARN("usb_device == NULL");
         return;
@@ -177,8 +181,10 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void*) {
         MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());
     } else if (event == MOX_STORAGE_DISCONNECTED) {
         MOX_INFO("USB UNMOUNTED : %s", strMountPath.c_str());
-        CMOXEngineScan::RemoveScannerOfDevice(strMountPath.c_str());
-        CMOXEngineScan::RemoveThumbnailByDevice(strMountPath.c_str());
+        auto* pEngine = static_cast<CMOXEngineImp*>(engine);
+        assert(pEngine != NULL);
+        pEngine->RemoveScannerOfDevice(strMountPath.c_str());
+        pEngine->RemoveThumbnailByDevice(strMountPath.c_str());
         CMOXSingleton<CCacheFolder>::Get()->Clear(strMountPath);
     }
 }
@@ -259,12 +265,36 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
     } else if (method == "connect") {
         const gchar* szSourceName = nullptr;
         g_variant_get(parameters, "(&s)", &szSourceName);
-        warnUnavailable(szMethodName, "request engine");
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", kInvalidHandle));
-    } else if (method == "request_detail" || method == "get_partial_list" ||
-               method == "drop_partial_list" || method == "request_metadata" ||
-               method == "request_cancel_detail" || method == "disconnect") {
-        warnUnavailable(szMethodName, "request engine");
+        guint32 nHandleId = pMOXEngineImp->Connect(szSourceName);
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", nHandleId));
+    } else if (method == "request_detail" || method == "drop_partial_list" || method == "request_metadata") {
+        guint32 nHandleId = 0;
+        const gchar* szParam = nullptr;
+        g_variant_get(parameters, "(u&s)", &nHandleId, &szParam);
+        connect_info_s caller = callerOf(invocation);
+        if (mox_bus::ArgumentFits(szMethodName, szParam)) {
+            if (method == "request_detail")
+                pMOXEngineImp->RequestDetail(szParam, nHandleId, caller);
+            else if (method == "drop_partial_list")
+                pMOXEngineImp->DropPartialList(szParam, nHandleId, caller);
+            else
+                pMOXEngineImp->RequestMetadata(szParam, nHandleId, caller);
+        }
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else if (method == "get_partial_list") {
+        guint32 nHandleId = 0, nIgnored1 = 0, nIgnored2 = 0;
+        const gchar* szParam = nullptr;
+        g_variant_get(parameters, "(uuu&s)", &nHandleId, &nIgnored1, &nIgnored2, &szParam);
+        if (mox_bus::ArgumentFits(szMethodName, szParam))
+            pMOXEngineImp->GetPartialList(szParam, nHandleId, callerOf(invocation));
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else if (method == "request_cancel_detail" || method == "disconnect") {
+        guint32 nHandleId = 0;
+        g_variant_get(parameters, "(u)", &nHandleId);
+        if (method == "disconnect")
+            pMOXEngineImp->Disconnect(nHandleId, callerOf(invocation));
+        else
+            pMOXEngineImp->CancelDetail(nHandleId, callerOf(invocation));
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "request_act") {
         guint32 nHandleId = 0;
@@ -306,13 +336,10 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         guint32 nCount = 0;
         guint32 nPid = 0;
         g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
-        SDBusConnectionInfo client = callerOf(invocation);
         gboolean bStarted = FALSE;
         if (mox_bus::ArgumentFits(szMethodName, szFolderPath) && mox_bus::ArgumentFits(szMethodName, szCategory))
-            bStarted = CMOXEngineScan::FolderThumbnailScan(
-                           client.connection, client.sender.c_str(), client.objectPath.c_str(),
-                           client.interfaceName.c_str(), szFolderPath, szCategory, nCount,
-                           static_cast<int>(nPid))
+            bStarted = pMOXEngineImp->FolderThumbnailScan(callerOf(invocation), szFolderPath, szCategory, nCount,
+                                                          static_cast<int>(nPid))
                            ? TRUE
                            : FALSE;
         MOX_INFO("start_scanner_thumb return [%d]", bStarted);
@@ -325,13 +352,13 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         guint32 nPid = 0;
         g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
         if (mox_bus::ArgumentFits(szMethodName, szFolderPath) && mox_bus::ArgumentFits(szMethodName, szCategory))
-            CMOXEngineScan::RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid));
+            pMOXEngineImp->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid));
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "stop_scanner") {
         guint32 nScannerId = 0;
         g_variant_get(parameters, "(u)", &nScannerId);
         // Ids are positive ints; larger values name no scanner.
-        if (nScannerId <= static_cast<guint32>(INT_MAX)) CMOXEngineScan::RemoveScanner(static_cast<int>(nScannerId));
+        if (nScannerId <= static_cast<guint32>(INT_MAX)) pMOXEngineImp->RemoveScanner(static_cast<int>(nScannerId));
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "start_scanner") {
         const gchar* szKind = nullptr;
@@ -340,11 +367,8 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         gboolean bStarted = FALSE;
         int nScannerId = 0;
         if (g_strcmp0(szKind, "check_device") == 0) {
-            SDBusConnectionInfo client = callerOf(invocation);
             if (mox_bus::ArgumentFits(szMethodName, szParam) &&
-                CMOXEngineScan::StartCheckingDevice(client.connection, client.sender.c_str(),
-                                                    client.objectPath.c_str(), client.interfaceName.c_str(),
-                                                    szParam, nScannerId))
+                pMOXEngineImp->StartCheckingDevice(callerOf(invocation), szParam, nScannerId))
                 bStarted = TRUE;
             else
                 nScannerId = 0;
@@ -427,11 +451,31 @@ GDBusMessage* filterUnknownMethods(GDBusConnection* connection, GDBusMessage* me
     return nullptr;  // the message's reference now belongs to `call`
 }
 
+// A client that leaves the bus without dropping its lists or waiting for its
+// answers: the engine forgets it (GDBus delivers this on the main loop).
+void onNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+                        GVariant* parameters, gpointer) {
+    const gchar* szName = nullptr;
+    const gchar* szOldOwner = nullptr;
+    const gchar* szNewOwner = nullptr;
+    g_variant_get(parameters, "(&s&s&s)", &szName, &szOldOwner, &szNewOwner);
+    if (szName[0] == ':' && szNewOwner[0] == '\0' && pMOXEngineImp) pMOXEngineImp->RemoveClient(szName);
+}
+
+void watchClientsLeaving(GDBusConnection* connection) {
+    g_dbus_connection_signal_subscribe(connection, "org.freedesktop.DBus", "org.freedesktop.DBus",
+                                       "NameOwnerChanged", "/org/freedesktop/DBus", nullptr,
+                                       G_DBUS_SIGNAL_FLAGS_NONE, onNameOwnerChanged, nullptr, nullptr);
+}
+
 void onBusAcquired(GDBusConnection* connection, const gchar*, gpointer) {
     GDBusNodeInfo* node = g_introspectionData.get();
     auto* filter = new FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])};
     g_dbus_connection_add_filter(connection, filterUnknownMethods, filter, freeFilterData);
-    if (!g_pConnection) g_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
+    if (!g_pConnection) {
+        g_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
+        watchClientsLeaving(connection);
+    }
     guint nRegistrationId = g_dbus_connection_register_object(
         connection, node->path, node->interfaces[0], &kInterfaceVTable, nullptr, nullptr, nullptr);
     MOX_DEBUG("BusAcquired.");
@@ -470,6 +514,20 @@ bool parseIntrospectionData() {
     return true;
 }
 
+// The engine drops the result lists clients still hold; the sources, the
+// cached blocks and the UHD provider go only when no command runs any more.
+void shutDownEngine() {
+    bool bIdle = pMOXEngineImp->WaitIdle(std::chrono::seconds(10));
+    pMOXEngineImp.reset();
+    if (!bIdle) {
+        MOX_WARN("Commands still running: sources and cache kept until exit.");
+        return;
+    }
+    CMOXSingleton<CMOXSourceMgr>::Destroy();
+    CMOXSingleton<CCachePool>::Destroy();
+    CMOXSingleton<CMOXUHDDataMgr>::Destroy();
+}
+
 }  // namespace
 
 int main() {
@@ -484,11 +542,17 @@ int main() {
     }
     MOX_DEBUG("init_introspection_xml ok.");
 
+    try {
+        pMOXEngineImp = std::make_unique<CMOXEngineImp>();
+    } catch (...) {
+        MOX_WARN(" new CMOXEngineImp faild.");
+    }
+    assert(pMOXEngineImp != NULL);
+
     g_pStorageMgr = std::make_unique<CMOXStorageMgr>();
     g_pStorageMgr->SetNotificationCB(notify_storages);
     MOX_DEBUG("SetInternalCB in mox_engine.cpp...");
-    // The user data becomes the engine object when the request engine joins.
-    g_pStorageMgr->SetInternalCB(cb_dealUsbEvent, nullptr);
+    g_pStorageMgr->SetInternalCB(cb_dealUsbEvent, pMOXEngineImp.get());
 
     mox_engine_deal_reset_status();
     vconf_notify_key_changed(kDbResetKey, OnVconfKeyChangedCB, nullptr);
@@ -500,6 +564,7 @@ int main() {
         g_pStorageMgr->SetNotificationCB(nullptr);
         g_pStorageMgr->SetInternalCB(nullptr, nullptr);
         g_pStorageMgr.reset();
+        pMOXEngineImp.reset();
         g_introspectionData.reset();
         g_introspectionXml.reset();
         curl_global_cleanup();
@@ -527,6 +592,7 @@ int main() {
     g_pStorageMgr->SetNotificationCB(nullptr);
     g_pStorageMgr->SetInternalCB(nullptr, nullptr);
     g_pStorageMgr.reset();
+    shutDownEngine();
     vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
     // Scanner threads end before the connection their callbacks use goes.
     CMOXSingleton<CMOXScanManager>::Destroy();

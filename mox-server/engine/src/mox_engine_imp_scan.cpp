@@ -1,7 +1,7 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include <mox/mox_log.h>
 
-#include "mox_engine_scan.h"
+#include "mox_engine_imp.h"
 
 #include <sys/stat.h>
 
@@ -35,14 +35,13 @@ void FreeCallbackData(void* pData) {
     delete data;
 }
 
-SMOXScanCallbackData* NewCallbackData(int nScannerId, GDBusConnection* connection, const char* sender,
-                                      const char* objectPath, const char* interfaceName) {
+SMOXScanCallbackData* NewCallbackData(int nScannerId, const connect_info_s& caller) {
     auto* data = new SMOXScanCallbackData();
     data->nScannerId = nScannerId;
-    data->connection = connection ? G_DBUS_CONNECTION(g_object_ref(connection)) : nullptr;
-    data->strSender = sender ? sender : "";
-    data->strObjectPath = objectPath ? objectPath : "";
-    data->strInterfaceName = interfaceName ? interfaceName : "";
+    data->connection = caller.connection ? G_DBUS_CONNECTION(g_object_ref(caller.connection)) : nullptr;
+    data->strSender = caller.sender;
+    data->strObjectPath = caller.objectPath;
+    data->strInterfaceName = caller.interfaceName;
     return data;
 }
 
@@ -80,9 +79,9 @@ const char* ItemTypeOf(int nGroup) {
     }
 }
 
-}  // namespace
-
-bool CMOXEngineScan::ConfineToUsbRoot(const char* path, std::string& confined) {
+// `path` resolved (links and ".." included) strictly below the USB root,
+// spelt with the USB root as configured; false (logged) otherwise.
+bool ConfineToUsbRoot(const char* path, std::string& confined) {
     if (path == nullptr || *path == '\0' || std::strlen(path) >= PATH_MAX) {
         MOX_WARN("path refused: empty or too long");
         return false;
@@ -106,7 +105,7 @@ bool CMOXEngineScan::ConfineToUsbRoot(const char* path, std::string& confined) {
     return true;
 }
 
-int CMOXEngineScan::MediaGroupOfCategory(const std::string& category) {
+int MediaGroupOfCategory(const std::string& category) {
     if (category == "CONTENT-IMAGE") return MOX_MEDIA_TYPE_PHOTO;
     if (category == "CONTENT-VIDEO") return MOX_MEDIA_TYPE_VIDEO;
     if (category == "CONTENT-MUSIC") return MOX_MEDIA_TYPE_MUSIC;
@@ -116,7 +115,9 @@ int CMOXEngineScan::MediaGroupOfCategory(const std::string& category) {
     return MOX_MEDIA_TYPE_ALL;
 }
 
-std::string CMOXEngineScan::MountPathOf(const std::string& folder) {
+// Mount path of a folder below the USB root: cut at the first "/" from the
+// third character of the device name on (position 19 of "/opt/storage/usb/").
+std::string MountPathOf(const std::string& folder) {
     std::string prefix = StripTrailingSlashes(mox_host::UsbRoot()) + "/";
     if (folder.compare(0, prefix.size(), prefix) != 0) return std::string();
     // Two characters of the device name at least, as "/opt/storage/usb/" + 2.
@@ -125,8 +126,9 @@ std::string CMOXEngineScan::MountPathOf(const std::string& folder) {
     return nCut == std::string::npos ? folder : folder.substr(0, nCut);
 }
 
-bool CMOXEngineScan::StartCheckingDevice(GDBusConnection* connection, const char* sender, const char* objectPath,
-                                         const char* interfaceName, const char* mountPath, int& scannerId) {
+}  // namespace
+
+bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char* mountPath, int& scannerId) {
     if (mountPath == nullptr) {
         MOX_WARN("mount_path is null.");
         return false;
@@ -159,7 +161,7 @@ bool CMOXEngineScan::StartCheckingDevice(GDBusConnection* connection, const char
     option.nPriority = 2;
     option.nRequestTag = 0;
     option.pfnEndCallback = cb_scannerEnd;
-    option.pCallbackData = NewCallbackData(id, connection, sender, objectPath, interfaceName);
+    option.pCallbackData = NewCallbackData(id, caller);
     option.pfnFreeData = FreeCallbackData;
     option.nResult = MOX_SCANNER_RESULT_NONE;
     if (pManager->SetScannerOption(id, option) != 0) {
@@ -179,7 +181,7 @@ bool CMOXEngineScan::StartCheckingDevice(GDBusConnection* connection, const char
     return true;
 }
 
-void CMOXEngineScan::cb_scannerEnd(void* pUserData, int nScannerResult) {
+void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
     assert(pUserData != NULL);
     const auto& client = *static_cast<SMOXScanCallbackData*>(pUserData);
     SMOXFileInfo entry;
@@ -221,9 +223,8 @@ void CMOXEngineScan::cb_scannerEnd(void* pUserData, int nScannerResult) {
     Emit(client, "mox_scanner_done", params);
 }
 
-bool CMOXEngineScan::FolderThumbnailScan(GDBusConnection* connection, const char* sender, const char* objectPath,
-                                         const char* interfaceName, const char* folderPath, const char* category,
-                                         unsigned int count, int pid) {
+bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
+                                        unsigned int count, int pid) {
     if (folderPath == nullptr) {
         MOX_WARN("folder_path is null.");
         return false;
@@ -264,7 +265,7 @@ bool CMOXEngineScan::FolderThumbnailScan(GDBusConnection* connection, const char
     option.nPriority = 2;
     option.nRequestTag = pid;
     option.pfnEndCallback = cb_scanFolderThumbEnd;
-    option.pCallbackData = NewCallbackData(0, connection, sender, objectPath, interfaceName);
+    option.pCallbackData = NewCallbackData(0, caller);
     option.pfnFreeData = FreeCallbackData;
     option.nResult = MOX_SCANNER_RESULT_NONE;
     // The thumbnail scanner owns the data from here on, also on failure.
@@ -275,7 +276,7 @@ bool CMOXEngineScan::FolderThumbnailScan(GDBusConnection* connection, const char
     return true;
 }
 
-void CMOXEngineScan::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) {
+void CMOXEngineImp::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) {
     assert(pUserData != NULL);
     const auto& client = *static_cast<SMOXScanCallbackData*>(pUserData);
     CMOXScanManager* pManager = Manager();
@@ -317,14 +318,14 @@ void CMOXEngineScan::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) 
          g_variant_new("(@s)", mox_bus::NewString(strPayload, "mox_folder_thumb_done")));
 }
 
-void CMOXEngineScan::RemoveScanner(int id) { Manager()->RemoveScanner(id); }
+void CMOXEngineImp::RemoveScanner(int id) { Manager()->RemoveScanner(id); }
 
-void CMOXEngineScan::RemoveScannerOfDevice(const char* mountPath) {
+void CMOXEngineImp::RemoveScannerOfDevice(const char* mountPath) {
     if (mountPath == nullptr) return;
     Manager()->RemoveScanner(mountPath);
 }
 
-void CMOXEngineScan::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count,
+void CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count,
                                            int pid) {
     if (folderPath == nullptr || category == nullptr) return;
     // Requests hold the folder as resolved when they were queued.
@@ -334,7 +335,7 @@ void CMOXEngineScan::RemoveScannerOfFolder(const char* folderPath, const char* c
     Manager()->RemoveScanner(strFolder.c_str(), category, limit, pid);
 }
 
-void CMOXEngineScan::RemoveThumbnailByDevice(const char* mountPath) {
+void CMOXEngineImp::RemoveThumbnailByDevice(const char* mountPath) {
     if (mountPath == nullptr) return;
     Manager()->RemoveThumbnailByDevice(mountPath);
 }
