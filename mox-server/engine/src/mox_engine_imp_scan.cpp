@@ -23,6 +23,10 @@ namespace {
 // The client a scan answers, owned by the scanner that runs the scan.
 struct SMOXScanCallbackData {
     int nScannerId = 0;
+    // The manager that runs the scan: the callback must not go through the
+    // singleton accessor, which would make a new manager while the old one
+    // is being destroyed (its scanners' last callbacks run then).
+    CMOXScanManager* pManager = nullptr;
     GDBusConnection* connection = nullptr;  // referenced
     std::string strSender;
     std::string strObjectPath;
@@ -38,6 +42,7 @@ void FreeCallbackData(void* pData) {
 SMOXScanCallbackData* NewCallbackData(int nScannerId, const connect_info_s& caller) {
     auto* data = new SMOXScanCallbackData();
     data->nScannerId = nScannerId;
+    data->pManager = CMOXSingleton<CMOXScanManager>::Get();
     data->connection = caller.connection ? G_DBUS_CONNECTION(g_object_ref(caller.connection)) : nullptr;
     data->strSender = caller.sender;
     data->strObjectPath = caller.objectPath;
@@ -189,7 +194,7 @@ void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
     std::string strMediaText;
     int nMediaType = 0;
     if (nScannerResult == MOX_SCANNER_RESULT_ONE_MEDIA) {
-        if (Manager()->GetNextFileInfo(client.nScannerId, entry) != 0) {
+        if (client.pManager->GetNextFileInfo(client.nScannerId, entry) != 0) {
             // Removed meanwhile: the answer still goes out, without the file.
             entry = SMOXFileInfo();
         }
@@ -279,7 +284,7 @@ bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char
 void CMOXEngineImp::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) {
     assert(pUserData != NULL);
     const auto& client = *static_cast<SMOXScanCallbackData*>(pUserData);
-    CMOXScanManager* pManager = Manager();
+    CMOXScanManager* pManager = client.pManager;
     int nCode = CMOXScanManager::ConvertScannerResult(nScannerResult);
 
     CJsonValue inner;
