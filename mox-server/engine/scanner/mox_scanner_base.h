@@ -36,8 +36,9 @@ public:
     size_t PendingDirs() const { return m_pendingDirs.size(); }
 
     // Most directories waiting in the queue; more are skipped with a warning,
-    // so a storage cannot grow the queue without bound.
-    static constexpr size_t kMaxPendingDirs = 262144;
+    // so a storage cannot grow the queue without bound (at most some 50 MB
+    // with the longest paths).
+    static constexpr size_t kMaxPendingDirs = 65536;
 
 protected:
     explicit CMOXScannerBase(int nKind);

@@ -78,7 +78,13 @@ int CMOXUsbScanner::t_ReadFile(SMOXFileInfo& info) {
             info.nType = MOX_SCANNER_TYPE_FILE;
             break;
         case DT_UNKNOWN: {
-            MOX_WARN("Cannot recognize Entry Type... --- Using stat64...");
+            // File systems without entry types answer this for every entry:
+            // warned once per walk, the rest at debug level.
+            if (!m_bUnknownTypeLogged)
+                MOX_WARN("Cannot recognize Entry Type... --- Using stat64...");
+            else
+                MOX_SCAN_DEBUG("Cannot recognize Entry Type... --- Using stat64...");
+            m_bUnknownTypeLogged = true;
             int nResult = m_GetDetailFileInfo(info, true);
             if (nResult != MOX_SCAN_OK) return nResult;
             bDetailRead = true;

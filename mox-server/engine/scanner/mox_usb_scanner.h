@@ -38,4 +38,5 @@ private:
     };
     std::string m_strCurDirName;
     std::unique_ptr<DIR, DirCloser> m_pDir;
+    bool m_bUnknownTypeLogged = false;
 };
