@@ -3,12 +3,21 @@
 //     binds to storage events and prints each mox_usb_notification payload;
 //     exits 0 after COUNT notifications (default 1), 1 when SECONDS (default
 //     30) pass first. Prints "bound" once it is bound, so scripts can wait.
+//   mox-client list LIBRARY DOCUMENT [SECONDS]
+//     connects to the source plug-in LIBRARY, sends the list command
+//     DOCUMENT, maps the result list it gets back and prints its items one a
+//     line ("[index] item"), then drops the list. Exits 0 when the list was
+//     read and dropped, 1 otherwise (failure event, timeout after SECONDS,
+//     default 30).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include <gio/gio.h>
+#include <json/json.h>
+
+#include <mox/mox_resultlist.h>
 
 namespace {
 
@@ -77,8 +86,129 @@ int WatchUsb(int count, int seconds) {
     return status;
 }
 
+// Waits for the next mox_request_normal_complete addressed to `handle`.
+struct Completion {
+    GMainLoop* loop = nullptr;
+    guint32 handle = 0;
+    Json::Value payload;
+    bool received = false;
+};
+
+void OnComplete(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* params,
+                gpointer data) {
+    auto* completion = static_cast<Completion*>(data);
+    const gchar* text = nullptr;
+    g_variant_get(params, "(&s)", &text);
+    Json::Value payload;
+    Json::Reader reader;
+    if (!reader.parse(text, payload) || !payload.isObject() || !payload["mox_handle_id"].isUInt() ||
+        payload["mox_handle_id"].asUInt() != completion->handle)
+        return;
+    completion->payload = payload;
+    completion->received = true;
+    g_main_loop_quit(completion->loop);
+}
+
+gboolean OnCompletionTimeout(gpointer data) {
+    g_main_loop_quit(static_cast<Completion*>(data)->loop);
+    return G_SOURCE_REMOVE;
+}
+
+bool CallAndWait(GDBusConnection* bus, Completion& completion, const char* method, GVariant* params,
+                 int seconds) {
+    completion.received = false;
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_sync(bus, kName, kPath, kInterface, method, params, nullptr,
+                                                  G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, &error);
+    if (!reply) {
+        fprintf(stderr, "mox-client: %s failed: %s\n", method, error->message);
+        g_error_free(error);
+        return false;
+    }
+    g_variant_unref(reply);
+    guint timer = g_timeout_add_seconds(static_cast<guint>(seconds), OnCompletionTimeout, &completion);
+    g_main_loop_run(completion.loop);
+    if (completion.received) g_source_remove(timer);
+    else fprintf(stderr, "mox-client: timed out waiting for %s\n", method);
+    return completion.received;
+}
+
+int PrintList(GDBusConnection* bus, Completion& completion, guint32 handle, const std::string& name,
+              int seconds) {
+    CResultList list(name);
+    if (!list.IsLoaded()) {
+        fprintf(stderr, "mox-client: can not read result list %s\n", name.c_str());
+        return 1;
+    }
+    printf("%s: items %d..%d of %d\n", name.c_str(), list.StartIndex(), list.EndIndex(), list.GetTotalCount());
+    int status = 0;
+    for (int i = list.StartIndex(); i <= list.EndIndex(); ++i) {
+        std::string item, block;
+        int index = -1;
+        if (!list.GetItem(i, item, block, index)) {
+            status = 1;
+            continue;
+        }
+        // The last item of a block carries its padding NULs.
+        printf("[%d] %s\n", i, item.c_str());
+    }
+    if (!CallAndWait(bus, completion, "drop_partial_list", g_variant_new("(us)", handle, name.c_str()), seconds) ||
+        completion.payload["mox_event_type"].asInt() != 10)
+        return 1;
+    printf("dropped %s\n", name.c_str());
+    return status;
+}
+
+int List(const char* library, const char* document, int seconds) {
+    GError* error = nullptr;
+    GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    if (!bus) {
+        fprintf(stderr, "mox-client: no system bus: %s\n", error->message);
+        g_error_free(error);
+        return 1;
+    }
+    Completion completion;
+    completion.loop = g_main_loop_new(nullptr, FALSE);
+    completion.handle = 0;
+    guint sub = g_dbus_connection_signal_subscribe(bus, kName, kInterface, "mox_request_normal_complete", kPath,
+                                                   nullptr, G_DBUS_SIGNAL_FLAGS_NONE, OnComplete, &completion,
+                                                   nullptr);
+    int status = 1;
+    GVariant* reply = g_dbus_connection_call_sync(bus, kName, kPath, kInterface, "connect",
+                                                  g_variant_new("(s)", library), G_VARIANT_TYPE("(u)"),
+                                                  G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, &error);
+    guint32 handle = 4294967295u;
+    if (!reply) {
+        fprintf(stderr, "mox-client: connect failed: %s\n", error->message);
+        g_error_free(error);
+    } else {
+        g_variant_get(reply, "(u)", &handle);
+        g_variant_unref(reply);
+    }
+    if (handle == 4294967295u) {
+        fprintf(stderr, "mox-client: the engine refused source library %s\n", library);
+    } else {
+        completion.handle = handle;
+        printf("connected, handle %u\n", handle);
+        if (CallAndWait(bus, completion, "get_partial_list", g_variant_new("(uuus)", handle, 0u, 0u, document),
+                        seconds)) {
+            int event = completion.payload["mox_event_type"].asInt();
+            std::string name = completion.payload["mox_result_list_block_name"].asString();
+            if (event == 0 && !name.empty())
+                status = PrintList(bus, completion, handle, name, seconds);
+            else
+                fprintf(stderr, "mox-client: list request ended with event %d\n", event);
+        }
+    }
+    g_dbus_connection_signal_unsubscribe(bus, sub);
+    g_main_loop_unref(completion.loop);
+    g_object_unref(bus);
+    return status;
+}
+
 int Usage() {
-    fprintf(stderr, "usage: mox-client watch-usb [COUNT] [SECONDS]\n");
+    fprintf(stderr, "usage: mox-client watch-usb [COUNT] [SECONDS]\n"
+                    "       mox-client list LIBRARY DOCUMENT [SECONDS]\n");
     return 2;
 }
 
@@ -90,6 +220,11 @@ int main(int argc, char** argv) {
         int seconds = argc >= 4 ? atoi(argv[3]) : 30;
         if (count < 1 || seconds < 1) return Usage();
         return WatchUsb(count, seconds);
+    }
+    if (argc >= 4 && strcmp(argv[1], "list") == 0 && argc <= 5) {
+        int seconds = argc >= 5 ? atoi(argv[4]) : 30;
+        if (seconds < 1) return Usage();
+        return List(argv[2], argv[3], seconds);
     }
     return Usage();
 }

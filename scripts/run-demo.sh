@@ -8,7 +8,7 @@ ROOT=$PWD
 
 scripts/install-deps.sh
 cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DMOX_BUILD_TESTS=OFF > /dev/null
-cmake --build build-release -j"$(nproc)" --target mox-engine mox-vconf mox-client
+cmake --build build-release -j"$(nproc)" --target mox-engine mox-vconf mox-client mox_local_source
 
 WORK=$(mktemp -d /tmp/mox-demo.XXXXXX)
 . scripts/lib/engine-env.sh
@@ -71,6 +71,18 @@ rm "$WORK/spool/sdb1.json"
 wait "$WATCH_PID"
 echo "== what the bound client received:"
 sed 's/^/   /' "$WORK/watch.out"
+
+# A media browser lists a folder of a stick through the local source: the
+# engine answers with a result list in shared memory, the client maps it,
+# prints the items (sorted by size) and drops it.
+ln -s "$ROOT/build-release/plugins/local-source/libmox_local_source.so" "$WORK/plugins/"
+mkdir -p "$MOX_USB_ROOT/sdc1/Holiday/Beach"
+head -c 3000 /dev/zero > "$MOX_USB_ROOT/sdc1/Holiday/sunset.jpg"
+head -c 1000 /dev/zero > "$MOX_USB_ROOT/sdc1/Holiday/song.mp3"
+head -c 2000 /dev/zero > "$MOX_USB_ROOT/sdc1/Holiday/clip.mp4"
+DOC="{\"mox_command\":\"mox_requestlist\",\"mox_source\":[\"mox_local_source\"],\"mox_folder_path\":\"$MOX_USB_ROOT/sdc1/Holiday\",\"SortedType\":1,\"SortedKey\":\"FileSize\"}"
+echo "\$ mox-client list libmox_local_source.so '$DOC'"
+build-release/client/mox-client list libmox_local_source.so "$DOC" | sed 's/^/   /'
 
 kill -TERM "$ENGINE_PID"
 wait "$ENGINE_PID" && status=0 || status=$?

@@ -36,8 +36,11 @@ CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int n
     const int64_t nSize = MOX_RESULTLIST_HEADER_SIZE + 8 * static_cast<int64_t>(nNumberOfGroups) +
                           MOX_RESULTLIST_NAME_SLOT_SIZE * static_cast<int64_t>(nNumberOfBlocks) + 8 * nItemCount;
     // A list without groups is laid out like any other (the source simply did
-    // not group its items); a list always names at least one block.
-    if (nSectionIndex < 0 || nStartIndex < 0 || nEndIndex < nStartIndex || nTotalItemCount <= 0 ||
+    // not group its items); a list always names at least one block. Section
+    // -1 is what a document without "mox_sectionindex" echoes. The range comes
+    // from source answers: callers check that it holds exactly the items they
+    // add (AddItem asserts), this only refuses what no list can describe.
+    if (nSectionIndex < -1 || nStartIndex < 0 || nEndIndex < nStartIndex || nTotalItemCount <= 0 ||
         nNumberOfGroups < 0 || nNumberOfBlocks <= 0 || nSize > MOX_SHM_OBJECT_MAX_SIZE) {
         MOX_WARN("Bad result list: section[%d] start[%d] end[%d] total[%d] groups[%d] blocks[%d].", nSectionIndex,
                  nStartIndex, nEndIndex, nTotalItemCount, nNumberOfGroups, nNumberOfBlocks);

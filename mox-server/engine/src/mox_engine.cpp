@@ -10,7 +10,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -33,8 +33,13 @@
 #include <vconf.h>
 
 #include "cache_folder.h"
+#include "cache_pool.h"
 #include "mox_bus_text.h"
+#include "mox_engine_imp.h"
+#include "mox_scanner_manager.h"
+#include "mox_source_manager.h"
 #include "mox_storage_manager.h"
+#include "mox_uhd_data_mgr.h"
 #include "mox_usb_file.h"
 
 namespace {
@@ -63,6 +68,7 @@ struct GErrorDeleter {
 std::unique_ptr<gchar, GFreeDeleter> g_introspectionXml;
 std::unique_ptr<GDBusNodeInfo, NodeInfoDeleter> g_introspectionData;
 GMainLoop* g_mainLoop = nullptr;  // owned by main
+std::unique_ptr<CMOXEngineImp> pMOXEngineImp;
 std::unique_ptr<CMOXStorageMgr> g_pStorageMgr;
 // The bus connection, referenced for as long as the storage manager may hand
 // its pointer (held in bound-client records) to notify_storages.
@@ -175,7 +181,7 @@ void OnVconfKeyChangedCB(keynode_t* keynode, void*) {
 
 // Storage events from the storage manager, on the USB service's thread. The
 // handler owns the device reference it is given.
-void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void*) {
+void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) {
     if (!device) {
         MOX_WARN("usb_device == NULL");
         return;
@@ -201,8 +207,10 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void*) {
         MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());
     } else if (event == MOX_STORAGE_DISCONNECTED) {
         MOX_INFO("USB UNMOUNTED : %s", strMountPath.c_str());
-        // The device's scanners are stopped here too once the scanners are
-        // part of the daemon; the folder ids of the storage go now.
+        auto* pEngine = static_cast<CMOXEngineImp*>(engine);
+        assert(pEngine != NULL);
+        pEngine->RemoveScannerOfDevice(strMountPath.c_str());
+        pEngine->RemoveThumbnailByDevice(strMountPath.c_str());
         CMOXSingleton<CCacheFolder>::Get()->Clear(strMountPath);
     }
 }
@@ -377,12 +385,36 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
     } else if (method == "connect") {
         const gchar* szSourceName = nullptr;
         g_variant_get(parameters, "(&s)", &szSourceName);
-        warnUnavailable(szMethodName, "request engine");
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", kInvalidHandle));
-    } else if (method == "request_detail" || method == "get_partial_list" ||
-               method == "drop_partial_list" || method == "request_metadata" ||
-               method == "request_cancel_detail" || method == "disconnect") {
-        warnUnavailable(szMethodName, "request engine");
+        guint32 nHandleId = pMOXEngineImp->Connect(szSourceName);
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", nHandleId));
+    } else if (method == "request_detail" || method == "drop_partial_list" || method == "request_metadata") {
+        guint32 nHandleId = 0;
+        const gchar* szParam = nullptr;
+        g_variant_get(parameters, "(u&s)", &nHandleId, &szParam);
+        connect_info_s caller = callerOf(invocation);
+        if (mox_bus::ArgumentFits(szMethodName, szParam)) {
+            if (method == "request_detail")
+                pMOXEngineImp->RequestDetail(szParam, nHandleId, caller);
+            else if (method == "drop_partial_list")
+                pMOXEngineImp->DropPartialList(szParam, nHandleId, caller);
+            else
+                pMOXEngineImp->RequestMetadata(szParam, nHandleId, caller);
+        }
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else if (method == "get_partial_list") {
+        guint32 nHandleId = 0, nIgnored1 = 0, nIgnored2 = 0;
+        const gchar* szParam = nullptr;
+        g_variant_get(parameters, "(uuu&s)", &nHandleId, &nIgnored1, &nIgnored2, &szParam);
+        if (mox_bus::ArgumentFits(szMethodName, szParam))
+            pMOXEngineImp->GetPartialList(szParam, nHandleId, callerOf(invocation));
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else if (method == "request_cancel_detail" || method == "disconnect") {
+        guint32 nHandleId = 0;
+        g_variant_get(parameters, "(u)", &nHandleId);
+        if (method == "disconnect")
+            pMOXEngineImp->Disconnect(nHandleId, callerOf(invocation));
+        else
+            pMOXEngineImp->CancelDetail(nHandleId, callerOf(invocation));
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "request_act") {
         guint32 nHandleId = 0;
@@ -418,23 +450,52 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         g_dbus_method_invocation_return_value(invocation,
                                               g_variant_new("(u)", guint32(MOX_ERROR_GENERIC)));
     } else if (method == "start_scanner_thumb") {
+        const gchar* szFolderPath = nullptr;
+        const gchar* szCategory = nullptr;
+        guint32 nCount = 0;
+        guint32 nPid = 0;
+        g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
         gboolean bStarted = FALSE;
-        warnUnavailable(szMethodName, "folder thumbnail scanner");
+        if (mox_bus::ArgumentFits(szMethodName, szFolderPath) && mox_bus::ArgumentFits(szMethodName, szCategory))
+            bStarted = pMOXEngineImp->FolderThumbnailScan(callerOf(invocation), szFolderPath, szCategory, nCount,
+                                                          static_cast<int>(nPid))
+                           ? TRUE
+                           : FALSE;
         MOX_INFO("start_scanner_thumb return [%d]", bStarted);
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", bStarted));
         MOX_INFO("start_scanner_thumb return end[%d]", bStarted);
-    } else if (method == "stop_scanner_thumb" || method == "stop_scanner") {
-        warnUnavailable(szMethodName, "scanner");
+    } else if (method == "stop_scanner_thumb") {
+        const gchar* szFolderPath = nullptr;
+        const gchar* szCategory = nullptr;
+        guint32 nCount = 0;
+        guint32 nPid = 0;
+        g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
+        if (mox_bus::ArgumentFits(szMethodName, szFolderPath) && mox_bus::ArgumentFits(szMethodName, szCategory))
+            pMOXEngineImp->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid));
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else if (method == "stop_scanner") {
+        guint32 nScannerId = 0;
+        g_variant_get(parameters, "(u)", &nScannerId);
+        // Ids are positive ints; larger values name no scanner.
+        if (nScannerId <= static_cast<guint32>(INT_MAX)) pMOXEngineImp->RemoveScanner(static_cast<int>(nScannerId));
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "start_scanner") {
         const gchar* szKind = nullptr;
         const gchar* szParam = nullptr;
         g_variant_get(parameters, "(&s&s)", &szKind, &szParam);
-        if (g_strcmp0(szKind, "check_device") == 0)
-            warnUnavailable(szMethodName, "device scanner");
-        else if (g_strcmp0(szKind, "scan_folder") == 0)
+        gboolean bStarted = FALSE;
+        int nScannerId = 0;
+        if (g_strcmp0(szKind, "check_device") == 0) {
+            if (mox_bus::ArgumentFits(szMethodName, szParam) &&
+                pMOXEngineImp->StartCheckingDevice(callerOf(invocation), szParam, nScannerId))
+                bStarted = TRUE;
+            else
+                nScannerId = 0;
+        } else if (g_strcmp0(szKind, "scan_folder") == 0) {
             MOX_WARN("unsupport yet, method(%s).", szKind);
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(bu)", FALSE, 0u));
+        }
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(bu)", bStarted, static_cast<guint32>(nScannerId)));
     } else if (method == "get_usb_storages") {
         guint32 nType = 0;
         g_variant_get(parameters, "(u)", &nType);
@@ -510,8 +571,9 @@ GDBusMessage* filterUnknownMethods(GDBusConnection* connection, GDBusMessage* me
     return nullptr;  // the message's reference now belongs to `call`
 }
 
-// A client that leaves the bus without unbinding is forgotten: sending to a
-// dead name costs every later event, without bound.
+// A client that leaves the bus is forgotten: its storage bindings (sending to
+// a dead name costs every later event, without bound), its requests and the
+// result lists it alone held. GDBus delivers this on the main loop.
 void onNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
                         GVariant* parameters, gpointer) {
     const gchar* szName = nullptr;
@@ -520,6 +582,7 @@ void onNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gcha
     g_variant_get(parameters, "(&s&s&s)", &szName, &szOldOwner, &szNewOwner);
     if (szName[0] != ':' || szNewOwner[0] != '\0') return;
     if (g_pStorageMgr) g_pStorageMgr->RemoveNotificationClientsOf(szName);
+    if (pMOXEngineImp) pMOXEngineImp->RemoveClient(szName);
 }
 
 void onBusAcquired(GDBusConnection* connection, const gchar*, gpointer) {
@@ -570,6 +633,20 @@ bool parseIntrospectionData() {
     return true;
 }
 
+// The engine drops the result lists clients still hold; the sources, the
+// cached blocks and the UHD provider go only when no command runs any more.
+void shutDownEngine() {
+    bool bIdle = pMOXEngineImp->WaitIdle(std::chrono::seconds(10));
+    pMOXEngineImp.reset();
+    if (!bIdle) {
+        MOX_WARN("Commands still running: sources and cache kept until exit.");
+        return;
+    }
+    CMOXSingleton<CMOXSourceMgr>::Destroy();
+    CMOXSingleton<CCachePool>::Destroy();
+    CMOXSingleton<CMOXUHDDataMgr>::Destroy();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -601,11 +678,17 @@ int main(int argc, char** argv) {
     }
     MOX_DEBUG("init_introspection_xml ok.");
 
+    try {
+        pMOXEngineImp = std::make_unique<CMOXEngineImp>();
+    } catch (...) {
+        MOX_WARN(" new CMOXEngineImp faild.");
+    }
+    assert(pMOXEngineImp != NULL);
+
     g_pStorageMgr = std::make_unique<CMOXStorageMgr>();
     g_pStorageMgr->SetNotificationCB(notify_storages);
     MOX_DEBUG("SetInternalCB in mox_engine.cpp...");
-    // The user data becomes the engine object when the request engine joins.
-    g_pStorageMgr->SetInternalCB(cb_dealUsbEvent, nullptr);
+    g_pStorageMgr->SetInternalCB(cb_dealUsbEvent, pMOXEngineImp.get());
 
     mox_engine_deal_reset_status();
     vconf_notify_key_changed(kDbResetKey, OnVconfKeyChangedCB, nullptr);
@@ -617,6 +700,7 @@ int main(int argc, char** argv) {
         g_pStorageMgr->SetNotificationCB(nullptr);
         g_pStorageMgr->SetInternalCB(nullptr, nullptr);
         g_pStorageMgr.reset();
+        pMOXEngineImp.reset();
         g_introspectionData.reset();
         g_introspectionXml.reset();
         curl_global_cleanup();
@@ -644,7 +728,10 @@ int main(int argc, char** argv) {
     g_pStorageMgr->SetNotificationCB(nullptr);
     g_pStorageMgr->SetInternalCB(nullptr, nullptr);
     g_pStorageMgr.reset();
+    shutDownEngine();
     vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
+    // Scanner threads end before the connection their callbacks use goes.
+    CMOXSingleton<CMOXScanManager>::Destroy();
     CMOXSingleton<CCacheFolder>::Destroy();
     if (g_pConnection) {
         g_dbus_connection_signal_unsubscribe(g_pConnection, g_nNameOwnerSubscription);

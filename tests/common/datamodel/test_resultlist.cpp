@@ -99,7 +99,7 @@ TEST(ResultListBuilderArguments, BadRangesMakeNoObjectAndAnEmptyName) {
     size_t mark = moxtest::LogMark();
     struct Args {
         int section, start, end, total, groups, blocks;
-    } bad[] = {{-1, 0, 0, 1, 1, 1}, {0, -1, 0, 1, 1, 1}, {0, 5, 4, 1, 1, 1}, {0, 0, 0, 0, 1, 1},
+    } bad[] = {{-2, 0, 0, 1, 1, 1}, {0, -1, 0, 1, 1, 1}, {0, 5, 4, 1, 1, 1}, {0, 0, 0, 0, 1, 1},
                {0, 0, 0, 1, -1, 1}, {0, 0, 0, 1, 1, 0}, {0, 0, 0x7ffffff0, 1, 1, 1}};
     for (const Args& a : bad) {
         CResultListBuilder builder(a.section, a.start, a.end, a.total, a.groups, a.blocks);
@@ -110,7 +110,7 @@ TEST(ResultListBuilderArguments, BadRangesMakeNoObjectAndAnEmptyName) {
         EXPECT_FALSE(builder.SortItems(fn));
         EXPECT_EQ(builder.Release(), "");
     }
-    EXPECT_NE(moxtest::LogSince(mark).find("Bad result list: section[-1]"), std::string::npos);
+    EXPECT_NE(moxtest::LogSince(mark).find("Bad result list: section[-2]"), std::string::npos);
 
     // A source that does not group its items still gets a list.
     CResultListBuilder noGroups(0, 0, 0, 1, 0, 1);

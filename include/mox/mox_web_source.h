@@ -1,0 +1,115 @@
+// The source plug-in interface: what a library dropped into the engine's
+// plug-in directory implements so that clients can `connect` to it and send
+// list, detail and act requests to its sources.
+//
+// A plug-in library exports, with C linkage:
+//   int          GetSourceAbiVersion(void)   -> MOX_WEB_SOURCE_ABI_VERSION
+//   int          GetSourcesCount(void)       -> number of sources offered
+//   const char*  GetSourceName(int nIndex)   -> name of source nIndex (0-based)
+//   IWebSource*  CreateSource(const char*)   -> a new source, or NULL
+// MOX_WEB_SOURCE_DEFINE_ABI_VERSION() defines the first one. The engine
+// refuses, with a warning, a library that lacks any of them or that was built
+// against another ABI version (another layout of IWebSource below), so an old
+// plug-in is never called through a wrong vtable.
+//
+// Object life: the engine calls CreateSource once per source name, then
+// Init(); a source whose Init() fails is Destroy()ed. A source stays in use
+// until the engine stops: Close(), then Destroy() (which deletes the object;
+// the destructor is not called by the engine).
+//
+// Threads: one source object serves every client and every request at once,
+// from several engine threads, so every operation must be safe for
+// concurrent calls. Operations never throw: an exception escaping one is
+// caught by the engine and turned into error 23, but the source's state is
+// then whatever the throw left.
+//
+// Virtual operations, in their fixed slot order (new operations are only
+// ever added with a new ABI version):
+//   1 Init   2 Close   3 GetData   4 GetDetail   5 Act   6 Execute   7 Destroy
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <mox/mox_cache_defines.h>
+#include <mox/mox_types.h>
+
+#define MOX_WEB_SOURCE_ABI_VERSION 1
+
+// Progress of a file transfer: bytes downloaded so far, download total,
+// bytes uploaded so far, upload total.
+typedef struct {
+    double dlnow;
+    double dltotal;
+    double ulnow;
+    double ultotal;
+} mox_transfer_progress_data_s;
+
+// Progress report of a transfer. pProgress is valid only during the call;
+// the callback copies what it needs and never frees it.
+typedef void (*mox_transfer_progress_cb)(void* pUserData, const char* szParam,
+                                         mox_transfer_progress_data_s* pProgress, mox_error_code_e eError);
+
+class IWebSource {
+public:
+    // 1. Called once right after creation; false makes the engine destroy it.
+    virtual bool Init() = 0;
+    // 2. Called once before Destroy(): stop background work, close sessions.
+    virtual void Close() = 0;
+    // 3. The list query. strQueryCmd is the command document (JSON object)
+    //    with "mox_source" naming this source. Write the items (one string
+    //    each, back to back, no separator) to stream and report: nLen the
+    //    bytes written; nStartIndex..nEndIndex the window of the items
+    //    written (inclusive; their count must equal lengths.size());
+    //    nTotalCount all matching items; groups (first index, count); lengths
+    //    one entry per item written, summing to at most nLen. On entry: nLen
+    //    0, nStartIndex 0, nEndIndex -1, nTotalCount 0, empty vectors. Poll
+    //    bStop in long loops. 0 on success; an answer with no items makes the
+    //    engine report error 6.
+    virtual mox_error_code_e GetData(bool& bStop, std::string& strQueryCmd, FILE* stream, int& nLen,
+                                     int& nStartIndex, int& nEndIndex, int& nTotalCount,
+                                     std::vector<mox_data_group_s>& groups,
+                                     std::vector<mox_data_length_s>& lengths) = 0;
+    // 4. The detail of one item: strResult is handed to the client as is
+    //    (conventionally a JSON object text). 5 when the item does not exist.
+    virtual mox_error_code_e GetDetail(bool& bStop, std::string& strCommand, std::string& strResult) {
+        (void)bStop;
+        (void)strCommand;
+        strResult.clear();
+        return MOX_ERROR_GENERIC;
+    }
+    // 5. A normal action ("mox_uploadcomment", "mox_setlike",
+    //    "mox_create_album") described by the document strCommand.
+    virtual mox_error_code_e Act(bool& bStop, std::string& strCommand) {
+        (void)bStop;
+        (void)strCommand;
+        return MOX_ERROR_GENERIC;
+    }
+    // 6. A file transfer ("mox_file_transfer") reporting its progress through
+    //    pfnProgress. The default completes at once with one report of
+    //    100/100 downloaded and 1000/1000 uploaded, and returns 0.
+    virtual int Execute(bool& bStop, std::string& strParam, mox_transfer_progress_cb pfnProgress,
+                        void* pUserData) {
+        (void)bStop;
+        mox_transfer_progress_data_s progress = {100.0, 100.0, 1000.0, 1000.0};
+        if (pfnProgress) pfnProgress(pUserData, strParam.c_str(), &progress, MOX_ERROR_NONE);
+        return 0;
+    }
+    // 7. Deletes the object (implementations: `delete this;`).
+    virtual void Destroy() = 0;
+
+protected:
+    // Not virtual: the engine only ever destroys a source through Destroy(),
+    // which keeps the slot order above the whole vtable.
+    ~IWebSource() = default;
+};
+
+// Entry points of a plug-in library.
+typedef int (*mox_get_source_abi_version_fn)(void);
+typedef int (*mox_get_sources_count_fn)(void);
+typedef const char* (*mox_get_source_name_fn)(int nIndex);
+typedef IWebSource* (*mox_create_source_fn)(const char* szSourceName);
+
+#define MOX_WEB_SOURCE_DEFINE_ABI_VERSION() \
+    extern "C" __attribute__((visibility("default"))) int GetSourceAbiVersion(void) { return MOX_WEB_SOURCE_ABI_VERSION; }

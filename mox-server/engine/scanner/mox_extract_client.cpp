@@ -1,0 +1,205 @@
+#define MOX_LOG_TAG "MOX-SCANNER"
+
+#include "mox_extract_client.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <mox/mox_log.h>
+
+#include "mox_extract_wire.h"
+#include "mox_extractor.h"
+
+extern char** environ;
+
+namespace {
+
+// The descriptor number of the helper's end of the socket pair.
+constexpr int kHelperFd = 3;
+// Exit status of a helper that could not confine itself (see mox_extract_main).
+constexpr int kExitSetupFailed = 3;
+
+std::string HelperPath() {
+    if (const char* env = getenv("MOX_EXTRACT_HELPER"); env && *env) return env;
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n <= 0) return "mox-extract";
+    std::string dir(self, static_cast<size_t>(n));
+    size_t slash = dir.find_last_of('/');
+    return (slash == std::string::npos ? std::string(".") : dir.substr(0, slash)) + "/mox-extract";
+}
+
+}  // namespace
+
+CMOXExtractClient& CMOXExtractClient::Get() {
+    // Never destroyed: scanner threads may still call it during exit.
+    static CMOXExtractClient* s_client = new CMOXExtractClient();
+    return *s_client;
+}
+
+CMOXExtractClient::~CMOXExtractClient() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_Stop(true);
+}
+
+bool CMOXExtractClient::m_Start() {
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
+        MOX_WARN("mox-extract: socketpair failed: %s", strerror(errno));
+        return false;
+    }
+    mox_util::UniqueFd mine(pair[0]);
+    mox_util::UniqueFd theirs(pair[1]);
+    // dup2 onto the same number would keep close-on-exec set.
+    if (theirs.Get() == kHelperFd) {
+        mox_util::UniqueFd moved(fcntl(theirs.Get(), F_DUPFD_CLOEXEC, kHelperFd + 1));
+        if (!moved.IsValid()) return false;
+        theirs = std::move(moved);
+    }
+
+    std::string path = HelperPath();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, theirs.Get(), kHelperFd);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    // The helper starts with default signal handling and an empty mask,
+    // whatever the calling thread has blocked.
+    sigset_t none, all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &all);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    char* argv[] = {const_cast<char*>("mox-extract"), nullptr};
+    pid_t pid = -1;
+    int err = posix_spawn(&pid, path.c_str(), &actions, &attr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+    if (err != 0) {
+        MOX_WARN("mox-extract: cannot start (%s): %s", path.c_str(), strerror(err));
+        return false;
+    }
+    m_pid = pid;
+    m_socket = std::move(mine);
+    MOX_INFO("mox-extract: helper started (%s), pid %d.", path.c_str(), static_cast<int>(pid));
+    return true;
+}
+
+void CMOXExtractClient::m_Stop(bool bKill) {
+    m_socket.Reset();
+    if (m_pid <= 0) return;
+    if (bKill) kill(m_pid, SIGKILL);
+    // Closing the socket ends a healthy helper at once; a killed one is gone.
+    while (waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    m_pid = -1;
+}
+
+std::string CMOXExtractClient::m_Reap(bool* pbSetupFailed) {
+    if (pbSetupFailed) *pbSetupFailed = false;
+    m_socket.Reset();
+    if (m_pid <= 0) return "gone";
+    int status = 0;
+    pid_t r;
+    // The helper closed its end: it has exited or is about to.
+    while ((r = waitpid(m_pid, &status, 0)) < 0 && errno == EINTR) {
+    }
+    m_pid = -1;
+    if (r < 0) return "lost";
+    if (WIFSIGNALED(status)) return std::string("killed by signal ") + std::to_string(WTERMSIG(status));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kExitSetupFailed && pbSetupFailed) *pbSetupFailed = true;
+    if (WIFEXITED(status)) return std::string("exited with status ") + std::to_string(WEXITSTATUS(status));
+    return "ended";
+}
+
+void CMOXExtractClient::m_Remember(const FileKey& key) {
+    if (!m_badFiles.insert(key).second) return;
+    m_badOrder.push_back(key);
+    if (m_badOrder.size() > kMaxBadFiles) {
+        m_badFiles.erase(m_badOrder.front());
+        m_badOrder.pop_front();
+    }
+}
+
+bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, unsigned long long size,
+                                unsigned long mtime, media_info_s& info) {
+    const std::string logName = CMOXExtractor::FileNameToUtf8(path);
+    FileKey key(path, size, mtime);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_badFiles.count(key)) {
+        MOX_WARN("mox-extract: (%s) crashed or stalled the helper before; not parsed again.", logName.c_str());
+        return false;
+    }
+    if (!m_socket.IsValid() && !m_Start()) return false;
+
+    size_t slash = path.find_last_of('/');
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (name.size() > 4096) name = name.substr(name.size() - 4096);  // only the extension matters
+    if (!mox_extract_wire::Send(m_socket.Get(), mox_extract_wire::EncodeRequest(mediaType, name), fd)) {
+        // The helper died between two files (its own limits, or killed from
+        // outside): not this file's doing. Start a new one and retry once.
+        MOX_WARN("mox-extract: helper %s before (%s); restarting.", m_Reap().c_str(), logName.c_str());
+        if (!m_Start() || !mox_extract_wire::Send(m_socket.Get(), mox_extract_wire::EncodeRequest(mediaType, name), fd)) {
+            MOX_WARN("mox-extract: cannot hand (%s) to the helper.", logName.c_str());
+            m_Stop(true);
+            return false;
+        }
+    }
+
+    auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            MOX_WARN("mox-extract: (%s) took more than %lld ms; helper killed, file skipped.", logName.c_str(),
+                     static_cast<long long>(kDeadline.count()));
+            m_Stop(true);
+            m_Remember(key);
+            return false;
+        }
+        struct pollfd pfd = {m_socket.Get(), POLLIN, 0};
+        int r = poll(&pfd, 1, static_cast<int>(left.count()));
+        if (r < 0 && errno == EINTR) continue;
+        if (r < 0) {
+            MOX_WARN("mox-extract: poll failed for (%s): %s", logName.c_str(), strerror(errno));
+            m_Stop(true);
+            return false;
+        }
+        if (r == 0) continue;  // the deadline check above ends it
+        break;
+    }
+
+    std::string answer;
+    long n = mox_extract_wire::Receive(m_socket.Get(), answer, nullptr);
+    if (n <= 0) {
+        bool bSetupFailed = false;
+        std::string how = m_Reap(&bSetupFailed);
+        if (bSetupFailed) {
+            MOX_WARN("mox-extract: helper could not drop privileges or set its limits; (%s) not parsed.",
+                     logName.c_str());
+            return false;
+        }
+        MOX_WARN("mox-extract: helper %s while parsing (%s); file skipped, helper restarts for the next file.",
+                 how.c_str(), logName.c_str());
+        m_Remember(key);
+        return false;
+    }
+    if (!mox_extract_wire::DecodeAnswer(answer, info)) {
+        MOX_WARN("mox-extract: malformed answer for (%s); helper killed, file skipped.", logName.c_str());
+        m_Stop(true);
+        m_Remember(key);
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,65 @@
+// CMOXExtractClient: the daemon's side of the mox-extract helper process.
+//
+// The helper is started on first use and reused for the following files. One
+// file at a time: Extract() holds the client mutex for the whole round trip,
+// so any number of scanner threads may call it. A file whose parse crashes
+// the helper or passes the per-file deadline fails with a warning naming it;
+// the helper is killed and started again for the next file, and the file is
+// remembered by (path, size, modification time) so that it is not parsed
+// again. Helper binary: $MOX_EXTRACT_HELPER, else "mox-extract" next to the
+// running executable.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <set>
+#include <string>
+#include <tuple>
+
+#include <mox_unique_fd.h>
+
+struct media_info_s;
+
+class CMOXExtractClient {
+public:
+    // The process-wide client (created on first use, thread-safe).
+    static CMOXExtractClient& Get();
+
+    CMOXExtractClient() = default;
+    ~CMOXExtractClient();
+    CMOXExtractClient(const CMOXExtractClient&) = delete;
+    CMOXExtractClient& operator=(const CMOXExtractClient&) = delete;
+
+    // Parses the open regular file `fd` (path `path`, the given size and
+    // modification time) as `mediaType` in the helper and copies the content
+    // fields into `info`. False, with a warning, when the helper could not be
+    // started, crashed, timed out or sent a malformed answer, or when the file
+    // killed a helper before.
+    bool Extract(int fd, const std::string& path, int mediaType, unsigned long long size, unsigned long mtime,
+                 media_info_s& info);
+
+    // Per-file deadline of a round trip.
+    static constexpr std::chrono::milliseconds kDeadline{5000};
+    // Files remembered as fatal; the oldest is forgotten beyond this.
+    static constexpr size_t kMaxBadFiles = 1024;
+
+private:
+    using FileKey = std::tuple<std::string, unsigned long long, unsigned long>;
+
+    bool m_Start();           // requires m_mutex
+    void m_Stop(bool bKill);  // requires m_mutex; reaps the helper
+    // Reaps a helper that closed its socket and describes how it ended;
+    // *pbSetupFailed tells a helper that could not confine itself.
+    std::string m_Reap(bool* pbSetupFailed = nullptr);  // requires m_mutex
+    void m_Remember(const FileKey& key);  // requires m_mutex
+
+    std::mutex m_mutex;
+    pid_t m_pid = -1;               // GUARDED_BY(m_mutex)
+    mox_util::UniqueFd m_socket;    // GUARDED_BY(m_mutex)
+    std::set<FileKey> m_badFiles;   // GUARDED_BY(m_mutex)
+    std::deque<FileKey> m_badOrder; // GUARDED_BY(m_mutex) oldest first
+};

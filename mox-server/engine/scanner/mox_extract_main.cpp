@@ -1,0 +1,147 @@
+// mox-extract: parses media files for the engine, one at a time, in a process
+// that a hostile file may crash or stall without harm to the daemon.
+//
+// Started by CMOXExtractClient with its socket on descriptor 3. Started as
+// root, it becomes $MOX_EXTRACT_USER (default "nobody") before it reads any
+// file. It then limits itself: no core files, no file growth (RLIMIT_FSIZE 0),
+// no new processes, few descriptors, bounded address space and a CPU budget
+// per file; it gets every file as an open descriptor, so it needs no access
+// to the storage. It ends when the daemon closes the socket or dies.
+//
+// Test hook: with MOX_EXTRACT_TEST_FAULTS=1 in its environment, a file whose
+// name starts with "mox-extract-crash" crashes the helper and one starting
+// with "mox-extract-hang" stalls it.
+#define MOX_LOG_TAG "MOX-SCANNER"
+
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <mox/mox_log.h>
+
+#include "mox_extract_wire.h"
+#include "mox_extractor.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define MOX_EXTRACT_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define MOX_EXTRACT_SANITIZED 1
+#endif
+#endif
+
+namespace {
+
+constexpr int kSocketFd = 3;
+constexpr int kExitSetupFailed = 3;
+constexpr rlim_t kAddressSpaceBytes = rlim_t(1) << 30;
+constexpr rlim_t kCpuSecondsPerFile = 5;
+
+bool SetLimit(int resource, rlim_t soft, rlim_t hard, const char* what) {
+    struct rlimit rl = {soft, hard};
+    if (setrlimit(resource, &rl) == 0) return true;
+    fprintf(stderr, "mox-extract: setrlimit(%s) failed: %s\n", what, strerror(errno));
+    return false;
+}
+
+bool DropRoot() {
+    if (geteuid() != 0 && getuid() != 0) return true;
+    const char* user = getenv("MOX_EXTRACT_USER");
+    if (!user || !*user) user = "nobody";
+    struct passwd* pw = getpwnam(user);
+    if (!pw || pw->pw_uid == 0) {
+        fprintf(stderr, "mox-extract: no unprivileged user '%s'\n", user);
+        return false;
+    }
+    if (setgroups(0, nullptr) != 0 || setresgid(pw->pw_gid, pw->pw_gid, pw->pw_gid) != 0 ||
+        setresuid(pw->pw_uid, pw->pw_uid, pw->pw_uid) != 0) {
+        fprintf(stderr, "mox-extract: cannot become '%s': %s\n", user, strerror(errno));
+        return false;
+    }
+    // Must be irreversible.
+    if (setuid(0) == 0 || geteuid() == 0) return false;
+    return true;
+}
+
+bool Confine() {
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return false;
+    if (getppid() == 1) return false;  // the daemon is already gone
+    if (!DropRoot()) return false;
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return false;
+    bool ok = SetLimit(RLIMIT_CORE, 0, 0, "CORE") && SetLimit(RLIMIT_FSIZE, 0, 0, "FSIZE") &&
+              SetLimit(RLIMIT_NOFILE, 32, 32, "NOFILE");
+#ifndef MOX_EXTRACT_SANITIZED
+    // Sanitizers reserve terabytes of shadow memory and start threads of
+    // their own; those builds run without these two.
+    ok = ok && SetLimit(RLIMIT_AS, kAddressSpaceBytes, kAddressSpaceBytes, "AS") && SetLimit(RLIMIT_NPROC, 0, 0, "NPROC");
+#endif
+    return ok;
+}
+
+// Allows the next file kCpuSecondsPerFile of CPU time on top of what the
+// helper has used so far; SIGXCPU ends a runaway parse.
+void ArmCpuBudget() {
+    struct rusage ru;
+    if (getrusage(RUSAGE_SELF, &ru) != 0) return;
+    rlim_t used = static_cast<rlim_t>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + 1;
+    struct rlimit rl;
+    if (getrlimit(RLIMIT_CPU, &rl) != 0) return;
+    rlim_t soft = used + kCpuSecondsPerFile;
+    if (rl.rlim_max != RLIM_INFINITY && soft > rl.rlim_max) soft = rl.rlim_max;
+    rl.rlim_cur = soft;
+    setrlimit(RLIMIT_CPU, &rl);
+}
+
+void TestFault(const std::string& name) {
+    static const bool s_bEnabled = [] {
+        const char* env = getenv("MOX_EXTRACT_TEST_FAULTS");
+        return env && strcmp(env, "1") == 0;
+    }();
+    if (!s_bEnabled) return;
+    if (name.rfind("mox-extract-crash", 0) == 0) raise(SIGSEGV);
+    if (name.rfind("mox-extract-hang", 0) == 0)
+        for (;;) pause();
+}
+
+}  // namespace
+
+int main() {
+    // Nothing of the daemon's but the socket is wanted here.
+    close_range(kSocketFd + 1, ~0U, 0);
+    // A file sink would be a file write, which RLIMIT_FSIZE forbids.
+    const char* sink = getenv("MOX_LOG");
+    if (sink && strncmp(sink, "file:", 5) == 0) setenv("MOX_LOG", "stderr", 1);
+    signal(SIGPIPE, SIG_IGN);
+    if (!Confine()) {
+        fprintf(stderr, "mox-extract: cannot confine itself, not parsing anything.\n");
+        return kExitSetupFailed;
+    }
+
+    for (;;) {
+        std::string request;
+        mox_util::UniqueFd file;
+        long n = mox_extract_wire::Receive(kSocketFd, request, &file);
+        if (n == 0) return 0;  // the daemon closed its end
+        if (n < 0) return errno == EMSGSIZE ? kExitSetupFailed : 0;
+        int mediaType = 0;
+        std::string name;
+        media_info_s info;
+        if (mox_extract_wire::DecodeRequest(request, mediaType, name) && file.IsValid()) {
+            ArmCpuBudget();
+            TestFault(name);
+            CMOXExtractor::ExtractContent(file.Get(), name, mediaType, info);
+        }
+        file.Reset();
+        if (!mox_extract_wire::Send(kSocketFd, mox_extract_wire::EncodeAnswer(info), -1)) return 0;
+    }
+}

@@ -1,0 +1,324 @@
+#define MOX_LOG_TAG "MOX-SCANNER"
+#include <mox/mox_log.h>
+
+#include "mox_scanner_manager.h"
+
+#include <cstdio>
+#include <exception>
+
+using Lock = std::lock_guard<std::mutex>;
+
+namespace {
+
+bool IsSameOrBelow(const std::string& path, const std::string& top) {
+    if (path.compare(0, top.size(), top) != 0) return false;
+    return path.size() == top.size() || (!top.empty() && (top.back() == '/' || path[top.size()] == '/'));
+}
+
+}  // namespace
+
+CMOXScanManager::CMOXScanManager() : m_reaper(&CMOXScanManager::m_ReaperBody, this) {}
+
+CMOXScanManager::~CMOXScanManager() {
+    {
+        Lock lock(m_reapMutex);
+        m_bReaperStop = true;
+    }
+    m_reapCond.notify_all();
+    if (m_reaper.joinable()) m_reaper.join();
+    m_RemoveAllScanners();
+    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.exchange(nullptr);
+    if (pThumb != nullptr) pThumb->Destroy();
+    Lock lock(m_thumbMutex);
+    m_pThumbnailOwner.reset();
+}
+
+int CMOXScanManager::CreateScanner(int& id) {
+    Lock lock(m_mutex);
+    if (m_scanners.size() >= kMaxScanners) {
+        MOX_WARN("ERROR");
+        MOX_WARN("too many scanners (%zu)", m_scanners.size());
+        return -1;
+    }
+    std::string szName = "MOX_SCANNER_" + std::to_string(m_nLastID + 1);
+    std::unique_ptr<CMOXAutoScanner> pScanner(new CMOXAutoScanner());
+    if (!pScanner->Create(szName.c_str())) {
+        pScanner->Destroy();
+        MOX_WARN("ERROR");
+        return -1;
+    }
+    ++m_nLastID;
+    auto info = std::make_shared<SMOXScannerInfo>();
+    info->pScanner = std::move(pScanner);
+    info->strName = szName;
+    info->nScannerID = m_nLastID;
+    m_scanners.push_back(info);
+    id = m_nLastID;
+    return 0;
+}
+
+int CMOXScanManager::GetScanner(const char* path, int& id) {
+    if (path != nullptr) {
+        Lock lock(m_mutex);
+        for (const auto& info : m_scanners) {
+            Lock recordLock(info->mutex);
+            if (info->pScanner && info->pScanner->GetDevicePath() == path) {
+                id = info->nScannerID;
+                return 0;
+            }
+        }
+    }
+    MOX_WARN("No matching SCANNER...");
+    return MOX_SCAN_RETRY;
+}
+
+std::shared_ptr<SMOXScannerInfo> CMOXScanManager::m_FindScanner(int id) {
+    Lock lock(m_mutex);
+    for (const auto& info : m_scanners)
+        if (info->nScannerID == id) return info;
+    return nullptr;
+}
+
+template <typename Call>
+int CMOXScanManager::m_Forward(int id, Call call) {
+    std::shared_ptr<SMOXScannerInfo> info = m_FindScanner(id);
+    if (!info) return MOX_SCAN_RETRY;
+    Lock lock(info->mutex);
+    // Removed between the search and now.
+    if (!info->pScanner) return MOX_SCAN_RETRY;
+    return call(*info->pScanner);
+}
+
+int CMOXScanManager::ResetScanner(int id) {
+    return m_Forward(id, [](CMOXAutoScanner& s) { return s.Reset(); });
+}
+
+int CMOXScanManager::SetScannerOption(int id, const SMOXScannerOption& option) {
+    if (!m_IsValidScannerOption(option)) return MOX_SCAN_BAD_ARGUMENT;
+    return m_Forward(id, [&](CMOXAutoScanner& s) { return s.SetScannerOption(option); });
+}
+
+int CMOXScanManager::GetScannerOption(int id, SMOXScannerOption& option) {
+    return m_Forward(id, [&](CMOXAutoScanner& s) {
+        s.GetScannerOption(option);
+        return 0;
+    });
+}
+
+int CMOXScanManager::StartScanner(int id) {
+    return m_Forward(id, [](CMOXAutoScanner& s) { return s.Start(); });
+}
+
+int CMOXScanManager::StopScanner(int id) {
+    return m_Forward(id, [](CMOXAutoScanner& s) { return s.Stop(); });
+}
+
+int CMOXScanManager::PauseScanner(int id) {
+    return m_Forward(id, [](CMOXAutoScanner& s) { return s.Pause(); });
+}
+
+int CMOXScanManager::ResumeScanner(int id) {
+    return m_Forward(id, [](CMOXAutoScanner& s) { return s.Resume(); });
+}
+
+int CMOXScanManager::GetNextFileInfo(int id, SMOXFileInfo& info) {
+    return m_Forward(id, [&](CMOXAutoScanner& s) { return s.GetFileInfo(info); });
+}
+
+int CMOXScanManager::GetNextFileInfoList(int id, int nCount, std::vector<SMOXFileInfo>& out) {
+    return m_Forward(id, [&](CMOXAutoScanner& s) { return s.GetFileInfoList(nCount, out); });
+}
+
+int CMOXScanManager::GetNumberOfDIRs(int id) {
+    return m_Forward(id, [](CMOXAutoScanner& s) { return s.GetNumberOfDIRs(); });
+}
+
+int CMOXScanManager::GetNumberOfFiles(int id) {
+    return m_Forward(id, [](CMOXAutoScanner& s) { return s.GetNumberOfFiles(); });
+}
+
+int CMOXScanManager::GetNumberOfALL(int id) {
+    return m_Forward(id, [](CMOXAutoScanner& s) { return s.GetNumberOfALL(); });
+}
+
+int CMOXScanManager::SetPriority(int id, int nPriority) {
+    return m_Forward(id, [&](CMOXAutoScanner& s) {
+        s.SetPriority(nPriority);
+        return 0;
+    });
+}
+
+int CMOXScanManager::IsVisitedDIR(int id, const std::string& path) {
+    return m_Forward(id, [&](CMOXAutoScanner& s) { return s.IsVisitedDIR(path) ? 1 : 0; });
+}
+
+int CMOXScanManager::ConvertScannerResult(EMOXScannerResult nResult) {
+    switch (nResult) {
+        case MOX_SCANNER_RESULT_NO_MEDIA: return 24;
+        case MOX_SCANNER_RESULT_ONE_MEDIA: return 25;
+        case MOX_SCANNER_RESULT_MULTI_MEDIA: return 26;
+        case MOX_SCANNER_RESULT_FOLDER_FILES: return 29;
+        case MOX_SCANNER_RESULT_FOLDER_DIRS: return 30;
+        case MOX_SCANNER_RESULT_FOLDER_EMPTY: return 31;
+        default: return 27;
+    }
+}
+
+void CMOXScanManager::m_Retire(const std::shared_ptr<SMOXScannerInfo>& info) {
+    std::unique_ptr<CMOXAutoScanner> pScanner;
+    {
+        Lock lock(info->mutex);
+        pScanner = std::move(info->pScanner);
+    }
+    if (!pScanner) return;
+    {
+        Lock lock(m_reapMutex);
+        m_reapQueue.push_back(std::move(pScanner));
+    }
+    m_reapCond.notify_all();
+}
+
+void CMOXScanManager::m_ReaperBody() {
+    std::unique_lock<std::mutex> lock(m_reapMutex);
+    while (true) {
+        m_reapCond.wait(lock, [this] { return m_bReaperStop || !m_reapQueue.empty(); });
+        if (m_reapQueue.empty()) break;  // stop requested and nothing left
+        std::unique_ptr<CMOXAutoScanner> pScanner = std::move(m_reapQueue.front());
+        m_reapQueue.pop_front();
+        ++m_nReaping;
+        lock.unlock();
+        try {
+            pScanner->Destroy();
+            pScanner.reset();
+        } catch (const std::exception& e) {
+            MOX_WARN("Exception Handled by[%s]: [%s] \n", "m_ReaperBody", e.what());
+        }
+        lock.lock();
+        --m_nReaping;
+        m_reapCond.notify_all();
+    }
+}
+
+void CMOXScanManager::WaitForRemovals() {
+    std::unique_lock<std::mutex> lock(m_reapMutex);
+    m_reapCond.wait(lock, [this] { return m_reapQueue.empty() && m_nReaping == 0; });
+}
+
+void CMOXScanManager::RemoveScanner(int id) {
+    std::shared_ptr<SMOXScannerInfo> removed;
+    {
+        Lock lock(m_mutex);
+        for (auto it = m_scanners.begin(); it != m_scanners.end(); ++it) {
+            if ((*it)->nScannerID == id) {
+                removed = *it;
+                m_scanners.erase(it);
+                break;
+            }
+        }
+    }
+    if (removed) m_Retire(removed);
+}
+
+void CMOXScanManager::RemoveScanner(const char* path) {
+    if (path == nullptr) return;
+    std::vector<std::shared_ptr<SMOXScannerInfo>> removed;
+    {
+        Lock lock(m_mutex);
+        for (auto it = m_scanners.begin(); it != m_scanners.end();) {
+            bool bMatch;
+            {
+                Lock recordLock((*it)->mutex);
+                // Scanners of folders below the storage go with it too.
+                bMatch = (*it)->pScanner && IsSameOrBelow((*it)->pScanner->GetBasePath(), path);
+            }
+            if (bMatch) {
+                removed.push_back(*it);
+                it = m_scanners.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (const auto& info : removed) m_Retire(info);
+}
+
+void CMOXScanManager::PrintAllScanner() {
+    Lock lock(m_mutex);
+    for (const auto& info : m_scanners)
+        MOX_INFO("ScannerID : %d    Scanner Name : %s    Scanner End : %d", info->nScannerID,
+                 info->strName.c_str(), info->bScannerEnd.load() ? 1 : 0);
+}
+
+size_t CMOXScanManager::GetScannerCount() {
+    Lock lock(m_mutex);
+    return m_scanners.size();
+}
+
+void CMOXScanManager::m_RemoveAllScanners() {
+    std::vector<std::shared_ptr<SMOXScannerInfo>> all;
+    {
+        Lock lock(m_mutex);
+        all.swap(m_scanners);
+    }
+    for (const auto& info : all) {
+        std::unique_ptr<CMOXAutoScanner> pScanner;
+        {
+            Lock lock(info->mutex);
+            pScanner = std::move(info->pScanner);
+        }
+        if (pScanner) pScanner->Destroy();
+    }
+}
+
+int CMOXScanManager::AddThumbnailScanner(const SMOXScannerOption& option) {
+    MOX_INFO("add thumbnail scanner ");
+    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
+    if (pThumb == nullptr) {
+        Lock lock(m_thumbMutex);
+        if (!m_pThumbnailOwner) {
+            std::unique_ptr<CMOXThumbnailScanner> pNew(new CMOXThumbnailScanner());
+            if (!pNew->Create()) {
+                MOX_INFO("thumbnail scanner create failed ");
+                SMOXScannerOption copy = option;
+                copy.FreeCallbackData();
+                return -1;
+            }
+            m_pThumbnailOwner = std::move(pNew);
+            m_pThumbnailScanner = m_pThumbnailOwner.get();
+        }
+        pThumb = m_pThumbnailOwner.get();
+    }
+    if (pThumb->AddScanner(option) != 0) {
+        MOX_INFO("thumbnail scanner add scanner failed ");
+        return -1;
+    }
+    return 0;
+}
+
+void CMOXScanManager::RemoveScanner(const char* device, const char* path, unsigned int limit, int value) {
+    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
+    if (pThumb == nullptr) {
+        MOX_INFO("m_pThumbnailScanner == NULL ");
+        return;
+    }
+    pThumb->RemoveScanner(device, path, limit, value);
+}
+
+void CMOXScanManager::RemoveThumbnailByDevice(const char* device) {
+    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
+    if (pThumb == nullptr) {
+        MOX_INFO("m_pThumbnailScanner == NULL ");
+        return;
+    }
+    pThumb->RemoveScannerByDevice(device);
+}
+
+int CMOXScanManager::GetCurrentFileInfoList(std::vector<SMOXFileInfo>& out) {
+    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
+    return pThumb == nullptr ? -1 : pThumb->GetFileInfoList(out);
+}
+
+int CMOXScanManager::GetCurrentScannerOption(SMOXScannerOption& option) {
+    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
+    return pThumb == nullptr ? -1 : pThumb->GetScannerOption(option);
+}

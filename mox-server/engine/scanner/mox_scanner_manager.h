@@ -1,0 +1,115 @@
+// CMOXScanManager: the process-wide registry of auto scanners (reached through
+// CMOXSingleton) and owner of the one folder thumbnail scanner.
+//
+// Locking, two levels: m_mutex guards the list and the id counter and is held
+// only while the list is searched or changed; each record's own mutex is held
+// for the duration of a call forwarded to its scanner, so different scanners
+// run in parallel and calls on one scanner are serialised. Order: m_mutex,
+// then a record's mutex; never the other way round.
+//
+// Removal takes a record out of the list, then (under its mutex) takes the
+// scanner out of it; a call still holding the record finds no scanner and
+// answers -6. The scanner is told to end and destroyed on the manager's
+// reaper thread, so no caller (the main loop, the USB thread) waits for a
+// scan step on a slow storage.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mox_auto_scanner.h"
+#include "mox_scanner_defines.h"
+#include "mox_thumbnail_scanner.h"
+
+struct SMOXScannerInfo {
+    std::mutex mutex;
+    std::unique_ptr<CMOXAutoScanner> pScanner;  // GUARDED_BY(mutex)
+    std::string strName;
+    int nScannerID = 0;
+    std::atomic<bool> bScannerEnd{false};
+};
+
+class CMOXScanManager {
+public:
+    // Most auto scanners alive at once; CreateScanner refuses more.
+    static constexpr size_t kMaxScanners = 64;
+
+    CMOXScanManager();
+    virtual ~CMOXScanManager();
+    CMOXScanManager(const CMOXScanManager&) = delete;
+    CMOXScanManager& operator=(const CMOXScanManager&) = delete;
+
+    // 0 and the new id (from 1, never reused), or -1.
+    int CreateScanner(int& id);
+    // Id of the first scanner whose device path is `path`; -6 when none.
+    int GetScanner(const char* path, int& id);
+
+    int ResetScanner(int id);
+    int SetScannerOption(int id, const SMOXScannerOption& option);
+    int GetScannerOption(int id, SMOXScannerOption& option);
+    int StartScanner(int id);
+    int StopScanner(int id);
+    int PauseScanner(int id);
+    int ResumeScanner(int id);
+    int GetNextFileInfo(int id, SMOXFileInfo& info);
+    int GetNextFileInfoList(int id, int nCount, std::vector<SMOXFileInfo>& out);
+    int GetNumberOfDIRs(int id);
+    int GetNumberOfFiles(int id);
+    int GetNumberOfALL(int id);
+    int SetPriority(int id, int nPriority);
+    int IsVisitedDIR(int id, const std::string& path);
+
+    static int ConvertScannerResult(EMOXScannerResult nResult);
+    static int ConvertMediaType(int nMediaType) { return nMediaType; }
+
+    void RemoveScanner(int id);
+    // Removes every scanner whose base path is `path` or lies below it.
+    void RemoveScanner(const char* path);
+    void PrintAllScanner();
+    size_t GetScannerCount();
+    // Waits until every removed scanner has been destroyed (tests, shutdown).
+    void WaitForRemovals();
+
+    // Queues a folder thumbnail request; the option's callback data is owned
+    // from here on (freed on failure). 0 or -1.
+    int AddThumbnailScanner(const SMOXScannerOption& option);
+    void RemoveScanner(const char* device, const char* path, unsigned int limit, int value);
+    void RemoveThumbnailByDevice(const char* device);
+    int GetCurrentFileInfoList(std::vector<SMOXFileInfo>& out);
+    int GetCurrentScannerOption(SMOXScannerOption& option);
+
+private:
+    std::shared_ptr<SMOXScannerInfo> m_FindScanner(int id);
+    static bool m_IsValidScannerOption(const SMOXScannerOption&) { return true; }
+    template <typename Call>
+    int m_Forward(int id, Call call);
+    // Takes the scanner out of a record already out of the list and hands it
+    // to the reaper.
+    void m_Retire(const std::shared_ptr<SMOXScannerInfo>& info);
+    void m_ReaperBody();
+    void m_RemoveAllScanners();
+
+    std::mutex m_mutex;
+    std::vector<std::shared_ptr<SMOXScannerInfo>> m_scanners;  // GUARDED_BY(m_mutex)
+    int m_nLastID = 0;                                         // GUARDED_BY(m_mutex)
+
+    // Created once, on the first request, and kept until the manager goes:
+    // readers load the pointer without a lock (the thumbnail thread's own
+    // callback reads through it).
+    std::mutex m_thumbMutex;                                  // serialises creation
+    std::unique_ptr<CMOXThumbnailScanner> m_pThumbnailOwner;  // GUARDED_BY(m_thumbMutex)
+    std::atomic<CMOXThumbnailScanner*> m_pThumbnailScanner{nullptr};
+
+    std::mutex m_reapMutex;
+    std::condition_variable m_reapCond;
+    std::deque<std::unique_ptr<CMOXAutoScanner>> m_reapQueue;  // GUARDED_BY(m_reapMutex)
+    size_t m_nReaping = 0;                                     // GUARDED_BY(m_reapMutex)
+    bool m_bReaperStop = false;                                // GUARDED_BY(m_reapMutex)
+    std::thread m_reaper;                                      // started by the constructor
+};

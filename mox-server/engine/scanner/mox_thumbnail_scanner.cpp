@@ -1,0 +1,237 @@
+#define MOX_LOG_TAG "MOX-SCANNER"
+#include <mox/mox_log.h>
+
+#include "mox_thumbnail_scanner.h"
+
+#include <glib.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "mox_scan_log.h"
+
+using Lock = std::lock_guard<std::mutex>;
+
+CMOXThumbnailScanner::CMOXThumbnailScanner() = default;
+
+CMOXThumbnailScanner::~CMOXThumbnailScanner() {
+    Lock lock(m_mutex);
+    for (SMOXScannerOption& option : m_queue) option.FreeCallbackData();
+    m_queue.clear();
+    m_current.FreeCallbackData();
+}
+
+bool CMOXThumbnailScanner::Create() {
+    MOX_INFO("thumbnail scanner create");
+    m_bThreadRun = true;
+    if (!CMOXThread::Create("folder_thumbnail_scan")) {
+        m_bThreadRun = false;
+        MOX_INFO("Cannot Create Scanner Thread ");
+        return false;
+    }
+    return true;
+}
+
+void CMOXThumbnailScanner::Destroy() {
+    {
+        Lock lock(m_mutex);
+        m_bThreadRun = false;
+        m_bCancel = true;
+    }
+    m_cond.notify_all();
+    CMOXThread::Destroy();
+    Lock lock(m_mutex);
+    for (SMOXScannerOption& option : m_queue) option.FreeCallbackData();
+    m_queue.clear();
+}
+
+int CMOXThumbnailScanner::AddScanner(const SMOXScannerOption& option) {
+    SMOXScannerOption request = option;
+    {
+        Lock lock(m_mutex);
+        if (!m_bThreadRun) {
+            MOX_INFO("m_bThreadRun is NULL ");
+        } else if (m_queue.size() >= kMaxQueuedRequests) {
+            MOX_WARN("thumbnail queue full (%zu requests)", m_queue.size());
+        } else {
+            m_queue.push_back(request);
+            m_cond.notify_one();
+            return MOX_SCAN_OK;
+        }
+    }
+    request.FreeCallbackData();
+    return MOX_SCAN_FAIL;
+}
+
+void CMOXThumbnailScanner::RemoveScannerByDevice(const char* device) {
+    if (device == nullptr) return;
+    MOX_INFO("device remove :%s", device);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    auto drop = [&] {
+        for (auto it = m_queue.begin(); it != m_queue.end();) {
+            if (it->strBasePath == device) {
+                it->FreeCallbackData();
+                it = m_queue.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    };
+    // Queued ones first, so the thread cannot pick one up while we wait.
+    drop();
+    if (m_bBusy && m_current.strBasePath == device) {
+        uint64_t nSeq = m_nCurrentSeq;
+        m_bCancel = true;
+        while (m_bBusy && m_nCurrentSeq == nSeq) {
+            lock.unlock();
+            g_usleep(kCancelPollUs);
+            lock.lock();
+        }
+        drop();
+    }
+}
+
+void CMOXThumbnailScanner::RemoveScanner(const char* device, const char* path, unsigned int limit, int value) {
+    if (device == nullptr || path == nullptr) return;
+    auto matches = [&](const SMOXScannerOption& o) {
+        return o.strDevicePath == device && o.strFourthPath == path &&
+               static_cast<unsigned int>(o.nFileLimit) == limit && o.nRequestTag == value;
+    };
+    Lock lock(m_mutex);
+    for (auto it = m_queue.begin(); it != m_queue.end();) {
+        if (matches(*it)) {
+            it->FreeCallbackData();
+            it = m_queue.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    if (m_bBusy && matches(m_current)) m_bCancel = true;
+}
+
+int CMOXThumbnailScanner::GetFileInfoList(std::vector<SMOXFileInfo>& out) {
+    Lock lock(m_mutex);
+    if (!m_bBusy) return MOX_SCAN_FAIL;
+    out.insert(out.end(), m_files.begin(), m_files.end());
+    return MOX_SCAN_OK;
+}
+
+int CMOXThumbnailScanner::GetScannerOption(SMOXScannerOption& option) {
+    Lock lock(m_mutex);
+    if (!m_bBusy) return MOX_SCAN_FAIL;
+    option = m_current;
+    return MOX_SCAN_OK;
+}
+
+bool CMOXThumbnailScanner::m_PopScanner() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (m_bThreadRun && m_queue.empty()) m_cond.wait(lock);
+    if (!m_bThreadRun) return false;
+    m_current = std::move(m_queue.front());
+    m_queue.pop_front();
+    m_files.clear();
+    m_bBusy = true;
+    ++m_nCurrentSeq;
+    m_bCancel = false;
+    return true;
+}
+
+void CMOXThumbnailScanner::m_FinishCurrent() {
+    if (m_pDirScanner) m_pDirScanner->Destroy();
+    m_pDirScanner.reset();
+    Lock lock(m_mutex);
+    m_current.FreeCallbackData();
+    m_files.clear();
+    m_files.shrink_to_fit();
+    m_bBusy = false;
+}
+
+void CMOXThumbnailScanner::t_Process() {
+    MOX_INFO("Thread(floder_thumbnail_scan) t_Process created...");
+    MOX_INFO("Thread(floder_thumbnail_scan) t_Process start...");
+    while (m_bThreadRun) {
+        if (!m_PopScanner()) break;
+        SMOXScannerOption option;
+        {
+            Lock lock(m_mutex);
+            option = m_current;
+        }
+        m_nLimit = std::min(option.nFileLimit, kMaxFilesPerRequest);
+        m_pDirScanner.reset(new CMOXUsbScanner());
+        m_pDirScanner->Create(option);
+        m_nFileCount = 0;
+        m_nDirCount = 0;
+        while (m_bThreadRun && !m_bCancel) {
+            int nResult = m_DoFolderThumbnailAction();
+            if (nResult == MOX_SCAN_END) {
+                MOX_INFO("End of Scan --->>> Stop");
+                OnCallback();
+                break;
+            }
+            if (nResult == MOX_SCAN_FAIL || nResult == MOX_SCAN_BAD_ARGUMENT || nResult == MOX_SCAN_NO_DIR) {
+                MOX_WARN("End of Scan --->>> Abort");
+                OnCallback();
+                break;
+            }
+            if (m_nDelayUs > 0) g_usleep(static_cast<gulong>(m_nDelayUs));
+        }
+        m_FinishCurrent();
+    }
+    MOX_INFO("Thread(floder_thumbnail_scan) t_Process end...");
+}
+
+int CMOXThumbnailScanner::m_DoFolderThumbnailAction() {
+    if (!m_pDirScanner) {
+        MOX_INFO("No ... Scanner.");
+        return MOX_SCAN_BAD_ARGUMENT;
+    }
+    SMOXFileInfo info;
+    int nResult = m_pDirScanner->ReadFileInfo(info);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const char* folder = m_current.strDevicePath.c_str();
+    if (nResult == MOX_SCAN_OK) {
+        if (info.nType == MOX_SCANNER_TYPE_FILE) {
+            ++m_nFileCount;
+            MOX_SCAN_INFO(" Path:%s, Name:%s ", info.strBasePath.c_str(), info.strName.c_str());
+            m_files.push_back(std::move(info));
+        } else if (info.nType == MOX_SCANNER_TYPE_DIR) {
+            ++m_nDirCount;
+        }
+    } else if (nResult == MOX_SCAN_END) {
+        if (m_nFileCount > 0 && m_nFileCount < m_nLimit) {
+            MOX_INFO("folder(%s) has %d files.", folder, m_nFileCount);
+            m_current.nResult = MOX_SCANNER_RESULT_FOLDER_FILES;
+        } else if (m_nFileCount == 0) {
+            MOX_INFO("folder(%s) has %d files %d dirs.", folder, m_nFileCount, m_nDirCount);
+            m_current.nResult =
+                m_nDirCount > 0 ? MOX_SCANNER_RESULT_FOLDER_DIRS : MOX_SCANNER_RESULT_FOLDER_EMPTY;
+        }
+    } else if (nResult != MOX_SCAN_SKIPPED) {
+        MOX_WARN("NOT handle(%d)...", nResult);
+    }
+    if (m_nFileCount >= m_nLimit && m_nLimit > 0) {
+        MOX_INFO("path(%s) has %d files, break out.", folder, m_nFileCount);
+        m_current.nResult = MOX_SCANNER_RESULT_FOLDER_FILES;
+        return MOX_SCAN_END;
+    }
+    return nResult;
+}
+
+void CMOXThumbnailScanner::OnCallback() {
+    MOXScannerEndCB pfnCallback;
+    void* pData;
+    int nResult;
+    {
+        Lock lock(m_mutex);
+        pfnCallback = m_current.pfnEndCallback;
+        pData = m_current.pCallbackData;
+        nResult = m_current.nResult;
+    }
+    if (pfnCallback == nullptr) {
+        MOX_INFO("SCANNER(): didn't set callback.");
+        return;
+    }
+    MOX_INFO("SCANNER(): callback begin.");
+    pfnCallback(pData, nResult);
+    MOX_INFO("SCANNER(): callback end.");
+}

@@ -1,0 +1,80 @@
+// CMOXThumbnailScanner: finds a few files of one folder after another, on one
+// thread. Requests are queued by client threads (AddScanner) and removed by
+// them (RemoveScanner*); the thread runs one request at a time and calls its
+// end callback without holding m_mutex. A running request is withdrawn only
+// through the cancel flag that the thread polls between two entries.
+// Lock order: the scan manager's locks, then m_mutex.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include <mox/mox_thread.h>
+
+#include "mox_scanner_defines.h"
+#include "mox_usb_scanner.h"
+
+class CMOXThumbnailScanner : public CMOXThread {
+public:
+    // Most queued requests; AddScanner refuses more.
+    static constexpr size_t kMaxQueuedRequests = 256;
+    // Most files one request collects, whatever limit it asked for.
+    static constexpr int kMaxFilesPerRequest = 1024;
+
+    CMOXThumbnailScanner();
+    ~CMOXThumbnailScanner() override;
+
+    // Starts the thread; false when it cannot start.
+    bool Create();
+    // Ends the thread (the running request is abandoned without callback)
+    // and frees the callback data of every request left.
+    void Destroy() override;
+
+    // Queues a copy of the option; the scanner owns its callback data from
+    // here on (also on failure, when it frees it). 0, or -1 when the thread
+    // does not run or the queue is full.
+    int AddScanner(const SMOXScannerOption& option);
+    // Drops every request whose base path is `device`, and waits until the
+    // running one, when it is such a request, has ended.
+    void RemoveScannerByDevice(const char* device);
+    // Drops the requests matching all four values; a running one is cancelled
+    // without waiting (the caller may be the main loop).
+    void RemoveScanner(const char* device, const char* path, unsigned int limit, int value);
+    // Files collected for the current request; 0, or -1 when none runs.
+    int GetFileInfoList(std::vector<SMOXFileInfo>& out);
+    // The current request; 0, or -1 when none runs.
+    int GetScannerOption(SMOXScannerOption& option);
+
+protected:
+    void t_Process() override;
+
+private:
+    bool m_PopScanner();
+    int m_DoFolderThumbnailAction();
+    void OnCallback();
+    void m_FinishCurrent();
+
+    std::mutex m_mutex;
+    std::condition_variable m_cond;
+    std::deque<SMOXScannerOption> m_queue;  // GUARDED_BY(m_mutex)
+    SMOXScannerOption m_current;            // GUARDED_BY(m_mutex); written by the thread only
+    std::vector<SMOXFileInfo> m_files;      // GUARDED_BY(m_mutex)
+    bool m_bBusy = false;                   // GUARDED_BY(m_mutex)
+    uint64_t m_nCurrentSeq = 0;             // GUARDED_BY(m_mutex): id of the running request
+    std::atomic<bool> m_bThreadRun{false};
+    std::atomic<bool> m_bCancel{false};
+
+    // Scanner thread only.
+    std::unique_ptr<CMOXUsbScanner> m_pDirScanner;
+    int m_nFileCount = 0;
+    int m_nDirCount = 0;
+    int m_nLimit = 0;
+    int m_nDelayUs = 0;  // between two entries: none, a thumbnail is wanted now
+
+    static constexpr int kCancelPollUs = 1000;
+};

@@ -1,0 +1,346 @@
+#define MOX_LOG_TAG "MOX-ENGINE"
+#include <mox/mox_log.h>
+
+#include "mox_engine_imp.h"
+
+#include <sys/stat.h>
+
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include <mox/json_value.h>
+#include <mox/mox_singleton.h>
+#include <mox_host_paths.h>
+
+#include "mox_bus_text.h"
+#include "mox_extractor.h"
+#include "mox_scanner_manager.h"
+
+namespace {
+
+// The client a scan answers, owned by the scanner that runs the scan.
+struct SMOXScanCallbackData {
+    int nScannerId = 0;
+    // The manager that runs the scan: the callback must not go through the
+    // singleton accessor, which would make a new manager while the old one
+    // is being destroyed (its scanners' last callbacks run then).
+    CMOXScanManager* pManager = nullptr;
+    GDBusConnection* connection = nullptr;  // referenced
+    std::string strSender;
+    std::string strObjectPath;
+    std::string strInterfaceName;
+};
+
+void FreeCallbackData(void* pData) {
+    auto* data = static_cast<SMOXScanCallbackData*>(pData);
+    if (data->connection) g_object_unref(data->connection);
+    delete data;
+}
+
+SMOXScanCallbackData* NewCallbackData(int nScannerId, const connect_info_s& caller) {
+    auto* data = new SMOXScanCallbackData();
+    data->nScannerId = nScannerId;
+    data->pManager = CMOXSingleton<CMOXScanManager>::Get();
+    data->connection = caller.connection ? G_DBUS_CONNECTION(g_object_ref(caller.connection)) : nullptr;
+    data->strSender = caller.sender;
+    data->strObjectPath = caller.objectPath;
+    data->strInterfaceName = caller.interfaceName;
+    return data;
+}
+
+CMOXScanManager* Manager() { return CMOXSingleton<CMOXScanManager>::Get(); }
+
+void Emit(const SMOXScanCallbackData& client, const char* szSignal, GVariant* params) {
+    if (client.connection == nullptr) {
+        g_variant_unref(g_variant_ref_sink(params));
+        return;
+    }
+    GError* localError = nullptr;
+    g_dbus_connection_emit_signal(client.connection, client.strSender.c_str(), client.strObjectPath.c_str(),
+                                  client.strInterfaceName.c_str(), szSignal, params, &localError);
+    // Only our own connection being closed (shutdown) makes this fail.
+    if (localError != nullptr) {
+        MOX_WARN("emit %s failed: %s", szSignal, localError->message);
+        g_error_free(localError);
+    }
+}
+
+std::string StripTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// The content category of a file's media group, as a folder view names it.
+const char* ItemTypeOf(int nGroup) {
+    switch (nGroup) {
+        case MOX_MEDIA_TYPE_PHOTO: return "CONTENT-IMAGE";
+        case MOX_MEDIA_TYPE_VIDEO: return "CONTENT-VIDEO";
+        case MOX_MEDIA_TYPE_MUSIC: return "CONTENT-MUSIC";
+        case MOX_MEDIA_TYPE_UHD: return "CONTENT-UHD";
+        case MOX_MEDIA_TYPE_PVR: return "CONTENT-PVR";
+        default: return "CONTENT-OTHER";
+    }
+}
+
+// `path` resolved (links and ".." included) strictly below the USB root,
+// spelt with the USB root as configured; false (logged) otherwise.
+bool ConfineToUsbRoot(const char* path, std::string& confined) {
+    if (path == nullptr || *path == '\0' || std::strlen(path) >= PATH_MAX) {
+        MOX_WARN("path refused: empty or too long");
+        return false;
+    }
+    std::string root = StripTrailingSlashes(mox_host::UsbRoot());
+    std::unique_ptr<char, decltype(&free)> realRoot(realpath(root.c_str(), nullptr), free);
+    std::unique_ptr<char, decltype(&free)> realPath(realpath(path, nullptr), free);
+    if (!realRoot || !realPath) {
+        MOX_WARN("path(%s) refused: cannot be resolved", mox_bus::ForLog(path).c_str());
+        return false;
+    }
+    std::string strRoot(realRoot.get());
+    std::string strPath(realPath.get());
+    if (strRoot == "/") strRoot.clear();
+    if (strPath.size() <= strRoot.size() + 1 || strPath.compare(0, strRoot.size(), strRoot) != 0 ||
+        strPath[strRoot.size()] != '/') {
+        MOX_WARN("path(%s) refused: not below %s", mox_bus::ForLog(path).c_str(), root.c_str());
+        return false;
+    }
+    confined = root + strPath.substr(strRoot.size());
+    return true;
+}
+
+int MediaGroupOfCategory(const std::string& category) {
+    if (category == "CONTENT-IMAGE") return MOX_MEDIA_TYPE_PHOTO;
+    if (category == "CONTENT-VIDEO") return MOX_MEDIA_TYPE_VIDEO;
+    if (category == "CONTENT-MUSIC") return MOX_MEDIA_TYPE_MUSIC;
+    if (category == "CONTENT-UHD") return MOX_MEDIA_TYPE_UHD;
+    if (category == "CONTENT-PVR" || category == "CONTENT-PVR-SCHEDULED" || category == "CONTENT-PVR-UNWATCHED")
+        return MOX_MEDIA_TYPE_PVR;
+    return MOX_MEDIA_TYPE_ALL;
+}
+
+// Mount path of a folder below the USB root: cut at the first "/" from the
+// third character of the device name on (position 19 of "/opt/storage/usb/").
+std::string MountPathOf(const std::string& folder) {
+    std::string prefix = StripTrailingSlashes(mox_host::UsbRoot()) + "/";
+    if (folder.compare(0, prefix.size(), prefix) != 0) return std::string();
+    // Two characters of the device name at least, as "/opt/storage/usb/" + 2.
+    size_t nFrom = prefix.size() + 2;
+    size_t nCut = nFrom < folder.size() ? folder.find('/', nFrom) : std::string::npos;
+    return nCut == std::string::npos ? folder : folder.substr(0, nCut);
+}
+
+}  // namespace
+
+bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char* mountPath, int& scannerId) {
+    if (mountPath == nullptr) {
+        MOX_WARN("mount_path is null.");
+        return false;
+    }
+    MOX_INFO("Checking %s.", mox_bus::ForLog(mountPath).c_str());
+    std::string strMountPath;
+    if (!ConfineToUsbRoot(mountPath, strMountPath)) return false;
+
+    CMOXScanManager* pManager = Manager();
+    int id = -1;
+    if (pManager->CreateScanner(id) != 0) {
+        MOX_WARN("CreateScanner failed.");
+        return false;
+    }
+    MOX_INFO("Got Scanner(%d).", id);
+
+    SMOXScannerOption option;
+    option.strDevicePath = strMountPath;
+    option.strBasePath = strMountPath;
+    option.nMediaGroup = MOX_MEDIA_TYPE_NONE;
+    option.nScanMode = MOX_SCAN_MODE_CHECK;
+    option.nReserved = 0;
+    option.bReserved = true;
+    // Media are told apart from other files by the default extension table.
+    option.bFilterByExtension = true;
+    option.nRecursive = 1;
+    option.nDetail = 0;
+    option.nListSize = 20;
+    option.nFileLimit = 0;
+    option.nPriority = 2;
+    option.nRequestTag = 0;
+    option.pfnEndCallback = cb_scannerEnd;
+    option.pCallbackData = NewCallbackData(id, caller);
+    option.pfnFreeData = FreeCallbackData;
+    option.nResult = MOX_SCANNER_RESULT_NONE;
+    if (pManager->SetScannerOption(id, option) != 0) {
+        MOX_WARN("SetScannerOption failed, Scanner(%d).", id);
+        // Not accepted: the data is still ours.
+        option.FreeCallbackData();
+        pManager->RemoveScanner(id);
+        return false;
+    }
+    if (pManager->StartScanner(id) != 0) {
+        MOX_WARN("StartScanner failed, Scanner(%d).", id);
+        pManager->RemoveScanner(id);
+        return false;
+    }
+    scannerId = id;
+    MOX_INFO("Start Scanner(%d) success.", id);
+    return true;
+}
+
+void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
+    assert(pUserData != NULL);
+    const auto& client = *static_cast<SMOXScanCallbackData*>(pUserData);
+    SMOXFileInfo entry;
+    entry.nFilesInAlbum = -1;
+    std::string strMediaText;
+    int nMediaType = 0;
+    if (nScannerResult == MOX_SCANNER_RESULT_ONE_MEDIA) {
+        if (client.pManager->GetNextFileInfo(client.nScannerId, entry) != 0) {
+            // Removed meanwhile: the answer still goes out, without the file.
+            entry = SMOXFileInfo();
+        }
+        nMediaType = CMOXScanManager::ConvertMediaType(entry.nExtensionGroup);
+        // Only a regular file is handed to the extractor: a FIFO or device
+        // node named like media is reported without metadata.
+        struct stat st;
+        std::string strPath = entry.strBasePath + "/" + entry.strName;
+        media_info_s info;
+        if (!entry.strName.empty() && lstat(strPath.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+            CMOXExtractor extractor(entry.strBasePath, entry.strName, entry.nExtensionGroup,
+                                    entry.bDetailFilled, static_cast<unsigned long long>(entry.llFileSize),
+                                    static_cast<unsigned long>(entry.tModified));
+            if (extractor.Extract(info)) strMediaText = extractor.ToString(info);
+        }
+        if (strMediaText.empty())
+            MOX_WARN("Extract (%s/%s) failed...", entry.strBasePath.c_str(), entry.strName.c_str());
+    }
+    // Names reach the client in the extractor's rule: valid UTF-8 unchanged,
+    // any other byte (and a backslash) as "\xNN", so two names stay apart.
+    const std::string strBasePath = CMOXExtractor::FileNameToUtf8(entry.strBasePath);
+    const std::string strName = CMOXExtractor::FileNameToUtf8(entry.strName);
+    int nCode = CMOXScanManager::ConvertScannerResult(nScannerResult);
+    MOX_INFO("Emit signal[%s|%d|%d|%d|%s|%s|%s]", "mox_scanner_done", client.nScannerId, nCode, nMediaType,
+             strBasePath.c_str(), strName.c_str(), mox_bus::ForLog(strMediaText).c_str());
+    GVariant* params = g_variant_new("(uuu@s@s@s)", static_cast<guint32>(client.nScannerId),
+                                     static_cast<guint32>(nCode), static_cast<guint32>(nMediaType),
+                                     mox_bus::NewString(strBasePath, "mox_scanner_done base path"),
+                                     mox_bus::NewString(strName, "mox_scanner_done name"),
+                                     mox_bus::NewString(strMediaText, "mox_scanner_done media"));
+    Emit(client, "mox_scanner_done", params);
+}
+
+bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
+                                        unsigned int count, int pid) {
+    if (folderPath == nullptr) {
+        MOX_WARN("folder_path is null.");
+        return false;
+    }
+    if (category == nullptr) {
+        MOX_WARN("SortCategory is null.");
+        return false;
+    }
+    if (count == 0) {
+        MOX_WARN("nFileCount i<= 0.");
+        return false;
+    }
+    MOX_INFO("Checking path:%s content:%s count:%d. nPID:%d ", mox_bus::ForLog(folderPath).c_str(),
+             mox_bus::ForLog(category).c_str(), static_cast<int>(count), pid);
+    std::string prefix = StripTrailingSlashes(mox_host::UsbRoot()) + "/";
+    std::string strFolder;
+    if (std::string(folderPath).compare(0, prefix.size(), prefix) != 0 ||
+        !ConfineToUsbRoot(folderPath, strFolder)) {
+        MOX_WARN("Checking path:%s error ", mox_bus::ForLog(folderPath).c_str());
+        return false;
+    }
+    SMOXScannerOption option;
+    option.strDevicePath = strFolder;
+    option.strBasePath = MountPathOf(strFolder);
+    option.strFourthPath = category;
+    option.nMediaGroup = static_cast<int16_t>(MediaGroupOfCategory(category));
+    option.bFilterByExtension = true;
+    for (int id = 1; id <= 19; ++id) option.extensionList.push_back(id);
+    for (int id = 51; id <= 55; ++id) option.extensionList.push_back(id);
+    for (int id = 101; id <= 125; ++id) option.extensionList.push_back(id);
+    for (int id = 151; id <= 153; ++id) option.extensionList.push_back(id);
+    option.extensionList.push_back(301);
+    option.nScanMode = 2;
+    option.nRecursive = 0;
+    option.nDetail = 0;
+    option.nListSize = 20;
+    option.nFileLimit = count > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(count);
+    option.nPriority = 2;
+    option.nRequestTag = pid;
+    option.pfnEndCallback = cb_scanFolderThumbEnd;
+    option.pCallbackData = NewCallbackData(0, caller);
+    option.pfnFreeData = FreeCallbackData;
+    option.nResult = MOX_SCANNER_RESULT_NONE;
+    // The thumbnail scanner owns the data from here on, also on failure.
+    if (Manager()->AddThumbnailScanner(option) != 0) {
+        MOX_WARN("SetScannerOption failed");
+        return false;
+    }
+    return true;
+}
+
+void CMOXEngineImp::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) {
+    assert(pUserData != NULL);
+    const auto& client = *static_cast<SMOXScanCallbackData*>(pUserData);
+    CMOXScanManager* pManager = client.pManager;
+    int nCode = CMOXScanManager::ConvertScannerResult(nScannerResult);
+
+    CJsonValue inner;
+    if (nCode == 29 || nCode == 30 || nCode == 31) {
+        inner.Set("mox_folder_thumbnail_error_code", 0);
+        inner.Set("mox_folder_thumbnail_type", nCode - 29);
+    } else {
+        inner.Set("mox_folder_thumbnail_error_code", 1);
+    }
+    if (nCode == 29) {
+        std::vector<SMOXFileInfo> files;
+        if (pManager->GetCurrentFileInfoList(files) == 0 && !files.empty()) {
+            std::vector<std::string> items, types;
+            for (const SMOXFileInfo& file : files) {
+                items.push_back(CMOXExtractor::FileNameToUtf8(file.strBasePath + "/" + file.strName));
+                types.push_back(ItemTypeOf(file.nExtensionGroup));
+            }
+            inner.Set("mox_folder_thumbnail_items", items);
+            inner.Set("mox_folder_thumbnail_itemstype", types);
+        }
+    }
+    CJsonValue outer;
+    SMOXScannerOption option;
+    if (pManager->GetCurrentScannerOption(option) == 0) {
+        outer.Set("mox_folder_thumbnail_error_code", 0);
+        outer.Set("mox_folder_thumbnail_path", CMOXExtractor::FileNameToUtf8(option.strDevicePath));
+        outer.Set("mox_folder_thumbnail_content_type", mox_bus::ValidUtf8(option.strFourthPath, "category"));
+        outer.Set("mox_folder_thumbnail_request_num", static_cast<unsigned int>(option.nFileLimit));
+        outer.Set("mox_folder_thumbnail_data", inner.ToString());
+    } else {
+        outer.Set("mox_folder_thumbnail_error_code", 1);
+    }
+    std::string strPayload = outer.ToString();
+    MOX_INFO("Emit signal[%s|%d|%s]", "mox_folder_thumb_done", nCode, mox_bus::ForLog(strPayload).c_str());
+    Emit(client, "mox_folder_thumb_done",
+         g_variant_new("(@s)", mox_bus::NewString(strPayload, "mox_folder_thumb_done")));
+}
+
+void CMOXEngineImp::RemoveScanner(int id) { Manager()->RemoveScanner(id); }
+
+void CMOXEngineImp::RemoveScannerOfDevice(const char* mountPath) {
+    if (mountPath == nullptr) return;
+    Manager()->RemoveScanner(mountPath);
+}
+
+void CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count,
+                                           int pid) {
+    if (folderPath == nullptr || category == nullptr) return;
+    // Requests hold the folder as resolved when they were queued.
+    std::string strFolder;
+    if (!ConfineToUsbRoot(folderPath, strFolder)) strFolder = folderPath;
+    unsigned int limit = count > static_cast<unsigned int>(INT_MAX) ? static_cast<unsigned int>(INT_MAX) : count;
+    Manager()->RemoveScanner(strFolder.c_str(), category, limit, pid);
+}
+
+void CMOXEngineImp::RemoveThumbnailByDevice(const char* mountPath) {
+    if (mountPath == nullptr) return;
+    Manager()->RemoveThumbnailByDevice(mountPath);
+}

@@ -1,0 +1,232 @@
+#define MOX_LOG_TAG "MOX-ENGINE"
+#include "mox_source_manager.h"
+
+#include <cstring>
+#include <exception>
+#include <vector>
+
+#include <glib.h>
+
+#include <mox/mox_log.h>
+#include <mox_host_paths.h>
+
+namespace {
+
+// dlerror() text, never NULL.
+const char* LastDlError() {
+    const char* sz = dlerror();
+    return sz ? sz : "unknown dl error";
+}
+
+template <typename Fn>
+Fn LookUp(void* pHandle, const char* szSymbol) {
+    dlerror();
+    return reinterpret_cast<Fn>(dlsym(pHandle, szSymbol));
+}
+
+}  // namespace
+
+CMOXSourceMgr::CMOXSourceMgr() = default;
+
+CMOXSourceMgr::~CMOXSourceMgr() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto& entry : m_sources) {
+        assert(entry.second != nullptr);
+        m_DestroySource(entry.first, entry.second);
+    }
+    m_sources.clear();
+    m_plugins.clear();
+    m_libraries.clear();  // closes every library, after its sources are gone
+}
+
+bool CMOXSourceMgr::IsPluginFileName(const std::string& strLibName) {
+    static const char kPrefix[] = "lib";
+    static const char kSuffix[] = ".so";
+    if (strLibName.size() <= strlen(kPrefix) + strlen(kSuffix) || strLibName.size() > 255) return false;
+    if (strLibName.compare(0, 3, kPrefix) != 0) return false;
+    if (strLibName.compare(strLibName.size() - 3, 3, kSuffix) != 0) return false;
+    // Letters, digits, '_', '-', '.' only; no directory part, no "..".
+    for (char c : strLibName) {
+        bool bPlain = g_ascii_isalnum(c) || c == '_' || c == '-' || c == '.';
+        if (!bPlain) return false;
+    }
+    return strLibName.find("..") == std::string::npos;
+}
+
+bool CMOXSourceMgr::InstallPlugin(std::string strLibName) {
+    if (!IsPluginFileName(strLibName)) {
+        MOX_WARN("Refused plugin name[%.255s]: not a plain lib*.so file name.", strLibName.c_str());
+        return false;
+    }
+    std::string strDir = mox_host::PluginDir();
+    if (!strDir.empty() && strDir.back() != '/') strDir += '/';
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_InstallPlugin(strDir + strLibName);
+}
+
+bool CMOXSourceMgr::UnInstallPlugin(std::string strLibName) {
+    if (!IsPluginFileName(strLibName)) {
+        MOX_WARN("Refused plugin name[%.255s]: not a plain lib*.so file name.", strLibName.c_str());
+        return false;
+    }
+    std::string strDir = mox_host::PluginDir();
+    if (!strDir.empty() && strDir.back() != '/') strDir += '/';
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_UnInstallPlugin(strDir + strLibName);
+}
+
+bool CMOXSourceMgr::m_InstallPlugin(std::string strPath) {
+    if (m_libraries.count(strPath)) {
+        MOX_DEBUG("Already installed plugin[%s].", strPath.c_str());
+        return true;
+    }
+    LibraryHandle library(dlopen(strPath.c_str(), RTLD_NOW | RTLD_LOCAL));
+    if (!library) {
+        MOX_WARN("%s.", LastDlError());
+        return false;
+    }
+    auto pfnAbi = LookUp<mox_get_source_abi_version_fn>(library.get(), "GetSourceAbiVersion");
+    if (!pfnAbi) {
+        MOX_WARN("%s.", LastDlError());
+        return false;
+    }
+    auto pfnCount = LookUp<mox_get_sources_count_fn>(library.get(), "GetSourcesCount");
+    if (!pfnCount) {
+        MOX_WARN("%s.", LastDlError());
+        return false;
+    }
+    auto pfnName = LookUp<mox_get_source_name_fn>(library.get(), "GetSourceName");
+    if (!pfnName) {
+        MOX_WARN("%s.", LastDlError());
+        return false;
+    }
+    std::vector<std::string> names;
+    try {
+        int nAbi = pfnAbi();
+        if (nAbi != MOX_WEB_SOURCE_ABI_VERSION) {
+            MOX_WARN("Plugin[%s] built for source ABI %d, engine has %d: refused.", strPath.c_str(), nAbi,
+                     MOX_WEB_SOURCE_ABI_VERSION);
+            return false;
+        }
+        int nCount = pfnCount();
+        if (nCount < 0 || nCount > kMaxSourcesPerLibrary) {
+            MOX_WARN("Plugin[%s] offers %d sources: refused.", strPath.c_str(), nCount);
+            return false;
+        }
+        for (int i = 0; i < nCount; ++i) {
+            const char* szSourceName = pfnName(i);
+            // A plug-in's answer, not a programming error of ours: refuse it.
+            if (szSourceName == nullptr || szSourceName[0] == '\0' ||
+                strnlen(szSourceName, kMaxSourceNameBytes + 1) > kMaxSourceNameBytes ||
+                !g_utf8_validate(szSourceName, -1, nullptr)) {
+                MOX_WARN("Plugin[%s] gave an unusable name for source %d: refused.", strPath.c_str(), i);
+                return false;
+            }
+            names.emplace_back(szSourceName);
+        }
+    } catch (...) {
+        MOX_WARN("Plugin[%s] threw from an entry point: refused.", strPath.c_str());
+        return false;
+    }
+    for (const std::string& name : names) {
+        MOX_INFO("szSourceName = %s.", name.c_str());
+        m_plugins.emplace(name, library.get());  // an existing name keeps its first library
+    }
+    m_libraries.emplace(strPath, std::move(library));
+    MOX_DEBUG("Success to install plugin[%s].", strPath.c_str());
+    return true;
+}
+
+bool CMOXSourceMgr::m_UnInstallPlugin(std::string strPath) {
+    auto lib = m_libraries.find(strPath);
+    if (lib == m_libraries.end()) {
+        MOX_WARN("Plugin[%s] is not installed.", strPath.c_str());
+        return false;
+    }
+    void* pHandle = lib->second.get();
+    for (auto it = m_plugins.begin(); it != m_plugins.end();) {
+        if (it->second != pHandle) {
+            ++it;
+            continue;
+        }
+        auto source = m_sources.find(it->first);
+        if (source != m_sources.end()) {
+            m_DestroySource(source->first, source->second);
+            m_sources.erase(source);
+        }
+        it = m_plugins.erase(it);
+    }
+    m_libraries.erase(lib);
+    MOX_DEBUG("Success to uninstall plugin[%s].", strPath.c_str());
+    return true;
+}
+
+IWebSource* CMOXSourceMgr::GetSource(std::string strSourceName) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto found = m_sources.find(strSourceName);
+    if (found != m_sources.end()) return found->second;
+    MOX_INFO("strSourceName = %.255s", strSourceName.c_str());
+    if (strSourceName == "test") return nullptr;
+    IWebSource* pSource = m_CreateSource(strSourceName);
+    if (!pSource) return nullptr;
+    bool bInit = false;
+    try {
+        bInit = pSource->Init();
+    } catch (...) {
+        MOX_WARN("Source[%s] threw from Init.", strSourceName.c_str());
+    }
+    if (!bInit) {
+        MOX_WARN("Init of source[%s] failed.", strSourceName.c_str());
+        try {
+            pSource->Destroy();
+        } catch (...) {
+            MOX_WARN("Source[%s] threw from Destroy.", strSourceName.c_str());
+        }
+        return nullptr;
+    }
+    m_sources.emplace(strSourceName, pSource);
+    return pSource;
+}
+
+IWebSource* CMOXSourceMgr::m_CreateSource(const std::string& strSourceName) {
+    auto plugin = m_plugins.find(strSourceName);
+    if (plugin == m_plugins.end()) {
+        MOX_WARN("There is no plugin for source[%.255s].", strSourceName.c_str());
+        return nullptr;
+    }
+    auto pfnCreate = LookUp<mox_create_source_fn>(plugin->second, "CreateSource");
+    if (!pfnCreate) {
+        MOX_WARN("%s.", LastDlError());
+        return nullptr;
+    }
+    IWebSource* pSource = nullptr;
+    try {
+        pSource = pfnCreate(strSourceName.c_str());
+    } catch (...) {
+        MOX_WARN("CreateSource [%s] threw.", strSourceName.c_str());
+        pSource = nullptr;
+    }
+    if (!pSource) MOX_WARN("CreateSource [%s] failed.", strSourceName.c_str());
+    return pSource;
+}
+
+void CMOXSourceMgr::RemoveSource(std::string strSourceName) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto found = m_sources.find(strSourceName);
+    if (found == m_sources.end()) return;
+    m_DestroySource(found->first, found->second);
+    m_sources.erase(found);
+}
+
+void CMOXSourceMgr::m_DestroySource(const std::string& strSourceName, IWebSource* pSource) {
+    try {
+        pSource->Close();
+    } catch (...) {
+        MOX_WARN("Source[%s] threw from Close.", strSourceName.c_str());
+    }
+    try {
+        pSource->Destroy();
+    } catch (...) {
+        MOX_WARN("Source[%s] threw from Destroy.", strSourceName.c_str());
+    }
+}

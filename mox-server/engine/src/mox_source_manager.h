@@ -1,0 +1,68 @@
+// CMOXSourceMgr: loads source plug-in libraries (<mox/mox_web_source.h>)
+// from the plug-in directory, remembers which library offers which source
+// name, creates each source on first use and keeps it for every later user.
+// Reached through CMOXSingleton<CMOXSourceMgr>.
+//
+// Only plain file names of the form "lib*.so" are loaded, and only from
+// MOX_PLUGIN_DIR; a library without the entry points or built against
+// another ABI version is closed again and registers nothing. What a library
+// answers (source count, names) is checked before use.
+//
+// Threads: every public operation holds m_mutex, so the engine's main loop
+// and the command threads may call concurrently. Sources handed out stay
+// valid until the manager is destroyed (or their library is uninstalled):
+// the destructor and UnInstallPlugin require that no command still uses
+// them.
+#pragma once
+
+#include <dlfcn.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <mox/mox_web_source.h>
+
+class CMOXSourceMgr {
+public:
+    CMOXSourceMgr();
+    ~CMOXSourceMgr();
+    CMOXSourceMgr(const CMOXSourceMgr&) = delete;
+    CMOXSourceMgr& operator=(const CMOXSourceMgr&) = delete;
+
+    // Loads MOX_PLUGIN_DIR/strLibName. False (warning) for a name that is not
+    // a plain "lib*.so" file name or a library that cannot be used.
+    bool InstallPlugin(std::string strLibName);
+    // Destroys the library's created sources, forgets its names, closes it.
+    bool UnInstallPlugin(std::string strLibName);
+    // The source named strSourceName, created and initialised on first use;
+    // NULL when no installed library offers it or creation fails.
+    IWebSource* GetSource(std::string strSourceName);
+    // Closes and destroys a created source (a later GetSource creates anew).
+    void RemoveSource(std::string strSourceName);
+
+    // True for a plain "lib*.so" file name (no directory part, no "..").
+    static bool IsPluginFileName(const std::string& strLibName);
+
+    static const int kMaxSourcesPerLibrary = 256;
+    static const size_t kMaxSourceNameBytes = 255;
+
+private:
+    struct SLibraryCloser {
+        void operator()(void* pHandle) const {
+            if (pHandle) dlclose(pHandle);
+        }
+    };
+    using LibraryHandle = std::unique_ptr<void, SLibraryCloser>;
+
+    bool m_InstallPlugin(std::string strPath);
+    bool m_UnInstallPlugin(std::string strPath);
+    IWebSource* m_CreateSource(const std::string& strSourceName);
+    void m_DestroySource(const std::string& strSourceName, IWebSource* pSource);
+
+    std::mutex m_mutex;
+    std::map<std::string, IWebSource*> m_sources;   // GUARDED_BY(m_mutex); owned, released by Destroy()
+    std::map<std::string, void*> m_plugins;         // GUARDED_BY(m_mutex); source name -> library
+    std::map<std::string, LibraryHandle> m_libraries;  // GUARDED_BY(m_mutex); path -> library
+};

@@ -1,0 +1,77 @@
+#define MOX_LOG_TAG "MOX-ENGINE"
+#include "mox_request_detail_command.h"
+
+#include <boost/thread/thread.hpp>
+
+#include <mox/json_value.h>
+#include <mox/mox_log.h>
+#include <mox/mox_singleton.h>
+
+#include "mox_bus_text.h"
+#include "mox_source_manager.h"
+
+CMOXRequestDetailCommand::CMOXRequestDetailCommand(MOXCommandCallback pfnCallback, void* pUserData)
+    : m_pfnCallback(pfnCallback), m_pUserData(pUserData) {}
+
+CMOXRequestDetailCommand::~CMOXRequestDetailCommand() = default;
+
+void CMOXRequestDetailCommand::Stop() { __atomic_store_n(&m_bStop, true, __ATOMIC_RELAXED); }
+
+void CMOXRequestDetailCommand::Execute(std::string strCommand) {
+    MOX_INFO("In CMOXRequestDetailCommand::Execute()");
+    try {
+        boost::thread worker(&CMOXRequestDetailCommand::GetRequestDetailThreadProc, this, std::move(strCommand));
+        worker.detach();
+    } catch (...) {
+        MOX_WARN("Can not start the detail thread.");
+        m_pfnCallback(m_pUserData, std::string(), MOX_ERROR_GENERIC);
+    }
+}
+
+mox_error_code_e CMOXRequestDetailCommand::m_Run(std::string& strCommand, std::string& strResult) {
+    MOX_INFO("In CMOXRequestDetailCommand::GetRequestDetailThreadProc().");
+    CJsonValue doc(strCommand);
+    std::string strSource;
+    if (!doc.IsValid() || !doc.IsString("mox_source")) {
+        MOX_WARN("There is no source.");
+        return MOX_ERROR_NO_SUCH_SOURCE;
+    }
+    doc.Get("mox_source", strSource);
+    IWebSource* pSource = CMOXSingleton<CMOXSourceMgr>::Get()->GetSource(strSource);
+    if (pSource == nullptr) {
+        MOX_WARN("Can not get source[%s].", mox_bus::ForLog(strSource).c_str());
+        return MOX_ERROR_NO_SUCH_SOURCE;
+    }
+    MOX_INFO("Begin :pSource->GetDetail[%s].", mox_bus::ForLog(strCommand).c_str());
+    mox_error_code_e eError = MOX_ERROR_GENERIC;
+    try {
+        eError = pSource->GetDetail(m_bStop, strCommand, strResult);
+    } catch (...) {
+        MOX_WARN("Source[%s] threw from GetDetail.", strSource.c_str());
+        strResult.clear();
+        eError = MOX_ERROR_GENERIC;
+    }
+    MOX_INFO("End :pSource->GetDetail.errorCode[%d].", eError);
+    return eError;
+}
+
+void CMOXRequestDetailCommand::GetRequestDetailThreadProc(std::string strCommand) {
+    // The callback deletes this command: keep what is needed after it.
+    MOXCommandCallback pfnCallback = m_pfnCallback;
+    void* pUserData = m_pUserData;
+    std::string strResult;
+    mox_error_code_e eError = MOX_ERROR_GENERIC;
+    try {
+        eError = m_Run(strCommand, strResult);
+    } catch (...) {
+        MOX_WARN("Detail thread failed with an exception.");
+        strResult.clear();
+        eError = MOX_ERROR_GENERIC;
+    }
+    MOX_INFO("Get detail result[%d].", eError);
+    try {
+        pfnCallback(pUserData, strResult, eError);
+    } catch (...) {
+        MOX_WARN("Completion callback failed with an exception.");
+    }
+}

@@ -1,0 +1,59 @@
+// CMOXRequestListCommand ("mox_requestlist"): asks one or more sources for a
+// list at once (one thread per source the cache cannot answer), keeps each
+// source's answer as a data block in the cache pool, joins the blocks into
+// one result list (sources in name order, optionally sorted) and reports the
+// list's name, or an error code with an empty name, through the callback.
+//
+// Threads: Execute() starts a detached request thread; that thread runs a
+// thread group of source threads and joins them before building the list.
+// The source threads share m_eError (atomic; the last failure wins) and each
+// writes only its own pre-created slot of the block map. A list request cannot
+// be stopped once started (Stop() does nothing).
+//
+// Bounds: at most kMaxSources distinct sources per request; what a source
+// answers is checked before it reaches the data-block builder.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <mox/json_value.h>
+
+#include "mox_command.h"
+#include "mox_request_defines.h"
+
+class CMOXRequestListCommand : public IMOXCommand {
+public:
+    static const size_t kMaxSources = 32;
+
+    CMOXRequestListCommand(MOXCommandCallback pfnCallback, void* pUserData);
+    ~CMOXRequestListCommand() override;
+
+    void Execute(std::string strCommand) override;
+    void Stop() override {}
+
+    // The request thread's body.
+    void GetRequestListThreadProc(std::string strCommand);
+    // One source thread's body: fills *pShmName with the source's block name.
+    void GetListFromSourceProc(std::string strQueryCmd, std::string strSource, std::string* pShmName);
+
+private:
+    // The request thread's work; eError and the list name are its outcome.
+    std::string m_RunRequest(const std::string& strCommand, mox_error_code_e& eError);
+    // Fills sources from "mox_source"; false (warning) when it is not a
+    // non-empty array of strings within the bounds.
+    bool m_GetSources(const CJsonValue& doc, std::vector<std::string>& sources, mox_error_code_e& eError);
+    // Builds the result list; an empty name when it cannot be built.
+    std::string m_GenerateResultList(CJsonValue& doc, std::map<std::string, std::string>& blocks,
+                                     mox_error_code_e& eError);
+    bool m_GetComandKeyTypeInfo(CJsonValue& doc, CMOXSortFunction& fn);
+    void m_getSortValueType(std::string& strKey, MOX_VALUETYPE& eType);
+    // Lets go of the pool's count for every block in blocks.
+    static void m_ReleaseBlocks(const std::map<std::string, std::string>& blocks);
+
+    MOXCommandCallback m_pfnCallback;
+    void* m_pUserData;
+    std::atomic<int> m_eError{MOX_ERROR_NONE};  // written by the source threads
+};

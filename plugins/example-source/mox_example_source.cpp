@@ -1,0 +1,62 @@
+// An example source plug-in: "mox_example_source" answers every list request
+// with the same three items and every detail request with the document it
+// was given. A starting point for plug-in authors; build it in-tree or on its
+// own against an installed engine:
+//   cmake -S plugins/example-source -B build-example && cmake --build build-example
+// and copy libmox_example_source.so into the plug-in directory.
+#include <cstring>
+#include <new>
+#include <string>
+
+#include <mox/mox_web_source.h>
+
+namespace {
+
+constexpr const char* kSourceName = "mox_example_source";
+const char* const kItems[] = {
+    R"({"FileName":"a.jpg","Title":"a","FileSize":3,"FileTime":1,"MediaType":2,"IsFolder":false})",
+    R"({"FileName":"b.mp3","Title":"b","FileSize":2,"FileTime":2,"MediaType":5,"IsFolder":false})",
+    R"({"FileName":"c.mp4","Title":"c","FileSize":1,"FileTime":3,"MediaType":3,"IsFolder":false})",
+};
+
+class CMOXExampleSource final : public IWebSource {
+public:
+    bool Init() override { return true; }
+    void Close() override {}
+    mox_error_code_e GetData(bool&, std::string&, FILE* stream, int& nLen, int& nStartIndex, int& nEndIndex,
+                             int& nTotalCount, std::vector<mox_data_group_s>& groups,
+                             std::vector<mox_data_length_s>& lengths) override {
+        nLen = 0;
+        for (const char* szItem : kItems) {
+            const size_t nSize = strlen(szItem);
+            if (fwrite(szItem, 1, nSize, stream) != nSize) return MOX_ERROR_GENERIC;
+            lengths.push_back(mox_data_length_s{static_cast<int32_t>(nSize)});
+            nLen += static_cast<int>(nSize);
+        }
+        nStartIndex = 0;
+        nEndIndex = static_cast<int>(lengths.size()) - 1;
+        nTotalCount = static_cast<int>(lengths.size());
+        groups.push_back(mox_data_group_s{0, nTotalCount});
+        return MOX_ERROR_NONE;
+    }
+    mox_error_code_e GetDetail(bool&, std::string& strCommand, std::string& strResult) override {
+        strResult = strCommand;
+        return MOX_ERROR_NONE;
+    }
+    void Destroy() override { delete this; }
+};
+
+}  // namespace
+
+MOX_WEB_SOURCE_DEFINE_ABI_VERSION()
+
+extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) { return 1; }
+
+extern "C" __attribute__((visibility("default"))) const char* GetSourceName(int nIndex) {
+    return nIndex == 0 ? kSourceName : nullptr;
+}
+
+extern "C" __attribute__((visibility("default"))) IWebSource* CreateSource(const char* szSourceName) {
+    if (szSourceName == nullptr || strcmp(szSourceName, kSourceName) != 0) return nullptr;
+    return new (std::nothrow) CMOXExampleSource();
+}

@@ -1,0 +1,192 @@
+#define MOX_LOG_TAG "MOX-ENGINE"
+#include "mox_local_folder.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include <mox/mox_log.h>
+#include <mox/mox_util.h>
+#include <mox_host_paths.h>
+#include <mox_unique_fd.h>
+
+namespace {
+
+struct SGroupList {
+    int nMediaType;
+    const char* const* ppExtensions;
+};
+
+const char* const kMusic[] = {"mp3",  "wma",   "m4a",   "aac",   "mpa",   "flac", "ogg", "wav",  "mid", "midi",
+                              "ape",  "pcm",   "lpcm1", "lpcm2", "lpcm3", "lpcm4", "aif", "aiff", "aifc", nullptr};
+const char* const kPhoto[] = {"jpg", "jpeg", "mpo", "bmp", "png", nullptr};
+const char* const kVideo[] = {"avi", "mpg", "mpeg", "mp4",  "vob",  "vro", "ts",   "trp",  "tp",
+                              "svi", "mkv", "wmv",  "asf",  "3gp",  "divx", "flv", "m2ts", "mov",
+                              "rm",  "rmvb", "mts", "webm", "s4ud", "ps",   "avs", nullptr};
+const char* const kRecording[] = {"srf", nullptr};
+const SGroupList kGroups[] = {{5, kMusic}, {2, kPhoto}, {3, kVideo}, {6, kRecording}};
+
+struct SDirCloser {
+    void operator()(DIR* pDir) const { closedir(pDir); }
+};
+
+std::string RealPath(const std::string& strPath, int& nErrno) {
+    char* szReal = realpath(strPath.c_str(), nullptr);
+    nErrno = errno;
+    if (!szReal) return std::string();
+    std::string strReal(szReal);
+    free(szReal);
+    return strReal;
+}
+
+bool IsBelow(const std::string& strRoot, const std::string& strPath) {
+    return strPath.size() > strRoot.size() + 1 && strPath.compare(0, strRoot.size(), strRoot) == 0 &&
+           strPath[strRoot.size()] == '/';
+}
+
+}  // namespace
+
+int CMOXLocalFolder::MediaTypeOf(const std::string& strName) {
+    std::string strExt = CMOXUtil::ToLower(CMOXUtil::GetFileExtension(strName.c_str()));
+    if (strExt.empty()) return 0;
+    for (const SGroupList& group : kGroups)
+        for (const char* const* pp = group.ppExtensions; *pp; ++pp)
+            if (strExt == *pp) return group.nMediaType;
+    return 0;
+}
+
+mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::string& strRoot,
+                                            std::string& strResolved) {
+    if (strPath.empty() || strPath[0] != '/' || strPath.size() > kMaxPathBytes ||
+        strPath.find('\0') != std::string::npos) {
+        MOX_WARN("Refused path[%.256s]: not an absolute path below the USB root.", strPath.c_str());
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    int nErrno = 0;
+    strRoot = RealPath(mox_host::UsbRoot(), nErrno);
+    if (strRoot.empty()) {
+        MOX_WARN("USB root[%s] unusable: %s.", mox_host::UsbRoot().c_str(), strerror(nErrno));
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    strResolved = RealPath(strPath, nErrno);
+    if (!strResolved.empty()) {
+        if (IsBelow(strRoot, strResolved)) return MOX_ERROR_NONE;
+        MOX_WARN("Refused path[%.256s]: outside the USB root.", strPath.c_str());
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    // Missing: say so only for a place below the root (its folder resolves
+    // there), never for paths elsewhere.
+    std::string strParent = strPath.substr(0, strPath.find_last_of('/'));
+    std::string strName = strPath.substr(strPath.find_last_of('/') + 1);
+    const int nPathErrno = nErrno;
+    std::string strParentReal = strParent.empty() ? std::string("/") : RealPath(strParent, nErrno);
+    if (nPathErrno == ENOENT) {
+        bool bParentInside = !strParentReal.empty() &&
+                             (strParentReal == strRoot || IsBelow(strRoot, strParentReal));
+        if (bParentInside && strName != "." && strName != ".." && !strName.empty()) return MOX_ERROR_DETAIL_NOT_FOUND;
+    }
+    MOX_WARN("Refused path[%.256s]: not below the USB root.", strPath.c_str());
+    return MOX_ERROR_INVALID_PARAMETER;
+}
+
+int CMOXLocalFolder::m_OpenConfined(const std::string& strRoot, const std::string& strResolved) {
+    mox_util::UniqueFd current(open(strRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!current.IsValid()) return -1;
+    size_t nPos = strRoot.size() + 1;
+    while (nPos <= strResolved.size()) {
+        size_t nEnd = strResolved.find('/', nPos);
+        if (nEnd == std::string::npos) nEnd = strResolved.size();
+        std::string strComponent = strResolved.substr(nPos, nEnd - nPos);
+        nPos = nEnd + 1;
+        if (strComponent.empty()) continue;
+        if (strComponent == "." || strComponent == "..") return -1;
+        mox_util::UniqueFd next(
+            openat(current.Get(), strComponent.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!next.IsValid()) return -1;
+        current = std::move(next);
+    }
+    return current.Release();
+}
+
+mox_error_code_e CMOXLocalFolder::List(const std::string& strFolderPath, const bool& bStop,
+                                       std::vector<SMOXLocalEntry>& entries, std::string& strResolved) {
+    std::string strRoot;
+    mox_error_code_e eError = m_Resolve(strFolderPath, strRoot, strResolved);
+    if (eError != MOX_ERROR_NONE) {
+        if (eError == MOX_ERROR_DETAIL_NOT_FOUND)
+            MOX_WARN("Folder[%.256s] does not exist.", strFolderPath.c_str());
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    int fd = m_OpenConfined(strRoot, strResolved);
+    if (fd < 0) {
+        MOX_WARN("Can not open folder[%.256s]: %s.", strFolderPath.c_str(), strerror(errno));
+        return errno == ENOTDIR || errno == ELOOP ? MOX_ERROR_INVALID_PARAMETER : MOX_ERROR_GENERIC;
+    }
+    std::unique_ptr<DIR, SDirCloser> dir(fdopendir(fd));
+    if (!dir) {
+        close(fd);
+        MOX_WARN("Can not read folder[%.256s]: %s.", strFolderPath.c_str(), strerror(errno));
+        return MOX_ERROR_GENERIC;
+    }
+    const int dirFd = dirfd(dir.get());
+    while (struct dirent* pEntry = readdir(dir.get())) {
+        if (__atomic_load_n(&bStop, __ATOMIC_RELAXED)) return MOX_ERROR_GENERIC;
+        // Hidden entries, "." and ".." are not media a browser shows.
+        if (pEntry->d_name[0] == '.') continue;
+        struct stat st;
+        if (fstatat(dirFd, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        SMOXLocalEntry entry;
+        if (S_ISDIR(st.st_mode)) {
+            entry.bIsFolder = true;
+        } else if (S_ISREG(st.st_mode)) {
+            entry.llSize = static_cast<long long>(st.st_size);
+            entry.nMediaType = MediaTypeOf(pEntry->d_name);
+        } else {
+            continue;  // links (not followed), devices, pipes, sockets
+        }
+        entry.llTime = static_cast<long long>(st.st_mtime);
+        entry.strName = pEntry->d_name;
+        if (entries.size() >= kMaxEntries) {
+            MOX_WARN("Folder[%.256s] holds more than %zu entries: the rest is left out.", strFolderPath.c_str(),
+                     kMaxEntries);
+            break;
+        }
+        entries.push_back(std::move(entry));
+    }
+    return MOX_ERROR_NONE;
+}
+
+mox_error_code_e CMOXLocalFolder::Describe(const std::string& strPath, SMOXLocalEntry& entry,
+                                           std::string& strFullPath) {
+    std::string strRoot, strResolved;
+    mox_error_code_e eError = m_Resolve(strPath, strRoot, strResolved);
+    if (eError != MOX_ERROR_NONE) return eError;
+    size_t nSlash = strResolved.find_last_of('/');
+    std::string strParent = strResolved.substr(0, nSlash);
+    std::string strName = strResolved.substr(nSlash + 1);
+    mox_util::UniqueFd parent(strParent == strRoot ? open(strRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                                                   : m_OpenConfined(strRoot, strParent));
+    struct stat st;
+    if (!parent.IsValid() || fstatat(parent.Get(), strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        MOX_WARN("Can not read entry[%.256s]: %s.", strPath.c_str(), strerror(errno));
+        return errno == ENOENT ? MOX_ERROR_DETAIL_NOT_FOUND : MOX_ERROR_INVALID_PARAMETER;
+    }
+    if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) {
+        MOX_WARN("Entry[%.256s] is neither a folder nor a file.", strPath.c_str());
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    entry.strName = strName;
+    entry.bIsFolder = S_ISDIR(st.st_mode);
+    entry.llSize = entry.bIsFolder ? 0 : static_cast<long long>(st.st_size);
+    entry.llTime = static_cast<long long>(st.st_mtime);
+    entry.nMediaType = entry.bIsFolder ? 0 : MediaTypeOf(strName);
+    strFullPath = strResolved;
+    return MOX_ERROR_NONE;
+}

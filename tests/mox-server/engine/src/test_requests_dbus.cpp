@@ -1,0 +1,464 @@
+// Requests end to end: the real daemon on a private bus with the real
+// plug-ins (the local source over a temporary USB root, the test sources, a
+// test UHD provider), clients reading the result lists from shared memory.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <mox/mox_resultlist.h>
+
+#include "engine_fixture.h"
+
+using moxtest::CallResult;
+using moxtest::ConnectionPtr;
+using moxtest::EngineHarness;
+using moxtest::SignalCollector;
+using moxtest::WriteTextFile;
+
+namespace {
+
+constexpr guint32 kFailedHandle = 4294967295u;
+
+Json::Value Parse(const std::string& text) {
+    Json::Value value;
+    Json::Reader().parse(text, value);
+    return value;
+}
+
+bool ShmExists(const std::string& name) {
+    struct stat st;
+    return stat(("/dev/shm/" + name).c_str(), &st) == 0;
+}
+
+// A client: its own connection, its own signals.
+class Client {
+public:
+    explicit Client(EngineHarness& h) : m_h(h), m_conn(h.Connect()), m_signals(m_conn.get()) {}
+
+    guint32 Connect(const std::string& name) {
+        CallResult r = m_h.Call("connect", g_variant_new("(s)", name.c_str()), m_conn.get());
+        EXPECT_TRUE(r.ok()) << r.error;
+        guint32 handle = kFailedHandle;
+        if (r.ok()) g_variant_get(r.reply.get(), "(u)", &handle);
+        return handle;
+    }
+    void Send(const char* method, GVariant* params) {
+        CallResult r = m_h.Call(method, params, m_conn.get());
+        EXPECT_TRUE(r.ok()) << method << ": " << r.error;
+    }
+    void List(guint32 handle, const std::string& doc) {
+        Send("get_partial_list", g_variant_new("(uuus)", handle, 0u, 0u, doc.c_str()));
+    }
+    // The n-th (1-based) payload of a signal, waiting for it.
+    Json::Value Nth(const char* name, size_t n) {
+        EXPECT_TRUE(m_signals.WaitFor(name, n)) << "no signal " << name << " #" << n;
+        auto all = m_signals.Named(name);
+        return all.size() >= n ? Parse(all[n - 1]->text()) : Json::Value();
+    }
+    size_t Count(const char* name) const { return m_signals.Named(name).size(); }
+    void Drain(int ms) { m_signals.Drain(std::chrono::milliseconds(ms)); }
+    GDBusConnection* conn() { return m_conn.get(); }
+    void Close() {
+        g_dbus_connection_close_sync(m_conn.get(), nullptr, nullptr);
+    }
+
+private:
+    EngineHarness& m_h;
+    ConnectionPtr m_conn;
+    SignalCollector m_signals;
+};
+
+void Install(EngineHarness& h, const char* path) {
+    std::string target = h.PluginDir() + "/" + std::filesystem::path(path).filename().string();
+    std::filesystem::create_symlink(path, target);
+}
+
+std::string ListDoc(const std::string& sources, const std::string& extra = "") {
+    return R"({"mox_command":"mox_requestlist","mox_source":)" + sources + extra + "}";
+}
+
+// The items of a result list, as a client reads them.
+std::vector<Json::Value> ReadList(const std::string& name) {
+    std::vector<Json::Value> items;
+    CResultList list(name);
+    EXPECT_TRUE(list.IsLoaded()) << name;
+    for (int i = list.StartIndex(); list.IsLoaded() && i <= list.EndIndex(); ++i) {
+        std::string item, block;
+        int index = -1;
+        EXPECT_TRUE(list.GetItem(i, item, block, index)) << i;
+        items.push_back(Parse(item));
+    }
+    return items;
+}
+
+std::vector<std::string> Names(const std::vector<Json::Value>& items) {
+    std::vector<std::string> names;
+    for (const auto& item : items) names.push_back(item["FileName"].asString());
+    return names;
+}
+
+class Requests : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Install(h, MOX_LOCAL_SOURCE_SO);
+        Install(h, MOX_TEST_SOURCE_SO);
+        Install(h, MOX_TEST_BAD_ABI_SO);
+        Install(h, MOX_TEST_NO_ENTRY_SO);
+        ASSERT_TRUE(h.Start());
+    }
+    void TearDown() override {
+        EXPECT_EQ(h.Stop(), 0) << h.Output();
+        // Whatever the clients did not drop, the daemon removed on its way out.
+        for (const std::string& name : seenLists) EXPECT_FALSE(ShmExists(name)) << name;
+    }
+    std::string Delivered(Json::Value payload) {
+        std::string name = payload["mox_result_list_block_name"].asString();
+        if (!name.empty()) seenLists.push_back(name);
+        return name;
+    }
+
+    EngineHarness h;
+    std::vector<std::string> seenLists;
+};
+
+TEST_F(Requests, LocalSourceListsSortsWindowsDropsAndDescribes) {
+    const std::string folder = h.UsbRoot() + "/sda1/photos";
+    std::filesystem::create_directories(folder + "/zfolder");
+    WriteTextFile(folder + "/b.jpg", std::string(30, 'b'));
+    WriteTextFile(folder + "/a.mp3", std::string(10, 'a'));
+    WriteTextFile(folder + "/c.MP4", std::string(20, 'c'));
+    WriteTextFile(folder + "/.hidden", "x");
+    WriteTextFile(h.Path("outside.jpg"), "secret");
+    std::filesystem::create_symlink(h.Path("outside.jpg"), folder + "/link.jpg");
+    std::filesystem::create_directories(h.UsbRoot() + "/sda1/empty");
+
+    Client c(h);
+    guint32 handle = c.Connect("libmox_local_source.so");
+    ASSERT_NE(handle, kFailedHandle);
+    const std::string src = R"(["mox_local_source"])";
+
+    // Folders first, then files by name; links and hidden entries left out.
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_sectionindex":0)"));
+    Json::Value ev = c.Nth("mox_request_normal_complete", 1);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 0);
+    EXPECT_EQ(ev["mox_handle_id"].asUInt(), handle);
+    std::string plain = Delivered(ev);
+    auto items = ReadList(plain);
+    EXPECT_EQ(Names(items), (std::vector<std::string>{"zfolder", "a.mp3", "b.jpg", "c.MP4"}));
+    ASSERT_EQ(items.size(), 4u);
+    EXPECT_TRUE(items[0]["IsFolder"].asBool());
+    EXPECT_EQ(items[2]["FilePath"].asString(), folder + "/b.jpg");
+    EXPECT_EQ(items[2]["FileSize"].asInt(), 30);
+    EXPECT_EQ(items[2]["Title"].asString(), "b");
+    EXPECT_EQ(items[2]["MediaType"].asInt(), 2);
+    EXPECT_EQ(items[3]["MediaType"].asInt(), 3);
+    {
+        CResultList list(plain);
+        int a = 0, b = 0;
+        ASSERT_EQ(list.GetGroupCount(), 2);
+        EXPECT_TRUE(list.GetGroup(1, a, b));
+        EXPECT_EQ(a, 1);
+        EXPECT_EQ(b, 3);
+    }
+
+    // Sorted by size, descending; the same folder again is a cache hit.
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","SortedType":2,"SortedKey":"FileSize")"));
+    ev = c.Nth("mox_request_normal_complete", 2);
+    EXPECT_EQ(Names(ReadList(Delivered(ev))), (std::vector<std::string>{"b.jpg", "c.MP4", "a.mp3", "zfolder"}));
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_sectionindex":0)"));
+    ev = c.Nth("mox_request_normal_complete", 3);
+    EXPECT_EQ(Names(ReadList(Delivered(ev))).size(), 4u);
+    EXPECT_GE(h.CountLog("Hit success, get data from cache."), 1u);
+
+    // Photos only (folders kept), and a window over the matching entries.
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_media_type":2,"SortedType":1,"SortedKey":"FileName")"));
+    EXPECT_EQ(Names(ReadList(Delivered(c.Nth("mox_request_normal_complete", 4)))),
+              (std::vector<std::string>{"b.jpg", "zfolder"}));
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_start_index":1,"mox_end_index":2)"));
+    ev = c.Nth("mox_request_normal_complete", 5);
+    std::string window = Delivered(ev);
+    EXPECT_EQ(Names(ReadList(window)), (std::vector<std::string>{"a.mp3", "b.jpg"}));
+    EXPECT_EQ(CResultList(window).GetTotalCount(), 4);
+
+    // Empty folder: error 6, event 1. Outside the root or through "..": event 2.
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + h.UsbRoot() + R"(/sda1/empty")"));
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 6)["mox_event_type"].asInt(), 1);
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + h.UsbRoot() + R"(/sda1/../..")"));
+    ev = c.Nth("mox_request_normal_complete", 7);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 2);
+    EXPECT_EQ(ev["mox_result_list_block_name"].asString(), "");
+    EXPECT_GE(h.CountLog("outside the USB root"), 1u);
+
+    // Drop: 10 and the object is gone; a second drop of it, or of a name never
+    // handed out, is refused with 11.
+    c.Send("drop_partial_list", g_variant_new("(us)", handle, plain.c_str()));
+    ev = c.Nth("mox_request_normal_complete", 8);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 10);
+    EXPECT_EQ(ev["mox_shm_name"].asString(), plain);
+    EXPECT_FALSE(ShmExists(plain));
+    c.Send("drop_partial_list", g_variant_new("(us)", handle, plain.c_str()));
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 9)["mox_event_type"].asInt(), 11);
+    c.Send("drop_partial_list", g_variant_new("(us)", handle, "mox_resultlist_99999"));
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 10)["mox_event_type"].asInt(), 11);
+
+    // Detail: an existing file (error 0 gives event 3), a missing one (5),
+    // one outside the root and one reached through a link out of it (7 -> 3).
+    auto detail = [&](const std::string& path, const std::string& times) {
+        std::string doc = R"({"mox_command":"mox_requestdetail","mox_source":"mox_local_source","FilePath":")" + path +
+                          R"(","mox_detail_request_times":")" + times + R"("})";
+        c.Send("request_detail", g_variant_new("(us)", handle, doc.c_str()));
+    };
+    detail(folder + "/a.mp3", "t1");
+    ev = c.Nth("mox_request_normal_complete", 11);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 3);
+    EXPECT_EQ(ev["mox_detail_request_times"].asString(), "t1");
+    Json::Value item = Parse(ev["mox_result_detail_json"].asString());
+    EXPECT_EQ(item["FileName"].asString(), "a.mp3");
+    EXPECT_EQ(item["FileSize"].asInt(), 10);
+    EXPECT_EQ(item["MediaType"].asInt(), 5);
+    detail(folder + "/nothere.jpg", "t2");
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 12)["mox_event_type"].asInt(), 5);
+    detail("/etc/passwd", "t3");
+    ev = c.Nth("mox_request_normal_complete", 13);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 3);
+    EXPECT_EQ(ev["mox_result_detail_json"].asString(), "");
+    detail(folder + "/link.jpg", "t4");
+    ev = c.Nth("mox_request_normal_complete", 14);
+    EXPECT_EQ(ev["mox_result_detail_json"].asString(), "");
+}
+
+TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
+    Client a(h), b(h);
+    guint32 ha = a.Connect("libmox_test_source.so");
+    guint32 hb = b.Connect("libmox_test_source.so");
+    ASSERT_NE(ha, kFailedHandle);
+    EXPECT_EQ(hb, ha + 1);
+    EXPECT_EQ(h.CountLog("Already installed plugin"), 1u);
+
+    // Two clients, one source call, one signal each under its own handle; the
+    // same client twice under one handle is answered once.
+    const std::string slow = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":600)");
+    a.List(ha, slow);
+    b.List(hb, slow);
+    b.List(hb, slow);
+    Json::Value ea = a.Nth("mox_request_normal_complete", 1);
+    Json::Value eb = b.Nth("mox_request_normal_complete", 1);
+    b.Drain(300);
+    EXPECT_EQ(b.Count("mox_request_normal_complete"), 1u);
+    EXPECT_EQ(ea["mox_handle_id"].asUInt(), ha);
+    EXPECT_EQ(eb["mox_handle_id"].asUInt(), hb);
+    EXPECT_EQ(Delivered(ea), Delivered(eb));
+    EXPECT_EQ(h.CountLog("test source GetData[mox_test_source]"), 1u);
+    // Shared list: the first drop leaves it for the other client.
+    a.Send("drop_partial_list", g_variant_new("(us)", ha, Delivered(ea).c_str()));
+    EXPECT_EQ(a.Nth("mox_request_normal_complete", 2)["mox_event_type"].asInt(), 10);
+    EXPECT_EQ(ReadList(Delivered(eb)).size(), 3u);
+    b.Send("drop_partial_list", g_variant_new("(us)", hb, Delivered(eb).c_str()));
+    EXPECT_EQ(b.Nth("mox_request_normal_complete", 2)["mox_event_type"].asInt(), 10);
+    EXPECT_FALSE(ShmExists(Delivered(eb)));
+
+    // Disconnect suppresses only the disconnected requester's answer.
+    const std::string slow2 = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":700)");
+    a.List(ha, slow2);
+    b.List(hb, slow2);
+    a.Send("disconnect", g_variant_new("(u)", ha));
+    Json::Value ack = a.Nth("mox_request_normal_complete", 3);
+    EXPECT_EQ(ack["mox_event_type"].asInt(), 8);
+    EXPECT_EQ(ack["mox_handle_id"].asUInt(), ha);
+    EXPECT_EQ(b.Nth("mox_request_normal_complete", 3)["mox_event_type"].asInt(), 0);
+    Delivered(b.Nth("mox_request_normal_complete", 3));
+    a.Drain(300);
+    EXPECT_EQ(a.Count("mox_request_normal_complete"), 3u);
+
+    // Two sources: the items of the name that sorts first come first.
+    b.List(hb, ListDoc(R"(["mox_test_source2","mox_test_source"])", R"(,"test_item_count":2)"));
+    Json::Value two = b.Nth("mox_request_normal_complete", 4);
+    EXPECT_EQ(Names(ReadList(Delivered(two))),
+              (std::vector<std::string>{"mox_test_source-0", "mox_test_source-1", "mox_test_source2-0",
+                                        "mox_test_source2-1"}));
+    // ... and sorted across both sources by an integer key.
+    b.List(hb, ListDoc(R"(["mox_test_source2","mox_test_source"])",
+                       R"(,"test_item_count":2,"SortedType":1,"SortedKey":"FileTime")"));
+    EXPECT_EQ(Names(ReadList(Delivered(b.Nth("mox_request_normal_complete", 5)))),
+              (std::vector<std::string>{"mox_test_source-1", "mox_test_source2-1", "mox_test_source-0",
+                                        "mox_test_source2-0"}));
+
+    // A source's own error code: 6 gives event 1, others event 2.
+    b.List(hb, ListDoc(R"(["mox_test_source"])", R"(,"test_error":6)"));
+    EXPECT_EQ(b.Nth("mox_request_normal_complete", 6)["mox_event_type"].asInt(), 1);
+    b.List(hb, ListDoc(R"(["mox_test_source"])", R"(,"test_error":9)"));
+    EXPECT_EQ(b.Nth("mox_request_normal_complete", 7)["mox_event_type"].asInt(), 2);
+    // A source nobody installed: error 4, event 2.
+    b.List(hb, ListDoc(R"(["mox_nobody"])"));
+    EXPECT_EQ(b.Nth("mox_request_normal_complete", 8)["mox_event_type"].asInt(), 2);
+    EXPECT_GE(h.CountLog("Can not get source[mox_nobody]."), 1u);
+}
+
+TEST_F(Requests, DetailOutcomesCancelAndMetadataWithAndWithoutProvider) {
+    Client c(h);
+    guint32 handle = c.Connect("libmox_test_source.so");
+    auto detail = [&](const std::string& extra) {
+        std::string doc = R"({"mox_command":"mox_requestdetail","mox_source":"mox_test_source")" + extra + "}";
+        c.Send("request_detail", g_variant_new("(us)", handle, doc.c_str()));
+    };
+    detail(R"(,"test_error":4)");
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 1)["mox_event_type"].asInt(), 4);
+    detail(R"(,"test_error":5)");
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 2)["mox_event_type"].asInt(), 5);
+    detail("");
+    Json::Value ev = c.Nth("mox_request_normal_complete", 3);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 3);
+    EXPECT_EQ(ev["mox_result_detail_json"].asString(), R"({"detail_of":"mox_test_source"})");
+    EXPECT_EQ(ev["mox_detail_request_times"].asString(), "");
+    detail(R"(,"test_misbehave":"throw")");
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 4)["mox_event_type"].asInt(), 3);
+    // Without a source: 4.
+    c.Send("request_detail", g_variant_new("(us)", handle, R"({"mox_command":"mox_requestdetail"})"));
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 5)["mox_event_type"].asInt(), 4);
+
+    // Cancelled before it completes: no signal; the job still ends.
+    detail(R"(,"test_delay_ms":400)");
+    c.Send("request_cancel_detail", g_variant_new("(u)", handle));
+    c.Drain(900);
+    EXPECT_EQ(c.Count("mox_request_normal_complete"), 5u);
+
+    // Metadata: no provider -> 14; a provider -> 13 with its answer and the
+    // request; a failing provider -> 14.
+    const std::string meta = R"({"mox_command":"mox_requestmeta","mox_uuid":"u1","mox_accesstoken":"tok"})";
+    c.Send("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
+    ev = c.Nth("mox_request_metadata", 1);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 14);
+    Install(h, MOX_UHD_PROVIDER_SO);
+    c.Send("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
+    ev = c.Nth("mox_request_metadata", 2);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 13);
+    Json::Value data = Parse(ev["act_command_and_return_data"].asString());
+    EXPECT_EQ(data["uhd_uuid"].asString(), "u1");
+    EXPECT_EQ(data["uhd_token"].asString(), "tok");
+    EXPECT_EQ(data["mox_uhd_request_param"].asString(), meta);
+    c.Send("request_metadata",
+           g_variant_new("(us)", handle, R"({"mox_command":"mox_requestmeta","mox_uuid":"fail"})"));
+    EXPECT_EQ(c.Nth("mox_request_metadata", 3)["mox_event_type"].asInt(), 14);
+    c.Send("request_metadata",
+           g_variant_new("(us)", handle, R"({"mox_command":"mox_requestmeta","mox_uuid":"huge"})"));
+    EXPECT_EQ(c.Nth("mox_request_metadata", 4)["mox_event_type"].asInt(), 14);
+}
+
+TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
+    Client c(h);
+    // Plug-in names: nothing outside the plug-in directory, nothing unusable.
+    const std::string longName = "lib" + std::string(4096, 'a') + ".so";
+    for (const std::string& name :
+         {std::string("../plugins/libmox_test_source.so"), std::string("/etc/libx.so"), std::string("libmox_test_source"),
+          std::string("lib..so"), longName, std::string("libmox_test_bad_abi.so"),
+          std::string("libmox_test_no_entry.so"), std::string("libnothere.so"), std::string("")})
+        EXPECT_EQ(c.Connect(name), kFailedHandle) << name.substr(0, 60);
+    EXPECT_GE(h.CountLog("Refused plugin name"), 4u);
+    EXPECT_EQ(h.CountLog("built for source ABI"), 1u);
+    // Failures consume no handle; "cloud" needs no plug-in.
+    EXPECT_EQ(c.Connect("cloud"), 0u);
+    guint32 handle = c.Connect("libmox_test_source.so");
+    EXPECT_EQ(handle, 1u);
+
+    // Documents that the engine cannot make a command of: no signal.
+    c.List(handle, "not json");
+    c.List(handle, "[1,2]");
+    c.List(handle, R"({"mox_command":"mox_unknown","mox_source":["mox_test_source"]})");
+    c.Drain(300);
+    EXPECT_EQ(h.CountLog("GetCommand failed."), 3u);
+    EXPECT_EQ(h.CountLog("Unknown command[mox_unknown]."), 1u);
+
+    // Each bad list request gets its failure event and nothing else breaks.
+    std::string many = "[";
+    for (int i = 0; i < 10000; ++i) many += (i ? ",\"s" : "\"s") + std::to_string(i) + "\"";
+    many += "]";
+    const std::vector<std::pair<std::string, int>> bad = {
+        {ListDoc(R"("mox_test_source")"), 2},
+        {ListDoc(R"([1,2])"), 2},
+        {ListDoc(R"([])"), 2},
+        {ListDoc(many), 2},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"count_mismatch")"), 1},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"overrun")"), 1},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"huge_range")"), 1},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"throw")"), 2},
+        {ListDoc(R"(["mox_test_source","mox_test_source2"])", R"(,"test_misbehave":"offset")"), 1},
+    };
+    size_t n = 0;
+    for (const auto& [doc, event] : bad) {
+        c.List(handle, doc);
+        Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
+        EXPECT_EQ(ev["mox_event_type"].asInt(), event) << doc.substr(0, 120);
+        EXPECT_EQ(ev["mox_result_list_block_name"].asString(), "") << doc.substr(0, 120);
+    }
+    EXPECT_GE(h.CountLog("answered 3 items but 2 lengths"), 1u);
+    EXPECT_GE(h.CountLog("overrun the"), 1u);
+    EXPECT_GE(h.CountLog("threw from GetData"), 1u);
+    EXPECT_GE(h.CountLog("can not hold"), 1u);
+    // A single source whose window does not start at 0 is a fine list.
+    c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"offset")"));
+    Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 0);
+    CResultList offset(Delivered(ev));
+    EXPECT_EQ(offset.StartIndex(), 5);
+    EXPECT_EQ(offset.EndIndex(), 7);
+    // Unbalanced drops and cancels of handles never used.
+    c.Send("request_cancel_detail", g_variant_new("(u)", 777u));
+    c.Send("drop_partial_list", g_variant_new("(us)", handle, "../../etc/passwd"));
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_event_type"].asInt(), 11);
+
+    CallResult alive = h.Call("start_server", nullptr);
+    ASSERT_TRUE(alive.ok()) << alive.error;
+}
+
+TEST_F(Requests, ClientLeavingTheBusLosesItsListsAndAnswers) {
+    Client stays(h);
+    guint32 hs = stays.Connect("libmox_test_source.so");
+    std::string kept, orphan;
+    {
+        Client leaves(h);
+        guint32 hl = leaves.Connect("libmox_test_source.so");
+        leaves.List(hl, ListDoc(R"(["mox_test_source"])"));
+        orphan = Delivered(leaves.Nth("mox_request_normal_complete", 1));
+        // Shared with the client that stays: that list must survive.
+        const std::string shared = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":500)");
+        leaves.List(hl, shared);
+        stays.List(hs, shared);
+        kept = Delivered(leaves.Nth("mox_request_normal_complete", 2));
+        EXPECT_EQ(Delivered(stays.Nth("mox_request_normal_complete", 1)), kept);
+        // A request still running when the client leaves.
+        leaves.List(hl, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":600,"test_item_count":4)"));
+        ASSERT_TRUE(ShmExists(orphan));
+        leaves.Close();
+    }
+    ASSERT_TRUE(h.WaitForLog("left the bus"));
+    EXPECT_FALSE(ShmExists(orphan));
+    EXPECT_TRUE(ShmExists(kept));
+    EXPECT_EQ(ReadList(kept).size(), 3u);
+    // The answer nobody waits for any more is dropped as soon as it is built.
+    ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]", 3));
+    ASSERT_TRUE(h.WaitForLog("delete a worker.", 3));
+    stays.Drain(200);
+    EXPECT_EQ(stays.Count("mox_request_normal_complete"), 1u);
+}
+
+// The example plug-in, built in this tree or (MOX_OUT_OF_TREE_PLUGIN, set by
+// tests/plugins/out_of_tree.sh) on its own against an installed engine.
+TEST_F(Requests, ExamplePluginIsLoadedAndListed) {
+    const char* env = getenv("MOX_OUT_OF_TREE_PLUGIN");
+    Install(h, env ? env : MOX_EXAMPLE_SOURCE_SO);
+    Client c(h);
+    guint32 handle = c.Connect("libmox_example_source.so");
+    ASSERT_NE(handle, kFailedHandle);
+    c.List(handle, ListDoc(R"(["mox_example_source"])", R"(,"SortedType":2,"SortedKey":"Title")"));
+    Json::Value ev = c.Nth("mox_request_normal_complete", 1);
+    ASSERT_EQ(ev["mox_event_type"].asInt(), 0);
+    EXPECT_EQ(Names(ReadList(Delivered(ev))), (std::vector<std::string>{"c.mp4", "b.mp3", "a.jpg"}));
+}
+
+}  // namespace

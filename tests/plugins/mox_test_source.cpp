@@ -1,0 +1,131 @@
+// Test sources "mox_test_source" and "mox_test_source2", driven by the
+// command document so that a test decides what the engine gets back:
+//   "test_delay_ms"   wait this long first (polling the stop flag)
+//   "test_error"      return this code instead of answering
+//   "test_item_count" number of items (default 3; 0 answers an empty list)
+//   "test_misbehave"  "count_mismatch" (one length short), "overrun"
+//                     (lengths beyond the bytes written), "huge_range"
+//                     (a window no list can hold), "offset" (window starts
+//                     at 5), "throw" (an exception)
+// Items: {"FileName": "<source>-<k>", "Title", "FileSize": k, "FileTime":
+// 100 - k}. Every GetData call logs "test source GetData[<source>]", which
+// tests count in the daemon's log. Built with -DMOX_TEST_BAD_ABI it reports
+// another ABI version; with -DMOX_TEST_NO_ENTRY it exports nothing.
+#define MOX_LOG_TAG "MOX-TEST"
+
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <mox/json_value.h>
+#include <mox/mox_log.h>
+#include <mox/mox_web_source.h>
+
+namespace {
+
+int IntMember(const CJsonValue& doc, const char* szKey, int nDefault) {
+    int nValue = nDefault;
+    if (doc.IsInt(szKey)) doc.Get(szKey, nValue);
+    return nValue;
+}
+
+std::string StringMember(const CJsonValue& doc, const char* szKey) {
+    std::string strValue;
+    if (doc.IsString(szKey)) doc.Get(szKey, strValue);
+    return strValue;
+}
+
+bool Wait(const CJsonValue& doc, const bool& bStop) {
+    int nDelay = IntMember(doc, "test_delay_ms", 0);
+    for (int i = 0; i < nDelay / 10; ++i) {
+        if (__atomic_load_n(&bStop, __ATOMIC_RELAXED)) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+class CMOXTestSource final : public IWebSource {
+public:
+    explicit CMOXTestSource(std::string strName) : m_strName(std::move(strName)) {}
+    bool Init() override { return true; }
+    void Close() override {}
+    void Destroy() override { delete this; }
+
+    mox_error_code_e GetData(bool& bStop, std::string& strQueryCmd, FILE* stream, int& nLen, int& nStartIndex,
+                             int& nEndIndex, int& nTotalCount, std::vector<mox_data_group_s>& groups,
+                             std::vector<mox_data_length_s>& lengths) override {
+        MOX_INFO("test source GetData[%s]", m_strName.c_str());
+        CJsonValue doc(strQueryCmd);
+        if (!Wait(doc, bStop)) return MOX_ERROR_GENERIC;
+        int nError = IntMember(doc, "test_error", 0);
+        if (nError != 0) return static_cast<mox_error_code_e>(nError);
+        std::string strMisbehave = StringMember(doc, "test_misbehave");
+        if (strMisbehave == "throw") throw std::runtime_error("test source throws");
+        int nCount = IntMember(doc, "test_item_count", 3);
+        for (int k = 0; k < nCount; ++k) {
+            std::string strItem = "{\"FileName\":\"" + m_strName + "-" + std::to_string(k) + "\",\"Title\":\"t" +
+                                  std::to_string(k) + "\",\"FileSize\":" + std::to_string(k) +
+                                  ",\"FileTime\":" + std::to_string(100 - k) + "}";
+            fwrite(strItem.data(), 1, strItem.size(), stream);
+            nLen += static_cast<int>(strItem.size());
+            lengths.push_back(mox_data_length_s{static_cast<int32_t>(strItem.size())});
+        }
+        nStartIndex = 0;
+        nEndIndex = nCount - 1;
+        nTotalCount = nCount;
+        if (nCount > 0) groups.push_back(mox_data_group_s{0, nCount});
+        if (strMisbehave == "count_mismatch" && !lengths.empty()) lengths.pop_back();
+        if (strMisbehave == "overrun" && !lengths.empty()) lengths.back().nLength += 1000;
+        if (strMisbehave == "huge_range") {
+            nEndIndex = 0x7ffffff0;
+            nTotalCount = 0x7ffffff1;
+        }
+        if (strMisbehave == "offset") {
+            nStartIndex += 5;
+            nEndIndex += 5;
+            nTotalCount += 5;
+        }
+        return MOX_ERROR_NONE;
+    }
+
+    mox_error_code_e GetDetail(bool& bStop, std::string& strCommand, std::string& strResult) override {
+        CJsonValue doc(strCommand);
+        if (!Wait(doc, bStop)) return MOX_ERROR_GENERIC;
+        if (StringMember(doc, "test_misbehave") == "throw") throw std::runtime_error("test source throws");
+        strResult = "{\"detail_of\":\"" + m_strName + "\"}";
+        return static_cast<mox_error_code_e>(IntMember(doc, "test_error", 0));
+    }
+
+private:
+    std::string m_strName;
+};
+
+const char* const kNames[] = {"mox_test_source", "mox_test_source2"};
+
+}  // namespace
+
+#ifndef MOX_TEST_NO_ENTRY
+
+extern "C" __attribute__((visibility("default"))) int GetSourceAbiVersion(void) {
+#ifdef MOX_TEST_BAD_ABI
+    return MOX_WEB_SOURCE_ABI_VERSION + 100;
+#else
+    return MOX_WEB_SOURCE_ABI_VERSION;
+#endif
+}
+
+extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) { return 2; }
+
+extern "C" __attribute__((visibility("default"))) const char* GetSourceName(int nIndex) {
+    return nIndex >= 0 && nIndex < 2 ? kNames[nIndex] : nullptr;
+}
+
+extern "C" __attribute__((visibility("default"))) IWebSource* CreateSource(const char* szSourceName) {
+    for (const char* szName : kNames)
+        if (szSourceName && strcmp(szSourceName, szName) == 0) return new CMOXTestSource(szName);
+    return nullptr;
+}
+
+#endif
