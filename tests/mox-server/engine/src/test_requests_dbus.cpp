@@ -238,6 +238,15 @@ TEST_F(Requests, LocalSourceListsSortsWindowsDropsAndDescribes) {
     detail(folder + "/link.jpg", "t4");
     ev = c.Nth("mox_request_normal_complete", 16);
     EXPECT_EQ(ev["mox_result_detail_json"].asString(), "");
+
+    // Names that need escaping come back intact.
+    const std::string odd = "say \"hi\"\t\\.png";
+    WriteTextFile(h.UsbRoot() + "/sda1/odd/" + odd, "x");
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + h.UsbRoot() + R"(/sda1/odd")"));
+    auto oddItems = ReadList(Delivered(c.Nth("mox_request_normal_complete", 17)));
+    ASSERT_EQ(oddItems.size(), 1u);
+    EXPECT_EQ(oddItems[0]["FileName"].asString(), odd);
+    EXPECT_EQ(oddItems[0]["Title"].asString(), "say \"hi\"\t\\");
 }
 
 TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
