@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -31,6 +32,7 @@
 extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
+#include <libavutil/log.h>
 #include <libavutil/mem.h>
 }
 
@@ -424,6 +426,9 @@ extern "C" {
 
 int metadata_extractor_create(metadata_extractor_h* metadata) {
     if (!metadata) return METADATA_EXTRACTOR_ERROR_INVALID_PARAMETER;
+    // Corrupt files are expected; their details are not worth a log line each.
+    static std::once_flag s_quiet;
+    std::call_once(s_quiet, [] { av_log_set_level(AV_LOG_FATAL); });
     *metadata = new (std::nothrow) metadata_extractor_s();
     return *metadata ? METADATA_EXTRACTOR_ERROR_NONE : METADATA_EXTRACTOR_ERROR_OUT_OF_MEMORY;
 }
