@@ -175,6 +175,13 @@ TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
     // The same name with other contents (size changes) is parsed again.
     WriteBytes(s_dir->file("mox-extract-crash.jpg"), jpeg + "tail");
     EXPECT_EQ(Helper("mox-extract-crash.jpg", 2), "");
+
+    // No helper to be had: the basic record only, and no crash.
+    setenv("MOX_EXTRACT_HELPER", (s_dir->path() + "/no-such-helper").c_str(), 1);
+    std::string basic = Helper("photo.jpg", 2);
+    setenv("MOX_EXTRACT_HELPER", MOX_EXTRACT_HELPER_BINARY, 1);
+    EXPECT_NE(basic.find("\"MODEL\":\"\""), std::string::npos) << basic;
+    EXPECT_NE(basic.find("\"DISPLAY_NAME\":\"photo.jpg\""), std::string::npos) << basic;
     EXPECT_EQ(Helper("photo.jpg", 2), good);
 }
 
