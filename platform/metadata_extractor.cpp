@@ -19,7 +19,6 @@
 
 #include <taglib/aifffile.h>
 #include <taglib/apefile.h>
-#include <taglib/asffile.h>
 #include <taglib/flacfile.h>
 #include <taglib/id3v2framefactory.h>
 #include <taglib/mp4file.h>
@@ -172,8 +171,9 @@ int AvInterrupt(void* opaque) {
 }
 
 bool IsTagLibExtension(const std::string& ext) {
-    static const char* const kExts[] = {"mp3", "mpa", "flac", "ogg", "m4a", "wma", "asf",
-                                        "wav", "aif", "aiff", "aifc", "ape"};
+    // Not ASF/WMA: TagLib's ASF reader can spend many seconds on a small
+    // crafted file, while libavformat's work is cut off at the deadline.
+    static const char* const kExts[] = {"mp3", "mpa", "flac", "ogg", "m4a", "wav", "aif", "aiff", "aifc", "ape"};
     for (const char* e : kExts)
         if (ext == e) return true;
     return false;
@@ -187,7 +187,6 @@ std::unique_ptr<TagLib::File> OpenTagLib(const std::string& ext, TagLib::IOStrea
     if (ext == "flac") return std::make_unique<TagLib::FLAC::File>(stream, factory, props, style);
     if (ext == "ogg") return std::make_unique<TagLib::Ogg::Vorbis::File>(stream, props, style);
     if (ext == "m4a") return std::make_unique<TagLib::MP4::File>(stream, props, style);
-    if (ext == "wma" || ext == "asf") return std::make_unique<TagLib::ASF::File>(stream, props, style);
     if (ext == "wav") return std::make_unique<TagLib::RIFF::WAV::File>(stream, props, style);
     if (ext == "aif" || ext == "aiff" || ext == "aifc")
         return std::make_unique<TagLib::RIFF::AIFF::File>(stream, props, style);
