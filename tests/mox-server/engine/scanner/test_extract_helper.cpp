@@ -222,3 +222,27 @@ TEST_F(ExtractHelper, ConcurrentCallersShareTheHelper) {
     for (int t = 0; t < 4; ++t) EXPECT_EQ(mismatches[t], 0) << t;
     EXPECT_EQ(HelperPids().size(), 1u);
 }
+
+TEST_F(ExtractHelper, HelperSurvivesLoggingToARegularFile) {
+    // The helper may not grow files; its warnings to a stderr that is a
+    // regular file must fail quietly, not kill it.
+    WriteBytes(s_dir->file("mox-extract-crash-restart.jpg"), "x");
+    EXPECT_EQ(Helper("mox-extract-crash-restart.jpg", 2), "");  // next helper inherits the new stderr
+    moxtest::TempDir logDir;
+    int saved = dup(STDERR_FILENO);
+    ASSERT_GE(saved, 0);
+    FILE* log = fopen(logDir.file("stderr.log").c_str(), "w");
+    ASSERT_NE(log, nullptr);
+    dup2(fileno(log), STDERR_FILENO);
+    Shell("convert -size 8x8 xc:white -strip " + s_dir->file("bare.jpg"));
+    std::string first = Helper("bare.jpg", 2);  // "There is no exif data" warning
+    std::vector<pid_t> pids = HelperPids();
+    std::string second = Helper("tune.mp3", 5);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    fclose(log);
+    EXPECT_NE(first.find("\"DATE_TAKEN\":\"Unknown\""), std::string::npos) << first;
+    EXPECT_FALSE(second.empty());
+    EXPECT_EQ(pids.size(), 1u);
+    EXPECT_EQ(HelperPids(), pids);
+}
