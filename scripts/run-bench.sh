@@ -13,7 +13,7 @@ jobs=${MOX_BUILD_JOBS:-2}
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DMOX_SANITIZE= -DMOX_BUILD_BENCH=ON \
   -DMOX_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j"$jobs" --target bench_shm_data bench_cache_pool bench_log
+cmake --build "$build" -j"$jobs" --target bench_shm_data bench_cache_pool bench_log bench_extractor
 
 # Objects of a benchmark killed mid-run would otherwise stay in /dev/shm.
 before=$(ls /dev/shm | grep -E '^mox_(datablock|resultlist)_' | sort || true)
@@ -36,6 +36,22 @@ for arg, key in (("0", "FileName"), ("1", "FileSize")):
         f, p = fast[0]["real_time"], plain[0]["real_time"]
         print("sort 10000 items by %s: keyed %.2f %s vs plain sort of extracted keys %.2f %s: %.2fx"
               % (key, f, fast[0]["time_unit"], p, plain[0]["time_unit"], f / p))
+PY
+# Extraction: medians of repeated runs; library against the raw loops, and
+# the time the helper round trip adds per file.
+"$build/bench/bench_extractor" --benchmark_repetitions=9 --benchmark_report_aggregates_only=true \
+  --benchmark_out="$build/bench_extractor.json" --benchmark_out_format=json "$@"
+python3 - "$build/bench_extractor.json" <<'PY'
+import json, sys
+med = {b["run_name"]: b for b in json.load(open(sys.argv[1]))["benchmarks"] if b.get("aggregate_name") == "median"}
+for kind in ("Photo", "Mp3"):
+    raw, lib, helper = (med.get("BM_%s%s" % (kind, x)) for x in ("Raw", "Library", "Helper"))
+    if raw and lib:
+        print("%s extraction: library %.1f us, raw loop %.1f us, ratio %.2fx (goal <= 1.3x)"
+              % (kind, lib["real_time"], raw["real_time"], lib["real_time"] / raw["real_time"]))
+    if lib and helper:
+        print("%s through the helper: %.1f us, added per file %.1f us (goal <= 100 us)"
+              % (kind, helper["real_time"], helper["real_time"] - lib["real_time"]))
 PY
 after=$(ls /dev/shm | grep -E '^mox_(datablock|resultlist)_' | sort || true)
 if [ "$before" != "$after" ]; then
