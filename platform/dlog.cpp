@@ -95,22 +95,32 @@ int CachedPid() {
 }
 
 // Removes the SGR escapes ("\e[" digits/semicolons "m") in place; returns
-// the new length.
+// the new length. Text between escapes moves in whole runs.
 size_t StripColour(char* text, size_t len) {
     char* first = static_cast<char*>(memchr(text, '\033', len));
     if (!first) return len;
     char* out = first;
     const char* end = text + len;
-    for (const char* p = first; p < end;) {
-        if (*p == '\033' && p + 1 < end && p[1] == '[') {
-            const char* q = p + 2;
+    const char* p = first;
+    while (p < end) {
+        // p is at an escape character here.
+        const char* q = p + 1;
+        if (q < end && *q == '[') {
+            ++q;
             while (q < end && ((*q >= '0' && *q <= '9') || *q == ';')) ++q;
             if (q < end && *q == 'm') {
                 p = q + 1;
-                continue;
+            } else {
+                *out++ = *p++;  // not a colour: the escape character stays
             }
+        } else {
+            *out++ = *p++;
         }
-        *out++ = *p++;
+        const char* next = p < end ? static_cast<const char*>(memchr(p, '\033', static_cast<size_t>(end - p))) : end;
+        if (!next) next = end;
+        memmove(out, p, static_cast<size_t>(next - p));
+        out += next - p;
+        p = next;
     }
     return static_cast<size_t>(out - text);
 }

@@ -209,6 +209,6 @@ TEST(Dlog, ColourOnlyOnATerminal) {
     // Escapes a body carries itself are plain text's business too.
     moxtest::TempDir dir;
     const std::string file = dir.file("log");
-    ASSERT_EQ(InChild("file:" + file, "", [] { MOX_WARN("%s", "a\033[1;31mb\033[0m\033[c\033"); }), 0);
-    EXPECT_NE(moxtest::ReadTextFile(file).find("]] ab\033[c\033\n"), std::string::npos);
+    ASSERT_EQ(InChild("file:" + file, "", [] { MOX_WARN("%s", "a\033[1;31mb\033[0m\033[m\033[c\033\033[12\033["); }), 0);
+    EXPECT_NE(moxtest::ReadTextFile(file).find("]] ab\033[c\033\033[12\033[\n"), std::string::npos);
 }
