@@ -74,6 +74,7 @@ std::unique_ptr<CMOXStorageMgr> g_pStorageMgr;
 // its pointer (held in bound-client records) to notify_storages.
 GDBusConnection* g_pConnection = nullptr;
 guint g_nNameOwnerSubscription = 0;  // on g_pConnection
+int g_nExitStatus = 0;
 
 // Reads the introspection XML; the daemon cannot serve without it.
 bool initIntrospectionXml() {
@@ -585,12 +586,24 @@ void onNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gcha
     if (pMOXEngineImp) pMOXEngineImp->RemoveClient(szName);
 }
 
+// The bus went away (its daemon restarted): stop in order and exit non-zero,
+// so that the service manager starts a daemon that connects afresh. GDBus's
+// own exit-on-close would raise SIGTERM at any moment, also in the middle of
+// the shutdown, after the handler is gone.
+void onConnectionClosed(GDBusConnection*, gboolean, GError*, gpointer) {
+    MOX_WARN("bus connection closed, stopping.");
+    g_nExitStatus = 1;
+    if (g_mainLoop) g_main_loop_quit(g_mainLoop);
+}
+
 void onBusAcquired(GDBusConnection* connection, const gchar*, gpointer) {
     GDBusNodeInfo* node = g_introspectionData.get();
     auto* filter = new FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])};
     g_dbus_connection_add_filter(connection, filterUnknownMethods, filter, freeFilterData);
     if (!g_pConnection) {
         g_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
+        g_dbus_connection_set_exit_on_close(connection, FALSE);
+        g_signal_connect(connection, "closed", G_CALLBACK(onConnectionClosed), nullptr);
         g_nNameOwnerSubscription = g_dbus_connection_signal_subscribe(
             connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
             "/org/freedesktop/DBus", nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onNameOwnerChanged, nullptr, nullptr);
@@ -743,5 +756,5 @@ int main(int argc, char** argv) {
     g_introspectionXml.reset();
     curl_global_cleanup();
     MOX_INFO("mox engine stopped.");
-    return 0;
+    return g_nExitStatus;
 }

@@ -220,8 +220,10 @@ TEST(EngineStorage, BusGoneWhileClientsAreBound) {
         Plug(h, {"sd" + std::string(1, char('b' + i)) + "1", "Cruzer", "S" + std::to_string(i)});
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    // Status 1 once it noticed the bus was gone (the service manager restarts
+    // it), 0 when the stop came first; never a signal or an abort.
     int status = h.Stop();
-    EXPECT_TRUE(status == 0) << status;
+    EXPECT_TRUE(status == 0 || status == 1) << status;
     EXPECT_EQ(h.Output().find("Assertion"), std::string::npos) << h.Output();
 }
 
