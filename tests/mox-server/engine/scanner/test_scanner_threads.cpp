@@ -28,12 +28,19 @@ struct Recorder {
     std::condition_variable cv;
     std::vector<int> results;
     std::atomic<int> frees{0};
+    bool hold = false;  // GUARDED_BY(m): end callbacks wait while set
 
     static void OnEnd(void* data, int result) {
         auto* self = static_cast<Recorder*>(data);
-        std::lock_guard<std::mutex> lock(self->m);
+        std::unique_lock<std::mutex> lock(self->m);
         self->results.push_back(result);
         self->cv.notify_all();
+        self->cv.wait(lock, [&] { return !self->hold; });
+    }
+    void Hold(bool on) {
+        std::lock_guard<std::mutex> lock(m);
+        hold = on;
+        cv.notify_all();
     }
     static void OnFree(void* data) { ++static_cast<Recorder*>(data)->frees; }
 
@@ -362,11 +369,17 @@ TEST(ThumbnailScanner, ResultsLimitAndRemoval) {
     EXPECT_TRUE(WaitUntil([&] { return rec.frees.load() == 105; }));
     EXPECT_LT(rec.Results().size(), 10u);
 
-    // The queue is bounded.
+    // The queue is bounded: with the thread held in an end callback, the
+    // requests beyond the bound are refused.
+    rec.Hold(true);
+    size_t nBefore = rec.Results().size();
+    ASSERT_EQ(thumb.AddScanner(request(mount + "/empty", 4, 1)), 0);
+    ASSERT_TRUE(rec.WaitFor(nBefore + 1));
     int refused = 0;
     for (size_t i = 0; i < CMOXThumbnailScanner::kMaxQueuedRequests + 10; ++i)
         if (thumb.AddScanner(request(mount + "/empty", 4, 1)) != 0) ++refused;
-    EXPECT_GT(refused, 0);
+    EXPECT_EQ(refused, 10);
+    rec.Hold(false);
     thumb.Destroy();
-    EXPECT_EQ(rec.frees.load(), 105 + static_cast<int>(CMOXThumbnailScanner::kMaxQueuedRequests) + 10);
+    EXPECT_EQ(rec.frees.load(), 106 + static_cast<int>(CMOXThumbnailScanner::kMaxQueuedRequests) + 10);
 }
