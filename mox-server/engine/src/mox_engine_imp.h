@@ -61,7 +61,7 @@ struct WorkerThreadJob {
 
 class CMOXEngineImp {
 public:
-    static const size_t kMaxJobs = 256;
+    static const size_t kMaxJobs = 64;
     static const size_t kMaxListsPerClient = 256;
     static const guint32 kInvalidHandle = 4294967295u;
 

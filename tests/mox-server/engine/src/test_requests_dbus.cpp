@@ -428,6 +428,22 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     c.Send("drop_partial_list", g_variant_new("(us)", handle, "../../etc/passwd"));
     EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_event_type"].asInt(), 11);
 
+    // Running jobs are bounded: requests beyond the bound are answered at once.
+    const size_t before = n;
+    for (int i = 0; i < 70; ++i)
+        c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500,"n":)" + std::to_string(i)));
+    int ready = 0, refused = 0;
+    for (int i = 0; i < 70; ++i) {
+        Json::Value answer = c.Nth("mox_request_normal_complete", ++n);
+        if (answer["mox_event_type"].asInt() == 0) ++ready;
+        if (answer["mox_event_type"].asInt() == 2) ++refused;
+        Delivered(answer);
+    }
+    EXPECT_EQ(n - before, 70u);
+    EXPECT_EQ(ready, 64);
+    EXPECT_EQ(refused, 6);
+    EXPECT_EQ(h.CountLog("Too many requests or undropped lists: list request refused."), 6u);
+
     CallResult alive = h.Call("start_server", nullptr);
     ASSERT_TRUE(alive.ok()) << alive.error;
 }
