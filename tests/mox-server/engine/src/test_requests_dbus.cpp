@@ -280,7 +280,7 @@ TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
     EXPECT_FALSE(ShmExists(Delivered(eb)));
 
     // Disconnect suppresses only the disconnected requester's answer.
-    const std::string slow2 = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500)");
+    const std::string slow2 = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500,"round":2)");
     a.List(ha, slow2);
     b.List(hb, slow2);
     a.Send("disconnect", g_variant_new("(u)", ha));
