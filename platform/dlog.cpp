@@ -35,6 +35,7 @@ struct LogConfig {
     int fd = STDERR_FILENO;  // stderr or the O_APPEND file; never closed
     bool bColour = false;    // keep the escapes: the sink is a terminal
 };
+
 LogConfig LoadConfig() {
     LogConfig config;
     // systemd sets JOURNAL_STREAM for services whose output goes to the journal.
