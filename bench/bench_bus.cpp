@@ -7,11 +7,11 @@
 //     It does nothing else: the baseline a daemon method is compared with.
 //
 //   bench_bus client METHOD ARGS CALLS ROUNDS DEST...
-//     Calls METHOD with ARGS (GVariant text, e.g. "(uint32 1,)") on every
-//     DEST in turn, CALLS synchronous calls per destination and round, and
-//     prints one line per destination: the median over the rounds of the
-//     mean latency per call in nanoseconds. Interleaving the destinations
-//     makes both see the same machine load. With ROUNDS 0 it makes CALLS
+//     Calls METHOD with ARGS (GVariant text, e.g. "(uint32 1,)") CALLS x
+//     ROUNDS times on every DEST, alternating call by call, and prints one
+//     line per destination: the median latency of one call in nanoseconds.
+//     Interleaving makes all destinations see the same machine load. With
+//     ROUNDS 0 it makes CALLS
 //     calls to the first destination only and prints the text of the
 //     first reply (its last string member).
 #include <time.h>
@@ -149,12 +149,16 @@ int RunClient(const char* method, const char* argsText, int calls, int rounds, s
         for (size_t d = 0; d < dests.size() && status == 0; ++d)  // warm-up
             for (int i = 0; i < 20 && status == 0; ++i)
                 if (!Call(bus, dests[d], method, args, nullptr)) status = 1;
+        // Calls alternate between the destinations one by one, and the
+        // median of single calls is kept: a burst of load from elsewhere on
+        // the machine hits both alike and moves no median.
         for (int r = 0; r < rounds && status == 0; ++r) {
-            for (size_t d = 0; d < dests.size() && status == 0; ++d) {
-                double start = NowNs();
-                for (int i = 0; i < calls && status == 0; ++i)
+            for (int i = 0; i < calls && status == 0; ++i) {
+                for (size_t d = 0; d < dests.size() && status == 0; ++d) {
+                    double start = NowNs();
                     if (!Call(bus, dests[d], method, args, nullptr)) status = 1;
-                perCall[d].push_back((NowNs() - start) / calls);
+                    perCall[d].push_back(NowNs() - start);
+                }
             }
         }
         for (size_t d = 0; d < dests.size() && status == 0; ++d) {

@@ -35,6 +35,7 @@ struct LogConfig {
     int fd = STDERR_FILENO;  // stderr or the O_APPEND file; never closed
     bool bColour = false;    // keep the escapes: the sink is a terminal
 };
+
 LogConfig LoadConfig() {
     LogConfig config;
     // systemd sets JOURNAL_STREAM for services whose output goes to the journal.
@@ -125,6 +126,29 @@ size_t StripColour(char* text, size_t len) {
     return static_cast<size_t>(out - text);
 }
 
+char PriorityLetter(int prio);
+
+// "P/TAG(pid): " into out (at most nRoom bytes; a tag too long is cut);
+// returns its length. Built by hand: it is on every written line, and a
+// printf format costs more than the line's own body.
+size_t WritePrefix(char* out, size_t nRoom, int prio, const char* tag) {
+    char digits[16];
+    size_t nDigits = 0;
+    for (unsigned pid = static_cast<unsigned>(CachedPid()); nDigits == 0 || pid != 0; pid /= 10)
+        digits[nDigits++] = static_cast<char>('0' + pid % 10);
+    const size_t nFixed = 2 + 1 + nDigits + 3;  // "P/" "(" digits "): "
+    size_t nTag = strnlen(tag, nRoom - nFixed);
+    char* p = out;
+    *p++ = PriorityLetter(prio);
+    *p++ = '/';
+    memcpy(p, tag, nTag);
+    p += nTag;
+    *p++ = '(';
+    while (nDigits > 0) *p++ = digits[--nDigits];
+    memcpy(p, "): ", 3);
+    return static_cast<size_t>(p + 3 - out);
+}
+
 char PriorityLetter(int prio) {
     switch (prio) {
         case DLOG_VERBOSE: return 'V';
@@ -180,10 +204,7 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
     char stackBuf[1024];
     int nPrefix = 0;
     if (config.sink != Sink::kJournal) {
-        nPrefix = snprintf(stackBuf, sizeof(stackBuf), "%c/%s(%d): ", PriorityLetter(prio), tag, CachedPid());
-        if (nPrefix < 0) return -1;
-        // A tag too long for the buffer is cut; the message still fits below.
-        if (static_cast<size_t>(nPrefix) >= sizeof(stackBuf) / 2) nPrefix = sizeof(stackBuf) / 2;
+        nPrefix = static_cast<int>(WritePrefix(stackBuf, sizeof(stackBuf) / 2, prio, tag));
     }
     char* buf = stackBuf;
     const size_t room = sizeof(stackBuf) - static_cast<size_t>(nPrefix) - 1;  // 1 for the newline

@@ -2,11 +2,12 @@
 # Daemon-level benchmark: mox-engine and a raw GDBus echo service (bench_bus)
 # on one private system bus, with three simulated USB devices (spool backend).
 # Prints, per method and log level, the daemon's cost relative to the echo's:
-#   - latency: median over interleaved rounds of the mean time per call;
+#   - latency: median time of one call, calls to both alternating;
 #   - instructions per call (callgrind, counters zeroed after a warm-up).
 #   scripts/bench-daemon.sh
 # Build directory: $MOX_BENCH_BUILD_DIR or build-bench (Release). Set
-# MOX_BENCH_NO_BUILD=1 to use the binaries already there. Needs valgrind.
+# MOX_BENCH_NO_BUILD=1 to use the binaries already there; MOX_BENCH_CG_DIR=DIR
+# keeps the callgrind dumps (for callgrind_annotate). Needs valgrind.
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -131,6 +132,10 @@ instructions() {
   local dump
   dump=$(ls -t "$WORK/$2.$1".* | head -1)
   awk -v n="$cg_calls" '/^totals:/ {printf "%.0f\n", $2 / n}' "$dump"
+  if [ -n "${MOX_BENCH_CG_DIR:-}" ]; then
+    mkdir -p "$MOX_BENCH_CG_DIR"
+    cp "$dump" "$MOX_BENCH_CG_DIR/$2.$4.$(basename "$dump")"
+  fi
 }
 
 start_echo callgrind

@@ -66,6 +66,16 @@ long long CMOXUSBDevice::GetDeviceAvailableSize() const {
     return static_cast<long long>(st.f_bsize) * static_cast<long long>(st.f_bfree) / 1024;
 }
 
+void CMOXUSBDevice::GetDeviceSizes(long long& llTotal, long long& llAvailable) const {
+    struct statfs st;
+    if (!StatFs(m_strMountPath, &st)) {
+        llTotal = llAvailable = 0;
+        return;
+    }
+    llTotal = static_cast<long long>(st.f_bsize) * static_cast<long long>(st.f_blocks) / 1024;
+    llAvailable = static_cast<long long>(st.f_bsize) * static_cast<long long>(st.f_bfree) / 1024;
+}
+
 void CMOXUSBDevice::PrintUSBInfo(bool bConnected) const {
     MOX_DEBUG("  ============== %s ============= ", bConnected ? "Connect" : "Disconnect");
     MOX_DEBUG("  MountPath : %s \n", m_strMountPath.c_str());

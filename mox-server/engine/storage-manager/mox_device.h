@@ -88,6 +88,8 @@ public:
     // blocks reserved for the superuser too.
     long long GetDeviceTotalSize() const;
     long long GetDeviceAvailableSize() const;
+    // Both sizes from one statfs call (both 0 when it cannot be asked).
+    void GetDeviceSizes(long long& llTotal, long long& llAvailable) const;
 
     void PrintUSBInfo(bool bConnected) const;
 

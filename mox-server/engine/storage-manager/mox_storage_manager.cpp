@@ -336,9 +336,10 @@ std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& lis
             const std::string mountPath = record.GetDeviceMountPath();
             const bool bSized = mountPath != MOX_USB_NO_MOUNT_PATH;
             const bool bCamera = record.GetDeviceClass() == MOX_USB_CLASS_PTP;
+            long long llTotal = 0, llAvailable = 0;
+            if (bSized) record.GetDeviceSizes(llTotal, llAvailable);
             doc += "      {\n";
-            bool bOk = AppendMember(doc, "availableSize",
-                                    bSized ? ConvertNumberToString(record.GetDeviceAvailableSize()) : "0", false);
+            bool bOk = AppendMember(doc, "availableSize", bSized ? ConvertNumberToString(llAvailable) : "0", false);
             if (bCamera) {
                 bOk = bOk && AppendMember(doc, "deviceAddress", ConvertNumberToString(record.GetAddress()), false);
                 bOk = bOk && AppendMember(doc, "deviceBus", ConvertNumberToString(record.GetBus()), false);
@@ -352,8 +353,7 @@ std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& lis
                   AppendMember(doc, "name", record.GetModelName(), false) &&
                   AppendMember(doc, "partitionLabel", record.GetPartitionLabel(), false) &&
                   AppendMember(doc, "serialNumber", record.GetSerial(), false) &&
-                  AppendMember(doc, "totalSize",
-                               bSized ? ConvertNumberToString(record.GetDeviceTotalSize()) : "0", false) &&
+                  AppendMember(doc, "totalSize", bSized ? ConvertNumberToString(llTotal) : "0", false) &&
                   AppendMember(doc, "type", GetDiskTypeAsString(record.GetDeviceClass()), false) &&
                   AppendMember(doc, "vendor", record.GetManufacturer(), true);
             if (!bOk) return m_ConvertWithJsonValue(list);

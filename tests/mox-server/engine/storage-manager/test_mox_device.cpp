@@ -78,6 +78,15 @@ TEST(MOXDevice, SizesComeFromStatfsInKiBAndCountReservedBlocks) {
     // and never below what ordinary users may use.
     EXPECT_NEAR(static_cast<double>(freeBlocks), static_cast<double>(available), 64.0 * 1024);
     EXPECT_GE(available + 64 * 1024, userBlocks);
+    // Both at once, from one statfs: the same figures.
+    long long both[2] = {-1, -1};
+    device.GetDeviceSizes(both[0], both[1]);
+    EXPECT_EQ(total, both[0]);
+    EXPECT_NEAR(static_cast<double>(available), static_cast<double>(both[1]), 64.0 * 1024);
+    device.SetMountPath((dir.path() + "/gone").c_str());
+    device.GetDeviceSizes(both[0], both[1]);
+    EXPECT_EQ(0, both[0]);
+    EXPECT_EQ(0, both[1]);
 }
 
 TEST(MOXDevice, MissingMountPathHasNoSize) {
