@@ -271,6 +271,7 @@ int EngineHarness::WaitPid(std::chrono::milliseconds timeout) {
         pid_t r = waitpid(m_pid, &status, WNOHANG);
         if (r == m_pid) {
             m_pid = -1;
+            if (WIFSIGNALED(status)) fprintf(stderr, "daemon killed by signal %d\n", WTERMSIG(status));
             return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         }
         if (r < 0) {

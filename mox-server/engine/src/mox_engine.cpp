@@ -623,7 +623,7 @@ void onNameLost(GDBusConnection*, const gchar*, gpointer) { MOX_DEBUG("NameLost.
 
 gboolean onQuitSignal(gpointer) {
     MOX_INFO("termination signal received, leaving the main loop.");
-    g_main_loop_quit(g_mainLoop);
+    if (g_mainLoop) g_main_loop_quit(g_mainLoop);
     return G_SOURCE_CONTINUE;
 }
 
@@ -732,8 +732,6 @@ int main(int argc, char** argv) {
     guint nIntId = g_unix_signal_add(SIGINT, onQuitSignal, nullptr);
     g_main_loop_run(loop.get());
 
-    g_source_remove(nIntId);
-    g_source_remove(nTermId);
     g_source_remove(nHeartbeatId);
     g_bus_unown_name(nOwnerId);
     g_introspectionData.reset();
@@ -755,6 +753,13 @@ int main(int argc, char** argv) {
     loop.reset();
     g_introspectionXml.reset();
     curl_global_cleanup();
+    // Removed last: until here a second SIGTERM (a service manager that stops
+    // the daemon while it is already stopping) only wakes a loop nobody runs
+    // instead of killing the process half-way through the teardown.
+    g_source_remove(nIntId);
+    g_source_remove(nTermId);
+    signal(SIGTERM, SIG_IGN);  // the process is ending in order anyway
+    signal(SIGINT, SIG_IGN);
     MOX_INFO("mox engine stopped.");
     return g_nExitStatus;
 }
