@@ -19,6 +19,9 @@
 // A reader is used by one thread at a time; distinct readers are independent.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -67,3 +70,5 @@ private:
     int32_t m_nTotalCount = 0;
     int32_t m_nNumberOfGroups = 0;
 };
+
+#pragma GCC visibility pop

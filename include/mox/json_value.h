@@ -6,6 +6,9 @@
 // instance is used by one thread at a time.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <string>
 #include <vector>
 
@@ -66,3 +69,5 @@ private:
     Json::Value m_root;
     bool m_bValid;
 };
+
+#pragma GCC visibility pop

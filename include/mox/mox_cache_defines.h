@@ -5,6 +5,9 @@
 // are copied byte for byte, so their size and field order are fixed.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <cstdint>
 
 // One entry of a data block's or result list's group table. The two integers
@@ -51,3 +54,5 @@ enum {
 // size must not make a reader allocate or copy without bound. Every block the
 // engine builds for a list fits the 10 MiB cache limit by far.
 #define MOX_SHM_OBJECT_MAX_SIZE (64 * 1024 * 1024)
+
+#pragma GCC visibility pop

@@ -8,6 +8,9 @@
 // Objects are independent and cheap (one O_PATH descriptor); thread-safe.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <sys/types.h>
 
 #include <functional>
@@ -55,3 +58,5 @@ private:
     int m_rootFd = -1;
     std::string m_strRoot;  // without trailing slashes
 };
+
+#pragma GCC visibility pop

@@ -6,6 +6,9 @@
 // The listing is freed by Destroy() or the destructor.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <dirent.h>
 
 #include <string>
@@ -50,3 +53,5 @@ private:
     int m_nPosition;  // index of the next entry
     int m_nCount;
 };
+
+#pragma GCC visibility pop

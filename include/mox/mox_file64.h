@@ -8,6 +8,9 @@
 // The descriptor and its stream are closed by Destroy() or the destructor.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <sys/types.h>
 
 #include <cstdio>
@@ -68,3 +71,5 @@ private:
     bool m_bOpened;    // GUARDED_BY(m_mutex)
     FILE* m_pStream;   // GUARDED_BY(m_mutex); write stream owning m_fd, null in read-only mode
 };
+
+#pragma GCC visibility pop

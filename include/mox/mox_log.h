@@ -11,6 +11,9 @@
 // line is filtered out).
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <cassert>
 #include <sys/syscall.h>  // kept: includers rely on it
 #include <unistd.h>
@@ -65,3 +68,5 @@ constexpr const char* mox_log_basename_(const char* path) {
         delete (p);            \
         (p) = nullptr;         \
     } while (0)
+
+#pragma GCC visibility pop

@@ -22,6 +22,9 @@
 // One thread at a time per instance (GetItem fills the reader map).
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <map>
 #include <memory>
 #include <string>
@@ -83,3 +86,5 @@ private:
     int32_t m_nNumberOfGroups = 0;
     int32_t m_nNumberOfBlocks = 0;
 };
+
+#pragma GCC visibility pop

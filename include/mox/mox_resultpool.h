@@ -37,6 +37,9 @@
 // A refused move leaves the cursor where it was.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <map>
 #include <memory>
 #include <mutex>
@@ -140,3 +143,5 @@ private:
     void* m_pPrefetchUserData = nullptr;                     // GUARDED_BY(m_mutex)
     void* m_pDropUserData = nullptr;                         // GUARDED_BY(m_mutex)
 };
+
+#pragma GCC visibility pop

@@ -10,6 +10,9 @@
 // instance or calling Get() for it at that moment.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <atomic>
 #include <mutex>
 
@@ -53,3 +56,5 @@ private:
         return s_mutex;
     }
 };
+
+#pragma GCC visibility pop

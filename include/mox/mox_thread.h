@@ -12,6 +12,9 @@
 // must call it while the subclass part still exists.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <glib.h>
 
 #include <atomic>
@@ -73,3 +76,5 @@ private:
     CMOXSemphore m_startSem;  // posted by the new thread as its first act
     CMOXSemphore m_endSem;    // posted after t_Process() returned
 };
+
+#pragma GCC visibility pop

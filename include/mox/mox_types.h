@@ -1,6 +1,9 @@
 // Types shared by the engine, the plug-ins and the clients.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 // Result code of every command callback and of several replies. 0 is success;
 // values not named here come from the source plug-ins and pass through.
 typedef enum {
@@ -20,3 +23,5 @@ typedef enum {
 // result, MOX_ERROR_NOT_READY when the index's section is not held yet (or
 // the cursor has no position), MOX_ERROR_FAILED_RESULT when the item under
 // the cursor cannot be read.
+
+#pragma GCC visibility pop

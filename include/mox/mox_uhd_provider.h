@@ -14,6 +14,9 @@
 // Any thread may call it, also concurrently. It must not throw.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <cstddef>
 
 #define MOX_UHD_SERVICE_UNAVAILABLE 2
@@ -23,3 +26,5 @@ typedef void (*mox_uhd_result_fn)(void* pContext, const char* szText, size_t nLe
 typedef int (*mox_update_uhd_metadata_fn)(const char* szUuid, const char* szAccessToken, const char* szLangId,
                                           const char* szCountryId, const char* szVersion,
                                           mox_uhd_result_fn pfnResult, void* pContext);
+
+#pragma GCC visibility pop

@@ -12,6 +12,9 @@
 // once; the lock lasts until the descriptor is closed inside the call.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <sys/types.h>
 
 #include <string>
@@ -103,3 +106,5 @@ private:
     static int m_ReadLock(int fd, off_t start, int whence, off_t len);
     static int m_WriteLock(int fd, off_t start, int whence, off_t len);
 };
+
+#pragma GCC visibility pop

@@ -28,6 +28,9 @@
 //   1 Init   2 Close   3 GetData   4 GetDetail   5 Act   6 Execute   7 Destroy
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -113,3 +116,5 @@ typedef IWebSource* (*mox_create_source_fn)(const char* szSourceName);
 
 #define MOX_WEB_SOURCE_DEFINE_ABI_VERSION() \
     extern "C" __attribute__((visibility("default"))) int GetSourceAbiVersion(void) { return MOX_WEB_SOURCE_ABI_VERSION; }
+
+#pragma GCC visibility pop

@@ -3,6 +3,9 @@
 // ("debug", "info", "warning"). Callable from any thread.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -54,3 +57,5 @@ static inline int dlog_is_loggable(int prio) {
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop

@@ -10,6 +10,9 @@
 // A handle is used by one thread at a time; different handles are independent.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -81,3 +84,5 @@ int metadata_extractor_destroy(metadata_extractor_h metadata);
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop

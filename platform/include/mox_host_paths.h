@@ -3,6 +3,9 @@
 // the environment is read on every call.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <string>
 
 namespace mox_host {
@@ -17,3 +20,5 @@ std::string VconfDir();        // MOX_VCONF_DIR     /var/lib/mox/vconf
 std::string FeaturesFile();    // MOX_FEATURES_FILE /etc/mox/features
 
 }  // namespace mox_host
+
+#pragma GCC visibility pop

@@ -3,6 +3,9 @@
 // of scope; release() hands ownership on (only on success).
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -54,3 +57,5 @@ struct FreeDeleter {
 using UniqueBuffer = std::unique_ptr<char, FreeDeleter>;
 
 }  // namespace mox_util
+
+#pragma GCC visibility pop

@@ -2,6 +2,9 @@
 // every call does nothing and succeeds.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -16,3 +19,5 @@ int watchdog_notify(void);
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop

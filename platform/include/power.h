@@ -2,6 +2,9 @@
 // so subscribing and unsubscribing succeed and do nothing.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -16,3 +19,5 @@ int power_unsubscribe_poweroff(power_poweroff_cb cb);
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop

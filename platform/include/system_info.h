@@ -2,6 +2,9 @@
 // lines "KEY=true|false" with KEY the decimal feature number.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #ifndef __cplusplus
 #include <stdbool.h>
 #endif
@@ -28,3 +31,5 @@ int system_info_get_value_bool(system_info_key_e key, bool* value);
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop

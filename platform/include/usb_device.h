@@ -33,6 +33,9 @@
 // Return codes: 0 on success, a negative errno value on failure.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -122,3 +125,5 @@ int usb_mass_storage_get_disk_type(usb_device_h device);
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop

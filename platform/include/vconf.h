@@ -5,6 +5,9 @@
 // context. Get and set are callable from any thread.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -32,3 +35,5 @@ int vconf_keynode_get_type(keynode_t* keynode);
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop
