@@ -28,6 +28,12 @@ set -e
 grep -q "$PREFIX/none.xml (MOX_DBUS_CONFIG" "$PREFIX/err.txt" || fail "warning does not name the path and variable"
 grep -q $'\033\[' "$PREFIX/err.txt" && fail "colour codes in a log that is not a terminal"
 
+# Only what the public headers declare is exported.
+LIB=$(find "$PREFIX" -name 'libmoxcommon.so.0' | head -1)
+nm -DC --defined-only "$LIB" > "$PREFIX/symbols.txt"
+grep 'CJsonValue::' "$PREFIX/symbols.txt" > /dev/null || fail "public class not exported"
+grep 'mox_shm::' "$PREFIX/symbols.txt" > /dev/null && fail "internal symbols exported"
+
 # Files where the system bus and systemd read them.
 for f in share/dbus-1/system.d/com.orvia.mox.engine.conf share/dbus-1/system-services/com.orvia.mox.engine.service \
          lib/systemd/system/mox-engine.service lib/tmpfiles.d/mox-engine.conf bin/mox_dbus_config.xml; do
