@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -18,7 +19,6 @@
 
 #include <taglib/aifffile.h>
 #include <taglib/apefile.h>
-#include <taglib/asffile.h>
 #include <taglib/flacfile.h>
 #include <taglib/id3v2framefactory.h>
 #include <taglib/mp4file.h>
@@ -31,6 +31,7 @@
 extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
+#include <libavutil/log.h>
 #include <libavutil/mem.h>
 }
 
@@ -170,8 +171,9 @@ int AvInterrupt(void* opaque) {
 }
 
 bool IsTagLibExtension(const std::string& ext) {
-    static const char* const kExts[] = {"mp3", "mpa", "flac", "ogg", "m4a", "wma", "asf",
-                                        "wav", "aif", "aiff", "aifc", "ape"};
+    // Not ASF/WMA: TagLib's ASF reader can spend many seconds on a small
+    // crafted file, while libavformat's work is cut off at the deadline.
+    static const char* const kExts[] = {"mp3", "mpa", "flac", "ogg", "m4a", "wav", "aif", "aiff", "aifc", "ape"};
     for (const char* e : kExts)
         if (ext == e) return true;
     return false;
@@ -185,7 +187,6 @@ std::unique_ptr<TagLib::File> OpenTagLib(const std::string& ext, TagLib::IOStrea
     if (ext == "flac") return std::make_unique<TagLib::FLAC::File>(stream, factory, props, style);
     if (ext == "ogg") return std::make_unique<TagLib::Ogg::Vorbis::File>(stream, props, style);
     if (ext == "m4a") return std::make_unique<TagLib::MP4::File>(stream, props, style);
-    if (ext == "wma" || ext == "asf") return std::make_unique<TagLib::ASF::File>(stream, props, style);
     if (ext == "wav") return std::make_unique<TagLib::RIFF::WAV::File>(stream, props, style);
     if (ext == "aif" || ext == "aiff" || ext == "aifc")
         return std::make_unique<TagLib::RIFF::AIFF::File>(stream, props, style);
@@ -424,6 +425,9 @@ extern "C" {
 
 int metadata_extractor_create(metadata_extractor_h* metadata) {
     if (!metadata) return METADATA_EXTRACTOR_ERROR_INVALID_PARAMETER;
+    // Corrupt files are expected; their details are not worth a log line each.
+    static std::once_flag s_quiet;
+    std::call_once(s_quiet, [] { av_log_set_level(AV_LOG_FATAL); });
     *metadata = new (std::nothrow) metadata_extractor_s();
     return *metadata ? METADATA_EXTRACTOR_ERROR_NONE : METADATA_EXTRACTOR_ERROR_OUT_OF_MEMORY;
 }

@@ -12,7 +12,7 @@ jobs=${MOX_BUILD_JOBS:-2}
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DMOX_SANITIZE= -DMOX_BUILD_BENCH=ON \
   -DMOX_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j"$jobs" --target bench_shm_data bench_cache_pool
+cmake --build "$build" -j"$jobs" --target bench_shm_data bench_cache_pool bench_extractor
 
 # Objects of a benchmark killed mid-run would otherwise stay in /dev/shm.
 before=$(ls /dev/shm | grep -E '^mox_(datablock|resultlist)_' | sort || true)
@@ -30,6 +30,22 @@ for arg, key in (("0", "FileName"), ("1", "FileSize")):
         s, f = slow[0]["real_time"], fast[0]["real_time"]
         print("sort 10000 items by %s: predicate %.1f %s, keyed %.1f %s, speed-up %.1fx"
               % (key, s, slow[0]["time_unit"], f, fast[0]["time_unit"], s / f))
+PY
+# Extraction: medians of repeated runs; library against the raw loops, and
+# the time the helper round trip adds per file.
+"$build/bench/bench_extractor" --benchmark_repetitions=9 --benchmark_report_aggregates_only=true \
+  --benchmark_out="$build/bench_extractor.json" --benchmark_out_format=json "$@"
+python3 - "$build/bench_extractor.json" <<'PY'
+import json, sys
+med = {b["run_name"]: b for b in json.load(open(sys.argv[1]))["benchmarks"] if b.get("aggregate_name") == "median"}
+for kind in ("Photo", "Mp3"):
+    raw, lib, helper = (med.get("BM_%s%s" % (kind, x)) for x in ("Raw", "Library", "Helper"))
+    if raw and lib:
+        print("%s extraction: library %.1f us, raw loop %.1f us, ratio %.2fx (goal <= 1.3x)"
+              % (kind, lib["real_time"], raw["real_time"], lib["real_time"] / raw["real_time"]))
+    if lib and helper:
+        print("%s through the helper: %.1f us, added per file %.1f us (goal <= 100 us)"
+              % (kind, helper["real_time"], helper["real_time"] - lib["real_time"]))
 PY
 after=$(ls /dev/shm | grep -E '^mox_(datablock|resultlist)_' | sort || true)
 if [ "$before" != "$after" ]; then

@@ -142,7 +142,12 @@ bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, 
         MOX_WARN("mox-extract: (%s) crashed or stalled the helper before; not parsed again.", logName.c_str());
         return false;
     }
-    if (!m_socket.IsValid() && !m_Start()) return false;
+    // Without a helper the record keeps its basic information and defaults:
+    // an installation problem, not this file's fault.
+    if (!m_socket.IsValid() && !m_Start()) {
+        MOX_WARN("mox-extract: no helper; contents of (%s) not read.", logName.c_str());
+        return true;
+    }
 
     size_t slash = path.find_last_of('/');
     std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -152,9 +157,9 @@ bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, 
         // outside): not this file's doing. Start a new one and retry once.
         MOX_WARN("mox-extract: helper %s before (%s); restarting.", m_Reap().c_str(), logName.c_str());
         if (!m_Start() || !mox_extract_wire::Send(m_socket.Get(), mox_extract_wire::EncodeRequest(mediaType, name), fd)) {
-            MOX_WARN("mox-extract: cannot hand (%s) to the helper.", logName.c_str());
+            MOX_WARN("mox-extract: cannot hand (%s) to the helper; contents not read.", logName.c_str());
             m_Stop(true);
-            return false;
+            return true;
         }
     }
 
@@ -186,9 +191,9 @@ bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, 
         bool bSetupFailed = false;
         std::string how = m_Reap(&bSetupFailed);
         if (bSetupFailed) {
-            MOX_WARN("mox-extract: helper could not drop privileges or set its limits; (%s) not parsed.",
+            MOX_WARN("mox-extract: helper could not drop privileges or set its limits; contents of (%s) not read.",
                      logName.c_str());
-            return false;
+            return true;
         }
         MOX_WARN("mox-extract: helper %s while parsing (%s); file skipped, helper restarts for the next file.",
                  how.c_str(), logName.c_str());

@@ -36,9 +36,11 @@ public:
 
     // Parses the open regular file `fd` (path `path`, the given size and
     // modification time) as `mediaType` in the helper and copies the content
-    // fields into `info`. False, with a warning, when the helper could not be
-    // started, crashed, timed out or sent a malformed answer, or when the file
-    // killed a helper before.
+    // fields into `info`. False, with a warning, when the helper crashed,
+    // timed out or sent a malformed answer on this file, or when the file
+    // did so before. When no confined helper can be had (missing binary, no
+    // unprivileged user) `info` is left as it is, with a warning, and the
+    // result is true: the file keeps its basic record.
     bool Extract(int fd, const std::string& path, int mediaType, unsigned long long size, unsigned long mtime,
                  media_info_s& info);
 

@@ -175,6 +175,13 @@ TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
     // The same name with other contents (size changes) is parsed again.
     WriteBytes(s_dir->file("mox-extract-crash.jpg"), jpeg + "tail");
     EXPECT_EQ(Helper("mox-extract-crash.jpg", 2), "");
+
+    // No helper to be had: the basic record only, and no crash.
+    setenv("MOX_EXTRACT_HELPER", (s_dir->path() + "/no-such-helper").c_str(), 1);
+    std::string basic = Helper("photo.jpg", 2);
+    setenv("MOX_EXTRACT_HELPER", MOX_EXTRACT_HELPER_BINARY, 1);
+    EXPECT_NE(basic.find("\"MODEL\":\"\""), std::string::npos) << basic;
+    EXPECT_NE(basic.find("\"DISPLAY_NAME\":\"photo.jpg\""), std::string::npos) << basic;
     EXPECT_EQ(Helper("photo.jpg", 2), good);
 }
 
@@ -214,4 +221,28 @@ TEST_F(ExtractHelper, ConcurrentCallersShareTheHelper) {
     for (auto& th : threads) th.join();
     for (int t = 0; t < 4; ++t) EXPECT_EQ(mismatches[t], 0) << t;
     EXPECT_EQ(HelperPids().size(), 1u);
+}
+
+TEST_F(ExtractHelper, HelperSurvivesLoggingToARegularFile) {
+    // The helper may not grow files; its warnings to a stderr that is a
+    // regular file must fail quietly, not kill it.
+    WriteBytes(s_dir->file("mox-extract-crash-restart.jpg"), "x");
+    EXPECT_EQ(Helper("mox-extract-crash-restart.jpg", 2), "");  // next helper inherits the new stderr
+    moxtest::TempDir logDir;
+    int saved = dup(STDERR_FILENO);
+    ASSERT_GE(saved, 0);
+    FILE* log = fopen(logDir.file("stderr.log").c_str(), "w");
+    ASSERT_NE(log, nullptr);
+    dup2(fileno(log), STDERR_FILENO);
+    Shell("convert -size 8x8 xc:white -strip " + s_dir->file("bare.jpg"));
+    std::string first = Helper("bare.jpg", 2);  // "There is no exif data" warning
+    std::vector<pid_t> pids = HelperPids();
+    std::string second = Helper("tune.mp3", 5);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    fclose(log);
+    EXPECT_NE(first.find("\"DATE_TAKEN\":\"Unknown\""), std::string::npos) << first;
+    EXPECT_FALSE(second.empty());
+    EXPECT_EQ(pids.size(), 1u);
+    EXPECT_EQ(HelperPids(), pids);
 }
