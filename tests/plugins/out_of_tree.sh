@@ -11,7 +11,10 @@ WORK=$(mktemp -d /tmp/mox-oot.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
 
 cmake --install "$BUILD_DIR" --prefix "$WORK/prefix" > "$WORK/install.log"
-export PKG_CONFIG_PATH="$WORK/prefix/lib/pkgconfig:$WORK/prefix/lib/$(gcc -print-multiarch 2>/dev/null || true)/pkgconfig"
+PC=$(find "$WORK/prefix" -name libmoxcommon.pc)
+# Installed elsewhere than configured: the file's paths hang off its prefix.
+sed -i "s|^prefix=.*|prefix=$WORK/prefix|" "$PC"
+export PKG_CONFIG_PATH=$(dirname "$PC")
 pkg-config --cflags --libs libmoxcommon
 # Only the installed tree: nothing of the engine's sources on the include path.
 cp -r "$SOURCE_DIR/plugins/example-source" "$WORK/example"

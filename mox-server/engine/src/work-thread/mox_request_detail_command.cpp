@@ -52,6 +52,12 @@ mox_error_code_e CMOXRequestDetailCommand::m_Run(std::string& strCommand, std::s
         eError = MOX_ERROR_GENERIC;
     }
     MOX_INFO("End :pSource->GetDetail.errorCode[%d].", eError);
+    // The answer travels in one signal: bound it like a method argument.
+    if (strResult.size() > mox_bus::kMaxArgumentBytes) {
+        MOX_WARN("Source[%s] detail of %zu bytes refused.", strSource.c_str(), strResult.size());
+        strResult.clear();
+        return MOX_ERROR_GENERIC;
+    }
     return eError;
 }
 

@@ -278,8 +278,11 @@ TEST(EngineFiles, WriteAndRemoveThroughSharedMemory) {
 TEST(EngineDispatch, EveryMethodAnswersAndTheDaemonKeepsServing) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
-    // Parts of the engine not in this build answer with their failure replies.
+    // "test" needs no plug-in; a library that is not there is refused.
     CallResult r = h.Call("connect", g_variant_new("(s)", "test"));
+    ASSERT_TRUE(r.ok()) << r.error;
+    EXPECT_EQ(ReplyUint(r), 0u);
+    r = h.Call("connect", g_variant_new("(s)", "libmox_not_installed.so"));
     ASSERT_TRUE(r.ok()) << r.error;
     EXPECT_EQ(ReplyUint(r), 4294967295u);
     r = h.Call("stop_act", g_variant_new("(us)", 0u, "{}"));

@@ -186,11 +186,18 @@ TEST_F(Requests, LocalSourceListsSortsWindowsDropsAndDescribes) {
     EXPECT_EQ(Names(ReadList(window)), (std::vector<std::string>{"a.mp3", "b.jpg"}));
     EXPECT_EQ(CResultList(window).GetTotalCount(), 4);
 
+    // A negative window is refused (7); an end past the last entry is cut.
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_start_index":-1)"));
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 6)["mox_event_type"].asInt(), 2);
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_start_index":3,"mox_end_index":2147483647)"));
+    EXPECT_EQ(Names(ReadList(Delivered(c.Nth("mox_request_normal_complete", 7)))),
+              (std::vector<std::string>{"c.MP4"}));
+
     // Empty folder: error 6, event 1. Outside the root or through "..": event 2.
     c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + h.UsbRoot() + R"(/sda1/empty")"));
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 6)["mox_event_type"].asInt(), 1);
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 8)["mox_event_type"].asInt(), 1);
     c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + h.UsbRoot() + R"(/sda1/../..")"));
-    ev = c.Nth("mox_request_normal_complete", 7);
+    ev = c.Nth("mox_request_normal_complete", 9);
     EXPECT_EQ(ev["mox_event_type"].asInt(), 2);
     EXPECT_EQ(ev["mox_result_list_block_name"].asString(), "");
     EXPECT_GE(h.CountLog("outside the USB root"), 1u);
@@ -198,14 +205,14 @@ TEST_F(Requests, LocalSourceListsSortsWindowsDropsAndDescribes) {
     // Drop: 10 and the object is gone; a second drop of it, or of a name never
     // handed out, is refused with 11.
     c.Send("drop_partial_list", g_variant_new("(us)", handle, plain.c_str()));
-    ev = c.Nth("mox_request_normal_complete", 8);
+    ev = c.Nth("mox_request_normal_complete", 10);
     EXPECT_EQ(ev["mox_event_type"].asInt(), 10);
     EXPECT_EQ(ev["mox_shm_name"].asString(), plain);
     EXPECT_FALSE(ShmExists(plain));
     c.Send("drop_partial_list", g_variant_new("(us)", handle, plain.c_str()));
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 9)["mox_event_type"].asInt(), 11);
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 11)["mox_event_type"].asInt(), 11);
     c.Send("drop_partial_list", g_variant_new("(us)", handle, "mox_resultlist_99999"));
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 10)["mox_event_type"].asInt(), 11);
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 12)["mox_event_type"].asInt(), 11);
 
     // Detail: an existing file (error 0 gives event 3), a missing one (5),
     // one outside the root and one reached through a link out of it (7 -> 3).
@@ -215,7 +222,7 @@ TEST_F(Requests, LocalSourceListsSortsWindowsDropsAndDescribes) {
         c.Send("request_detail", g_variant_new("(us)", handle, doc.c_str()));
     };
     detail(folder + "/a.mp3", "t1");
-    ev = c.Nth("mox_request_normal_complete", 11);
+    ev = c.Nth("mox_request_normal_complete", 13);
     EXPECT_EQ(ev["mox_event_type"].asInt(), 3);
     EXPECT_EQ(ev["mox_detail_request_times"].asString(), "t1");
     Json::Value item = Parse(ev["mox_result_detail_json"].asString());
@@ -223,14 +230,23 @@ TEST_F(Requests, LocalSourceListsSortsWindowsDropsAndDescribes) {
     EXPECT_EQ(item["FileSize"].asInt(), 10);
     EXPECT_EQ(item["MediaType"].asInt(), 5);
     detail(folder + "/nothere.jpg", "t2");
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 12)["mox_event_type"].asInt(), 5);
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 14)["mox_event_type"].asInt(), 5);
     detail("/etc/passwd", "t3");
-    ev = c.Nth("mox_request_normal_complete", 13);
+    ev = c.Nth("mox_request_normal_complete", 15);
     EXPECT_EQ(ev["mox_event_type"].asInt(), 3);
     EXPECT_EQ(ev["mox_result_detail_json"].asString(), "");
     detail(folder + "/link.jpg", "t4");
-    ev = c.Nth("mox_request_normal_complete", 14);
+    ev = c.Nth("mox_request_normal_complete", 16);
     EXPECT_EQ(ev["mox_result_detail_json"].asString(), "");
+
+    // Names that need escaping come back intact.
+    const std::string odd = "say \"hi\"\t\\.png";
+    WriteTextFile(h.UsbRoot() + "/sda1/odd/" + odd, "x");
+    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + h.UsbRoot() + R"(/sda1/odd")"));
+    auto oddItems = ReadList(Delivered(c.Nth("mox_request_normal_complete", 17)));
+    ASSERT_EQ(oddItems.size(), 1u);
+    EXPECT_EQ(oddItems[0]["FileName"].asString(), odd);
+    EXPECT_EQ(oddItems[0]["Title"].asString(), "say \"hi\"\t\\");
 }
 
 TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
