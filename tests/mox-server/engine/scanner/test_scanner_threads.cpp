@@ -67,6 +67,35 @@ SMOXScannerOption ScanOption(const std::string& root, int mode, Recorder* rec) {
     return option;
 }
 
+// An end callback that holds the scanner's thread until released.
+struct Hold {
+    std::mutex m;
+    std::condition_variable cv;
+    bool entered = false, released = false;
+    static void OnEnd(void* data, int) {
+        auto* self = static_cast<Hold*>(data);
+        std::unique_lock<std::mutex> lock(self->m);
+        self->entered = true;
+        self->cv.notify_all();
+        self->cv.wait(lock, [&] { return self->released; });
+    }
+    SMOXScannerOption Request(SMOXScannerOption option) {
+        option.pfnEndCallback = OnEnd;
+        option.pCallbackData = this;
+        option.pfnFreeData = nullptr;
+        return option;
+    }
+    bool WaitEntered() {
+        std::unique_lock<std::mutex> lock(m);
+        return cv.wait_for(lock, 10s, [&] { return entered; });
+    }
+    void Release() {
+        std::lock_guard<std::mutex> lock(m);
+        released = true;
+        cv.notify_all();
+    }
+};
+
 }  // namespace
 
 TEST(ScanList, BoundsMarkersAndCounters) {
@@ -352,21 +381,52 @@ TEST(ThumbnailScanner, ResultsLimitAndRemoval) {
     std::vector<SMOXFileInfo> files;
     EXPECT_EQ(thumb.GetFileInfoList(files), -1) << "no request runs now";
 
-    // Queued requests of a device go with it; a matching stop drops one.
+    // With the thread held on another storage's request: queued requests of
+    // a device go with it, a matching stop drops one, the rest run.
+    Hold first;
+    SMOXScannerOption other = first.Request(request(mount + "/dirs", 4, 1));
+    other.strBasePath = stick.path() + "/other";
+    ASSERT_EQ(thumb.AddScanner(other), 0);
+    ASSERT_TRUE(first.WaitEntered());
     SMOXScannerOption kept = request(mount + "/dirs", 4, 7);
     kept.strBasePath = stick.path() + "/other";
     for (int i = 0; i < 100; ++i) ASSERT_EQ(thumb.AddScanner(request(mount + "/files", 1000, i)), 0);
     ASSERT_EQ(thumb.AddScanner(kept), 0);
-    thumb.RemoveScanner((mount + "/dirs").c_str(), "CONTENT-IMAGE", 4, 7);
+    ASSERT_EQ(thumb.AddScanner(kept), 0);
+    thumb.RemoveScanner((mount + "/dirs").c_str(), "CONTENT-IMAGE", 4, 7);  // both copies
     thumb.RemoveScannerByDevice(mount.c_str());
-    EXPECT_TRUE(WaitUntil([&] { return rec.frees.load() == 105; }));
-    EXPECT_LT(rec.Results().size(), 10u);
+    EXPECT_EQ(rec.frees.load(), 106);
+    ASSERT_EQ(thumb.AddScanner(request(mount + "/empty", 4, 1)), 0);
+    first.Release();
+    EXPECT_TRUE(WaitUntil([&] { return rec.frees.load() == 107; }));
+    EXPECT_EQ(rec.Results(), (std::vector<int>{803, 803, 804, 805, 805}));
 
-    // The queue is bounded.
+    // Removing the device of the running request returns only once that
+    // request is over.
+    Hold running;
+    ASSERT_EQ(thumb.AddScanner(running.Request(request(mount + "/files", 1000, 1))), 0);
+    ASSERT_TRUE(running.WaitEntered());
+    std::atomic<bool> removed{false};
+    std::thread pull([&] {
+        thumb.RemoveScannerByDevice(mount.c_str());
+        removed = true;
+    });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(removed.load());
+    running.Release();
+    pull.join();
+
+    // The queue is bounded: with the thread held inside a callback, exactly
+    // the requests beyond the bound are refused (and their data freed).
+    Hold hold;
+    ASSERT_EQ(thumb.AddScanner(hold.Request(request(mount + "/empty", 4, 1))), 0);
+    ASSERT_TRUE(hold.WaitEntered());
     int refused = 0;
     for (size_t i = 0; i < CMOXThumbnailScanner::kMaxQueuedRequests + 10; ++i)
         if (thumb.AddScanner(request(mount + "/empty", 4, 1)) != 0) ++refused;
-    EXPECT_GT(refused, 0);
+    EXPECT_EQ(refused, 10);
+    EXPECT_EQ(rec.frees.load(), 117);
+    hold.Release();
     thumb.Destroy();
-    EXPECT_EQ(rec.frees.load(), 105 + static_cast<int>(CMOXThumbnailScanner::kMaxQueuedRequests) + 10);
+    EXPECT_EQ(rec.frees.load(), 117 + static_cast<int>(CMOXThumbnailScanner::kMaxQueuedRequests));
 }
