@@ -113,7 +113,8 @@ std::unique_ptr<WorkerThreadJob> CMOXEngineImp::m_InitWorker(std::unique_ptr<Req
 
 size_t CMOXEngineImp::m_ListsHeldBy(const std::string& strSender) const {
     size_t nCount = 0;
-    for (const auto& entry : m_deliveredLists) nCount += entry.second.count(strSender);
+    for (const auto& entry : m_deliveredLists)
+        for (const Holder& holder : entry.second) nCount += holder.first == strSender;
     return nCount;
 }
 
@@ -269,9 +270,9 @@ bool CMOXEngineImp::DropPartialList(const std::string& strShmName, guint32 nHand
     // Only a list this engine handed to the caller: a client must not make
     // the engine let go of blocks that other clients hold.
     auto found = m_deliveredLists.find(strShmName);
-    if (found == m_deliveredLists.end() || found->second.erase(caller.sender) == 0) {
-        MOX_WARN("Result list[%s] was not delivered to [%s]: drop refused.", mox_bus::ForLog(strShmName).c_str(),
-                 caller.sender.c_str());
+    if (found == m_deliveredLists.end() || found->second.erase(Holder(caller.sender, nHandleId)) == 0) {
+        MOX_WARN("Result list[%s] was not delivered to [%s] handle %u: drop refused.",
+                 mox_bus::ForLog(strShmName).c_str(), caller.sender.c_str(), nHandleId);
         m_EmitEvent(caller, 11, nHandleId);
         return false;
     }
@@ -304,7 +305,10 @@ void CMOXEngineImp::RemoveClient(const std::string& strUniqueName) {
             }
     int nDropped = 0;
     for (auto it = m_deliveredLists.begin(); it != m_deliveredLists.end();) {
-        if (it->second.erase(strUniqueName) && it->second.empty()) {
+        size_t nHeld = it->second.size();
+        for (auto holder = it->second.begin(); holder != it->second.end();)
+            holder = holder->first == strUniqueName ? it->second.erase(holder) : std::next(holder);
+        if (nHeld != it->second.size() && it->second.empty()) {
             m_DropList(it->first);
             ++nDropped;
             it = m_deliveredLists.erase(it);
@@ -341,7 +345,7 @@ void CMOXEngineImp::m_GetPartialListCompeleteCb(void* pUserData, std::string str
     std::lock_guard<std::mutex> lock(pThis->m_mutex);
     int nEventType = strShmName.empty() ? 2 : 0;
     if (eError == MOX_ERROR_FAILED_RESULT) nEventType = 1;
-    std::set<std::string> recipients;
+    std::set<Holder> recipients;
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;
         CJsonValue payload;
@@ -352,7 +356,7 @@ void CMOXEngineImp::m_GetPartialListCompeleteCb(void* pUserData, std::string str
         MOX_DEBUG("strQueryCmd[%s].", mox_bus::ForLog(pJob->strQueryCmd).c_str());
         MOX_DEBUG("Emit signal[%s]", strPayload.c_str());
         m_Emit(pRequester->client, "mox_request_normal_complete", strPayload);
-        recipients.insert(pRequester->client.sender);
+        recipients.emplace(pRequester->client.sender, pRequester->nHandleId);
     }
     if (!strShmName.empty()) {
         if (recipients.empty()) {

@@ -6,8 +6,9 @@
 // (who asked, under which handle, and whether the answer is still wanted).
 // Identical list and metadata requests share one job and one command run;
 // each waiting requester gets its own signal. Result lists handed to clients
-// are remembered until every client they reached drops them or leaves the
-// bus, so that no list or data block outlives its readers.
+// are remembered until every requester they reached (client and handle)
+// drops them or its client leaves the bus, so that no list or data block
+// outlives its readers; only those requesters may drop a list.
 //
 // Threads: the request methods and RemoveClient run on the main loop; the
 // static completion callbacks run on the commands' threads. m_mutex guards
@@ -61,7 +62,7 @@ struct WorkerThreadJob {
 
 class CMOXEngineImp {
 public:
-    static const size_t kMaxJobs = 256;
+    static const size_t kMaxJobs = 64;
     static const size_t kMaxListsPerClient = 256;
     static const guint32 kInvalidHandle = 4294967295u;
 
@@ -136,7 +137,9 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_idle;  // signalled when a job ends
     std::map<std::string, std::unique_ptr<WorkerThreadJob>> m_workers;  // GUARDED_BY(m_mutex)
-    // Result list -> unique names of the clients that still hold it.
-    std::map<std::string, std::set<std::string>> m_deliveredLists;  // GUARDED_BY(m_mutex)
+    // Result list -> (client unique name, handle) of every requester that
+    // received it and has not dropped it yet.
+    using Holder = std::pair<std::string, guint32>;
+    std::map<std::string, std::set<Holder>> m_deliveredLists;  // GUARDED_BY(m_mutex)
     unsigned long long m_nDetailSerial = 0;                          // GUARDED_BY(m_mutex)
 };

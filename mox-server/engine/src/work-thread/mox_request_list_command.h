@@ -26,7 +26,7 @@
 
 class CMOXRequestListCommand : public IMOXCommand {
 public:
-    static const size_t kMaxSources = 32;
+    static const size_t kMaxSources = 16;
 
     CMOXRequestListCommand(MOXCommandCallback pfnCallback, void* pUserData);
     ~CMOXRequestListCommand() override;

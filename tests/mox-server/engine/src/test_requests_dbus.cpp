@@ -259,7 +259,7 @@ TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
 
     // Two clients, one source call, one signal each under its own handle; the
     // same client twice under one handle is answered once.
-    const std::string slow = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":600)");
+    const std::string slow = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500)");
     a.List(ha, slow);
     b.List(hb, slow);
     b.List(hb, slow);
@@ -280,7 +280,7 @@ TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
     EXPECT_FALSE(ShmExists(Delivered(eb)));
 
     // Disconnect suppresses only the disconnected requester's answer.
-    const std::string slow2 = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":700)");
+    const std::string slow2 = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500,"round":2)");
     a.List(ha, slow2);
     b.List(hb, slow2);
     a.Send("disconnect", g_variant_new("(u)", ha));
@@ -339,9 +339,9 @@ TEST_F(Requests, DetailOutcomesCancelAndMetadataWithAndWithoutProvider) {
     EXPECT_EQ(c.Nth("mox_request_normal_complete", 5)["mox_event_type"].asInt(), 4);
 
     // Cancelled before it completes: no signal; the job still ends.
-    detail(R"(,"test_delay_ms":400)");
+    detail(R"(,"test_delay_ms":1500)");
     c.Send("request_cancel_detail", g_variant_new("(u)", handle));
-    c.Drain(900);
+    c.Drain(2000);
     EXPECT_EQ(c.Count("mox_request_normal_complete"), 5u);
 
     // Metadata: no provider -> 14; a provider -> 13 with its answer and the
@@ -428,6 +428,22 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     c.Send("drop_partial_list", g_variant_new("(us)", handle, "../../etc/passwd"));
     EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_event_type"].asInt(), 11);
 
+    // Running jobs are bounded: requests beyond the bound are answered at once.
+    const size_t before = n;
+    for (int i = 0; i < 70; ++i)
+        c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500,"n":)" + std::to_string(i)));
+    int ready = 0, refused = 0;
+    for (int i = 0; i < 70; ++i) {
+        Json::Value answer = c.Nth("mox_request_normal_complete", ++n);
+        if (answer["mox_event_type"].asInt() == 0) ++ready;
+        if (answer["mox_event_type"].asInt() == 2) ++refused;
+        Delivered(answer);
+    }
+    EXPECT_EQ(n - before, 70u);
+    EXPECT_EQ(ready, 64);
+    EXPECT_EQ(refused, 6);
+    EXPECT_EQ(h.CountLog("Too many requests or undropped lists: list request refused."), 6u);
+
     CallResult alive = h.Call("start_server", nullptr);
     ASSERT_TRUE(alive.ok()) << alive.error;
 }
@@ -442,13 +458,13 @@ TEST_F(Requests, ClientLeavingTheBusLosesItsListsAndAnswers) {
         leaves.List(hl, ListDoc(R"(["mox_test_source"])"));
         orphan = Delivered(leaves.Nth("mox_request_normal_complete", 1));
         // Shared with the client that stays: that list must survive.
-        const std::string shared = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":500)");
+        const std::string shared = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500)");
         leaves.List(hl, shared);
         stays.List(hs, shared);
         kept = Delivered(leaves.Nth("mox_request_normal_complete", 2));
         EXPECT_EQ(Delivered(stays.Nth("mox_request_normal_complete", 1)), kept);
         // A request still running when the client leaves.
-        leaves.List(hl, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":600,"test_item_count":4)"));
+        leaves.List(hl, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500,"test_item_count":4)"));
         ASSERT_TRUE(ShmExists(orphan));
         leaves.Close();
     }
