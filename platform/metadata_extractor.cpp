@@ -427,7 +427,7 @@ int metadata_extractor_create(metadata_extractor_h* metadata) {
     if (!metadata) return METADATA_EXTRACTOR_ERROR_INVALID_PARAMETER;
     // Corrupt files are expected; their details are not worth a log line each.
     static std::once_flag s_quiet;
-    std::call_once(s_quiet, [] { av_log_set_level(AV_LOG_FATAL); });
+    std::call_once(s_quiet, [] { av_log_set_level(AV_LOG_QUIET); });
     *metadata = new (std::nothrow) metadata_extractor_s();
     return *metadata ? METADATA_EXTRACTOR_ERROR_NONE : METADATA_EXTRACTOR_ERROR_OUT_OF_MEMORY;
 }

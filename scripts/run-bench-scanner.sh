@@ -31,7 +31,7 @@ def medians(path):
     out = {}
     for b in json.load(open(path))["benchmarks"]:
         if b.get("aggregate_name") == "median":
-            out[b["run_name"]] = b
+            out[b["run_name"].split("/")[0]] = b
     return out
 m = medians(sys.argv[1])
 dbg = medians(sys.argv[2])

@@ -15,6 +15,8 @@ namespace {
 
 constexpr int kOptionWaitPolls = 300;
 constexpr int kOptionWaitUs = 10000;
+constexpr int kCreateWaitPolls = 1000;
+constexpr int kCreateWaitUs = 100;
 // Nice value of the priority classes 0 (highest) to 2 (the engine's choice).
 constexpr int kNiceOfPriority[] = {0, 5, 10};
 
@@ -52,6 +54,9 @@ bool CMOXAutoScanner::Create(const char* pszScannerName) {
         MOX_WARN("Cannot Create Scanner Thread (%s)", pszScannerName);
         return false;
     }
+    // The thread runs but may not have reached its loop yet; an option set
+    // right away would otherwise wait (and warn) in SetScannerOption.
+    for (int i = 0; !m_bRunning && i < kCreateWaitPolls; ++i) g_usleep(kCreateWaitUs);
     return true;
 }
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 
 #include "mox_extractor.h"
 
@@ -152,10 +153,12 @@ bool Send(int sock, const std::string& msg, int fd) {
 }
 
 long Receive(int sock, std::string& msg, mox_util::UniqueFd* fd) {
-    msg.resize(kMaxMessageBytes);
+    // Not zero-filled: only the received bytes are copied out.
+    std::unique_ptr<char[]> buffer(new char[kMaxMessageBytes]);
+    msg.clear();
     struct iovec iov;
-    iov.iov_base = msg.data();
-    iov.iov_len = msg.size();
+    iov.iov_base = buffer.get();
+    iov.iov_len = kMaxMessageBytes;
     struct msghdr hdr;
     memset(&hdr, 0, sizeof(hdr));
     hdr.msg_iov = &iov;
@@ -169,11 +172,8 @@ long Receive(int sock, std::string& msg, mox_util::UniqueFd* fd) {
     do {
         n = recvmsg(sock, &hdr, MSG_CMSG_CLOEXEC);
     } while (n < 0 && errno == EINTR);
-    if (n < 0) {
-        msg.clear();
-        return -1;
-    }
-    msg.resize(static_cast<size_t>(n));
+    if (n < 0) return -1;
+    msg.assign(buffer.get(), static_cast<size_t>(n));
     for (struct cmsghdr* c = CMSG_FIRSTHDR(&hdr); c; c = CMSG_NXTHDR(&hdr, c)) {
         if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
         size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);

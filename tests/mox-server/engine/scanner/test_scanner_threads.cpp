@@ -28,19 +28,12 @@ struct Recorder {
     std::condition_variable cv;
     std::vector<int> results;
     std::atomic<int> frees{0};
-    bool hold = false;  // GUARDED_BY(m): end callbacks wait while set
 
     static void OnEnd(void* data, int result) {
         auto* self = static_cast<Recorder*>(data);
-        std::unique_lock<std::mutex> lock(self->m);
+        std::lock_guard<std::mutex> lock(self->m);
         self->results.push_back(result);
         self->cv.notify_all();
-        self->cv.wait(lock, [&] { return !self->hold; });
-    }
-    void Hold(bool on) {
-        std::lock_guard<std::mutex> lock(m);
-        hold = on;
-        cv.notify_all();
     }
     static void OnFree(void* data) { ++static_cast<Recorder*>(data)->frees; }
 
@@ -73,6 +66,35 @@ SMOXScannerOption ScanOption(const std::string& root, int mode, Recorder* rec) {
     option.pfnFreeData = Recorder::OnFree;
     return option;
 }
+
+// An end callback that holds the scanner's thread until released.
+struct Hold {
+    std::mutex m;
+    std::condition_variable cv;
+    bool entered = false, released = false;
+    static void OnEnd(void* data, int) {
+        auto* self = static_cast<Hold*>(data);
+        std::unique_lock<std::mutex> lock(self->m);
+        self->entered = true;
+        self->cv.notify_all();
+        self->cv.wait(lock, [&] { return self->released; });
+    }
+    SMOXScannerOption Request(SMOXScannerOption option) {
+        option.pfnEndCallback = OnEnd;
+        option.pCallbackData = this;
+        option.pfnFreeData = nullptr;
+        return option;
+    }
+    bool WaitEntered() {
+        std::unique_lock<std::mutex> lock(m);
+        return cv.wait_for(lock, 10s, [&] { return entered; });
+    }
+    void Release() {
+        std::lock_guard<std::mutex> lock(m);
+        released = true;
+        cv.notify_all();
+    }
+};
 
 }  // namespace
 
@@ -359,27 +381,52 @@ TEST(ThumbnailScanner, ResultsLimitAndRemoval) {
     std::vector<SMOXFileInfo> files;
     EXPECT_EQ(thumb.GetFileInfoList(files), -1) << "no request runs now";
 
-    // Queued requests of a device go with it; a matching stop drops one.
+    // With the thread held on another storage's request: queued requests of
+    // a device go with it, a matching stop drops one, the rest run.
+    Hold first;
+    SMOXScannerOption other = first.Request(request(mount + "/dirs", 4, 1));
+    other.strBasePath = stick.path() + "/other";
+    ASSERT_EQ(thumb.AddScanner(other), 0);
+    ASSERT_TRUE(first.WaitEntered());
     SMOXScannerOption kept = request(mount + "/dirs", 4, 7);
     kept.strBasePath = stick.path() + "/other";
     for (int i = 0; i < 100; ++i) ASSERT_EQ(thumb.AddScanner(request(mount + "/files", 1000, i)), 0);
     ASSERT_EQ(thumb.AddScanner(kept), 0);
-    thumb.RemoveScanner((mount + "/dirs").c_str(), "CONTENT-IMAGE", 4, 7);
+    ASSERT_EQ(thumb.AddScanner(kept), 0);
+    thumb.RemoveScanner((mount + "/dirs").c_str(), "CONTENT-IMAGE", 4, 7);  // both copies
     thumb.RemoveScannerByDevice(mount.c_str());
-    EXPECT_TRUE(WaitUntil([&] { return rec.frees.load() == 105; }));
-    EXPECT_LT(rec.Results().size(), 10u);
-
-    // The queue is bounded: with the thread held in an end callback, the
-    // requests beyond the bound are refused.
-    rec.Hold(true);
-    size_t nBefore = rec.Results().size();
+    EXPECT_EQ(rec.frees.load(), 106);
     ASSERT_EQ(thumb.AddScanner(request(mount + "/empty", 4, 1)), 0);
-    ASSERT_TRUE(rec.WaitFor(nBefore + 1));
+    first.Release();
+    EXPECT_TRUE(WaitUntil([&] { return rec.frees.load() == 107; }));
+    EXPECT_EQ(rec.Results(), (std::vector<int>{803, 803, 804, 805, 805}));
+
+    // Removing the device of the running request returns only once that
+    // request is over.
+    Hold running;
+    ASSERT_EQ(thumb.AddScanner(running.Request(request(mount + "/files", 1000, 1))), 0);
+    ASSERT_TRUE(running.WaitEntered());
+    std::atomic<bool> removed{false};
+    std::thread pull([&] {
+        thumb.RemoveScannerByDevice(mount.c_str());
+        removed = true;
+    });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(removed.load());
+    running.Release();
+    pull.join();
+
+    // The queue is bounded: with the thread held inside a callback, exactly
+    // the requests beyond the bound are refused (and their data freed).
+    Hold hold;
+    ASSERT_EQ(thumb.AddScanner(hold.Request(request(mount + "/empty", 4, 1))), 0);
+    ASSERT_TRUE(hold.WaitEntered());
     int refused = 0;
     for (size_t i = 0; i < CMOXThumbnailScanner::kMaxQueuedRequests + 10; ++i)
         if (thumb.AddScanner(request(mount + "/empty", 4, 1)) != 0) ++refused;
     EXPECT_EQ(refused, 10);
-    rec.Hold(false);
+    EXPECT_EQ(rec.frees.load(), 117);
+    hold.Release();
     thumb.Destroy();
-    EXPECT_EQ(rec.frees.load(), 106 + static_cast<int>(CMOXThumbnailScanner::kMaxQueuedRequests) + 10);
+    EXPECT_EQ(rec.frees.load(), 117 + static_cast<int>(CMOXThumbnailScanner::kMaxQueuedRequests));
 }
