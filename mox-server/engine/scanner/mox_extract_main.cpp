@@ -73,10 +73,11 @@ bool DropRoot() {
     return true;
 }
 
-bool Confine() {
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return false;
-    if (getppid() == 1) return false;  // the daemon is already gone
+bool Confine(pid_t daemon) {
     if (!DropRoot()) return false;
+    // After the credential change, which clears the parent-death signal.
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return false;
+    if (getppid() != daemon) return false;  // the daemon is already gone
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return false;
     bool ok = SetLimit(RLIMIT_CORE, 0, 0, "CORE") && SetLimit(RLIMIT_FSIZE, 0, 0, "FSIZE") &&
               SetLimit(RLIMIT_NOFILE, 32, 32, "NOFILE");
@@ -116,6 +117,7 @@ void TestFault(const std::string& name) {
 }  // namespace
 
 int main() {
+    const pid_t daemon = getppid();
     // Nothing of the daemon's but the socket is wanted here.
     if (close_range(kSocketFd + 1, ~0U, 0) != 0)
         for (int fd = kSocketFd + 1; fd < 1024; ++fd) close(fd);
@@ -126,7 +128,7 @@ int main() {
     // With RLIMIT_FSIZE 0 a write to a regular file (stderr redirected to
     // one, say) must fail with EFBIG rather than kill the helper mid-file.
     signal(SIGXFSZ, SIG_IGN);
-    if (!Confine()) {
+    if (!Confine(daemon)) {
         fprintf(stderr, "mox-extract: cannot confine itself, not parsing anything.\n");
         return kExitSetupFailed;
     }

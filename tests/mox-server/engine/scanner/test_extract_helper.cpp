@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -245,4 +247,47 @@ TEST_F(ExtractHelper, HelperSurvivesLoggingToARegularFile) {
     EXPECT_FALSE(second.empty());
     EXPECT_EQ(pids.size(), 1u);
     EXPECT_EQ(HelperPids(), pids);
+}
+
+TEST_F(ExtractHelper, StalledHelperDiesWithTheDaemon) {
+    // No helper of ours may be running when the process forks: the child
+    // must start its own.
+    WriteBytes(s_dir->file("mox-extract-crash-fork.jpg"), "x");
+    EXPECT_EQ(Helper("mox-extract-crash-fork.jpg", 2), "");
+    WriteBytes(s_dir->file("mox-extract-hang-fork.mp3"), "x");
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // The "daemon" is killed while its helper is stalled on a file.
+        signal(SIGALRM, SIG_DFL);
+        alarm(1);
+        Helper("mox-extract-hang-fork.mp3", 5);
+        _exit(1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << status;
+
+    // The orphaned helper, if any, would be stalled with this test's root.
+    auto orphans = [] {
+        std::vector<pid_t> found;
+        DIR* proc = opendir("/proc");
+        while (proc && (errno = 0, true)) {
+            struct dirent* e = readdir(proc);
+            if (!e) break;
+            pid_t pid = atoi(e->d_name);
+            if (pid <= 0 || ReadBytes("/proc/" + std::string(e->d_name) + "/comm") != "mox-extract\n") continue;
+            std::string env = ReadBytes("/proc/" + std::string(e->d_name) + "/environ");
+            if (env.find("MOX_USB_ROOT=" + s_dir->path() + std::string(1, '\0')) != std::string::npos)
+                found.push_back(pid);
+        }
+        if (proc) closedir(proc);
+        return found;
+    };
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (!orphans().empty() && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::vector<pid_t> left = orphans();
+    for (pid_t pid : left) kill(pid, SIGKILL);
+    EXPECT_TRUE(left.empty());
 }
