@@ -155,6 +155,15 @@ bool CMOXEngineImp::m_JoinOrStart(std::unique_lock<std::mutex>& lock, const std:
     return m_Execute(lock, pCommand, strCommand);
 }
 
+void CMOXEngineImp::m_EmitRefusal(const connect_info_s& caller, const char* szSignal, int nEventType,
+                                  guint32 nHandleId, const char* szDataKey, const char* szData) {
+    CJsonValue payload;
+    payload.Set("mox_event_type", nEventType);
+    payload.Set("mox_handle_id", nHandleId);
+    payload.Set(szDataKey, szData);
+    m_Emit(caller, szSignal, payload.ToString());
+}
+
 bool CMOXEngineImp::GetPartialList(const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::GetPartialList()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strCommand).c_str());
@@ -163,11 +172,7 @@ bool CMOXEngineImp::GetPartialList(const std::string& strCommand, guint32 nHandl
     if (!m_workers.count(strKey) &&
         (m_workers.size() >= kMaxJobs || m_ListsHeldBy(caller.sender) >= kMaxListsPerClient)) {
         MOX_WARN("Too many requests or undropped lists: list request refused.");
-        CJsonValue payload;
-        payload.Set("mox_event_type", 2);
-        payload.Set("mox_handle_id", nHandleId);
-        payload.Set("mox_result_list_block_name", "");
-        m_Emit(caller, "mox_request_normal_complete", payload.ToString());
+        m_EmitRefusal(caller, "mox_request_normal_complete", 2, nHandleId, "mox_result_list_block_name", "");
         return false;
     }
     return m_JoinOrStart(lock, strKey, strCommand, nHandleId, caller, m_GetPartialListCompeleteCb);
@@ -196,11 +201,7 @@ bool CMOXEngineImp::RequestMetadata(const std::string& strRequest, guint32 nHand
     std::string strKey = kMetaKey + strRequest;
     if (!m_workers.count(strKey) && m_workers.size() >= kMaxJobs) {
         MOX_WARN("Too many requests: metadata request refused.");
-        CJsonValue payload;
-        payload.Set("mox_event_type", 14);
-        payload.Set("mox_handle_id", nHandleId);
-        payload.Set("act_command_and_return_data", "{}");
-        m_Emit(caller, "mox_request_metadata", payload.ToString());
+        m_EmitRefusal(caller, "mox_request_metadata", 14, nHandleId, "act_command_and_return_data", "{}");
         return false;
     }
     return m_JoinOrStart(lock, strKey, strRequest, nHandleId, caller, m_RequestMetaCompeleteCb);

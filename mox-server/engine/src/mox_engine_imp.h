@@ -132,6 +132,9 @@ private:
 
     static void m_Emit(const connect_info_s& client, const char* szSignal, const std::string& strPayload);
     static void m_EmitEvent(const connect_info_s& client, int nEventType, guint32 nHandleId);
+    // The failure signal of a request refused at once (a bound was reached).
+    static void m_EmitRefusal(const connect_info_s& caller, const char* szSignal, int nEventType,
+                              guint32 nHandleId, const char* szDataKey, const char* szData);
 
     guint32 m_nHandleCounter = 0;  // main loop only
     std::mutex m_mutex;

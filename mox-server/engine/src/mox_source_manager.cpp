@@ -53,26 +53,35 @@ bool CMOXSourceMgr::IsPluginFileName(const std::string& strLibName) {
     return strLibName.find("..") == std::string::npos;
 }
 
-bool CMOXSourceMgr::InstallPlugin(std::string strLibName) {
-    if (!IsPluginFileName(strLibName)) {
+namespace {
+
+// The library's path in the plug-in directory, or false (with a warning) for
+// a name that is not a plain lib*.so file name.
+bool PluginPath(const std::string& strLibName, std::string& strPath) {
+    if (!CMOXSourceMgr::IsPluginFileName(strLibName)) {
         MOX_WARN("Refused plugin name[%.255s]: not a plain lib*.so file name.", strLibName.c_str());
         return false;
     }
-    std::string strDir = mox_host::PluginDir();
-    if (!strDir.empty() && strDir.back() != '/') strDir += '/';
+    strPath = mox_host::PluginDir();
+    if (!strPath.empty() && strPath.back() != '/') strPath += '/';
+    strPath += strLibName;
+    return true;
+}
+
+}  // namespace
+
+bool CMOXSourceMgr::InstallPlugin(std::string strLibName) {
+    std::string strPath;
+    if (!PluginPath(strLibName, strPath)) return false;
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_InstallPlugin(strDir + strLibName);
+    return m_InstallPlugin(strPath);
 }
 
 bool CMOXSourceMgr::UnInstallPlugin(std::string strLibName) {
-    if (!IsPluginFileName(strLibName)) {
-        MOX_WARN("Refused plugin name[%.255s]: not a plain lib*.so file name.", strLibName.c_str());
-        return false;
-    }
-    std::string strDir = mox_host::PluginDir();
-    if (!strDir.empty() && strDir.back() != '/') strDir += '/';
+    std::string strPath;
+    if (!PluginPath(strLibName, strPath)) return false;
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_UnInstallPlugin(strDir + strLibName);
+    return m_UnInstallPlugin(strPath);
 }
 
 bool CMOXSourceMgr::m_InstallPlugin(std::string strPath) {
