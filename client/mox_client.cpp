@@ -9,9 +9,14 @@
 //     line ("[index] item"), then drops the list. Exits 0 when the list was
 //     read and dropped, 1 otherwise (failure event, timeout after SECONDS,
 //     default 30).
+//   mox-client copy SRC DST [SECONDS]
+//     asks the transfer source to copy SRC (a file below the USB root, or an
+//     http/https URL) to DST, prints each progress report and the final
+//     event; exits 0 when the transfer ended with code 0.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 #include <string>
 
 #include <gio/gio.h>
@@ -206,9 +211,73 @@ int List(const char* library, const char* document, int seconds) {
     return status;
 }
 
+// Waits for the next signal to the completion's handle, without a call.
+bool WaitNext(Completion& completion, int seconds) {
+    completion.received = false;
+    guint timer = g_timeout_add_seconds(static_cast<guint>(seconds), OnCompletionTimeout, &completion);
+    g_main_loop_run(completion.loop);
+    if (completion.received) g_source_remove(timer);
+    return completion.received;
+}
+
+int Copy(const char* src, const char* dst, int seconds) {
+    GError* error = nullptr;
+    GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    if (!bus) {
+        fprintf(stderr, "mox-client: no system bus: %s\n", error->message);
+        g_error_free(error);
+        return 1;
+    }
+    Completion completion;
+    completion.loop = g_main_loop_new(nullptr, FALSE);
+    guint sub = g_dbus_connection_signal_subscribe(bus, kName, kInterface, "mox_request_normal_complete", kPath,
+                                                   nullptr, G_DBUS_SIGNAL_FLAGS_NONE, OnComplete, &completion,
+                                                   nullptr);
+    int status = 1;
+    GVariant* reply = g_dbus_connection_call_sync(bus, kName, kPath, kInterface, "connect",
+                                                  g_variant_new("(s)", "libmox_ra_source.so"), G_VARIANT_TYPE("(u)"),
+                                                  G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, &error);
+    if (!reply) {
+        fprintf(stderr, "mox-client: connect failed: %s\n", error->message);
+        g_error_free(error);
+    } else {
+        g_variant_get(reply, "(u)", &completion.handle);
+        g_variant_unref(reply);
+        Json::Value doc;
+        doc["mox_command"] = "mox_file_transfer";
+        doc["mox_source"] = "mox_ra_source";
+        doc["mox_transfer_id"] = "mox-client-" + std::to_string(getpid());
+        doc["mox_transfer_src"] = src;
+        doc["mox_transfer_dst"] = dst;
+        std::string text = Json::FastWriter().write(doc);
+        bool ok = CallAndWait(bus, completion, "request_act", g_variant_new("(uss)", completion.handle, "", text.c_str()),
+                              seconds);
+        while (ok && completion.payload["mox_file_transfer_signal"].asInt() == 1) {
+            Json::Value data;
+            Json::Reader().parse(completion.payload["mox_file_transter_data"].asString(), data);
+            printf("progress: %.0f of %.0f bytes\n", data["mox_file_transter_dlnow"].asDouble(),
+                   data["mox_file_transter_dltotal"].asDouble());
+            fflush(stdout);
+            ok = WaitNext(completion, seconds);
+        }
+        if (ok) {
+            int code = completion.payload["mox_error_code"].asInt();
+            printf("finished: event %d, code %d\n", completion.payload["mox_event_type"].asInt(), code);
+            status = code == 0 ? 0 : 1;
+        } else {
+            fprintf(stderr, "mox-client: no end of the transfer within %d s\n", seconds);
+        }
+    }
+    g_dbus_connection_signal_unsubscribe(bus, sub);
+    g_main_loop_unref(completion.loop);
+    g_object_unref(bus);
+    return status;
+}
+
 int Usage() {
     fprintf(stderr, "usage: mox-client watch-usb [COUNT] [SECONDS]\n"
-                    "       mox-client list LIBRARY DOCUMENT [SECONDS]\n");
+                    "       mox-client list LIBRARY DOCUMENT [SECONDS]\n"
+                    "       mox-client copy SRC DST [SECONDS]\n");
     return 2;
 }
 
@@ -225,6 +294,11 @@ int main(int argc, char** argv) {
         int seconds = argc >= 5 ? atoi(argv[4]) : 30;
         if (seconds < 1) return Usage();
         return List(argv[2], argv[3], seconds);
+    }
+    if (argc >= 4 && strcmp(argv[1], "copy") == 0 && argc <= 5) {
+        int seconds = argc >= 5 ? atoi(argv[4]) : 60;
+        if (seconds < 1) return Usage();
+        return Copy(argv[2], argv[3], seconds);
     }
     return Usage();
 }
