@@ -15,6 +15,9 @@
 // execute() thread.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
@@ -163,3 +166,5 @@ private:
     double m_dDLNow = 0;         // GUARDED_BY(m_mutex)
     double m_dDLTotal = 0;       // GUARDED_BY(m_mutex)
 };
+
+#pragma GCC visibility pop

@@ -15,6 +15,9 @@
 // Album ("mox_create_album"): "mox_album_path", the folder to create.
 #pragma once
 
+// Exported from the shared library, which hides everything else.
+#pragma GCC visibility push(default)
+
 // Result codes besides 0 (success) and 7 (malformed document, path outside
 // the USB root, unknown transfer id in a stop). They lie in the range of
 // mox_error_code_e that the engine leaves to sources.
@@ -28,3 +31,5 @@ enum {
     MOX_RA_ERROR_BUSY = 15,         // the id or the destination is already in transfer
     MOX_RA_ERROR_UNSUPPORTED = 16,  // "mox_setlike" / "mox_uploadcomment" on local storage
 };
+
+#pragma GCC visibility pop
