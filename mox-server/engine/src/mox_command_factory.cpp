@@ -4,6 +4,7 @@
 #include <mox/json_value.h>
 #include <mox/mox_log.h>
 
+#include "mox_act_command.h"
 #include "mox_bus_text.h"
 #include "mox_request_detail_command.h"
 #include "mox_request_list_command.h"
@@ -16,8 +17,9 @@ std::unique_ptr<IMOXCommand> CMOXCommandFactory::GetCommand(std::string& strComm
     if (doc.IsValid() && doc.IsString("mox_command")) doc.Get("mox_command", strName);
     if (strName == "mox_requestlist") return std::make_unique<CMOXRequestListCommand>(pfnCallback, pUserData);
     if (strName == "mox_requestdetail") return std::make_unique<CMOXRequestDetailCommand>(pfnCallback, pUserData);
-    // The act commands ("mox_uploadcomment", "mox_setlike", "mox_file_transfer",
-    // "mox_create_album") join here with the act command.
+    if (strName == "mox_uploadcomment" || strName == "mox_setlike" || strName == "mox_file_transfer" ||
+        strName == "mox_create_album")
+        return std::make_unique<CMOXActCommand>(pfnCallback, pUserData);
     if (strName == "mox_requestmeta") return std::make_unique<CMOXRequestMetaCommand>(pfnCallback, pUserData);
     MOX_WARN("Unknown command[%s].", mox_bus::ForLog(strName).c_str());
     return nullptr;

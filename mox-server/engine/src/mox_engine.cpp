@@ -280,12 +280,6 @@ std::string checkFolderPath(const char* szParam) {
     return strFolderId;
 }
 
-// The request engine, the storage manager and the scanners join the daemon in
-// later steps; until then their methods answer with their failure replies.
-void warnUnavailable(const char* szMethod, const char* szPart) {
-    MOX_WARN("method(%s) is not available: no %s in this build.", szMethod, szPart);
-}
-
 // The reply a method gives when it fails before doing anything; null is the
 // empty reply.
 GVariant* failureReply(const std::string& method) {
@@ -424,7 +418,7 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         g_variant_get(parameters, "(u&s&s)", &nHandleId, &szSelectionListBlockName, &szParam);
         MOX_DEBUG("szParam: %s", mox_bus::ForLog(szParam).c_str());
         MOX_DEBUG("szSelectionListBlockName: %s", mox_bus::ForLog(szSelectionListBlockName).c_str());
-        warnUnavailable(szMethodName, "request engine");
+        pMOXEngineImp->Act(szParam, szSelectionListBlockName, nHandleId, callerOf(invocation));
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "usb_file_write") {
         const gchar* szFilePath = nullptr;
@@ -447,9 +441,8 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         const gchar* szParam = nullptr;
         g_variant_get(parameters, "(u&s)", &nHandleId, &szParam);
         MOX_DEBUG("szParam: %s", mox_bus::ForLog(szParam).c_str());
-        warnUnavailable(szMethodName, "request engine");
-        g_dbus_method_invocation_return_value(invocation,
-                                              g_variant_new("(u)", guint32(MOX_ERROR_GENERIC)));
+        guint32 nResult = pMOXEngineImp->StopActSync(szParam, nHandleId, callerOf(invocation));
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", nResult));
     } else if (method == "start_scanner_thumb") {
         const gchar* szFolderPath = nullptr;
         const gchar* szCategory = nullptr;

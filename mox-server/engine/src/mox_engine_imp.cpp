@@ -38,6 +38,12 @@ std::string StringMember(const std::string& strDoc, const char* szKey) {
 CMOXEngineImp::CMOXEngineImp() = default;
 
 CMOXEngineImp::~CMOXEngineImp() {
+    {
+        // Transfers can run for minutes: ask every command to give up.
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto& entry : m_workers)
+            if (entry.second->pCommand) entry.second->pCommand->Stop();
+    }
     if (!WaitIdle(std::chrono::seconds(10))) MOX_WARN("Commands still running at shutdown.");
     std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& entry : m_deliveredLists) m_DropList(entry.first);

@@ -55,6 +55,8 @@ struct WorkerThreadJob {
     std::string strQueryCmd;  // the command text, as given to Execute
     std::string strKey;       // the job's key in m_workers
     std::unique_ptr<IMOXCommand> pCommand;
+    // File transfers: the command's user data (job, progress callback).
+    std::unique_ptr<SMOXActParam> pActParam;
     std::set<std::unique_ptr<Requester>, RequesterPointerComparator> requesters;
     CMOXEngineImp* pThis = nullptr;
 };
@@ -82,6 +84,22 @@ public:
     bool CancelDetail(guint32 nHandleId, const connect_info_s& caller);
     bool DropPartialList(const std::string& strShmName, guint32 nHandleId, const connect_info_s& caller);
     bool RequestMetadata(const std::string& strRequest, guint32 nHandleId, const connect_info_s& caller);
+
+    // Actions and file transfers (mox_engine_imp_act.cpp). Act starts or joins
+    // the job of the parameter document (compact text as key); a document
+    // that cannot make a command, or that asks for a stop, is answered at
+    // once with a final signal carrying its code. StopActSync runs the stop
+    // of a transfer on the calling thread without touching any job and
+    // returns the source's code (23 when no command can be made).
+    bool Act(const std::string& strParam, const std::string& strSelectionBlock, guint32 nHandleId,
+             const connect_info_s& caller);
+    guint32 StopActSync(const std::string& strParam, guint32 nHandleId, const connect_info_s& caller);
+    static void m_ActCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError);
+    // pUserData is the job's SMOXActParam. Reports closer than 300 ms to the
+    // previous one (of any transfer) are dropped unless they finish a
+    // download or upload.
+    static void m_ActProgressCb(void* pUserData, const char* szParam, mox_transfer_progress_data_s* pProgress,
+                                mox_error_code_e eError);
 
     // A client left the bus: its requesters are cancelled and the result
     // lists that no other client holds are dropped.
@@ -131,6 +149,9 @@ private:
 
     static void m_Emit(const connect_info_s& client, const char* szSignal, const std::string& strPayload);
     static void m_EmitEvent(const connect_info_s& client, int nEventType, guint32 nHandleId);
+    // The final act signal (event 6 for code 0, else 7) to one requester.
+    static void m_EmitActEnd(const connect_info_s& client, guint32 nHandleId, const std::string& strResult,
+                             const std::string& strTimes, int nError);
 
     guint32 m_nHandleCounter = 0;  // main loop only
     std::mutex m_mutex;

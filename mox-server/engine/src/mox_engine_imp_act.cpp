@@ -1,0 +1,227 @@
+#define MOX_LOG_TAG "MOX-ENGINE"
+#include <mox/mox_log.h>
+
+#include "mox_engine_imp.h"
+
+#include <atomic>
+
+#include <mox/json_value.h>
+#include <mox/mox_singleton.h>
+#include <mox/mox_util.h>
+
+#include "mox_act_command.h"
+#include "mox_bus_text.h"
+#include "mox_command_factory.h"
+
+namespace {
+
+// Kind of the act jobs' keys (see mox_engine_imp.cpp for the others).
+const char kActKey = 'A';
+
+// Time of the last progress report, in CMOXUtil::GetCurrentSystemTime units
+// (ms). Shared by every transfer of the process on purpose: the limit is
+// on the signals the engine sends, not per transfer.
+std::atomic<long long> g_llLastProgressReport{0};
+const long long kProgressIntervalMs = 300;
+
+std::string StringMember(const CJsonValue& doc, const char* szKey) {
+    std::string strValue;
+    if (doc.IsValid() && doc.IsString(szKey)) doc.Get(szKey, strValue);
+    return strValue;
+}
+
+// Compact one-line text of a document, without the writer's final newline.
+std::string Compact(const CJsonValue& doc) {
+    std::string strText = doc.ToString();
+    while (!strText.empty() && strText.back() == '\n') strText.pop_back();
+    return strText;
+}
+
+bool StopRequested(const CJsonValue& doc) {
+    if (!doc.IsValid()) return false;
+    const Json::Value& value = doc.Root()["mox_file_transfer_stop"];
+    return value.isBool() && value.asBool();
+}
+
+}  // namespace
+
+void CMOXEngineImp::m_EmitActEnd(const connect_info_s& client, guint32 nHandleId, const std::string& strResult,
+                                 const std::string& strTimes, int nError) {
+    CJsonValue payload;
+    payload.Set("mox_event_type", nError == MOX_ERROR_NONE ? 6 : 7);
+    payload.Set("mox_handle_id", nHandleId);
+    payload.Set("act_command_and_return_data", strResult);
+    payload.Set("mox_act_request_times", strTimes);
+    payload.Set("mox_file_transfer_signal", 0);
+    // Clients tell failures apart by this code (the source's documented ones).
+    payload.Set("mox_error_code", nError);
+    std::string strPayload = payload.ToString();
+    MOX_DEBUG("Emit signal[%s]", mox_bus::ForLog(strPayload).c_str());
+    m_Emit(client, "mox_request_normal_complete", strPayload);
+}
+
+bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelectionBlock, guint32 nHandleId,
+                        const connect_info_s& caller) {
+    MOX_INFO("In CMOXEngineImp::Act()");
+    MOX_INFO("szParam[%s].", mox_bus::ForLog(strParam).c_str());
+    (void)strSelectionBlock;  // only logged by the dispatcher
+    CJsonValue doc(strParam);
+    const std::string strCommand = StringMember(doc, "mox_command");
+    const std::string strTimes = StringMember(doc, "mox_act_request_times");
+    if (StopRequested(doc)) {
+        // A stop goes through stop_act; as a request it would never end.
+        MOX_WARN("A transfer stop sent with request_act: refused.");
+        m_EmitActEnd(caller, nHandleId, strParam, strTimes, MOX_ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    const std::string strText = doc.IsValid() ? Compact(doc) : strParam;
+    const std::string strKey = kActKey + strText;
+
+    std::unique_lock<std::mutex> lock(m_mutex);
+    std::unique_ptr<Requester> pRequester = m_InitRequester(nHandleId, caller);
+    std::string strFindKey = strKey;
+    if (m_FindRequester(pRequester, strFindKey)) {
+        MOX_DEBUG("m_FindRequester == true.");
+        return true;
+    }
+    if (m_workers.size() >= kMaxJobs) {
+        MOX_WARN("Too many requests: act request refused.");
+        m_EmitActEnd(caller, nHandleId, strParam, strTimes, MOX_ERROR_GENERIC);
+        return false;
+    }
+    std::unique_ptr<WorkerThreadJob> pJob = m_InitWorker(std::move(pRequester), strKey, strText);
+    void* pUserData = pJob.get();
+    if (strCommand == "mox_file_transfer") {
+        MOX_DEBUG("Send Act request[%s]", strCommand.c_str());
+        pJob->pActParam = std::make_unique<SMOXActParam>();
+        pJob->pActParam->pUserData = pJob.get();
+        pJob->pActParam->pfnProgress = m_ActProgressCb;
+        pJob->pActParam->nReserved = 0;
+        pUserData = pJob->pActParam.get();
+    }
+    pJob->pCommand = CMOXSingleton<CMOXCommandFactory>::Get()->GetCommand(pJob->strQueryCmd, m_ActCompeleteCb,
+                                                                          pUserData);
+    if (!pJob->pCommand) {
+        MOX_WARN("GetCommand failed.");
+        m_EmitActEnd(caller, nHandleId, strParam, strTimes, MOX_ERROR_GENERIC);
+        return false;
+    }
+    IMOXCommand* pCommand = pJob->pCommand.get();
+    m_workers.emplace(strKey, std::move(pJob));
+    return m_Execute(lock, pCommand, strText);
+}
+
+guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleId, const connect_info_s& caller) {
+    MOX_INFO("In CMOXEngineImp::StopActSync()");
+    MOX_INFO("szParam[%s].", mox_bus::ForLog(strParam).c_str());
+    CJsonValue doc(strParam);
+    const std::string strCommand = StringMember(doc, "mox_command");
+    const std::string strText = doc.IsValid() ? Compact(doc) : strParam;
+    // A job of its own, never stored: the stop touches no running job.
+    std::unique_ptr<WorkerThreadJob> pJob = m_InitWorker(m_InitRequester(nHandleId, caller), kActKey + strText,
+                                                         strText);
+    if (strCommand != "mox_file_transfer") {
+        MOX_WARN("No act to stop for command[%s].", mox_bus::ForLog(strCommand).c_str());
+        return MOX_ERROR_GENERIC;
+    }
+    // Without the stop member the command would start a transfer whose job
+    // is freed below.
+    if (!StopRequested(doc)) {
+        MOX_WARN("stop_act without \"mox_file_transfer_stop\" true: refused.");
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    MOX_DEBUG("Stop send act request[%s]", strCommand.c_str());
+    pJob->pActParam = std::make_unique<SMOXActParam>();
+    pJob->pActParam->pUserData = pJob.get();
+    pJob->pActParam->pfnProgress = m_ActProgressCb;
+    pJob->pCommand =
+        CMOXSingleton<CMOXCommandFactory>::Get()->GetCommand(pJob->strQueryCmd, m_ActCompeleteCb, pJob->pActParam.get());
+    auto* pActCommand = dynamic_cast<CMOXActCommand*>(pJob->pCommand.get());
+    if (pActCommand == nullptr) {
+        MOX_WARN("GetCommand failed.");
+        return MOX_ERROR_GENERIC;
+    }
+    pActCommand->Execute(strText);
+    guint32 nResult = static_cast<guint32>(pActCommand->StopResult());
+    pJob->requesters.clear();
+    pJob.reset();
+    MOX_DEBUG("act ok.");
+    return nResult;
+}
+
+void CMOXEngineImp::m_ActCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError) {
+    MOX_TRACE("In CMOXEngineImp::m_ActCompeleteCb().");
+    auto* pJob = static_cast<WorkerThreadJob*>(pUserData);
+    if (pJob == nullptr) {
+        MOX_WARN("pWorkingInfo == NULL");
+        return;
+    }
+    CMOXEngineImp* pThis = pJob->pThis;
+    if (pThis == nullptr) {
+        MOX_DEBUG("---cb working Info pThis is NULL---\n");
+        return;
+    }
+    const std::string strTimes = StringMember(CJsonValue(pJob->strQueryCmd), "mox_act_request_times");
+    if (eError != MOX_ERROR_NONE) MOX_WARN("Act ended with code[%d].", static_cast<int>(eError));
+    std::lock_guard<std::mutex> lock(pThis->m_mutex);
+    for (const auto& pRequester : pJob->requesters) {
+        if (pRequester->nCancelled != 0) continue;
+        m_EmitActEnd(pRequester->client, pRequester->nHandleId, strResult, strTimes, eError);
+    }
+    pThis->m_ReleaseJob(pJob);
+}
+
+void CMOXEngineImp::m_ActProgressCb(void* pUserData, const char* szParam, mox_transfer_progress_data_s* pProgress,
+                                    mox_error_code_e eError) {
+    MOX_TRACE("In CMOXEngineImp::m_ActProgressCb().");
+    if (NULL == pProgress) {
+        MOX_WARN("NULL == pMoxActProgressData");
+        return;
+    }
+    const long long llNow = CMOXUtil::GetCurrentSystemTime();
+    const bool bFinished = (pProgress->dlnow > 1.0 && pProgress->dlnow == pProgress->dltotal) ||
+                           (pProgress->ulnow > 1.0 && pProgress->ulnow == pProgress->ultotal);
+    if (llNow - g_llLastProgressReport.load(std::memory_order_relaxed) < kProgressIntervalMs && !bFinished) return;
+    g_llLastProgressReport.store(llNow, std::memory_order_relaxed);
+
+    auto* pMoxActParam = static_cast<SMOXActParam*>(pUserData);
+    auto* pJob = pMoxActParam ? static_cast<WorkerThreadJob*>(pMoxActParam->pUserData) : nullptr;
+    if (pJob == nullptr || pJob->pThis == nullptr) {
+        MOX_WARN("Progress without a job.");
+        return;
+    }
+    CMOXEngineImp* pThis = pJob->pThis;
+    std::lock_guard<std::mutex> lock(pThis->m_mutex);
+    const std::string strTimes = StringMember(CJsonValue(pJob->strQueryCmd), "mox_act_request_times");
+    MOX_INFO("pMoxTransferProgressData->dlnow:[%lf]", pProgress->dlnow);
+    MOX_INFO("pMoxTransferProgressData->dltotal:[%lf]", pProgress->dltotal);
+    MOX_INFO("pMoxTransferProgressData->ulnow:[%lf]", pProgress->ulnow);
+    MOX_INFO("pMoxTransferProgressData->ultotal:[%lf]", pProgress->ultotal);
+
+    CJsonValue progress;
+    progress.Set("mox_file_transter_dlnow", pProgress->dlnow);
+    progress.Set("mox_file_transter_dltotal", pProgress->dltotal);
+    progress.Set("mox_file_transter_ulnow", pProgress->ulnow);
+    progress.Set("mox_file_transter_ultotal", pProgress->ultotal);
+    const std::string strProgress = Compact(progress);
+    MOX_DEBUG("szUserData: %s", strProgress.c_str());
+    const std::string strOrigin = szParam ? szParam : "";
+    MOX_INFO("sMoxCommand origin:[%s]", mox_bus::ForLog(strOrigin).c_str());
+    CJsonValue command(strOrigin);
+    std::string strWithProgress = strOrigin;
+    if (command.IsValid() && command.Set("mox_file_transter_data", strProgress)) strWithProgress = Compact(command);
+    MOX_INFO("szMoxCommandWithProgress:[%s]", mox_bus::ForLog(strWithProgress).c_str());
+
+    const int nEventType = eError == MOX_ERROR_NONE ? 12 : 7;
+    for (const auto& pRequester : pJob->requesters) {
+        if (pRequester->nCancelled != 0) continue;
+        CJsonValue payload;
+        payload.Set("mox_event_type", nEventType);
+        payload.Set("mox_handle_id", pRequester->nHandleId);
+        payload.Set("act_command_and_return_data", strWithProgress);
+        payload.Set("mox_act_request_times", strTimes);
+        payload.Set("mox_file_transter_data", strProgress);
+        payload.Set("mox_file_transfer_signal", 1);
+        m_Emit(pRequester->client, "mox_request_normal_complete", payload.ToString());
+    }
+}

@@ -1,0 +1,155 @@
+#define MOX_LOG_TAG "MOX-ENGINE"
+#include "mox_act_command.h"
+
+#include <boost/thread/thread.hpp>
+
+#include <mox/json_value.h>
+#include <mox/mox_log.h>
+#include <mox/mox_singleton.h>
+
+#include "mox_bus_text.h"
+#include "mox_source_manager.h"
+
+const char* const CMOXActCommand::kActLibrary = "libmox_ra_source.so";
+const char* const CMOXActCommand::kActSource = "mox_ra_source";
+
+namespace {
+
+std::string StringMember(const CJsonValue& doc, const char* szKey) {
+    std::string strValue;
+    if (doc.IsValid() && doc.IsString(szKey)) doc.Get(szKey, strValue);
+    return strValue;
+}
+
+bool StopRequested(const CJsonValue& doc) {
+    if (!doc.IsValid()) return false;
+    const Json::Value& value = doc.Root()["mox_file_transfer_stop"];
+    return value.isBool() && value.asBool();
+}
+
+}  // namespace
+
+CMOXActCommand::CMOXActCommand(MOXCommandCallback pfnCallback, void* pUserData)
+    : m_pfnCallback(pfnCallback), m_pUserData(pUserData) {}
+
+CMOXActCommand::~CMOXActCommand() = default;
+
+void CMOXActCommand::Stop() { __atomic_store_n(&m_bStop, true, __ATOMIC_RELAXED); }
+
+void CMOXActCommand::Execute(std::string strCommand) {
+    MOX_INFO("In CMOXActCommand::Execute().");
+    CJsonValue doc(strCommand);
+    if (StopRequested(doc)) {
+        StopActSync(std::move(strCommand));
+        return;
+    }
+    // A transfer's user data is the act parameter record, whose own user
+    // data is what the completion callback wants.
+    void* pCompletionData = m_pUserData;
+    if (StringMember(doc, "mox_command") == "mox_file_transfer" && m_pUserData)
+        pCompletionData = static_cast<SMOXActParam*>(m_pUserData)->pUserData;
+    try {
+        boost::thread worker(&CMOXActCommand::ActThreadProc, this, strCommand);
+        worker.detach();
+    } catch (...) {
+        MOX_WARN("Can not start the act thread.");
+        m_pfnCallback(pCompletionData, strCommand, MOX_ERROR_GENERIC);
+    }
+}
+
+IWebSource* CMOXActCommand::m_GetSource(const std::string& strSource) {
+    CMOXSourceMgr* pManager = CMOXSingleton<CMOXSourceMgr>::Get();
+    // The transfer source comes with the engine: load it on first use.
+    if (strSource == kActSource) pManager->InstallPlugin(kActLibrary);
+    IWebSource* pSource = pManager->GetSource(strSource);
+    if (pSource == nullptr) MOX_WARN("Can not get source[%s].", mox_bus::ForLog(strSource).c_str());
+    return pSource;
+}
+
+int CMOXActCommand::m_Act(std::string& strCommand, void*& pCompletionData) {
+    CJsonValue doc(strCommand);
+    std::string strSource = StringMember(doc, "mox_source");
+    std::string strName = StringMember(doc, "mox_command");
+    const bool bSend = strName == "mox_file_transfer";
+    SMOXActParam* pMoxActParam = bSend ? static_cast<SMOXActParam*>(m_pUserData) : nullptr;
+    pCompletionData = pMoxActParam ? pMoxActParam->pUserData : m_pUserData;
+    if (strSource.empty()) {
+        MOX_WARN("There is no source.");
+        return MOX_ERROR_NO_SUCH_SOURCE;
+    }
+    IWebSource* pSource = m_GetSource(strSource);
+    if (pSource == nullptr) return MOX_ERROR_NO_SUCH_SOURCE;
+    int nResult = MOX_ERROR_GENERIC;
+    if (!bSend) {
+        MOX_INFO("Begin: pSource->Execute[Normal].[%s].", mox_bus::ForLog(strCommand).c_str());
+        try {
+            nResult = pSource->Act(m_bStop, strCommand);
+        } catch (...) {
+            MOX_WARN("Source[%s] threw from Act.", mox_bus::ForLog(strSource).c_str());
+            nResult = MOX_ERROR_GENERIC;
+        }
+        MOX_INFO("End: pSource->Execute[Normal].returnCode[%d].", nResult);
+        return nResult;
+    }
+    if (pMoxActParam == nullptr) {
+        MOX_WARN("NULL == pMoxActParam");
+        return MOX_ERROR_GENERIC;
+    }
+    MOX_INFO("Begin: pSource->Execute[Send].[%s].", mox_bus::ForLog(strCommand).c_str());
+    try {
+        nResult = pSource->Execute(m_bStop, strCommand, pMoxActParam->pfnProgress, pMoxActParam);
+    } catch (...) {
+        MOX_WARN("Source[%s] threw from Execute.", mox_bus::ForLog(strSource).c_str());
+        nResult = MOX_ERROR_GENERIC;
+    }
+    MOX_INFO("End: pSource->Execute[Send].returnCode[%d].", nResult);
+    return nResult;
+}
+
+void CMOXActCommand::ActThreadProc(std::string strCommand) {
+    MOX_INFO("In CMOXActCommand::ActThreadProc().");
+    // The callback deletes this command: keep what is needed after it.
+    MOXCommandCallback pfnCallback = m_pfnCallback;
+    void* pCompletionData = m_pUserData;
+    int nResult = MOX_ERROR_GENERIC;
+    try {
+        nResult = m_Act(strCommand, pCompletionData);
+    } catch (...) {
+        MOX_WARN("Act thread failed with an exception.");
+        nResult = MOX_ERROR_GENERIC;
+    }
+    MOX_INFO("Act thread working done.");
+    try {
+        pfnCallback(pCompletionData, strCommand, static_cast<mox_error_code_e>(nResult));
+    } catch (...) {
+        MOX_WARN("Completion callback failed with an exception.");
+    }
+}
+
+int CMOXActCommand::StopActSync(std::string strCommand) {
+    MOX_INFO("In CMOXActCommand::StopActSync()");
+    m_nStopResult = MOX_ERROR_GENERIC;
+    try {
+        CJsonValue doc(strCommand);
+        std::string strSource = StringMember(doc, "mox_source");
+        if (strSource.empty()) {
+            MOX_WARN("There is no source.");
+            m_nStopResult = MOX_ERROR_NO_SUCH_SOURCE;
+        } else if (IWebSource* pSource = m_GetSource(strSource)) {
+            if (StringMember(doc, "mox_command") == "mox_file_transfer") {
+                MOX_INFO("Begin: pSource->Execute[StopSendSync][%s].", mox_bus::ForLog(strCommand).c_str());
+                auto* pMoxActParam = static_cast<SMOXActParam*>(m_pUserData);
+                m_nStopResult = pSource->Execute(m_bStop, strCommand,
+                                                 pMoxActParam ? pMoxActParam->pfnProgress : nullptr, pMoxActParam);
+                MOX_INFO("End: pSource->Execute[StopSendSync].returnCode[%d].", m_nStopResult);
+            }
+        } else {
+            m_nStopResult = MOX_ERROR_NO_SUCH_SOURCE;
+        }
+    } catch (...) {
+        MOX_WARN("Stop of a transfer failed with an exception.");
+        m_nStopResult = MOX_ERROR_GENERIC;
+    }
+    MOX_INFO("Stop Act working done.");
+    return m_nStopResult;
+}
