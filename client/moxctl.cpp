@@ -1,6 +1,7 @@
 // moxctl: drives the content engine from a shell. Parses the command line,
 // opens the bus and runs one command; see `moxctl --help` and moxctl(1).
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -25,6 +26,15 @@ const char* const kFooter =
 }  // namespace
 
 int main(int argc, char** argv) {
+    // The library's readers log through the platform log; their warnings
+    // become this tool's own one-line errors, so the log stays out of the
+    // way unless MOXCTL_LOG names a sink ("stderr", "file:PATH", "journal").
+    if (const char* sink = getenv("MOXCTL_LOG")) {
+        setenv("MOX_LOG", sink, 1);
+    } else {
+        setenv("MOX_LOG", "file:/dev/null", 1);
+        setenv("MOX_LOG_LEVEL", "warning", 1);
+    }
     CLI::App app{"moxctl: drive the MOX content engine (" + std::string(kEngineName) + ") over D-Bus", "moxctl"};
     app.footer(kFooter);
     app.set_version_flag("--version", "moxctl " MOXCTL_VERSION);

@@ -7,6 +7,8 @@
 
 #include <glib.h>
 
+#include <mox/mox_ra_source.h>
+
 #include "moxctl_commands.h"
 #include "moxctl_progress.h"
 
@@ -51,6 +53,20 @@ bool ProgressFigures(const Json::Value& payload, double& done, double& total) {
         total = DoubleMember(data, "mox_file_transter_ultotal");
     }
     return true;
+}
+
+std::string TransferError(int code) {
+    switch (code) {
+    case 7: return "refused (a path outside the USB root, or a malformed request)";
+    case MOX_RA_ERROR_STOPPED: return "stopped";
+    case MOX_RA_ERROR_EXISTS: return "the destination exists (--overwrite replaces it)";
+    case MOX_RA_ERROR_SOURCE: return "the source is missing or not a readable regular file";
+    case MOX_RA_ERROR_HTTP: return "the server answered with an error status";
+    case MOX_RA_ERROR_NETWORK: return "network, TLS or redirect failure";
+    case MOX_RA_ERROR_WRITE: return "the destination cannot be written (full, unplugged, read-only?)";
+    case MOX_RA_ERROR_BUSY: return "the destination is already being written by another transfer";
+    default: return "error code " + std::to_string(code);
+    }
 }
 
 }  // namespace
@@ -130,9 +146,15 @@ int RunTransfer(Context& ctx, const TransferArgs& args) {
             return kExitInterrupted;
         }
         if (event == 7) {
-            const Json::Value& result = payload["act_command_and_return_data"];
-            std::string why = result.isString() && !result.asString().empty() ? result.asString() : "no reason given";
-            return ctx.Fail(kExitFailed, "the transfer to " + dst + " failed: " + why);
+            int errorCode = IntMember(payload, "mox_error_code", -1);
+            if (ctx.out.Json()) {
+                Json::Value v;
+                v["result"] = "failed";
+                v["destination"] = dst;
+                v["error_code"] = errorCode;
+                CMOXCtlOutput::PrintJson(v);
+            }
+            return ctx.Fail(kExitFailed, "the transfer to " + dst + " failed: " + TransferError(errorCode));
         }
         if (ctx.out.Json()) {
             Json::Value v;
