@@ -8,7 +8,7 @@ ROOT=$PWD
 
 scripts/install-deps.sh
 cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DMOX_BUILD_TESTS=OFF > /dev/null
-cmake --build build-release -j"$(nproc)" --target mox-engine mox-vconf mox-client mox_local_source
+cmake --build build-release -j"$(nproc)" --target mox-engine mox-vconf mox-client mox_local_source mox_ra_source
 
 WORK=$(mktemp -d /tmp/mox-demo.XXXXXX)
 . scripts/lib/engine-env.sh
@@ -83,6 +83,26 @@ head -c 2000 /dev/zero > "$MOX_USB_ROOT/sdc1/Holiday/clip.mp4"
 DOC="{\"mox_command\":\"mox_requestlist\",\"mox_source\":[\"mox_local_source\"],\"mox_folder_path\":\"$MOX_USB_ROOT/sdc1/Holiday\",\"SortedType\":1,\"SortedKey\":\"FileSize\"}"
 echo "\$ mox-client list libmox_local_source.so '$DOC'"
 build-release/client/mox-client list libmox_local_source.so "$DOC" | sed 's/^/   /'
+
+# A gallery copies a photo from one stick to another, then downloads a file
+# from a (local, deliberately paced) web server onto a stick, watching the
+# progress reports; nothing appears at the destination before it is complete.
+ln -s "$ROOT/build-release/plugins/ra-source/libmox_ra_source.so" "$WORK/plugins/"
+head -c $((24 << 20)) /dev/urandom > "$MOX_USB_ROOT/sdc1/Holiday/panorama.jpg"
+echo "\$ mox-client copy $MOX_USB_ROOT/sdc1/Holiday/panorama.jpg $MOX_USB_ROOT/sdb1/panorama.jpg"
+build-release/client/mox-client copy "$MOX_USB_ROOT/sdc1/Holiday/panorama.jpg" "$MOX_USB_ROOT/sdb1/panorama.jpg" \
+  | sed 's/^/   /'
+cmp -s "$MOX_USB_ROOT/sdc1/Holiday/panorama.jpg" "$MOX_USB_ROOT/sdb1/panorama.jpg" && echo "== copy identical"
+mkdir -p "$WORK/www"
+head -c $((4 << 20)) /dev/urandom > "$WORK/www/movie.mp4"
+python3 tests/support/http_test_server.py "$WORK/www" "$WORK/http.port" &
+HTTP_PID=$!
+for _ in $(seq 100); do [ -s "$WORK/http.port" ] && break; sleep 0.05; done
+URL="http://127.0.0.1:$(cat "$WORK/http.port")/files/movie.mp4?chunk=262144&delay_ms=100"
+echo "\$ mox-client copy '$URL' $MOX_USB_ROOT/sdb1/movie.mp4"
+build-release/client/mox-client copy "$URL" "$MOX_USB_ROOT/sdb1/movie.mp4" | sed 's/^/   /'
+cmp -s "$WORK/www/movie.mp4" "$MOX_USB_ROOT/sdb1/movie.mp4" && echo "== download identical"
+kill "$HTTP_PID"; wait "$HTTP_PID" 2>/dev/null || true
 
 kill -TERM "$ENGINE_PID"
 wait "$ENGINE_PID" && status=0 || status=$?

@@ -1,0 +1,358 @@
+// Actions and file transfers end to end: the real daemon with the real
+// transfer source on a private bus, real HTTP and HTTPS servers (certificates
+// made by openssl here), real files below a temporary USB root.
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "engine_fixture.h"
+
+using moxtest::CallResult;
+using moxtest::ConnectionPtr;
+using moxtest::EngineHarness;
+using moxtest::SignalCollector;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kSignal = "mox_request_normal_complete";
+
+Json::Value Parse(const std::string& text) {
+    Json::Value value;
+    Json::Reader().parse(text, value);
+    return value;
+}
+
+std::string Quote(const std::string& text) { return Json::valueToQuotedString(text.c_str()); }
+
+void WriteBytes(const std::string& path, size_t size, char seed) {
+    std::string data(size, '\0');
+    for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(seed + i * 7 + i / 4096);
+    std::ofstream(path, std::ios::binary).write(data.data(), data.size());
+}
+
+std::string Slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Names in a folder that a failed transfer must not leave behind.
+std::vector<std::string> Leftovers(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir))
+        if (entry.path().filename().string().rfind(".mox-transfer-", 0) == 0) names.push_back(entry.path());
+    return names;
+}
+
+// A python server process serving `root`; TLS when cert/key are given.
+class HttpServer {
+public:
+    HttpServer(const std::string& root, const std::string& portFile, const std::string& cert = "",
+               const std::string& key = "") {
+        m_pid = fork();
+        if (m_pid == 0) {
+            if (cert.empty())
+                execlp("python3", "python3", MOX_HTTP_TEST_SERVER, root.c_str(), portFile.c_str(), nullptr);
+            else
+                execlp("python3", "python3", MOX_HTTP_TEST_SERVER, root.c_str(), portFile.c_str(), cert.c_str(),
+                       key.c_str(), nullptr);
+            _exit(127);
+        }
+        for (int i = 0; i < 200 && port == 0; ++i) {
+            std::ifstream in(portFile);
+            if (!(in >> port)) std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        }
+    }
+    ~HttpServer() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+    int port = 0;
+
+private:
+    pid_t m_pid = -1;
+};
+
+// A port with nobody listening: bound, then released.
+int RefusingPort() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    socklen_t len = sizeof(addr);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
+class Acts : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_symlink(MOX_RA_SOURCE_SO, h.PluginDir() + "/libmox_ra_source.so");
+        fs::create_symlink(MOX_TEST_SOURCE_SO, h.PluginDir() + "/libmox_test_source.so");
+        // A CA that the engine trusts, a server certificate it signed, and a
+        // self-signed certificate that nobody trusts.
+        const std::string d = h.Path("");
+        const std::string cmd =
+            "cd " + d + " && printf 'subjectAltName=IP:127.0.0.1\\n' > san.ext && "
+            "openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj /CN=moxca && "
+            "openssl req -newkey rsa:2048 -nodes -keyout srv.key -out srv.csr -subj /CN=127.0.0.1 && "
+            "openssl x509 -req -in srv.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out srv.pem -days 2 "
+            "-extfile san.ext && "
+            "openssl req -x509 -newkey rsa:2048 -nodes -keyout bad.key -out bad.pem -days 2 -subj /CN=127.0.0.1 "
+            "-addext subjectAltName=IP:127.0.0.1) >/dev/null 2>&1";
+        ASSERT_EQ(system(("(" + cmd).c_str()), 0);
+        h.SetEnv("MOX_CA_BUNDLE", h.Path("ca.pem"));
+        fs::create_directories(h.Path("www"));
+        fs::create_directories(h.UsbRoot() + "/sda1");
+        fs::create_directories(h.UsbRoot() + "/sdb1");
+        ASSERT_TRUE(h.Start());
+        m_conn = h.Connect();
+        m_signals = std::make_unique<SignalCollector>(m_conn.get());
+        CallResult r = h.Call("connect", g_variant_new("(s)", "libmox_test_source.so"), m_conn.get());
+        ASSERT_TRUE(r.ok()) << r.error;
+        g_variant_get(r.reply.get(), "(u)", &m_handle);
+    }
+    void TearDown() override {
+        m_signals.reset();
+        m_conn.reset();
+        EXPECT_EQ(h.Stop(), 0) << h.Output();
+    }
+
+    std::string Doc(const std::string& id, const std::string& src, const std::string& dst,
+                    const std::string& extra = "") {
+        return R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source","mox_act_request_times":"t-)" + id +
+               R"(","mox_transfer_id":)" + Quote(id) + R"(,"mox_transfer_src":)" + Quote(src) +
+               R"(,"mox_transfer_dst":)" + Quote(dst) + extra + "}";
+    }
+    void Act(const std::string& doc) {
+        CallResult r = h.Call("request_act", g_variant_new("(uss)", m_handle, "", doc.c_str()), m_conn.get());
+        EXPECT_TRUE(r.ok()) << r.error;
+    }
+    guint32 StopAct(const std::string& doc) {
+        CallResult r = h.Call("stop_act", g_variant_new("(us)", m_handle, doc.c_str()), m_conn.get());
+        EXPECT_TRUE(r.ok()) << r.error;
+        guint32 code = 12345;
+        if (r.ok()) g_variant_get(r.reply.get(), "(u)", &code);
+        return code;
+    }
+    // The act signals (progress and final) whose document carries `id`.
+    std::vector<Json::Value> Events(const std::string& id) {
+        std::vector<Json::Value> events;
+        for (const auto* s : m_signals->Named(kSignal)) {
+            Json::Value ev = Parse(s->text());
+            if (Parse(ev["act_command_and_return_data"].asString())["mox_transfer_id"].asString() == id)
+                events.push_back(ev);
+        }
+        return events;
+    }
+    // Waits for the final signal of transfer `id`.
+    Json::Value Final(const std::string& id, int seconds = 20) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+        while (std::chrono::steady_clock::now() < deadline) {
+            for (const auto& ev : Events(id))
+                if (ev["mox_file_transfer_signal"].asInt() == 0) return ev;
+            m_signals->WaitFor(kSignal, m_signals->Named(kSignal).size() + 1, std::chrono::milliseconds(200));
+        }
+        ADD_FAILURE() << "no final signal for " << id;
+        return Json::Value();
+    }
+    // Starts a transfer and waits for its final code.
+    int Run(const std::string& id, const std::string& src, const std::string& dst, const std::string& extra = "") {
+        Act(Doc(id, src, dst, extra));
+        return Final(id)["mox_error_code"].asInt();
+    }
+
+    EngineHarness h;
+    ConnectionPtr m_conn;
+    std::unique_ptr<SignalCollector> m_signals;
+    guint32 m_handle = 0;
+};
+
+TEST_F(Acts, CopyAndDownloadReportProgressAndFinishInPlace) {
+    const std::string usb = h.UsbRoot();
+    WriteBytes(usb + "/sda1/photo.jpg", 3 << 20, 'p');
+    WriteBytes(h.Path("www/big.bin"), 2 << 20, 'd');
+    HttpServer https(h.Path("www"), h.Path("https.port"), h.Path("srv.pem"), h.Path("srv.key"));
+    ASSERT_NE(https.port, 0);
+
+    // A copy between storages: final event 6, code 0, the finishing progress.
+    EXPECT_EQ(Run("copy", usb + "/sda1/photo.jpg", usb + "/sdb1/photo.jpg"), 0);
+    EXPECT_EQ(Slurp(usb + "/sdb1/photo.jpg"), Slurp(usb + "/sda1/photo.jpg"));
+    auto events = Events("copy");
+    ASSERT_GE(events.size(), 2u);
+    Json::Value last = events[events.size() - 2];
+    EXPECT_EQ(last["mox_event_type"].asInt(), 12);
+    EXPECT_EQ(last["mox_file_transfer_signal"].asInt(), 1);
+    Json::Value data = Parse(last["mox_file_transter_data"].asString());
+    EXPECT_EQ(data["mox_file_transter_dlnow"].asDouble(), 3.0 * (1 << 20));
+    EXPECT_EQ(data["mox_file_transter_dltotal"].asDouble(), 3.0 * (1 << 20));
+    EXPECT_EQ(Parse(last["act_command_and_return_data"].asString())["mox_file_transter_data"].asString(),
+              last["mox_file_transter_data"].asString());
+    EXPECT_EQ(events.back()["mox_event_type"].asInt(), 6);
+    EXPECT_EQ(events.back()["mox_act_request_times"].asString(), "t-copy");
+
+    // A slow download (about 1.6 s): several reports at least 300 ms apart,
+    // growing, then the finishing one and the final signal.
+    auto start = std::chrono::steady_clock::now();
+    std::string url = "https://127.0.0.1:" + std::to_string(https.port) + "/files/big.bin?chunk=65536&delay_ms=50";
+    EXPECT_EQ(Run("dl", url, usb + "/sdb1/big.bin"), 0);
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_EQ(Slurp(usb + "/sdb1/big.bin"), Slurp(h.Path("www/big.bin")));
+    events = Events("dl");
+    ASSERT_GE(events.size(), 4u);
+    double previous = -1;
+    for (size_t i = 0; i + 1 < events.size(); ++i) {
+        EXPECT_EQ(events[i]["mox_event_type"].asInt(), 12);
+        double now = Parse(events[i]["mox_file_transter_data"].asString())["mox_file_transter_dlnow"].asDouble();
+        EXPECT_GE(now, previous);
+        previous = now;
+    }
+    EXPECT_EQ(previous, 2.0 * (1 << 20));
+    // The rate limit: no more reports than 300 ms slots, plus the finishing one.
+    EXPECT_LE(events.size() - 1, static_cast<size_t>(seconds / 0.3) + 2) << seconds;
+    EXPECT_TRUE(Leftovers(usb + "/sdb1").empty());
+}
+
+TEST_F(Acts, StopEndsTransferWithoutDestinationAndStopActReplies) {
+    WriteBytes(h.Path("www/slow.bin"), 4 << 20, 's');
+    HttpServer http(h.Path("www"), h.Path("http.port"));
+    ASSERT_NE(http.port, 0);
+    const std::string dst = h.UsbRoot() + "/sdb1/slow.bin";
+    std::string url = "http://127.0.0.1:" + std::to_string(http.port) + "/files/slow.bin?chunk=32768&delay_ms=50";
+    Act(Doc("slow", url, dst));
+    ASSERT_TRUE(m_signals->WaitFor(kSignal, 1));  // first progress: it is under way
+    EXPECT_EQ(Events("slow").at(0)["mox_event_type"].asInt(), 12);
+
+    const std::string stop = R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source",)"
+                             R"("mox_file_transfer_stop":true,"mox_transfer_id":)";
+    auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(StopAct(stop + R"("slow"})"), 0u);
+    Json::Value end = Final("slow");
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(3));
+    EXPECT_EQ(end["mox_event_type"].asInt(), 7);
+    EXPECT_EQ(end["mox_error_code"].asInt(), 9);
+    EXPECT_FALSE(fs::exists(dst));
+    EXPECT_TRUE(Leftovers(h.UsbRoot() + "/sdb1").empty());
+
+    // Unknown id, no stop member, no id: 7. Not a transfer, or no command: 23.
+    EXPECT_EQ(StopAct(stop + R"("nobody"})"), 7u);
+    EXPECT_EQ(StopAct(R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source","mox_transfer_id":"x"})"),
+              7u);
+    EXPECT_EQ(StopAct(R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source","mox_file_transfer_stop":true})"),
+              7u);
+    EXPECT_EQ(StopAct(R"({"mox_command":"mox_setlike","mox_file_transfer_stop":true})"), 23u);
+    EXPECT_EQ(StopAct(R"({"mox_command":"nothing"})"), 23u);
+    EXPECT_EQ(StopAct("not json at all"), 23u);
+    EXPECT_EQ(h.CountLog("Stop Act working done."), 3u);
+}
+
+TEST_F(Acts, BadInputEndsWithCodeAndLeavesNothingHalfWritten) {
+    const std::string usb = h.UsbRoot();
+    WriteBytes(h.Path("www/f.bin"), 100000, 'f');
+    WriteBytes(usb + "/sda1/a.jpg", 5000, 'a');
+    WriteBytes(usb + "/sdb1/keep.jpg", 10, 'k');
+    WriteBytes(h.Path("secret"), 10, 's');
+    fs::create_symlink(h.Path("secret"), usb + "/sda1/link.jpg");
+    fs::create_symlink(h.Path(""), usb + "/sda1/out");
+    HttpServer http(h.Path("www"), h.Path("http.port"));
+    HttpServer https(h.Path("www"), h.Path("https.port"), h.Path("srv.pem"), h.Path("srv.key"));
+    HttpServer untrusted(h.Path("www"), h.Path("bad.port"), h.Path("bad.pem"), h.Path("bad.key"));
+    ASSERT_TRUE(http.port && https.port && untrusted.port);
+    auto at = [](int port, const std::string& path, bool tls = false) {
+        return std::string(tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(port) + path;
+    };
+    const std::string dst = usb + "/sdb1/new.bin";
+
+    EXPECT_EQ(Run("tls", at(untrusted.port, "/files/f.bin", true), dst), 13);
+    EXPECT_EQ(Run("404", at(https.port, "/files/missing", true), dst), 12);
+    EXPECT_EQ(Run("refused", at(RefusingPort(), "/files/f.bin"), dst), 13);
+    EXPECT_EQ(Run("ftp", at(http.port, "/redirect/ftp%3A%2F%2F127.0.0.1%2Ff.bin"), dst), 13);
+    EXPECT_EQ(Run("file", at(http.port, "/redirect/file%3A%2F%2F%2Fetc%2Fpasswd"), dst), 13);
+    EXPECT_EQ(Run("scheme", "file:///etc/passwd", dst), 7);
+    EXPECT_FALSE(fs::exists(dst));
+
+    // Nothing outside the USB root is read or written, links included.
+    EXPECT_EQ(Run("etc", "/etc/passwd", dst), 7);
+    EXPECT_EQ(Run("link", usb + "/sda1/link.jpg", dst), 7);
+    EXPECT_EQ(Run("dotdot", usb + "/sda1/../../secret", dst), 7);
+    EXPECT_EQ(Run("outdst", usb + "/sda1/a.jpg", "/tmp/mox-act-escape.jpg"), 7);
+    EXPECT_EQ(Run("linkdst", usb + "/sda1/a.jpg", usb + "/sda1/out/escaped.jpg"), 7);
+    EXPECT_EQ(Run("missing", usb + "/sda1/none.jpg", dst), 11);
+    EXPECT_FALSE(fs::exists(h.Path("escaped.jpg")));
+    EXPECT_FALSE(fs::exists("/tmp/mox-act-escape.jpg"));
+    EXPECT_FALSE(fs::exists(dst));
+
+    // An existing destination stays unless overwriting is asked for.
+    EXPECT_EQ(Run("exists", usb + "/sda1/a.jpg", usb + "/sdb1/keep.jpg"), 10);
+    EXPECT_EQ(fs::file_size(usb + "/sdb1/keep.jpg"), 10u);
+    EXPECT_EQ(Run("overwrite", usb + "/sda1/a.jpg", usb + "/sdb1/keep.jpg", R"(,"mox_transfer_overwrite":true)"),
+              0);
+    EXPECT_EQ(fs::file_size(usb + "/sdb1/keep.jpg"), 5000u);
+    EXPECT_EQ(Run("badflag", usb + "/sda1/a.jpg", dst, R"(,"mox_transfer_overwrite":"yes")"), 7);
+
+    // Two transfers to one destination: the second is refused, the first ends well.
+    Act(Doc("one", at(http.port, "/files/f.bin?chunk=4096&delay_ms=20"), dst));
+    for (int i = 0; i < 100 && Events("one").empty(); ++i) m_signals->Drain(std::chrono::milliseconds(50));
+    ASSERT_FALSE(Events("one").empty());
+    Act(Doc("two", usb + "/sda1/a.jpg", usb + "/sdb1/../sdb1/new.bin"));
+    EXPECT_EQ(Final("two")["mox_error_code"].asInt(), 15);
+    EXPECT_EQ(Final("one")["mox_error_code"].asInt(), 0);
+    EXPECT_EQ(fs::file_size(dst), 100000u);
+
+    // Normal actions, and documents no command can be made of.
+    auto actCode = [&](const std::string& doc) {
+        size_t n = m_signals->Named(kSignal).size();
+        Act(doc);
+        EXPECT_TRUE(m_signals->WaitFor(kSignal, n + 1)) << doc;
+        auto all = m_signals->Named(kSignal);
+        Json::Value ev = all.size() > n ? Parse(all[n]->text()) : Json::Value();
+        EXPECT_EQ(ev["mox_event_type"].asInt(), ev["mox_error_code"].asInt() == 0 ? 6 : 7) << doc;
+        return ev["mox_error_code"].asInt();
+    };
+    const std::string ra = R"("mox_source":"mox_ra_source")";
+    EXPECT_EQ(actCode(R"({"mox_command":"mox_create_album",)" + ra + R"(,"mox_album_path":")" + usb + "/sdb1/Album\"}"), 0);
+    EXPECT_TRUE(fs::is_directory(usb + "/sdb1/Album"));
+    EXPECT_EQ(actCode(R"({"mox_command":"mox_create_album",)" + ra + R"(,"mox_album_path":")" + usb + "/sda1/out/x\"}"), 7);
+    EXPECT_EQ(actCode(R"({"mox_command":"mox_setlike",)" + ra + "}"), 16);
+    EXPECT_EQ(actCode(R"({"mox_command":"mox_uploadcomment",)" + ra + "}"), 16);
+    EXPECT_EQ(actCode(R"({"mox_command":"mox_setlike","mox_source":"no_such_source"})"), 4);
+    EXPECT_EQ(actCode("{not json"), 23);
+    EXPECT_EQ(actCode(R"({"mox_command":"mox_file_transfer",)" + ra + R"(,"mox_file_transfer_stop":true})"), 7);
+    EXPECT_GE(h.CountLog("GetCommand failed."), 1u);
+    EXPECT_TRUE(Leftovers(usb + "/sdb1").empty());
+    EXPECT_TRUE(h.Call("start_server", nullptr, m_conn.get()).ok());
+}
+
+TEST_F(Acts, SourceWithoutExecuteCompletesAtOnce) {
+    Act(R"({"mox_command":"mox_file_transfer","mox_source":"mox_test_source","mox_transfer_id":"d"})");
+    Json::Value end = Final("d");
+    EXPECT_EQ(end["mox_event_type"].asInt(), 6);
+    EXPECT_EQ(end["mox_error_code"].asInt(), 0);
+    auto events = Events("d");
+    ASSERT_EQ(events.size(), 2u);
+    Json::Value data = Parse(events[0]["mox_file_transter_data"].asString());
+    EXPECT_EQ(events[0]["mox_event_type"].asInt(), 12);
+    EXPECT_EQ(data["mox_file_transter_dlnow"].asDouble(), 100.0);
+    EXPECT_EQ(data["mox_file_transter_dltotal"].asDouble(), 100.0);
+    EXPECT_EQ(data["mox_file_transter_ulnow"].asDouble(), 1000.0);
+    EXPECT_EQ(data["mox_file_transter_ultotal"].asDouble(), 1000.0);
+    EXPECT_EQ(h.CountLog("End: pSource->Execute[Send].returnCode[0]."), 1u);
+}
+
+}  // namespace
