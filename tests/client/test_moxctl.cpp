@@ -325,62 +325,36 @@ TEST_F(Moxctl, ExitStatusesAndHelp) {
 
 #ifdef MOX_RA_SOURCE_SO
 
-// A local HTTP server that sends `size` bytes in 64 KiB pieces, `delay`
-// seconds apart, so that a download runs long enough to watch and stop.
-class SlowServer {
+// The shared test web server, serving `size` bytes as /files/NAME in
+// 64 KiB pieces `delayMs` apart, so that a download runs long enough to
+// watch and to stop.
+class PacedServer {
 public:
-    SlowServer(const std::string& dir, size_t size, double delay) {
-        std::string script = dir + "/slow_server.py";
-        WriteTextFile(script,
-                      "import http.server, sys, time\n"
-                      "N = int(sys.argv[1]); D = float(sys.argv[2])\n"
-                      "class H(http.server.BaseHTTPRequestHandler):\n"
-                      "    def do_GET(self):\n"
-                      "        self.send_response(200)\n"
-                      "        self.send_header('Content-Length', str(N))\n"
-                      "        self.end_headers()\n"
-                      "        sent = 0\n"
-                      "        try:\n"
-                      "            while sent < N:\n"
-                      "                n = min(65536, N - sent)\n"
-                      "                self.wfile.write(b'x' * n); self.wfile.flush(); sent += n\n"
-                      "                time.sleep(D)\n"
-                      "        except (BrokenPipeError, ConnectionResetError):\n"
-                      "            pass\n"
-                      "    def log_message(self, *a):\n"
-                      "        pass\n"
-                      "s = http.server.ThreadingHTTPServer(('127.0.0.1', 0), H)\n"
-                      "print(s.server_address[1], flush=True)\n"
-                      "s.serve_forever()\n");
-        int out[2];
-        EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+    PacedServer(const std::string& dir, size_t size, int delayMs) {
+        std::filesystem::create_directories(dir + "/www");
+        WriteTextFile(dir + "/www/file.bin", std::string(size, 'x'));
+        std::string portFile = dir + "/http.port";
         m_pid = fork();
         if (m_pid == 0) {
-            dup2(out[1], 1);
-            execlp("python3", "python3", script.c_str(), std::to_string(size).c_str(), std::to_string(delay).c_str(),
-                   nullptr);
+            execlp("python3", "python3", MOX_HTTP_TEST_SERVER, (dir + "/www").c_str(), portFile.c_str(), nullptr);
             _exit(127);
         }
-        close(out[1]);
-        // The read end stays open while the server runs: it prints nothing
-        // more, but a closed pipe would make its first line fail.
-        m_out = out[0];
         std::string port;
-        char c;
-        while (port.size() < 8 && read(m_out, &c, 1) == 1 && c != '\n') port += c;
-        EXPECT_FALSE(port.empty()) << "python3 http server did not start";
-        m_url = "http://127.0.0.1:" + port + "/file";
+        for (int i = 0; i < 200 && port.empty(); ++i) {
+            usleep(25000);
+            port = moxtest::ReadTextFile(portFile);
+        }
+        EXPECT_FALSE(port.empty()) << "the test web server did not start";
+        m_url = "http://127.0.0.1:" + port + "/files/file.bin?chunk=65536&delay_ms=" + std::to_string(delayMs);
     }
-    ~SlowServer() {
+    ~PacedServer() {
         kill(m_pid, SIGTERM);
         waitpid(m_pid, nullptr, 0);
-        close(m_out);
     }
     const std::string& Url() const { return m_url; }
 
 private:
     pid_t m_pid = -1;
-    int m_out = -1;
     std::string m_url;
 };
 
@@ -402,7 +376,7 @@ TEST_F(Moxctl, CopyDownloadAndStop) {
     EXPECT_FALSE(std::filesystem::exists(h.Path("outside.bin")));
 
     // Ctrl-C in the middle of a slow download: stop_act, nothing left.
-    SlowServer server(h.Path(""), 8 << 20, 0.05);
+    PacedServer server(h.Path("web"), 8 << 20, 50);
     std::string dst = mount + "/download.bin";
     bool sent = false;
     r = Ctl({"--json", "download", server.Url(), dst}, [&](pid_t pid, const std::string& out) {
@@ -421,13 +395,13 @@ TEST_F(Moxctl, CopyDownloadAndStop) {
 
 TEST_F(Moxctl, ProgressBarOnATerminal) {
     std::string mount = Plug("sdg1");
-    SlowServer server(h.Path(""), 2 << 20, 0.02);
+    PacedServer server(h.Path("web"), 2 << 20, 20);
     std::string dst = mount + "/bar.bin";
     // script(1) runs the tool on a pseudo-terminal and copies what it drew.
-    std::string cmd = std::string(MOXCTL_BINARY) + " --address '" + h.BusAddress() + "' download " + server.Url() +
-                      " '" + dst + "'";
+    std::string cmd = std::string(MOXCTL_BINARY) + " --address '" + h.BusAddress() + "' download '" + server.Url() +
+                      "' '" + dst + "'";
     Outcome r = Exec({"/usr/bin/script", "-qec", cmd, "/dev/null"});
-    ASSERT_EQ(r.status, 0) << r.out << r.err << h.Log().substr(h.Log().size() > 6000 ? h.Log().size() - 6000 : 0);
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_NE(r.out.find("\r["), std::string::npos) << r.out;   // redrawn in place
     EXPECT_NE(r.out.find("] 100% "), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("B/s"), std::string::npos) << r.out;
