@@ -31,6 +31,9 @@ std::string ErrorText(GError* e) {
     return e->message ? e->message : "unknown error";
 }
 
+// Signals kept for a later WaitSignal at most; older ones are dropped.
+constexpr size_t kMaxQueued = 4096;
+
 }  // namespace
 
 std::string EngineSignal::Text() const {
@@ -49,6 +52,7 @@ CMOXCtlBus::CMOXCtlBus(GDBusConnection* connection, std::chrono::milliseconds ti
     m_ownerSub = g_dbus_connection_signal_subscribe(m_connection, "org.freedesktop.DBus", "org.freedesktop.DBus",
                                                     "NameOwnerChanged", "/org/freedesktop/DBus", kEngineName,
                                                     G_DBUS_SIGNAL_FLAGS_NONE, s_OnOwnerChanged, this, nullptr);
+    m_closedHandler = g_signal_connect(m_connection, "closed", G_CALLBACK(s_OnClosed), this);
     const int signals[3] = {SIGINT, SIGTERM, SIGHUP};
     for (int i = 0; i < 3; ++i) m_unixSources[i] = g_unix_signal_add(signals[i], s_OnUnixSignal, this);
 }
@@ -56,6 +60,7 @@ CMOXCtlBus::CMOXCtlBus(GDBusConnection* connection, std::chrono::milliseconds ti
 CMOXCtlBus::~CMOXCtlBus() {
     for (guint id : m_unixSources)
         if (id) g_source_remove(id);
+    g_signal_handler_disconnect(m_connection, m_closedHandler);
     g_dbus_connection_signal_unsubscribe(m_connection, m_signalSub);
     g_dbus_connection_signal_unsubscribe(m_connection, m_ownerSub);
     // Pending outgoing messages (a last drop or unbind) leave before we go.
@@ -161,7 +166,14 @@ void CMOXCtlBus::s_OnSignal(GDBusConnection*, const gchar*, const gchar*, const 
     EngineSignal s;
     s.name = name;
     s.params.reset(params ? g_variant_ref(params) : nullptr);
-    static_cast<CMOXCtlBus*>(self)->m_queue.push_back(std::move(s));
+    auto* bus = static_cast<CMOXCtlBus*>(self);
+    // Signals nobody waits for must not pile up without end.
+    if (bus->m_queue.size() >= kMaxQueued) bus->m_queue.pop_front();
+    bus->m_queue.push_back(std::move(s));
+}
+
+void CMOXCtlBus::s_OnClosed(GDBusConnection*, gboolean, GError*, gpointer self) {
+    static_cast<CMOXCtlBus*>(self)->m_bEngineGone = true;
 }
 
 void CMOXCtlBus::s_OnOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,

@@ -89,6 +89,7 @@ private:
                            GVariant* params, gpointer self);
     static void s_OnOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
                                  GVariant* params, gpointer self);
+    static void s_OnClosed(GDBusConnection*, gboolean remotePeerVanished, GError* error, gpointer self);
     static gboolean s_OnUnixSignal(gpointer self);
     static gboolean s_OnTick(gpointer self);
 
@@ -96,10 +97,11 @@ private:
     std::chrono::milliseconds m_timeout;
     guint m_signalSub = 0;
     guint m_ownerSub = 0;
+    gulong m_closedHandler = 0;
     guint m_unixSources[3] = {0, 0, 0};
     std::deque<EngineSignal> m_queue;
     bool m_bInterrupted = false;
-    bool m_bEngineGone = false;
+    bool m_bEngineGone = false;  // the engine left the bus, or the bus closed
 };
 
 }  // namespace moxctl

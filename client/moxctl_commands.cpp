@@ -193,15 +193,15 @@ int RunMonitor(Context& ctx, const MonitorArgs& args) {
     int seen = 0;
     while (args.count == 0 || seen < args.count) {
         EngineSignal s;
-        auto w = ctx.bus.WaitSignal(
-            [&](const EngineSignal& sig) { return args.all || sig.name == "mox_usb_notification"; }, s,
-            std::chrono::hours(24 * 365));
+        // Every signal is taken, so that ignored ones do not pile up.
+        auto w = ctx.bus.WaitSignal([](const EngineSignal&) { return true; }, s, std::chrono::hours(24 * 365));
         if (w == CMOXCtlBus::Wait::kInterrupted) break;
         if (w == CMOXCtlBus::Wait::kTimeout) continue;
         if (w == CMOXCtlBus::Wait::kEngineGone) {
             status = ctx.Fail(kExitUnavailable, "the engine left the bus");
             break;
         }
+        if (!args.all && s.name != "mox_usb_notification") continue;
         ++seen;
         Json::Value payload;
         std::string text = s.Text();

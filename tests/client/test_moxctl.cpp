@@ -320,6 +320,16 @@ TEST_F(Moxctl, ExitStatusesAndHelp) {
     r = Ctl({"status"});
     EXPECT_EQ(r.status, 3);
     EXPECT_NE(r.err.find("not on the bus"), std::string::npos) << r.err;
+
+    // The engine going away under a running monitor ends it with status 3.
+    ASSERT_TRUE(h.Start());
+    r = Ctl({"--json", "monitor"}, [&](pid_t, const std::string& out) {
+        if (out.find("bound") != std::string::npos && h.Running()) {
+            EXPECT_EQ(h.Stop(), 0);
+        }
+    });
+    EXPECT_EQ(r.status, 3);
+    EXPECT_NE(r.err.find("left the bus"), std::string::npos) << r.err;
     ASSERT_TRUE(h.Start());
 }
 
