@@ -66,7 +66,9 @@ moxctl status
 step "list: the stick's photos sorted by name, read from shared memory (the list is dropped after)"
 show moxctl list "$STICK/DCIM" --type photo --sort FileName
 moxctl list "$STICK/DCIM" --type photo --sort FileName
-echo "result lists left in /dev/shm: $(find /dev/shm -maxdepth 1 -name 'mox_resultlist_*' | wc -l)"
+for name in $(grep -o 'release resultlist\[[^]]*' "$WORK/engine.log" | cut -d[ -f2); do
+  echo "the engine made $name; in /dev/shm now: $([ -e "/dev/shm/$name" ] && echo yes || echo 'no (dropped)')"
+done
 
 step "list --json: the same answer for scripts, piped into jq"
 show "moxctl --json list $STICK/DCIM --sort FileSize --desc | jq -r '.items[] | \"\\(.FileSize)\\t\\(.FileName)\"'"
@@ -94,12 +96,15 @@ for _ in $(seq 100); do [ -s "$WORK/http.port" ] && break; sleep 0.05; done
 URL="http://127.0.0.1:$(cat "$WORK/http.port")/files/movie.mp4?chunk=262144&delay_ms=100"
 show moxctl download "'$URL'" "$STICK/movie.mp4"
 moxctl download "$URL" "$STICK/movie.mp4"
+kill "$HTTP_PID"; wait "$HTTP_PID" 2>/dev/null || true
+HTTP_PID=""
 
 step "monitor: storage events as they happen; the stick is pulled out"
 ( sleep 1; rm "$WORK/spool/sdb1.json" ) &
+PULL_PID=$!
 show moxctl monitor --count 1
 moxctl monitor --count 1
-wait
+wait "$PULL_PID"
 
 step "Errors: one line on stderr and a documented exit status"
 show moxctl list /etc
