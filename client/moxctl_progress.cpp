@@ -57,7 +57,8 @@ std::string CMOXCtlProgress::BarLine(int columns) const {
     double rate = Rate();
     std::string figures = CMOXCtlOutput::HumanBytes(m_dDone);
     if (m_dTotal > 0) figures += " / " + CMOXCtlOutput::HumanBytes(m_dTotal);
-    figures += "  " + CMOXCtlOutput::HumanBytes(rate) + "/s";
+    // No rate before the second report: one figure says nothing yet.
+    if (rate > 0) figures += "  " + CMOXCtlOutput::HumanBytes(rate) + "/s";
     if (m_dTotal > 0) {
         double left = m_dTotal - m_dDone;
         figures += "  ETA " + (rate > 0 ? FormatDuration(left / rate) : std::string("--:--"));
