@@ -122,6 +122,16 @@ int RunTransfer(Context& ctx, const TransferArgs& args) {
         if (w != CMOXCtlBus::Wait::kGot) {
             progress.Finish();
             int rc = CMOXCtlBus::Describe(w, "the transfer", error);
+            if (w == CMOXCtlBus::Wait::kTimeout && !stopping) {
+                // Nobody will watch it any more: do not leave it running.
+                Json::Value stop = doc;
+                stop["mox_file_transfer_stop"] = true;
+                std::string stopText = CompactJson(stop), ignored;
+                int ignoredCode = 0;
+                ctx.bus.Call("stop_act", g_variant_new("(us)", session.Handle(), stopText.c_str()), "(u)", ignored,
+                             ignoredCode);
+                error += " (no progress for " + std::to_string(ctx.bus.Timeout().count() / 1000) + " s; stopped it)";
+            }
             return ctx.Fail(rc, error);
         }
         int event = IntMember(payload, "mox_event_type", 7);

@@ -411,6 +411,14 @@ TEST_F(Moxctl, CopyDownloadAndStop) {
     EXPECT_FALSE(std::filesystem::exists(dst));
     for (const auto& e : std::filesystem::directory_iterator(mount))
         EXPECT_EQ(e.path().filename().string().find("download"), std::string::npos) << e.path();
+
+    // A transfer that stalls past --timeout: status 3, and it is stopped.
+    PacedServer stalled(h.Path("web2"), 1 << 20, 3000);
+    r = Ctl({"--timeout", "1", "download", stalled.Url(), dst});
+    EXPECT_EQ(r.status, 3) << r.err;
+    EXPECT_NE(r.err.find("stopped it"), std::string::npos) << r.err;
+    EXPECT_TRUE(h.WaitForLog("Act ended with code[9]", 2)) << "the stalled transfer was not stopped";
+    EXPECT_FALSE(std::filesystem::exists(dst));
 }
 
 TEST_F(Moxctl, ProgressBarOnATerminal) {
