@@ -66,10 +66,11 @@ std::string CMOXCtlProgress::BarLine(int columns) const {
         snprintf(pct, sizeof pct, "%3.0f%% ", std::min(100.0, 100.0 * m_dDone / m_dTotal));
         figures = pct + figures;
     }
-    int width = columns - static_cast<int>(figures.size()) - 3;
+    // A bar of one width for the whole transfer (the figures beside it
+    // change length), when the terminal leaves room for it.
+    int width = std::min(30, columns - 55);
     std::string bar;
     if (width >= 10) {
-        width = std::min(width, 40);
         int filled = m_dTotal > 0 ? static_cast<int>(width * std::min(1.0, m_dDone / m_dTotal)) : 0;
         bar = "[" + std::string(filled, '#') + std::string(width - filled, '.') + "] ";
     }
