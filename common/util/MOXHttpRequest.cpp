@@ -114,6 +114,10 @@ bool MOXHttpRequest::setPUTFileUploadOption() {
 }
 
 bool MOXHttpRequest::init() {
+    if (m_pHandle != nullptr) {
+        MOX_WARN("init() called twice: refused.");
+        return false;
+    }
     m_pHandle = curl_easy_init();
     assert(m_pHandle != NULL);
     CURL* h = Handle(m_pHandle);

@@ -123,6 +123,12 @@ int CMOXRaTransfer::Prepare() {
     return MOX_ERROR_NONE;
 }
 
+void CMOXRaTransfer::m_StartWriteback(long long llBytes) {
+    if (m_nOutFd < 0 || llBytes - m_llWrittenBack < static_cast<long long>(kCopyChunk)) return;
+    sync_file_range(m_nOutFd, m_llWrittenBack, llBytes - m_llWrittenBack, SYNC_FILE_RANGE_WRITE);
+    m_llWrittenBack = llBytes;
+}
+
 int CMOXRaTransfer::m_Copy(int nOutFd, long long& llBytes) {
     struct stat st;
     if (fstat(m_srcFd.Get(), &st) != 0) return MOX_RA_ERROR_SOURCE;
@@ -161,6 +167,7 @@ int CMOXRaTransfer::m_Copy(int nOutFd, long long& llBytes) {
         }
         if (n == 0) return MOX_ERROR_NONE;
         llBytes += n;
+        m_StartWriteback(llBytes);
         m_Report(static_cast<double>(llBytes), dTotal, 0.0, 0.0, false);
     }
 }
@@ -171,6 +178,7 @@ int CMOXRaTransfer::s_DownloadProgress(void* pUserData, const char* szCommand, d
     auto* pThis = static_cast<CMOXRaTransfer*>(pUserData);
     // Nothing moved yet (connecting): no report, only the stop check.
     if (dlNow > 0 || ulNow > 0) pThis->m_Report(dlNow, dlTotal, ulNow, ulTotal, false);
+    pThis->m_StartWriteback(static_cast<long long>(dlNow));
     return pThis->m_Stopped() ? 1 : 0;
 }
 
@@ -227,6 +235,7 @@ int CMOXRaTransfer::Run() {
         return MOX_RA_ERROR_WRITE;
     }
     fchmod(out.Get(), 0644);
+    m_nOutFd = out.Get();
     long long llBytes = 0;
     int nResult = IsUrl(m_request.strSrc) ? m_Download(out.Get(), llBytes) : m_Copy(out.Get(), llBytes);
     if (nResult == MOX_ERROR_NONE && m_Stopped()) nResult = MOX_RA_ERROR_STOPPED;
@@ -234,6 +243,7 @@ int CMOXRaTransfer::Run() {
         MOX_WARN("Transfer[%s]: sync failed: %s.", strId.c_str(), strerror(errno));
         nResult = MOX_RA_ERROR_WRITE;
     }
+    m_nOutFd = -1;
     if (out.Reset() != 0 && nResult == MOX_ERROR_NONE) {
         MOX_WARN("Transfer[%s]: close failed: %s.", strId.c_str(), strerror(errno));
         nResult = MOX_RA_ERROR_WRITE;

@@ -51,6 +51,9 @@ private:
     bool m_Stopped() const;
     // Reports progress, at most every kReportMs unless bForce.
     void m_Report(double dlNow, double dlTotal, double ulNow, double ulTotal, bool bForce);
+    // Starts the disk writes of what was written so far, in the background,
+    // so that the final fsync has little left to wait for.
+    void m_StartWriteback(long long llBytes);
     int m_Copy(int nOutFd, long long& llBytes);
     int m_Download(int nOutFd, long long& llBytes);
     static int s_DownloadProgress(void* pUserData, const char* szCommand, double dlNow, double dlTotal,
@@ -63,6 +66,8 @@ private:
     const bool& m_bCommandStop;
     std::atomic<bool> m_bStop{false};
     long long m_llLastReport = 0;  // transfer thread only
+    int m_nOutFd = -1;             // the temporary file while Run() writes it
+    long long m_llWrittenBack = 0;  // transfer thread only
 
     CMOXConfinedPath m_root;
     mox_util::UniqueFd m_dirFd;  // the destination's folder
