@@ -65,7 +65,7 @@ done
 # its bus round trips and the folder sync, measured on a 1-byte file.
 printf x > "$MOX_USB_ROOT/sda1/one.bin"
 declare -a FIXED
-for _ in $(seq "$ROUNDS"); do FIXED+=("$(timed "$CLIENT" copy "$MOX_USB_ROOT/sda1/one.bin" "$DST" 60)"); done
+for _ in $(seq "$ROUNDS"); do FIXED+=("$(timed "$CLIENT" --timeout 60 copy "$MOX_USB_ROOT/sda1/one.bin" "$DST")"); done
 
 report() {  # name engine-seconds baseline-seconds
   printf '%-34s engine %6.3f s (%7.1f MiB/s)  baseline %6.3f s  ratio %.2fx\n' "$1" "$2" \
