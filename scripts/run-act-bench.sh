@@ -13,7 +13,7 @@ MB=${MOX_BENCH_MB:-256}
 ROUNDS=${MOX_BENCH_ROUNDS:-3}
 
 cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DMOX_BUILD_TESTS=OFF > /dev/null
-cmake --build build-release -j"$(nproc)" --target mox-engine mox-client mox_ra_source > /dev/null
+cmake --build build-release -j"$(nproc)" --target mox-engine moxctl mox_ra_source > /dev/null
 
 WORK=$(mktemp -d "${TMPDIR:-/var/tmp}/mox-act-bench.XXXXXX")
 . scripts/lib/engine-env.sh
@@ -35,7 +35,7 @@ HTTP_PID=$!
 for _ in $(seq 100); do [ -s "$WORK/http.port" ] && break; sleep 0.05; done
 URL="http://127.0.0.1:$(cat "$WORK/http.port")/files/big.bin"
 DST="$MOX_USB_ROOT/sdb1/out.bin"
-CLIENT=build-release/client/mox-client
+CLIENT=build-release/client/moxctl
 
 now() { date +%s.%N; }
 # Runs "$@" after removing the destination and prints the seconds it took.
@@ -51,11 +51,11 @@ best() { printf '%s\n' "$@" | sort -g | head -1; }
 
 declare -a ENG_DL CURL CURL_SYNC ENG_CP CP CP_SYNC
 for _ in $(seq "$ROUNDS"); do
-  ENG_DL+=("$(timed "$CLIENT" copy "$URL" "$DST" 600)"); DL_SIGNALS=$(grep -c '^progress' "$WORK/last.out" || true)
+  ENG_DL+=("$(timed "$CLIENT" --timeout 600 --json download "$URL" "$DST")"); DL_SIGNALS=$(grep -c '"progress"' "$WORK/last.out" || true)
   cmp -s "$DST" "$WORK/www/big.bin" || { echo "download differs" >&2; exit 1; }
   CURL+=("$(timed curl -s -o "$DST" "$URL")")
   CURL_SYNC+=("$(timed sh -c "curl -s -o '$DST' '$URL' && sync '$DST'")")
-  ENG_CP+=("$(timed "$CLIENT" copy "$MOX_USB_ROOT/sda1/big.bin" "$DST" 600)"); CP_SIGNALS=$(grep -c '^progress' "$WORK/last.out" || true)
+  ENG_CP+=("$(timed "$CLIENT" --timeout 600 --json copy "$MOX_USB_ROOT/sda1/big.bin" "$DST")"); CP_SIGNALS=$(grep -c '"progress"' "$WORK/last.out" || true)
   cmp -s "$DST" "$WORK/www/big.bin" || { echo "copy differs" >&2; exit 1; }
   CP+=("$(timed cp "$MOX_USB_ROOT/sda1/big.bin" "$DST")")
   CP_SYNC+=("$(timed sh -c "cp '$MOX_USB_ROOT/sda1/big.bin' '$DST' && sync '$DST'")")
@@ -65,7 +65,7 @@ done
 # its bus round trips and the folder sync, measured on a 1-byte file.
 printf x > "$MOX_USB_ROOT/sda1/one.bin"
 declare -a FIXED
-for _ in $(seq "$ROUNDS"); do FIXED+=("$(timed "$CLIENT" copy "$MOX_USB_ROOT/sda1/one.bin" "$DST" 60)"); done
+for _ in $(seq "$ROUNDS"); do FIXED+=("$(timed "$CLIENT" --timeout 60 copy "$MOX_USB_ROOT/sda1/one.bin" "$DST")"); done
 
 report() {  # name engine-seconds baseline-seconds
   printf '%-34s engine %6.3f s (%7.1f MiB/s)  baseline %6.3f s  ratio %.2fx\n' "$1" "$2" \

@@ -17,6 +17,7 @@ cmake --install "$BUILD" --prefix "$PREFIX" > /dev/null
 "$PREFIX/bin/mox-engine" --version | grep -q '^mox-engine [0-9]' || fail "mox-engine --version"
 "$PREFIX/bin/mox-engine" --help | grep -q 'Usage: mox-engine' || fail "mox-engine --help"
 "$PREFIX/bin/mox-vconf" get no/such/key >/dev/null 2>&1 && fail "mox-vconf get of a missing key"
+"$PREFIX/bin/moxctl" --version | grep -q '^moxctl [0-9]' || fail "moxctl --version"
 ldd "$PREFIX/bin/mox-engine" | grep "libmoxcommon.so.0 =>" | grep "$PREFIX/" > /dev/null || fail "libmoxcommon not from the prefix"
 
 # A missing introspection file: status 1 and a warning naming it and its variable.
@@ -36,7 +37,8 @@ grep 'mox_shm::' "$PREFIX/symbols.txt" > /dev/null && fail "internal symbols exp
 
 # Files where the system bus and systemd read them.
 for f in share/dbus-1/system.d/com.orvia.mox.engine.conf share/dbus-1/system-services/com.orvia.mox.engine.service \
-         lib/systemd/system/mox-engine.service lib/tmpfiles.d/mox-engine.conf bin/mox_dbus_config.xml; do
+         lib/systemd/system/mox-engine.service lib/tmpfiles.d/mox-engine.conf bin/mox_dbus_config.xml \
+         share/man/man1/moxctl.1 share/bash-completion/completions/moxctl; do
   [ -f "$PREFIX/$f" ] || fail "missing $f"
 done
 UNIT=$PREFIX/lib/systemd/system/mox-engine.service
