@@ -52,7 +52,7 @@ head -c $((256 << 20)) /dev/urandom > "$STICK/Backup/holiday.tar"
 
 step "A USB stick is plugged in (simulated: a spool file renamed into place)"
 cat > "$WORK/spool/.sdb1.tmp" <<JSON
-{"devname": "/dev/sdb1", "class": 8, "mount_path": "$STICK", "fs_type": 1,
+{"devname": "/dev/sdb1", "class": 8, "mount_path": "$STICK", "fs_type": 0,
  "disk_type": 1, "vendor_id": 1921, "manufacturer": "SanDisk", "product": "Cruzer Blade",
  "serial": "4C530001", "part_label": "HOLIDAY", "address": 4, "bus": 1}
 JSON
