@@ -12,7 +12,7 @@ PACKAGES=(
   imagemagick libimage-exiftool-perl ffmpeg
   uuid-dev libsystemd-dev libudev-dev umockdev libumockdev-dev systemd util-linux
   libgtest-dev libgmock-dev libbenchmark-dev valgrind libsimdjson-dev
-  libcli11-dev python3 bsdutils tmux
+  libcli11-dev jq python3 bsdutils tmux
 )
 
 missing=()
