@@ -8,6 +8,8 @@
 #include <emmintrin.h>
 #endif
 
+#define MOX_ALWAYS_INLINE __attribute__((always_inline)) inline
+
 namespace {
 
 // Far below jsoncpp's own nesting limit, so a text accepted here is never one
@@ -20,17 +22,12 @@ constexpr long kMaxMagnitudeDigits = 300;
 constexpr int kMaxExponentDigits = 4;
 
 // JSON whitespace; jsoncpp skips exactly these four.
-inline bool IsSpace(char c) {
-    return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+MOX_ALWAYS_INLINE bool IsSpace(char c) {
+    return static_cast<unsigned char>(c) <= ' ' && (c == ' ' || c == '\n' || c == '\r' || c == '\t');
 }
 
-inline const char* SkipSpace(const char* p, const char* end) {
-    while (p < end && IsSpace(*p)) ++p;
-    return p;
-}
-
-inline bool IsDigit(char c) {
-    return c >= '0' && c <= '9';
+MOX_ALWAYS_INLINE bool IsDigit(char c) {
+    return static_cast<unsigned char>(c - '0') <= 9;
 }
 
 inline int HexDigit(char c) {
@@ -40,7 +37,8 @@ inline int HexDigit(char c) {
     return -1;
 }
 
-// Four hex digits at p (p + 4 <= end checked by the caller); -1 if not hex.
+// Four hex digits at p (the caller checked that they are in the text); -1
+// if one is not hex.
 inline long Hex4(const char* p) {
     long nValue = 0;
     for (int i = 0; i < 4; ++i) {
@@ -51,56 +49,31 @@ inline long Hex4(const char* p) {
     return nValue;
 }
 
-// The first '"' or '\\' at or after p, or end. Item texts are mostly string
-// bytes, so this is where the time goes.
-inline const char* FindQuoteOrEscape(const char* p, const char* end) {
-#ifdef __SSE2__
-    const __m128i quote = _mm_set1_epi8('"');
-    const __m128i escape = _mm_set1_epi8('\\');
-    while (end - p >= 16) {
-        __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        int nMask = _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, escape)));
-        if (nMask != 0) return p + __builtin_ctz(static_cast<unsigned>(nMask));
-        p += 16;
-    }
-#endif
-    while (p < end && *p != '"' && *p != '\\') ++p;
-    return p;
+template <typename T>
+MOX_ALWAYS_INLINE T Load(const char* p) {
+    T value;
+    memcpy(&value, p, sizeof(value));
+    return value;
 }
 
-// Scans the body of a string whose opening quote is just before p. Returns
-// the position of the closing quote, or nullptr for a string this reader does
-// not accept (unterminated, unknown escape, bad or unpaired surrogate: where
-// jsoncpp fails, or decodes an unpaired surrogate to non-UTF-8 bytes).
-// bEscaped is set when the body has escapes.
-const char* ScanString(const char* p, const char* end, bool& bEscaped) {
-    for (;;) {
-        p = FindQuoteOrEscape(p, end);
-        if (p == end) return nullptr;
-        if (*p == '"') return p;
-        bEscaped = true;
-        if (end - p < 2) return nullptr;
-        switch (p[1]) {
-            case '"': case '\\': case '/': case 'b': case 'f': case 'n': case 'r': case 't':
-                p += 2;
-                break;
-            case 'u': {
-                if (end - p < 6) return nullptr;
-                long nUnit = Hex4(p + 2);
-                if (nUnit < 0 || (nUnit >= 0xDC00 && nUnit <= 0xDFFF)) return nullptr;
-                p += 6;
-                if (nUnit >= 0xD800 && nUnit <= 0xDBFF) {
-                    if (end - p < 6 || p[0] != '\\' || p[1] != 'u') return nullptr;
-                    long nLow = Hex4(p + 2);
-                    if (nLow < 0xDC00 || nLow > 0xDFFF) return nullptr;
-                    p += 6;
-                }
-                break;
-            }
-            default:
-                return nullptr;
-        }
+// [p, end) equals str. Member names are short and many share a prefix
+// ("FileName", "FileSize"): whole words compare them without a byte loop.
+MOX_ALWAYS_INLINE bool SameBytes(const char* p, const char* end, const std::string& str) {
+    const size_t nLen = str.size();
+    if (static_cast<size_t>(end - p) != nLen) return false;
+    const char* q = str.data();
+    if (nLen >= 8) {
+        // The last word overlaps the previous one when nLen is not a multiple of 8.
+        const char* pLast = end - 8;
+        for (; p < pLast; p += 8, q += 8)
+            if (Load<uint64_t>(p) != Load<uint64_t>(q)) return false;
+        return Load<uint64_t>(pLast) == Load<uint64_t>(str.data() + nLen - 8);
     }
+    if (nLen >= 4)
+        return Load<uint32_t>(p) == Load<uint32_t>(q) && Load<uint32_t>(end - 4) == Load<uint32_t>(q + nLen - 4);
+    for (; p < end; ++p, ++q)
+        if (*p != *q) return false;
+    return true;
 }
 
 // Appends the UTF-8 form of a code point, as jsoncpp encodes it.
@@ -122,7 +95,7 @@ void AppendUtf8(unsigned long nCode, std::string& out) {
     }
 }
 
-// Decodes a string body [p, end) that ScanString() accepted.
+// Decodes a string body [p, end) that CScanner::String() accepted.
 void DecodeString(const char* p, const char* end, std::string& out) {
     out.clear();
     while (p < end) {
@@ -154,104 +127,216 @@ void DecodeString(const char* p, const char* end, std::string& out) {
     }
 }
 
-// A number in strict JSON syntax at p. Returns its end, or nullptr for one
-// this reader does not accept. bInteger: no fraction and no exponent.
-const char* ScanNumber(const char* p, const char* end, bool& bInteger) {
-    if (p < end && *p == '-') ++p;
-    const char* pDigits = p;
-    if (p == end) return nullptr;
-    if (*p == '0') {
-        ++p;
-    } else if (*p >= '1' && *p <= '9') {
-        while (p < end && IsDigit(*p)) ++p;
-    } else {
-        return nullptr;
+// Validating scanner over [begin, end) with *end == '\0'. The sentinel ends
+// every run of spaces or digits and fails every punctuation check, so those
+// need no bound test; only string bodies (which may hold NULs) and literals
+// test against end. Every function returns the position after what it read,
+// never beyond end, or nullptr for text this reader does not accept.
+class CScanner {
+public:
+    CScanner(const char* pBegin, const char* pEnd) : m_pBegin(pBegin), m_pEnd(pEnd) {}
+
+    MOX_ALWAYS_INLINE static const char* Space(const char* p) {
+        while (IsSpace(*p)) ++p;
+        return p;
     }
-    const long nIntegerDigits = p - pDigits;
-    bInteger = true;
-    if (p < end && *p == '.') {
-        ++p;
-        if (p == end || !IsDigit(*p)) return nullptr;
-        while (p < end && IsDigit(*p)) ++p;
-        bInteger = false;
+
+    // The body of a string whose opening quote is just before p: returns the
+    // position of the closing quote. Refused: unterminated, unknown escape,
+    // bad or unpaired surrogate (where jsoncpp fails, or decodes an unpaired
+    // surrogate to bytes of its own). bEscaped is set when it has escapes.
+    MOX_ALWAYS_INLINE const char* String(const char* p, bool& bEscaped) const {
+        for (;;) {
+            p = QuoteOrEscape(p);
+            if (p == m_pEnd) return nullptr;
+            if (*p == '"') return p;
+            bEscaped = true;
+            p = Escape(p);
+            if (!p) return nullptr;
+        }
     }
-    long nExponent = 0;
-    if (p < end && (*p == 'e' || *p == 'E')) {
-        ++p;
+
+    // A number in strict JSON syntax. bInteger: no fraction, no exponent.
+    MOX_ALWAYS_INLINE const char* Number(const char* p, bool& bInteger) const {
+        if (*p == '-') ++p;
+        const char* pDigits = p;
+        if (*p == '0')
+            ++p;
+        else if (*p >= '1' && *p <= '9')
+            p = Digits(p + 1);
+        else
+            return nullptr;
+        const long nIntegerDigits = p - pDigits;
+        bInteger = true;
+        if (*p == '.') {
+            if (!IsDigit(p[1])) return nullptr;
+            p = Digits(p + 2);
+            bInteger = false;
+        }
+        long nExponent = 0;
+        if (*p == 'e' || *p == 'E') {
+            p = Exponent(p + 1, nExponent);
+            if (!p) return nullptr;
+            bInteger = false;
+        }
+        // Underflow is harmless (it reads as 0 or a subnormal); only
+        // overflow fails jsoncpp.
+        if (nIntegerDigits + nExponent > kMaxMagnitudeDigits) return nullptr;
+        return p;
+    }
+
+    // Any JSON value, nDepth containers deep.
+    const char* Value(const char* p, int nDepth) const {
+        switch (*p) {
+            case '"': {
+                bool bEscaped = false;
+                const char* pQuote = String(p + 1, bEscaped);
+                return pQuote ? pQuote + 1 : nullptr;
+            }
+            case '{': {
+                if (nDepth >= kMaxDepth) return nullptr;
+                p = Space(p + 1);
+                if (*p == '}') return p + 1;
+                for (;;) {
+                    if (*p != '"') return nullptr;
+                    bool bEscaped = false;
+                    p = String(p + 1, bEscaped);
+                    if (!p) return nullptr;
+                    p = Space(p + 1);
+                    if (*p != ':') return nullptr;
+                    p = Value(Space(p + 1), nDepth + 1);
+                    if (!p) return nullptr;
+                    p = Space(p);
+                    if (*p == '}') return p + 1;
+                    if (*p != ',') return nullptr;
+                    p = Space(p + 1);
+                }
+            }
+            case '[': {
+                if (nDepth >= kMaxDepth) return nullptr;
+                p = Space(p + 1);
+                if (*p == ']') return p + 1;
+                for (;;) {
+                    p = Value(p, nDepth + 1);
+                    if (!p) return nullptr;
+                    p = Space(p);
+                    if (*p == ']') return p + 1;
+                    if (*p != ',') return nullptr;
+                    p = Space(p + 1);
+                }
+            }
+            case 't': return Literal(p, "true", 4);
+            case 'f': return Literal(p, "false", 5);
+            case 'n': return Literal(p, "null", 4);
+            default: {
+                bool bInteger = false;
+                return Number(p, bInteger);
+            }
+        }
+    }
+
+    const char* End() const { return m_pEnd; }
+
+private:
+    // The first '"' or '\\' at or after p, or end. Item texts are mostly
+    // string bytes, so this is where the time goes.
+    MOX_ALWAYS_INLINE const char* QuoteOrEscape(const char* p) const {
+#ifdef __SSE2__
+        const __m128i quote = _mm_set1_epi8('"');
+        const __m128i escape = _mm_set1_epi8('\\');
+        while (m_pEnd - p >= 16) {
+            __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+            unsigned nMask = static_cast<unsigned>(
+                _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, escape))));
+            if (nMask != 0) return p + __builtin_ctz(nMask);
+            p += 16;
+        }
+        if (p < m_pEnd && m_pEnd - m_pBegin >= 16) {
+            // The last 16 bytes of the text, shifted so that bit 0 is p.
+            __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(m_pEnd - 16));
+            unsigned nMask = static_cast<unsigned>(
+                _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, escape))));
+            nMask >>= 16 - (m_pEnd - p);
+            return nMask != 0 ? p + __builtin_ctz(nMask) : m_pEnd;
+        }
+#endif
+        while (p < m_pEnd && *p != '"' && *p != '\\') ++p;
+        return p;
+    }
+
+    // The end of the run of decimal digits at p. Sizes and times are runs of
+    // up to ten digits whose varying length a byte loop mispredicts.
+    MOX_ALWAYS_INLINE const char* Digits(const char* p) const {
+#ifdef __SSE2__
+        const __m128i below = _mm_set1_epi8('0' - 1);
+        const __m128i above = _mm_set1_epi8('9' + 1);
+        // Signed compares: bytes from 0x80 up are negative, so not digits.
+        auto others = [&](const char* q) {
+            __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
+            __m128i digits = _mm_and_si128(_mm_cmpgt_epi8(chunk, below), _mm_cmplt_epi8(chunk, above));
+            return ~static_cast<unsigned>(_mm_movemask_epi8(digits)) & 0xFFFF;
+        };
+        while (m_pEnd - p >= 16) {
+            unsigned nOther = others(p);
+            if (nOther != 0) return p + __builtin_ctz(nOther);
+            p += 16;
+        }
+        if (p < m_pEnd && m_pEnd - m_pBegin >= 16) {
+            unsigned nOther = others(m_pEnd - 16) >> (16 - (m_pEnd - p));
+            return nOther != 0 ? p + __builtin_ctz(nOther) : m_pEnd;
+        }
+#endif
+        while (IsDigit(*p)) ++p;
+        return p;
+    }
+
+    // The escape at p; returns the position after it.
+    const char* Escape(const char* p) const {
+        switch (p[1]) {
+            case '"': case '\\': case '/': case 'b': case 'f': case 'n': case 'r': case 't':
+                return p + 2;
+            case 'u': {
+                if (m_pEnd - p < 6) return nullptr;
+                long nUnit = Hex4(p + 2);
+                if (nUnit < 0 || (nUnit >= 0xDC00 && nUnit <= 0xDFFF)) return nullptr;
+                p += 6;
+                if (nUnit >= 0xD800 && nUnit <= 0xDBFF) {
+                    if (m_pEnd - p < 6 || p[0] != '\\' || p[1] != 'u') return nullptr;
+                    long nLow = Hex4(p + 2);
+                    if (nLow < 0xDC00 || nLow > 0xDFFF) return nullptr;
+                    p += 6;
+                }
+                return p;
+            }
+            default:
+                // Includes the sentinel: a backslash ending the text.
+                return nullptr;
+        }
+    }
+
+    // The exponent of a number at p (after the 'e') into nExponent.
+    const char* Exponent(const char* p, long& nExponent) const {
         bool bNegative = false;
-        if (p < end && (*p == '+' || *p == '-')) bNegative = *p++ == '-';
-        if (p == end || !IsDigit(*p)) return nullptr;
-        while (p < end && *p == '0') ++p;
+        if (*p == '+' || *p == '-') bNegative = *p++ == '-';
+        if (!IsDigit(*p)) return nullptr;
+        while (*p == '0') ++p;
         int nDigits = 0;
-        for (; p < end && IsDigit(*p); ++p) {
+        for (; IsDigit(*p); ++p) {
             if (++nDigits > kMaxExponentDigits) return nullptr;
             nExponent = nExponent * 10 + (*p - '0');
         }
         if (bNegative) nExponent = -nExponent;
-        bInteger = false;
+        return p;
     }
-    // Underflow is harmless (it reads as 0 or a subnormal); only overflow fails.
-    if (nIntegerDigits + nExponent > kMaxMagnitudeDigits) return nullptr;
-    return p;
-}
 
-inline const char* ScanLiteral(const char* p, const char* end, const char* szWord, size_t nLen) {
-    if (static_cast<size_t>(end - p) < nLen || memcmp(p, szWord, nLen) != 0) return nullptr;
-    return p + nLen;
-}
-
-// Any JSON value at p, nDepth containers deep. Returns its end or nullptr.
-const char* ScanValue(const char* p, const char* end, int nDepth) {
-    if (p == end) return nullptr;
-    switch (*p) {
-        case '"': {
-            bool bEscaped = false;
-            const char* pQuote = ScanString(p + 1, end, bEscaped);
-            return pQuote ? pQuote + 1 : nullptr;
-        }
-        case '{': {
-            if (nDepth >= kMaxDepth) return nullptr;
-            p = SkipSpace(p + 1, end);
-            if (p < end && *p == '}') return p + 1;
-            for (;;) {
-                if (p == end || *p != '"') return nullptr;
-                bool bEscaped = false;
-                p = ScanString(p + 1, end, bEscaped);
-                if (!p) return nullptr;
-                p = SkipSpace(p + 1, end);
-                if (p == end || *p != ':') return nullptr;
-                p = ScanValue(SkipSpace(p + 1, end), end, nDepth + 1);
-                if (!p) return nullptr;
-                p = SkipSpace(p, end);
-                if (p == end) return nullptr;
-                if (*p == '}') return p + 1;
-                if (*p != ',') return nullptr;
-                p = SkipSpace(p + 1, end);
-            }
-        }
-        case '[': {
-            if (nDepth >= kMaxDepth) return nullptr;
-            p = SkipSpace(p + 1, end);
-            if (p < end && *p == ']') return p + 1;
-            for (;;) {
-                p = ScanValue(p, end, nDepth + 1);
-                if (!p) return nullptr;
-                p = SkipSpace(p, end);
-                if (p == end) return nullptr;
-                if (*p == ']') return p + 1;
-                if (*p != ',') return nullptr;
-                p = SkipSpace(p + 1, end);
-            }
-        }
-        case 't': return ScanLiteral(p, end, "true", 4);
-        case 'f': return ScanLiteral(p, end, "false", 5);
-        case 'n': return ScanLiteral(p, end, "null", 4);
-        default: {
-            bool bInteger = false;
-            return ScanNumber(p, end, bInteger);
-        }
+    const char* Literal(const char* p, const char* szWord, size_t nLen) const {
+        if (static_cast<size_t>(m_pEnd - p) < nLen || memcmp(p, szWord, nLen) != 0) return nullptr;
+        return p + nLen;
     }
-}
+
+    const char* m_pBegin;
+    const char* m_pEnd;
+};
 
 // The int jsoncpp reads from an integer literal [p, end) in strict syntax:
 // its value when it lies in int range, else 0 (outside int range it is an
@@ -272,12 +357,13 @@ bool CMOXSortKeyReader::Read(const std::string& text, const std::string& strKey,
                              SMOXSortKey& out) {
     const char* p = text.data();
     const char* end = p + text.size();
-    // The last item of a block carries its padding NULs.
+    // The last item of a block carries its padding NULs. Either way *end is
+    // now a NUL: a cut padding byte or std::string's terminator.
     while (end > p && end[-1] == '\0') --end;
-
-    p = SkipSpace(p, end);
-    if (p == end || *p != '{') return false;
-    p = SkipSpace(p + 1, end);
+    const CScanner scan(p, end);
+    p = CScanner::Space(p);
+    if (*p != '{') return false;
+    p = CScanner::Space(p + 1);
 
     // The last member named strKey: its value's extent and what it is.
     enum class Kind { kNone, kString, kInteger, kOther } kind = Kind::kNone;
@@ -285,62 +371,65 @@ bool CMOXSortKeyReader::Read(const std::string& text, const std::string& strKey,
     const char* pValueEnd = nullptr;
     bool bValueEscaped = false;
 
-    if (p < end && *p == '}') {
+    if (*p == '}') {
         ++p;
     } else {
         for (;;) {
-            if (p == end || *p != '"') return false;
+            if (*p != '"') return false;
             bool bNameEscaped = false;
             const char* pName = p + 1;
-            const char* pNameEnd = ScanString(pName, end, bNameEscaped);
+            const char* pNameEnd = scan.String(pName, bNameEscaped);
             if (!pNameEnd) return false;
             bool bMatch;
             if (!bNameEscaped) {
-                bMatch = static_cast<size_t>(pNameEnd - pName) == strKey.size() &&
-                         memcmp(pName, strKey.data(), strKey.size()) == 0;
+                bMatch = SameBytes(pName, pNameEnd, strKey);
             } else {
                 DecodeString(pName, pNameEnd, m_strName);
                 bMatch = m_strName == strKey;
             }
-            p = SkipSpace(pNameEnd + 1, end);
-            if (p == end || *p != ':') return false;
-            p = SkipSpace(p + 1, end);
-            if (p == end) return false;
-            const char* pStart = p;
-            if (bMatch && *p == '"') {
+            p = CScanner::Space(pNameEnd + 1);
+            if (*p != ':') return false;
+            p = CScanner::Space(p + 1);
+            // Strings and numbers, the usual members, are scanned here
+            // rather than through Value()'s dispatch.
+            if (*p == '"') {
                 bool bEscaped = false;
-                const char* pQuote = ScanString(p + 1, end, bEscaped);
+                const char* pQuote = scan.String(p + 1, bEscaped);
                 if (!pQuote) return false;
-                kind = Kind::kString;
-                pValue = p + 1;
-                pValueEnd = pQuote;
-                bValueEscaped = bEscaped;
+                if (bMatch) {
+                    kind = Kind::kString;
+                    pValue = p + 1;
+                    pValueEnd = pQuote;
+                    bValueEscaped = bEscaped;
+                }
                 p = pQuote + 1;
-            } else if (bMatch && (*p == '-' || IsDigit(*p))) {
+            } else if (*p == '-' || IsDigit(*p)) {
                 bool bInteger = false;
-                p = ScanNumber(p, end, bInteger);
-                if (!p) return false;
-                kind = bInteger ? Kind::kInteger : Kind::kOther;
-                pValue = pStart;
-                pValueEnd = p;
+                const char* pNumberEnd = scan.Number(p, bInteger);
+                if (!pNumberEnd) return false;
+                if (bMatch) {
+                    kind = bInteger ? Kind::kInteger : Kind::kOther;
+                    pValue = p;
+                    pValueEnd = pNumberEnd;
+                }
+                p = pNumberEnd;
             } else {
-                p = ScanValue(p, end, 1);
+                p = scan.Value(p, 1);
                 if (!p) return false;
                 if (bMatch) kind = Kind::kOther;
             }
-            p = SkipSpace(p, end);
-            if (p == end) return false;
+            p = CScanner::Space(p);
             if (*p == '}') {
                 ++p;
                 break;
             }
             if (*p != ',') return false;
-            p = SkipSpace(p + 1, end);
+            p = CScanner::Space(p + 1);
         }
     }
     // jsoncpp ignores what follows the object; only whitespace is sure to be
     // read alike, so anything else is left to it.
-    if (SkipSpace(p, end) != end) return false;
+    if (CScanner::Space(p) != end) return false;
 
     out.nValue = 0;
     out.strValue.clear();
