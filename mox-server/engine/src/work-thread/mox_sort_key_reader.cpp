@@ -136,6 +136,14 @@ class CScanner {
 public:
     CScanner(const char* pBegin, const char* pEnd) : m_pBegin(pBegin), m_pEnd(pEnd) {}
 
+    // Positions of every '"' of a text without backslashes, in order. Each
+    // string then takes the next two instead of searching for its end, and
+    // the search no longer chains one string's end to the next one's start.
+    void UseQuoteIndex(const uint32_t* pQuotes, size_t nQuotes) {
+        m_pQuotes = pQuotes;
+        m_nQuotes = nQuotes;
+    }
+
     MOX_ALWAYS_INLINE static const char* Space(const char* p) {
         while (IsSpace(*p)) ++p;
         return p;
@@ -145,7 +153,16 @@ public:
     // position of the closing quote. Refused: unterminated, unknown escape,
     // bad or unpaired surrogate (where jsoncpp fails, or decodes an unpaired
     // surrogate to bytes of its own). bEscaped is set when it has escapes.
-    MOX_ALWAYS_INLINE const char* String(const char* p, bool& bEscaped) const {
+    MOX_ALWAYS_INLINE const char* String(const char* p, bool& bEscaped) {
+        if (m_pQuotes) {
+            // Every quote of a valid text opens or closes a string, and
+            // strings are read in order; a mismatch means invalid text.
+            const size_t nOpen = static_cast<size_t>(p - 1 - m_pBegin);
+            if (m_nNextQuote + 1 >= m_nQuotes || m_pQuotes[m_nNextQuote] != nOpen) return nullptr;
+            const char* pClose = m_pBegin + m_pQuotes[m_nNextQuote + 1];
+            m_nNextQuote += 2;
+            return pClose;
+        }
         for (;;) {
             p = QuoteOrEscape(p);
             if (p == m_pEnd) return nullptr;
@@ -186,7 +203,7 @@ public:
     }
 
     // Any JSON value, nDepth containers deep.
-    const char* Value(const char* p, int nDepth) const {
+    const char* Value(const char* p, int nDepth) {
         switch (*p) {
             case '"': {
                 bool bEscaped = false;
@@ -336,7 +353,39 @@ private:
 
     const char* m_pBegin;
     const char* m_pEnd;
+    const uint32_t* m_pQuotes = nullptr;
+    size_t m_nQuotes = 0;
+    size_t m_nNextQuote = 0;
 };
+
+// Texts up to this size get a quote index; the index buffer stays this small.
+constexpr size_t kMaxIndexedText = 64 * 1024;
+
+#ifdef __SSE2__
+// Fills pQuotes (room for nLen entries) with the offsets of the
+// quotes of [p, p + nLen) and returns their count; SIZE_MAX when there is a
+// backslash, whose escapes need the searching scan.
+size_t IndexQuotes(const char* p, size_t nLen, uint32_t* pQuotes) {
+    const __m128i quote = _mm_set1_epi8('"');
+    const __m128i escape = _mm_set1_epi8('\\');
+    size_t nCount = 0;
+    unsigned nEscapes = 0;
+    for (size_t i = 0; i < nLen; i += 16) {
+        __m128i chunk;
+        if (nLen - i >= 16) {
+            chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
+        } else {
+            char tail[16] = {};
+            memcpy(tail, p + i, nLen - i);
+            chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(tail));
+        }
+        unsigned nQuotes = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, quote)));
+        nEscapes |= static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, escape)));
+        for (; nQuotes != 0; nQuotes &= nQuotes - 1) pQuotes[nCount++] = static_cast<uint32_t>(i + __builtin_ctz(nQuotes));
+    }
+    return nEscapes != 0 ? SIZE_MAX : nCount;
+}
+#endif
 
 // The int jsoncpp reads from an integer literal [p, end) in strict syntax:
 // its value when it lies in int range, else 0 (outside int range it is an
@@ -360,7 +409,15 @@ bool CMOXSortKeyReader::Read(const std::string& text, const std::string& strKey,
     // The last item of a block carries its padding NULs. Either way *end is
     // now a NUL: a cut padding byte or std::string's terminator.
     while (end > p && end[-1] == '\0') --end;
-    const CScanner scan(p, end);
+    CScanner scan(p, end);
+#ifdef __SSE2__
+    const size_t nLen = static_cast<size_t>(end - p);
+    if (nLen <= kMaxIndexedText) {
+        if (m_quotes.size() < nLen) m_quotes.resize(nLen);
+        const size_t nQuotes = IndexQuotes(p, nLen, m_quotes.data());
+        if (nQuotes != SIZE_MAX) scan.UseQuoteIndex(m_quotes.data(), nQuotes);
+    }
+#endif
     p = CScanner::Space(p);
     if (*p != '{') return false;
     p = CScanner::Space(p + 1);

@@ -16,10 +16,12 @@
 // return false, and the caller asks CJsonValue instead.
 //
 // Not thread-safe: one reader per sorting thread; it keeps a scratch buffer
-// for escaped member names between calls.
+// for escaped member names and a quote index between calls.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "mox_request_defines.h"
 
@@ -37,4 +39,6 @@ public:
 private:
     // Decoded name of a member whose name has escapes.
     std::string m_strName;
+    // Quote offsets of the text being read; kept to spare an allocation per item.
+    std::vector<uint32_t> m_quotes;
 };
