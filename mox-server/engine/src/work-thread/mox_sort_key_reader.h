@@ -6,7 +6,7 @@
 // an integer member in int range, or a string member; 0 or empty otherwise,
 // and for a text that is not an object. Read() therefore only answers for
 // texts that jsoncpp's reader provably reads alike: one strict JSON object,
-// surrounded by whitespace only, nesting at most kMaxDepth containers,
+// surrounded by whitespace only, nesting at most 64 containers,
 // escapes well formed (surrogates in pairs), numbers in strict syntax whose
 // magnitude cannot overflow a double (jsoncpp fails the whole text on such a
 // number). Duplicate members: the last one wins, as in jsoncpp. String bytes
@@ -32,7 +32,8 @@ public:
     CMOXSortKeyReader& operator=(const CMOXSortKeyReader&) = delete;
 
     // Extracts member strKey of text as keyType into out. Trailing NULs (the
-    // padding after a block's last item) are ignored. False when the text is
+    // padding after a block's last item) are ignored; the scan relies on the
+    // NUL that std::string keeps after its last byte. False when the text is
     // outside what this reader can judge; out is then unspecified.
     bool Read(const std::string& text, const std::string& strKey, MOX_VALUETYPE keyType, SMOXSortKey& out);
 
