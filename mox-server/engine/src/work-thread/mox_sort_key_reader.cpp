@@ -371,16 +371,26 @@ size_t IndexQuotes(const char* p, size_t nLen, uint32_t* pQuotes) {
     size_t nCount = 0;
     unsigned nEscapes = 0;
     for (size_t i = 0; i < nLen; i += 16) {
-        __m128i chunk;
-        if (nLen - i >= 16) {
-            chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
+        unsigned nQuotes, nChunkEscapes;
+        if (nLen - i >= 16 || nLen < 16) {
+            __m128i chunk;
+            if (nLen - i >= 16) {
+                chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
+            } else {
+                char tail[16] = {};
+                memcpy(tail, p + i, nLen - i);
+                chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(tail));
+            }
+            nQuotes = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, quote)));
+            nChunkEscapes = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, escape)));
         } else {
-            char tail[16] = {};
-            memcpy(tail, p + i, nLen - i);
-            chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(tail));
+            // The text's last 16 bytes, shifted so that bit 0 is byte i.
+            __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + nLen - 16));
+            const unsigned nShift = static_cast<unsigned>(16 - (nLen - i));
+            nQuotes = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, quote))) >> nShift;
+            nChunkEscapes = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, escape))) >> nShift;
         }
-        unsigned nQuotes = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, quote)));
-        nEscapes |= static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, escape)));
+        nEscapes |= nChunkEscapes;
         for (; nQuotes != 0; nQuotes &= nQuotes - 1) pQuotes[nCount++] = static_cast<uint32_t>(i + __builtin_ctz(nQuotes));
     }
     return nEscapes != 0 ? SIZE_MAX : nCount;
