@@ -3,6 +3,7 @@
 # the keyed list sort over the per-comparison predicate and its cost relative
 # to a plain sort of keys extracted beforehand (goal: within 2x).
 #   scripts/run-bench.sh [extra Google Benchmark arguments]
+# (--benchmark_repetitions=5 gives ratios of medians on a busy machine)
 # Build directory: $MOX_BENCH_BUILD_DIR or build-bench. JSON results are kept
 # in <build>/bench-*.json.
 set -euo pipefail
@@ -23,7 +24,14 @@ done
 
 python3 - "$build/bench_shm_data.json" <<'PY'
 import json, sys
-runs = {b["name"]: b for b in json.load(open(sys.argv[1]))["benchmarks"] if b.get("run_type", "iteration") == "iteration"}
+# With --benchmark_repetitions the medians are used, else the single run.
+runs = {}
+for b in json.load(open(sys.argv[1]))["benchmarks"]:
+    name = b.get("run_name", b["name"])
+    if b.get("run_type", "iteration") == "iteration":
+        runs.setdefault(name, b)
+    elif b.get("aggregate_name") == "median":
+        runs[name] = b
 for arg, key in (("0", "FileName"), ("1", "FileSize")):
     slow = [v for n, v in runs.items() if n.startswith("BM_SortPredicate/" + arg)]
     fast = [v for n, v in runs.items() if n.startswith("BM_SortKeyed/" + arg)]
