@@ -11,7 +11,7 @@ PACKAGES=(
   libjsoncpp-dev libcurl4-openssl-dev libexif-dev libtag1-dev libavformat-dev
   imagemagick libimage-exiftool-perl ffmpeg
   uuid-dev libsystemd-dev libudev-dev umockdev libumockdev-dev systemd util-linux
-  libgtest-dev libgmock-dev libbenchmark-dev valgrind libsimdjson-dev
+  libgtest-dev libgmock-dev libbenchmark-dev valgrind
   libcli11-dev jq python3 bsdutils tmux
 )
 

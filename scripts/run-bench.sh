@@ -3,6 +3,7 @@
 # the keyed list sort over the per-comparison predicate and its cost relative
 # to a plain sort of keys extracted beforehand (goal: within 2x).
 #   scripts/run-bench.sh [extra Google Benchmark arguments]
+# (--benchmark_repetitions=5 gives ratios of medians on a busy machine)
 # Build directory: $MOX_BENCH_BUILD_DIR or build-bench. JSON results are kept
 # in <build>/bench-*.json.
 set -euo pipefail
@@ -23,11 +24,19 @@ done
 
 python3 - "$build/bench_shm_data.json" <<'PY'
 import json, sys
-runs = {b["name"]: b for b in json.load(open(sys.argv[1]))["benchmarks"] if b.get("run_type", "iteration") == "iteration"}
+# With --benchmark_repetitions the medians are used, else the single run.
+runs = {}
+for b in json.load(open(sys.argv[1]))["benchmarks"]:
+    name = b.get("run_name", b["name"])
+    if b.get("run_type", "iteration") == "iteration":
+        runs.setdefault(name, b)
+    elif b.get("aggregate_name") == "median":
+        runs[name] = b
 for arg, key in (("0", "FileName"), ("1", "FileSize")):
     slow = [v for n, v in runs.items() if n.startswith("BM_SortPredicate/" + arg)]
     fast = [v for n, v in runs.items() if n.startswith("BM_SortKeyed/" + arg)]
     plain = [v for n, v in runs.items() if n.startswith("BM_SortPlain/" + arg)]
+    read = [v for n, v in runs.items() if n.startswith("BM_SortKeyRead/" + arg)]
     if slow and fast:
         s, f = slow[0]["real_time"], fast[0]["real_time"]
         print("sort 10000 items by %s: predicate %.2f %s, keyed %.2f %s, speed-up %.1fx"
@@ -36,6 +45,9 @@ for arg, key in (("0", "FileName"), ("1", "FileSize")):
         f, p = fast[0]["real_time"], plain[0]["real_time"]
         print("sort 10000 items by %s: keyed %.2f %s vs plain sort of extracted keys %.2f %s: %.2fx"
               % (key, f, fast[0]["time_unit"], p, plain[0]["time_unit"], f / p))
+    if read and plain:
+        print("sort 10000 items by %s: reading the keys %.2f %s, %.2fx the plain sort"
+              % (key, read[0]["real_time"], read[0]["time_unit"], read[0]["real_time"] / plain[0]["real_time"]))
 PY
 # Extraction: medians of repeated runs; library against the raw loops, and
 # the time the helper round trip adds per file.

@@ -14,11 +14,13 @@
 #include <vector>
 
 #include <mox/cache_reader.h>
+#include <mox/json_value.h>
 #include <mox/mox_resultlist.h>
 
 #include "block_maker.h"
 #include "mox_request_defines.h"
 #include "mox_resultlist_builder.h"
+#include "mox_sort_key_reader.h"
 #include "shm_dump.h"
 #include "shm_test_util.h"
 
@@ -384,36 +386,47 @@ TEST(ResultListSort, KeyedSortEqualsThePredicateSort) {
 namespace {
 
 // A random item text: members in any order, duplicates, escaped and unicode
-// keys and values, integers as strings, numbers out of int range, nesting;
-// and, now and then, text jsoncpp reads but strict JSON does not (comments,
-// trailing text, raw control bytes, lone surrogates, a BOM) or that neither
-// reads.
+// keys and values, integers as strings, numbers of every form and range,
+// nesting, whitespace anywhere JSON allows it; and, now and then, text
+// jsoncpp reads but strict JSON does not (comments, trailing text, leading
+// zeros, lone surrogates, a BOM) or that neither reads.
 std::string HostileItem(std::mt19937& rng) {
     static const char* const keys[] = {"\"FileName\"", "\"FileSize\"", "\"File\\u004eame\"", "\"FileSize\"",
-                                       "\"Title\"", "\"fileName\"", "\"FileName \"", "\"\xc3\xa9t\xc3\xa9\""};
+                                       "\"Title\"", "\"fileName\"", "\"FileName \"", "\"\xc3\xa9t\xc3\xa9\"",
+                                       "\"FileSiz\\u0065\"", "\"File\\u0000Name\"", "\"\\\"FileName\""};
     static const char* const values[] = {
         "\"IMG_1.JPG\"", "\"img_1.jpg\"", "\"a\\\"b\"", "\"a\\\\b\\/c\"", "\"\\n\\t\\r\\b\\f\"", "\"caf\\u00e9\"",
         "\"caf\xc3\xa9\"", "\"\\ud83d\\ude00\"", "\"\xf0\x9f\x98\x80\"", "\"\"", "\"a\\u0000b\"", "\"123\"",
         "\"-7\"", "0", "-0", "7", "-12", "2147483647", "-2147483648", "2147483648", "-2147483649",
         "99999999999999999999", "18446744073709551615", "2.0", "1e3", "-1.5", "1e-400", "true", "false",
-        "null", "[1,\"x\"]", "{\"FileName\":\"inner\",\"FileSize\":3}", "[[[[]]]]", "\"\\u00C9\"", "\"\\u00e9\""};
+        "null", "[1,\"x\"]", "{\"FileName\":\"inner\",\"FileSize\":3}", "[[[[]]]]", "\"\\u00C9\"", "\"\\u00e9\"",
+        "\"\x01\x1f\"", "\"\xff\xfe\"", "\"\\uDBFF\\uDFFF\"", "-0.0", "1E+2", "0.5e-3", "1e300", "1e308",
+        "123456789012345678901234567890", "12345678901", "-9223372036854775808", "[ ]", "{ }",
+        "{\"a\":[1,{\"b\":null}],\"c\":{\"FileSize\":9}}", "[true,false,null,\"\\\\\",-1.25e2]"};
     static const char* const broken[] = {
-        "/*c*/", " // c\n", "\"\xff\"", "\"\x01\"", "\"\\udc00\"", "\"\\ud800\\u0041\"", "\"\\ud800x\"", "1e400",
-        "012", "-", "\"\\x\"", "[1,]", ".5"};
+        "/*c*/", " // c\n", "\"\\udc00\"", "\"\\ud800\\u0041\"", "\"\\ud800x\"", "1e400", "1e309",
+        "012", "-01", "-", "1.", "1.e5", "+1", ".5", "\"\\x\"", "\"\\u12\"", "[1,]", "[1 2]", "{\"a\" 1}",
+        "{\"a\":1,}", "tru", "nul", "\"open"};
+    static const char* const spaces[] = {"", "", "", " ", "\n", "\t", "\r\n "};
+    auto space = [&rng]() { return spaces[rng() % (sizeof(spaces) / sizeof(spaces[0]))]; };
     std::string text = rng() % 8 == 0 ? " \n\t" : "";
     text += "{";
     const int nMembers = static_cast<int>(rng() % 5);
     for (int m = 0; m < nMembers; ++m) {
         if (m) text += rng() % 2 ? "," : " , ";
+        text += space();
         text += keys[rng() % (sizeof(keys) / sizeof(keys[0]))];
+        text += space();
         text += ":";
+        text += space();
         if (rng() % 30 == 0)
             text += broken[rng() % (sizeof(broken) / sizeof(broken[0]))];
         else
             text += values[rng() % (sizeof(values) / sizeof(values[0]))];
+        text += space();
     }
     text += "}";
-    switch (rng() % 25) {
+    switch (rng() % 30) {
         case 0: text += " trailing"; break;
         case 1: text = "\xef\xbb\xbf" + text; break;
         case 2: text.pop_back(); break;  // cut
@@ -422,6 +435,17 @@ std::string HostileItem(std::mt19937& rng) {
         case 5: text = "{\"FileSize\":" + std::string(70, '[') + std::string(70, ']') + ",\"FileName\":\"deep\"}"; break;
         case 6: text += "/* after */"; break;
         case 7: text = ""; break;
+        case 8: text += " \r\n"; break;
+        case 9: text += std::string("\0\0", 2); break;
+        case 10: text += std::string(" \0 ", 3); break;
+        case 11: text.insert(text.size() / 2, 1, '\0'); break;
+        case 12: {
+            // Nesting around the depth where the fast reading stops.
+            const size_t nDepth = 62 + rng() % 4;
+            text = "{\"FileName\":\"n" + std::to_string(nDepth) + "\",\"x\":" + std::string(nDepth, '[') +
+                   std::string(nDepth, ']') + ",\"FileSize\":" + std::to_string(nDepth) + "}";
+            break;
+        }
         default: break;
     }
     return text;
@@ -434,7 +458,7 @@ std::string HostileItem(std::mt19937& rng) {
 TEST(ResultListSort, KeyedSortMatchesThePredicateOnHostileDocuments) {
     std::mt19937 rng(2024);
     std::vector<std::vector<std::string>> items(2);
-    for (int i = 0; i < 1200; ++i) items[rng() % 2].push_back(HostileItem(rng));
+    for (int i = 0; i < 3000; ++i) items[rng() % 2].push_back(HostileItem(rng));
     for (auto key : {std::pair<const char*, MOX_VALUETYPE>{"FileName", MOX_VALUE_STRING}, {"FileSize", MOX_VALUE_INT}}) {
         for (MOX_COMPARETYPE comparison : {MOX_COMPARE_ASC, MOX_COMPARE_DESC}) {
             SortFixture f;
@@ -453,6 +477,44 @@ TEST(ResultListSort, KeyedSortMatchesThePredicateOnHostileDocuments) {
             }
             std::sort(expected.begin(), expected.end(), fn);
             EXPECT_TRUE(SameEntries(ItemTable(guard.name), expected)) << key.first << " " << comparison;
+        }
+    }
+}
+
+// Where the single-pass reading stops and jsoncpp takes over: common forms
+// are read without it (else the keyed sort loses its speed), and what is read
+// equals jsoncpp's reading.
+TEST(ResultListSort, KeyReaderReadsStrictObjectsAndLeavesTheRestToJsoncpp) {
+    const std::string nul("\0", 1);
+    const std::vector<std::pair<std::string, bool>> cases = {
+        {R"({"FileName":"a.jpg","FileSize":12})", true},
+        {" {\n\"FileSize\" :\t-2147483648 , \"FileName\" : \"x\\u00e9\\ud83d\\ude00\" }\r\n", true},
+        {R"({"FileSize":1,"FileSize":"2","FileName":[],"FileName":"last"})", true},
+        {R"({"File\u0053ize":2147483648,"x":{"y":[1.5e299,-0.0,true,null]},"Fil\u0065Name":"e"})", true},
+        {"{\"FileName\":\"raw\x01\xff\"}" + nul + nul, true},
+        {"{\"x\":" + std::string(63, '[') + std::string(63, ']') + ",\"FileSize\":7}", true},
+        {"{\"x\":" + std::string(64, '[') + std::string(64, ']') + ",\"FileSize\":7}", false},
+        {R"({"FileSize":07})", false},
+        {R"({"FileSize":1e301})", false},
+        {R"({"FileName":"\udc00"})", false},
+        {R"({"FileName":"a"} x)", false},
+        {R"({"FileName":"a"/*c*/})", false},
+        {"\xef\xbb\xbf{}", false},
+        {R"([{"FileName":"a"}])", false},
+        {"{\"FileName\":\"a\"}" + nul + " ", false},
+    };
+    CMOXSortKeyReader reader;
+    for (const auto& c : cases) {
+        for (auto key : {std::pair<const char*, MOX_VALUETYPE>{"FileName", MOX_VALUE_STRING}, {"FileSize", MOX_VALUE_INT}}) {
+            SMOXSortKey fast;
+            ASSERT_EQ(reader.Read(c.first, key.first, key.second, fast), c.second) << c.first;
+            if (!c.second) continue;
+            CJsonValue doc(c.first);
+            SMOXSortKey reference;
+            if (key.second == MOX_VALUE_INT && doc.IsInt(key.first)) doc.Get(key.first, reference.nValue);
+            if (key.second == MOX_VALUE_STRING && doc.IsString(key.first)) doc.Get(key.first, reference.strValue);
+            EXPECT_EQ(fast.nValue, reference.nValue) << c.first;
+            EXPECT_EQ(fast.strValue, reference.strValue) << c.first;
         }
     }
 }

@@ -41,7 +41,7 @@ void CMOXSortFunction::GetKeys(const ResultItemIndex* items, size_t nCount, std:
         if (fast.Read(strItem, key, keyType, keys[i])) continue;
         // Left to jsoncpp, on the item exactly as stored.
         keys[i] = SMOXSortKey();
-        if (pReader->GetItem(item.nItemIndex, strItem)) m_KeyFromDocument(strItem, keys[i]);
+        m_KeyFromDocument(strItem, keys[i]);
     }
 }
 
