@@ -340,15 +340,24 @@ void CMOXEngineImp::m_ReleaseJob(WorkerThreadJob* pJob) {
     m_idle.notify_all();
 }
 
+WorkerThreadJob* CMOXEngineImp::m_CallbackJob(void* pUserData, bool bWarnIfNull) {
+    auto* pJob = static_cast<WorkerThreadJob*>(pUserData);
+    if (pJob == nullptr) {
+        if (bWarnIfNull) MOX_WARN("pWorkingInfo == NULL");
+        return nullptr;
+    }
+    if (pJob->pThis == nullptr) {
+        MOX_DEBUG("---cb working Info pThis is NULL---\n");
+        return nullptr;
+    }
+    return pJob;
+}
+
 void CMOXEngineImp::m_GetPartialListCompeleteCb(void* pUserData, std::string strShmName, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_GetPartialListCompeleteCb().");
-    auto* pJob = static_cast<WorkerThreadJob*>(pUserData);
+    WorkerThreadJob* pJob = m_CallbackJob(pUserData, false);
     if (pJob == nullptr) return;
     CMOXEngineImp* pThis = pJob->pThis;
-    if (pThis == nullptr) {
-        MOX_DEBUG("---cb working Info pThis is NULL---\n");
-        return;
-    }
     std::lock_guard<std::mutex> lock(pThis->m_mutex);
     int nEventType = strShmName.empty() ? 2 : 0;
     if (eError == MOX_ERROR_FAILED_RESULT) nEventType = 1;
@@ -378,13 +387,9 @@ void CMOXEngineImp::m_GetPartialListCompeleteCb(void* pUserData, std::string str
 
 void CMOXEngineImp::m_RequestDetailCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_RequestDetailCompeleteCb().");
-    auto* pJob = static_cast<WorkerThreadJob*>(pUserData);
+    WorkerThreadJob* pJob = m_CallbackJob(pUserData, false);
     if (pJob == nullptr) return;
     CMOXEngineImp* pThis = pJob->pThis;
-    if (pThis == nullptr) {
-        MOX_DEBUG("---cb working Info pThis is NULL---\n");
-        return;
-    }
     std::string strTimes = StringMember(pJob->strQueryCmd, "mox_detail_request_times");
     std::lock_guard<std::mutex> lock(pThis->m_mutex);
     if (!pJob->requesters.empty()) {
@@ -413,16 +418,9 @@ void CMOXEngineImp::m_RequestDetailCompeleteCb(void* pUserData, std::string strR
 
 void CMOXEngineImp::m_RequestMetaCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_RequestMetaCompeleteCb().");
-    auto* pJob = static_cast<WorkerThreadJob*>(pUserData);
-    if (pJob == nullptr) {
-        MOX_WARN("pWorkingInfo == NULL");
-        return;
-    }
+    WorkerThreadJob* pJob = m_CallbackJob(pUserData, true);
+    if (pJob == nullptr) return;
     CMOXEngineImp* pThis = pJob->pThis;
-    if (pThis == nullptr) {
-        MOX_DEBUG("---cb working Info pThis is NULL---\n");
-        return;
-    }
     // The service's text, or an empty object when it gave no JSON object.
     CJsonValue result(strResult);
     if (!result.IsValid()) result = CJsonValue();

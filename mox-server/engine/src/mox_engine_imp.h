@@ -143,6 +143,9 @@ private:
     bool m_Execute(std::unique_lock<std::mutex>& lock, IMOXCommand* pCommand, const std::string& strCommand);
     // Frees the job's requesters and removes the job. Requires m_mutex.
     void m_ReleaseJob(WorkerThreadJob* pJob);
+    // The job a command callback was handed, or null (logged) when it or its
+    // engine is missing; bWarnIfNull keeps the warning some callbacks give.
+    static WorkerThreadJob* m_CallbackJob(void* pUserData, bool bWarnIfNull);
     // Unlinks a result list and lets go of its blocks; false when a block
     // name of the list is empty (the list then stays).
     bool m_DropList(const std::string& strShmName);

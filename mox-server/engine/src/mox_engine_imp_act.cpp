@@ -151,16 +151,9 @@ guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleI
 
 void CMOXEngineImp::m_ActCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_ActCompeleteCb().");
-    auto* pJob = static_cast<WorkerThreadJob*>(pUserData);
-    if (pJob == nullptr) {
-        MOX_WARN("pWorkingInfo == NULL");
-        return;
-    }
+    WorkerThreadJob* pJob = m_CallbackJob(pUserData, true);
+    if (pJob == nullptr) return;
     CMOXEngineImp* pThis = pJob->pThis;
-    if (pThis == nullptr) {
-        MOX_DEBUG("---cb working Info pThis is NULL---\n");
-        return;
-    }
     const std::string strTimes = StringMember(CJsonValue(pJob->strQueryCmd), "mox_act_request_times");
     if (eError != MOX_ERROR_NONE) MOX_WARN("Act ended with code[%d].", static_cast<int>(eError));
     std::lock_guard<std::mutex> lock(pThis->m_mutex);
