@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include <mox/mox_log.h>
@@ -41,7 +42,15 @@ std::atomic<unsigned> g_tempCounter{0};
 CMOXConfinedPath::CMOXConfinedPath(const std::string& root) : m_strRoot(root) {
     while (m_strRoot.size() > 1 && m_strRoot.back() == '/') m_strRoot.pop_back();
     m_rootFd = open(m_strRoot.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (m_rootFd < 0) MOX_WARN("cannot open root [%s]: %s.", m_strRoot.c_str(), strerror(errno));
+    if (m_rootFd < 0) {
+        MOX_WARN("cannot open root [%s]: %s.", m_strRoot.c_str(), strerror(errno));
+        return;
+    }
+    // Paths that callers resolved themselves start with the resolved root.
+    if (char* szReal = realpath(m_strRoot.c_str(), nullptr)) {
+        if (m_strRoot != szReal) m_strRealRoot = szReal;
+        free(szReal);
+    }
 }
 
 CMOXConfinedPath::~CMOXConfinedPath() {
@@ -49,12 +58,15 @@ CMOXConfinedPath::~CMOXConfinedPath() {
 }
 
 bool CMOXConfinedPath::Relative(const std::string& path, std::string& relative) const {
-    if (m_strRoot.empty() || path.size() <= m_strRoot.size() + 1) return false;
-    if (path.compare(0, m_strRoot.size(), m_strRoot) != 0 || path[m_strRoot.size()] != '/') return false;
     if (path.find('\0') != std::string::npos) return false;
-    relative = path.substr(m_strRoot.size() + 1);
-    while (!relative.empty() && relative.front() == '/') relative.erase(0, 1);
-    return !relative.empty();
+    for (const std::string* root : {&m_strRoot, &m_strRealRoot}) {
+        if (root->empty() || path.size() <= root->size() + 1) continue;
+        if (path.compare(0, root->size(), *root) != 0 || path[root->size()] != '/') continue;
+        relative = path.substr(root->size() + 1);
+        while (!relative.empty() && relative.front() == '/') relative.erase(0, 1);
+        return !relative.empty();
+    }
+    return false;
 }
 
 int CMOXConfinedPath::OpenDirectory(const std::string& relative) const {
@@ -80,6 +92,15 @@ int CMOXConfinedPath::OpenParent(const std::string& path, std::string& leaf) con
         return -1;
     }
     return OpenDirectory(dir);
+}
+
+int CMOXConfinedPath::OpenDirectoryForRead(const std::string& path) const {
+    std::string relative;
+    if (!Relative(path, relative)) {
+        errno = EXDEV;
+        return -1;
+    }
+    return OpenBeneath(m_rootFd, relative, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK, 0);
 }
 
 int CMOXConfinedPath::OpenRegularForRead(const std::string& path) const {

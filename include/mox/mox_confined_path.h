@@ -28,8 +28,9 @@ public:
     bool IsValid() const { return m_rootFd >= 0; }
 
     // The part of an absolute `path` below the root ("a/b.jpg"), or false
-    // when `path` does not start with the root followed by "/". Lexical only:
-    // ".." and links are judged when the path is opened.
+    // when `path` does not start with the root (as given, or as resolved when
+    // the given root holds links) followed by "/". Lexical only: ".." and
+    // links are judged when the path is opened.
     bool Relative(const std::string& path, std::string& relative) const;
 
     // Opens a directory beneath the root (O_PATH | O_DIRECTORY). -1 and errno
@@ -38,6 +39,9 @@ public:
     // Opens the parent directory of `path` and names its last component, which
     // is never empty, "." or "..". -1 and errno on failure.
     int OpenParent(const std::string& path, std::string& leaf) const;
+    // Opens an existing directory beneath the root for reading its entries
+    // (O_RDONLY | O_DIRECTORY, never blocking). -1 and errno on failure.
+    int OpenDirectoryForRead(const std::string& path) const;
     // Opens an existing regular file beneath the root for reading, without
     // blocking on a FIFO or device; anything else fails with EINVAL.
     int OpenRegularForRead(const std::string& path) const;
@@ -56,7 +60,8 @@ public:
 
 private:
     int m_rootFd = -1;
-    std::string m_strRoot;  // without trailing slashes
+    std::string m_strRoot;      // without trailing slashes
+    std::string m_strRealRoot;  // m_strRoot resolved; empty when it is the same
 };
 
 #pragma GCC visibility pop

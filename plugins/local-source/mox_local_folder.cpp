@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include <mox/mox_confined_path.h>
 #include <mox/mox_log.h>
 #include <mox/mox_util.h>
 #include <mox_host_paths.h>
@@ -96,25 +97,6 @@ mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::str
     return MOX_ERROR_INVALID_PARAMETER;
 }
 
-int CMOXLocalFolder::m_OpenConfined(const std::string& strRoot, const std::string& strResolved) {
-    mox_util::UniqueFd current(open(strRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!current.IsValid()) return -1;
-    size_t nPos = strRoot.size() + 1;
-    while (nPos <= strResolved.size()) {
-        size_t nEnd = strResolved.find('/', nPos);
-        if (nEnd == std::string::npos) nEnd = strResolved.size();
-        std::string strComponent = strResolved.substr(nPos, nEnd - nPos);
-        nPos = nEnd + 1;
-        if (strComponent.empty()) continue;
-        if (strComponent == "." || strComponent == "..") return -1;
-        mox_util::UniqueFd next(
-            openat(current.Get(), strComponent.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!next.IsValid()) return -1;
-        current = std::move(next);
-    }
-    return current.Release();
-}
-
 mox_error_code_e CMOXLocalFolder::List(const std::string& strFolderPath, const bool& bStop,
                                        std::vector<SMOXLocalEntry>& entries, std::string& strResolved) {
     std::string strRoot;
@@ -124,7 +106,9 @@ mox_error_code_e CMOXLocalFolder::List(const std::string& strFolderPath, const b
             MOX_WARN("Folder[%.256s] does not exist.", strFolderPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
-    int fd = m_OpenConfined(strRoot, strResolved);
+    // Opened beneath the root again: a link swapped in since the path was
+    // resolved cannot lead out.
+    int fd = CMOXConfinedPath(strRoot).OpenDirectoryForRead(strResolved);
     if (fd < 0) {
         MOX_WARN("Can not open folder[%.256s]: %s.", strFolderPath.c_str(), strerror(errno));
         return errno == ENOTDIR || errno == ELOOP ? MOX_ERROR_INVALID_PARAMETER : MOX_ERROR_GENERIC;
@@ -171,8 +155,9 @@ mox_error_code_e CMOXLocalFolder::Describe(const std::string& strPath, SMOXLocal
     size_t nSlash = strResolved.find_last_of('/');
     std::string strParent = strResolved.substr(0, nSlash);
     std::string strName = strResolved.substr(nSlash + 1);
+    CMOXConfinedPath root(strRoot);
     mox_util::UniqueFd parent(strParent == strRoot ? open(strRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)
-                                                   : m_OpenConfined(strRoot, strParent));
+                                                   : root.OpenDirectoryForRead(strParent));
     struct stat st;
     if (!parent.IsValid() || fstatat(parent.Get(), strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
         MOX_WARN("Can not read entry[%.256s]: %s.", strPath.c_str(), strerror(errno));

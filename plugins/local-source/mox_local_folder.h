@@ -44,6 +44,4 @@ private:
     // The real path of the root, and of strPath when it lies strictly below
     // it; 7 (warning) or 5 (strPath does not exist) otherwise.
     static mox_error_code_e m_Resolve(const std::string& strPath, std::string& strRoot, std::string& strResolved);
-    // Opens the directory strResolved (below strRoot) component by component.
-    static int m_OpenConfined(const std::string& strRoot, const std::string& strResolved);
 };

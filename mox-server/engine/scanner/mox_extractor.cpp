@@ -21,6 +21,7 @@
 
 #include <mox/json_value.h>
 #include <metadata_extractor.h>
+#include <mox/mox_confined_path.h>
 #include <mox/mox_log.h>
 #include <mox_host_paths.h>
 #include <mox_unique_fd.h>
@@ -256,19 +257,12 @@ bool CMOXExtractor::Extract(media_info_s& info) {
     }
     m_SetContentDefaults(m_nMediaType, info);
 
-    // The helper must parse only what lies below the USB root, whatever links
-    // on the storage point to.
-    std::unique_ptr<char, decltype(&free)> real(realpath(m_strFullPath.c_str(), nullptr), &free);
-    std::unique_ptr<char, decltype(&free)> root(realpath(mox_host::UsbRoot().c_str(), nullptr), &free);
-    size_t rootLen = root ? strlen(root.get()) : 0;
-    if (!real || !root || strncmp(real.get(), root.get(), rootLen) != 0 ||
-        (real.get()[rootLen] != '/' && !(rootLen == 1 && root.get()[0] == '/'))) {
-        MOX_WARN("Extract: (%s) is not below the USB root, contents not read.", FileNameToUtf8(m_strFullPath).c_str());
-        return true;
-    }
-    mox_util::UniqueFd fd = OpenRegular(real.get());
+    // The helper parses only what lies below the USB root, whatever links on
+    // the storage point to: the file is opened beneath it.
+    mox_util::UniqueFd fd(CMOXConfinedPath(mox_host::UsbRoot()).OpenRegularForRead(m_strFullPath));
     if (!fd.IsValid()) {
-        MOX_WARN("Extract: (%s) is not a readable regular file, contents not read.", FileNameToUtf8(m_strFullPath).c_str());
+        MOX_WARN("Extract: (%s) is not a readable regular file below the USB root, contents not read.",
+                 FileNameToUtf8(m_strFullPath).c_str());
         return true;
     }
     return CMOXExtractClient::Get().Extract(fd.Get(), m_strFullPath, m_nMediaType, info.ullSize, info.ulModifiedTime,
