@@ -2,8 +2,6 @@
 
 #include "mox_bus_text.h"
 
-#include <cstring>
-
 #include <mox/mox_log.h>
 #include <mox/mox_util.h>
 
@@ -48,12 +46,5 @@ GVariant* NewStringTuple(std::string_view text, const char* what) {
 }
 
 std::string ForLog(std::string_view text) { return CMOXUtil::CutForLog(std::string(text), kMaxLoggedBytes); }
-
-bool ArgumentFits(const char* method, const char* text) {
-    size_t len = text ? strnlen(text, kMaxArgumentBytes + 1) : 0;
-    if (len <= kMaxArgumentBytes) return true;
-    MOX_WARN("method(%s): argument larger than %zu bytes refused.", method, kMaxArgumentBytes);
-    return false;
-}
 
 }  // namespace mox_bus

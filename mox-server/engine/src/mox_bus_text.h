@@ -33,8 +33,5 @@ GVariant* NewStringTuple(std::string_view text, const char* what);
 // followed by "...(N bytes)" when it was longer.
 std::string ForLog(std::string_view text);
 
-// True when `text` fits kMaxArgumentBytes; otherwise logs a warning naming the
-// method and returns false.
-bool ArgumentFits(const char* method, const char* text);
 
 }  // namespace mox_bus

@@ -387,21 +387,18 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         const gchar* szParam = nullptr;
         g_variant_get(parameters, "(u&s)", &nHandleId, &szParam);
         connect_info_s caller = callerOf(invocation);
-        if (mox_bus::ArgumentFits(szMethodName, szParam)) {
-            if (method == "request_detail")
-                pMOXEngineImp->RequestDetail(szParam, nHandleId, caller);
-            else if (method == "drop_partial_list")
-                pMOXEngineImp->DropPartialList(szParam, nHandleId, caller);
-            else
-                pMOXEngineImp->RequestMetadata(szParam, nHandleId, caller);
-        }
+        if (method == "request_detail")
+            pMOXEngineImp->RequestDetail(szParam, nHandleId, caller);
+        else if (method == "drop_partial_list")
+            pMOXEngineImp->DropPartialList(szParam, nHandleId, caller);
+        else
+            pMOXEngineImp->RequestMetadata(szParam, nHandleId, caller);
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "get_partial_list") {
         guint32 nHandleId = 0, nIgnored1 = 0, nIgnored2 = 0;
         const gchar* szParam = nullptr;
         g_variant_get(parameters, "(uuu&s)", &nHandleId, &nIgnored1, &nIgnored2, &szParam);
-        if (mox_bus::ArgumentFits(szMethodName, szParam))
-            pMOXEngineImp->GetPartialList(szParam, nHandleId, callerOf(invocation));
+        pMOXEngineImp->GetPartialList(szParam, nHandleId, callerOf(invocation));
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "request_cancel_detail" || method == "disconnect") {
         guint32 nHandleId = 0;
@@ -449,12 +446,10 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         guint32 nCount = 0;
         guint32 nPid = 0;
         g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
-        gboolean bStarted = FALSE;
-        if (mox_bus::ArgumentFits(szMethodName, szFolderPath) && mox_bus::ArgumentFits(szMethodName, szCategory))
-            bStarted = pMOXEngineImp->FolderThumbnailScan(callerOf(invocation), szFolderPath, szCategory, nCount,
-                                                          static_cast<int>(nPid))
-                           ? TRUE
-                           : FALSE;
+        gboolean bStarted = pMOXEngineImp->FolderThumbnailScan(callerOf(invocation), szFolderPath, szCategory,
+                                                               nCount, static_cast<int>(nPid))
+                                ? TRUE
+                                : FALSE;
         MOX_INFO("start_scanner_thumb return [%d]", bStarted);
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", bStarted));
         MOX_INFO("start_scanner_thumb return end[%d]", bStarted);
@@ -464,8 +459,7 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         guint32 nCount = 0;
         guint32 nPid = 0;
         g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
-        if (mox_bus::ArgumentFits(szMethodName, szFolderPath) && mox_bus::ArgumentFits(szMethodName, szCategory))
-            pMOXEngineImp->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid));
+        pMOXEngineImp->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid));
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "stop_scanner") {
         guint32 nScannerId = 0;
@@ -480,8 +474,7 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         gboolean bStarted = FALSE;
         int nScannerId = 0;
         if (g_strcmp0(szKind, "check_device") == 0) {
-            if (mox_bus::ArgumentFits(szMethodName, szParam) &&
-                pMOXEngineImp->StartCheckingDevice(callerOf(invocation), szParam, nScannerId))
+            if (pMOXEngineImp->StartCheckingDevice(callerOf(invocation), szParam, nScannerId))
                 bStarted = TRUE;
             else
                 nScannerId = 0;
