@@ -17,8 +17,8 @@ namespace {
 
 const int kMiB = 1024 * 1024;
 
-// A built block of exactly nSize bytes (one item, no groups: 28 + A + 4).
-// The item bytes are left as ftruncate's zeros; only the size matters here.
+// A built block of exactly nSize bytes (one item, no groups: 28 + A + 4);
+// the item bytes are left as ftruncate's zeros.
 void BuildBlockOfSize(CCacheBuilder& builder, int nSize) {
     moxtest::TrackShm(builder.GetName());
     std::vector<mox_data_group_s> groups;
