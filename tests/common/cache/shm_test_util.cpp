@@ -20,8 +20,7 @@ namespace moxtest {
 namespace {
 
 std::mutex g_trackMutex;
-// Name and inode: once our object is unlinked, another process may create
-// one under the same name, which is not ours to report or remove.
+// By inode too: once ours is unlinked, another process may reuse the name.
 std::set<std::pair<std::string, ino_t>>& Tracked() {
     static std::set<std::pair<std::string, ino_t>> s_objects;
     return s_objects;
@@ -39,8 +38,13 @@ std::string& LogPath() {
     return s_path;
 }
 
-// Points the log at a private file before anything logs, and at the end
-// checks that no tracked object survived the binary.
+std::string ReadFile(const std::string& strPath) {
+    std::ifstream in(strPath, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
 class ShmTestEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
@@ -72,12 +76,7 @@ bool ShmExists(const std::string& strName) {
     return Tracked().count({strName, nInode}) != 0;
 }
 
-std::string ReadShm(const std::string& strName) {
-    std::ifstream in("/dev/shm/" + strName, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
+std::string ReadShm(const std::string& strName) { return ReadFile("/dev/shm/" + strName); }
 
 bool WriteShm(const std::string& strName, const std::string& bytes) {
     shm_unlink(strName.c_str());
@@ -116,17 +115,10 @@ void TrackShm(const std::string& strName) {
     Tracked().emplace(strName, nInode);
 }
 
-std::string LogText() {
-    std::ifstream in(LogPath(), std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-size_t LogMark() { return LogText().size(); }
+size_t LogMark() { return ReadFile(LogPath()).size(); }
 
 std::string LogSince(size_t nMark) {
-    std::string text = LogText();
+    std::string text = ReadFile(LogPath());
     return nMark < text.size() ? text.substr(nMark) : std::string();
 }
 

@@ -1,7 +1,6 @@
-// Result lists: the byte layout of the builder, slot numbering, the reader
-// (here and in a client process linking only libmoxcommon), the sort rules
-// and the equality of the keyed sort with the per-comparison predicate, and
-// readers facing crafted lists.
+// Result lists: the builder's layout, the reader (also in a client process),
+// the sort rules, the keyed sort against the per-comparison predicate on
+// hostile documents, and readers facing crafted lists.
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
@@ -52,201 +51,6 @@ struct ListGuard {
     std::string name;
 };
 
-}  // namespace
-
-TEST(ResultListLayout, OneGroupOneBlockOneItem) {
-    CResultListBuilder builder(3, 7, 7, 40, 1, 1);
-    ASSERT_TRUE(builder.IsValid());
-    ListGuard guard(builder.GetName());
-    EXPECT_EQ(builder.GetName(), "mox_resultlist_" + std::to_string(builder.GetId()));
-    builder.AddGroup(0, 5, 9);
-    builder.AddItem("mox_datablock_12", 4);
-    EXPECT_EQ(builder.Release(), guard.name);
-
-    std::string bytes = moxtest::ReadShm(guard.name);
-    ASSERT_EQ(bytes.size(), 180u);
-    const int32_t header[] = {44, 172, 7, 7, 3, 40, 1, 1, 180};
-    for (int i = 0; i < 9; ++i) EXPECT_EQ(Int32At(bytes, 4 * i), header[i]) << "field " << i;
-    EXPECT_EQ(Int32At(bytes, 36), 5);
-    EXPECT_EQ(Int32At(bytes, 40), 9);
-    EXPECT_EQ(std::string(bytes.data() + 44), "mox_datablock_12");
-    EXPECT_EQ(bytes.substr(44 + 16, 128 - 16), std::string(112, '\0'));
-    EXPECT_EQ(Int32At(bytes, 172), 0);
-    EXPECT_EQ(Int32At(bytes, 176), 4);
-}
-
-TEST(ResultListLayout, SlotsFollowFirstAppearanceAndLongNamesAreCut) {
-    const std::string longName(200, 'n');
-    CResultListBuilder builder(0, 0, 3, 4, 1, 3);
-    ListGuard guard(builder.GetName());
-    builder.AddItem("B", 0);
-    builder.AddItem("A", 5);
-    builder.AddItem("B", 1);
-    builder.AddItem(longName, 2);
-    builder.Release();
-    EXPECT_TRUE(SameEntries(ItemTable(guard.name), {{0, 0}, {1, 5}, {0, 1}, {2, 2}}));
-    CResultList list(guard.name);
-    std::string name;
-    ASSERT_TRUE(list.GetBlockName(0, name));
-    EXPECT_EQ(name, "B");
-    ASSERT_TRUE(list.GetBlockName(1, name));
-    EXPECT_EQ(name, "A");
-    ASSERT_TRUE(list.GetBlockName(2, name));
-    EXPECT_EQ(name, longName.substr(0, 127));
-    EXPECT_FALSE(list.GetBlockName(3, name));
-    EXPECT_FALSE(list.GetBlockName(-1, name));
-}
-
-TEST(ResultListBuilderArguments, BadRangesMakeNoObjectAndAnEmptyName) {
-    size_t mark = moxtest::LogMark();
-    struct Args {
-        int section, start, end, total, groups, blocks;
-    } bad[] = {{-2, 0, 0, 1, 1, 1}, {0, -1, 0, 1, 1, 1}, {0, 5, 4, 1, 1, 1}, {0, 0, 0, 0, 1, 1},
-               {0, 0, 0, 1, -1, 1}, {0, 0, 0, 1, 1, 0}, {0, 0, 0x7ffffff0, 1, 1, 1}};
-    for (const Args& a : bad) {
-        CResultListBuilder builder(a.section, a.start, a.end, a.total, a.groups, a.blocks);
-        EXPECT_FALSE(builder.IsValid());
-        builder.AddGroup(0, 1, 2);
-        builder.AddItem("x", 0);
-        CMOXSortFunction fn;
-        EXPECT_FALSE(builder.SortItems(fn));
-        EXPECT_EQ(builder.Release(), "");
-    }
-    EXPECT_NE(moxtest::LogSince(mark).find("Bad result list: section[-2]"), std::string::npos);
-
-    // A source that does not group its items still gets a list.
-    CResultListBuilder noGroups(0, 0, 0, 1, 0, 1);
-    ASSERT_TRUE(noGroups.IsValid());
-    ListGuard guard(noGroups.GetName());
-    noGroups.AddItem("b", 0);
-    noGroups.Release();
-    CResultList list(guard.name);
-    EXPECT_TRUE(list.IsLoaded());
-    EXPECT_EQ(list.GetGroupCount(), 0);
-    EXPECT_EQ(Int32At(moxtest::ReadShm(guard.name), 0), 36);
-}
-
-TEST(ResultListDrop, OnlyResultListNamesAreUnlinked) {
-    CResultListBuilder builder(0, 0, 0, 1, 1, 1);
-    const std::string name = builder.GetName();
-    moxtest::TrackShm(name);
-    builder.AddItem("b", 0);
-    builder.Release();
-    ASSERT_TRUE(moxtest::WriteShm("mox_test_not_a_list", "x"));
-    for (const char* foreign : {"mox_test_not_a_list", "mox_resultlist_", "mox_resultlist_1x", "../mox_resultlist_1",
-                                "mox_datablock_1"})
-        EXPECT_FALSE(CResultListBuilder::Drop(foreign)) << foreign;
-    EXPECT_TRUE(moxtest::ShmExists("mox_test_not_a_list"));
-    EXPECT_TRUE(CResultListBuilder::Drop(name));
-    EXPECT_FALSE(moxtest::ShmExists(name));
-    shm_unlink("mox_test_not_a_list");
-}
-
-TEST(ResultListReader, ItemsResolveThroughTheirBlocks) {
-    auto a = MakeBlock({"a0", "a1", "a2"}, 0, 3, {{0, 3}});
-    auto b = MakeBlock({"b0", "b1"}, 0, 2, {});
-    CResultListBuilder builder(2, 10, 14, 50, 2, 2);
-    ListGuard guard(builder.GetName());
-    builder.AddItem(b->GetName(), 1);
-    builder.AddItem(a->GetName(), 0);
-    builder.AddItem(a->GetName(), 2);
-    builder.AddItem(b->GetName(), 0);
-    builder.AddItem(a->GetName(), 1);
-    builder.AddGroup(0, 10, 3);
-    builder.AddGroup(1, 13, 2);
-    builder.Release();
-
-    CResultList list(guard.name);
-    ASSERT_TRUE(list.IsLoaded());
-    EXPECT_EQ(list.StartIndex(), 10);
-    EXPECT_EQ(list.EndIndex(), 14);
-    EXPECT_EQ(list.SectionIndex(), 2);
-    EXPECT_EQ(list.GetTotalCount(), 50);
-    EXPECT_EQ(list.GetItemCount(), 5);
-    EXPECT_EQ(list.GetBlockCount(), 2);
-    EXPECT_FALSE(list.IsValidIndex(9));
-    EXPECT_TRUE(list.IsValidIndex(14));
-    EXPECT_FALSE(list.IsValidIndex(15));
-    int g1 = 0, g2 = 0;
-    ASSERT_TRUE(list.GetGroup(1, g1, g2));
-    EXPECT_EQ(g1, 13);
-    EXPECT_EQ(g2, 2);
-    EXPECT_FALSE(list.GetGroup(2, g1, g2));
-
-    const std::string expected[] = {"b1", "a0", "a2", "b0", "a1"};
-    for (int n = 10; n <= 14; ++n) {
-        std::string item, shm;
-        int nItemIndex = -1;
-        ASSERT_TRUE(list.GetItem(n, item, shm, nItemIndex)) << n;
-        EXPECT_EQ(item.c_str(), expected[n - 10]) << n;  // a block's last item carries its padding
-    }
-    std::string item = "untouched", shm;
-    int nItemIndex = -1;
-    EXPECT_FALSE(list.GetItem(15, item, shm, nItemIndex));
-    EXPECT_FALSE(list.GetItem(9, item, shm, nItemIndex));
-    EXPECT_EQ(item, "untouched");
-
-    // Each block was opened once, on first use.
-    std::string log = moxtest::LogText();
-    size_t first = log.find("get shmname[" + a->GetName() + "].");
-    EXPECT_NE(first, std::string::npos);
-    EXPECT_EQ(log.find("get shmname[" + a->GetName() + "].", first + 1), std::string::npos);
-}
-
-TEST(ResultListReader, UnloadedListAndVanishedBlock) {
-    CResultList missing("mox_resultlist_does_not_exist");
-    EXPECT_FALSE(missing.IsLoaded());
-    EXPECT_EQ(missing.EndIndex(), -1);
-    EXPECT_EQ(missing.SectionIndex(), -1);
-    EXPECT_EQ(missing.StartIndex(), 0);
-    EXPECT_EQ(missing.GetItemCount(), 0);
-    EXPECT_EQ(missing.GetBlockCount(), 0);
-    std::string item = "untouched", shm = "untouched";
-    int nItemIndex = -7;
-    EXPECT_FALSE(missing.GetItem(0, item, shm, nItemIndex));
-    EXPECT_EQ(shm, "untouched");
-    EXPECT_EQ(nItemIndex, -7);
-
-    auto block = MakeBlock({"x", "y"}, 0, 2, {});
-    const std::string blockName = block->GetName();
-    CResultListBuilder builder(0, 0, 0, 1, 1, 1);
-    ListGuard guard(builder.GetName());
-    builder.AddItem(blockName, 1);
-    builder.Release();
-    block.reset();  // the pool evicted the block
-    CResultList list(guard.name);
-    EXPECT_FALSE(list.GetItem(0, item, shm, nItemIndex));
-    EXPECT_EQ(item, "untouched");
-    EXPECT_EQ(shm, blockName);
-    EXPECT_EQ(nItemIndex, 1);
-}
-
-TEST(ResultListClient, ClientProcessWalksTheList) {
-    auto a = MakeBlock({"{\"n\":1}", "{\"n\":2}"}, 0, 2, {{0, 2}});
-    auto b = MakeBlock({"{\"m\":3}"}, 0, 1, {});
-    CResultListBuilder builder(1, 3, 5, 6, 1, 2);
-    ListGuard guard(builder.GetName());
-    builder.AddGroup(0, 3, 3);
-    builder.AddItem(a->GetName(), 1);
-    builder.AddItem(b->GetName(), 0);
-    builder.AddItem(a->GetName(), 0);
-    builder.Release();
-    std::string output;
-    ASSERT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "list", guard.name}, output), 0);
-    const std::string an = a->GetName(), bn = b->GetName();
-    // "{"n":2}" is a's last item: 14 bytes of items, 2 padding NULs.
-    EXPECT_EQ(output, "loaded 1\nstart 3 end 5 section 1 total 6 groups 1 blocks 2\ngroup 0 3 3\n"
-                      "block 0 " + an + "\nblock 1 " + bn + "\n"
-                      "item 3 " + an + " 1 {\"n\":2}\\x00\\x00\n"
-                      "item 4 " + bn + " 0 {\"m\":3}\\x00\n"
-                      "item 5 " + an + " 0 {\"n\":1}\n");
-    EXPECT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "list", "mox_resultlist_does_not_exist"}, output), 2);
-}
-
-// ---- Sort -----------------------------------------------------------------
-
-namespace {
-
 struct SortFixture {
     std::vector<std::unique_ptr<CCacheBlock>> blocks;
     std::vector<std::unique_ptr<CCacheReader>> owned;
@@ -294,96 +98,6 @@ CMOXSortFunction MakeFn(const char* key, MOX_VALUETYPE type, MOX_COMPARETYPE com
     fn.comparison = comparison;
     return fn;
 }
-
-}  // namespace
-
-TEST(ResultListSort, StringsShorterFirstAndDescending) {
-    const std::vector<std::vector<std::string>> items = {
-        {R"({"FileName":"abc"})", R"({"FileName":"b"})"}, {R"({"FileName":"ab"})", R"({"Other":1})"}};
-    {
-        SortFixture f;
-        CMOXSortFunction fn = MakeFn("FileName", MOX_VALUE_STRING, MOX_COMPARE_ASC);
-        ListGuard guard(f.BuildList(items, &fn));
-        EXPECT_EQ(f.Keys(guard.name), (std::vector<std::string>{R"({"Other":1})", R"({"FileName":"ab"})",
-                                                               R"({"FileName":"abc"})", R"({"FileName":"b"})"}));
-    }
-    {
-        SortFixture f;
-        CMOXSortFunction fn = MakeFn("FileName", MOX_VALUE_STRING, MOX_COMPARE_DESC);
-        ListGuard guard(f.BuildList(items, &fn));
-        EXPECT_EQ(f.Keys(guard.name), (std::vector<std::string>{R"({"FileName":"b"})", R"({"FileName":"abc"})",
-                                                               R"({"FileName":"ab"})", R"({"Other":1})"}));
-    }
-}
-
-TEST(ResultListSort, MissingOrMistypedNumbersSortAsZero) {
-    const std::vector<std::vector<std::string>> items = {
-        {R"({"FileSize":5})", R"({"FileName":"x"})", R"({"FileSize":-3})", R"({"FileSize":"7"})", "not json",
-         R"({"FileSize":2})"}};
-    SortFixture f;
-    CMOXSortFunction fn = MakeFn("FileSize", MOX_VALUE_INT, MOX_COMPARE_ASC);
-    ListGuard guard(f.BuildList(items, &fn));
-    std::vector<std::string> keys = f.Keys(guard.name);
-    ASSERT_EQ(keys.size(), 6u);
-    EXPECT_EQ(keys[0], R"({"FileSize":-3})");
-    // Three zeros in some order, then 2 and 5.
-    std::vector<std::string> zeros(keys.begin() + 1, keys.begin() + 4);
-    std::sort(zeros.begin(), zeros.end());
-    EXPECT_EQ(zeros, (std::vector<std::string>{"not json", R"({"FileName":"x"})", R"({"FileSize":"7"})"}));
-    EXPECT_EQ(keys[4], R"({"FileSize":2})");
-    EXPECT_EQ(keys[5], R"({"FileSize":5})");
-}
-
-TEST(ResultListSort, UnusableSettingsLeaveTheTableAlone) {
-    SortFixture f;
-    std::vector<ResultItemIndex> unsorted;
-    ListGuard guard(f.BuildList({{R"({"k":2})", R"({"k":1})"}}, nullptr, &unsorted));
-    for (auto settings : {std::pair<int, int>{0, 1}, {3, 1}, {7, 2}, {1, 0}, {1, 3}}) {
-        CResultListBuilder builder(0, 0, 1, 2, 1, 1);
-        moxtest::TrackShm(builder.GetName());
-        builder.AddItem(f.blocks[0]->GetName(), 0);
-        builder.AddItem(f.blocks[0]->GetName(), 1);
-        CMOXSortFunction fn = MakeFn("k", static_cast<MOX_VALUETYPE>(settings.second),
-                                     static_cast<MOX_COMPARETYPE>(settings.first));
-        fn.readers = &f.readers;
-        size_t mark = moxtest::LogMark();
-        EXPECT_FALSE(builder.SortItems(fn));
-        EXPECT_NE(moxtest::LogSince(mark).find("Can not sort"), std::string::npos);
-        EXPECT_TRUE(SameEntries(ItemTable(builder.GetName()), unsorted));
-        builder.Drop();
-        builder.Release();
-    }
-}
-
-// The keyed sort must give exactly the permutation of std::sort with the
-// per-comparison predicate, equal keys included.
-TEST(ResultListSort, KeyedSortEqualsThePredicateSort) {
-    std::mt19937 rng(7);
-    std::vector<std::vector<std::string>> items(3);
-    for (int i = 0; i < 1500; ++i) {
-        std::string item;
-        switch (rng() % 5) {
-            case 0: item = "{}"; break;  // missing key
-            case 1: item = R"({"FileSize":)" + std::to_string(rng() % 20) + "}"; break;
-            default:
-                item = R"({"FileName":"n)" + std::to_string(rng() % 40) + R"(","FileSize":)" +
-                       std::to_string(static_cast<int>(rng() % 50) - 10) + "}";
-        }
-        items[rng() % 3].push_back(item);
-    }
-    for (auto key : {std::pair<const char*, MOX_VALUETYPE>{"FileName", MOX_VALUE_STRING}, {"FileSize", MOX_VALUE_INT}}) {
-        for (MOX_COMPARETYPE comparison : {MOX_COMPARE_ASC, MOX_COMPARE_DESC}) {
-            SortFixture f;
-            CMOXSortFunction fn = MakeFn(key.first, key.second, comparison);
-            std::vector<ResultItemIndex> expected;
-            ListGuard guard(f.BuildList(items, &fn, &expected));
-            std::sort(expected.begin(), expected.end(), fn);
-            EXPECT_TRUE(SameEntries(ItemTable(guard.name), expected)) << key.first << " " << comparison;
-        }
-    }
-}
-
-namespace {
 
 // A random item text: members in any order, duplicates, escaped and unicode
 // keys and values, integers as strings, numbers of every form and range,
@@ -451,10 +165,217 @@ std::string HostileItem(std::mt19937& rng) {
     return text;
 }
 
+const char kCrafted[] = "mox_test_crafted_list";
+
+// A well-formed list by hand: 1 group, 2 slots, 3 entries.
+std::string GoodListBytes(const std::string& slot0, const std::string& slot1) {
+    std::string b(36 + 8 + 256 + 24, '\0');
+    const int32_t header[] = {44, 300, 0, 2, 0, 3, 1, 2, static_cast<int32_t>(b.size())};
+    for (int i = 0; i < 9; ++i) moxtest::PutInt32(b, 4 * i, header[i]);
+    moxtest::PutInt32(b, 36, 0);
+    moxtest::PutInt32(b, 40, 3);
+    memcpy(&b[44], slot0.data(), std::min<size_t>(slot0.size(), 128));
+    memcpy(&b[172], slot1.data(), std::min<size_t>(slot1.size(), 128));
+    const int32_t entries[] = {0, 0, 1, 0, 0, 1};
+    for (int i = 0; i < 6; ++i) moxtest::PutInt32(b, 300 + 4 * i, entries[i]);
+    return b;
+}
+
 }  // namespace
 
+TEST(ResultListLayout, HeaderTablesAndSlots) {
+    CResultListBuilder builder(3, 7, 7, 40, 1, 1);
+    ASSERT_TRUE(builder.IsValid());
+    ListGuard guard(builder.GetName());
+    EXPECT_EQ(builder.GetName(), "mox_resultlist_" + std::to_string(builder.GetId()));
+    builder.AddGroup(0, 5, 9);
+    builder.AddItem("mox_datablock_12", 4);
+    EXPECT_EQ(builder.Release(), guard.name);
+
+    std::string bytes = moxtest::ReadShm(guard.name);
+    ASSERT_EQ(bytes.size(), 180u);
+    const int32_t header[] = {44, 172, 7, 7, 3, 40, 1, 1, 180};
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(Int32At(bytes, 4 * i), header[i]) << "field " << i;
+    EXPECT_EQ(Int32At(bytes, 36), 5);
+    EXPECT_EQ(Int32At(bytes, 40), 9);
+    EXPECT_EQ(bytes.substr(44, 128), "mox_datablock_12" + std::string(112, '\0'));
+    EXPECT_EQ(Int32At(bytes, 176), 4);
+
+    // Slots follow the first appearance of a block; long names are cut.
+    const std::string longName(200, 'n');
+    CResultListBuilder slots(0, 0, 3, 4, 1, 3);
+    ListGuard slotsGuard(slots.GetName());
+    slots.AddItem("B", 0);
+    slots.AddItem("A", 5);
+    slots.AddItem("B", 1);
+    slots.AddItem(longName, 2);
+    slots.Release();
+    EXPECT_TRUE(SameEntries(ItemTable(slotsGuard.name), {{0, 0}, {1, 5}, {0, 1}, {2, 2}}));
+    CResultList list(slotsGuard.name);
+    std::string name;
+    const std::string expected[] = {"B", "A", longName.substr(0, 127)};
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(list.GetBlockName(i, name));
+        EXPECT_EQ(name, expected[i]);
+    }
+    EXPECT_FALSE(list.GetBlockName(3, name) || list.GetBlockName(-1, name));
+}
+
+TEST(ResultListBuilderArguments, BadRangesMakeNoObjectAndAnEmptyName) {
+    size_t mark = moxtest::LogMark();
+    struct Args {
+        int section, start, end, total, groups, blocks;
+    } bad[] = {{-2, 0, 0, 1, 1, 1}, {0, -1, 0, 1, 1, 1}, {0, 5, 4, 1, 1, 1}, {0, 0, 0, 0, 1, 1},
+               {0, 0, 0, 1, -1, 1}, {0, 0, 0, 1, 1, 0}, {0, 0, 0x7ffffff0, 1, 1, 1}};
+    for (const Args& a : bad) {
+        CResultListBuilder builder(a.section, a.start, a.end, a.total, a.groups, a.blocks);
+        EXPECT_FALSE(builder.IsValid());
+        builder.AddGroup(0, 1, 2);
+        builder.AddItem("x", 0);
+        CMOXSortFunction fn;
+        EXPECT_FALSE(builder.SortItems(fn));
+        EXPECT_EQ(builder.Release(), "");
+    }
+    EXPECT_NE(moxtest::LogSince(mark).find("Bad result list: section[-2]"), std::string::npos);
+
+    // A source that does not group its items still gets a list.
+    CResultListBuilder noGroups(0, 0, 0, 1, 0, 1);
+    ASSERT_TRUE(noGroups.IsValid());
+    ListGuard guard(noGroups.GetName());
+    noGroups.AddItem("b", 0);
+    noGroups.Release();
+    CResultList list(guard.name);
+    EXPECT_TRUE(list.IsLoaded());
+    EXPECT_EQ(list.GetGroupCount(), 0);
+    EXPECT_EQ(Int32At(moxtest::ReadShm(guard.name), 0), 36);
+}
+
+TEST(ResultListDrop, OnlyResultListNamesAreUnlinked) {
+    CResultListBuilder builder(0, 0, 0, 1, 1, 1);
+    const std::string name = builder.GetName();
+    moxtest::TrackShm(name);
+    builder.AddItem("b", 0);
+    builder.Release();
+    ASSERT_TRUE(moxtest::WriteShm("mox_test_not_a_list", "x"));
+    for (const char* foreign : {"mox_test_not_a_list", "mox_resultlist_", "mox_resultlist_1x", "../mox_resultlist_1",
+                                "mox_datablock_1"})
+        EXPECT_FALSE(CResultListBuilder::Drop(foreign)) << foreign;
+    EXPECT_TRUE(moxtest::ShmExists("mox_test_not_a_list"));
+    EXPECT_TRUE(CResultListBuilder::Drop(name));
+    EXPECT_FALSE(moxtest::ShmExists(name));
+    shm_unlink("mox_test_not_a_list");
+}
+
+// A client process linking only libmoxcommon reads what this one wrote.
+TEST(ResultListReader, ItemsResolveThroughTheirBlocksHereAndInAClient) {
+    auto a = MakeBlock({"{\"n\":1}", "{\"n\":2}"}, 0, 2, {{0, 2}});
+    auto b = MakeBlock({"{\"m\":3}"}, 0, 1, {});
+    CResultListBuilder builder(1, 3, 5, 6, 2, 2);
+    ListGuard guard(builder.GetName());
+    builder.AddGroup(0, 3, 2);
+    builder.AddGroup(1, 5, 1);
+    builder.AddItem(a->GetName(), 1);
+    builder.AddItem(b->GetName(), 0);
+    builder.AddItem(a->GetName(), 0);
+    builder.Release();
+    std::string output;
+    ASSERT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "list", guard.name}, output), 0);
+    const std::string an = a->GetName(), bn = b->GetName();
+    // "{"n":2}" is a's last item: 14 bytes of items, 2 padding NULs.
+    EXPECT_EQ(output, "loaded 1\nstart 3 end 5 section 1 total 6 groups 2 blocks 2\ngroup 0 3 2\ngroup 1 5 1\n"
+                      "block 0 " + an + "\nblock 1 " + bn + "\n"
+                      "item 3 " + an + " 1 {\"n\":2}\\x00\\x00\n"
+                      "item 4 " + bn + " 0 {\"m\":3}\\x00\n"
+                      "item 5 " + an + " 0 {\"n\":1}\n");
+    EXPECT_EQ(output, moxtest::DumpList(guard.name));
+    EXPECT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "list", "mox_resultlist_does_not_exist"}, output), 2);
+
+    const size_t mark = moxtest::LogMark();
+    CResultList list(guard.name);
+    EXPECT_EQ(list.GetItemCount(), 3);
+    EXPECT_FALSE(list.IsValidIndex(2) || list.IsValidIndex(6));
+    int g1 = 0, g2 = 0;
+    EXPECT_FALSE(list.GetGroup(2, g1, g2) || list.GetGroup(-1, g1, g2));
+    std::string item = "untouched", shm;
+    int nItemIndex = -1;
+    EXPECT_FALSE(list.GetItem(6, item, shm, nItemIndex) || list.GetItem(2, item, shm, nItemIndex));
+    EXPECT_EQ(item, "untouched");
+    // Each block is opened once, on first use.
+    for (int n = 3; n <= 5; ++n) ASSERT_TRUE(list.GetItem(n, item, shm, nItemIndex));
+    const std::string log = moxtest::LogSince(mark);
+    size_t first = log.find("get shmname[" + an + "].");
+    EXPECT_NE(first, std::string::npos);
+    EXPECT_EQ(log.find("get shmname[" + an + "].", first + 1), std::string::npos);
+}
+
+TEST(ResultListReader, VanishedBlockFailsTheItemButNamesIt) {
+    std::string item = "untouched", shm;
+    int nItemIndex = -1;
+    auto block = MakeBlock({"x", "y"}, 0, 2, {});
+    const std::string blockName = block->GetName();
+    CResultListBuilder builder(0, 0, 0, 1, 1, 1);
+    ListGuard guard(builder.GetName());
+    builder.AddItem(blockName, 1);
+    builder.Release();
+    block.reset();  // the pool evicted the block
+    CResultList list(guard.name);
+    EXPECT_FALSE(list.GetItem(0, item, shm, nItemIndex));
+    EXPECT_EQ(item, "untouched");
+    EXPECT_EQ(shm, blockName);
+    EXPECT_EQ(nItemIndex, 1);
+}
+
+TEST(ResultListSort, ShorterStringsFirstAndMissingOrMistypedNumbersAsZero) {
+    const std::vector<std::vector<std::string>> names = {
+        {R"({"FileName":"abc"})", R"({"FileName":"b"})"}, {R"({"FileName":"ab"})", R"({"Other":1})"}};
+    const std::vector<std::string> ascending = {R"({"Other":1})", R"({"FileName":"ab"})", R"({"FileName":"abc"})",
+                                                R"({"FileName":"b"})"};
+    for (MOX_COMPARETYPE comparison : {MOX_COMPARE_ASC, MOX_COMPARE_DESC}) {
+        SortFixture f;
+        CMOXSortFunction fn = MakeFn("FileName", MOX_VALUE_STRING, comparison);
+        ListGuard guard(f.BuildList(names, &fn));
+        std::vector<std::string> expected = ascending;
+        if (comparison == MOX_COMPARE_DESC) std::reverse(expected.begin(), expected.end());
+        EXPECT_EQ(f.Keys(guard.name), expected);
+    }
+
+    SortFixture f;
+    CMOXSortFunction fn = MakeFn("FileSize", MOX_VALUE_INT, MOX_COMPARE_ASC);
+    ListGuard guard(f.BuildList({{R"({"FileSize":5})", R"({"FileName":"x"})", R"({"FileSize":-3})",
+                                  R"({"FileSize":"7"})", "not json", R"({"FileSize":2})"}},
+                                &fn));
+    std::vector<std::string> keys = f.Keys(guard.name);
+    ASSERT_EQ(keys.size(), 6u);
+    // -3, three zeros in some order, 2, 5.
+    std::sort(keys.begin() + 1, keys.begin() + 4);
+    EXPECT_EQ(keys, (std::vector<std::string>{R"({"FileSize":-3})", "not json", R"({"FileName":"x"})",
+                                              R"({"FileSize":"7"})", R"({"FileSize":2})", R"({"FileSize":5})"}));
+}
+
+TEST(ResultListSort, UnusableSettingsLeaveTheTableAlone) {
+    SortFixture f;
+    std::vector<ResultItemIndex> unsorted;
+    ListGuard guard(f.BuildList({{R"({"k":2})", R"({"k":1})"}}, nullptr, &unsorted));
+    for (auto settings : {std::pair<int, int>{0, 1}, {3, 1}, {7, 2}, {1, 0}, {1, 3}}) {
+        CResultListBuilder builder(0, 0, 1, 2, 1, 1);
+        moxtest::TrackShm(builder.GetName());
+        builder.AddItem(f.blocks[0]->GetName(), 0);
+        builder.AddItem(f.blocks[0]->GetName(), 1);
+        CMOXSortFunction fn = MakeFn("k", static_cast<MOX_VALUETYPE>(settings.second),
+                                     static_cast<MOX_COMPARETYPE>(settings.first));
+        fn.readers = &f.readers;
+        size_t mark = moxtest::LogMark();
+        EXPECT_FALSE(builder.SortItems(fn));
+        EXPECT_NE(moxtest::LogSince(mark).find("Can not sort"), std::string::npos);
+        EXPECT_TRUE(SameEntries(ItemTable(builder.GetName()), unsorted));
+        builder.Drop();
+        builder.Release();
+    }
+}
+
 // Keys read without a full document must be exactly CJsonValue's, whatever
-// the text; so the keyed sort gives the predicate sort's permutation.
+// the text; so the keyed sort gives exactly the permutation of std::sort with
+// the per-comparison predicate, equal keys included.
 TEST(ResultListSort, KeyedSortMatchesThePredicateOnHostileDocuments) {
     std::mt19937 rng(2024);
     std::vector<std::vector<std::string>> items(2);
@@ -519,29 +440,7 @@ TEST(ResultListSort, KeyReaderReadsStrictObjectsAndLeavesTheRestToJsoncpp) {
     }
 }
 
-// ---- Crafted lists --------------------------------------------------------
-
-namespace {
-
-const char kCrafted[] = "mox_test_crafted_list";
-
-// A well-formed list by hand: 1 group, 2 slots, 3 entries.
-std::string GoodListBytes(const std::string& slot0, const std::string& slot1) {
-    std::string b(36 + 8 + 256 + 24, '\0');
-    const int32_t header[] = {44, 300, 0, 2, 0, 3, 1, 2, static_cast<int32_t>(b.size())};
-    for (int i = 0; i < 9; ++i) moxtest::PutInt32(b, 4 * i, header[i]);
-    moxtest::PutInt32(b, 36, 0);
-    moxtest::PutInt32(b, 40, 3);
-    memcpy(&b[44], slot0.data(), std::min<size_t>(slot0.size(), 128));
-    memcpy(&b[172], slot1.data(), std::min<size_t>(slot1.size(), 128));
-    const int32_t entries[] = {0, 0, 1, 0, 0, 1};
-    for (int i = 0; i < 6; ++i) moxtest::PutInt32(b, 300 + 4 * i, entries[i]);
-    return b;
-}
-
-}  // namespace
-
-TEST(ResultListCrafted, BadHeadersMakeAnUnloadedList) {
+TEST(ResultListCrafted, BadHeadersMakeAnUnloadedListBadSlotsAndEntriesFailAlone) {
     struct Case {
         const char* what;
         size_t offset;
@@ -567,10 +466,7 @@ TEST(ResultListCrafted, BadHeadersMakeAnUnloadedList) {
         ASSERT_TRUE(moxtest::WriteShm(kCrafted, GoodListBytes("x", "y").substr(0, nKeep)));
         EXPECT_FALSE(CResultList(kCrafted).IsLoaded()) << nKeep;
     }
-    shm_unlink(kCrafted);
-}
 
-TEST(ResultListCrafted, BadSlotsAndEntriesFailAlone) {
     auto block = MakeBlock({"i0", "i1"}, 0, 2, {});
     // Slot 1 has no NUL; entry 1 points at it; entry 2 names item 9 of slot 0.
     std::string bytes = GoodListBytes(block->GetName(), std::string(128, 'z'));
