@@ -19,13 +19,10 @@
 
 namespace {
 
-struct Seen {
-    std::vector<std::pair<std::string, int>> changes;
-};
+using Seen = std::vector<std::pair<std::string, int>>;
 
 void Record(keynode_t* node, void* data) {
-    static_cast<Seen*>(data)->changes.emplace_back(vconf_keynode_get_name(node),
-                                                   vconf_keynode_get_int(node));
+    static_cast<Seen*>(data)->emplace_back(vconf_keynode_get_name(node), vconf_keynode_get_int(node));
 }
 
 void Pump(std::chrono::milliseconds d, const std::function<bool()>& done) {
@@ -83,21 +80,21 @@ TEST_F(Vconf, ChangesFromAnotherProcessReachTheMainContext) {
         _exit(0);
     }
     waitpid(pid, nullptr, 0);
-    Pump(std::chrono::seconds(5), [&] { return !seen.changes.empty(); });
-    ASSERT_EQ(seen.changes.size(), 1u);
-    EXPECT_EQ(seen.changes[0].first, "file/private/mediaserver/db_reset");
-    EXPECT_EQ(seen.changes[0].second, 1);
+    Pump(std::chrono::seconds(5), [&] { return !seen.empty(); });
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].first, "file/private/mediaserver/db_reset");
+    EXPECT_EQ(seen[0].second, 1);
 
     ASSERT_EQ(vconf_set_int("file/private/mediaserver/db_reset", 0), 0);
-    Pump(std::chrono::seconds(5), [&] { return seen.changes.size() >= 2; });
-    ASSERT_EQ(seen.changes.size(), 2u);
-    EXPECT_EQ(seen.changes[1].second, 0);
+    Pump(std::chrono::seconds(5), [&] { return seen.size() >= 2; });
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[1].second, 0);
 
     ASSERT_EQ(vconf_ignore_key_changed("file/private/mediaserver/db_reset", Record), 0);
     EXPECT_EQ(vconf_ignore_key_changed("file/private/mediaserver/db_reset", Record), -1);
     ASSERT_EQ(vconf_set_int("file/private/mediaserver/db_reset", 3), 0);
     Pump(std::chrono::milliseconds(300), [] { return false; });
-    EXPECT_EQ(seen.changes.size(), 2u);
+    EXPECT_EQ(seen.size(), 2u);
 }
 
 TEST_F(Vconf, ConcurrentWritersNeverExposeAPartialValue) {

@@ -1,13 +1,10 @@
 // Routes the platform log of a test binary into a private file so that tests
 // can check which lines a call wrote. The sink reads MOX_LOG once, at the
-// first log call, so the variable is set during static initialisation, before
-// main and before anything logs. Include this header in the test binaries
-// that check log lines (once per binary is enough; more is harmless).
+// first log call, so the variable is set during static initialisation.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <sys/stat.h>
@@ -43,7 +40,10 @@ inline LogCaptureEnvironment* const g_logCapture = static_cast<LogCaptureEnviron
 // Remembers the end of the log file; Text() is what was logged after that.
 class LogMark {
 public:
-    LogMark() : m_offset(Size()) {}
+    LogMark() {
+        struct stat st;
+        m_offset = stat(g_logCapture->path().c_str(), &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
+    }
     std::string Text() const {
         std::string all = ReadTextFile(g_logCapture->path());
         return m_offset < all.size() ? all.substr(m_offset) : std::string();
@@ -51,10 +51,6 @@ public:
     bool Contains(const std::string& text) const { return Text().find(text) != std::string::npos; }
 
 private:
-    static size_t Size() {
-        struct stat st;
-        return stat(g_logCapture->path().c_str(), &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
-    }
     size_t m_offset;
 };
 
