@@ -182,8 +182,7 @@ TEST(Extractor, MusicAndVideoTags) {
         EXPECT_NEAR(v["DURATION"].asInt(), 2000, 60) << name;
         EXPECT_FALSE(v.isMember("WIDTH")) << name;
     }
-    // TagLib's average over the file, as ffprobe's format bit rate (128k + tag).
-    EXPECT_NEAR(Here(dir, "song.mp3", 5)["BITRATE"].asInt(), 128000, 4000);
+    EXPECT_NEAR(Here(dir, "song.mp3", 5)["BITRATE"].asInt(), 128000, 4000);  // average over the file
 
     // ID3v1 only, Latin-1 title: converted to UTF-8.
     std::string bare = dir.file("bare.mp3");
@@ -211,7 +210,6 @@ TEST(Extractor, MusicAndVideoTags) {
 }
 
 TEST(Extractor, TextsAreUtf8AndNamesStayDistinct) {
-    EXPECT_EQ(CMOXExtractor::TextToUtf8("plain"), "plain");
     EXPECT_EQ(CMOXExtractor::TextToUtf8(std::string("a\0b", 3)), "ab");
     EXPECT_EQ(CMOXExtractor::TextToUtf8("\xFF\xE9"), "\xC3\xBF\xC3\xA9");
     std::string cut = CMOXExtractor::TextToUtf8(std::string(2000, '\xE9'), 101);
@@ -248,10 +246,7 @@ TEST(Extractor, TextsAreUtf8AndNamesStayDistinct) {
     for (size_t len = 0; len < msg.size(); len += 3)
         EXPECT_FALSE(mox_extract_wire::DecodeAnswer(msg.substr(0, len), decoded)) << len;
     EXPECT_FALSE(mox_extract_wire::DecodeAnswer(msg + "x", decoded));
-    std::string hugeLength = msg;
-    hugeLength[4] = '\xFF';
-    hugeLength[5] = '\xFF';
-    EXPECT_FALSE(mox_extract_wire::DecodeAnswer(hugeLength, decoded));
+    EXPECT_FALSE(mox_extract_wire::DecodeAnswer(std::string(msg).replace(4, 2, "\xFF\xFF"), decoded));
 }
 
 namespace {

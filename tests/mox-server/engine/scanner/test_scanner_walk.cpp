@@ -78,8 +78,7 @@ TEST(DirectoryWalk, OrderSkipListAndFilters) {
 
     SMOXScannerOption flat = WalkOption(root);
     flat.nRecursive = 0;
-    WalkResult top = Walk(flat);
-    EXPECT_EQ(top.Names(), (std::set<std::string>{".hidden", "a", "top.mp3", "notes.txt"}));
+    EXPECT_EQ(Walk(flat).Names(), (std::set<std::string>{".hidden", "a", "top.mp3", "notes.txt"}));
 
     // Only skipped folders: a clean end, and the end stays the end.
     moxtest::TempDir skipOnly;
