@@ -2,11 +2,8 @@
 // directory scanner to its end.
 #pragma once
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <set>
 #include <string>
@@ -18,7 +15,6 @@
 namespace scantest {
 
 inline void Touch(const std::string& path) { moxtest::WriteTextFile(path, "x"); }
-
 inline void MakeDir(const std::string& path) { mkdir(path.c_str(), 0755); }
 
 // Number of descriptors this process has open.
@@ -43,20 +39,18 @@ struct WalkResult {
 
 inline SMOXScannerOption WalkOption(const std::string& root) {
     SMOXScannerOption option;
-    option.strDevicePath = root;
-    option.strBasePath = root;
+    option.strDevicePath = option.strBasePath = root;
     option.nRecursive = 1;
     return option;
 }
 
 // Reads until the end or a failure; bounded so a broken walk fails the test
 // instead of hanging it.
-inline WalkResult Walk(const SMOXScannerOption& option, size_t maxSteps = 2000000) {
+inline WalkResult Walk(const SMOXScannerOption& option) {
     WalkResult result;
     CMOXUsbScanner scanner;
-    result.nEnd = scanner.Create(option);
-    if (result.nEnd != 0) return result;
-    for (size_t i = 0; i < maxSteps; ++i) {
+    if ((result.nEnd = scanner.Create(option)) != 0) return result;
+    for (size_t i = 0; i < 2000000; ++i) {
         SMOXFileInfo info;
         int n = scanner.ReadFileInfo(info);
         if (n == 0) result.entries.push_back(info);

