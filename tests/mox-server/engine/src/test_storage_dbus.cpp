@@ -3,7 +3,6 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -78,73 +77,26 @@ guint32 Bind(EngineHarness& h, GDBusConnection* c, guint32 how) {
     return v;
 }
 
-// The device index of the only device of a notification.
-int IndexOf(const moxtest::Signal* s) { return Parse(s->text())["devices"][0]["deviceIndex"].asInt(); }
-
 }  // namespace
 
-TEST(EngineStorage, ListsSizedStoragesAndCameras) {
+TEST(EngineStorage, ListsSizedStoragesAndCamerasAndUnknownTypesAsEmptyText) {
     EngineHarness h;
     Plug(h, {"sdb1", "Cruzer", "S1"});
-    Plug(h, {"sdc1", "Cruzer", "S2"});
     PlugCamera(h, "cam");
     ASSERT_TRUE(h.Start());
-
     guint32 code = 99;
-    CallResult raw = h.Call("get_usb_storages", g_variant_new("(u)", 1u));
-    ASSERT_TRUE(raw.ok());
-    const gchar* text = nullptr;
-    g_variant_get(raw.reply.get(), "(u&s)", &code, &text);
+    Json::Value doc = Storages(h, 1, &code);
     EXPECT_EQ(code, 0u);
-    EXPECT_NE(std::string(text).find("\n   "), std::string::npos) << "styled document";
+    ASSERT_EQ(doc["devices"].size(), 1u);
+    EXPECT_GT(std::stoll(doc["devices"][0]["totalSize"].asString()), 0);
+    EXPECT_EQ(Storages(h, 2)["devices"][0]["deviceAddress"].asString(), "9");
 
-    Json::Value doc = Parse(text);
-    ASSERT_EQ(doc["devices"].size(), 2u) << text;
-    std::set<int> indices;
-    for (const auto& d : doc["devices"]) {
-        EXPECT_EQ(d["name"].asString(), "Cruzer");
-        EXPECT_TRUE(d["totalSize"].isString());
-        EXPECT_GT(std::stoll(d["totalSize"].asString()), 0);
-        EXPECT_TRUE(d["availableSize"].isString());
-        EXPECT_EQ(d["fileSystem"].asString(), "VFAT");
-        EXPECT_EQ(d["vendor"].asString(), "Acme");
-        EXPECT_EQ(d["partitionLabel"].asString(), "DATA");
-        EXPECT_EQ(d["type"].asString(), "msc");
-        EXPECT_TRUE(d["deviceIndex"].isInt());
-        EXPECT_FALSE(d.isMember("deviceAddress"));
-        EXPECT_FALSE(d.isMember("deviceBus"));
-        indices.insert(d["deviceIndex"].asInt());
-    }
-    EXPECT_EQ(indices, (std::set<int>{1, 2}));
-
-    Json::Value cams = Storages(h, 2, &code);
-    EXPECT_EQ(code, 0u);
-    ASSERT_EQ(cams["devices"].size(), 1u);
-    const Json::Value& cam = cams["devices"][0];
-    EXPECT_EQ(cam["type"].asString(), "ptp");
-    EXPECT_EQ(cam["totalSize"].asString(), "0");
-    EXPECT_EQ(cam["availableSize"].asString(), "0");
-    EXPECT_EQ(cam["deviceAddress"].asString(), "9");
-    EXPECT_EQ(cam["deviceBus"].asString(), "1");
-    EXPECT_EQ(cam["deviceIndex"].asInt(), 1);
-
-    // An unknown storage type answers 0 and an empty text.
     CallResult other = h.Call("get_usb_storages", g_variant_new("(u)", 7u));
+    ASSERT_TRUE(other.ok()) << other.error;
+    const gchar* text = nullptr;
     g_variant_get(other.reply.get(), "(u&s)", &code, &text);
     EXPECT_EQ(code, 0u);
     EXPECT_STREQ(text, "");
-    EXPECT_EQ(h.Stop(), 0);
-}
-
-TEST(EngineStorage, EmptyListIsNull) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
-    CallResult r = h.Call("get_usb_storages", g_variant_new("(u)", 1u));
-    guint32 code = 99;
-    const gchar* text = nullptr;
-    g_variant_get(r.reply.get(), "(u&s)", &code, &text);
-    EXPECT_EQ(code, 0u);
-    EXPECT_STREQ(text, "null\n");
     EXPECT_EQ(h.Stop(), 0);
 }
 
@@ -177,17 +129,14 @@ TEST(EngineStorage, BoundClientsGetOneNotificationPerEvent) {
     EXPECT_EQ(sb.Named("mox_usb_notification").size(), 4u);
     EXPECT_TRUE(su.Named("mox_usb_notification").empty());
 
-    Json::Value first = Parse(got[0]->text());
-    EXPECT_EQ(first["event"].asInt(), 1);
-    EXPECT_EQ(first["devices"][0]["mountPath"].asString(), h.UsbRoot() + "/sdb1");
-    EXPECT_EQ(first["devices"][0]["serialNumber"].asString(), "S1");
     // Indices per model: 1, 2; the first leaves carrying its index; the next gets 1.
-    EXPECT_EQ(IndexOf(got[0]), 1);
-    EXPECT_EQ(IndexOf(got[1]), 2);
-    EXPECT_EQ(Parse(got[2]->text())["event"].asInt(), 2);
-    EXPECT_EQ(IndexOf(got[2]), 1);
-    EXPECT_EQ(IndexOf(got[3]), 1);
-    EXPECT_NE(got[0]->text().find("\n"), std::string::npos) << "styled payload";
+    const std::pair<int, int> eventAndIndex[] = {{1, 1}, {1, 2}, {2, 1}, {1, 1}};
+    for (size_t i = 0; i < 4; ++i) {
+        Json::Value n = Parse(got[i]->text());
+        EXPECT_EQ(n["event"].asInt(), eventAndIndex[i].first) << i;
+        EXPECT_EQ(n["devices"][0]["deviceIndex"].asInt(), eventAndIndex[i].second) << i;
+    }
+    EXPECT_EQ(Parse(got[0]->text())["devices"][0]["mountPath"].asString(), h.UsbRoot() + "/sdb1");
 
     // Unbinding (any value but 1) stops the notifications.
     EXPECT_EQ(Bind(h, a.get(), 2), 0u);
@@ -255,43 +204,23 @@ TEST(EngineStorage, UnmountClearsOnlyThatStoragesFolders) {
     EXPECT_EQ(h.Stop(), 0);
 }
 
-TEST(EngineStorage, BadSpoolFilesAndChurnWhileListing) {
+// Garbage in the spool is ignored with a warning; the daemon keeps serving.
+TEST(EngineStorage, BadSpoolFilesAreIgnored) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     auto bound = h.Connect();
     SignalCollector signals(bound.get());
     EXPECT_EQ(Bind(h, bound.get(), 1), 0u);
-
-    // Garbage in the spool is ignored with a warning; the daemon keeps serving.
     WriteTextFile(h.SpoolDir() + "/broken.json", "{\"devname\": ");
-    WriteTextFile(h.SpoolDir() + "/wrong.json", "[1,2,3]");
     WriteTextFile(h.SpoolDir() + "/types.json", R"({"devname":5,"class":"eight"})");
     signals.Drain(std::chrono::milliseconds(300));
     EXPECT_TRUE(signals.Named("mox_usb_notification").empty());
-    EXPECT_EQ(Storages(h, 1)["devices"].size(), 0u);
-
-    // Devices come and go while the client lists storages.
-    std::thread churn([&] {
-        for (int i = 0; i < 15; ++i) {
-            Plug(h, {"sde1", "Churn", "X"});
-            std::this_thread::sleep_for(std::chrono::milliseconds(15));
-            Unplug(h, "sde1");
-            std::this_thread::sleep_for(std::chrono::milliseconds(15));
-        }
-    });
-    for (int i = 0; i < 40; ++i) {
-        guint32 code = 99;
-        Json::Value doc = Storages(h, 1, &code);
-        EXPECT_EQ(code, 0u);
-        EXPECT_LE(doc["devices"].size(), 1u);
-    }
-    churn.join();
-    signals.Drain(std::chrono::milliseconds(500));
-    auto got = signals.Named("mox_usb_notification");
-    // Every plug that was seen is paired with its unplug, in order.
-    ASSERT_EQ(got.size() % 2, 0u);
-    for (size_t i = 0; i < got.size(); ++i)
-        EXPECT_EQ(Parse(got[i]->text())["event"].asInt(), i % 2 == 0 ? 1 : 2);
-    EXPECT_EQ(Storages(h, 1)["devices"].size(), 0u);
+    CallResult empty = h.Call("get_usb_storages", g_variant_new("(u)", 1u));
+    ASSERT_TRUE(empty.ok()) << empty.error;
+    const gchar* text = nullptr;
+    guint32 code = 99;
+    g_variant_get(empty.reply.get(), "(u&s)", &code, &text);
+    EXPECT_EQ(code, 0u);
+    EXPECT_STREQ(text, "null\n");
     EXPECT_EQ(h.Stop(), 0);
 }
