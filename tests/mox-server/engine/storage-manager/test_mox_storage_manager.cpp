@@ -1,6 +1,7 @@
-// The storage manager against the simulated USB service and real mount
-// directories: per-model device indices, client notifications, the
-// first-enumeration retry and hot-plug during queries.
+// The storage manager and its USB manager against the simulated USB service
+// and real mount directories: listing under the USB root, per-model device
+// indices, client notifications, the first-enumeration retry and hot-plug
+// during queries.
 #include <gtest/gtest.h>
 
 #include <sys/statfs.h>
@@ -19,6 +20,7 @@
 #include <json/value.h>
 
 #include "mox_storage_manager.h"
+#include "mox_usb_mgr.h"
 #include "storage_test_env.h"
 
 namespace {
@@ -161,6 +163,7 @@ TEST_F(StorageManager, QueriesListSizedPartitionsUnderTheRootAndCameras) {
     m_env.Plug("c", StorageTestEnv::Stick("/dev/sdd1", m_env.MountDir("sdd1"), "Beta"));
     m_env.Plug("d", StorageTestEnv::Stick("/dev/sde1", m_env.MountDir("sde1")));
     manager = Start();
+    { CMOXUSBMgr second; }  // its init fails: it must not finish the service the first one uses
     Json::Value doc = Storages(*manager, MOX_STORAGE_DEVICE_USB);
     std::map<std::string, int> index;
     Json::Value d;
