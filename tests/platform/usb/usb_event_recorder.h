@@ -19,7 +19,6 @@ struct UsbEvent {
     std::string devname;
     std::string mountPath;  // "" when the device has none
     int usbClass = 0;
-    int fsType = 0;
     int diskType = 0;
     int vendorId = 0;
     std::string manufacturer;
@@ -27,7 +26,6 @@ struct UsbEvent {
     std::string serial;
     std::string partLabel;
     int address = 0;
-    int bus = 0;
     std::thread::id thread;
 };
 
@@ -39,7 +37,6 @@ inline UsbEvent UsbEventOf(usb_device_h device, const char* action) {
     e.devname = UsbText(usb_device_get_devname(device));
     e.mountPath = UsbText(usb_device_get_mountpath(device));
     e.usbClass = usb_device_get_class(device);
-    e.fsType = usb_mass_storage_get_filesystem_type(device);
     e.diskType = usb_mass_storage_get_disk_type(device);
     e.vendorId = usb_device_get_vendor_id(device);
     e.manufacturer = UsbText(usb_device_get_manufacturer(device));
@@ -47,7 +44,6 @@ inline UsbEvent UsbEventOf(usb_device_h device, const char* action) {
     e.serial = UsbText(usb_device_get_serial(device));
     e.partLabel = UsbText(usb_device_get_partlabel(device));
     e.address = usb_device_get_address(device);
-    e.bus = usb_device_get_bus(device);
     e.thread = std::this_thread::get_id();
     return e;
 }

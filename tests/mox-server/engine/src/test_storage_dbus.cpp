@@ -3,7 +3,6 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -20,31 +19,23 @@ using moxtest::WriteTextFile;
 
 namespace {
 
-struct Stick {
-    std::string name;     // spool file name and mount directory
-    std::string product;  // model name: the key of device indices
-    std::string serial;
-};
-
-// Plugs a mass-storage partition mounted at <usb root>/<name>.
-void Plug(EngineHarness& h, const Stick& s) {
-    std::string mount = h.UsbRoot() + "/" + s.name;
-    std::filesystem::create_directories(mount);
-    std::string json = R"({"devname":"/dev/)" + s.name + R"(","class":8,"mount_path":")" + mount +
-                       R"(","fs_type":0,"disk_type":1,"vendor_id":4660,"manufacturer":"Acme",)"
-                       R"("product":")" + s.product + R"(","serial":")" + s.serial +
-                       R"(","part_label":"DATA","address":3,"bus":1})";
-    std::string tmp = h.SpoolDir() + "/." + s.name + ".tmp";
+// Writes a spool file the way the spool contract asks: temporary name, then rename.
+void Spool(EngineHarness& h, const std::string& name, const std::string& json) {
+    std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
     ASSERT_TRUE(WriteTextFile(tmp, json));
-    ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + s.name + ".json").c_str()), 0);
+    ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
+}
+
+// Plugs a mass-storage partition of model `product` mounted at <usb root>/<name>.
+void Plug(EngineHarness& h, const std::string& name, const std::string& product) {
+    std::string mount = h.UsbRoot() + "/" + name;
+    std::filesystem::create_directories(mount);
+    Spool(h, name, R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
+                       R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":")" + product + R"("})");
 }
 
 void PlugCamera(EngineHarness& h, const std::string& name) {
-    std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
-    ASSERT_TRUE(WriteTextFile(tmp, R"({"devname":"/dev/bus/usb/001/009","class":6,"vendor_id":1193,)"
-                                   R"("manufacturer":"Canon","product":"EOS","serial":"C1",)"
-                                   R"("address":9,"bus":1})"));
-    ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
+    Spool(h, name, R"({"devname":"/dev/bus/usb/001/009","class":6,"product":"EOS","address":9,"bus":1})");
 }
 
 void Unplug(EngineHarness& h, const std::string& name) {
@@ -60,14 +51,18 @@ Json::Value Parse(const std::string& text) {
     return v;
 }
 
-Json::Value Storages(EngineHarness& h, guint32 type, guint32* code = nullptr) {
+std::string StoragesText(EngineHarness& h, guint32 type, guint32* code = nullptr) {
     CallResult r = h.Call("get_usb_storages", g_variant_new("(u)", type));
     EXPECT_TRUE(r.ok()) << r.error;
     guint32 c = 99;
-    const gchar* text = nullptr;
-    g_variant_get(r.reply.get(), "(u&s)", &c, &text);
+    const gchar* text = "<no reply>";
+    if (r.ok()) g_variant_get(r.reply.get(), "(u&s)", &c, &text);
     if (code) *code = c;
-    return Parse(text);
+    return text;
+}
+
+Json::Value Storages(EngineHarness& h, guint32 type, guint32* code = nullptr) {
+    return Parse(StoragesText(h, type, code));
 }
 
 guint32 Bind(EngineHarness& h, GDBusConnection* c, guint32 how) {
@@ -78,73 +73,23 @@ guint32 Bind(EngineHarness& h, GDBusConnection* c, guint32 how) {
     return v;
 }
 
-// The device index of the only device of a notification.
-int IndexOf(const moxtest::Signal* s) { return Parse(s->text())["devices"][0]["deviceIndex"].asInt(); }
-
 }  // namespace
 
-TEST(EngineStorage, ListsSizedStoragesAndCameras) {
+TEST(EngineStorage, ListsSizedStoragesAndCamerasAndUnknownTypesAsEmptyText) {
     EngineHarness h;
-    Plug(h, {"sdb1", "Cruzer", "S1"});
-    Plug(h, {"sdc1", "Cruzer", "S2"});
+    Plug(h, "sdb1", "Cruzer");
     PlugCamera(h, "cam");
     ASSERT_TRUE(h.Start());
-
     guint32 code = 99;
-    CallResult raw = h.Call("get_usb_storages", g_variant_new("(u)", 1u));
-    ASSERT_TRUE(raw.ok());
-    const gchar* text = nullptr;
-    g_variant_get(raw.reply.get(), "(u&s)", &code, &text);
+    Json::Value doc = Storages(h, 1, &code);
     EXPECT_EQ(code, 0u);
-    EXPECT_NE(std::string(text).find("\n   "), std::string::npos) << "styled document";
+    ASSERT_EQ(doc["devices"].size(), 1u);
+    EXPECT_GT(std::stoll(doc["devices"][0]["totalSize"].asString()), 0);
+    EXPECT_EQ(Storages(h, 2)["devices"][0]["deviceAddress"].asString(), "9");
 
-    Json::Value doc = Parse(text);
-    ASSERT_EQ(doc["devices"].size(), 2u) << text;
-    std::set<int> indices;
-    for (const auto& d : doc["devices"]) {
-        EXPECT_EQ(d["name"].asString(), "Cruzer");
-        EXPECT_TRUE(d["totalSize"].isString());
-        EXPECT_GT(std::stoll(d["totalSize"].asString()), 0);
-        EXPECT_TRUE(d["availableSize"].isString());
-        EXPECT_EQ(d["fileSystem"].asString(), "VFAT");
-        EXPECT_EQ(d["vendor"].asString(), "Acme");
-        EXPECT_EQ(d["partitionLabel"].asString(), "DATA");
-        EXPECT_EQ(d["type"].asString(), "msc");
-        EXPECT_TRUE(d["deviceIndex"].isInt());
-        EXPECT_FALSE(d.isMember("deviceAddress"));
-        EXPECT_FALSE(d.isMember("deviceBus"));
-        indices.insert(d["deviceIndex"].asInt());
-    }
-    EXPECT_EQ(indices, (std::set<int>{1, 2}));
-
-    Json::Value cams = Storages(h, 2, &code);
+    code = 99;
+    EXPECT_EQ(StoragesText(h, 7, &code), "");  // an unknown type
     EXPECT_EQ(code, 0u);
-    ASSERT_EQ(cams["devices"].size(), 1u);
-    const Json::Value& cam = cams["devices"][0];
-    EXPECT_EQ(cam["type"].asString(), "ptp");
-    EXPECT_EQ(cam["totalSize"].asString(), "0");
-    EXPECT_EQ(cam["availableSize"].asString(), "0");
-    EXPECT_EQ(cam["deviceAddress"].asString(), "9");
-    EXPECT_EQ(cam["deviceBus"].asString(), "1");
-    EXPECT_EQ(cam["deviceIndex"].asInt(), 1);
-
-    // An unknown storage type answers 0 and an empty text.
-    CallResult other = h.Call("get_usb_storages", g_variant_new("(u)", 7u));
-    g_variant_get(other.reply.get(), "(u&s)", &code, &text);
-    EXPECT_EQ(code, 0u);
-    EXPECT_STREQ(text, "");
-    EXPECT_EQ(h.Stop(), 0);
-}
-
-TEST(EngineStorage, EmptyListIsNull) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
-    CallResult r = h.Call("get_usb_storages", g_variant_new("(u)", 1u));
-    guint32 code = 99;
-    const gchar* text = nullptr;
-    g_variant_get(r.reply.get(), "(u&s)", &code, &text);
-    EXPECT_EQ(code, 0u);
-    EXPECT_STREQ(text, "null\n");
     EXPECT_EQ(h.Stop(), 0);
 }
 
@@ -160,14 +105,14 @@ TEST(EngineStorage, BoundClientsGetOneNotificationPerEvent) {
     EXPECT_EQ(Bind(h, b.get(), 1), 0u);
     EXPECT_TRUE(h.WaitForLog("Already exist client..."));
 
-    Plug(h, {"sdb1", "Cruzer", "S1"});
+    Plug(h, "sdb1", "Cruzer");
     ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 1));
     ASSERT_TRUE(sb.WaitFor("mox_usb_notification", 1));
-    Plug(h, {"sdc1", "Cruzer", "S2"});
+    Plug(h, "sdc1", "Cruzer");
     ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 2));
     Unplug(h, "sdb1");
     ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 3));
-    Plug(h, {"sdd1", "Cruzer", "S3"});
+    Plug(h, "sdd1", "Cruzer");
     ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 4));
     ASSERT_TRUE(sb.WaitFor("mox_usb_notification", 4));
     sa.Drain(std::chrono::milliseconds(300));
@@ -177,17 +122,14 @@ TEST(EngineStorage, BoundClientsGetOneNotificationPerEvent) {
     EXPECT_EQ(sb.Named("mox_usb_notification").size(), 4u);
     EXPECT_TRUE(su.Named("mox_usb_notification").empty());
 
-    Json::Value first = Parse(got[0]->text());
-    EXPECT_EQ(first["event"].asInt(), 1);
-    EXPECT_EQ(first["devices"][0]["mountPath"].asString(), h.UsbRoot() + "/sdb1");
-    EXPECT_EQ(first["devices"][0]["serialNumber"].asString(), "S1");
     // Indices per model: 1, 2; the first leaves carrying its index; the next gets 1.
-    EXPECT_EQ(IndexOf(got[0]), 1);
-    EXPECT_EQ(IndexOf(got[1]), 2);
-    EXPECT_EQ(Parse(got[2]->text())["event"].asInt(), 2);
-    EXPECT_EQ(IndexOf(got[2]), 1);
-    EXPECT_EQ(IndexOf(got[3]), 1);
-    EXPECT_NE(got[0]->text().find("\n"), std::string::npos) << "styled payload";
+    const std::pair<int, int> eventAndIndex[] = {{1, 1}, {1, 2}, {2, 1}, {1, 1}};
+    for (size_t i = 0; i < 4; ++i) {
+        Json::Value n = Parse(got[i]->text());
+        EXPECT_EQ(n["event"].asInt(), eventAndIndex[i].first) << i;
+        EXPECT_EQ(n["devices"][0]["deviceIndex"].asInt(), eventAndIndex[i].second) << i;
+    }
+    EXPECT_EQ(Parse(got[0]->text())["devices"][0]["mountPath"].asString(), h.UsbRoot() + "/sdb1");
 
     // Unbinding (any value but 1) stops the notifications.
     EXPECT_EQ(Bind(h, a.get(), 2), 0u);
@@ -217,7 +159,7 @@ TEST(EngineStorage, BusGoneWhileClientsAreBound) {
     EXPECT_EQ(Bind(h, a.get(), 1), 0u);
     ASSERT_EQ(kill(h.BusPid(), SIGKILL), 0);
     for (int i = 0; i < 3; ++i) {
-        Plug(h, {"sd" + std::string(1, char('b' + i)) + "1", "Cruzer", "S" + std::to_string(i)});
+        Plug(h, "sd" + std::string(1, char('b' + i)) + "1", "Cruzer");
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     // Status 1 once it noticed the bus was gone (the service manager restarts
@@ -229,8 +171,8 @@ TEST(EngineStorage, BusGoneWhileClientsAreBound) {
 
 TEST(EngineStorage, UnmountClearsOnlyThatStoragesFolders) {
     EngineHarness h;
-    Plug(h, {"sdb1", "Cruzer", "S1"});
-    Plug(h, {"sdc1", "Ultra", "S2"});
+    Plug(h, "sdb1", "Cruzer");
+    Plug(h, "sdc1", "Ultra");
     ASSERT_TRUE(h.Start());
     auto folder = [&](int op, const std::string& path, const std::string& id) {
         std::string json = "{\"OPERATION_TYPE\":" + std::to_string(op) + ",\"FOLDER_PATH\":\"" + path +
@@ -249,49 +191,23 @@ TEST(EngineStorage, UnmountClearsOnlyThatStoragesFolders) {
     ASSERT_TRUE(h.WaitForLog("Clear: strMountPath[" + h.UsbRoot() + "/sdb1]."));
     EXPECT_EQ(folder(1, b, ""), "");
     EXPECT_EQ(folder(1, c, ""), "2");
-    Plug(h, {"sdb1", "Cruzer", "S1"});
+    Plug(h, "sdb1", "Cruzer");
     ASSERT_TRUE(h.WaitForLog("USB MOUNTED : " + h.UsbRoot() + "/sdb1"));
     EXPECT_EQ(folder(1, c, ""), "2");
     EXPECT_EQ(h.Stop(), 0);
 }
 
-TEST(EngineStorage, BadSpoolFilesAndChurnWhileListing) {
+// Garbage in the spool is ignored with a warning; the daemon keeps serving.
+TEST(EngineStorage, BadSpoolFilesAreIgnored) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     auto bound = h.Connect();
     SignalCollector signals(bound.get());
     EXPECT_EQ(Bind(h, bound.get(), 1), 0u);
-
-    // Garbage in the spool is ignored with a warning; the daemon keeps serving.
     WriteTextFile(h.SpoolDir() + "/broken.json", "{\"devname\": ");
-    WriteTextFile(h.SpoolDir() + "/wrong.json", "[1,2,3]");
     WriteTextFile(h.SpoolDir() + "/types.json", R"({"devname":5,"class":"eight"})");
     signals.Drain(std::chrono::milliseconds(300));
     EXPECT_TRUE(signals.Named("mox_usb_notification").empty());
-    EXPECT_EQ(Storages(h, 1)["devices"].size(), 0u);
-
-    // Devices come and go while the client lists storages.
-    std::thread churn([&] {
-        for (int i = 0; i < 15; ++i) {
-            Plug(h, {"sde1", "Churn", "X"});
-            std::this_thread::sleep_for(std::chrono::milliseconds(15));
-            Unplug(h, "sde1");
-            std::this_thread::sleep_for(std::chrono::milliseconds(15));
-        }
-    });
-    for (int i = 0; i < 40; ++i) {
-        guint32 code = 99;
-        Json::Value doc = Storages(h, 1, &code);
-        EXPECT_EQ(code, 0u);
-        EXPECT_LE(doc["devices"].size(), 1u);
-    }
-    churn.join();
-    signals.Drain(std::chrono::milliseconds(500));
-    auto got = signals.Named("mox_usb_notification");
-    // Every plug that was seen is paired with its unplug, in order.
-    ASSERT_EQ(got.size() % 2, 0u);
-    for (size_t i = 0; i < got.size(); ++i)
-        EXPECT_EQ(Parse(got[i]->text())["event"].asInt(), i % 2 == 0 ? 1 : 2);
-    EXPECT_EQ(Storages(h, 1)["devices"].size(), 0u);
+    EXPECT_EQ(StoragesText(h, 1), "null\n");
     EXPECT_EQ(h.Stop(), 0);
 }

@@ -1,6 +1,6 @@
 // The storage document's exact bytes: clients parse it, some byte by byte,
 // so its text must not change when the way it is produced does. One case pins
-// a three-device document literally; the other compares random records,
+// a two-device document literally; the other compares random records,
 // awkward strings included, with the document jsoncpp's styled writer makes
 // of the same members.
 #include <random>
@@ -64,9 +64,8 @@ std::string StyledReference(const std::vector<UsbDevicePtr>& list) {
 #pragma GCC diagnostic pop
 }
 
-TEST(StorageDocument, ThreeDevicesKeepTheirExactBytes) {
+TEST(StorageDocument, StickAndCameraKeepTheirExactBytes) {
     std::vector<UsbDevicePtr> list = {
-        Record("/dev/sda1", "Cruzer Blade", "/nonexistent/usb/sda1", 0, "4C530001", "SanDisk", 1, 8, 4, 1, "HOLIDAY"),
         Record("/dev/sdb1", "Cruzer Blade", "/nonexistent/usb/sdb1", 3, "4C\"53\\0002", "San\tDisk \xc3\xa9", 2, 8, 5,
                1, "\xf0\x9f\x93\xb7 caf\xc3\xa9\x01"),
         Record("/dev/bus/usb/001/007", "D5300", MOX_USB_NO_MOUNT_PATH, 2, "3001", "Nikon", 1, 6, 7, 1, ""),
@@ -74,19 +73,6 @@ TEST(StorageDocument, ThreeDevicesKeepTheirExactBytes) {
     const std::string expected =
         "{\n"
         "   \"devices\" : [\n"
-        "      {\n"
-        "         \"availableSize\" : \"0\",\n"
-        "         \"deviceIndex\" : 1,\n"
-        "         \"fileSystem\" : \"VFAT\",\n"
-        "         \"id\" : \"/dev/sda1\",\n"
-        "         \"mountPath\" : \"/nonexistent/usb/sda1\",\n"
-        "         \"name\" : \"Cruzer Blade\",\n"
-        "         \"partitionLabel\" : \"HOLIDAY\",\n"
-        "         \"serialNumber\" : \"4C530001\",\n"
-        "         \"totalSize\" : \"0\",\n"
-        "         \"type\" : \"msc\",\n"
-        "         \"vendor\" : \"SanDisk\"\n"
-        "      },\n"
         "      {\n"
         "         \"availableSize\" : \"0\",\n"
         "         \"deviceIndex\" : 2,\n"
