@@ -41,18 +41,17 @@ Json::Value Parse(const std::string& text) {
 }
 
 // Runs a command; `onOutput` sees stdout as it grows and may signal `pid`.
-Outcome Exec(const std::vector<std::string>& argv, const std::function<void(pid_t, const std::string&)>& onOutput = {},
-         std::chrono::seconds timeout = std::chrono::seconds(60)) {
+Outcome Exec(const std::vector<std::string>& argv, const std::function<void(pid_t, const std::string&)>& onOutput = {}) {
     // stdin stays open until the command ends: script(1) stops at its end.
-    int in[2], out[2], err[2];
+    int in[2], out[2];
     EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+    std::unique_ptr<FILE, int (*)(FILE*)> err(tmpfile(), fclose);
     pid_t pid = fork();
     if (pid == 0) {
         dup2(in[0], 0);
         dup2(out[1], 1);
-        dup2(err[1], 2);
+        dup2(fileno(err.get()), 2);
         std::vector<char*> args;
         for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
@@ -61,36 +60,26 @@ Outcome Exec(const std::vector<std::string>& argv, const std::function<void(pid_
     }
     close(in[0]);
     close(out[1]);
-    close(err[1]);
     Outcome r;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    int open = 2;
-    while (open > 0 && std::chrono::steady_clock::now() < deadline) {
-        if (poll(fds, 2, 100) <= 0) continue;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
-            char buf[4096];
-            ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n <= 0) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-                continue;
-            }
-            (i == 0 ? r.out : r.err).append(buf, static_cast<size_t>(n));
-            if (i == 0 && onOutput) onOutput(pid, r.out);
-        }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    struct pollfd fd = {out[0], POLLIN, 0};
+    bool ended = false;
+    while (!ended && std::chrono::steady_clock::now() < deadline) {
+        char buf[4096];
+        ssize_t n = poll(&fd, 1, 100) > 0 ? read(out[0], buf, sizeof buf) : -2;
+        ended = n == 0 || n == -1;
+        if (n > 0) r.out.append(buf, static_cast<size_t>(n));
+        if (n > 0 && onOutput) onOutput(pid, r.out);
     }
-    if (open > 0) {
+    if (!ended) {
         ADD_FAILURE() << argv[0] << " did not finish in time; stdout: " << r.out;
         kill(pid, SIGKILL);
-        for (auto& f : fds)
-            if (f.fd >= 0) close(f.fd);
     }
     int ws = 0;
     waitpid(pid, &ws, 0);
+    close(out[0]);
     close(in[1]);
+    r.err = moxtest::ReadTextFile("/proc/self/fd/" + std::to_string(fileno(err.get())));
     r.status = WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
     return r;
 }
