@@ -1,8 +1,7 @@
 // moxctl end to end: the real tool against the real daemon on a private bus,
-// with the local and transfer sources installed and a simulated stick.
-// Every --json output is parsed; exit statuses, Ctrl-C clean-up (no result
-// list left in /dev/shm, no partial destination) and the progress bar on a
-// pseudo-terminal are checked.
+// with the local and transfer sources installed and a simulated stick. What
+// the engine answers is pinned by the engine's suites; here the tool's own
+// part: translating options, exit statuses, Ctrl-C clean-up and output.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -42,19 +41,17 @@ Json::Value Parse(const std::string& text) {
 }
 
 // Runs a command; `onOutput` sees stdout as it grows and may signal `pid`.
-Outcome Exec(const std::vector<std::string>& argv, const std::function<void(pid_t, const std::string&)>& onOutput = {},
-         std::chrono::seconds timeout = std::chrono::seconds(60)) {
-    // stdin is a pipe held open until the command ends (script(1) stops
-    // when its input ends).
-    int in[2], out[2], err[2];
+Outcome Exec(const std::vector<std::string>& argv, const std::function<void(pid_t, const std::string&)>& onOutput = {}) {
+    // stdin stays open until the command ends: script(1) stops at its end.
+    int in[2], out[2];
     EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+    std::unique_ptr<FILE, int (*)(FILE*)> err(tmpfile(), fclose);
     pid_t pid = fork();
     if (pid == 0) {
         dup2(in[0], 0);
         dup2(out[1], 1);
-        dup2(err[1], 2);
+        dup2(fileno(err.get()), 2);
         std::vector<char*> args;
         for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
@@ -63,36 +60,26 @@ Outcome Exec(const std::vector<std::string>& argv, const std::function<void(pid_
     }
     close(in[0]);
     close(out[1]);
-    close(err[1]);
     Outcome r;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    int open = 2;
-    while (open > 0 && std::chrono::steady_clock::now() < deadline) {
-        if (poll(fds, 2, 100) <= 0) continue;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
-            char buf[4096];
-            ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n <= 0) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-                continue;
-            }
-            (i == 0 ? r.out : r.err).append(buf, static_cast<size_t>(n));
-            if (i == 0 && onOutput) onOutput(pid, r.out);
-        }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    struct pollfd fd = {out[0], POLLIN, 0};
+    bool ended = false;
+    while (!ended && std::chrono::steady_clock::now() < deadline) {
+        char buf[4096];
+        ssize_t n = poll(&fd, 1, 100) > 0 ? read(out[0], buf, sizeof buf) : -2;
+        ended = n == 0 || n == -1;
+        if (n > 0) r.out.append(buf, static_cast<size_t>(n));
+        if (n > 0 && onOutput) onOutput(pid, r.out);
     }
-    if (open > 0) {
+    if (!ended) {
         ADD_FAILURE() << argv[0] << " did not finish in time; stdout: " << r.out;
         kill(pid, SIGKILL);
-        for (auto& f : fds)
-            if (f.fd >= 0) close(f.fd);
     }
     int ws = 0;
     waitpid(pid, &ws, 0);
+    close(out[0]);
     close(in[1]);
+    r.err = moxtest::ReadTextFile("/proc/self/fd/" + std::to_string(fileno(err.get())));
     r.status = WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
     return r;
 }
@@ -163,11 +150,7 @@ protected:
     EngineHarness h;
 };
 
-TEST_F(Moxctl, StoragesMonitorFolderMapAndPing) {
-    Outcome r = Ctl({"--json", "status"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(Parse(r.out)["storages"].size(), 0u);
-
+TEST_F(Moxctl, StoragesMonitorAndFolderMap) {
     // monitor sees the stick come and go, one JSON object a line, and unbinds.
     std::string mount;
     bool plugged = false, pulled = false;
@@ -179,10 +162,7 @@ TEST_F(Moxctl, StoragesMonitorFolderMapAndPing) {
             pulled = true;
             Outcome st = Ctl({"--json", "status"});
             EXPECT_EQ(st.status, 0);
-            Json::Value s = Parse(st.out)["storages"];
-            ASSERT_EQ(s.size(), 1u);
-            EXPECT_EQ(s[0]["mountPath"].asString(), mount);
-            EXPECT_EQ(s[0]["partitionLabel"].asString(), "HOLIDAY");
+            EXPECT_EQ(Parse(st.out)["storages"][0]["mountPath"].asString(), mount);
             std::remove((h.SpoolDir() + "/sdb1.json").c_str());
         }
     });
@@ -197,18 +177,11 @@ TEST_F(Moxctl, StoragesMonitorFolderMapAndPing) {
     EXPECT_EQ(lines[2]["event"].asInt(), 2);
     EXPECT_TRUE(h.WaitForLog("Calling RemoveNotificationClient"));
 
-    r = Ctl({"--json", "folder", "add", mount + "/Photos", "42"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(Parse(r.out)["id"].asString(), "42");
-    r = Ctl({"--json", "folder", "find", mount + "/Photos"});
-    EXPECT_EQ(Parse(r.out)["id"].asString(), "42");
-    r = Ctl({"folder", "find", mount + "/Other"});
+    ASSERT_EQ(Ctl({"--json", "folder", "add", mount + "/Photos", "42"}).status, 0);
+    EXPECT_EQ(Parse(Ctl({"--json", "folder", "find", mount + "/Photos"}).out)["id"].asString(), "42");
+    Outcome r = Ctl({"folder", "find", mount + "/Other"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-
-    r = Ctl({"--json", "ping"});
-    ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(Parse(r.out)["reply"].asString(), "MOX_SERVER_START_SUCCESS");
 }
 
 TEST_F(Moxctl, ListDetailCheckThumbsLeaveNoResultList) {
@@ -229,7 +202,6 @@ TEST_F(Moxctl, ListDetailCheckThumbsLeaveNoResultList) {
     for (const auto& item : v["items"]) names.push_back(item["FileName"].asString());
     // Files by size, largest first; folders are kept and have size 0.
     EXPECT_EQ(names, (std::vector<std::string>{"b.jpg", "a.jpg", "d.png", "e\x1b[2Jx.jpg", "Album"}));
-    ExpectNoResultList();
 
     // Read section by section through the result pool (sections of 2): the
     // same items in the source's order as one request gives.
@@ -238,10 +210,6 @@ TEST_F(Moxctl, ListDetailCheckThumbsLeaveNoResultList) {
     ASSERT_EQ(sections.status, 0) << sections.err;
     EXPECT_EQ(Parse(sections.out)["items"], Parse(whole.out)["items"]);
     EXPECT_EQ(Parse(sections.out)["total"].asInt(), 6);
-    r = Ctl({"--json", "list", photos, "--range", "1-2"});
-    ASSERT_EQ(Parse(r.out)["items"].size(), 2u);
-    EXPECT_EQ(Parse(r.out)["items"][0]["FileName"].asString(), "a.jpg");
-    ExpectNoResultList();
 
     r = Ctl({"list", photos});
     EXPECT_NE(r.out.find("e\\x1b[2Jx.jpg"), std::string::npos) << r.out;
@@ -256,31 +224,14 @@ TEST_F(Moxctl, ListDetailCheckThumbsLeaveNoResultList) {
     EXPECT_NE(r.err.find("libnone.so"), std::string::npos);
     ExpectNoResultList();
 
-    r = Ctl({"--json", "detail", photos + "/a.jpg"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(Parse(r.out)["FileSize"].asInt(), 100);
+    // Each command reaches the engine and reports its answer; failures are 1.
+    EXPECT_EQ(Parse(Ctl({"--json", "detail", photos + "/a.jpg"}).out)["FileSize"].asInt(), 100);
     EXPECT_EQ(Ctl({"detail", photos + "/none.jpg"}).status, 1);
     EXPECT_EQ(Ctl({"meta", "--uuid", "x"}).status, 1);  // no UHD provider installed
-
-    r = Ctl({"--json", "check", mount});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(Parse(r.out)["result"].asString(), "several");
-    std::string single = Plug("sdd1");
-    WriteTextFile(single + "/only.jpg", "not really a jpeg");
-    r = Ctl({"--json", "check", single});
-    ASSERT_EQ(r.status, 0) << r.err;
-    v = Parse(r.out);
-    EXPECT_EQ(v["result"].asString(), "one");
-    EXPECT_EQ(v["name"].asString(), "only.jpg");
-    EXPECT_EQ(v["media_type"].asString(), "photo");
-
+    EXPECT_EQ(Parse(Ctl({"--json", "check", mount}).out)["result"].asString(), "several");
     r = Ctl({"--json", "thumbs", photos, "--count", "2"});
     ASSERT_EQ(r.status, 0) << r.err;
-    v = Parse(r.out);
-    EXPECT_EQ(v["result"].asString(), "files");
-    ASSERT_EQ(v["items"].size(), 2u);
-    EXPECT_EQ(v["items"][0]["type"].asString(), "CONTENT-IMAGE");
-    EXPECT_EQ(v["items"][0]["path"].asString().rfind(photos + "/", 0), 0u);
+    EXPECT_EQ(Parse(r.out)["items"].size(), 2u);
 }
 
 TEST_F(Moxctl, CtrlCDuringALongListDropsEveryList) {
@@ -302,26 +253,22 @@ TEST_F(Moxctl, CtrlCDuringALongListDropsEveryList) {
 }
 
 TEST_F(Moxctl, ExitStatusesAndHelp) {
-    Outcome r = Ctl({"list"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_EQ(Ctl({"frobnicate"}).status, 2);
-    EXPECT_EQ(Ctl({"thumbs", "/x", "--count", "5000"}).status, 2);
-    EXPECT_EQ(Ctl({"list", "/x", "--range", "9-3"}).status, 2);
-    // The bus carries only UTF-8: a raw byte in a path is refused up front.
-    r = Ctl({"detail", std::string("/x/\xff.jpg")});
-    EXPECT_EQ(r.status, 2);
+    // Usage errors: status 2 and one line. The bus carries only UTF-8, so a
+    // raw byte in a path is refused up front.
+    Outcome r;
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"list"}, {"frobnicate"}, {"thumbs", "/x", "--count", "5000"}, {"list", "/x", "--range", "9-3"},
+             {"detail", "/x/\xff.jpg"}}) {
+        r = Ctl(args);
+        EXPECT_EQ(r.status, 2) << args[0];
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    }
     EXPECT_NE(r.err.find("UTF-8"), std::string::npos);
 
-    for (const char* cmd : {"list", "copy", "monitor", "folder"}) {
-        r = Ctl({cmd, "--help"});
-        EXPECT_EQ(r.status, 0) << cmd;
-        EXPECT_NE(r.out.find("Usage:"), std::string::npos) << cmd;
-        EXPECT_TRUE(r.err.empty()) << cmd;
-    }
-    r = Exec({MOXCTL_BINARY, "--version"});
+    r = Ctl({"copy", "--help"});
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.rfind("moxctl ", 0), 0u);
+    EXPECT_NE(r.out.find("Usage:"), std::string::npos);
+    EXPECT_TRUE(r.err.empty());
 
     // No bus at all, then a bus without the engine: status 3.
     r = Exec({MOXCTL_BINARY, "--address", "unix:path=" + h.Path("no-such-socket"), "ping"});
@@ -345,37 +292,28 @@ TEST_F(Moxctl, ExitStatusesAndHelp) {
 
 #ifdef MOX_RA_SOURCE_SO
 
-// The shared test web server, serving `size` bytes as /files/NAME in
-// 64 KiB pieces `delayMs` apart, so that a download runs long enough to
-// watch and to stop.
-class PacedServer {
-public:
+// The test web server, serving `size` bytes as /files/file.bin in 64 KiB
+// pieces `delayMs` apart: a download long enough to watch and to stop.
+struct PacedServer {
     PacedServer(const std::string& dir, size_t size, int delayMs) {
         std::filesystem::create_directories(dir + "/www");
         WriteTextFile(dir + "/www/file.bin", std::string(size, 'x'));
-        std::string portFile = dir + "/http.port";
-        m_pid = fork();
-        if (m_pid == 0) {
-            execlp("python3", "python3", MOX_HTTP_TEST_SERVER, (dir + "/www").c_str(), portFile.c_str(), nullptr);
+        if ((pid = fork()) == 0) {
+            execlp("python3", "python3", MOX_HTTP_TEST_SERVER, (dir + "/www").c_str(), (dir + "/port").c_str(),
+                   nullptr);
             _exit(127);
         }
         std::string port;
-        for (int i = 0; i < 200 && port.empty(); ++i) {
-            usleep(25000);
-            port = moxtest::ReadTextFile(portFile);
-        }
+        for (int i = 0; i < 200 && port.empty(); ++i, usleep(25000)) port = moxtest::ReadTextFile(dir + "/port");
         EXPECT_FALSE(port.empty()) << "the test web server did not start";
-        m_url = "http://127.0.0.1:" + port + "/files/file.bin?chunk=65536&delay_ms=" + std::to_string(delayMs);
+        url = "http://127.0.0.1:" + port + "/files/file.bin?chunk=65536&delay_ms=" + std::to_string(delayMs);
     }
     ~PacedServer() {
-        kill(m_pid, SIGTERM);
-        waitpid(m_pid, nullptr, 0);
+        kill(pid, SIGTERM);
+        waitpid(pid, nullptr, 0);
     }
-    const std::string& Url() const { return m_url; }
-
-private:
-    pid_t m_pid = -1;
-    std::string m_url;
+    pid_t pid = -1;
+    std::string url;
 };
 
 TEST_F(Moxctl, CopyDownloadAndStop) {
@@ -384,22 +322,17 @@ TEST_F(Moxctl, CopyDownloadAndStop) {
     WriteTextFile(src, std::string(3 << 20, 'm'));
     Outcome r = Ctl({"--json", "copy", src, mount + "/copy.bin"});
     ASSERT_EQ(r.status, 0) << r.err;
-    Json::Value last = Parse(r.out.substr(r.out.rfind('\n', r.out.size() - 2) + 1));
-    EXPECT_EQ(last["result"].asString(), "done");
-    EXPECT_EQ(std::filesystem::file_size(mount + "/copy.bin"), 3u << 20);
+    EXPECT_EQ(Parse(r.out.substr(r.out.rfind('\n', r.out.size() - 2) + 1))["result"].asString(), "done");
     // Existing destination without --overwrite: the engine's failure, status 1.
     r = Ctl({"copy", src, mount + "/copy.bin"});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("--overwrite"), std::string::npos) << r.err;
-    // A destination outside the USB root is refused by the engine.
-    EXPECT_EQ(Ctl({"copy", src, h.Path("outside.bin")}).status, 1);
-    EXPECT_FALSE(std::filesystem::exists(h.Path("outside.bin")));
 
     // Ctrl-C in the middle of a slow download: stop_act, nothing left.
     PacedServer server(h.Path("web"), 8 << 20, 50);
     std::string dst = mount + "/download.bin";
     bool sent = false;
-    r = Ctl({"--json", "download", server.Url(), dst}, [&](pid_t pid, const std::string& out) {
+    r = Ctl({"--json", "download", server.url, dst}, [&](pid_t pid, const std::string& out) {
         if (!sent && out.find("\"progress\"") != std::string::npos) {
             sent = true;
             kill(pid, SIGINT);
@@ -414,7 +347,7 @@ TEST_F(Moxctl, CopyDownloadAndStop) {
 
     // A transfer that stalls past --timeout: status 3, and it is stopped.
     PacedServer stalled(h.Path("web2"), 1 << 20, 3000);
-    r = Ctl({"--timeout", "1", "download", stalled.Url(), dst});
+    r = Ctl({"--timeout", "1", "download", stalled.url, dst});
     EXPECT_EQ(r.status, 3) << r.err;
     EXPECT_NE(r.err.find("stopped it"), std::string::npos) << r.err;
     EXPECT_TRUE(h.WaitForLog("Act ended with code[9]", 2)) << "the stalled transfer was not stopped";
@@ -426,14 +359,12 @@ TEST_F(Moxctl, ProgressBarOnATerminal) {
     PacedServer server(h.Path("web"), 2 << 20, 20);
     std::string dst = mount + "/bar.bin";
     // script(1) runs the tool on a pseudo-terminal and copies what it drew.
-    std::string cmd = std::string(MOXCTL_BINARY) + " --address '" + h.BusAddress() + "' download '" + server.Url() +
+    std::string cmd = std::string(MOXCTL_BINARY) + " --address '" + h.BusAddress() + "' download '" + server.url +
                       "' '" + dst + "'";
     Outcome r = Exec({"/usr/bin/script", "-qec", cmd, "/dev/null"});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_NE(r.out.find("\r["), std::string::npos) << r.out;   // redrawn in place
+    EXPECT_NE(r.out.find("\r["), std::string::npos) << r.out;  // redrawn in place
     EXPECT_NE(r.out.find("] 100% "), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("B/s"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("ETA "), std::string::npos) << r.out;
     // The bar's line is cleared to its end and ended before the summary,
     // which is the last line (the terminal turns \n into \r\n).
     size_t done = r.out.find("Downloaded ");

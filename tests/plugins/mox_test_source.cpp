@@ -8,9 +8,8 @@
 //                     (a window no list can hold), "offset" (window starts
 //                     at 5), "throw" (an exception)
 // Items: {"FileName": "<source>-<k>", "Title", "FileSize": k, "FileTime":
-// 100 - k}. Every GetData call logs "test source GetData[<source>]", which
-// tests count in the daemon's log. Built with -DMOX_TEST_BAD_ABI it reports
-// another ABI version; with -DMOX_TEST_NO_ENTRY it exports nothing.
+// 100 - k}; each GetData call logs "test source GetData[<source>]".
+// -DMOX_TEST_BAD_ABI reports another ABI; -DMOX_TEST_NO_ENTRY exports nothing.
 #define MOX_LOG_TAG "MOX-TEST"
 
 #include <chrono>

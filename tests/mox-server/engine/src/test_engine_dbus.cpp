@@ -5,11 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <sys/wait.h>
-
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <thread>
 
@@ -41,12 +38,6 @@ bool ReplyBool(const CallResult& r) {
     return b;
 }
 
-guint32 ReplyUint(const CallResult& r) {
-    guint32 u = 0;
-    g_variant_get(r.reply.get(), "(u)", &u);
-    return u;
-}
-
 // A client's text object: a 32-bit length, then the bytes.
 std::string MakeTextShm(const std::string& content, int32_t declaredLength) {
     static int counter = 0;
@@ -69,26 +60,18 @@ std::string FolderCall(EngineHarness& h, const std::string& json) {
 
 }  // namespace
 
-TEST(EngineStartup, MissingIntrospectionXmlEndsWithStatusOneAndNoStatusFile) {
-    EngineHarness h;
-    h.SetEnv("MOX_DBUS_CONFIG", h.Path("no-such.xml"));
-    EXPECT_EQ(h.RunToExit(), 1);
-    EXPECT_FALSE(Exists(h.StatusFile()));
-    EXPECT_EQ(h.CountLog("load mox_dbus_config error."), 1u);
-    EXPECT_EQ(h.CountLog("init_introspection_xml error."), 1u);
-    EXPECT_EQ(h.CountLog("NameAcquired."), 0u);
+TEST(EngineStartup, MissingOrMalformedIntrospectionXmlEndsWithStatusOne) {
+    for (const char* xml : {"", "<node><interface name="}) {
+        EngineHarness h;
+        if (*xml) WriteTextFile(h.Path("bus.xml"), xml);
+        h.SetEnv("MOX_DBUS_CONFIG", h.Path("bus.xml"));
+        EXPECT_EQ(h.RunToExit(), 1) << xml;
+        EXPECT_FALSE(Exists(h.StatusFile()));
+        EXPECT_EQ(h.CountLog("NameAcquired."), 0u);
+    }
 }
 
-TEST(EngineStartup, MalformedIntrospectionXmlIsRefusedCleanly) {
-    EngineHarness h;
-    WriteTextFile(h.Path("bad.xml"), "<node><interface name=");
-    h.SetEnv("MOX_DBUS_CONFIG", h.Path("bad.xml"));
-    EXPECT_EQ(h.RunToExit(), 1);
-    EXPECT_FALSE(Exists(h.StatusFile()));
-    EXPECT_EQ(h.CountLog("invalid introspection XML"), 1u);
-}
-
-TEST(EngineStartup, ServesWritesStatusFileAndStopsCleanly) {
+TEST(EngineStartup, ServesWritesStatusFileSurvivesARivalAndStopsCleanly) {
     EngineHarness h;
     // A link planted under the status file's name is replaced, not followed.
     const std::string victim = h.Path("victim");
@@ -104,96 +87,44 @@ TEST(EngineStartup, ServesWritesStatusFileAndStopsCleanly) {
     ASSERT_TRUE(r.ok()) << r.error;
     EXPECT_EQ(ReplyString(r), "MOX_SERVER_START_SUCCESS");
 
-    // The envelope of every line: file, function, line, thread id; a log
-    // file gets no colour escapes.
-    std::string log = h.Log();
-    EXPECT_NE(log.find("mox_engine.cpp: onBusAcquired("), std::string::npos);
-    EXPECT_NE(log.find("> [onBusAcquired:"), std::string::npos);
-    EXPECT_NE(log.find("] [Thread Id:[" + std::to_string(h.Pid()) + "]] BusAcquired.\n"),
-              std::string::npos);
-    EXPECT_NE(log.find(">  [INFO]:[handleMethodCall:"), std::string::npos);
-    EXPECT_NE(log.find("recive method(start_server)."), std::string::npos);
-    EXPECT_EQ(h.CountLog("NameAcquired."), 1u);
-
-    EXPECT_EQ(h.Stop(), 0);
-    // The status file is never removed by the daemon.
-    EXPECT_TRUE(Exists(h.StatusFile()));
-}
-
-TEST(EngineStartup, HeartbeatRunsOnTheMainLoop) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
-    EXPECT_TRUE(h.WaitForLog("mox engine notify_callback end", 1, std::chrono::seconds(12)));
-    EXPECT_EQ(h.Stop(), 0);
-}
-
-TEST(EngineStartup, LosingTheNameOnlyLogs) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
-    // A second daemon on the same bus cannot own the name and keeps running.
+    // A second daemon on the same bus cannot own the name: it only logs.
     EngineHarness second(h.BusAddress());
     ASSERT_TRUE(second.Start());
     ASSERT_TRUE(second.WaitForLog("NameLost."));
     EXPECT_TRUE(second.Running());
     EXPECT_EQ(second.Stop(), 0);
-    CallResult r = h.Call("start_server", nullptr);
-    EXPECT_TRUE(r.ok()) << r.error;
+    EXPECT_TRUE(h.Call("start_server", nullptr).ok());
     EXPECT_EQ(h.Stop(), 0);
+    // The status file is never removed by the daemon.
+    EXPECT_TRUE(Exists(h.StatusFile()));
 }
 
+// Only 1 and 2 reset; other values, no key or garbage in the key file leave
+// the downloads alone and start-up goes on.
 TEST(EngineReset, PendingResetRemovesUhdFilesAndClearsTheKey) {
-    for (int status : {1, 2}) {
+    for (const std::string stored : {"1\n", "2\n", "3\n", "", "two\n"}) {
         EngineHarness h;
         WriteTextFile(h.AppDataDir() + "/.UHD_Metadata.json", "{}");
         WriteTextFile(h.AppDataDir() + "/.UHD_Rating.json", "{}");
         WriteTextFile(h.AppDataDir() + "/other.json", "{}");
-        ASSERT_TRUE(h.SetKey("db/mox/reset_status", status));
-        ASSERT_TRUE(h.Start());
-        EXPECT_FALSE(Exists(h.AppDataDir() + "/.UHD_Metadata.json"));
-        EXPECT_FALSE(Exists(h.AppDataDir() + "/.UHD_Rating.json"));
+        if (!stored.empty()) WriteTextFile(h.VconfDir() + "/db/mox/reset_status", stored);
+        ASSERT_TRUE(h.Start()) << stored;
+        const bool reset = stored == "1\n" || stored == "2\n";
+        EXPECT_EQ(Exists(h.AppDataDir() + "/.UHD_Metadata.json"), !reset) << stored;
+        EXPECT_EQ(Exists(h.AppDataDir() + "/.UHD_Rating.json"), !reset) << stored;
         EXPECT_TRUE(Exists(h.AppDataDir() + "/other.json"));
         int value = -1;
-        ASSERT_TRUE(h.GetKey("db/mox/reset_status", &value));
-        EXPECT_EQ(value, 0);
-        EXPECT_EQ(h.CountLog("db/mox/reset_status is [" + std::to_string(status) + "]"), 1u);
-        EXPECT_EQ(h.CountLog("POWER_OFF_REASON_FACTORY_RESET or SERVICE RESET"), 1u);
-        EXPECT_EQ(h.CountLog(" REMOVE MOX META DOWNLOAD FILE!!"), 1u);
-        EXPECT_EQ(h.CountLog(" REMOVE MOX RATING DOWNLOAD FILE!!"), 1u);
+        if (reset || stored == "3\n") {
+            ASSERT_TRUE(h.GetKey("db/mox/reset_status", &value));
+            EXPECT_EQ(value, reset ? 0 : 3);
+        } else {
+            EXPECT_EQ(h.CountLog("get db/mox/reset_status failed"), 1u) << stored;
+        }
         EXPECT_EQ(h.Stop(), 0);
     }
 }
 
-TEST(EngineReset, OtherValuesAndMissingKeyChangeNothing) {
-    {
-        EngineHarness h;
-        WriteTextFile(h.AppDataDir() + "/.UHD_Metadata.json", "{}");
-        ASSERT_TRUE(h.SetKey("db/mox/reset_status", 3));
-        ASSERT_TRUE(h.Start());
-        EXPECT_TRUE(Exists(h.AppDataDir() + "/.UHD_Metadata.json"));
-        int value = -1;
-        ASSERT_TRUE(h.GetKey("db/mox/reset_status", &value));
-        EXPECT_EQ(value, 3);
-        EXPECT_EQ(h.CountLog("end of mox_engine_deal_reset_status"), 1u);
-        EXPECT_EQ(h.Stop(), 0);
-    }
-    {
-        EngineHarness h;  // no key at all: logged, start-up goes on
-        WriteTextFile(h.AppDataDir() + "/.UHD_Rating.json", "{}");
-        ASSERT_TRUE(h.Start());
-        EXPECT_EQ(h.CountLog("get db/mox/reset_status failed"), 1u);
-        EXPECT_TRUE(Exists(h.AppDataDir() + "/.UHD_Rating.json"));
-        EXPECT_EQ(h.Stop(), 0);
-    }
-    {
-        EngineHarness h;  // garbage in the key file is a failed read, not a crash
-        WriteTextFile(h.VconfDir() + "/db/mox/reset_status", "two\n");
-        ASSERT_TRUE(h.Start());
-        EXPECT_EQ(h.CountLog("get db/mox/reset_status failed"), 1u);
-        EXPECT_EQ(h.Stop(), 0);
-    }
-}
-
-TEST(EngineFolderMap, AddFindAndDatabaseResetWhileRunning) {
+TEST(EngineFolderMap, AddFindBadDocumentsAndDatabaseReset) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     const std::string a = h.UsbRoot() + "/sda1/Photos";
@@ -204,12 +135,22 @@ TEST(EngineFolderMap, AddFindAndDatabaseResetWhileRunning) {
               "AddFolderMapSuccess");
     EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":")" + a + R"("})"), "17");
     EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/nowhere"})"), "");
-    EXPECT_GE(h.CountLog("Find Folder Path failed."), 1u);
 
     // Setting the key to 0 is a change but not a reset.
     ASSERT_TRUE(h.SetKey("file/private/mediaserver/db_reset", 0));
     ASSERT_TRUE(h.WaitForLog("OnVconfKeyChangedCB vconf key changed!"));
     EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":")" + a + R"("})"), "17");
+
+    // Bad documents get an empty answer.
+    for (const char* doc : {R"({"FOLDER_PATH":"/x"})", R"({"OPERATION_TYPE":7})", "{not json", "[1,2,3]",
+                            R"({"OPERATION_TYPE":"0"})"})
+        EXPECT_EQ(FolderCall(h, doc), "") << doc;
+    // Members of the wrong type read as empty; the add still "succeeds".
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":5,"FOLDER_ID":[]})"),
+              "AddFolderMapSuccess");
+    EXPECT_EQ(FolderCall(h, std::string(R"({"OPERATION_TYPE":1,"FOLDER_PATH":")") +
+                                std::string(5000, '[') + "\"}"),
+              "");
 
     ASSERT_TRUE(h.SetKey("file/private/mediaserver/db_reset", 1));
     ASSERT_TRUE(h.WaitForLog("Clear: after DB Reset."));
@@ -217,29 +158,8 @@ TEST(EngineFolderMap, AddFindAndDatabaseResetWhileRunning) {
     EXPECT_EQ(h.Stop(), 0);
 }
 
-TEST(EngineFolderMap, BadParametersGetAnEmptyAnswer) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
-    EXPECT_EQ(FolderCall(h, R"({"FOLDER_PATH":"/x"})"), "");
-    EXPECT_EQ(h.CountLog("Invalid eOperationType[-1]."), 1u);
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":7})"), "");
-    EXPECT_EQ(h.CountLog("Invalid eOperationType[7]."), 1u);
-    EXPECT_EQ(FolderCall(h, "{not json"), "");
-    EXPECT_EQ(FolderCall(h, "[1,2,3]"), "");
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":"0"})"), "");
-    // Members of the wrong type read as empty; the add still "succeeds".
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":5,"FOLDER_ID":[]})"),
-              "AddFolderMapSuccess");
-    EXPECT_EQ(FolderCall(h, std::string(R"({"OPERATION_TYPE":1,"FOLDER_PATH":")") +
-                                std::string(5000, '[') + "\"}"),
-              "");
-    CallResult r = h.Call("start_server", nullptr);
-    EXPECT_TRUE(r.ok());
-    EXPECT_EQ(h.Stop(), 0);
-}
-
-bool Write(EngineHarness& h, const std::string& path, const std::string& shm, GDBusConnection* c = nullptr) {
-    CallResult r = h.Call("usb_file_write", g_variant_new("(ss)", path.c_str(), shm.c_str()), c);
+bool Write(EngineHarness& h, const std::string& path, const std::string& shm) {
+    CallResult r = h.Call("usb_file_write", g_variant_new("(ss)", path.c_str(), shm.c_str()));
     EXPECT_TRUE(r.ok()) << r.error;
     return r.ok() && ReplyBool(r);
 }
@@ -264,7 +184,6 @@ TEST(EngineFiles, WriteAndRemoveThroughSharedMemory) {
     EXPECT_FALSE(ShmExists(shm)) << "the object is consumed";
 
     EXPECT_FALSE(Write(h, target, "/mox_test_no_such_object"));
-    EXPECT_GE(h.CountLog("CMOXUtil: shm_open [/mox_test_no_such_object] failed."), 1u);
 
     // Lying lengths are refused, the object is consumed all the same, and a
     // failed write leaves the old file intact.
@@ -278,7 +197,6 @@ TEST(EngineFiles, WriteAndRemoveThroughSharedMemory) {
     EXPECT_TRUE(Remove(h, target));
     EXPECT_FALSE(Exists(target));
     EXPECT_FALSE(Remove(h, target));
-    EXPECT_EQ(h.CountLog("CMOXUtil: remove [" + target + "] failed."), 1u);
     EXPECT_EQ(h.Stop(), 0);
 }
 
@@ -380,41 +298,12 @@ TEST(EngineBounds, StringsAndSizesFromClients) {
     EXPECT_EQ(h.Stop(), 0);
 }
 
+// Calls with handles nobody was given, empty or broken documents and unknown
+// names all get an answer; the daemon keeps serving. (The scanner's methods
+// have their own suite.)
 TEST(EngineDispatch, EveryMethodAnswersAndTheDaemonKeepsServing) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
-    // "test" needs no plug-in; a library that is not there is refused.
-    CallResult r = h.Call("connect", g_variant_new("(s)", "test"));
-    ASSERT_TRUE(r.ok()) << r.error;
-    EXPECT_EQ(ReplyUint(r), 0u);
-    r = h.Call("connect", g_variant_new("(s)", "libmox_not_installed.so"));
-    ASSERT_TRUE(r.ok()) << r.error;
-    EXPECT_EQ(ReplyUint(r), 4294967295u);
-    r = h.Call("stop_act", g_variant_new("(us)", 0u, "{}"));
-    ASSERT_TRUE(r.ok());
-    EXPECT_EQ(ReplyUint(r), 23u);
-    r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", "{}"));
-    ASSERT_TRUE(r.ok());
-    gboolean started = TRUE;
-    guint32 id = 7;
-    g_variant_get(r.reply.get(), "(bu)", &started, &id);
-    EXPECT_FALSE(started);
-    EXPECT_EQ(id, 0u);
-    r = h.Call("start_scanner", g_variant_new("(ss)", "scan_folder", "{}"));
-    ASSERT_TRUE(r.ok());
-    EXPECT_EQ(h.CountLog("unsupport yet, method(scan_folder)."), 1u);
-    r = h.Call("start_scanner", g_variant_new("(ss)", "whatever", "{}"));
-    ASSERT_TRUE(r.ok());
-    g_variant_get(r.reply.get(), "(bu)", &started, &id);
-    EXPECT_FALSE(started);
-    r = h.Call("start_scanner_thumb", g_variant_new("(ssuu)", "/x", "photo", 3u, 1u));
-    ASSERT_TRUE(r.ok());
-    EXPECT_FALSE(ReplyBool(r));
-    EXPECT_TRUE(h.WaitForLog("start_scanner_thumb return end[0]"));  // logged after the reply
-    r = h.Call("bind_usb_event", g_variant_new("(u)", 2u));
-    ASSERT_TRUE(r.ok());
-    EXPECT_EQ(ReplyUint(r), 0u);
-
     struct EmptyReply {
         const char* method;
         GVariant* params;
@@ -426,25 +315,16 @@ TEST(EngineDispatch, EveryMethodAnswersAndTheDaemonKeepsServing) {
         {"request_act", g_variant_new("(uss)", 0u, "mox_datablock_0", "{}")},
         {"disconnect", g_variant_new("(u)", 0u)},
         {"request_metadata", g_variant_new("(us)", 0u, "{}")},
-        {"stop_scanner_thumb", g_variant_new("(ssuu)", "/x", "photo", 3u, 1u)},
         {"stop_scanner", g_variant_new("(u)", 5u)},
+        {"foo", nullptr},  // unknown names get an empty reply, not a D-Bus error
     };
     for (auto& call : empties) {
-        r = h.Call(call.method, call.params);
+        CallResult r = h.Call(call.method, call.params);
         ASSERT_TRUE(r.ok()) << call.method << ": " << r.error;
         EXPECT_EQ(g_variant_n_children(r.reply.get()), 0u) << call.method;
-        EXPECT_EQ(h.CountLog(std::string("recive method(") + call.method + ")."), 1u);
     }
-
-    // Unknown names get an empty reply, not a D-Bus error.
-    r = h.Call("foo", nullptr);
-    ASSERT_TRUE(r.ok()) << r.error;
-    EXPECT_EQ(g_variant_n_children(r.reply.get()), 0u);
-    EXPECT_TRUE(h.WaitForLog("unkown method(foo)."));
     // A wrong signature is refused by the bus layer before the dispatcher.
-    r = h.Call("connect", g_variant_new("(u)", 5u));
-    EXPECT_FALSE(r.ok());
-    r = h.Call("start_server", nullptr);
-    ASSERT_TRUE(r.ok());
+    EXPECT_FALSE(h.Call("connect", g_variant_new("(u)", 5u)).ok());
+    EXPECT_TRUE(h.Call("start_server", nullptr).ok());
     EXPECT_EQ(h.Stop(), 0);
 }

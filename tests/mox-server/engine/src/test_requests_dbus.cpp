@@ -63,10 +63,7 @@ public:
     }
     size_t Count(const char* name) const { return m_signals.Named(name).size(); }
     void Drain(int ms) { m_signals.Drain(std::chrono::milliseconds(ms)); }
-    GDBusConnection* conn() { return m_conn.get(); }
-    void Close() {
-        g_dbus_connection_close_sync(m_conn.get(), nullptr, nullptr);
-    }
+    void Close() { g_dbus_connection_close_sync(m_conn.get(), nullptr, nullptr); }
 
 private:
     EngineHarness& m_h;
@@ -127,7 +124,9 @@ protected:
     std::vector<std::string> seenLists;
 };
 
-TEST_F(Requests, LocalSourceListsSortsWindowsDropsAndDescribes) {
+// Sorting and type filters are driven through moxctl's list test; here the
+// order of folders and files, windows, drops and what stays confined.
+TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
     const std::string folder = h.UsbRoot() + "/sda1/photos";
     std::filesystem::create_directories(folder + "/zfolder");
     WriteTextFile(folder + "/b.jpg", std::string(30, 'b'));
@@ -141,11 +140,14 @@ TEST_F(Requests, LocalSourceListsSortsWindowsDropsAndDescribes) {
     Client c(h);
     guint32 handle = c.Connect("libmox_local_source.so");
     ASSERT_NE(handle, kFailedHandle);
-    const std::string src = R"(["mox_local_source"])";
+    size_t n = 0;
+    auto list = [&](const std::string& path, const std::string& extra = "") {
+        c.List(handle, ListDoc(R"(["mox_local_source"])", R"(,"mox_folder_path":")" + path + "\"" + extra));
+        return c.Nth("mox_request_normal_complete", ++n);
+    };
 
     // Folders first, then files by name; links and hidden entries left out.
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_sectionindex":0)"));
-    Json::Value ev = c.Nth("mox_request_normal_complete", 1);
+    Json::Value ev = list(folder, R"(,"mox_sectionindex":0)");
     EXPECT_EQ(ev["mox_event_type"].asInt(), 0);
     EXPECT_EQ(ev["mox_handle_id"].asUInt(), handle);
     std::string plain = Delivered(ev);
@@ -155,98 +157,61 @@ TEST_F(Requests, LocalSourceListsSortsWindowsDropsAndDescribes) {
     EXPECT_TRUE(items[0]["IsFolder"].asBool());
     EXPECT_EQ(items[2]["FilePath"].asString(), folder + "/b.jpg");
     EXPECT_EQ(items[2]["FileSize"].asInt(), 30);
-    EXPECT_EQ(items[2]["Title"].asString(), "b");
-    EXPECT_EQ(items[2]["MediaType"].asInt(), 2);
     EXPECT_EQ(items[3]["MediaType"].asInt(), 3);
-    {
-        CResultList list(plain);
-        int a = 0, b = 0;
-        ASSERT_EQ(list.GetGroupCount(), 2);
-        EXPECT_TRUE(list.GetGroup(1, a, b));
-        EXPECT_EQ(a, 1);
-        EXPECT_EQ(b, 3);
-    }
+    int groupStart = 0, groupCount = 0;  // folders, then files
+    EXPECT_EQ(CResultList(plain).GetGroupCount(), 2);
+    EXPECT_TRUE(CResultList(plain).GetGroup(1, groupStart, groupCount));
+    EXPECT_EQ(std::make_pair(groupStart, groupCount), std::make_pair(1, 3));
 
-    // Sorted by size, descending; the same folder again is a cache hit.
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","SortedType":2,"SortedKey":"FileSize")"));
-    ev = c.Nth("mox_request_normal_complete", 2);
-    EXPECT_EQ(Names(ReadList(Delivered(ev))), (std::vector<std::string>{"b.jpg", "c.MP4", "a.mp3", "zfolder"}));
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_sectionindex":0)"));
-    ev = c.Nth("mox_request_normal_complete", 3);
-    EXPECT_EQ(Names(ReadList(Delivered(ev))).size(), 4u);
-    EXPECT_GE(h.CountLog("Hit success, get data from cache."), 1u);
-
-    // Photos only (folders kept), and a window over the matching entries.
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_media_type":2,"SortedType":1,"SortedKey":"FileName")"));
-    EXPECT_EQ(Names(ReadList(Delivered(c.Nth("mox_request_normal_complete", 4)))),
-              (std::vector<std::string>{"b.jpg", "zfolder"}));
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_start_index":1,"mox_end_index":2)"));
-    ev = c.Nth("mox_request_normal_complete", 5);
-    std::string window = Delivered(ev);
+    // A window over the entries; a negative one is refused; an end past the
+    // last entry is cut.
+    std::string window = Delivered(list(folder, R"(,"mox_start_index":1,"mox_end_index":2)"));
     EXPECT_EQ(Names(ReadList(window)), (std::vector<std::string>{"a.mp3", "b.jpg"}));
     EXPECT_EQ(CResultList(window).GetTotalCount(), 4);
-
-    // A negative window is refused (7); an end past the last entry is cut.
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_start_index":-1)"));
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 6)["mox_event_type"].asInt(), 2);
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + folder + R"(","mox_start_index":3,"mox_end_index":2147483647)"));
-    EXPECT_EQ(Names(ReadList(Delivered(c.Nth("mox_request_normal_complete", 7)))),
+    EXPECT_EQ(list(folder, R"(,"mox_start_index":-1)")["mox_event_type"].asInt(), 2);
+    EXPECT_EQ(Names(ReadList(Delivered(list(folder, R"(,"mox_start_index":3,"mox_end_index":2147483647)")))),
               (std::vector<std::string>{"c.MP4"}));
 
-    // Empty folder: error 6, event 1. Outside the root or through "..": event 2.
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + h.UsbRoot() + R"(/sda1/empty")"));
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 8)["mox_event_type"].asInt(), 1);
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + h.UsbRoot() + R"(/sda1/../..")"));
-    ev = c.Nth("mox_request_normal_complete", 9);
+    // Empty folder: event 1. Outside the root through "..": event 2, no list.
+    EXPECT_EQ(list(h.UsbRoot() + "/sda1/empty")["mox_event_type"].asInt(), 1);
+    ev = list(h.UsbRoot() + "/sda1/../..");
     EXPECT_EQ(ev["mox_event_type"].asInt(), 2);
     EXPECT_EQ(ev["mox_result_list_block_name"].asString(), "");
-    EXPECT_GE(h.CountLog("outside the USB root"), 1u);
 
     // Drop: 10 and the object is gone; a second drop of it, or of a name never
     // handed out, is refused with 11.
-    c.Send("drop_partial_list", g_variant_new("(us)", handle, plain.c_str()));
-    ev = c.Nth("mox_request_normal_complete", 10);
-    EXPECT_EQ(ev["mox_event_type"].asInt(), 10);
-    EXPECT_EQ(ev["mox_shm_name"].asString(), plain);
-    EXPECT_FALSE(ShmExists(plain));
-    c.Send("drop_partial_list", g_variant_new("(us)", handle, plain.c_str()));
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 11)["mox_event_type"].asInt(), 11);
-    c.Send("drop_partial_list", g_variant_new("(us)", handle, "mox_resultlist_99999"));
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 12)["mox_event_type"].asInt(), 11);
+    const std::pair<std::string, int> drops[] = {{plain, 10}, {plain, 11}, {"mox_resultlist_99999", 11}};
+    for (const auto& [name, event] : drops) {
+        c.Send("drop_partial_list", g_variant_new("(us)", handle, name.c_str()));
+        EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_event_type"].asInt(), event) << name;
+        EXPECT_FALSE(ShmExists(plain));
+    }
 
-    // Detail: an existing file (error 0 gives event 3), a missing one (5),
-    // one outside the root and one reached through a link out of it (7 -> 3).
-    auto detail = [&](const std::string& path, const std::string& times) {
+    // Detail: an existing file, a missing one (5), one outside the root and
+    // one reached through a link out of it (answered empty).
+    auto detail = [&](const std::string& path) {
         std::string doc = R"({"mox_command":"mox_requestdetail","mox_source":"mox_local_source","FilePath":")" + path +
-                          R"(","mox_detail_request_times":")" + times + R"("})";
+                          R"(","mox_detail_request_times":"t"})";
         c.Send("request_detail", g_variant_new("(us)", handle, doc.c_str()));
+        return c.Nth("mox_request_normal_complete", ++n);
     };
-    detail(folder + "/a.mp3", "t1");
-    ev = c.Nth("mox_request_normal_complete", 13);
+    ev = detail(folder + "/a.mp3");
     EXPECT_EQ(ev["mox_event_type"].asInt(), 3);
-    EXPECT_EQ(ev["mox_detail_request_times"].asString(), "t1");
-    Json::Value item = Parse(ev["mox_result_detail_json"].asString());
-    EXPECT_EQ(item["FileName"].asString(), "a.mp3");
-    EXPECT_EQ(item["FileSize"].asInt(), 10);
-    EXPECT_EQ(item["MediaType"].asInt(), 5);
-    detail(folder + "/nothere.jpg", "t2");
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 14)["mox_event_type"].asInt(), 5);
-    detail("/etc/passwd", "t3");
-    ev = c.Nth("mox_request_normal_complete", 15);
-    EXPECT_EQ(ev["mox_event_type"].asInt(), 3);
-    EXPECT_EQ(ev["mox_result_detail_json"].asString(), "");
-    detail(folder + "/link.jpg", "t4");
-    ev = c.Nth("mox_request_normal_complete", 16);
-    EXPECT_EQ(ev["mox_result_detail_json"].asString(), "");
+    EXPECT_EQ(ev["mox_detail_request_times"].asString(), "t");
+    EXPECT_EQ(Parse(ev["mox_result_detail_json"].asString())["FileSize"].asInt(), 10);
+    EXPECT_EQ(detail(folder + "/nothere.jpg")["mox_event_type"].asInt(), 5);
+    for (const std::string& path : {std::string("/etc/passwd"), folder + "/link.jpg"}) {
+        ev = detail(path);
+        EXPECT_EQ(ev["mox_event_type"].asInt(), 3) << path;
+        EXPECT_EQ(ev["mox_result_detail_json"].asString(), "") << path;
+    }
 
     // Names that need escaping come back intact.
     const std::string odd = "say \"hi\"\t\\.png";
     WriteTextFile(h.UsbRoot() + "/sda1/odd/" + odd, "x");
-    c.List(handle, ListDoc(src, R"(,"mox_folder_path":")" + h.UsbRoot() + R"(/sda1/odd")"));
-    auto oddItems = ReadList(Delivered(c.Nth("mox_request_normal_complete", 17)));
+    auto oddItems = ReadList(Delivered(list(h.UsbRoot() + "/sda1/odd")));
     ASSERT_EQ(oddItems.size(), 1u);
     EXPECT_EQ(oddItems[0]["FileName"].asString(), odd);
-    EXPECT_EQ(oddItems[0]["Title"].asString(), "say \"hi\"\t\\");
 }
 
 TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
@@ -255,7 +220,6 @@ TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
     guint32 hb = b.Connect("libmox_test_source.so");
     ASSERT_NE(ha, kFailedHandle);
     EXPECT_EQ(hb, ha + 1);
-    EXPECT_EQ(h.CountLog("Already installed plugin"), 1u);
 
     // Two clients, one source call, one signal each under its own handle; the
     // same client twice under one handle is answered once.
@@ -284,18 +248,16 @@ TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
     a.List(ha, slow2);
     b.List(hb, slow2);
     a.Send("disconnect", g_variant_new("(u)", ha));
-    Json::Value ack = a.Nth("mox_request_normal_complete", 3);
-    EXPECT_EQ(ack["mox_event_type"].asInt(), 8);
-    EXPECT_EQ(ack["mox_handle_id"].asUInt(), ha);
-    EXPECT_EQ(b.Nth("mox_request_normal_complete", 3)["mox_event_type"].asInt(), 0);
-    Delivered(b.Nth("mox_request_normal_complete", 3));
+    EXPECT_EQ(a.Nth("mox_request_normal_complete", 3)["mox_event_type"].asInt(), 8);
+    Json::Value answer = b.Nth("mox_request_normal_complete", 3);
+    EXPECT_EQ(answer["mox_event_type"].asInt(), 0);
+    Delivered(answer);
     a.Drain(300);
     EXPECT_EQ(a.Count("mox_request_normal_complete"), 3u);
 
     // Two sources: the items of the name that sorts first come first.
     b.List(hb, ListDoc(R"(["mox_test_source2","mox_test_source"])", R"(,"test_item_count":2)"));
-    Json::Value two = b.Nth("mox_request_normal_complete", 4);
-    EXPECT_EQ(Names(ReadList(Delivered(two))),
+    EXPECT_EQ(Names(ReadList(Delivered(b.Nth("mox_request_normal_complete", 4)))),
               (std::vector<std::string>{"mox_test_source-0", "mox_test_source-1", "mox_test_source2-0",
                                         "mox_test_source2-1"}));
     // ... and sorted across both sources by an integer key.
@@ -304,16 +266,6 @@ TEST_F(Requests, CoalescingDisconnectAndSourcesInNameOrder) {
     EXPECT_EQ(Names(ReadList(Delivered(b.Nth("mox_request_normal_complete", 5)))),
               (std::vector<std::string>{"mox_test_source-1", "mox_test_source2-1", "mox_test_source-0",
                                         "mox_test_source2-0"}));
-
-    // A source's own error code: 6 gives event 1, others event 2.
-    b.List(hb, ListDoc(R"(["mox_test_source"])", R"(,"test_error":6)"));
-    EXPECT_EQ(b.Nth("mox_request_normal_complete", 6)["mox_event_type"].asInt(), 1);
-    b.List(hb, ListDoc(R"(["mox_test_source"])", R"(,"test_error":9)"));
-    EXPECT_EQ(b.Nth("mox_request_normal_complete", 7)["mox_event_type"].asInt(), 2);
-    // A source nobody installed: error 4, event 2.
-    b.List(hb, ListDoc(R"(["mox_nobody"])"));
-    EXPECT_EQ(b.Nth("mox_request_normal_complete", 8)["mox_event_type"].asInt(), 2);
-    EXPECT_GE(h.CountLog("Can not get source[mox_nobody]."), 1u);
 }
 
 TEST_F(Requests, DetailOutcomesCancelAndMetadataWithAndWithoutProvider) {
@@ -323,17 +275,16 @@ TEST_F(Requests, DetailOutcomesCancelAndMetadataWithAndWithoutProvider) {
         std::string doc = R"({"mox_command":"mox_requestdetail","mox_source":"mox_test_source")" + extra + "}";
         c.Send("request_detail", g_variant_new("(us)", handle, doc.c_str()));
     };
-    detail(R"(,"test_error":4)");
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 1)["mox_event_type"].asInt(), 4);
-    detail(R"(,"test_error":5)");
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 2)["mox_event_type"].asInt(), 5);
-    detail("");
-    Json::Value ev = c.Nth("mox_request_normal_complete", 3);
-    EXPECT_EQ(ev["mox_event_type"].asInt(), 3);
-    EXPECT_EQ(ev["mox_result_detail_json"].asString(), R"({"detail_of":"mox_test_source"})");
-    EXPECT_EQ(ev["mox_detail_request_times"].asString(), "");
-    detail(R"(,"test_misbehave":"throw")");
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 4)["mox_event_type"].asInt(), 3);
+    // The source's code is the event; a throwing source answers like a refusal.
+    const std::pair<const char*, int> outcomes[] = {
+        {R"(,"test_error":4)", 4}, {R"(,"test_error":5)", 5}, {"", 3}, {R"(,"test_misbehave":"throw")", 3}};
+    size_t n = 0;
+    for (const auto& [extra, event] : outcomes) {
+        detail(extra);
+        EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_event_type"].asInt(), event) << extra;
+    }
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 3)["mox_result_detail_json"].asString(),
+              R"({"detail_of":"mox_test_source"})");
     // Without a source: 4.
     c.Send("request_detail", g_variant_new("(us)", handle, R"({"mox_command":"mox_requestdetail"})"));
     EXPECT_EQ(c.Nth("mox_request_normal_complete", 5)["mox_event_type"].asInt(), 4);
@@ -345,25 +296,25 @@ TEST_F(Requests, DetailOutcomesCancelAndMetadataWithAndWithoutProvider) {
     EXPECT_EQ(c.Count("mox_request_normal_complete"), 5u);
 
     // Metadata: no provider -> 14; a provider -> 13 with its answer and the
-    // request; a failing provider -> 14.
+    // request.
     const std::string meta = R"({"mox_command":"mox_requestmeta","mox_uuid":"u1","mox_accesstoken":"tok"})";
     c.Send("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
-    ev = c.Nth("mox_request_metadata", 1);
-    EXPECT_EQ(ev["mox_event_type"].asInt(), 14);
+    EXPECT_EQ(c.Nth("mox_request_metadata", 1)["mox_event_type"].asInt(), 14);
     Install(h, MOX_UHD_PROVIDER_SO);
     c.Send("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
-    ev = c.Nth("mox_request_metadata", 2);
+    Json::Value ev = c.Nth("mox_request_metadata", 2);
     EXPECT_EQ(ev["mox_event_type"].asInt(), 13);
     Json::Value data = Parse(ev["act_command_and_return_data"].asString());
     EXPECT_EQ(data["uhd_uuid"].asString(), "u1");
     EXPECT_EQ(data["uhd_token"].asString(), "tok");
     EXPECT_EQ(data["mox_uhd_request_param"].asString(), meta);
-    c.Send("request_metadata",
-           g_variant_new("(us)", handle, R"({"mox_command":"mox_requestmeta","mox_uuid":"fail"})"));
-    EXPECT_EQ(c.Nth("mox_request_metadata", 3)["mox_event_type"].asInt(), 14);
-    c.Send("request_metadata",
-           g_variant_new("(us)", handle, R"({"mox_command":"mox_requestmeta","mox_uuid":"huge"})"));
-    EXPECT_EQ(c.Nth("mox_request_metadata", 4)["mox_event_type"].asInt(), 14);
+    // A failing provider, or one answering more than a signal may carry: 14.
+    size_t m = 2;
+    for (const std::string uuid : {"fail", "huge"}) {
+        const std::string doc = R"({"mox_command":"mox_requestmeta","mox_uuid":")" + uuid + "\"}";
+        c.Send("request_metadata", g_variant_new("(us)", handle, doc.c_str()));
+        EXPECT_EQ(c.Nth("mox_request_metadata", ++m)["mox_event_type"].asInt(), 14) << uuid;
+    }
 }
 
 TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
@@ -375,8 +326,6 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
           std::string("lib..so"), longName, std::string("libmox_test_bad_abi.so"),
           std::string("libmox_test_no_entry.so"), std::string("libnothere.so"), std::string("")})
         EXPECT_EQ(c.Connect(name), kFailedHandle) << name.substr(0, 60);
-    EXPECT_GE(h.CountLog("Refused plugin name"), 4u);
-    EXPECT_EQ(h.CountLog("built for source ABI"), 1u);
     // Failures consume no handle; "cloud" needs no plug-in.
     EXPECT_EQ(c.Connect("cloud"), 0u);
     guint32 handle = c.Connect("libmox_test_source.so");
@@ -390,11 +339,15 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     EXPECT_EQ(h.CountLog("GetCommand failed."), 3u);
     EXPECT_EQ(h.CountLog("Unknown command[mox_unknown]."), 1u);
 
-    // Each bad list request gets its failure event and nothing else breaks.
+    // Each bad list request gets its failure event, no list, and nothing else
+    // breaks; a source's own error 6 gives event 1, others event 2.
     std::string many = "[";
     for (int i = 0; i < 10000; ++i) many += (i ? ",\"s" : "\"s") + std::to_string(i) + "\"";
     many += "]";
     const std::vector<std::pair<std::string, int>> bad = {
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_error":6)"), 1},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_error":9)"), 2},
+        {ListDoc(R"(["mox_nobody"])"), 2},
         {ListDoc(R"("mox_test_source")"), 2},
         {ListDoc(R"([1,2])"), 2},
         {ListDoc(R"([])"), 2},
@@ -412,10 +365,6 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
         EXPECT_EQ(ev["mox_event_type"].asInt(), event) << doc.substr(0, 120);
         EXPECT_EQ(ev["mox_result_list_block_name"].asString(), "") << doc.substr(0, 120);
     }
-    EXPECT_GE(h.CountLog("answered 3 items but 2 lengths"), 1u);
-    EXPECT_GE(h.CountLog("overrun the"), 1u);
-    EXPECT_GE(h.CountLog("threw from GetData"), 1u);
-    EXPECT_GE(h.CountLog("can not hold"), 1u);
     // A single source whose window does not start at 0 is a fine list.
     c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"offset")"));
     Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
@@ -429,7 +378,6 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_event_type"].asInt(), 11);
 
     // Running jobs are bounded: requests beyond the bound are answered at once.
-    const size_t before = n;
     for (int i = 0; i < 70; ++i)
         c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500,"n":)" + std::to_string(i)));
     int ready = 0, refused = 0;
@@ -439,13 +387,9 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
         if (answer["mox_event_type"].asInt() == 2) ++refused;
         Delivered(answer);
     }
-    EXPECT_EQ(n - before, 70u);
     EXPECT_EQ(ready, 64);
     EXPECT_EQ(refused, 6);
-    EXPECT_EQ(h.CountLog("Too many requests or undropped lists: list request refused."), 6u);
-
-    CallResult alive = h.Call("start_server", nullptr);
-    ASSERT_TRUE(alive.ok()) << alive.error;
+    EXPECT_TRUE(h.Call("start_server", nullptr).ok());
 }
 
 TEST_F(Requests, ClientLeavingTheBusLosesItsListsAndAnswers) {
