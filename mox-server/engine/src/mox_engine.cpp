@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -240,8 +241,42 @@ void notify_storages(SDBusConnectionInfo client, EMOXStorageEvent event, std::st
     }
 }
 
+// The caller's user id as the bus daemon knows it; (uid_t)-1 when unknown.
+uid_t callerUid(GDBusMethodInvocation* invocation) {
+    GError* rawError = nullptr;
+    GVariant* reply = g_dbus_connection_call_sync(
+        g_dbus_method_invocation_get_connection(invocation), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+        "org.freedesktop.DBus", "GetConnectionUnixUser",
+        g_variant_new("(s)", g_dbus_method_invocation_get_sender(invocation)), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &rawError);
+    std::unique_ptr<GError, GErrorDeleter> error(rawError);
+    if (!reply) {
+        MOX_WARN("cannot tell the caller's user: %s", error ? error->message : "unknown error");
+        return static_cast<uid_t>(-1);
+    }
+    guint32 uid = 0;
+    g_variant_get(reply, "(u)", &uid);
+    g_variant_unref(reply);
+    return static_cast<uid_t>(uid);
+}
+
+// User ids of the clients seen, by unique name (main loop only). A unique
+// name is never reused, and the entry goes when its client leaves the bus, so
+// the bus is asked once per client connection.
+std::map<std::string, uid_t> g_uidBySender;
+
+uid_t cachedCallerUid(GDBusMethodInvocation* invocation) {
+    const std::string sender = g_dbus_method_invocation_get_sender(invocation);
+    auto found = g_uidBySender.find(sender);
+    if (found != g_uidBySender.end()) return found->second;
+    uid_t uid = callerUid(invocation);
+    if (uid != static_cast<uid_t>(-1)) g_uidBySender.emplace(sender, uid);
+    return uid;
+}
+
 SDBusConnectionInfo callerOf(GDBusMethodInvocation* invocation) {
     SDBusConnectionInfo client;
+    client.uid = cachedCallerUid(invocation);
     client.connection = g_dbus_method_invocation_get_connection(invocation);
     client.sender = g_dbus_method_invocation_get_sender(invocation);
     client.objectPath = g_dbus_method_invocation_get_object_path(invocation);
@@ -322,25 +357,6 @@ struct FileJob {
     ~FileJob() { g_object_unref(invocation); }
 };
 
-// The caller's user id as the bus daemon knows it; (uid_t)-1 when unknown.
-uid_t callerUid(GDBusMethodInvocation* invocation) {
-    GError* rawError = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(
-        g_dbus_method_invocation_get_connection(invocation), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-        "org.freedesktop.DBus", "GetConnectionUnixUser",
-        g_variant_new("(s)", g_dbus_method_invocation_get_sender(invocation)), G_VARIANT_TYPE("(u)"),
-        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &rawError);
-    std::unique_ptr<GError, GErrorDeleter> error(rawError);
-    if (!reply) {
-        MOX_WARN("cannot tell the caller's user: %s", error ? error->message : "unknown error");
-        return static_cast<uid_t>(-1);
-    }
-    guint32 uid = 0;
-    g_variant_get(reply, "(u)", &uid);
-    g_variant_unref(reply);
-    return static_cast<uid_t>(uid);
-}
-
 void runFileJob(GTask* task, gpointer, gpointer data, GCancellable*) {
     auto* job = static_cast<FileJob*>(data);
     bool bResult = job->bWrite ? CMOXUsbFile::Write(job->path, job->shmName, callerUid(job->invocation))
@@ -370,6 +386,19 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
     MOX_INFO("recive method(%s).", szMethodName);
     const std::string method(szMethodName);
     if (!argumentsFit(szMethodName, parameters)) {
+        // A refused request still gets its failure signal: a client must not
+        // wait for an answer that never comes.
+        static const std::map<std::string, EMOXCommandKind> kRequests = {
+            {"get_partial_list", EMOXCommandKind::kList},
+            {"request_detail", EMOXCommandKind::kDetail},
+            {"request_metadata", EMOXCommandKind::kMeta},
+            {"request_act", EMOXCommandKind::kAct}};
+        auto request = kRequests.find(method);
+        if (request != kRequests.end()) {
+            guint32 nHandleId = 0;
+            g_variant_get_child(parameters, 0, "u", &nHandleId);
+            CMOXEngineImp::EmitRequestFailure(request->second, nHandleId, callerOf(invocation));
+        }
         g_dbus_method_invocation_return_value(invocation, failureReply(method));
         return;
     }
@@ -568,6 +597,7 @@ void onNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gcha
     const gchar* szNewOwner = nullptr;
     g_variant_get(parameters, "(&s&s&s)", &szName, &szOldOwner, &szNewOwner);
     if (szName[0] != ':' || szNewOwner[0] != '\0') return;
+    g_uidBySender.erase(szName);
     if (g_pStorageMgr) g_pStorageMgr->RemoveNotificationClientsOf(szName);
     if (pMOXEngineImp) pMOXEngineImp->RemoveClient(szName);
 }

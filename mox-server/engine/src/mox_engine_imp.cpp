@@ -94,26 +94,65 @@ std::unique_ptr<Requester> CMOXEngineImp::m_InitRequester(guint32 nHandleId, con
     auto pRequester = std::make_unique<Requester>();
     pRequester->nHandleId = nHandleId;
     pRequester->client = caller;
+    pRequester->strShare = m_ShareOf(caller);
     return pRequester;
 }
 
-bool CMOXEngineImp::m_FindRequester(std::unique_ptr<Requester>& pRequester, std::string& strKey) {
+std::string CMOXEngineImp::m_ShareOf(const connect_info_s& caller) {
+    // Root's connections are system services, each a client of its own; any
+    // other user is one client however many connections it opens.
+    if (caller.uid == static_cast<uid_t>(-1) || caller.uid == 0) return "name:" + caller.sender;
+    return "uid:" + std::to_string(caller.uid);
+}
+
+void CMOXEngineImp::m_AddToShare(const Requester& requester) { ++m_shares[requester.strShare].nRequests; }
+
+void CMOXEngineImp::m_RemoveFromShare(const Requester& requester) {
+    auto found = m_shares.find(requester.strShare);
+    if (found == m_shares.end()) return;
+    if (found->second.nRequests > 0) --found->second.nRequests;
+    if (found->second.nRequests == 0 && found->second.nJobs == 0 && found->second.nTransfers == 0)
+        m_shares.erase(found);
+}
+
+bool CMOXEngineImp::m_ShareAllows(const connect_info_s& caller, bool bNewJob, bool bTransfer) const {
+    if (bNewJob && m_workers.size() >= kMaxJobs) {
+        MOX_WARN("%zu requests running: request of [%s] refused.", m_workers.size(), caller.sender.c_str());
+        return false;
+    }
+    auto found = m_shares.find(m_ShareOf(caller));
+    if (found == m_shares.end()) return true;
+    const Share& share = found->second;
+    if (share.nRequests >= kMaxRequestsPerClient || (bNewJob && share.nJobs >= kMaxJobsPerClient) ||
+        (bNewJob && bTransfer && share.nTransfers >= kMaxTransfersPerClient)) {
+        MOX_WARN("Client [%s] holds its share of requests (%zu waiting, %zu running): request refused.",
+                 caller.sender.c_str(), share.nRequests, share.nJobs);
+        return false;
+    }
+    return true;
+}
+
+bool CMOXEngineImp::m_FindRequester(std::unique_ptr<Requester>& pRequester, const std::string& strKey) {
     auto found = m_workers.find(strKey);
     if (found == m_workers.end()) return false;
-    // A second request under the same handle is answered by the first one.
-    found->second->requesters.insert(std::move(pRequester));
+    // A second request of the same client under the same handle is answered
+    // by the first one.
+    auto inserted = found->second->requesters.insert(std::move(pRequester));
+    if (inserted.second) m_AddToShare(**inserted.first);
     pRequester.reset();
     return true;
 }
 
-std::unique_ptr<WorkerThreadJob> CMOXEngineImp::m_InitWorker(std::unique_ptr<Requester> pRequester,
+std::unique_ptr<WorkerThreadJob> CMOXEngineImp::m_InitWorker(EMOXCommandKind eKind,
+                                                             std::unique_ptr<Requester> pRequester,
                                                              const std::string& strKey,
                                                              const std::string& strQueryCmd) {
     auto pJob = std::make_unique<WorkerThreadJob>();
+    pJob->eKind = eKind;
     pJob->strKey = strKey;
     pJob->strQueryCmd = strQueryCmd;
+    pJob->strShare = pRequester->strShare;
     pJob->requesters.insert(std::move(pRequester));
-    pJob->pThis = this;
     return pJob;
 }
 
@@ -124,16 +163,49 @@ size_t CMOXEngineImp::m_ListsHeldBy(const std::string& strSender) const {
     return nCount;
 }
 
-IMOXCommand* CMOXEngineImp::m_StartJob(std::unique_ptr<WorkerThreadJob> pJob, MOXCommandCallback pfnCallback) {
-    pJob->pCommand = CMOXSingleton<CMOXCommandFactory>::Get()->GetCommand(pJob->strQueryCmd, pfnCallback, pJob.get());
+IMOXCommand* CMOXEngineImp::m_StartJob(std::unique_ptr<WorkerThreadJob> pJob) {
+    // The closures name the job and its kind; the job outlives its command.
+    WorkerThreadJob* pRaw = pJob.get();
+    MOXCommandCallback fnDone;
+    MOXProgressCallback fnProgress;
+    switch (pJob->eKind) {
+        case EMOXCommandKind::kList:
+            fnDone = [this, pRaw](std::string strResult, mox_error_code_e eError) {
+                m_OnListDone(pRaw, strResult, eError);
+            };
+            break;
+        case EMOXCommandKind::kDetail:
+            fnDone = [this, pRaw](std::string strResult, mox_error_code_e eError) {
+                m_OnDetailDone(pRaw, strResult, eError);
+            };
+            break;
+        case EMOXCommandKind::kMeta:
+            fnDone = [this, pRaw](std::string strResult, mox_error_code_e eError) {
+                m_OnMetaDone(pRaw, strResult, eError);
+            };
+            break;
+        case EMOXCommandKind::kAct:
+            fnDone = [this, pRaw](std::string strResult, mox_error_code_e eError) {
+                m_OnActDone(pRaw, strResult, eError);
+            };
+            fnProgress = [this, pRaw](const char* szParam, mox_transfer_progress_data_s* pProgress,
+                                      mox_error_code_e eError) { m_OnActProgress(pRaw, szParam, pProgress, eError); };
+            break;
+    }
+    pJob->pCommand = CMOXCommandFactory::GetCommand(pJob->eKind, pJob->strQueryCmd, std::move(fnDone),
+                                                    std::move(fnProgress));
     if (!pJob->pCommand) {
-        MOX_WARN("GetCommand failed.");
+        // The factory said why; the client still gets its answer.
+        const Requester& first = **pJob->requesters.begin();
+        m_EmitFailure(pJob->eKind, first.client, first.nHandleId, pJob->strQueryCmd, MOX_ERROR_GENERIC);
         return nullptr;
     }
     IMOXCommand* pCommand = pJob->pCommand.get();
-    MOX_DEBUG("m_workers.size() before insert: %d", static_cast<int>(m_workers.size()));
+    Share& share = m_shares[pJob->strShare];
+    ++share.nJobs;
+    if (pJob->bTransfer) ++share.nTransfers;
+    for (const auto& pRequester : pJob->requesters) m_AddToShare(*pRequester);
     m_workers.emplace(pJob->strKey, std::move(pJob));
-    MOX_DEBUG("m_workers.size() after insert: %d", static_cast<int>(m_workers.size()));
     return pCommand;
 }
 
@@ -147,17 +219,21 @@ bool CMOXEngineImp::m_Execute(std::unique_lock<std::mutex>& lock, IMOXCommand* p
     return true;
 }
 
-bool CMOXEngineImp::m_JoinOrStart(std::unique_lock<std::mutex>& lock, const std::string& strKeyIn,
-                                  const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller,
-                                  MOXCommandCallback pfnCallback) {
-    std::string strKey = strKeyIn;
+bool CMOXEngineImp::m_JoinOrStart(std::unique_lock<std::mutex>& lock, EMOXCommandKind eKind,
+                                  const std::string& strKey, const std::string& strCommand, guint32 nHandleId,
+                                  const connect_info_s& caller) {
+    const bool bJoin = m_workers.count(strKey) != 0;
+    if (!m_ShareAllows(caller, !bJoin, false)) {
+        m_EmitFailure(eKind, caller, nHandleId, strCommand, MOX_ERROR_GENERIC);
+        return false;
+    }
     std::unique_ptr<Requester> pRequester = m_InitRequester(nHandleId, caller);
     if (m_FindRequester(pRequester, strKey)) {
         MOX_DEBUG("m_FindRequester == true.");
         return true;
     }
     MOX_DEBUG("m_FindRequesterInit fail. Init a new workThread job.");
-    IMOXCommand* pCommand = m_StartJob(m_InitWorker(std::move(pRequester), strKey, strCommand), pfnCallback);
+    IMOXCommand* pCommand = m_StartJob(m_InitWorker(eKind, std::move(pRequester), strKey, strCommand));
     return m_Execute(lock, pCommand, strCommand);
 }
 
@@ -170,33 +246,64 @@ void CMOXEngineImp::m_EmitRefusal(const connect_info_s& caller, const char* szSi
     m_Emit(caller, szSignal, payload.ToString());
 }
 
+void CMOXEngineImp::m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& caller, guint32 nHandleId,
+                                  const std::string& strCommand, int nError) {
+    CJsonValue payload;
+    payload.Set("mox_handle_id", nHandleId);
+    payload.Set("mox_error_code", nError);
+    const char* szSignal = "mox_request_normal_complete";
+    switch (eKind) {
+        case EMOXCommandKind::kList:
+            payload.Set("mox_event_type", 2);
+            payload.Set("mox_result_list_block_name", "");
+            break;
+        case EMOXCommandKind::kDetail:
+            payload.Set("mox_event_type", 3);
+            payload.Set("mox_result_list_block_name", "");
+            payload.Set("mox_result_detail_json", "");
+            payload.Set("mox_detail_request_times", StringMember(strCommand, "mox_detail_request_times"));
+            break;
+        case EMOXCommandKind::kMeta:
+            szSignal = "mox_request_metadata";
+            payload.Set("mox_event_type", 14);
+            payload.Set("act_command_and_return_data", "{}");
+            break;
+        case EMOXCommandKind::kAct:
+            m_EmitActEnd(caller, nHandleId, strCommand, StringMember(strCommand, "mox_act_request_times"), nError);
+            return;
+    }
+    m_Emit(caller, szSignal, payload.ToString());
+}
+
+void CMOXEngineImp::EmitRequestFailure(EMOXCommandKind eKind, guint32 nHandleId, const connect_info_s& caller) {
+    m_EmitFailure(eKind, caller, nHandleId, std::string(), MOX_ERROR_GENERIC);
+}
+
 bool CMOXEngineImp::GetPartialList(const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::GetPartialList()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strCommand).c_str());
     std::unique_lock<std::mutex> lock(m_mutex);
     std::string strKey = kListKey + strCommand;
-    if (!m_workers.count(strKey) &&
-        (m_workers.size() >= kMaxJobs || m_ListsHeldBy(caller.sender) >= kMaxListsPerClient)) {
-        MOX_WARN("Too many requests or undropped lists: list request refused.");
-        m_EmitRefusal(caller, "mox_request_normal_complete", 2, nHandleId, "mox_result_list_block_name", "");
+    if (!m_workers.count(strKey) && m_ListsHeldBy(caller.sender) >= kMaxListsPerClient) {
+        MOX_WARN("Too many undropped lists: list request refused.");
+        m_EmitFailure(EMOXCommandKind::kList, caller, nHandleId, strCommand, MOX_ERROR_GENERIC);
         return false;
     }
-    return m_JoinOrStart(lock, strKey, strCommand, nHandleId, caller, m_GetPartialListCompeleteCb);
+    return m_JoinOrStart(lock, EMOXCommandKind::kList, strKey, strCommand, nHandleId, caller);
 }
 
 bool CMOXEngineImp::RequestDetail(const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::RequestDetail()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strCommand).c_str());
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_workers.size() >= kMaxJobs) {
-        MOX_WARN("Too many requests: detail request refused.");
-        m_EmitEvent(caller, 3, nHandleId);
+    if (!m_ShareAllows(caller, true, false)) {
+        m_EmitFailure(EMOXCommandKind::kDetail, caller, nHandleId, strCommand, MOX_ERROR_GENERIC);
         return false;
     }
     // Never coalesced: every detail request runs its own command.
     std::string strKey = kDetailKey + std::to_string(++m_nDetailSerial) + ":" + strCommand;
     IMOXCommand* pCommand =
-        m_StartJob(m_InitWorker(m_InitRequester(nHandleId, caller), strKey, strCommand), m_RequestDetailCompeleteCb);
+        m_StartJob(m_InitWorker(EMOXCommandKind::kDetail, m_InitRequester(nHandleId, caller), strKey, strCommand));
     return m_Execute(lock, pCommand, strCommand);
 }
 
@@ -204,13 +311,7 @@ bool CMOXEngineImp::RequestMetadata(const std::string& strRequest, guint32 nHand
     MOX_INFO("In CMOXEngineImp::RequestMetadata()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strRequest).c_str());
     std::unique_lock<std::mutex> lock(m_mutex);
-    std::string strKey = kMetaKey + strRequest;
-    if (!m_workers.count(strKey) && m_workers.size() >= kMaxJobs) {
-        MOX_WARN("Too many requests: metadata request refused.");
-        m_EmitRefusal(caller, "mox_request_metadata", 14, nHandleId, "act_command_and_return_data", "{}");
-        return false;
-    }
-    return m_JoinOrStart(lock, strKey, strRequest, nHandleId, caller, m_RequestMetaCompeleteCb);
+    return m_JoinOrStart(lock, EMOXCommandKind::kMeta, kMetaKey + strRequest, strRequest, nHandleId, caller);
 }
 
 bool CMOXEngineImp::CancelDetail(guint32 nHandleId, const connect_info_s& caller) {
@@ -304,12 +405,18 @@ bool CMOXEngineImp::DropPartialList(const std::string& strShmName, guint32 nHand
 void CMOXEngineImp::RemoveClient(const std::string& strUniqueName) {
     std::lock_guard<std::mutex> lock(m_mutex);
     int nCancelled = 0;
-    for (auto& entry : m_workers)
-        for (auto& pRequester : entry.second->requesters)
+    for (auto& entry : m_workers) {
+        bool bWanted = false;
+        for (auto& pRequester : entry.second->requesters) {
             if (pRequester->client.sender == strUniqueName && pRequester->nCancelled == 0) {
                 pRequester->nCancelled = 1;
                 ++nCancelled;
             }
+            bWanted = bWanted || pRequester->nCancelled == 0;
+        }
+        // Nobody waits any more: a transfer or detail need not run on.
+        if (!bWanted && entry.second->pCommand) entry.second->pCommand->Stop();
+    }
     int nDropped = 0;
     for (auto it = m_deliveredLists.begin(); it != m_deliveredLists.end();) {
         size_t nHeld = it->second.size();
@@ -329,7 +436,15 @@ void CMOXEngineImp::RemoveClient(const std::string& strUniqueName) {
 }
 
 void CMOXEngineImp::m_ReleaseJob(WorkerThreadJob* pJob) {
+    for (const auto& pRequester : pJob->requesters) m_RemoveFromShare(*pRequester);
     pJob->requesters.clear();
+    auto share = m_shares.find(pJob->strShare);
+    if (share != m_shares.end()) {
+        if (share->second.nJobs > 0) --share->second.nJobs;
+        if (pJob->bTransfer && share->second.nTransfers > 0) --share->second.nTransfers;
+        if (share->second.nRequests == 0 && share->second.nJobs == 0 && share->second.nTransfers == 0)
+            m_shares.erase(share);
+    }
     MOX_DEBUG("m_workers.size() before delete: %d", static_cast<int>(m_workers.size()));
     auto found = m_workers.find(pJob->strKey);
     if (found != m_workers.end() && found->second.get() == pJob) {
@@ -340,25 +455,9 @@ void CMOXEngineImp::m_ReleaseJob(WorkerThreadJob* pJob) {
     m_idle.notify_all();
 }
 
-WorkerThreadJob* CMOXEngineImp::m_CallbackJob(void* pUserData, bool bWarnIfNull) {
-    auto* pJob = static_cast<WorkerThreadJob*>(pUserData);
-    if (pJob == nullptr) {
-        if (bWarnIfNull) MOX_WARN("pWorkingInfo == NULL");
-        return nullptr;
-    }
-    if (pJob->pThis == nullptr) {
-        MOX_DEBUG("---cb working Info pThis is NULL---\n");
-        return nullptr;
-    }
-    return pJob;
-}
-
-void CMOXEngineImp::m_GetPartialListCompeleteCb(void* pUserData, std::string strShmName, mox_error_code_e eError) {
+void CMOXEngineImp::m_OnListDone(WorkerThreadJob* pJob, const std::string& strShmName, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_GetPartialListCompeleteCb().");
-    WorkerThreadJob* pJob = m_CallbackJob(pUserData, false);
-    if (pJob == nullptr) return;
-    CMOXEngineImp* pThis = pJob->pThis;
-    std::lock_guard<std::mutex> lock(pThis->m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     int nEventType = strShmName.empty() ? 2 : 0;
     if (eError == MOX_ERROR_FAILED_RESULT) nEventType = 1;
     std::set<Holder> recipients;
@@ -377,21 +476,18 @@ void CMOXEngineImp::m_GetPartialListCompeleteCb(void* pUserData, std::string str
     if (!strShmName.empty()) {
         if (recipients.empty()) {
             // Everybody left or disconnected: nobody will drop it.
-            pThis->m_DropList(strShmName);
+            m_DropList(strShmName);
         } else {
-            pThis->m_deliveredLists[strShmName].insert(recipients.begin(), recipients.end());
+            m_deliveredLists[strShmName].insert(recipients.begin(), recipients.end());
         }
     }
-    pThis->m_ReleaseJob(pJob);
+    m_ReleaseJob(pJob);
 }
 
-void CMOXEngineImp::m_RequestDetailCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError) {
+void CMOXEngineImp::m_OnDetailDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_RequestDetailCompeleteCb().");
-    WorkerThreadJob* pJob = m_CallbackJob(pUserData, false);
-    if (pJob == nullptr) return;
-    CMOXEngineImp* pThis = pJob->pThis;
     std::string strTimes = StringMember(pJob->strQueryCmd, "mox_detail_request_times");
-    std::lock_guard<std::mutex> lock(pThis->m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!pJob->requesters.empty()) {
         const Requester& first = **pJob->requesters.begin();
         if (first.nCancelled == 0) {
@@ -413,21 +509,18 @@ void CMOXEngineImp::m_RequestDetailCompeleteCb(void* pUserData, std::string strR
             m_Emit(first.client, "mox_request_normal_complete", strPayload);
         }
     }
-    pThis->m_ReleaseJob(pJob);
+    m_ReleaseJob(pJob);
 }
 
-void CMOXEngineImp::m_RequestMetaCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError) {
+void CMOXEngineImp::m_OnMetaDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_RequestMetaCompeleteCb().");
-    WorkerThreadJob* pJob = m_CallbackJob(pUserData, true);
-    if (pJob == nullptr) return;
-    CMOXEngineImp* pThis = pJob->pThis;
     // The service's text, or an empty object when it gave no JSON object.
     CJsonValue result(strResult);
     if (!result.IsValid()) result = CJsonValue();
     result.Set("mox_uhd_request_param", pJob->strQueryCmd);
     std::string strData = result.ToString();
     int nEventType = eError == MOX_ERROR_NONE ? 13 : 14;
-    std::lock_guard<std::mutex> lock(pThis->m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;
         CJsonValue payload;
@@ -438,5 +531,5 @@ void CMOXEngineImp::m_RequestMetaCompeleteCb(void* pUserData, std::string strRes
         MOX_DEBUG("Emit signal[%s]", mox_bus::ForLog(strPayload).c_str());
         m_Emit(pRequester->client, "mox_request_metadata", strPayload);
     }
-    pThis->m_ReleaseJob(pJob);
+    m_ReleaseJob(pJob);
 }

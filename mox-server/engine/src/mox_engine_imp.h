@@ -11,15 +11,31 @@
 // outlives its readers; only those requesters may drop a list.
 //
 // Threads: the request methods and RemoveClient run on the main loop; the
-// static completion callbacks run on the commands' threads. m_mutex guards
-// the jobs, their requesters and the delivered lists, and is held while
-// signals are emitted. Lock order: m_mutex before the cache pool's mutex.
-// Completion callbacks delete the job's command on the command's own thread
-// (the command touches nothing of its own after calling back).
+// completion callbacks run on the commands' threads. m_mutex guards the
+// jobs, their requesters, the per-client shares and the delivered lists, and
+// is held while signals are emitted. Lock order: m_mutex before the cache
+// pool's mutex. Completion callbacks delete the job's command on the
+// command's own thread (the command touches nothing of its own after calling
+// back).
 //
-// Bounds: at most kMaxJobs running jobs and kMaxListsPerClient undropped
-// lists per client; beyond them a request is answered at once with its
-// failure event.
+// Kinds: every request method makes only commands of its own kind (list,
+// detail, meta, act); a document naming another kind, or none, is refused
+// with the method's failure signal and code 23. Each job's callbacks are
+// closures bound to that job's kind: nothing a document says can change what
+// a callback believes it was handed.
+//
+// Ownership: only the client (unique bus name) that made a request may cancel
+// it, drop its lists, disconnect its handle or stop its transfer; a caller
+// running as root may stop any transfer.
+//
+// Bounds: at most kMaxJobs running jobs. Each client's share is smaller:
+// kMaxJobsPerClient jobs it started, kMaxTransfersPerClient of them file
+// transfers, kMaxRequestsPerClient waiting requests (joined ones included) and
+// kMaxListsPerClient undropped lists. A client is a user id, except for root,
+// whose connections are each a client of their own. Beyond a bound a request
+// is answered at once with its failure event. A client that leaves the bus
+// gets its share back: its requests are cancelled, its lists dropped and the
+// commands that no other client waits for are asked to stop.
 #pragma once
 
 #include <glib.h>
@@ -44,27 +60,38 @@ struct Requester {
     int nCancelled = 0;  // nonzero: no completion signal
     guint32 nHandleId = 0;
     connect_info_s client;
+    std::string strShare;  // the per-client share it counts against
 };
 
+// One requester per (client, handle) in a job: a second request of the same
+// client under the same handle is answered by the first one, and a client
+// naming another client's handle never displaces that client.
 struct RequesterPointerComparator {
     bool operator()(const std::unique_ptr<Requester>& a, const std::unique_ptr<Requester>& b) const {
-        return a->nHandleId < b->nHandleId;
+        if (a->nHandleId != b->nHandleId) return a->nHandleId < b->nHandleId;
+        return a->client.sender < b->client.sender;
     }
 };
 
 struct WorkerThreadJob {
+    EMOXCommandKind eKind = EMOXCommandKind::kList;
     std::string strQueryCmd;  // the command text, as given to Execute
     std::string strKey;       // the job's key in m_workers
+    std::string strShare;     // the share of the client that started it
+    // File transfers: the source and "mox_transfer_id" a stop names.
+    bool bTransfer = false;
+    std::string strTransferSource;
+    std::string strTransferId;
     std::unique_ptr<IMOXCommand> pCommand;
-    // File transfers: the command's user data (job, progress callback).
-    std::unique_ptr<SMOXActParam> pActParam;
     std::set<std::unique_ptr<Requester>, RequesterPointerComparator> requesters;
-    CMOXEngineImp* pThis = nullptr;
 };
 
 class CMOXEngineImp {
 public:
     static const size_t kMaxJobs = 64;
+    static const size_t kMaxJobsPerClient = 16;
+    static const size_t kMaxTransfersPerClient = 8;
+    static const size_t kMaxRequestsPerClient = 256;
     static const size_t kMaxListsPerClient = 256;
     static const guint32 kInvalidHandle = 4294967295u;
 
@@ -91,16 +118,16 @@ public:
     // that cannot make a command, or that asks for a stop, is answered at
     // once with a final signal carrying its code. StopActSync runs the stop
     // of a transfer on the calling thread without touching any job and
-    // returns the source's code (23 when no command can be made).
+    // returns the source's code: 23 when no command can be made, 7 when the
+    // transfer is not one of the caller's (the code of an unknown id, so a
+    // refusal tells nothing of other clients' transfers).
     bool Act(const std::string& strParam, const std::string& strSelectionBlock, guint32 nHandleId,
              const connect_info_s& caller);
     guint32 StopActSync(const std::string& strParam, guint32 nHandleId, const connect_info_s& caller);
-    static void m_ActCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError);
-    // pUserData is the job's SMOXActParam. Reports closer than 300 ms to the
-    // previous one (of any transfer) are dropped unless they finish a
-    // download or upload.
-    static void m_ActProgressCb(void* pUserData, const char* szParam, mox_transfer_progress_data_s* pProgress,
-                                mox_error_code_e eError);
+
+    // The failure signal of a request refused before it reached the engine
+    // (e.g. an argument over the size bound): every request gets an answer.
+    static void EmitRequestFailure(EMOXCommandKind eKind, guint32 nHandleId, const connect_info_s& caller);
 
     // A client left the bus: its requesters are cancelled and the result
     // lists that no other client holds are dropped.
@@ -123,29 +150,49 @@ public:
     void RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid);
     void RemoveThumbnailByDevice(const char* mountPath);
 
-    static void m_GetPartialListCompeleteCb(void* pUserData, std::string strShmName, mox_error_code_e eError);
-    static void m_RequestDetailCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError);
-    static void m_RequestMetaCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError);
-
 private:
+    // Per-client shares (see Bounds above).
+    struct Share {
+        size_t nJobs = 0;
+        size_t nTransfers = 0;
+        size_t nRequests = 0;
+    };
+    static std::string m_ShareOf(const connect_info_s& caller);
+
+    // Completion of each kind of job, on the command's thread.
+    void m_OnListDone(WorkerThreadJob* pJob, const std::string& strShmName, mox_error_code_e eError);
+    void m_OnDetailDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError);
+    void m_OnMetaDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError);
+    void m_OnActDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError);
+    // Reports closer than 300 ms to the previous one (of any transfer) are
+    // dropped unless they finish a download or upload.
+    void m_OnActProgress(WorkerThreadJob* pJob, const char* szParam, mox_transfer_progress_data_s* pProgress,
+                         mox_error_code_e eError);
+
     std::unique_ptr<Requester> m_InitRequester(guint32 nHandleId, const connect_info_s& caller);
-    bool m_FindRequester(std::unique_ptr<Requester>& pRequester, std::string& strKey);
-    std::unique_ptr<WorkerThreadJob> m_InitWorker(std::unique_ptr<Requester> pRequester, const std::string& strKey,
-                                                  const std::string& strQueryCmd);
+    // Adds the requester to the job of strKey when there is one (requires
+    // m_mutex); false when there is none.
+    bool m_FindRequester(std::unique_ptr<Requester>& pRequester, const std::string& strKey);
+    std::unique_ptr<WorkerThreadJob> m_InitWorker(EMOXCommandKind eKind, std::unique_ptr<Requester> pRequester,
+                                                  const std::string& strKey, const std::string& strQueryCmd);
+    // Whether the caller may start (bNewJob) or join a job, counting its
+    // share; warns once when not. Requires m_mutex.
+    bool m_ShareAllows(const connect_info_s& caller, bool bNewJob, bool bTransfer) const;
     // The coalescing steps shared by list and metadata requests; unlocks
-    // `lock` to execute a new command.
-    bool m_JoinOrStart(std::unique_lock<std::mutex>& lock, const std::string& strKey, const std::string& strCommand,
-                       guint32 nHandleId, const connect_info_s& caller, MOXCommandCallback pfnCallback);
+    // `lock` to execute a new command. False (failure signal sent) when the
+    // request was refused.
+    bool m_JoinOrStart(std::unique_lock<std::mutex>& lock, EMOXCommandKind eKind, const std::string& strKey,
+                       const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller);
     // Makes the job's command and inserts the job (requires m_mutex); the
-    // command to execute, or NULL (job freed) when none can be made.
-    IMOXCommand* m_StartJob(std::unique_ptr<WorkerThreadJob> pJob, MOXCommandCallback pfnCallback);
+    // command to execute, or NULL (job freed, failure signal sent) when none
+    // can be made.
+    IMOXCommand* m_StartJob(std::unique_ptr<WorkerThreadJob> pJob);
     // Unlocks `lock` and executes pCommand; false for NULL.
     bool m_Execute(std::unique_lock<std::mutex>& lock, IMOXCommand* pCommand, const std::string& strCommand);
     // Frees the job's requesters and removes the job. Requires m_mutex.
     void m_ReleaseJob(WorkerThreadJob* pJob);
-    // The job a command callback was handed, or null (logged) when it or its
-    // engine is missing; bWarnIfNull keeps the warning some callbacks give.
-    static WorkerThreadJob* m_CallbackJob(void* pUserData, bool bWarnIfNull);
+    void m_AddToShare(const Requester& requester);       // requires m_mutex
+    void m_RemoveFromShare(const Requester& requester);  // requires m_mutex
     // Unlinks a result list and lets go of its blocks; false when a block
     // name of the list is empty (the list then stays).
     bool m_DropList(const std::string& strShmName);
@@ -159,6 +206,9 @@ private:
     // The final act signal (event 6 for code 0, else 7) to one requester.
     static void m_EmitActEnd(const connect_info_s& client, guint32 nHandleId, const std::string& strResult,
                              const std::string& strTimes, int nError);
+    // The failure signal of a refused request of eKind (code 23, or nError).
+    static void m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& caller, guint32 nHandleId,
+                              const std::string& strCommand, int nError);
 
     guint32 m_nHandleCounter = 0;  // main loop only
     std::mutex m_mutex;
@@ -168,5 +218,6 @@ private:
     // received it and has not dropped it yet.
     using Holder = std::pair<std::string, guint32>;
     std::map<std::string, std::set<Holder>> m_deliveredLists;  // GUARDED_BY(m_mutex)
+    std::map<std::string, Share> m_shares;                           // GUARDED_BY(m_mutex)
     unsigned long long m_nDetailSerial = 0;                          // GUARDED_BY(m_mutex)
 };

@@ -76,96 +76,89 @@ bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelec
     }
     const std::string strText = doc.IsValid() ? Compact(doc) : strParam;
     const std::string strKey = kActKey + strText;
+    const bool bTransfer = strCommand == "mox_file_transfer";
 
     std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_ShareAllows(caller, m_workers.count(strKey) == 0, bTransfer)) {
+        m_EmitActEnd(caller, nHandleId, strParam, strTimes, MOX_ERROR_GENERIC);
+        return false;
+    }
     std::unique_ptr<Requester> pRequester = m_InitRequester(nHandleId, caller);
-    std::string strFindKey = strKey;
-    if (m_FindRequester(pRequester, strFindKey)) {
+    if (m_FindRequester(pRequester, strKey)) {
         MOX_DEBUG("m_FindRequester == true.");
         return true;
     }
-    if (m_workers.size() >= kMaxJobs) {
-        MOX_WARN("Too many requests: act request refused.");
-        m_EmitActEnd(caller, nHandleId, strParam, strTimes, MOX_ERROR_GENERIC);
-        return false;
-    }
-    std::unique_ptr<WorkerThreadJob> pJob = m_InitWorker(std::move(pRequester), strKey, strText);
-    void* pUserData = pJob.get();
-    if (strCommand == "mox_file_transfer") {
+    std::unique_ptr<WorkerThreadJob> pJob = m_InitWorker(EMOXCommandKind::kAct, std::move(pRequester), strKey, strText);
+    if (bTransfer) {
         MOX_DEBUG("Send Act request[%s]", strCommand.c_str());
-        pJob->pActParam = std::make_unique<SMOXActParam>();
-        pJob->pActParam->pUserData = pJob.get();
-        pJob->pActParam->pfnProgress = m_ActProgressCb;
-        pJob->pActParam->nReserved = 0;
-        pUserData = pJob->pActParam.get();
+        pJob->bTransfer = true;
+        pJob->strTransferSource = StringMember(doc, "mox_source");
+        pJob->strTransferId = StringMember(doc, "mox_transfer_id");
     }
-    pJob->pCommand = CMOXSingleton<CMOXCommandFactory>::Get()->GetCommand(pJob->strQueryCmd, m_ActCompeleteCb,
-                                                                          pUserData);
-    if (!pJob->pCommand) {
-        MOX_WARN("GetCommand failed.");
-        m_EmitActEnd(caller, nHandleId, strParam, strTimes, MOX_ERROR_GENERIC);
-        return false;
-    }
-    IMOXCommand* pCommand = pJob->pCommand.get();
-    m_workers.emplace(strKey, std::move(pJob));
+    IMOXCommand* pCommand = m_StartJob(std::move(pJob));
     return m_Execute(lock, pCommand, strText);
 }
 
 guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::StopActSync()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strParam).c_str());
+    (void)nHandleId;  // a transfer is the client's, whichever handle started it
     CJsonValue doc(strParam);
     const std::string strCommand = StringMember(doc, "mox_command");
     const std::string strText = doc.IsValid() ? Compact(doc) : strParam;
-    // A job of its own, never stored: the stop touches no running job.
-    std::unique_ptr<WorkerThreadJob> pJob = m_InitWorker(m_InitRequester(nHandleId, caller), kActKey + strText,
-                                                         strText);
     if (strCommand != "mox_file_transfer") {
         MOX_WARN("No act to stop for command[%s].", mox_bus::ForLog(strCommand).c_str());
         return MOX_ERROR_GENERIC;
     }
-    // Without the stop member the command would start a transfer whose job
-    // is freed below.
+    // Without the stop member the command would start a transfer nobody
+    // waits for.
     if (!StopRequested(doc)) {
         MOX_WARN("stop_act without \"mox_file_transfer_stop\" true: refused.");
         return MOX_ERROR_INVALID_PARAMETER;
     }
-    MOX_DEBUG("Stop send act request[%s]", strCommand.c_str());
-    pJob->pActParam = std::make_unique<SMOXActParam>();
-    pJob->pActParam->pUserData = pJob.get();
-    pJob->pActParam->pfnProgress = m_ActProgressCb;
-    pJob->pCommand =
-        CMOXSingleton<CMOXCommandFactory>::Get()->GetCommand(pJob->strQueryCmd, m_ActCompeleteCb, pJob->pActParam.get());
-    auto* pActCommand = dynamic_cast<CMOXActCommand*>(pJob->pCommand.get());
-    if (pActCommand == nullptr) {
-        MOX_WARN("GetCommand failed.");
-        return MOX_ERROR_GENERIC;
+    const std::string strSource = StringMember(doc, "mox_source");
+    const std::string strId = StringMember(doc, "mox_transfer_id");
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        bool bAllowed = caller.uid == 0;
+        for (const auto& entry : m_workers) {
+            const WorkerThreadJob& job = *entry.second;
+            if (bAllowed) break;
+            if (!job.bTransfer || job.strTransferSource != strSource || job.strTransferId != strId) continue;
+            for (const auto& pRequester : job.requesters)
+                bAllowed = bAllowed || (pRequester->client.sender == caller.sender && pRequester->nCancelled == 0);
+        }
+        if (!bAllowed) {
+            // The answer of an unknown id: it tells nothing of other clients.
+            MOX_WARN("stop_act from [%s] names no transfer of its own: refused.", caller.sender.c_str());
+            return MOX_ERROR_INVALID_PARAMETER;
+        }
     }
+    MOX_DEBUG("Stop send act request[%s]", strCommand.c_str());
+    // A command of its own, never stored: the stop touches no running job.
+    std::unique_ptr<IMOXCommand> pCommand = CMOXCommandFactory::GetCommand(
+        EMOXCommandKind::kAct, strText, [](std::string, mox_error_code_e) {}, {});
+    auto* pActCommand = dynamic_cast<CMOXActCommand*>(pCommand.get());
+    if (pActCommand == nullptr) return MOX_ERROR_GENERIC;
     pActCommand->Execute(strText);
-    guint32 nResult = static_cast<guint32>(pActCommand->StopResult());
-    pJob->requesters.clear();
-    pJob.reset();
     MOX_DEBUG("act ok.");
-    return nResult;
+    return static_cast<guint32>(pActCommand->StopResult());
 }
 
-void CMOXEngineImp::m_ActCompeleteCb(void* pUserData, std::string strResult, mox_error_code_e eError) {
+void CMOXEngineImp::m_OnActDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_ActCompeleteCb().");
-    WorkerThreadJob* pJob = m_CallbackJob(pUserData, true);
-    if (pJob == nullptr) return;
-    CMOXEngineImp* pThis = pJob->pThis;
     const std::string strTimes = StringMember(CJsonValue(pJob->strQueryCmd), "mox_act_request_times");
     if (eError != MOX_ERROR_NONE) MOX_WARN("Act ended with code[%d].", static_cast<int>(eError));
-    std::lock_guard<std::mutex> lock(pThis->m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;
         m_EmitActEnd(pRequester->client, pRequester->nHandleId, strResult, strTimes, eError);
     }
-    pThis->m_ReleaseJob(pJob);
+    m_ReleaseJob(pJob);
 }
 
-void CMOXEngineImp::m_ActProgressCb(void* pUserData, const char* szParam, mox_transfer_progress_data_s* pProgress,
-                                    mox_error_code_e eError) {
+void CMOXEngineImp::m_OnActProgress(WorkerThreadJob* pJob, const char* szParam,
+                                    mox_transfer_progress_data_s* pProgress, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_ActProgressCb().");
     if (NULL == pProgress) {
         MOX_WARN("NULL == pMoxActProgressData");
@@ -177,14 +170,7 @@ void CMOXEngineImp::m_ActProgressCb(void* pUserData, const char* szParam, mox_tr
     if (llNow - g_llLastProgressReport.load(std::memory_order_relaxed) < kProgressIntervalMs && !bFinished) return;
     g_llLastProgressReport.store(llNow, std::memory_order_relaxed);
 
-    auto* pMoxActParam = static_cast<SMOXActParam*>(pUserData);
-    auto* pJob = pMoxActParam ? static_cast<WorkerThreadJob*>(pMoxActParam->pUserData) : nullptr;
-    if (pJob == nullptr || pJob->pThis == nullptr) {
-        MOX_WARN("Progress without a job.");
-        return;
-    }
-    CMOXEngineImp* pThis = pJob->pThis;
-    std::lock_guard<std::mutex> lock(pThis->m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     const std::string strTimes = StringMember(CJsonValue(pJob->strQueryCmd), "mox_act_request_times");
     MOX_INFO("pMoxTransferProgressData->dlnow:[%lf]", pProgress->dlnow);
     MOX_INFO("pMoxTransferProgressData->dltotal:[%lf]", pProgress->dltotal);

@@ -3,6 +3,8 @@
 // callbacks the daemon registers.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include <gio/gio.h>
@@ -28,6 +30,9 @@ struct dbus_connection_info_s {
     std::string sender;
     std::string objectPath;
     std::string interfaceName;
+    // The caller's user id as the bus knows it; (uid_t)-1 when unknown. Not
+    // part of the identity: the sender's unique name already is.
+    uid_t uid = static_cast<uid_t>(-1);
 
     bool operator==(const dbus_connection_info_s& other) const {
         return connection == other.connection && sender == other.sender && objectPath == other.objectPath &&

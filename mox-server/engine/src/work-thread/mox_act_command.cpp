@@ -29,8 +29,19 @@ bool StopRequested(const CJsonValue& doc) {
 
 }  // namespace
 
-CMOXActCommand::CMOXActCommand(MOXCommandCallback pfnCallback, void* pUserData)
-    : m_pfnCallback(pfnCallback), m_pUserData(pUserData) {}
+CMOXActCommand::CMOXActCommand(MOXCommandCallback fnDone, MOXProgressCallback fnProgress)
+    : m_fnDone(std::move(fnDone)), m_fnProgress(std::move(fnProgress)) {}
+
+void CMOXActCommand::s_Progress(void* pUserData, const char* szParam, mox_transfer_progress_data_s* pProgress,
+                                mox_error_code_e eError) {
+    auto* pThis = static_cast<CMOXActCommand*>(pUserData);
+    if (pThis == nullptr || !pThis->m_fnProgress) return;
+    try {
+        pThis->m_fnProgress(szParam, pProgress, eError);
+    } catch (...) {
+        MOX_WARN("Progress callback failed with an exception.");
+    }
+}
 
 CMOXActCommand::~CMOXActCommand() = default;
 
@@ -43,17 +54,12 @@ void CMOXActCommand::Execute(std::string strCommand) {
         StopActSync(std::move(strCommand));
         return;
     }
-    // A transfer's user data is the act parameter record, whose own user
-    // data is what the completion callback wants.
-    void* pCompletionData = m_pUserData;
-    if (StringMember(doc, "mox_command") == "mox_file_transfer" && m_pUserData)
-        pCompletionData = static_cast<SMOXActParam*>(m_pUserData)->pUserData;
     try {
         boost::thread worker(&CMOXActCommand::ActThreadProc, this, strCommand);
         worker.detach();
     } catch (...) {
         MOX_WARN("Can not start the act thread.");
-        m_pfnCallback(pCompletionData, strCommand, MOX_ERROR_GENERIC);
+        m_fnDone(strCommand, MOX_ERROR_GENERIC);
     }
 }
 
@@ -66,13 +72,11 @@ IWebSource* CMOXActCommand::m_GetSource(const std::string& strSource) {
     return pSource;
 }
 
-int CMOXActCommand::m_Act(std::string& strCommand, void*& pCompletionData) {
+int CMOXActCommand::m_Act(std::string& strCommand) {
     CJsonValue doc(strCommand);
     std::string strSource = StringMember(doc, "mox_source");
     std::string strName = StringMember(doc, "mox_command");
     const bool bSend = strName == "mox_file_transfer";
-    SMOXActParam* pMoxActParam = bSend ? static_cast<SMOXActParam*>(m_pUserData) : nullptr;
-    pCompletionData = pMoxActParam ? pMoxActParam->pUserData : m_pUserData;
     if (strSource.empty()) {
         MOX_WARN("There is no source.");
         return MOX_ERROR_NO_SUCH_SOURCE;
@@ -91,13 +95,9 @@ int CMOXActCommand::m_Act(std::string& strCommand, void*& pCompletionData) {
         MOX_INFO("End: pSource->Execute[Normal].returnCode[%d].", nResult);
         return nResult;
     }
-    if (pMoxActParam == nullptr) {
-        MOX_WARN("NULL == pMoxActParam");
-        return MOX_ERROR_GENERIC;
-    }
     MOX_INFO("Begin: pSource->Execute[Send].[%s].", mox_bus::ForLog(strCommand).c_str());
     try {
-        nResult = pSource->Execute(m_bStop, strCommand, pMoxActParam->pfnProgress, pMoxActParam);
+        nResult = pSource->Execute(m_bStop, strCommand, s_Progress, this);
     } catch (...) {
         MOX_WARN("Source[%s] threw from Execute.", mox_bus::ForLog(strSource).c_str());
         nResult = MOX_ERROR_GENERIC;
@@ -109,18 +109,17 @@ int CMOXActCommand::m_Act(std::string& strCommand, void*& pCompletionData) {
 void CMOXActCommand::ActThreadProc(std::string strCommand) {
     MOX_INFO("In CMOXActCommand::ActThreadProc().");
     // The callback deletes this command: keep what is needed after it.
-    MOXCommandCallback pfnCallback = m_pfnCallback;
-    void* pCompletionData = m_pUserData;
+    MOXCommandCallback fnDone = m_fnDone;
     int nResult = MOX_ERROR_GENERIC;
     try {
-        nResult = m_Act(strCommand, pCompletionData);
+        nResult = m_Act(strCommand);
     } catch (...) {
         MOX_WARN("Act thread failed with an exception.");
         nResult = MOX_ERROR_GENERIC;
     }
     MOX_INFO("Act thread working done.");
     try {
-        pfnCallback(pCompletionData, strCommand, static_cast<mox_error_code_e>(nResult));
+        fnDone(strCommand, static_cast<mox_error_code_e>(nResult));
     } catch (...) {
         MOX_WARN("Completion callback failed with an exception.");
     }
@@ -138,9 +137,7 @@ int CMOXActCommand::StopActSync(std::string strCommand) {
         } else if (IWebSource* pSource = m_GetSource(strSource)) {
             if (StringMember(doc, "mox_command") == "mox_file_transfer") {
                 MOX_INFO("Begin: pSource->Execute[StopSendSync][%s].", mox_bus::ForLog(strCommand).c_str());
-                auto* pMoxActParam = static_cast<SMOXActParam*>(m_pUserData);
-                m_nStopResult = pSource->Execute(m_bStop, strCommand,
-                                                 pMoxActParam ? pMoxActParam->pfnProgress : nullptr, pMoxActParam);
+                m_nStopResult = pSource->Execute(m_bStop, strCommand, s_Progress, this);
                 MOX_INFO("End: pSource->Execute[StopSendSync].returnCode[%d].", m_nStopResult);
             }
         } else {

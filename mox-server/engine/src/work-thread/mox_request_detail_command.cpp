@@ -10,8 +10,7 @@
 #include "mox_bus_text.h"
 #include "mox_source_manager.h"
 
-CMOXRequestDetailCommand::CMOXRequestDetailCommand(MOXCommandCallback pfnCallback, void* pUserData)
-    : m_pfnCallback(pfnCallback), m_pUserData(pUserData) {}
+CMOXRequestDetailCommand::CMOXRequestDetailCommand(MOXCommandCallback fnDone) : m_fnDone(std::move(fnDone)) {}
 
 CMOXRequestDetailCommand::~CMOXRequestDetailCommand() = default;
 
@@ -24,7 +23,7 @@ void CMOXRequestDetailCommand::Execute(std::string strCommand) {
         worker.detach();
     } catch (...) {
         MOX_WARN("Can not start the detail thread.");
-        m_pfnCallback(m_pUserData, std::string(), MOX_ERROR_GENERIC);
+        m_fnDone(std::string(), MOX_ERROR_GENERIC);
     }
 }
 
@@ -63,8 +62,7 @@ mox_error_code_e CMOXRequestDetailCommand::m_Run(std::string& strCommand, std::s
 
 void CMOXRequestDetailCommand::GetRequestDetailThreadProc(std::string strCommand) {
     // The callback deletes this command: keep what is needed after it.
-    MOXCommandCallback pfnCallback = m_pfnCallback;
-    void* pUserData = m_pUserData;
+    MOXCommandCallback fnDone = m_fnDone;
     std::string strResult;
     mox_error_code_e eError = MOX_ERROR_GENERIC;
     try {
@@ -76,7 +74,7 @@ void CMOXRequestDetailCommand::GetRequestDetailThreadProc(std::string strCommand
     }
     MOX_INFO("Get detail result[%d].", eError);
     try {
-        pfnCallback(pUserData, strResult, eError);
+        fnDone(strResult, eError);
     } catch (...) {
         MOX_WARN("Completion callback failed with an exception.");
     }

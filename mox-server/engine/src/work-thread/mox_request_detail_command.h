@@ -15,7 +15,7 @@
 
 class CMOXRequestDetailCommand : public IMOXCommand {
 public:
-    CMOXRequestDetailCommand(MOXCommandCallback pfnCallback, void* pUserData);
+    explicit CMOXRequestDetailCommand(MOXCommandCallback fnDone);
     ~CMOXRequestDetailCommand() override;
 
     void Execute(std::string strCommand) override;
@@ -26,8 +26,7 @@ public:
 private:
     mox_error_code_e m_Run(std::string& strCommand, std::string& strResult);
 
-    MOXCommandCallback m_pfnCallback;
-    void* m_pUserData;
+    MOXCommandCallback m_fnDone;
     // Handed by reference to the source, which reads it as a plain bool; the
     // engine only ever sets it, so a late read only delays the stop.
     bool m_bStop = false;

@@ -80,8 +80,7 @@ bool CheckSourceAnswer(const std::string& strSource, long long llWritten, int nL
 
 }  // namespace
 
-CMOXRequestListCommand::CMOXRequestListCommand(MOXCommandCallback pfnCallback, void* pUserData)
-    : m_pfnCallback(pfnCallback), m_pUserData(pUserData) {}
+CMOXRequestListCommand::CMOXRequestListCommand(MOXCommandCallback fnDone) : m_fnDone(std::move(fnDone)) {}
 
 CMOXRequestListCommand::~CMOXRequestListCommand() = default;
 
@@ -93,14 +92,13 @@ void CMOXRequestListCommand::Execute(std::string strCommand) {
     } catch (...) {
         // No thread: answer on the caller's thread so that the job ends.
         MOX_WARN("Can not start the request thread.");
-        m_pfnCallback(m_pUserData, std::string(), MOX_ERROR_GENERIC);
+        m_fnDone(std::string(), MOX_ERROR_GENERIC);
     }
 }
 
 void CMOXRequestListCommand::GetRequestListThreadProc(std::string strCommand) {
     // The callback deletes this command: keep what is needed after it.
-    MOXCommandCallback pfnCallback = m_pfnCallback;
-    void* pUserData = m_pUserData;
+    MOXCommandCallback fnDone = m_fnDone;
     std::string strShmName;
     mox_error_code_e eError = MOX_ERROR_GENERIC;
     try {
@@ -111,7 +109,7 @@ void CMOXRequestListCommand::GetRequestListThreadProc(std::string strCommand) {
         eError = MOX_ERROR_GENERIC;
     }
     try {
-        pfnCallback(pUserData, strShmName, eError);
+        fnDone(strShmName, eError);
     } catch (...) {
         MOX_WARN("Completion callback failed with an exception.");
     }

@@ -28,7 +28,7 @@ class CMOXRequestListCommand : public IMOXCommand {
 public:
     static const size_t kMaxSources = 16;
 
-    CMOXRequestListCommand(MOXCommandCallback pfnCallback, void* pUserData);
+    explicit CMOXRequestListCommand(MOXCommandCallback fnDone);
     ~CMOXRequestListCommand() override;
 
     void Execute(std::string strCommand) override;
@@ -53,7 +53,6 @@ private:
     // Lets go of the pool's count for every block in blocks.
     static void m_ReleaseBlocks(const std::map<std::string, std::string>& blocks);
 
-    MOXCommandCallback m_pfnCallback;
-    void* m_pUserData;
+    MOXCommandCallback m_fnDone;
     std::atomic<int> m_eError{MOX_ERROR_NONE};  // written by the source threads
 };

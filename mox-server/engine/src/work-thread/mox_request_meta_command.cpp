@@ -19,8 +19,7 @@ std::string StringMember(const CJsonValue& doc, const char* szKey) {
 
 }  // namespace
 
-CMOXRequestMetaCommand::CMOXRequestMetaCommand(MOXCommandCallback pfnCallback, void* pUserData)
-    : m_pfnCallback(pfnCallback), m_pUserData(pUserData) {}
+CMOXRequestMetaCommand::CMOXRequestMetaCommand(MOXCommandCallback fnDone) : m_fnDone(std::move(fnDone)) {}
 
 CMOXRequestMetaCommand::~CMOXRequestMetaCommand() = default;
 
@@ -31,13 +30,12 @@ void CMOXRequestMetaCommand::Execute(std::string strCommand) {
         worker.detach();
     } catch (...) {
         MOX_WARN("Can not start the meta thread.");
-        if (m_pfnCallback) m_pfnCallback(m_pUserData, std::string(), MOX_ERROR_GENERIC);
+        m_fnDone(std::string(), MOX_ERROR_GENERIC);
     }
 }
 
 void CMOXRequestMetaCommand::GetRequestMetaThreadProc(std::string strCommand) {
-    MOXCommandCallback pfnCallback = m_pfnCallback;
-    void* pUserData = m_pUserData;
+    MOXCommandCallback fnDone = m_fnDone;
     std::string strResult;
     mox_error_code_e eError = MOX_ERROR_GENERIC;
     try {
@@ -60,11 +58,9 @@ void CMOXRequestMetaCommand::GetRequestMetaThreadProc(std::string strCommand) {
         strResult.clear();
         eError = MOX_ERROR_GENERIC;
     }
-    if (m_bStop) return;
-    if (pfnCallback == nullptr) return;
     MOX_DEBUG("Get meta result[%d].", eError);
     try {
-        pfnCallback(pUserData, strResult, eError);
+        fnDone(strResult, eError);
     } catch (...) {
         MOX_WARN("Completion callback failed with an exception.");
     }

@@ -4,27 +4,24 @@
 // "mox_version" strings (absent members are empty). Reports 0 and the
 // service's text, 23 when the service failed, 2 when there is no service.
 //
-// Threads: Execute() starts a detached thread. A command stopped before the
-// service answers stays silent (no callback).
+// Threads: Execute() starts a detached thread that always calls back, even
+// when stopped: the engine decides whether anybody still wants the answer.
 #pragma once
 
-#include <atomic>
 #include <string>
 
 #include "mox_command.h"
 
 class CMOXRequestMetaCommand : public IMOXCommand {
 public:
-    CMOXRequestMetaCommand(MOXCommandCallback pfnCallback, void* pUserData);
+    explicit CMOXRequestMetaCommand(MOXCommandCallback fnDone);
     ~CMOXRequestMetaCommand() override;
 
     void Execute(std::string strCommand) override;
-    void Stop() override { m_bStop = true; }
+    void Stop() override {}
 
     void GetRequestMetaThreadProc(std::string strCommand);
 
 private:
-    MOXCommandCallback m_pfnCallback;
-    void* m_pUserData;
-    std::atomic<bool> m_bStop{false};
+    MOXCommandCallback m_fnDone;
 };

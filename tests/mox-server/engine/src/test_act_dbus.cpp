@@ -10,6 +10,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -341,6 +342,59 @@ TEST_F(Acts, BadInputEndsWithCodeAndLeavesNothingHalfWritten) {
     EXPECT_FALSE(fs::exists(h.Path("x")));
     EXPECT_TRUE(Leftovers(usb + "/sdb1").empty());
     EXPECT_TRUE(h.Call("start_server", nullptr, m_conn.get()).ok());
+}
+
+// One client's transfers are bounded below the source's own limit, so that
+// another client still gets its copy; a client that leaves the bus gets its
+// share back at once, its transfers stopped.
+TEST_F(Acts, OneClientsTransfersLeaveRoomAndEndWhenItLeaves) {
+    const std::string usb = h.UsbRoot();
+    WriteBytes(h.Path("www/slow.bin"), 4 << 20, 's');
+    WriteBytes(usb + "/sda1/a.jpg", 5000, 'a');
+    HttpServer http(h.Path("www"), h.Path("http.port"));
+    ASSERT_NE(http.port, 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(http.port) + "/files/slow.bin?chunk=32768&delay_ms=50";
+    auto slow = [&](int i) {
+        return Doc("slow" + std::to_string(i), url, usb + "/sdb1/slow" + std::to_string(i) + ".bin");
+    };
+    ConnectionPtr hog = h.Connect();
+    SignalCollector hogSignals(hog.get());
+    for (int i = 0; i < 9; ++i)
+        EXPECT_TRUE(h.Call("request_act", g_variant_new("(uss)", m_handle, "", slow(i).c_str()), hog.get()).ok());
+    // The ninth is refused at once with code 23; the others run.
+    hogSignals.Drain(std::chrono::milliseconds(500));
+    std::map<std::string, Json::Value> finals;
+    for (const auto* s : hogSignals.Named(kSignal)) {
+        Json::Value ev = Parse(s->text());
+        if (ev["mox_file_transfer_signal"].asInt() == 0)
+            finals[Parse(ev["act_command_and_return_data"].asString())["mox_transfer_id"].asString()] = ev;
+    }
+    ASSERT_EQ(finals.size(), 1u);
+    EXPECT_EQ(finals["slow8"]["mox_event_type"].asInt(), 7);
+    EXPECT_EQ(finals["slow8"]["mox_error_code"].asInt(), 23);
+    EXPECT_EQ(Run("copy", usb + "/sda1/a.jpg", usb + "/sdb1/a.jpg"), 0);
+
+    // The hog leaves: its transfers stop, so their ids are free again at the
+    // source and their slots come back.
+    g_dbus_connection_close_sync(hog.get(), nullptr, nullptr);
+    ASSERT_TRUE(h.WaitForLog("left the bus"));
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    int code = -1;
+    while (std::chrono::steady_clock::now() < deadline && code != 0) {
+        code = Run("again", usb + "/sda1/a.jpg", usb + "/sdb1/again.jpg", R"(,"mox_transfer_overwrite":true)");
+        Act(slow(0));
+        int slowCode = 0;
+        for (int i = 0; i < 20 && Events("slow0").empty(); ++i) m_signals->Drain(std::chrono::milliseconds(50));
+        for (const auto& ev : Events("slow0")) slowCode = ev["mox_error_code"].asInt();
+        if (slowCode == 15) code = -1;  // the hog's transfer still holds its id
+        m_signals.reset(new SignalCollector(m_conn.get()));
+        if (code != 0) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+    EXPECT_EQ(code, 0);
+    const std::string stop = R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source",)"
+                             R"("mox_file_transfer_stop":true,"mox_transfer_id":"slow0"})";
+    EXPECT_EQ(StopAct(stop), 0u);
+    EXPECT_EQ(Final("slow0")["mox_error_code"].asInt(), 9);
 }
 
 }  // namespace

@@ -331,13 +331,58 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     guint32 handle = c.Connect("libmox_test_source.so");
     EXPECT_EQ(handle, 1u);
 
-    // Documents that the engine cannot make a command of: no signal.
-    c.List(handle, "not json");
-    c.List(handle, "[1,2]");
-    c.List(handle, R"({"mox_command":"mox_unknown","mox_source":["mox_test_source"]})");
+    // Documents that make no command, or a command of another method's kind,
+    // are refused with the method's failure event and code 23: a document
+    // cannot steer which callback gets which record, and nobody waits forever.
+    const std::string album = h.UsbRoot() + "/made_by_a_list";
+    const std::string padded(0x4242, ' ');
+    const std::string transfer = R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source",)"
+                                 R"("mox_transfer_id":"x","mox_transfer_src":"/a","mox_transfer_dst":"/b"})" + padded;
+    const std::string createAlbum =
+        R"({"mox_command":"mox_create_album","mox_source":"mox_ra_source","mox_album_path":")" + album + R"("})";
+    size_t n = 0, nMeta = 0;
+    struct Refusal {
+        const char* method;
+        std::string doc;
+    };
+    const Refusal refusals[] = {
+        {"get_partial_list", "not json"},
+        {"get_partial_list", "[1,2]"},
+        {"get_partial_list", R"({"mox_command":"mox_unknown","mox_source":["mox_test_source"]})"},
+        {"get_partial_list", R"({"mox_command":"mox_requestlist","mox_source":["\ud800"]})"},
+        {"get_partial_list", transfer},
+        {"get_partial_list", createAlbum},
+        {"request_detail", transfer},
+        {"request_detail", createAlbum},
+        {"request_detail", ListDoc(R"(["mox_test_source"])")},
+        {"request_detail", std::string(2 << 20, '{')},
+        {"request_metadata", transfer},
+        {"request_metadata", ListDoc(R"(["mox_test_source"])")},
+        {"request_act", ListDoc(R"(["mox_test_source"])")},
+        {"request_act", R"({"mox_command":"mox_requestdetail","mox_source":"mox_test_source"})"},
+    };
+    for (const Refusal& r : refusals) {
+        const std::string method = r.method;
+        if (method == "get_partial_list")
+            c.List(handle, r.doc);
+        else if (method == "request_act")
+            c.Send("request_act", g_variant_new("(uss)", handle, "", r.doc.c_str()));
+        else
+            c.Send(r.method, g_variant_new("(us)", handle, r.doc.c_str()));
+        Json::Value ev = method == "request_metadata" ? c.Nth("mox_request_metadata", ++nMeta)
+                                                     : c.Nth("mox_request_normal_complete", ++n);
+        const int expected = method == "get_partial_list" ? 2
+                             : method == "request_detail" ? 3
+                             : method == "request_metadata" ? 14
+                                                            : 7;
+        EXPECT_EQ(ev["mox_event_type"].asInt(), expected) << method << " " << r.doc.substr(0, 80);
+        EXPECT_EQ(ev["mox_error_code"].asInt(), 23) << method << " " << r.doc.substr(0, 80);
+        EXPECT_EQ(ev["mox_handle_id"].asUInt(), handle);
+    }
     c.Drain(300);
-    EXPECT_EQ(h.CountLog("GetCommand failed."), 3u);
-    EXPECT_EQ(h.CountLog("Unknown command[mox_unknown]."), 1u);
+    EXPECT_EQ(c.Count("mox_request_normal_complete"), n);
+    EXPECT_EQ(h.CountLog("does not belong to this method: refused."), 9u);
+    EXPECT_FALSE(std::filesystem::exists(album));
 
     // Each bad list request gets its failure event, no list, and nothing else
     // breaks; a source's own error 6 gives event 1, others event 2.
@@ -358,7 +403,6 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
         {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"throw")"), 2},
         {ListDoc(R"(["mox_test_source","mox_test_source2"])", R"(,"test_misbehave":"offset")"), 1},
     };
-    size_t n = 0;
     for (const auto& [doc, event] : bad) {
         c.List(handle, doc);
         Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
@@ -377,18 +421,24 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     c.Send("drop_partial_list", g_variant_new("(us)", handle, "../../etc/passwd"));
     EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_event_type"].asInt(), 11);
 
-    // Running jobs are bounded: requests beyond the bound are answered at once.
-    for (int i = 0; i < 70; ++i)
+    // Running jobs are bounded, and one client's share is below the bound:
+    // its requests beyond the share are answered at once, while another
+    // client still gets its list.
+    Client other(h);
+    guint32 otherHandle = other.Connect("libmox_test_source.so");
+    for (int i = 0; i < 20; ++i)
         c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500,"n":)" + std::to_string(i)));
+    other.List(otherHandle, ListDoc(R"(["mox_test_source"])", R"(,"other":1)"));
+    EXPECT_EQ(Delivered(other.Nth("mox_request_normal_complete", 1)).empty(), false);
     int ready = 0, refused = 0;
-    for (int i = 0; i < 70; ++i) {
+    for (int i = 0; i < 20; ++i) {
         Json::Value answer = c.Nth("mox_request_normal_complete", ++n);
         if (answer["mox_event_type"].asInt() == 0) ++ready;
         if (answer["mox_event_type"].asInt() == 2) ++refused;
         Delivered(answer);
     }
-    EXPECT_EQ(ready, 64);
-    EXPECT_EQ(refused, 6);
+    EXPECT_EQ(ready, 16);
+    EXPECT_EQ(refused, 4);
     EXPECT_TRUE(h.Call("start_server", nullptr).ok());
 }
 
