@@ -9,6 +9,8 @@
 
 #include <glib.h>
 
+#include <mox/mox_events.h>
+
 namespace moxctl {
 
 namespace {
@@ -368,7 +370,10 @@ int RunCheck(Context& ctx, const std::string& mountArg) {
     guint32 sid = 0, result = 0, mediaType = 0;
     const gchar *dir = nullptr, *name = nullptr, *meta = nullptr;
     g_variant_get(s.params.get(), "(uuu&s&s&s)", &sid, &result, &mediaType, &dir, &name, &meta);
-    const char* verdict = result == 24 ? "none" : result == 25 ? "one" : result == 26 ? "several" : "failed";
+    const char* verdict = result == MOX_SCAN_NO_MEDIA     ? "none"
+                          : result == MOX_SCAN_ONE_MEDIA   ? "one"
+                          : result == MOX_SCAN_MULTI_MEDIA ? "several"
+                                                           : "failed";
     Json::Value metadata;
     std::string parseError;
     bool hasMeta = *meta && CMOXCtlOutput::Parse(meta, metadata, parseError);
@@ -377,18 +382,18 @@ int RunCheck(Context& ctx, const std::string& mountArg) {
         v["scanner"] = sid;
         v["code"] = result;
         v["result"] = verdict;
-        if (result == 25) {
+        if (result == MOX_SCAN_ONE_MEDIA) {
             v["media_type"] = MediaTypeName(static_cast<int>(mediaType));
             v["directory"] = dir;
             v["name"] = name;
             v["metadata"] = hasMeta ? metadata : Json::Value(Json::objectValue);
         }
         CMOXCtlOutput::PrintJson(v);
-    } else if (result == 24) {
+    } else if (result == MOX_SCAN_NO_MEDIA) {
         printf("none: no media on %s\n", CMOXCtlOutput::Printable(mount).c_str());
-    } else if (result == 26) {
+    } else if (result == MOX_SCAN_MULTI_MEDIA) {
         printf("several: more than one media file on %s\n", CMOXCtlOutput::Printable(mount).c_str());
-    } else if (result == 25) {
+    } else if (result == MOX_SCAN_ONE_MEDIA) {
         printf("one: %s/%s (%s)\n", CMOXCtlOutput::Printable(dir).c_str(), CMOXCtlOutput::Printable(name).c_str(),
                MediaTypeName(static_cast<int>(mediaType)).c_str());
         if (hasMeta && metadata.isObject())

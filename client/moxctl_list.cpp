@@ -8,6 +8,7 @@
 
 #include <glib.h>
 
+#include <mox/mox_events.h>
 #include <mox/mox_resultlist.h>
 #include <mox/mox_resultpool.h>
 
@@ -60,15 +61,15 @@ public:
         if (!reply) return m_ctx.Fail(code, error);
         Json::Value payload;
         auto w = WaitCompletion(m_ctx.bus, "mox_request_normal_complete", m_handle,
-                                [](int e) { return e == 0 || e == 1 || e == 2; }, payload);
+                                [](int e) { return e == MOX_EVENT_LIST_READY || e == MOX_EVENT_LIST_SOURCE_ERROR || e == MOX_EVENT_LIST_FAILED; }, payload);
         if (w != CMOXCtlBus::Wait::kGot) {
             int rc = CMOXCtlBus::Describe(w, "the list", error);
             return w == CMOXCtlBus::Wait::kInterrupted ? rc : m_ctx.Fail(rc, error);
         }
-        int event = IntMember(payload, "mox_event_type", 2);
-        if (event == 1) return kExitOk;  // the source had nothing (an empty folder)
+        int event = IntMember(payload, "mox_event_type", MOX_EVENT_LIST_FAILED);
+        if (event == MOX_EVENT_LIST_SOURCE_ERROR) return kExitOk;  // the source had nothing (an empty folder)
         const Json::Value& name = payload["mox_result_list_block_name"];
-        if (event == 2 || !name.isString() || name.asString().empty())
+        if (event == MOX_EVENT_LIST_FAILED || !name.isString() || name.asString().empty())
             return m_ctx.Fail(kExitFailed, "the source could not list " + doc["mox_folder_path"].asString() +
                                                " (not a folder below the USB root?)");
         m_live.insert(name.asString());
@@ -103,7 +104,7 @@ public:
                 return true;
             },
             s, std::min(kDropWait, m_ctx.bus.Timeout()));
-        if (w == CMOXCtlBus::Wait::kGot && IntMember(payload, "mox_event_type", 11) == 11)
+        if (w == CMOXCtlBus::Wait::kGot && IntMember(payload, "mox_event_type", MOX_EVENT_DROP_FAILED) == MOX_EVENT_DROP_FAILED)
             return m_ctx.Fail(kExitFailed, "the engine could not drop " + name);
         return kExitOk;
     }
@@ -315,18 +316,18 @@ int RunDetail(Context& ctx, const DetailArgs& args) {
     if (!reply) return ctx.Fail(code, error);
     Json::Value payload;
     auto w = WaitCompletion(ctx.bus, "mox_request_normal_complete", session.Handle(),
-                            [](int e) { return e >= 3 && e <= 5; }, payload);
+                            [](int e) { return e >= MOX_EVENT_DETAIL && e <= MOX_EVENT_DETAIL_NOT_FOUND; }, payload);
     if (w != CMOXCtlBus::Wait::kGot) {
         if (w == CMOXCtlBus::Wait::kInterrupted || w == CMOXCtlBus::Wait::kTimeout)
             ctx.bus.Call("request_cancel_detail", g_variant_new("(u)", session.Handle()), nullptr, error, code);
         int rc = CMOXCtlBus::Describe(w, "the detail", error);
         return ctx.Fail(rc, error);
     }
-    int event = IntMember(payload, "mox_event_type", 4);
-    if (event == 5) return ctx.Fail(kExitFailed, "no such item: " + path);
+    int event = IntMember(payload, "mox_event_type", MOX_EVENT_DETAIL_FAILED);
+    if (event == MOX_EVENT_DETAIL_NOT_FOUND) return ctx.Fail(kExitFailed, "no such item: " + path);
     Json::Value item;
     const Json::Value& result = payload["mox_result_detail_json"];
-    if (event != 3 || !result.isString() || !CMOXCtlOutput::Parse(result.asString(), item, error) || !item.isObject())
+    if (event != MOX_EVENT_DETAIL || !result.isString() || !CMOXCtlOutput::Parse(result.asString(), item, error) || !item.isObject())
         return ctx.Fail(kExitFailed, "the source " + args.source + " gave no detail of " + path);
     if (ctx.out.Json()) {
         CMOXCtlOutput::PrintJson(item);
@@ -359,12 +360,12 @@ int RunMeta(Context& ctx, const MetaArgs& args) {
     if (!reply) return ctx.Fail(code, error);
     Json::Value payload;
     auto w = WaitCompletion(ctx.bus, "mox_request_metadata", session.Handle(),
-                            [](int e) { return e == 13 || e == 14; }, payload);
+                            [](int e) { return e == MOX_EVENT_META_DONE || e == MOX_EVENT_META_FAILED; }, payload);
     if (w != CMOXCtlBus::Wait::kGot) {
         int rc = CMOXCtlBus::Describe(w, "the metadata answer", error);
         return ctx.Fail(rc, error);
     }
-    if (IntMember(payload, "mox_event_type", 14) != 13)
+    if (IntMember(payload, "mox_event_type", MOX_EVENT_META_FAILED) != MOX_EVENT_META_DONE)
         return ctx.Fail(kExitFailed, "the metadata request failed (is the UHD provider installed?)");
     Json::Value result;
     const Json::Value& data = payload["act_command_and_return_data"];

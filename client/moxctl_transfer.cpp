@@ -7,6 +7,7 @@
 
 #include <glib.h>
 
+#include <mox/mox_events.h>
 #include <mox/mox_ra_source.h>
 
 #include "moxctl_commands.h"
@@ -106,7 +107,7 @@ int RunTransfer(Context& ctx, const TransferArgs& args) {
     for (;;) {
         Json::Value payload;
         auto w = WaitCompletion(ctx.bus, "mox_request_normal_complete", session.Handle(),
-                                [](int e) { return e == 6 || e == 7 || e == 12; }, payload);
+                                [](int e) { return e == MOX_EVENT_ACT_DONE || e == MOX_EVENT_ACT_FAILED || e == MOX_EVENT_ACT_PROGRESS; }, payload);
         if (w == CMOXCtlBus::Wait::kInterrupted && !stopping) {
             stopping = true;
             progress.Finish();
@@ -134,8 +135,8 @@ int RunTransfer(Context& ctx, const TransferArgs& args) {
             }
             return ctx.Fail(rc, error);
         }
-        int event = IntMember(payload, "mox_event_type", 7);
-        if (event == 12) {
+        int event = IntMember(payload, "mox_event_type", MOX_EVENT_ACT_FAILED);
+        if (event == MOX_EVENT_ACT_PROGRESS) {
             double done = 0, total = 0;
             if (ProgressFigures(payload, done, total)) progress.Update(done, total);
             continue;
@@ -155,7 +156,7 @@ int RunTransfer(Context& ctx, const TransferArgs& args) {
                                                    : std::string("stopped; nothing was left at ") + dst);
             return kExitInterrupted;
         }
-        if (event == 7) {
+        if (event == MOX_EVENT_ACT_FAILED) {
             int errorCode = IntMember(payload, "mox_error_code", -1);
             if (ctx.out.Json()) {
                 Json::Value v;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <mox/json_value.h>
+#include <mox/mox_events.h>
 #include <mox/mox_log.h>
 #include <mox/mox_resultlist.h>
 #include <mox/mox_singleton.h>
@@ -254,18 +255,18 @@ void CMOXEngineImp::m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& c
     const char* szSignal = "mox_request_normal_complete";
     switch (eKind) {
         case EMOXCommandKind::kList:
-            payload.Set("mox_event_type", 2);
+            payload.Set("mox_event_type", MOX_EVENT_LIST_FAILED);
             payload.Set("mox_result_list_block_name", "");
             break;
         case EMOXCommandKind::kDetail:
-            payload.Set("mox_event_type", 3);
+            payload.Set("mox_event_type", MOX_EVENT_DETAIL_FAILED);
             payload.Set("mox_result_list_block_name", "");
             payload.Set("mox_result_detail_json", "");
             payload.Set("mox_detail_request_times", StringMember(strCommand, "mox_detail_request_times"));
             break;
         case EMOXCommandKind::kMeta:
             szSignal = "mox_request_metadata";
-            payload.Set("mox_event_type", 14);
+            payload.Set("mox_event_type", MOX_EVENT_META_FAILED);
             payload.Set("act_command_and_return_data", "{}");
             break;
         case EMOXCommandKind::kAct:
@@ -342,7 +343,7 @@ bool CMOXEngineImp::Disconnect(guint32 nHandleId, const connect_info_s& caller) 
             // more is dropped, blocks included, when the job completes.
         }
     }
-    m_EmitEvent(caller, 8, nHandleId);
+    m_EmitEvent(caller, MOX_EVENT_DISCONNECTED, nHandleId);
     return true;
 }
 
@@ -381,19 +382,19 @@ bool CMOXEngineImp::DropPartialList(const std::string& strShmName, guint32 nHand
     if (found == m_deliveredLists.end() || found->second.erase(Holder(caller.sender, nHandleId)) == 0) {
         MOX_WARN("Result list[%s] was not delivered to [%s] handle %u: drop refused.",
                  mox_bus::ForLog(strShmName).c_str(), caller.sender.c_str(), nHandleId);
-        m_EmitEvent(caller, 11, nHandleId);
+        m_EmitEvent(caller, MOX_EVENT_DROP_FAILED, nHandleId);
         return false;
     }
     // Shared by a coalesced request: the list stays for its other readers.
     if (found->second.empty()) {
         m_deliveredLists.erase(found);
         if (!m_DropList(strShmName)) {
-            m_EmitEvent(caller, 11, nHandleId);
+            m_EmitEvent(caller, MOX_EVENT_DROP_FAILED, nHandleId);
             return false;
         }
     }
     CJsonValue payload;
-    payload.Set("mox_event_type", 10);
+    payload.Set("mox_event_type", MOX_EVENT_LIST_DROPPED);
     payload.Set("mox_handle_id", nHandleId);
     payload.Set("mox_shm_name", strShmName);
     std::string strPayload = payload.ToString();
@@ -458,8 +459,8 @@ void CMOXEngineImp::m_ReleaseJob(WorkerThreadJob* pJob) {
 void CMOXEngineImp::m_OnListDone(WorkerThreadJob* pJob, const std::string& strShmName, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_GetPartialListCompeleteCb().");
     std::lock_guard<std::mutex> lock(m_mutex);
-    int nEventType = strShmName.empty() ? 2 : 0;
-    if (eError == MOX_ERROR_FAILED_RESULT) nEventType = 1;
+    int nEventType = strShmName.empty() ? MOX_EVENT_LIST_FAILED : MOX_EVENT_LIST_READY;
+    if (eError == MOX_ERROR_FAILED_RESULT) nEventType = MOX_EVENT_LIST_SOURCE_ERROR;
     std::set<Holder> recipients;
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;
@@ -491,11 +492,11 @@ void CMOXEngineImp::m_OnDetailDone(WorkerThreadJob* pJob, const std::string& str
     if (!pJob->requesters.empty()) {
         const Requester& first = **pJob->requesters.begin();
         if (first.nCancelled == 0) {
-            int nEventType = 3;
+            int nEventType = MOX_EVENT_DETAIL;
             if (eError == MOX_ERROR_DETAIL_NOT_FOUND)
-                nEventType = 5;
+                nEventType = MOX_EVENT_DETAIL_NOT_FOUND;
             else if (eError == MOX_ERROR_NO_SUCH_SOURCE || eError == MOX_ERROR_FAILED_RESULT)
-                nEventType = 4;
+                nEventType = MOX_EVENT_DETAIL_FAILED;
             else
                 MOX_WARN("Wrong event type received form engine[%d].", 3);
             CJsonValue payload;
@@ -519,7 +520,7 @@ void CMOXEngineImp::m_OnMetaDone(WorkerThreadJob* pJob, const std::string& strRe
     if (!result.IsValid()) result = CJsonValue();
     result.Set("mox_uhd_request_param", pJob->strQueryCmd);
     std::string strData = result.ToString();
-    int nEventType = eError == MOX_ERROR_NONE ? 13 : 14;
+    int nEventType = eError == MOX_ERROR_NONE ? MOX_EVENT_META_DONE : MOX_EVENT_META_FAILED;
     std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;

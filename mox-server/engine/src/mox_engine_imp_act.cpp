@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include <mox/json_value.h>
+#include <mox/mox_events.h>
 #include <mox/mox_singleton.h>
 #include <mox/mox_util.h>
 
@@ -48,7 +49,7 @@ bool StopRequested(const CJsonValue& doc) {
 void CMOXEngineImp::m_EmitActEnd(const connect_info_s& client, guint32 nHandleId, const std::string& strResult,
                                  const std::string& strTimes, int nError) {
     CJsonValue payload;
-    payload.Set("mox_event_type", nError == MOX_ERROR_NONE ? 6 : 7);
+    payload.Set("mox_event_type", nError == MOX_ERROR_NONE ? MOX_EVENT_ACT_DONE : MOX_EVENT_ACT_FAILED);
     payload.Set("mox_handle_id", nHandleId);
     payload.Set("act_command_and_return_data", strResult);
     payload.Set("mox_act_request_times", strTimes);
@@ -191,7 +192,7 @@ void CMOXEngineImp::m_OnActProgress(WorkerThreadJob* pJob, const char* szParam,
     if (command.IsValid() && command.Set("mox_file_transter_data", strProgress)) strWithProgress = Compact(command);
     MOX_INFO("szMoxCommandWithProgress:[%s]", mox_bus::ForLog(strWithProgress).c_str());
 
-    const int nEventType = eError == MOX_ERROR_NONE ? 12 : 7;
+    const int nEventType = eError == MOX_ERROR_NONE ? MOX_EVENT_ACT_PROGRESS : MOX_EVENT_ACT_FAILED;
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;
         CJsonValue payload;

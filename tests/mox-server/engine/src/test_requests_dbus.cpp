@@ -372,7 +372,7 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
         Json::Value ev = method == "request_metadata" ? c.Nth("mox_request_metadata", ++nMeta)
                                                      : c.Nth("mox_request_normal_complete", ++n);
         const int expected = method == "get_partial_list" ? 2
-                             : method == "request_detail" ? 3
+                             : method == "request_detail" ? 4
                              : method == "request_metadata" ? 14
                                                             : 7;
         EXPECT_EQ(ev["mox_event_type"].asInt(), expected) << method << " " << r.doc.substr(0, 80);
