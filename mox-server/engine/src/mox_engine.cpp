@@ -1,10 +1,9 @@
-// The content engine daemon: start-up, the D-Bus method dispatcher, the
-// process-wide system event callbacks and the orderly shutdown.
+// The content engine daemon: start-up, the process-wide system event
+// callbacks and the orderly shutdown. The bus face is CMOXBusService.
 //
 // Threads: everything here runs on the main loop's thread (the default GLib
-// main context), except the message filter (GDBus worker thread; it only hands
-// the message to the main loop) and the storage callbacks, which run on the USB
-// service's thread.
+// main context), except the storage callbacks, which run on the USB service's
+// thread.
 #define MOX_LOG_TAG "MOX-ENGINE"
 
 #include <fcntl.h>
@@ -35,22 +34,19 @@
 
 #include "cache_folder.h"
 #include "cache_pool.h"
-#include "mox_bus_text.h"
+#include "mox_bus_service.h"
 #include "mox_engine_imp.h"
 #include "mox_scanner_manager.h"
 #include "mox_source_manager.h"
 #include "mox_storage_manager.h"
 #include "mox_uhd_data_mgr.h"
-#include "mox_usb_file.h"
 
 namespace {
 
-constexpr const char* kBusName = "com.orvia.mox.engine";
 constexpr const char* kResetStatusKey = "db/mox/reset_status";
 constexpr const char* kDbResetKey = "file/private/mediaserver/db_reset";
 constexpr guint kHeartbeatMs = 5000;
 constexpr int kWatchdogPeriodSec = 60;
-constexpr guint32 kInvalidHandle = 4294967295u;
 
 struct GFreeDeleter {
     void operator()(gchar* p) const { g_free(p); }
@@ -69,12 +65,8 @@ struct GErrorDeleter {
 std::unique_ptr<gchar, GFreeDeleter> g_introspectionXml;
 std::unique_ptr<GDBusNodeInfo, NodeInfoDeleter> g_introspectionData;
 GMainLoop* g_mainLoop = nullptr;  // owned by main
-std::unique_ptr<CMOXEngineImp> pMOXEngineImp;
-std::unique_ptr<CMOXStorageMgr> g_pStorageMgr;
-// The bus connection, referenced for as long as the storage manager may hand
-// its pointer (held in bound-client records) to notify_storages.
-GDBusConnection* g_pConnection = nullptr;
-guint g_nNameOwnerSubscription = 0;  // on g_pConnection
+// The signal sink of the storage notifications (a plain C callback).
+CMOXBusService* g_pBus = nullptr;  // owned by main
 int g_nExitStatus = 0;
 
 // Reads the introspection XML; the daemon cannot serve without it.
@@ -227,415 +219,8 @@ void notify_storages(SDBusConnectionInfo client, EMOXStorageEvent event, std::st
     CJsonValue notification;
     notification.Set("event", static_cast<int>(event));
     notification.SetValue("devices", parsed.Root().get("devices", Json::Value()));
-    std::string strPayload = notification.ToStyledString();
-    GError* rawError = nullptr;
-    // A client that left, or a bus connection that closed, is not the
-    // engine's fault: the event is lost for that client, nothing more.
-    if (!g_dbus_connection_emit_signal(client.connection, client.sender.c_str(), client.objectPath.c_str(),
-                                       client.interfaceName.c_str(), "mox_usb_notification",
-                                       mox_bus::NewStringTuple(strPayload, "mox_usb_notification"),
-                                       &rawError)) {
-        std::unique_ptr<GError, GErrorDeleter> error(rawError);
-        MOX_WARN("mox_usb_notification to %s not sent: %s", client.sender.c_str(),
-                 error ? error->message : "unknown error");
-    }
+    if (g_pBus) g_pBus->Emit(client, "mox_usb_notification", notification.ToStyledString());
 }
-
-// The caller's user id as the bus daemon knows it; (uid_t)-1 when unknown.
-uid_t callerUid(GDBusMethodInvocation* invocation) {
-    GError* rawError = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(
-        g_dbus_method_invocation_get_connection(invocation), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-        "org.freedesktop.DBus", "GetConnectionUnixUser",
-        g_variant_new("(s)", g_dbus_method_invocation_get_sender(invocation)), G_VARIANT_TYPE("(u)"),
-        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &rawError);
-    std::unique_ptr<GError, GErrorDeleter> error(rawError);
-    if (!reply) {
-        MOX_WARN("cannot tell the caller's user: %s", error ? error->message : "unknown error");
-        return static_cast<uid_t>(-1);
-    }
-    guint32 uid = 0;
-    g_variant_get(reply, "(u)", &uid);
-    g_variant_unref(reply);
-    return static_cast<uid_t>(uid);
-}
-
-// User ids of the clients seen, by unique name (main loop only). A unique
-// name is never reused, and the entry goes when its client leaves the bus, so
-// the bus is asked once per client connection.
-std::map<std::string, uid_t> g_uidBySender;
-
-uid_t cachedCallerUid(GDBusMethodInvocation* invocation) {
-    const std::string sender = g_dbus_method_invocation_get_sender(invocation);
-    auto found = g_uidBySender.find(sender);
-    if (found != g_uidBySender.end()) return found->second;
-    uid_t uid = callerUid(invocation);
-    if (uid != static_cast<uid_t>(-1)) g_uidBySender.emplace(sender, uid);
-    return uid;
-}
-
-SDBusConnectionInfo callerOf(GDBusMethodInvocation* invocation) {
-    SDBusConnectionInfo client;
-    client.uid = cachedCallerUid(invocation);
-    client.connection = g_dbus_method_invocation_get_connection(invocation);
-    client.sender = g_dbus_method_invocation_get_sender(invocation);
-    client.objectPath = g_dbus_method_invocation_get_object_path(invocation);
-    client.interfaceName = g_dbus_method_invocation_get_interface_name(invocation);
-    return client;
-}
-
-// check_folder_path: add (0) or find (1) a folder id in the folder map.
-std::string checkFolderPath(const char* szParam) {
-    MOX_DEBUG("szParam: %s", mox_bus::ForLog(szParam).c_str());
-    CJsonValue param{std::string(szParam)};
-    int eOperationType = -1;
-    if (param.Has("OPERATION_TYPE")) param.Get("OPERATION_TYPE", eOperationType);
-    MOX_DEBUG("eOperationType[%d].", eOperationType);
-
-    std::string strFolderPath;
-    std::string strFolderId;
-    CCacheFolder* pFolderMap = CMOXSingleton<CCacheFolder>::Get();
-    if (eOperationType == 0) {
-        param.Get("FOLDER_PATH", strFolderPath);
-        param.Get("FOLDER_ID", strFolderId);
-        // The reply says success whatever the add returned; only the log tells.
-        if (!pFolderMap->Add(strFolderPath, strFolderId)) MOX_WARN("Find Folder Path failed.");
-        strFolderId = "AddFolderMapSuccess";
-    } else if (eOperationType == 1) {
-        param.Get("FOLDER_PATH", strFolderPath);
-        if (!pFolderMap->Find(strFolderPath, strFolderId)) {
-            strFolderId.clear();
-            MOX_WARN("Find Folder Path failed.");
-        }
-    } else {
-        MOX_WARN("Invalid eOperationType[%d].", eOperationType);
-        MOX_WARN("Find Folder Path failed.");
-    }
-    MOX_INFO("strFolderId[%s]", mox_bus::ForLog(strFolderId).c_str());
-    return strFolderId;
-}
-
-// The reply a method gives when it fails before doing anything; null is the
-// empty reply.
-GVariant* failureReply(const std::string& method) {
-    if (method == "connect") return g_variant_new("(u)", kInvalidHandle);
-    if (method == "stop_act") return g_variant_new("(u)", guint32(MOX_ERROR_GENERIC));
-    if (method == "usb_file_write" || method == "usb_file_remove" || method == "start_scanner_thumb")
-        return g_variant_new("(b)", FALSE);
-    if (method == "check_folder_path") return g_variant_new("(s)", "");
-    if (method == "start_scanner") return g_variant_new("(bu)", FALSE, 0u);
-    return nullptr;
-}
-
-// Client strings are bounded: a huge argument would be copied, parsed and
-// logged several times over.
-bool argumentsFit(const char* szMethodName, GVariant* parameters) {
-    if (!parameters) return true;
-    gsize n = g_variant_n_children(parameters);
-    for (gsize i = 0; i < n; ++i) {
-        GVariant* child = g_variant_get_child_value(parameters, i);
-        gsize len = 0;
-        if (g_variant_is_of_type(child, G_VARIANT_TYPE_STRING)) g_variant_get_string(child, &len);
-        g_variant_unref(child);
-        if (len > mox_bus::kMaxArgumentBytes) {
-            MOX_WARN("method(%s): argument %zu of %zu bytes exceeds %zu bytes, refused.", szMethodName,
-                     static_cast<size_t>(i), static_cast<size_t>(len), mox_bus::kMaxArgumentBytes);
-            return false;
-        }
-    }
-    return true;
-}
-
-// usb_file_write and usb_file_remove run on a worker thread, so a slow stick
-// or a large object never holds up the main loop; the reply follows when the
-// file is done.
-struct FileJob {
-    GDBusMethodInvocation* invocation;  // owned reference
-    bool bWrite;
-    std::string path;
-    std::string shmName;
-    ~FileJob() { g_object_unref(invocation); }
-};
-
-void runFileJob(GTask* task, gpointer, gpointer data, GCancellable*) {
-    auto* job = static_cast<FileJob*>(data);
-    bool bResult = job->bWrite ? CMOXUsbFile::Write(job->path, job->shmName, callerUid(job->invocation))
-                               : CMOXUsbFile::Remove(job->path);
-    g_task_return_boolean(task, bResult);
-}
-
-void finishFileJob(GObject*, GAsyncResult* result, gpointer) {
-    GTask* task = G_TASK(result);
-    auto* job = static_cast<FileJob*>(g_task_get_task_data(task));
-    gboolean bResult = g_task_propagate_boolean(task, nullptr);
-    g_dbus_method_invocation_return_value(g_object_ref(job->invocation), g_variant_new("(b)", bResult));
-}
-
-void startFileJob(GDBusMethodInvocation* invocation, bool bWrite, const char* szPath, const char* szShmName) {
-    auto* job = new FileJob{G_DBUS_METHOD_INVOCATION(g_object_ref(invocation)), bWrite, szPath,
-                            szShmName ? szShmName : ""};
-    GTask* task = g_task_new(nullptr, nullptr, finishFileJob, nullptr);
-    g_task_set_task_data(task, job, [](gpointer p) { delete static_cast<FileJob*>(p); });
-    g_task_run_in_thread(task, runFileJob);
-    g_object_unref(task);
-}
-
-void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*,
-                      const gchar* szMethodName, GVariant* parameters,
-                      GDBusMethodInvocation* invocation, gpointer) {
-    MOX_INFO("recive method(%s).", szMethodName);
-    const std::string method(szMethodName);
-    if (!argumentsFit(szMethodName, parameters)) {
-        // A refused request still gets its failure signal: a client must not
-        // wait for an answer that never comes.
-        static const std::map<std::string, EMOXCommandKind> kRequests = {
-            {"get_partial_list", EMOXCommandKind::kList},
-            {"request_detail", EMOXCommandKind::kDetail},
-            {"request_metadata", EMOXCommandKind::kMeta},
-            {"request_act", EMOXCommandKind::kAct}};
-        auto request = kRequests.find(method);
-        if (request != kRequests.end()) {
-            guint32 nHandleId = 0;
-            g_variant_get_child(parameters, 0, "u", &nHandleId);
-            CMOXEngineImp::EmitRequestFailure(request->second, nHandleId, callerOf(invocation));
-        }
-        g_dbus_method_invocation_return_value(invocation, failureReply(method));
-        return;
-    }
-
-    if (method == "start_server") {
-        g_dbus_method_invocation_return_value(invocation,
-                                              g_variant_new("(s)", "MOX_SERVER_START_SUCCESS"));
-    } else if (method == "connect") {
-        const gchar* szSourceName = nullptr;
-        g_variant_get(parameters, "(&s)", &szSourceName);
-        guint32 nHandleId = pMOXEngineImp->Connect(szSourceName);
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", nHandleId));
-    } else if (method == "request_detail" || method == "drop_partial_list" || method == "request_metadata") {
-        guint32 nHandleId = 0;
-        const gchar* szParam = nullptr;
-        g_variant_get(parameters, "(u&s)", &nHandleId, &szParam);
-        connect_info_s caller = callerOf(invocation);
-        if (method == "request_detail")
-            pMOXEngineImp->RequestDetail(szParam, nHandleId, caller);
-        else if (method == "drop_partial_list")
-            pMOXEngineImp->DropPartialList(szParam, nHandleId, caller);
-        else
-            pMOXEngineImp->RequestMetadata(szParam, nHandleId, caller);
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (method == "get_partial_list") {
-        guint32 nHandleId = 0, nIgnored1 = 0, nIgnored2 = 0;
-        const gchar* szParam = nullptr;
-        g_variant_get(parameters, "(uuu&s)", &nHandleId, &nIgnored1, &nIgnored2, &szParam);
-        pMOXEngineImp->GetPartialList(szParam, nHandleId, callerOf(invocation));
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (method == "request_cancel_detail" || method == "disconnect") {
-        guint32 nHandleId = 0;
-        g_variant_get(parameters, "(u)", &nHandleId);
-        if (method == "disconnect")
-            pMOXEngineImp->Disconnect(nHandleId, callerOf(invocation));
-        else
-            pMOXEngineImp->CancelDetail(nHandleId, callerOf(invocation));
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (method == "request_act") {
-        guint32 nHandleId = 0;
-        const gchar* szSelectionListBlockName = nullptr;
-        const gchar* szParam = nullptr;
-        g_variant_get(parameters, "(u&s&s)", &nHandleId, &szSelectionListBlockName, &szParam);
-        MOX_DEBUG("szParam: %s", mox_bus::ForLog(szParam).c_str());
-        MOX_DEBUG("szSelectionListBlockName: %s", mox_bus::ForLog(szSelectionListBlockName).c_str());
-        pMOXEngineImp->Act(szParam, szSelectionListBlockName, nHandleId, callerOf(invocation));
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (method == "usb_file_write") {
-        const gchar* szFilePath = nullptr;
-        const gchar* szShmName = nullptr;
-        g_variant_get(parameters, "(&s&s)", &szFilePath, &szShmName);
-        startFileJob(invocation, true, szFilePath, szShmName);
-    } else if (method == "usb_file_remove") {
-        const gchar* szFilePath = nullptr;
-        const gchar* szIgnored = nullptr;
-        g_variant_get(parameters, "(&s&s)", &szFilePath, &szIgnored);
-        startFileJob(invocation, false, szFilePath, nullptr);
-    } else if (method == "check_folder_path") {
-        const gchar* szParam = nullptr;
-        g_variant_get(parameters, "(&s)", &szParam);
-        std::string strFolderId = checkFolderPath(szParam);
-        g_dbus_method_invocation_return_value(invocation,
-                                              mox_bus::NewStringTuple(strFolderId, "check_folder_path"));
-    } else if (method == "stop_act") {
-        guint32 nHandleId = 0;
-        const gchar* szParam = nullptr;
-        g_variant_get(parameters, "(u&s)", &nHandleId, &szParam);
-        MOX_DEBUG("szParam: %s", mox_bus::ForLog(szParam).c_str());
-        guint32 nResult = pMOXEngineImp->StopActSync(szParam, nHandleId, callerOf(invocation));
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", nResult));
-    } else if (method == "start_scanner_thumb") {
-        const gchar* szFolderPath = nullptr;
-        const gchar* szCategory = nullptr;
-        guint32 nCount = 0;
-        guint32 nPid = 0;
-        g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
-        gboolean bStarted = pMOXEngineImp->FolderThumbnailScan(callerOf(invocation), szFolderPath, szCategory,
-                                                               nCount, static_cast<int>(nPid))
-                                ? TRUE
-                                : FALSE;
-        MOX_INFO("start_scanner_thumb return [%d]", bStarted);
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", bStarted));
-        MOX_INFO("start_scanner_thumb return end[%d]", bStarted);
-    } else if (method == "stop_scanner_thumb") {
-        const gchar* szFolderPath = nullptr;
-        const gchar* szCategory = nullptr;
-        guint32 nCount = 0;
-        guint32 nPid = 0;
-        g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
-        pMOXEngineImp->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid));
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (method == "stop_scanner") {
-        guint32 nScannerId = 0;
-        g_variant_get(parameters, "(u)", &nScannerId);
-        // Ids are positive ints; larger values name no scanner.
-        if (nScannerId <= static_cast<guint32>(INT_MAX)) pMOXEngineImp->RemoveScanner(static_cast<int>(nScannerId));
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (method == "start_scanner") {
-        const gchar* szKind = nullptr;
-        const gchar* szParam = nullptr;
-        g_variant_get(parameters, "(&s&s)", &szKind, &szParam);
-        gboolean bStarted = FALSE;
-        int nScannerId = 0;
-        if (g_strcmp0(szKind, "check_device") == 0) {
-            if (pMOXEngineImp->StartCheckingDevice(callerOf(invocation), szParam, nScannerId))
-                bStarted = TRUE;
-            else
-                nScannerId = 0;
-        } else if (g_strcmp0(szKind, "scan_folder") == 0) {
-            MOX_WARN("unsupport yet, method(%s).", szKind);
-        }
-        g_dbus_method_invocation_return_value(invocation,
-                                              g_variant_new("(bu)", bStarted, static_cast<guint32>(nScannerId)));
-    } else if (method == "get_usb_storages") {
-        guint32 nType = 0;
-        g_variant_get(parameters, "(u)", &nType);
-        std::string strStorages;
-        int nResult = g_pStorageMgr->GetStorages(static_cast<mox_storage_device_type>(nType), strStorages);
-        GVariant* reply[] = {g_variant_new_uint32(guint32(nResult)),
-                             mox_bus::NewString(strStorages, "get_usb_storages")};
-        g_dbus_method_invocation_return_value(invocation, g_variant_new_tuple(reply, 2));
-    } else if (method == "bind_usb_event") {
-        guint32 nBind = 0;
-        g_variant_get(parameters, "(u)", &nBind);
-        SDBusConnectionInfo client = callerOf(invocation);
-        if (nBind == 1)
-            g_pStorageMgr->AddNotificationClient(client);
-        else
-            g_pStorageMgr->RemoveNotificationClient(client);
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", 0u));
-    } else {
-        MOX_WARN("unkown method(%s).", szMethodName);
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    }
-}
-
-const GDBusInterfaceVTable kInterfaceVTable = {handleMethodCall, nullptr, nullptr, {nullptr}};
-
-// GDBus answers calls of undeclared methods with an UnknownMethod error before
-// any handler runs. Clients of this engine expect an empty reply instead, so
-// such calls are taken off the wire here and answered on the main loop.
-struct UnknownCall {
-    GDBusConnection* connection;
-    GDBusMessage* message;
-};
-
-gboolean answerUnknownMethod(gpointer data) {
-    std::unique_ptr<UnknownCall> call(static_cast<UnknownCall*>(data));
-    const gchar* szMethodName = g_dbus_message_get_member(call->message);
-    MOX_INFO("recive method(%s).", szMethodName);
-    MOX_WARN("unkown method(%s).", szMethodName);
-    GDBusMessage* reply = g_dbus_message_new_method_reply(call->message);
-    g_dbus_connection_send_message(call->connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                   nullptr, nullptr);
-    g_object_unref(reply);
-    g_object_unref(call->message);
-    g_object_unref(call->connection);
-    return G_SOURCE_REMOVE;
-}
-
-// What the filter needs, owned by the filter: it runs on the GDBus worker
-// thread and may outlive the introspection data by a little.
-struct FilterData {
-    std::string path;
-    GDBusInterfaceInfo* iface;
-};
-
-void freeFilterData(gpointer data) {
-    auto* filter = static_cast<FilterData*>(data);
-    g_dbus_interface_info_unref(filter->iface);
-    delete filter;
-}
-
-GDBusMessage* filterUnknownMethods(GDBusConnection* connection, GDBusMessage* message,
-                                   gboolean incoming, gpointer data) {
-    if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL)
-        return message;
-    auto* filter = static_cast<const FilterData*>(data);
-    if (g_strcmp0(g_dbus_message_get_path(message), filter->path.c_str()) != 0 ||
-        g_strcmp0(g_dbus_message_get_interface(message), filter->iface->name) != 0)
-        return message;
-    const gchar* member = g_dbus_message_get_member(message);
-    if (member && g_dbus_interface_info_lookup_method(filter->iface, member)) return message;
-    auto* call = new UnknownCall{G_DBUS_CONNECTION(g_object_ref(connection)), message};
-    g_main_context_invoke(nullptr, answerUnknownMethod, call);
-    return nullptr;  // the message's reference now belongs to `call`
-}
-
-// A client that leaves the bus is forgotten: its storage bindings (sending to
-// a dead name costs every later event, without bound), its requests and the
-// result lists it alone held. GDBus delivers this on the main loop.
-void onNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
-                        GVariant* parameters, gpointer) {
-    const gchar* szName = nullptr;
-    const gchar* szOldOwner = nullptr;
-    const gchar* szNewOwner = nullptr;
-    g_variant_get(parameters, "(&s&s&s)", &szName, &szOldOwner, &szNewOwner);
-    if (szName[0] != ':' || szNewOwner[0] != '\0') return;
-    g_uidBySender.erase(szName);
-    if (g_pStorageMgr) g_pStorageMgr->RemoveNotificationClientsOf(szName);
-    if (pMOXEngineImp) pMOXEngineImp->RemoveClient(szName);
-}
-
-// The bus went away (its daemon restarted): stop in order and exit non-zero,
-// so that the service manager starts a daemon that connects afresh. GDBus's
-// own exit-on-close would raise SIGTERM at any moment, also in the middle of
-// the shutdown, after the handler is gone.
-void onConnectionClosed(GDBusConnection*, gboolean, GError*, gpointer) {
-    MOX_WARN("bus connection closed, stopping.");
-    g_nExitStatus = 1;
-    if (g_mainLoop) g_main_loop_quit(g_mainLoop);
-}
-
-void onBusAcquired(GDBusConnection* connection, const gchar*, gpointer) {
-    GDBusNodeInfo* node = g_introspectionData.get();
-    auto* filter = new FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])};
-    g_dbus_connection_add_filter(connection, filterUnknownMethods, filter, freeFilterData);
-    if (!g_pConnection) {
-        g_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
-        g_dbus_connection_set_exit_on_close(connection, FALSE);
-        g_signal_connect(connection, "closed", G_CALLBACK(onConnectionClosed), nullptr);
-        g_nNameOwnerSubscription = g_dbus_connection_signal_subscribe(
-            connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-            "/org/freedesktop/DBus", nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onNameOwnerChanged, nullptr, nullptr);
-    }
-    guint nRegistrationId = g_dbus_connection_register_object(
-        connection, node->path, node->interfaces[0], &kInterfaceVTable, nullptr, nullptr, nullptr);
-    MOX_DEBUG("BusAcquired.");
-    assert(nRegistrationId > 0);
-}
-
-void onNameAcquired(GDBusConnection*, const gchar*, gpointer) {
-    MOX_DEBUG("NameAcquired.");
-    watchdog_notify_ready();
-}
-
-void onNameLost(GDBusConnection*, const gchar*, gpointer) { MOX_DEBUG("NameLost."); }
 
 gboolean onQuitSignal(gpointer) {
     MOX_INFO("termination signal received, leaving the main loop.");
@@ -664,9 +249,9 @@ bool parseIntrospectionData() {
 
 // The engine drops the result lists clients still hold; the sources, the
 // cached blocks and the UHD provider go only when no command runs any more.
-void shutDownEngine() {
-    bool bIdle = pMOXEngineImp->WaitIdle(std::chrono::seconds(10));
-    pMOXEngineImp.reset();
+void shutDownEngine(std::unique_ptr<CMOXEngineImp> pEngine) {
+    bool bIdle = pEngine->WaitIdle(std::chrono::seconds(10));
+    pEngine.reset();
     if (!bIdle) {
         MOX_WARN("Commands still running: sources and cache kept until exit.");
         return;
@@ -674,6 +259,70 @@ void shutDownEngine() {
     CMOXSingleton<CMOXSourceMgr>::Destroy();
     CMOXSingleton<CCachePool>::Destroy();
     CMOXSingleton<CMOXUHDDataMgr>::Destroy();
+}
+
+// Everything main builds, torn down in reverse in one place whatever stage
+// start-up reached.
+struct Daemon {
+    std::unique_ptr<CMOXBusService> pBus;
+    std::unique_ptr<CMOXEngineImp> pEngine;
+    std::unique_ptr<CMOXStorageMgr> pStorage;
+    bool bKeyWatched = false;
+
+    ~Daemon() {
+        if (pBus) {
+            pBus->Unown();
+            pBus->Detach();
+        }
+        if (pStorage) {
+            pStorage->SetNotificationCB(nullptr);
+            pStorage->SetInternalCB(nullptr, nullptr);
+            pStorage.reset();
+        }
+        if (pEngine) shutDownEngine(std::move(pEngine));
+        if (bKeyWatched) vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
+        // Scanner threads end before the connection their callbacks use goes.
+        CMOXSingleton<CMOXScanManager>::Destroy();
+        CMOXSingleton<CCacheFolder>::Destroy();
+        g_pBus = nullptr;
+        pBus.reset();
+        g_introspectionData.reset();
+        g_introspectionXml.reset();
+        curl_global_cleanup();
+    }
+};
+
+// Builds the daemon's parts, runs the main loop and returns the exit status;
+// `daemon` tears everything down.
+int Serve(Daemon& daemon, GMainLoop* loop) {
+    daemon.pBus = std::make_unique<CMOXBusService>(g_introspectionData.get(), [] {
+        // The bus went away (its daemon restarted): stop in order and exit
+        // non-zero, so that the service manager starts a daemon that connects
+        // afresh.
+        g_nExitStatus = 1;
+        if (g_mainLoop) g_main_loop_quit(g_mainLoop);
+    });
+    g_pBus = daemon.pBus.get();
+    daemon.pEngine = std::make_unique<CMOXEngineImp>(*daemon.pBus);
+    daemon.pStorage = std::make_unique<CMOXStorageMgr>();
+    daemon.pStorage->SetNotificationCB(notify_storages);
+    MOX_DEBUG("SetInternalCB in mox_engine.cpp...");
+    daemon.pStorage->SetInternalCB(cb_dealUsbEvent, daemon.pEngine.get());
+    daemon.pBus->Attach(daemon.pEngine.get(), daemon.pStorage.get());
+
+    mox_engine_deal_reset_status();
+    vconf_notify_key_changed(kDbResetKey, OnVconfKeyChangedCB, nullptr);
+    daemon.bKeyWatched = true;
+
+    daemon.pBus->Own([] { watchdog_notify_ready(); });
+    write_engine_status();
+
+    watchdog_register(kWatchdogPeriodSec);
+    guint nHeartbeatId = g_timeout_add(kHeartbeatMs, notify_callback, loop);
+    g_main_loop_run(loop);
+    g_source_remove(nHeartbeatId);
+    power_unsubscribe_poweroff(cb_dealPowerOff);
+    return g_nExitStatus;
 }
 
 }  // namespace
@@ -699,83 +348,29 @@ int main(int argc, char** argv) {
     MOX_DEBUG("curl_global_init.");
     curl_global_init(CURL_GLOBAL_ALL);
     MOX_DEBUG("curl_global_init end.");
-
-    if (!initIntrospectionXml()) {
-        MOX_DEBUG("init_introspection_xml error.");
-        curl_global_cleanup();
-        return 1;
-    }
-    MOX_DEBUG("init_introspection_xml ok.");
-
-    try {
-        pMOXEngineImp = std::make_unique<CMOXEngineImp>();
-    } catch (...) {
-        MOX_WARN(" new CMOXEngineImp faild.");
-    }
-    assert(pMOXEngineImp != NULL);
-
-    g_pStorageMgr = std::make_unique<CMOXStorageMgr>();
-    g_pStorageMgr->SetNotificationCB(notify_storages);
-    MOX_DEBUG("SetInternalCB in mox_engine.cpp...");
-    g_pStorageMgr->SetInternalCB(cb_dealUsbEvent, pMOXEngineImp.get());
-
-    mox_engine_deal_reset_status();
-    vconf_notify_key_changed(kDbResetKey, OnVconfKeyChangedCB, nullptr);
-
-    // A malformed file is a broken installation: say so and stop, as for a
-    // missing one, instead of aborting.
-    if (!parseIntrospectionData()) {
-        vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
-        g_pStorageMgr->SetNotificationCB(nullptr);
-        g_pStorageMgr->SetInternalCB(nullptr, nullptr);
-        g_pStorageMgr.reset();
-        pMOXEngineImp.reset();
-        g_introspectionData.reset();
-        g_introspectionXml.reset();
-        curl_global_cleanup();
-        return 1;
-    }
-
-    guint nOwnerId = g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE,
-                                    onBusAcquired, onNameAcquired, onNameLost, nullptr, nullptr);
-    write_engine_status();
-
+    // Until the teardown is over a second SIGTERM (a service manager that
+    // stops the daemon while it is already stopping) only wakes a loop nobody
+    // runs instead of killing the process half-way through.
     std::unique_ptr<GMainLoop, MainLoopDeleter> loop(g_main_loop_new(nullptr, FALSE));
     g_mainLoop = loop.get();
-    watchdog_register(kWatchdogPeriodSec);
-    guint nHeartbeatId = g_timeout_add(kHeartbeatMs, notify_callback, loop.get());
     guint nTermId = g_unix_signal_add(SIGTERM, onQuitSignal, nullptr);
     guint nIntId = g_unix_signal_add(SIGINT, onQuitSignal, nullptr);
-    g_main_loop_run(loop.get());
-
-    g_source_remove(nHeartbeatId);
-    g_bus_unown_name(nOwnerId);
-    g_introspectionData.reset();
-    power_unsubscribe_poweroff(cb_dealPowerOff);
-    g_pStorageMgr->SetNotificationCB(nullptr);
-    g_pStorageMgr->SetInternalCB(nullptr, nullptr);
-    g_pStorageMgr.reset();
-    shutDownEngine();
-    vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
-    // Scanner threads end before the connection their callbacks use goes.
-    CMOXSingleton<CMOXScanManager>::Destroy();
-    CMOXSingleton<CCacheFolder>::Destroy();
-    if (g_pConnection) {
-        g_dbus_connection_signal_unsubscribe(g_pConnection, g_nNameOwnerSubscription);
-        g_object_unref(g_pConnection);
+    int nStatus = 1;
+    {
+        Daemon daemon;
+        // A missing or malformed file is a broken installation: say so and
+        // stop instead of aborting.
+        if (initIntrospectionXml() && parseIntrospectionData()) {
+            MOX_DEBUG("init_introspection_xml ok.");
+            nStatus = Serve(daemon, loop.get());
+        }
     }
-    g_pConnection = nullptr;
     g_mainLoop = nullptr;
     loop.reset();
-    g_introspectionXml.reset();
-    curl_global_cleanup();
-    // Removed last: until here a second SIGTERM (a service manager that stops
-    // the daemon while it is already stopping) only wakes a loop nobody runs
-    // instead of killing the process half-way through the teardown.
     g_source_remove(nIntId);
     g_source_remove(nTermId);
     signal(SIGTERM, SIG_IGN);  // the process is ending in order anyway
     signal(SIGINT, SIG_IGN);
     MOX_INFO("mox engine stopped.");
-    return g_nExitStatus;
+    return nStatus;
 }

@@ -1,7 +1,6 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_engine_imp.h"
 
-#include <gio/gio.h>
 
 #include <cstring>
 #include <vector>
@@ -36,7 +35,7 @@ std::string StringMember(const std::string& strDoc, const char* szKey) {
 
 }  // namespace
 
-CMOXEngineImp::CMOXEngineImp() = default;
+CMOXEngineImp::CMOXEngineImp(IMOXSignalSink& sink) : m_sink(sink) {}
 
 CMOXEngineImp::~CMOXEngineImp() {
     {
@@ -57,16 +56,7 @@ bool CMOXEngineImp::WaitIdle(std::chrono::milliseconds timeout) {
 }
 
 void CMOXEngineImp::m_Emit(const connect_info_s& client, const char* szSignal, const std::string& strPayload) {
-    GVariant* pText = mox_bus::NewString(strPayload, szSignal);
-    GError* localError = nullptr;
-    g_dbus_connection_emit_signal(client.connection, client.sender.c_str(), client.objectPath.c_str(),
-                                  client.interfaceName.c_str(), szSignal, g_variant_new_tuple(&pText, 1),
-                                  &localError);
-    // The connection is the daemon's own; a failure means it is closing.
-    if (localError) {
-        MOX_WARN("Emit of %s to [%s] failed: %s.", szSignal, client.sender.c_str(), localError->message);
-        g_error_free(localError);
-    }
+    m_sink.Emit(client, szSignal, strPayload);
 }
 
 void CMOXEngineImp::m_EmitEvent(const connect_info_s& client, int nEventType, guint32 nHandleId) {
@@ -236,15 +226,6 @@ bool CMOXEngineImp::m_JoinOrStart(std::unique_lock<std::mutex>& lock, EMOXComman
     MOX_DEBUG("m_FindRequesterInit fail. Init a new workThread job.");
     IMOXCommand* pCommand = m_StartJob(m_InitWorker(eKind, std::move(pRequester), strKey, strCommand));
     return m_Execute(lock, pCommand, strCommand);
-}
-
-void CMOXEngineImp::m_EmitRefusal(const connect_info_s& caller, const char* szSignal, int nEventType,
-                                  guint32 nHandleId, const char* szDataKey, const char* szData) {
-    CJsonValue payload;
-    payload.Set("mox_event_type", nEventType);
-    payload.Set("mox_handle_id", nHandleId);
-    payload.Set(szDataKey, szData);
-    m_Emit(caller, szSignal, payload.ToString());
 }
 
 void CMOXEngineImp::m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& caller, guint32 nHandleId,

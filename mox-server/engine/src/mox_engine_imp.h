@@ -49,10 +49,7 @@
 #include <string>
 
 #include "mox_command.h"
-#include "mox_storage_defines.h"
-
-// A client's identity: connection, sender unique name, object path, interface.
-typedef dbus_connection_info_s connect_info_s;
+#include "mox_signal_sink.h"
 
 class CMOXEngineImp;
 
@@ -95,7 +92,8 @@ public:
     static const size_t kMaxListsPerClient = 256;
     static const guint32 kInvalidHandle = 4294967295u;
 
-    CMOXEngineImp();
+    // Every signal leaves through `sink`, which outlives the engine.
+    explicit CMOXEngineImp(IMOXSignalSink& sink);
     // Waits (bounded) for running commands, then drops every result list
     // still held by clients.
     ~CMOXEngineImp();
@@ -127,7 +125,7 @@ public:
 
     // The failure signal of a request refused before it reached the engine
     // (e.g. an argument over the size bound): every request gets an answer.
-    static void EmitRequestFailure(EMOXCommandKind eKind, guint32 nHandleId, const connect_info_s& caller);
+    void EmitRequestFailure(EMOXCommandKind eKind, guint32 nHandleId, const connect_info_s& caller);
 
     // A client left the bus: its requesters are cancelled and the result
     // lists that no other client holds are dropped.
@@ -198,18 +196,16 @@ private:
     bool m_DropList(const std::string& strShmName);
     size_t m_ListsHeldBy(const std::string& strSender) const;  // requires m_mutex
 
-    static void m_Emit(const connect_info_s& client, const char* szSignal, const std::string& strPayload);
-    static void m_EmitEvent(const connect_info_s& client, int nEventType, guint32 nHandleId);
-    // The failure signal of a request refused at once (a bound was reached).
-    static void m_EmitRefusal(const connect_info_s& caller, const char* szSignal, int nEventType,
-                              guint32 nHandleId, const char* szDataKey, const char* szData);
+    void m_Emit(const connect_info_s& client, const char* szSignal, const std::string& strPayload);
+    void m_EmitEvent(const connect_info_s& client, int nEventType, guint32 nHandleId);
     // The final act signal (event 6 for code 0, else 7) to one requester.
-    static void m_EmitActEnd(const connect_info_s& client, guint32 nHandleId, const std::string& strResult,
-                             const std::string& strTimes, int nError);
+    void m_EmitActEnd(const connect_info_s& client, guint32 nHandleId, const std::string& strResult,
+                      const std::string& strTimes, int nError);
     // The failure signal of a refused request of eKind (code 23, or nError).
-    static void m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& caller, guint32 nHandleId,
+    void m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& caller, guint32 nHandleId,
                               const std::string& strCommand, int nError);
 
+    IMOXSignalSink& m_sink;
     guint32 m_nHandleCounter = 0;  // main loop only
     std::mutex m_mutex;
     std::condition_variable m_idle;  // signalled when a job ends
