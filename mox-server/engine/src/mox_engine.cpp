@@ -459,13 +459,17 @@ void handleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*
         guint32 nCount = 0;
         guint32 nPid = 0;
         g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
-        pMOXEngineImp->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid));
+        pMOXEngineImp->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid),
+                                             callerOf(invocation).sender,
+                                             [invocation] { return callerUid(invocation) == 0; });
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "stop_scanner") {
         guint32 nScannerId = 0;
         g_variant_get(parameters, "(u)", &nScannerId);
         // Ids are positive ints; larger values name no scanner.
-        if (nScannerId <= static_cast<guint32>(INT_MAX)) pMOXEngineImp->RemoveScanner(static_cast<int>(nScannerId));
+        if (nScannerId <= static_cast<guint32>(INT_MAX))
+            pMOXEngineImp->RemoveScanner(static_cast<int>(nScannerId), callerOf(invocation).sender,
+                                         [invocation] { return callerUid(invocation) == 0; });
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else if (method == "start_scanner") {
         const gchar* szKind = nullptr;
@@ -570,6 +574,7 @@ void onNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gcha
     if (szName[0] != ':' || szNewOwner[0] != '\0') return;
     if (g_pStorageMgr) g_pStorageMgr->RemoveNotificationClientsOf(szName);
     if (pMOXEngineImp) pMOXEngineImp->RemoveClient(szName);
+    if (pMOXEngineImp) pMOXEngineImp->RemoveScannersOfClient(szName);
 }
 
 // The bus went away (its daemon restarted): stop in order and exit non-zero,

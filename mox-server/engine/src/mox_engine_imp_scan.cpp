@@ -5,14 +5,19 @@
 
 #include <sys/stat.h>
 
+#include <fcntl.h>
+
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <vector>
 
 #include <mox/json_value.h>
+#include <mox/mox_confined_path.h>
 #include <mox/mox_singleton.h>
 #include <mox_host_paths.h>
+#include <mox_unique_fd.h>
 
 #include "mox_bus_text.h"
 #include "mox_extractor.h"
@@ -84,8 +89,10 @@ const char* ItemTypeOf(int nGroup) {
     }
 }
 
-// `path` resolved (links and ".." included) strictly below the USB root,
-// spelt with the USB root as configured; false (logged) otherwise.
+// `path` resolved strictly below the USB root by descriptor (openat2
+// beneath the root: no link or ".." leads out, and a refusal is the same
+// whatever exists outside), spelt with the USB root as configured; false
+// (logged) otherwise. The walk opens the result beneath the root again.
 bool ConfineToUsbRoot(const char* path, std::string& confined) {
     if (path == nullptr || *path == '\0' || std::strlen(path) >= PATH_MAX) {
         MOX_WARN("path refused: empty or too long");
@@ -93,17 +100,17 @@ bool ConfineToUsbRoot(const char* path, std::string& confined) {
     }
     std::string root = StripTrailingSlashes(mox_host::UsbRoot());
     std::unique_ptr<char, decltype(&free)> realRoot(realpath(root.c_str(), nullptr), free);
-    std::unique_ptr<char, decltype(&free)> realPath(realpath(path, nullptr), free);
-    if (!realRoot || !realPath) {
-        MOX_WARN("path(%s) refused: cannot be resolved", mox_bus::ForLog(path).c_str());
+    mox_util::UniqueFd fd(CMOXConfinedPath(root).OpenPath(path));
+    std::string strPath;
+    if (!realRoot || !fd.IsValid() || !CMOXConfinedPath::PathOfDescriptor(fd.Get(), strPath)) {
+        MOX_WARN("path(%s) refused: not a place below %s", mox_bus::ForLog(path).c_str(), root.c_str());
         return false;
     }
     std::string strRoot(realRoot.get());
-    std::string strPath(realPath.get());
     if (strRoot == "/") strRoot.clear();
     if (strPath.size() <= strRoot.size() + 1 || strPath.compare(0, strRoot.size(), strRoot) != 0 ||
         strPath[strRoot.size()] != '/') {
-        MOX_WARN("path(%s) refused: not below %s", mox_bus::ForLog(path).c_str(), root.c_str());
+        MOX_WARN("path(%s) refused: not strictly below %s", mox_bus::ForLog(path).c_str(), root.c_str());
         return false;
     }
     confined = root + strPath.substr(strRoot.size());
@@ -144,7 +151,7 @@ bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char
 
     CMOXScanManager* pManager = Manager();
     int id = -1;
-    if (pManager->CreateScanner(id) != 0) {
+    if (pManager->CreateScanner(id, caller.sender) != 0) {
         MOX_WARN("CreateScanner failed.");
         return false;
     }
@@ -152,6 +159,8 @@ bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char
 
     SMOXScannerOption option;
     option.strDevicePath = strMountPath;
+    option.strConfineRoot = mox_host::UsbRoot();
+    option.strOwner = caller.sender;
     option.strBasePath = strMountPath;
     option.nMediaGroup = MOX_MEDIA_TYPE_NONE;
     option.nScanMode = MOX_SCAN_MODE_CHECK;
@@ -199,15 +208,20 @@ void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
             entry = SMOXFileInfo();
         }
         nMediaType = CMOXScanManager::ConvertMediaType(entry.nExtensionGroup);
-        // Only a regular file is handed to the extractor: a FIFO or device
-        // node named like media is reported without metadata.
+        // Only a regular file is handed to the extractor: a FIFO, device node
+        // or link named like media is reported without metadata. Its folder
+        // is opened beneath the USB root again (it may have been swapped for
+        // a link since the walk), and size and time come from that stat, so
+        // nothing outside the root is ever described.
         struct stat st;
-        std::string strPath = entry.strBasePath + "/" + entry.strName;
         media_info_s info;
-        if (!entry.strName.empty() && lstat(strPath.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-            CMOXExtractor extractor(entry.strBasePath, entry.strName, entry.nExtensionGroup,
-                                    entry.bDetailFilled, static_cast<unsigned long long>(entry.llFileSize),
-                                    static_cast<unsigned long>(entry.tModified));
+        mox_util::UniqueFd folder(entry.strName.empty() ? -1
+                                      : CMOXConfinedPath(mox_host::UsbRoot()).OpenPath(entry.strBasePath));
+        if (folder.IsValid() && fstatat(folder.Get(), entry.strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(st.st_mode)) {
+            CMOXExtractor extractor(entry.strBasePath, entry.strName, entry.nExtensionGroup, true,
+                                    static_cast<unsigned long long>(st.st_size),
+                                    static_cast<unsigned long>(st.st_mtime));
             if (extractor.Extract(info)) strMediaText = extractor.ToString(info);
         }
         if (strMediaText.empty())
@@ -253,6 +267,8 @@ bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char
     }
     SMOXScannerOption option;
     option.strDevicePath = strFolder;
+    option.strConfineRoot = mox_host::UsbRoot();
+    option.strOwner = caller.sender;
     option.strBasePath = MountPathOf(strFolder);
     option.strFourthPath = category;
     option.nMediaGroup = static_cast<int16_t>(MediaGroupOfCategory(category));
@@ -323,21 +339,50 @@ void CMOXEngineImp::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) {
          g_variant_new("(@s)", mox_bus::NewString(strPayload, "mox_folder_thumb_done")));
 }
 
-void CMOXEngineImp::RemoveScanner(int id) { Manager()->RemoveScanner(id); }
+bool CMOXEngineImp::RemoveScanner(int id, const std::string& sender, const std::function<bool()>& callerIsRoot) {
+    CMOXScanManager* pManager = Manager();
+    std::string owner;
+    // Ids are never reused, so the owner read here stays the scanner's.
+    if (!pManager->GetScannerOwner(id, owner)) {
+        MOX_INFO("Scanner(%d) does not exist.", id);
+        return true;
+    }
+    if (owner != sender && !callerIsRoot()) {
+        MOX_WARN("stop_scanner(%d) from %s refused: the scanner is another client's", id, sender.c_str());
+        return false;
+    }
+    pManager->RemoveScanner(id);
+    return true;
+}
 
 void CMOXEngineImp::RemoveScannerOfDevice(const char* mountPath) {
     if (mountPath == nullptr) return;
     Manager()->RemoveScanner(mountPath);
 }
 
-void CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count,
-                                           int pid) {
-    if (folderPath == nullptr || category == nullptr) return;
+bool CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
+                                           const std::string& sender, const std::function<bool()>& callerIsRoot) {
+    if (folderPath == nullptr || category == nullptr) return true;
     // Requests hold the folder as resolved when they were queued.
     std::string strFolder;
     if (!ConfineToUsbRoot(folderPath, strFolder)) strFolder = folderPath;
     unsigned int limit = count > static_cast<unsigned int>(INT_MAX) ? static_cast<unsigned int>(INT_MAX) : count;
-    Manager()->RemoveScanner(strFolder.c_str(), category, limit, pid);
+    CMOXScanManager* pManager = Manager();
+    // The caller's own requests first; the bus is asked about root only when
+    // another client's request matches.
+    if (pManager->RemoveScanner(strFolder.c_str(), category, limit, pid, &sender) == 0) return true;
+    if (!callerIsRoot()) {
+        MOX_WARN("stop_scanner_thumb(%s) from %s refused: the request is another client's",
+                 mox_bus::ForLog(folderPath).c_str(), sender.c_str());
+        return false;
+    }
+    pManager->RemoveScanner(strFolder.c_str(), category, limit, pid, nullptr);
+    return true;
+}
+
+void CMOXEngineImp::RemoveScannersOfClient(const std::string& sender) {
+    if (sender.empty()) return;
+    Manager()->RemoveScannersOfOwner(sender);
 }
 
 void CMOXEngineImp::RemoveThumbnailByDevice(const char* mountPath) {

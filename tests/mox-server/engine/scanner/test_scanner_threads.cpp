@@ -276,7 +276,7 @@ TEST(ThumbnailScanner, RemovalAndQueueBound) {
     ASSERT_EQ(thumb.AddScanner(request(mount + "/dirs", 7, other)), 0);
     ASSERT_EQ(thumb.AddScanner(request(mount + "/dirs", 7, other)), 0);
     ASSERT_EQ(thumb.AddScanner(request(mount + "/empty", 1, other)), 0);
-    thumb.RemoveScanner((mount + "/dirs").c_str(), "CONTENT-IMAGE", 4, 7);
+    EXPECT_EQ(thumb.RemoveScanner((mount + "/dirs").c_str(), "CONTENT-IMAGE", 4, 7, nullptr), 0u);
     thumb.RemoveScannerByDevice(mount.c_str());
     EXPECT_EQ(rec.frees.load(), 102);
     first.Release();
