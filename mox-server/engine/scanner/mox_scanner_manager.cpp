@@ -316,7 +316,7 @@ int CMOXScanManager::AddThumbnailScanner(const SMOXScannerOption& option) {
         if (!m_pThumbnailOwner) {
             std::unique_ptr<CMOXThumbnailScanner> pNew(new CMOXThumbnailScanner());
             if (!pNew->Create()) {
-                MOX_INFO("thumbnail scanner create failed ");
+                MOX_WARN("thumbnail scanner create failed ");
                 SMOXScannerOption copy = option;
                 copy.FreeCallbackData();
                 return -1;

@@ -50,7 +50,7 @@ int CMOXThumbnailScanner::AddScanner(const SMOXScannerOption& option) {
     {
         Lock lock(m_mutex);
         if (!m_bThreadRun) {
-            MOX_INFO("m_bThreadRun is NULL ");
+            MOX_WARN("thumbnail scanner not running, request refused");
         } else if (m_queue.size() >= kMaxQueuedRequests) {
             MOX_WARN("thumbnail queue full (%zu requests)", m_queue.size());
         } else if (!request.strOwner.empty() && m_CountOwnedLocked(request.strOwner) >= kMaxRequestsPerClient) {

@@ -152,7 +152,8 @@ bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char
     CMOXScanManager* pManager = Manager();
     int id = -1;
     if (pManager->CreateScanner(id, caller.sender) != 0) {
-        MOX_WARN("CreateScanner failed.");
+        // The manager has said why, once.
+        MOX_INFO("CreateScanner failed.");
         return false;
     }
     MOX_INFO("Got Scanner(%d).", id);
@@ -291,7 +292,8 @@ bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char
     option.nResult = MOX_SCANNER_RESULT_NONE;
     // The thumbnail scanner owns the data from here on, also on failure.
     if (Manager()->AddThumbnailScanner(option) != 0) {
-        MOX_WARN("SetScannerOption failed");
+        // The thumbnail scanner has said why, once.
+        MOX_INFO("SetScannerOption failed");
         return false;
     }
     return true;
