@@ -10,6 +10,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -21,6 +23,11 @@ using mox_util::UniqueFd;
 namespace {
 
 int OpenBeneath(int rootFd, const std::string& relative, int flags, mode_t mode) {
+    // Bounded before the kernel sees it; a longer name fails like the kernel would.
+    if (relative.size() >= PATH_MAX) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
     struct open_how how;
     memset(&how, 0, sizeof(how));
     how.flags = static_cast<__u64>(flags | O_CLOEXEC);
@@ -101,6 +108,30 @@ int CMOXConfinedPath::OpenDirectoryForRead(const std::string& path) const {
         return -1;
     }
     return OpenBeneath(m_rootFd, relative, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK, 0);
+}
+
+int CMOXConfinedPath::OpenPath(const std::string& path) const {
+    std::string relative;
+    if (!Relative(path, relative)) {
+        errno = EXDEV;
+        return -1;
+    }
+    if (m_rootFd < 0) {
+        errno = ENOENT;
+        return -1;
+    }
+    return OpenBeneath(m_rootFd, relative, O_PATH, 0);
+}
+
+bool CMOXConfinedPath::PathOfDescriptor(int fd, std::string& path) {
+    char link[64];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    char buffer[PATH_MAX + 1];
+    ssize_t n = readlink(link, buffer, PATH_MAX);
+    // A deleted or unreachable object has no usable path.
+    if (n <= 0 || n >= PATH_MAX || buffer[0] != '/') return false;
+    path.assign(buffer, static_cast<size_t>(n));
+    return path.size() < 10 || path.compare(path.size() - 10, 10, " (deleted)") != 0;
 }
 
 int CMOXConfinedPath::OpenRegularForRead(const std::string& path) const {

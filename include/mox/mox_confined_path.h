@@ -42,6 +42,13 @@ public:
     // Opens an existing directory beneath the root for reading its entries
     // (O_RDONLY | O_DIRECTORY, never blocking). -1 and errno on failure.
     int OpenDirectoryForRead(const std::string& path) const;
+    // Opens what an absolute `path` names beneath the root (O_PATH; links are
+    // followed only while they stay beneath it). -1 and errno on failure:
+    // EXDEV for anything leading out, decided before anything outside is
+    // looked up, so the answer never depends on what exists there.
+    int OpenPath(const std::string& path) const;
+    // The absolute path of an open descriptor as the kernel knows it.
+    static bool PathOfDescriptor(int fd, std::string& path);
     // Opens an existing regular file beneath the root for reading, without
     // blocking on a FIFO or device; anything else fails with EINVAL.
     int OpenRegularForRead(const std::string& path) const;

@@ -76,25 +76,21 @@ mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::str
         MOX_WARN("USB root[%s] unusable: %s.", mox_host::UsbRoot().c_str(), strerror(nErrno));
         return MOX_ERROR_INVALID_PARAMETER;
     }
-    strResolved = RealPath(strPath, nErrno);
-    if (!strResolved.empty()) {
-        if (IsBelow(strRoot, strResolved)) return MOX_ERROR_NONE;
-        MOX_WARN("Refused path[%.256s]: outside the USB root.", strPath.c_str());
+    // Resolved by the kernel beneath the root: a link or ".." leading out is
+    // refused before anything outside is looked up, so the answer is the same
+    // whether something exists there or not. Only a name missing below the
+    // root is "not found".
+    mox_util::UniqueFd fd(CMOXConfinedPath(mox_host::UsbRoot()).OpenPath(strPath));
+    if (!fd.IsValid()) {
+        if (errno == ENOENT) return MOX_ERROR_DETAIL_NOT_FOUND;
+        MOX_WARN("Refused path[%.256s]: not below the USB root.", strPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
-    // Missing: say so only for a place below the root (its folder resolves
-    // there), never for paths elsewhere.
-    std::string strParent = strPath.substr(0, strPath.find_last_of('/'));
-    std::string strName = strPath.substr(strPath.find_last_of('/') + 1);
-    const int nPathErrno = nErrno;
-    std::string strParentReal = strParent.empty() ? std::string("/") : RealPath(strParent, nErrno);
-    if (nPathErrno == ENOENT) {
-        bool bParentInside = !strParentReal.empty() &&
-                             (strParentReal == strRoot || IsBelow(strRoot, strParentReal));
-        if (bParentInside && strName != "." && strName != ".." && !strName.empty()) return MOX_ERROR_DETAIL_NOT_FOUND;
+    if (!CMOXConfinedPath::PathOfDescriptor(fd.Get(), strResolved) || !IsBelow(strRoot, strResolved)) {
+        MOX_WARN("Refused path[%.256s]: not strictly below the USB root.", strPath.c_str());
+        return MOX_ERROR_INVALID_PARAMETER;
     }
-    MOX_WARN("Refused path[%.256s]: not below the USB root.", strPath.c_str());
-    return MOX_ERROR_INVALID_PARAMETER;
+    return MOX_ERROR_NONE;
 }
 
 mox_error_code_e CMOXLocalFolder::List(const std::string& strFolderPath, const bool& bStop,

@@ -41,7 +41,8 @@ public:
     static int MediaTypeOf(const std::string& strName);
 
 private:
-    // The real path of the root, and of strPath when it lies strictly below
-    // it; 7 (warning) or 5 (strPath does not exist) otherwise.
+    // The real path of the root, and of strPath when it resolves (beneath the
+    // root, by descriptor) strictly below it; 5 when a name below the root is
+    // missing, 7 (warning) otherwise, whatever exists outside.
     static mox_error_code_e m_Resolve(const std::string& strPath, std::string& strRoot, std::string& strResolved);
 };

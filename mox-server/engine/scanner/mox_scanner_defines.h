@@ -108,6 +108,13 @@ typedef void (*MOXScannerDataFree)(void* pUserData);
 
 struct SMOXScannerOption {
     std::string strDevicePath;
+    // The trusted directory the walk is confined to: the device path is
+    // opened beneath it by descriptor (no link or ".." leads out). Empty: the
+    // device path itself is trusted (internal callers only).
+    std::string strConfineRoot;
+    // Unique bus name of the client that asked for the scan; empty for the
+    // engine's own scans.
+    std::string strOwner;
     std::string strBasePath;
     std::string strThirdPath;
     std::string strFourthPath;

@@ -33,12 +33,20 @@ CMOXScanManager::~CMOXScanManager() {
     m_pThumbnailOwner.reset();
 }
 
-int CMOXScanManager::CreateScanner(int& id) {
+int CMOXScanManager::CreateScanner(int& id, const std::string& owner) {
     Lock lock(m_mutex);
     if (m_scanners.size() >= kMaxScanners) {
-        MOX_WARN("ERROR");
         MOX_WARN("too many scanners (%zu)", m_scanners.size());
         return -1;
+    }
+    if (!owner.empty()) {
+        size_t nOwned = 0;
+        for (const auto& info : m_scanners)
+            if (info->strOwner == owner) ++nOwned;
+        if (nOwned >= kMaxScannersPerClient) {
+            MOX_WARN("client %s already holds %zu scanners, refused", owner.c_str(), nOwned);
+            return -1;
+        }
     }
     std::string szName = "MOX_SCANNER_" + std::to_string(m_nLastID + 1);
     std::unique_ptr<CMOXAutoScanner> pScanner(new CMOXAutoScanner());
@@ -51,6 +59,7 @@ int CMOXScanManager::CreateScanner(int& id) {
     auto info = std::make_shared<SMOXScannerInfo>();
     info->pScanner = std::move(pScanner);
     info->strName = szName;
+    info->strOwner = owner;
     info->nScannerID = m_nLastID;
     m_scanners.push_back(info);
     id = m_nLastID;
@@ -70,6 +79,13 @@ int CMOXScanManager::GetScanner(const char* path, int& id) {
     }
     MOX_WARN("No matching SCANNER...");
     return MOX_SCAN_RETRY;
+}
+
+bool CMOXScanManager::GetScannerOwner(int id, std::string& owner) {
+    std::shared_ptr<SMOXScannerInfo> info = m_FindScanner(id);
+    if (!info) return false;
+    owner = info->strOwner;  // never changes once listed
+    return true;
 }
 
 std::shared_ptr<SMOXScannerInfo> CMOXScanManager::m_FindScanner(int id) {
@@ -242,6 +258,28 @@ void CMOXScanManager::RemoveScanner(const char* path) {
     for (const auto& info : removed) m_Retire(info);
 }
 
+void CMOXScanManager::RemoveScannersOfOwner(const std::string& owner) {
+    if (owner.empty()) return;
+    std::vector<std::shared_ptr<SMOXScannerInfo>> removed;
+    {
+        Lock lock(m_mutex);
+        for (auto it = m_scanners.begin(); it != m_scanners.end();) {
+            if ((*it)->strOwner == owner) {
+                removed.push_back(*it);
+                it = m_scanners.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (const auto& info : removed) m_Retire(info);
+    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
+    size_t nThumbs = pThumb == nullptr ? 0 : pThumb->RemoveScannersOfOwner(owner);
+    if (!removed.empty() || nThumbs != 0)
+        MOX_INFO("client %s left: %zu scanners and %zu thumbnail requests removed", owner.c_str(), removed.size(),
+                 nThumbs);
+}
+
 void CMOXScanManager::PrintAllScanner() {
     Lock lock(m_mutex);
     for (const auto& info : m_scanners)
@@ -278,7 +316,7 @@ int CMOXScanManager::AddThumbnailScanner(const SMOXScannerOption& option) {
         if (!m_pThumbnailOwner) {
             std::unique_ptr<CMOXThumbnailScanner> pNew(new CMOXThumbnailScanner());
             if (!pNew->Create()) {
-                MOX_INFO("thumbnail scanner create failed ");
+                MOX_WARN("thumbnail scanner create failed ");
                 SMOXScannerOption copy = option;
                 copy.FreeCallbackData();
                 return -1;
@@ -295,13 +333,14 @@ int CMOXScanManager::AddThumbnailScanner(const SMOXScannerOption& option) {
     return 0;
 }
 
-void CMOXScanManager::RemoveScanner(const char* device, const char* path, unsigned int limit, int value) {
+size_t CMOXScanManager::RemoveScanner(const char* device, const char* path, unsigned int limit, int value,
+                                      const std::string* pOwner) {
     CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
     if (pThumb == nullptr) {
         MOX_INFO("m_pThumbnailScanner == NULL ");
-        return;
+        return 0;
     }
-    pThumb->RemoveScanner(device, path, limit, value);
+    return pThumb->RemoveScanner(device, path, limit, value, pOwner);
 }
 
 void CMOXScanManager::RemoveThumbnailByDevice(const char* device) {

@@ -31,6 +31,7 @@ struct SMOXScannerInfo {
     std::mutex mutex;
     std::unique_ptr<CMOXAutoScanner> pScanner;  // GUARDED_BY(mutex)
     std::string strName;
+    std::string strOwner;  // set once, before the record is listed
     int nScannerID = 0;
     std::atomic<bool> bScannerEnd{false};
 };
@@ -39,14 +40,21 @@ class CMOXScanManager {
 public:
     // Most auto scanners alive at once; CreateScanner refuses more.
     static constexpr size_t kMaxScanners = 64;
+    // Most auto scanners one client (bus unique name) holds at once, well
+    // below kMaxScanners: one client never takes every slot.
+    static constexpr size_t kMaxScannersPerClient = 16;
+    static_assert(kMaxScannersPerClient < kMaxScanners, "a client's share must stay below the bound");
 
     CMOXScanManager();
     virtual ~CMOXScanManager();
     CMOXScanManager(const CMOXScanManager&) = delete;
     CMOXScanManager& operator=(const CMOXScanManager&) = delete;
 
-    // 0 and the new id (from 1, never reused), or -1.
-    int CreateScanner(int& id);
+    // 0 and the new id (from 1, never reused), or -1 (warned) when all slots
+    // or `owner`'s share are taken. An empty owner is the engine itself.
+    int CreateScanner(int& id, const std::string& owner = std::string());
+    // The owner of scanner `id`; false when there is none.
+    bool GetScannerOwner(int id, std::string& owner);
     // Id of the first scanner whose device path is `path`; -6 when none.
     int GetScanner(const char* path, int& id);
 
@@ -71,6 +79,9 @@ public:
     void RemoveScanner(int id);
     // Removes every scanner whose base path is `path` or lies below it.
     void RemoveScanner(const char* path);
+    // Removes every scanner and thumbnail request of `owner` (a client that
+    // left the bus); their signals never come.
+    void RemoveScannersOfOwner(const std::string& owner);
     void PrintAllScanner();
     size_t GetScannerCount();
     // Waits until every removed scanner has been destroyed (tests, shutdown).
@@ -79,7 +90,11 @@ public:
     // Queues a folder thumbnail request; the option's callback data is owned
     // from here on (freed on failure). 0 or -1.
     int AddThumbnailScanner(const SMOXScannerOption& option);
-    void RemoveScanner(const char* device, const char* path, unsigned int limit, int value);
+    // Withdraws the thumbnail requests matching the four values and, unless
+    // pOwner is null, belonging to *pOwner; the number of matching requests
+    // of other owners, left alone.
+    size_t RemoveScanner(const char* device, const char* path, unsigned int limit, int value,
+                         const std::string* pOwner);
     void RemoveThumbnailByDevice(const char* device);
     int GetCurrentFileInfoList(std::vector<SMOXFileInfo>& out);
     int GetCurrentScannerOption(SMOXScannerOption& option);

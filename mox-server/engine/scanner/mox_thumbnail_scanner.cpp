@@ -50,9 +50,12 @@ int CMOXThumbnailScanner::AddScanner(const SMOXScannerOption& option) {
     {
         Lock lock(m_mutex);
         if (!m_bThreadRun) {
-            MOX_INFO("m_bThreadRun is NULL ");
+            MOX_WARN("thumbnail scanner not running, request refused");
         } else if (m_queue.size() >= kMaxQueuedRequests) {
             MOX_WARN("thumbnail queue full (%zu requests)", m_queue.size());
+        } else if (!request.strOwner.empty() && m_CountOwnedLocked(request.strOwner) >= kMaxRequestsPerClient) {
+            MOX_WARN("client %s already has %zu thumbnail requests, refused", request.strOwner.c_str(),
+                     kMaxRequestsPerClient);
         } else {
             m_queue.push_back(request);
             m_cond.notify_one();
@@ -91,22 +94,59 @@ void CMOXThumbnailScanner::RemoveScannerByDevice(const char* device) {
     }
 }
 
-void CMOXThumbnailScanner::RemoveScanner(const char* device, const char* path, unsigned int limit, int value) {
-    if (device == nullptr || path == nullptr) return;
+size_t CMOXThumbnailScanner::m_CountOwnedLocked(const std::string& owner) const {
+    size_t n = m_bBusy && m_current.strOwner == owner ? 1 : 0;
+    for (const SMOXScannerOption& o : m_queue)
+        if (o.strOwner == owner) ++n;
+    return n;
+}
+
+size_t CMOXThumbnailScanner::RemoveScanner(const char* device, const char* path, unsigned int limit, int value,
+                                           const std::string* pOwner) {
+    if (device == nullptr || path == nullptr) return 0;
     auto matches = [&](const SMOXScannerOption& o) {
         return o.strDevicePath == device && o.strFourthPath == path &&
                static_cast<unsigned int>(o.nFileLimit) == limit && o.nRequestTag == value;
     };
+    auto mine = [&](const SMOXScannerOption& o) { return pOwner == nullptr || o.strOwner == *pOwner; };
+    size_t nOthers = 0;
     Lock lock(m_mutex);
     for (auto it = m_queue.begin(); it != m_queue.end();) {
-        if (matches(*it)) {
+        if (matches(*it) && mine(*it)) {
             it->FreeCallbackData();
             it = m_queue.erase(it);
+        } else {
+            if (matches(*it)) ++nOthers;
+            ++it;
+        }
+    }
+    if (m_bBusy && matches(m_current)) {
+        if (mine(m_current))
+            m_bCancel = true;
+        else
+            ++nOthers;
+    }
+    return nOthers;
+}
+
+size_t CMOXThumbnailScanner::RemoveScannersOfOwner(const std::string& owner) {
+    if (owner.empty()) return 0;
+    size_t nDropped = 0;
+    Lock lock(m_mutex);
+    for (auto it = m_queue.begin(); it != m_queue.end();) {
+        if (it->strOwner == owner) {
+            it->FreeCallbackData();
+            it = m_queue.erase(it);
+            ++nDropped;
         } else {
             ++it;
         }
     }
-    if (m_bBusy && matches(m_current)) m_bCancel = true;
+    if (m_bBusy && m_current.strOwner == owner) {
+        m_bCancel = true;
+        ++nDropped;
+    }
+    return nDropped;
 }
 
 int CMOXThumbnailScanner::GetFileInfoList(std::vector<SMOXFileInfo>& out) {

@@ -12,6 +12,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include <mox/mox_thread.h>
@@ -23,6 +24,10 @@ class CMOXThumbnailScanner : public CMOXThread {
 public:
     // Most queued requests; AddScanner refuses more.
     static constexpr size_t kMaxQueuedRequests = 256;
+    // Most requests (queued or running) of one owner, well below the queue
+    // bound: one client never fills the queue for the others.
+    static constexpr size_t kMaxRequestsPerClient = 32;
+    static_assert(kMaxRequestsPerClient < kMaxQueuedRequests, "a client's share must stay below the bound");
     // Most files one request collects, whatever limit it asked for.
     static constexpr int kMaxFilesPerRequest = 1024;
 
@@ -36,15 +41,22 @@ public:
     void Destroy() override;
 
     // Queues a copy of the option; the scanner owns its callback data from
-    // here on (also on failure, when it frees it). 0, or -1 when the thread
-    // does not run or the queue is full.
+    // here on (also on failure, when it frees it). 0, or -1 (warned) when the
+    // thread does not run, the queue is full or the option's owner (when not
+    // empty) already has kMaxRequestsPerClient requests.
     int AddScanner(const SMOXScannerOption& option);
     // Drops every request whose base path is `device`, and waits until the
     // running one, when it is such a request, has ended.
     void RemoveScannerByDevice(const char* device);
-    // Drops the requests matching all four values; a running one is cancelled
-    // without waiting (the caller may be the main loop).
-    void RemoveScanner(const char* device, const char* path, unsigned int limit, int value);
+    // Drops the requests matching all four values and, unless pOwner is null,
+    // owned by *pOwner; a running one is cancelled without waiting (the
+    // caller may be the main loop). Answers how many matching requests of
+    // other owners were left alone.
+    size_t RemoveScanner(const char* device, const char* path, unsigned int limit, int value,
+                         const std::string* pOwner);
+    // Drops every request of `owner` and cancels its running one, without
+    // waiting and without its callback. The number of requests dropped.
+    size_t RemoveScannersOfOwner(const std::string& owner);
     // Files collected for the current request; 0, or -1 when none runs.
     int GetFileInfoList(std::vector<SMOXFileInfo>& out);
     // The current request; 0, or -1 when none runs.
@@ -54,6 +66,8 @@ protected:
     void t_Process() override;
 
 private:
+    // Requests of `owner`, queued or running; m_mutex held.
+    size_t m_CountOwnedLocked(const std::string& owner) const;
     bool m_PopScanner();
     int m_DoFolderThumbnailAction();
     void OnCallback();

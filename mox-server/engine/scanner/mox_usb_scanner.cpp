@@ -4,11 +4,15 @@
 #include "mox_usb_scanner.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+
+#include <mox/mox_confined_path.h>
 
 #include "mox_scan_log.h"
 
@@ -19,13 +23,66 @@ constexpr int kMaxRetry = 6;
 
 CMOXUsbScanner::CMOXUsbScanner() : CMOXScannerBase(kKindUsb) {}
 
-CMOXUsbScanner::~CMOXUsbScanner() { t_CloseDir(); }
+CMOXUsbScanner::~CMOXUsbScanner() {
+    t_CloseDir();
+    if (m_topFd >= 0) close(m_topFd);
+}
 
-int CMOXUsbScanner::t_Create() { return t_OpenDir(m_option.strDevicePath.c_str()); }
+int CMOXUsbScanner::t_Create() {
+    t_CloseDir();
+    if (m_topFd >= 0) close(m_topFd);
+    m_topFd = -1;
+    m_strTopPath = m_option.strDevicePath;
+    while (m_strTopPath.size() > 1 && m_strTopPath.back() == '/') m_strTopPath.pop_back();
+    if (m_strTopPath.empty()) {
+        MOX_WARN("device path is empty...");
+        return MOX_SCAN_BAD_ARGUMENT;
+    }
+    // The top is resolved once, by descriptor, beneath the confine root; all
+    // later opens are relative to it.
+    if (!m_option.strConfineRoot.empty())
+        m_topFd = CMOXConfinedPath(m_option.strConfineRoot).OpenDirectoryForRead(m_strTopPath);
+    else
+        m_topFd = open(m_strTopPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (m_topFd < 0) return m_ConvertError(errno, __LINE__);
+    return t_OpenDir(m_strTopPath.c_str());
+}
 
 void CMOXUsbScanner::t_Destroy() {
     MOX_INFO("current dir : %s", m_strCurDirName.c_str());
     t_CloseDir();
+    if (m_topFd >= 0) close(m_topFd);
+    m_topFd = -1;
+}
+
+int CMOXUsbScanner::m_OpenBelowTop(const std::string& path) {
+    if (m_topFd < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    std::string relative;
+    if (path == m_strTopPath) {
+        relative = ".";
+    } else if (path.size() > m_strTopPath.size() + 1 && path.compare(0, m_strTopPath.size(), m_strTopPath) == 0 &&
+               (m_strTopPath == "/" || path[m_strTopPath.size()] == '/')) {
+        relative = path.substr(m_strTopPath == "/" ? 1 : m_strTopPath.size() + 1);
+    } else {
+        errno = EXDEV;
+        return -1;
+    }
+    struct open_how how;
+    memset(&how, 0, sizeof(how));
+    // O_NONBLOCK: should a name now be a FIFO, O_DIRECTORY fails instead of
+    // blocking. No link is followed in any component, not even one that would
+    // stay below the top: the walk itself never meets links as folders.
+    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    for (;;) {
+        long fd = syscall(SYS_openat2, m_topFd, relative.c_str(), &how, sizeof(how));
+        if (fd >= 0) return static_cast<int>(fd);
+        // The kernel asks for a retry when a rename raced with the lookup.
+        if (errno != EAGAIN && errno != EINTR) return -1;
+    }
 }
 
 int CMOXUsbScanner::t_OpenDir(const char* pszPathName) {
@@ -38,10 +95,16 @@ int CMOXUsbScanner::t_OpenDir(const char* pszPathName) {
         return MOX_SCAN_BAD_ARGUMENT;
     }
     m_nRetryCount = 0;
-    // O_NOFOLLOW: a directory swapped for a link is not entered; O_NONBLOCK:
-    // should the name now be a FIFO, O_DIRECTORY fails instead of blocking.
-    int fd = open(pszPathName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return m_ConvertError(errno, __LINE__);
+    int fd = m_OpenBelowTop(pszPathName);
+    if (fd < 0) {
+        int err = errno;
+        // A folder swapped for a link (or moved out) is skipped, not followed.
+        if (err == ELOOP || err == EXDEV) {
+            MOX_WARN("DIR(%s) refused: it is no longer a folder below %s", pszPathName, m_strTopPath.c_str());
+            return MOX_SCAN_FAIL;
+        }
+        return m_ConvertError(err, __LINE__);
+    }
     DIR* dir = fdopendir(fd);
     if (dir == nullptr) {
         int err = errno;
@@ -149,9 +212,9 @@ int CMOXUsbScanner::m_GetDetailFileInfo(SMOXFileInfo& info, bool bSetType) {
     struct stat64 st;
     // Relative to the open directory and without following links: a link to a
     // FIFO or to a hung mount is never touched.
-    int nResult = m_pDir ? fstatat64(dirfd(m_pDir.get()), info.strName.c_str(), &st, AT_SYMLINK_NOFOLLOW)
-                         : lstat64((info.strBasePath + "/" + info.strName).c_str(), &st);
-    if (nResult != 0) return m_ConvertError(errno, __LINE__);
+    if (!m_pDir) return MOX_SCAN_NO_DIR;
+    if (fstatat64(dirfd(m_pDir.get()), info.strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return m_ConvertError(errno, __LINE__);
     if (bSetType) info.nType = S_ISDIR(st.st_mode) ? MOX_SCANNER_TYPE_DIR : MOX_SCANNER_TYPE_FILE;
     info.llFileSize = st.st_size;
     info.tModified = static_cast<int32_t>(st.st_mtime);

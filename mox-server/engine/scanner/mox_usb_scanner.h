@@ -1,8 +1,13 @@
 // CMOXUsbScanner: the directory scanner of a mounted file system. Reads with
-// readdir64 and never opens anything but directories: directories are opened
-// with O_NOFOLLOW|O_NONBLOCK, entry types come from d_type or lstat, so links
-// are never followed and FIFOs or device nodes never opened. At most one
-// directory stream is open at a time. Not thread-safe (see CMOXScannerBase).
+// readdir64 and never opens anything but directories. The top directory is
+// opened once, beneath the option's confine root (CMOXConfinedPath); every
+// directory below it is opened relative to that descriptor with openat2
+// (RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS, O_NOFOLLOW | O_NONBLOCK), never by a
+// path name: a folder swapped for a link after the walk started is refused,
+// never followed, so every entry handed out lies really below the top. Entry
+// types come from d_type or fstatat(AT_SYMLINK_NOFOLLOW); FIFOs or device
+// nodes are never opened. Two descriptors at most are open at a time. Not
+// thread-safe (see CMOXScannerBase).
 #pragma once
 
 #include <dirent.h>
@@ -36,6 +41,12 @@ private:
     struct DirCloser {
         void operator()(DIR* dir) const { closedir(dir); }
     };
+    // Opens the directory `path` (the top or a path below it) relative to
+    // m_topFd; -1 and errno on failure.
+    int m_OpenBelowTop(const std::string& path);
+
+    std::string m_strTopPath;  // the device path as the walk spells it
+    int m_topFd = -1;          // the top directory, open for the whole walk
     std::string m_strCurDirName;
     std::unique_ptr<DIR, DirCloser> m_pDir;
     bool m_bUnknownTypeLogged = false;

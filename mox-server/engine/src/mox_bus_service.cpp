@@ -201,7 +201,9 @@ void StopScannerThumb(const Call& call) {
     guint32 nCount = 0;
     guint32 nPid = 0;
     g_variant_get(call.parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
-    call.service->Engine()->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid));
+    const connect_info_s caller = call.Caller();
+    call.service->Engine()->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid),
+                                                  caller.sender, [&caller] { return caller.uid == 0; });
     call.Reply(nullptr);
 }
 
@@ -226,8 +228,11 @@ void StopScanner(const Call& call) {
     guint32 nScannerId = 0;
     g_variant_get(call.parameters, "(u)", &nScannerId);
     // Ids are positive ints; larger values name no scanner.
-    if (nScannerId <= static_cast<guint32>(INT_MAX))
-        call.service->Engine()->RemoveScanner(static_cast<int>(nScannerId));
+    if (nScannerId <= static_cast<guint32>(INT_MAX)) {
+        const connect_info_s caller = call.Caller();
+        call.service->Engine()->RemoveScanner(static_cast<int>(nScannerId), caller.sender,
+                                              [&caller] { return caller.uid == 0; });
+    }
     call.Reply(nullptr);
 }
 
@@ -449,7 +454,10 @@ void CMOXBusService::s_OnNameOwnerChanged(GDBusConnection*, const gchar*, const 
     if (szName[0] != ':' || szNewOwner[0] != '\0') return;
     pThis->m_uidBySender.erase(szName);
     if (pThis->m_pStorage) pThis->m_pStorage->RemoveNotificationClientsOf(szName);
-    if (pThis->m_pEngine) pThis->m_pEngine->RemoveClient(szName);
+    if (pThis->m_pEngine) {
+        pThis->m_pEngine->RemoveClient(szName);
+        pThis->m_pEngine->RemoveScannersOfClient(szName);
+    }
 }
 
 uid_t CMOXBusService::CallerUid(GDBusMethodInvocation* invocation) {

@@ -43,6 +43,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <map>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -137,15 +138,31 @@ public:
     // Device checks and folder thumbnails (mox_engine_imp_scan.cpp). Start
     // and remove calls run on the main loop (removals by device also on the
     // USB service's thread); the end callbacks run on scanner threads and take
-    // no engine lock. Paths must resolve below the USB root.
+    // no engine lock. Paths must resolve below the USB root (by descriptor,
+    // CMOXConfinedPath), and the walks open every folder beneath it.
+    //
+    // Work belongs to the client (unique bus name) that started it: only that
+    // client, or root, stops a scanner or withdraws a thumbnail request;
+    // anyone else is refused with a warning (callerIsRoot is asked only then,
+    // it may be a bus round trip). A client holds at most
+    // CMOXScanManager::kMaxScannersPerClient (16 of 64) scanners and
+    // CMOXThumbnailScanner::kMaxRequestsPerClient (32 of 256) thumbnail
+    // requests; further starts get the failure reply and a warning. What a
+    // client held goes when it leaves the bus (RemoveScannersOfClient).
     bool StartCheckingDevice(const connect_info_s& caller, const char* mountPath, int& scannerId);
     bool FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
                              unsigned int count, int pid);
     static void cb_scannerEnd(void* pUserData, int nScannerResult);
     static void cb_scanFolderThumbEnd(void* pUserData, int nScannerResult);
-    void RemoveScanner(int id);
+    // false when the scanner is another client's and the caller is not root.
+    bool RemoveScanner(int id, const std::string& sender, const std::function<bool()>& callerIsRoot);
     void RemoveScannerOfDevice(const char* mountPath);
-    void RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid);
+    // false when a matching request is another client's and the caller is
+    // not root (the caller's own ones are withdrawn all the same).
+    bool RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
+                               const std::string& sender, const std::function<bool()>& callerIsRoot);
+    // The scanners and thumbnail requests of a client that left the bus.
+    void RemoveScannersOfClient(const std::string& sender);
     void RemoveThumbnailByDevice(const char* mountPath);
 
 private:

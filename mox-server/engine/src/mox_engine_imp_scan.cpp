@@ -5,14 +5,19 @@
 
 #include <sys/stat.h>
 
+#include <fcntl.h>
+
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <vector>
 
 #include <mox/json_value.h>
+#include <mox/mox_confined_path.h>
 #include <mox/mox_singleton.h>
 #include <mox_host_paths.h>
+#include <mox_unique_fd.h>
 
 #include "mox_bus_text.h"
 #include "mox_extractor.h"
@@ -27,45 +32,28 @@ struct SMOXScanCallbackData {
     // singleton accessor, which would make a new manager while the old one
     // is being destroyed (its scanners' last callbacks run then).
     CMOXScanManager* pManager = nullptr;
-    GDBusConnection* connection = nullptr;  // referenced
-    std::string strSender;
-    std::string strObjectPath;
-    std::string strInterfaceName;
+    // Outlives every scanner: the daemon destroys the scan manager first.
+    IMOXSignalSink* pSink = nullptr;
+    connect_info_s client;  // its connection referenced
 };
 
 void FreeCallbackData(void* pData) {
     auto* data = static_cast<SMOXScanCallbackData*>(pData);
-    if (data->connection) g_object_unref(data->connection);
+    if (data->client.connection) g_object_unref(data->client.connection);
     delete data;
 }
 
-SMOXScanCallbackData* NewCallbackData(int nScannerId, const connect_info_s& caller) {
+SMOXScanCallbackData* NewCallbackData(int nScannerId, const connect_info_s& caller, IMOXSignalSink& sink) {
     auto* data = new SMOXScanCallbackData();
     data->nScannerId = nScannerId;
     data->pManager = CMOXSingleton<CMOXScanManager>::Get();
-    data->connection = caller.connection ? G_DBUS_CONNECTION(g_object_ref(caller.connection)) : nullptr;
-    data->strSender = caller.sender;
-    data->strObjectPath = caller.objectPath;
-    data->strInterfaceName = caller.interfaceName;
+    data->pSink = &sink;
+    data->client = caller;
+    if (caller.connection) g_object_ref(caller.connection);
     return data;
 }
 
 CMOXScanManager* Manager() { return CMOXSingleton<CMOXScanManager>::Get(); }
-
-void Emit(const SMOXScanCallbackData& client, const char* szSignal, GVariant* params) {
-    if (client.connection == nullptr) {
-        g_variant_unref(g_variant_ref_sink(params));
-        return;
-    }
-    GError* localError = nullptr;
-    g_dbus_connection_emit_signal(client.connection, client.strSender.c_str(), client.strObjectPath.c_str(),
-                                  client.strInterfaceName.c_str(), szSignal, params, &localError);
-    // Only our own connection being closed (shutdown) makes this fail.
-    if (localError != nullptr) {
-        MOX_WARN("emit %s failed: %s", szSignal, localError->message);
-        g_error_free(localError);
-    }
-}
 
 std::string StripTrailingSlashes(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -84,8 +72,10 @@ const char* ItemTypeOf(int nGroup) {
     }
 }
 
-// `path` resolved (links and ".." included) strictly below the USB root,
-// spelt with the USB root as configured; false (logged) otherwise.
+// `path` resolved strictly below the USB root by descriptor (openat2
+// beneath the root: no link or ".." leads out, and a refusal is the same
+// whatever exists outside), spelt with the USB root as configured; false
+// (logged) otherwise. The walk opens the result beneath the root again.
 bool ConfineToUsbRoot(const char* path, std::string& confined) {
     if (path == nullptr || *path == '\0' || std::strlen(path) >= PATH_MAX) {
         MOX_WARN("path refused: empty or too long");
@@ -93,17 +83,17 @@ bool ConfineToUsbRoot(const char* path, std::string& confined) {
     }
     std::string root = StripTrailingSlashes(mox_host::UsbRoot());
     std::unique_ptr<char, decltype(&free)> realRoot(realpath(root.c_str(), nullptr), free);
-    std::unique_ptr<char, decltype(&free)> realPath(realpath(path, nullptr), free);
-    if (!realRoot || !realPath) {
-        MOX_WARN("path(%s) refused: cannot be resolved", mox_bus::ForLog(path).c_str());
+    mox_util::UniqueFd fd(CMOXConfinedPath(root).OpenPath(path));
+    std::string strPath;
+    if (!realRoot || !fd.IsValid() || !CMOXConfinedPath::PathOfDescriptor(fd.Get(), strPath)) {
+        MOX_WARN("path(%s) refused: not a place below %s", mox_bus::ForLog(path).c_str(), root.c_str());
         return false;
     }
     std::string strRoot(realRoot.get());
-    std::string strPath(realPath.get());
     if (strRoot == "/") strRoot.clear();
     if (strPath.size() <= strRoot.size() + 1 || strPath.compare(0, strRoot.size(), strRoot) != 0 ||
         strPath[strRoot.size()] != '/') {
-        MOX_WARN("path(%s) refused: not below %s", mox_bus::ForLog(path).c_str(), root.c_str());
+        MOX_WARN("path(%s) refused: not strictly below %s", mox_bus::ForLog(path).c_str(), root.c_str());
         return false;
     }
     confined = root + strPath.substr(strRoot.size());
@@ -144,14 +134,17 @@ bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char
 
     CMOXScanManager* pManager = Manager();
     int id = -1;
-    if (pManager->CreateScanner(id) != 0) {
-        MOX_WARN("CreateScanner failed.");
+    if (pManager->CreateScanner(id, caller.sender) != 0) {
+        // The manager has said why, once.
+        MOX_INFO("CreateScanner failed.");
         return false;
     }
     MOX_INFO("Got Scanner(%d).", id);
 
     SMOXScannerOption option;
     option.strDevicePath = strMountPath;
+    option.strConfineRoot = mox_host::UsbRoot();
+    option.strOwner = caller.sender;
     option.strBasePath = strMountPath;
     option.nMediaGroup = MOX_MEDIA_TYPE_NONE;
     option.nScanMode = MOX_SCAN_MODE_CHECK;
@@ -166,7 +159,7 @@ bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char
     option.nPriority = 2;
     option.nRequestTag = 0;
     option.pfnEndCallback = cb_scannerEnd;
-    option.pCallbackData = NewCallbackData(id, caller);
+    option.pCallbackData = NewCallbackData(id, caller, m_sink);
     option.pfnFreeData = FreeCallbackData;
     option.nResult = MOX_SCANNER_RESULT_NONE;
     if (pManager->SetScannerOption(id, option) != 0) {
@@ -199,15 +192,20 @@ void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
             entry = SMOXFileInfo();
         }
         nMediaType = CMOXScanManager::ConvertMediaType(entry.nExtensionGroup);
-        // Only a regular file is handed to the extractor: a FIFO or device
-        // node named like media is reported without metadata.
+        // Only a regular file is handed to the extractor: a FIFO, device node
+        // or link named like media is reported without metadata. Its folder
+        // is opened beneath the USB root again (it may have been swapped for
+        // a link since the walk), and size and time come from that stat, so
+        // nothing outside the root is ever described.
         struct stat st;
-        std::string strPath = entry.strBasePath + "/" + entry.strName;
         media_info_s info;
-        if (!entry.strName.empty() && lstat(strPath.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-            CMOXExtractor extractor(entry.strBasePath, entry.strName, entry.nExtensionGroup,
-                                    entry.bDetailFilled, static_cast<unsigned long long>(entry.llFileSize),
-                                    static_cast<unsigned long>(entry.tModified));
+        mox_util::UniqueFd folder(entry.strName.empty() ? -1
+                                      : CMOXConfinedPath(mox_host::UsbRoot()).OpenPath(entry.strBasePath));
+        if (folder.IsValid() && fstatat(folder.Get(), entry.strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(st.st_mode)) {
+            CMOXExtractor extractor(entry.strBasePath, entry.strName, entry.nExtensionGroup, true,
+                                    static_cast<unsigned long long>(st.st_size),
+                                    static_cast<unsigned long>(st.st_mtime));
             if (extractor.Extract(info)) strMediaText = extractor.ToString(info);
         }
         if (strMediaText.empty())
@@ -220,12 +218,9 @@ void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
     int nCode = CMOXScanManager::ConvertScannerResult(nScannerResult);
     MOX_INFO("Emit signal[%s|%d|%d|%d|%s|%s|%s]", "mox_scanner_done", client.nScannerId, nCode, nMediaType,
              strBasePath.c_str(), strName.c_str(), mox_bus::ForLog(strMediaText).c_str());
-    GVariant* params = g_variant_new("(uuu@s@s@s)", static_cast<guint32>(client.nScannerId),
-                                     static_cast<guint32>(nCode), static_cast<guint32>(nMediaType),
-                                     mox_bus::NewString(strBasePath, "mox_scanner_done base path"),
-                                     mox_bus::NewString(strName, "mox_scanner_done name"),
-                                     mox_bus::NewString(strMediaText, "mox_scanner_done media"));
-    Emit(client, "mox_scanner_done", params);
+    client.pSink->EmitScannerDone(client.client, static_cast<uint32_t>(client.nScannerId),
+                                  static_cast<uint32_t>(nCode), static_cast<uint32_t>(nMediaType), strBasePath,
+                                  strName, strMediaText);
 }
 
 bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
@@ -253,6 +248,8 @@ bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char
     }
     SMOXScannerOption option;
     option.strDevicePath = strFolder;
+    option.strConfineRoot = mox_host::UsbRoot();
+    option.strOwner = caller.sender;
     option.strBasePath = MountPathOf(strFolder);
     option.strFourthPath = category;
     option.nMediaGroup = static_cast<int16_t>(MediaGroupOfCategory(category));
@@ -270,12 +267,13 @@ bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char
     option.nPriority = 2;
     option.nRequestTag = pid;
     option.pfnEndCallback = cb_scanFolderThumbEnd;
-    option.pCallbackData = NewCallbackData(0, caller);
+    option.pCallbackData = NewCallbackData(0, caller, m_sink);
     option.pfnFreeData = FreeCallbackData;
     option.nResult = MOX_SCANNER_RESULT_NONE;
     // The thumbnail scanner owns the data from here on, also on failure.
     if (Manager()->AddThumbnailScanner(option) != 0) {
-        MOX_WARN("SetScannerOption failed");
+        // The thumbnail scanner has said why, once.
+        MOX_INFO("SetScannerOption failed");
         return false;
     }
     return true;
@@ -319,25 +317,53 @@ void CMOXEngineImp::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) {
     }
     std::string strPayload = outer.ToString();
     MOX_INFO("Emit signal[%s|%d|%s]", "mox_folder_thumb_done", nCode, mox_bus::ForLog(strPayload).c_str());
-    Emit(client, "mox_folder_thumb_done",
-         g_variant_new("(@s)", mox_bus::NewString(strPayload, "mox_folder_thumb_done")));
+    client.pSink->Emit(client.client, "mox_folder_thumb_done", strPayload);
 }
 
-void CMOXEngineImp::RemoveScanner(int id) { Manager()->RemoveScanner(id); }
+bool CMOXEngineImp::RemoveScanner(int id, const std::string& sender, const std::function<bool()>& callerIsRoot) {
+    CMOXScanManager* pManager = Manager();
+    std::string owner;
+    // Ids are never reused, so the owner read here stays the scanner's.
+    if (!pManager->GetScannerOwner(id, owner)) {
+        MOX_INFO("Scanner(%d) does not exist.", id);
+        return true;
+    }
+    if (owner != sender && !callerIsRoot()) {
+        MOX_WARN("stop_scanner(%d) from %s refused: the scanner is another client's", id, sender.c_str());
+        return false;
+    }
+    pManager->RemoveScanner(id);
+    return true;
+}
 
 void CMOXEngineImp::RemoveScannerOfDevice(const char* mountPath) {
     if (mountPath == nullptr) return;
     Manager()->RemoveScanner(mountPath);
 }
 
-void CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count,
-                                           int pid) {
-    if (folderPath == nullptr || category == nullptr) return;
+bool CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
+                                           const std::string& sender, const std::function<bool()>& callerIsRoot) {
+    if (folderPath == nullptr || category == nullptr) return true;
     // Requests hold the folder as resolved when they were queued.
     std::string strFolder;
     if (!ConfineToUsbRoot(folderPath, strFolder)) strFolder = folderPath;
     unsigned int limit = count > static_cast<unsigned int>(INT_MAX) ? static_cast<unsigned int>(INT_MAX) : count;
-    Manager()->RemoveScanner(strFolder.c_str(), category, limit, pid);
+    CMOXScanManager* pManager = Manager();
+    // The caller's own requests first; the bus is asked about root only when
+    // another client's request matches.
+    if (pManager->RemoveScanner(strFolder.c_str(), category, limit, pid, &sender) == 0) return true;
+    if (!callerIsRoot()) {
+        MOX_WARN("stop_scanner_thumb(%s) from %s refused: the request is another client's",
+                 mox_bus::ForLog(folderPath).c_str(), sender.c_str());
+        return false;
+    }
+    pManager->RemoveScanner(strFolder.c_str(), category, limit, pid, nullptr);
+    return true;
+}
+
+void CMOXEngineImp::RemoveScannersOfClient(const std::string& sender) {
+    if (sender.empty()) return;
+    Manager()->RemoveScannersOfOwner(sender);
 }
 
 void CMOXEngineImp::RemoveThumbnailByDevice(const char* mountPath) {

@@ -1,13 +1,18 @@
 // Device checks and folder thumbnails end to end: the daemon on a private bus,
 // sticks plugged through the simulated USB service, real trees as mounts.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -208,5 +213,189 @@ TEST(EngineScanner, UnmountMidScan) {
     EXPECT_EQ(results[2].code, 25u);
     EXPECT_EQ(results[2].type, 3u);
     EXPECT_LE(signals.Named("mox_folder_thumb_done").size(), 20u);
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+namespace {
+
+// Runs `gdbus call` on the engine in a process of its own (its own unique
+// name, gone when it exits), as root or, with asNobody, as user 65534. Its
+// standard output.
+std::string GdbusCall(EngineHarness& h, bool asNobody, const std::string& method,
+                      const std::vector<std::string>& args) {
+    std::vector<std::string> argv;
+    if (asNobody) argv = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    for (const std::string& a : {std::string("gdbus"), std::string("call"), "--address=" + h.BusAddress(),
+                                 std::string("--dest"), std::string(moxtest::kEngineName),
+                                 std::string("--object-path"), std::string(moxtest::kEnginePath),
+                                 std::string("--method"), "com.orvia.mox.engine." + method})
+        argv.push_back(a);
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<gchar*> raw;
+    for (std::string& a : argv) raw.push_back(a.data());
+    raw.push_back(nullptr);
+    gchar* out = nullptr;
+    gint status = -1;
+    EXPECT_TRUE(g_spawn_sync(nullptr, raw.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out, nullptr,
+                             &status, nullptr));
+    std::string text = out ? out : "";
+    g_free(out);
+    return text;
+}
+
+// A folder of many files that are no media: a walk spends a while in it.
+void FillWithNonMedia(const std::string& dir, int count) {
+    std::filesystem::create_directories(dir);
+    for (int i = 0; i < count; ++i) {
+        int fd = open((dir + "/n" + std::to_string(i) + ".txt").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        ASSERT_GE(fd, 0);
+        close(fd);
+    }
+}
+
+}  // namespace
+
+// Folders swapped for links to the outside while a device check walks and
+// while a thumbnail request waits in the queue: the answers name nothing
+// outside the USB root, neither a name nor a size or time.
+TEST(EngineScannerSecurity, LinksSwappedInMidScanLeadNowhere) {
+    EngineHarness h;
+    ASSERT_TRUE(h.Start());
+    SignalCollector signals(h.Client());
+    const std::string outside = h.Path("outside");
+    std::filesystem::create_directories(outside + "/b");
+    std::filesystem::create_directories(outside + "/y");
+    ASSERT_TRUE(WriteTextFile(outside + "/b/secret.jpg", std::string(12345, 's')));
+    ASSERT_TRUE(WriteTextFile(outside + "/y/secret.jpg", "s"));
+    std::string mount = Plug(h, "sdg1");
+
+    // Device check: "a" is read through its descriptor while it is renamed
+    // away and replaced by a link; its subfolder "b", found in the real "a",
+    // must not be entered through the link.
+    FillWithNonMedia(mount + "/a", 40000);
+    std::filesystem::create_directories(mount + "/a/b");
+    auto check = StartScanner(h, "check_device", mount);
+    ASSERT_TRUE(check.first);
+    ASSERT_TRUE(h.WaitForLog("Enter DIR : " + mount + "/a"));
+    ASSERT_EQ(rename((mount + "/a").c_str(), (mount + "/a.real").c_str()), 0);
+    ASSERT_EQ(symlink(outside.c_str(), (mount + "/a").c_str()), 0);
+    ASSERT_TRUE(signals.WaitFor("mox_scanner_done", 1));
+    ScanDone done = ScanResults(signals)[check.second];
+    EXPECT_EQ(done.code, 24u) << done.base << "/" << done.name;
+    EXPECT_EQ(done.base + done.name + done.media, "");
+    EXPECT_EQ(done.media.find("12345"), std::string::npos);
+
+    // Thumbnails: a slow request holds the thread while the folder of the
+    // next one is swapped for a link out of the root.
+    FillWithNonMedia(mount + "/slow", 40000);
+    std::filesystem::create_directories(mount + "/x/y");
+    Touch(mount + "/x/y/inside.jpg");
+    ASSERT_TRUE(StartThumb(h, mount + "/slow", "CONTENT-IMAGE", 4, 1));
+    ASSERT_TRUE(StartThumb(h, mount + "/x/y", "CONTENT-IMAGE", 4, 2));
+    ASSERT_EQ(rename((mount + "/x").c_str(), (mount + "/x.real").c_str()), 0);
+    ASSERT_EQ(symlink(outside.c_str(), (mount + "/x").c_str()), 0);
+    ASSERT_TRUE(signals.WaitFor("mox_folder_thumb_done", 2));
+    for (const auto* s : signals.Named("mox_folder_thumb_done")) {
+        EXPECT_EQ(s->text().find("secret"), std::string::npos) << s->text();
+        EXPECT_EQ(s->text().find(outside), std::string::npos) << s->text();
+    }
+    // A link that stays below the root is no way out either: neither a
+    // request nor a check naming one through an outside link starts.
+    EXPECT_FALSE(StartThumb(h, mount + "/x/y", "CONTENT-IMAGE", 4, 3));
+    EXPECT_FALSE(StartScanner(h, "check_device", mount + "/x").first);
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// Work belongs to the client that started it; one client's share is bounded
+// and comes back when it leaves the bus.
+TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
+    EngineHarness h;
+    ASSERT_TRUE(h.Start());
+    SignalCollector signals(h.Client());
+    ASSERT_EQ(chmod(h.Path("").c_str(), 0711), 0);  // lets the other user reach the bus socket
+    std::string mount = Plug(h, "sdh1");
+    FillWithNonMedia(mount + "/slow", 25000);
+    std::filesystem::create_directories(mount + "/small");
+    Touch(mount + "/small/p.jpg");
+
+    // Another user may neither stop a scanner nor withdraw a request: the
+    // owner's answers still come. Root may stop anyone's.
+    for (int i = 0; i < 2; ++i) ASSERT_TRUE(StartThumb(h, mount + "/slow", "CONTENT-IMAGE", 4, 100 + i));
+    ASSERT_TRUE(StartThumb(h, mount + "/small", "CONTENT-IMAGE", 4, 7));
+    auto check = StartScanner(h, "check_device", mount);
+    ASSERT_TRUE(check.first);
+    EXPECT_EQ(GdbusCall(h, true, "stop_scanner_thumb", {mount + "/small", "CONTENT-IMAGE", "4", "7"}), "()\n");
+    EXPECT_EQ(GdbusCall(h, true, "stop_scanner", {std::to_string(check.second)}), "()\n");
+    EXPECT_EQ(h.CountLog("refused: the request is another client's"), 1u);
+    EXPECT_EQ(h.CountLog("refused: the scanner is another client's"), 1u);
+    ASSERT_TRUE(signals.WaitFor("mox_folder_thumb_done", 3));
+    EXPECT_EQ(Parse(signals.Named("mox_folder_thumb_done")[2]->text())["mox_folder_thumbnail_path"].asString(),
+              mount + "/small");
+    ASSERT_TRUE(signals.WaitFor("mox_scanner_done", 1));
+    EXPECT_EQ(ScanResults(signals)[check.second].code, 25u);
+    moxtest::ConnectionPtr other = h.Connect();  // root, another client
+    EXPECT_TRUE(h.Call("stop_scanner", g_variant_new("(u)", check.second), other.get()).ok());
+    EXPECT_TRUE(h.WaitForLog("Thread(MOX_SCANNER_" + std::to_string(check.second) + ") t_Process end..."));
+    EXPECT_EQ(h.CountLog("refused: the scanner is another client's"), 1u);
+
+    // One client: 16 scanners, never all 64; another still gets one.
+    int started = 0;
+    for (int i = 0; i < 20; ++i) started += StartScanner(h, "check_device", mount + "/small").first ? 1 : 0;
+    EXPECT_EQ(started, 16);
+    EXPECT_EQ(h.CountLog("already holds 16 scanners, refused"), 4u);
+    CallResult r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", (mount + "/small").c_str()),
+                          other.get());
+    ASSERT_TRUE(r.ok());
+    gboolean otherStarted = FALSE;
+    guint32 otherId = 0;
+    g_variant_get(r.reply.get(), "(bu)", &otherStarted, &otherId);
+    EXPECT_TRUE(otherStarted);
+
+    // 70 clients that leave right after start_scanner: each gives its slot
+    // back, so the slots never run out.
+    std::vector<std::thread> leavers;
+    for (int t = 0; t < 7; ++t)
+        leavers.emplace_back([&h, &mount] {
+            for (int i = 0; i < 10; ++i) {
+                std::string out = GdbusCall(h, false, "start_scanner", {"check_device", mount + "/small"});
+                EXPECT_EQ(out.rfind("(true, ", 0), 0u) << out;
+            }
+        });
+    for (std::thread& t : leavers) t.join();
+    EXPECT_TRUE(h.WaitForLog("left: 1 scanners and 0 thumbnail requests removed", 70));
+    moxtest::ConnectionPtr late = h.Connect();
+    r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", mount.c_str()), late.get());
+    ASSERT_TRUE(r.ok());
+    g_variant_get(r.reply.get(), "(bu)", &otherStarted, &otherId);
+    EXPECT_TRUE(otherStarted);
+
+    // One client fills its share of the thumbnail queue (32 of 256) while
+    // the thread is held; others, root included, still get in; what the
+    // client queued goes when it leaves.
+    {
+        moxtest::ConnectionPtr greedy = h.Connect();
+        int queued = 0;
+        for (int i = 0; i < 40; ++i) {
+            CallResult t = h.Call("start_scanner_thumb",
+                                  g_variant_new("(ssuu)", (mount + "/slow").c_str(), "CONTENT-IMAGE", 4u, 500u + i),
+                                  greedy.get());
+            gboolean ok = FALSE;
+            if (t.ok()) g_variant_get(t.reply.get(), "(b)", &ok);
+            queued += ok ? 1 : 0;
+        }
+        EXPECT_EQ(queued, 32);
+        EXPECT_EQ(h.CountLog("already has 32 thumbnail requests, refused"), 8u);
+        EXPECT_TRUE(StartThumb(h, mount + "/small", "CONTENT-IMAGE", 4, 8));
+        g_dbus_connection_close_sync(greedy.get(), nullptr, nullptr);
+    }
+    EXPECT_TRUE(h.WaitForLog("thumbnail requests removed", 71));
+    // Those still queued or running when it left (some may have run by then).
+    std::string log = h.Log();
+    size_t at = log.find("left: 0 scanners and ");
+    ASSERT_NE(at, std::string::npos);
+    int nWithdrawn = std::atoi(log.c_str() + at + std::strlen("left: 0 scanners and "));
+    EXPECT_GE(nWithdrawn, 20);
+    EXPECT_LE(nWithdrawn, 32);
+    ASSERT_TRUE(signals.WaitFor("mox_folder_thumb_done", 4));
     EXPECT_EQ(h.Stop(), 0);
 }

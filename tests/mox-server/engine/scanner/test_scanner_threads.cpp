@@ -276,7 +276,7 @@ TEST(ThumbnailScanner, RemovalAndQueueBound) {
     ASSERT_EQ(thumb.AddScanner(request(mount + "/dirs", 7, other)), 0);
     ASSERT_EQ(thumb.AddScanner(request(mount + "/dirs", 7, other)), 0);
     ASSERT_EQ(thumb.AddScanner(request(mount + "/empty", 1, other)), 0);
-    thumb.RemoveScanner((mount + "/dirs").c_str(), "CONTENT-IMAGE", 4, 7);
+    EXPECT_EQ(thumb.RemoveScanner((mount + "/dirs").c_str(), "CONTENT-IMAGE", 4, 7, nullptr), 0u);
     thumb.RemoveScannerByDevice(mount.c_str());
     EXPECT_EQ(rec.frees.load(), 102);
     first.Release();
@@ -311,4 +311,82 @@ TEST(ThumbnailScanner, RemovalAndQueueBound) {
     hold.Release();
     thumb.Destroy();
     EXPECT_EQ(rec.frees.load(), 113 + static_cast<int>(CMOXThumbnailScanner::kMaxQueuedRequests));
+}
+
+// Shares of one owner: scanners and queued requests stop at the per-client
+// bound while others still get in; what an owner held goes at once when it
+// leaves, also while its requests are being added on another thread.
+TEST(ScanManager, OwnersSharesAndLeaving) {
+    moxtest::TempDir stick;
+    MakeDir(stick.path() + "/empty");
+    CMOXScanManager manager;
+    int id = 0, created = 0;
+    for (size_t i = 0; i < CMOXScanManager::kMaxScannersPerClient + 3; ++i)
+        if (manager.CreateScanner(id, ":1.5") == 0) ++created;
+    EXPECT_EQ(created, static_cast<int>(CMOXScanManager::kMaxScannersPerClient));
+    ASSERT_EQ(manager.CreateScanner(id, ":1.6"), 0);
+    std::string owner;
+    EXPECT_TRUE(manager.GetScannerOwner(id, owner));
+    EXPECT_EQ(owner, ":1.6");
+    EXPECT_FALSE(manager.GetScannerOwner(9999, owner));
+    manager.RemoveScannersOfOwner(":1.5");
+    manager.WaitForRemovals();
+    EXPECT_EQ(manager.GetScannerCount(), 1u);
+    EXPECT_EQ(manager.CreateScanner(id, ":1.5"), 0) << "the share comes back";
+
+    CMOXThumbnailScanner thumb;
+    ASSERT_TRUE(thumb.Create());
+    Recorder rec;
+    auto request = [&](const std::string& owner, int tag) {
+        SMOXScannerOption option = ScanOption(stick.path() + "/empty", 2, &rec);
+        option.strBasePath = stick.path();
+        option.strFourthPath = "CONTENT-IMAGE";
+        option.nRecursive = 0;
+        option.nFileLimit = 4;
+        option.nRequestTag = tag;
+        option.strOwner = owner;
+        return option;
+    };
+    Hold hold;
+    ASSERT_EQ(thumb.AddScanner(hold.Request(request("", 0))), 0);
+    ASSERT_TRUE(hold.WaitEntered());
+    int refused = 0;
+    for (size_t i = 0; i < CMOXThumbnailScanner::kMaxRequestsPerClient + 5; ++i)
+        if (thumb.AddScanner(request(":1.5", 1)) != 0) ++refused;
+    EXPECT_EQ(refused, 5);
+    EXPECT_EQ(rec.frees.load(), 5);
+    ASSERT_EQ(thumb.AddScanner(request(":1.6", 1)), 0);
+    // Another owner's matching requests are left alone and counted.
+    const std::string folder = stick.path() + "/empty";
+    const std::string other = ":1.7";
+    EXPECT_EQ(thumb.RemoveScanner(folder.c_str(), "CONTENT-IMAGE", 4, 1, &other),
+              CMOXThumbnailScanner::kMaxRequestsPerClient + 1);
+    EXPECT_EQ(rec.frees.load(), 5);
+    EXPECT_EQ(thumb.RemoveScannersOfOwner(":1.5"), CMOXThumbnailScanner::kMaxRequestsPerClient);
+    EXPECT_EQ(rec.frees.load(), 5 + static_cast<int>(CMOXThumbnailScanner::kMaxRequestsPerClient));
+    EXPECT_EQ(thumb.AddScanner(request(":1.5", 2)), 0);
+
+    // An owner leaving while its requests are added and run.
+    hold.Release();
+    std::atomic<bool> stop{false};
+    std::atomic<int> added{0};
+    std::thread adder([&] {
+        while (!stop) {
+            thumb.AddScanner(request(":1.8", 3));
+            ++added;
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        thumb.RemoveScannersOfOwner(":1.8");
+        std::this_thread::sleep_for(100us);
+    }
+    stop = true;
+    adder.join();
+    thumb.RemoveScannersOfOwner(":1.8");
+    thumb.Destroy();
+    // Every request's data freed exactly once: run, withdrawn, refused or
+    // left in the queue at the end.
+    const int total = static_cast<int>(CMOXThumbnailScanner::kMaxRequestsPerClient) + 5 + 2 + added.load();
+    EXPECT_EQ(rec.frees.load(), total);
+    EXPECT_GT(added.load(), 0);
 }

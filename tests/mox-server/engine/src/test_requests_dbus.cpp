@@ -188,7 +188,12 @@ TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
     }
 
     // Detail: an existing file, a missing one (5), one outside the root and
-    // one reached through a link out of it (answered empty).
+    // ones reached through a link out of it (answered empty): a link to an
+    // outside file that exists and one to an outside file that does not get
+    // the same answer, so nothing outside can be probed.
+    std::filesystem::create_symlink(h.Path("missing-outside.jpg"), folder + "/dangling.jpg");
+    std::filesystem::create_symlink("../../../missing-outside.jpg", folder + "/dangling-rel.jpg");
+    std::filesystem::create_symlink("../../../outside.jpg", folder + "/link-rel.jpg");
     auto detail = [&](const std::string& path) {
         std::string doc = R"({"mox_command":"mox_requestdetail","mox_source":"mox_local_source","FilePath":")" + path +
                           R"(","mox_detail_request_times":"t"})";
@@ -200,7 +205,9 @@ TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
     EXPECT_EQ(ev["mox_detail_request_times"].asString(), "t");
     EXPECT_EQ(Parse(ev["mox_result_detail_json"].asString())["FileSize"].asInt(), 10);
     EXPECT_EQ(detail(folder + "/nothere.jpg")["mox_event_type"].asInt(), 5);
-    for (const std::string& path : {std::string("/etc/passwd"), folder + "/link.jpg"}) {
+    for (const std::string& path : {std::string("/etc/passwd"), folder + "/link.jpg", folder + "/dangling.jpg",
+                                    folder + "/link-rel.jpg", folder + "/dangling-rel.jpg",
+                                    folder + "/link.jpg/x", folder + "/../../../missing-outside.jpg"}) {
         ev = detail(path);
         EXPECT_EQ(ev["mox_event_type"].asInt(), 3) << path;
         EXPECT_EQ(ev["mox_result_detail_json"].asString(), "") << path;
