@@ -367,3 +367,9 @@ bool CJsonValue::Get(std::string strKey, std::vector<std::string>& values) const
     for (std::string& s : converted) values.push_back(std::move(s));
     return true;
 }
+
+std::string CJsonValue::StringOr(const std::string& strKey, const std::string& strDefault) const {
+    if (!m_bValid || !m_root.isObject()) return strDefault;
+    const Json::Value* pMember = m_root.find(strKey.data(), strKey.data() + strKey.size());
+    return pMember && pMember->isString() ? pMember->asString() : strDefault;
+}

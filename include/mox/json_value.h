@@ -54,6 +54,9 @@ public:
     bool Get(std::string strKey, unsigned int& nValue) const;
     bool Get(std::string strKey, std::vector<int>& values) const;
     bool Get(std::string strKey, std::vector<std::string>& values) const;
+    // The string member strKey, or strDefault when the document is invalid or
+    // the member is absent or not a string; never warns (optional members).
+    std::string StringOr(const std::string& strKey, const std::string& strDefault = std::string()) const;
 
     // The underlying document, for code that needs members of other shapes
     // (nested objects, arrays of objects).

@@ -26,13 +26,6 @@ const char kListKey = 'L';
 const char kDetailKey = 'D';
 const char kMetaKey = 'M';
 
-std::string StringMember(const std::string& strDoc, const char* szKey) {
-    CJsonValue doc(strDoc);
-    std::string strValue;
-    if (doc.IsValid() && doc.IsString(szKey)) doc.Get(szKey, strValue);
-    return strValue;
-}
-
 }  // namespace
 
 CMOXEngineImp::CMOXEngineImp(IMOXSignalSink& sink) : m_sink(sink) {}
@@ -243,7 +236,7 @@ void CMOXEngineImp::m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& c
             payload.Set("mox_event_type", MOX_EVENT_DETAIL_FAILED);
             payload.Set("mox_result_list_block_name", "");
             payload.Set("mox_result_detail_json", "");
-            payload.Set("mox_detail_request_times", StringMember(strCommand, "mox_detail_request_times"));
+            payload.Set("mox_detail_request_times", CJsonValue(strCommand).StringOr("mox_detail_request_times"));
             break;
         case EMOXCommandKind::kMeta:
             szSignal = "mox_request_metadata";
@@ -251,7 +244,7 @@ void CMOXEngineImp::m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& c
             payload.Set("act_command_and_return_data", "{}");
             break;
         case EMOXCommandKind::kAct:
-            m_EmitActEnd(caller, nHandleId, strCommand, StringMember(strCommand, "mox_act_request_times"), nError);
+            m_EmitActEnd(caller, nHandleId, strCommand, CJsonValue(strCommand).StringOr("mox_act_request_times"), nError);
             return;
     }
     m_Emit(caller, szSignal, payload.ToString());
@@ -468,7 +461,7 @@ void CMOXEngineImp::m_OnListDone(WorkerThreadJob* pJob, const std::string& strSh
 
 void CMOXEngineImp::m_OnDetailDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_RequestDetailCompeleteCb().");
-    std::string strTimes = StringMember(pJob->strQueryCmd, "mox_detail_request_times");
+    std::string strTimes = CJsonValue(pJob->strQueryCmd).StringOr("mox_detail_request_times");
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!pJob->requesters.empty()) {
         const Requester& first = **pJob->requesters.begin();

@@ -25,12 +25,6 @@ const char kActKey = 'A';
 std::atomic<long long> g_llLastProgressReport{0};
 const long long kProgressIntervalMs = 300;
 
-std::string StringMember(const CJsonValue& doc, const char* szKey) {
-    std::string strValue;
-    if (doc.IsValid() && doc.IsString(szKey)) doc.Get(szKey, strValue);
-    return strValue;
-}
-
 // Compact one-line text of a document, without the writer's final newline.
 std::string Compact(const CJsonValue& doc) {
     std::string strText = doc.ToString();
@@ -67,8 +61,8 @@ bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelec
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strParam).c_str());
     (void)strSelectionBlock;  // only logged by the dispatcher
     CJsonValue doc(strParam);
-    const std::string strCommand = StringMember(doc, "mox_command");
-    const std::string strTimes = StringMember(doc, "mox_act_request_times");
+    const std::string strCommand = doc.StringOr("mox_command");
+    const std::string strTimes = doc.StringOr("mox_act_request_times");
     if (StopRequested(doc)) {
         // A stop goes through stop_act; as a request it would never end.
         MOX_WARN("A transfer stop sent with request_act: refused.");
@@ -93,8 +87,8 @@ bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelec
     if (bTransfer) {
         MOX_DEBUG("Send Act request[%s]", strCommand.c_str());
         pJob->bTransfer = true;
-        pJob->strTransferSource = StringMember(doc, "mox_source");
-        pJob->strTransferId = StringMember(doc, "mox_transfer_id");
+        pJob->strTransferSource = doc.StringOr("mox_source");
+        pJob->strTransferId = doc.StringOr("mox_transfer_id");
     }
     IMOXCommand* pCommand = m_StartJob(std::move(pJob));
     return m_Execute(lock, pCommand, strText);
@@ -105,7 +99,7 @@ guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleI
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strParam).c_str());
     (void)nHandleId;  // a transfer is the client's, whichever handle started it
     CJsonValue doc(strParam);
-    const std::string strCommand = StringMember(doc, "mox_command");
+    const std::string strCommand = doc.StringOr("mox_command");
     const std::string strText = doc.IsValid() ? Compact(doc) : strParam;
     if (strCommand != "mox_file_transfer") {
         MOX_WARN("No act to stop for command[%s].", mox_bus::ForLog(strCommand).c_str());
@@ -117,8 +111,8 @@ guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleI
         MOX_WARN("stop_act without \"mox_file_transfer_stop\" true: refused.");
         return MOX_ERROR_INVALID_PARAMETER;
     }
-    const std::string strSource = StringMember(doc, "mox_source");
-    const std::string strId = StringMember(doc, "mox_transfer_id");
+    const std::string strSource = doc.StringOr("mox_source");
+    const std::string strId = doc.StringOr("mox_transfer_id");
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         bool bAllowed = caller.uid == 0;
@@ -148,7 +142,7 @@ guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleI
 
 void CMOXEngineImp::m_OnActDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_ActCompeleteCb().");
-    const std::string strTimes = StringMember(CJsonValue(pJob->strQueryCmd), "mox_act_request_times");
+    const std::string strTimes = CJsonValue(pJob->strQueryCmd).StringOr("mox_act_request_times");
     if (eError != MOX_ERROR_NONE) MOX_WARN("Act ended with code[%d].", static_cast<int>(eError));
     std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& pRequester : pJob->requesters) {
@@ -172,7 +166,7 @@ void CMOXEngineImp::m_OnActProgress(WorkerThreadJob* pJob, const char* szParam,
     g_llLastProgressReport.store(llNow, std::memory_order_relaxed);
 
     std::lock_guard<std::mutex> lock(m_mutex);
-    const std::string strTimes = StringMember(CJsonValue(pJob->strQueryCmd), "mox_act_request_times");
+    const std::string strTimes = CJsonValue(pJob->strQueryCmd).StringOr("mox_act_request_times");
     MOX_INFO("pMoxTransferProgressData->dlnow:[%lf]", pProgress->dlnow);
     MOX_INFO("pMoxTransferProgressData->dltotal:[%lf]", pProgress->dltotal);
     MOX_INFO("pMoxTransferProgressData->ulnow:[%lf]", pProgress->ulnow);

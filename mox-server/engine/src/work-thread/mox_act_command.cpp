@@ -15,12 +15,6 @@ const char* const CMOXActCommand::kActSource = "mox_ra_source";
 
 namespace {
 
-std::string StringMember(const CJsonValue& doc, const char* szKey) {
-    std::string strValue;
-    if (doc.IsValid() && doc.IsString(szKey)) doc.Get(szKey, strValue);
-    return strValue;
-}
-
 bool StopRequested(const CJsonValue& doc) {
     if (!doc.IsValid()) return false;
     const Json::Value& value = doc.Root()["mox_file_transfer_stop"];
@@ -74,8 +68,8 @@ IWebSource* CMOXActCommand::m_GetSource(const std::string& strSource) {
 
 int CMOXActCommand::m_Act(std::string& strCommand) {
     CJsonValue doc(strCommand);
-    std::string strSource = StringMember(doc, "mox_source");
-    std::string strName = StringMember(doc, "mox_command");
+    std::string strSource = doc.StringOr("mox_source");
+    std::string strName = doc.StringOr("mox_command");
     const bool bSend = strName == "mox_file_transfer";
     if (strSource.empty()) {
         MOX_WARN("There is no source.");
@@ -130,12 +124,12 @@ int CMOXActCommand::StopActSync(std::string strCommand) {
     m_nStopResult = MOX_ERROR_GENERIC;
     try {
         CJsonValue doc(strCommand);
-        std::string strSource = StringMember(doc, "mox_source");
+        std::string strSource = doc.StringOr("mox_source");
         if (strSource.empty()) {
             MOX_WARN("There is no source.");
             m_nStopResult = MOX_ERROR_NO_SUCH_SOURCE;
         } else if (IWebSource* pSource = m_GetSource(strSource)) {
-            if (StringMember(doc, "mox_command") == "mox_file_transfer") {
+            if (doc.StringOr("mox_command") == "mox_file_transfer") {
                 MOX_INFO("Begin: pSource->Execute[StopSendSync][%s].", mox_bus::ForLog(strCommand).c_str());
                 m_nStopResult = pSource->Execute(m_bStop, strCommand, s_Progress, this);
                 MOX_INFO("End: pSource->Execute[StopSendSync].returnCode[%d].", m_nStopResult);

@@ -11,12 +11,6 @@
 
 namespace {
 
-std::string StringMember(const CJsonValue& doc, const char* szKey) {
-    std::string strValue;
-    if (doc.IsString(szKey)) doc.Get(szKey, strValue);
-    return strValue;
-}
-
 }  // namespace
 
 CMOXRequestMetaCommand::CMOXRequestMetaCommand(MOXCommandCallback fnDone) : m_fnDone(std::move(fnDone)) {}
@@ -41,11 +35,11 @@ void CMOXRequestMetaCommand::GetRequestMetaThreadProc(std::string strCommand) {
     try {
         MOX_INFO("In CMOXRequestMetaCommand::GetRequestMetaThreadProc().");
         CJsonValue doc(strCommand);
-        std::string strCountryId = StringMember(doc, "mox_countryid");
-        std::string strLangId = StringMember(doc, "mox_langid");
-        std::string strAccessToken = StringMember(doc, "mox_accesstoken");
-        std::string strUuid = StringMember(doc, "mox_uuid");
-        std::string strVersion = StringMember(doc, "mox_version");
+        std::string strCountryId = doc.StringOr("mox_countryid");
+        std::string strLangId = doc.StringOr("mox_langid");
+        std::string strAccessToken = doc.StringOr("mox_accesstoken");
+        std::string strUuid = doc.StringOr("mox_uuid");
+        std::string strVersion = doc.StringOr("mox_version");
         bool bAvailable = false;
         int nRet = CMOXSingleton<CMOXUHDDataMgr>::Get()->UpdateUHDMetadata(
             strUuid, strAccessToken, strLangId, strCountryId, strVersion, strResult, bAvailable);
