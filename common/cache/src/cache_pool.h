@@ -36,7 +36,9 @@
 class CCachePool {
 public:
     static constexpr int kMemoryLimit = 10 * 1024 * 1024;
-    static constexpr int kMaxEntries = 1024;
+    // Above what one client may hold (256 lists of up to 16 sources each),
+    // so that no client alone fills the pool.
+    static constexpr int kMaxEntries = 8192;
     static constexpr int kMaxQueryTextSize = 16 * 1024;
     static constexpr int kMaxQueryTextBytes = 4 * 1024 * 1024;
 

@@ -8,6 +8,7 @@
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <random>
 
 #include <unistd.h>
@@ -31,7 +32,13 @@ uint32_t KernelRandom() {
     if (getrandom(&nValue, sizeof(nValue), GRND_NONBLOCK) == static_cast<ssize_t>(sizeof(nValue))) return nValue;
     // No entropy yet (early boot): still unpredictable enough for a name.
     static std::atomic<uint32_t> s_nMix{0};
-    return static_cast<uint32_t>(std::random_device{}()) ^ (s_nMix += 0x9e3779b9u);
+    uint32_t nDevice = 0;
+    try {
+        nDevice = static_cast<uint32_t>(std::random_device{}());
+    } catch (...) {
+        nDevice = static_cast<uint32_t>(getpid()) * 2654435761u;
+    }
+    return nDevice ^ (s_nMix += 0x9e3779b9u) ^ static_cast<uint32_t>(time(nullptr));
 }
 
 }  // namespace
