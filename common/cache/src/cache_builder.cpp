@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -25,21 +24,22 @@ void CCacheBuilder::SStreamCloser::operator()(FILE* pStream) const {
     if (fclose(pStream) != 0) MOX_WARN("fclose failed.");
 }
 
-void CCacheBuilder::m_GenerateName(std::string& strShmName) {
-    // Atomic so that builders on concurrent worker threads never share a name.
-    static std::atomic<int> nId{0};
-    strShmName = kNamePrefix + std::to_string(nId++);
+mox_shm::CShmNamer& CCacheBuilder::m_Namer() {
+    // One process-wide sequence of block names, from 0.
+    static mox_shm::CShmNamer s_namer(kNamePrefix, 0);
+    return s_namer;
 }
 
 CCacheBuilder::CCacheBuilder(mox_cache_block_type eType) : m_eType(eType) {
-    int fd = mox_shm::CreateExclusive([&](std::string& strName) { m_GenerateName(strName); }, m_strShmName);
+    int nId = -1;
+    int fd = m_Namer().CreateExclusive(m_strShmName, nId);
     if (fd < 0) return;
     MOX_INFO("Generate ShmName[%s].", m_strShmName.c_str());
     FILE* pStream = fdopen(fd, "r+");
     if (pStream == nullptr) {
         MOX_WARN("fdopen failed for [%s]: %s.", m_strShmName.c_str(), strerror(errno));
         close(fd);
-        shm_unlink(m_strShmName.c_str());
+        shm_unlink(m_strShmName.c_str());  // created exclusively just now: ours
         return;
     }
     m_pStream.reset(pStream);

@@ -7,8 +7,8 @@
 // cache pool, or Free() it when the producer failed. Every builder must be
 // released or freed before it is destroyed (asserted).
 //
-// Creating the object can fail (shared memory exhausted, a foreign object
-// squatting every candidate name): the builder is then not valid, GetStream()
+// Creating the object can fail (shared memory exhausted, foreign objects
+// under every name tried): the builder is then not valid, GetStream()
 // returns NULL and Build() false, and the caller must Free() it. Build() also
 // refuses producer output that does not describe a well-formed block.
 #pragma once
@@ -21,6 +21,7 @@
 #include <mox/mox_cache_defines.h>
 
 #include "cache_block.h"
+#include "shm_mapping.h"
 
 class CCacheBuilder {
 public:
@@ -63,8 +64,8 @@ private:
     struct SStreamCloser {
         void operator()(FILE* pStream) const;
     };
-    // The next number of the process-wide counter, as "mox_datablock_N".
-    static void m_GenerateName(std::string& strShmName);
+    // Names "mox_datablock_N" (see CShmNamer: never a name someone else holds).
+    static mox_shm::CShmNamer& m_Namer();
 
     bool m_bReleased = false;
     bool m_bBuilt = false;

@@ -5,13 +5,38 @@
 
 #include <mox/mox_log.h>
 
+namespace {
+
+// Query texts come from clients: log lines show only their beginning.
+std::string UrlForLog(const std::string& strQuery) {
+    const size_t kShown = 256;
+    if (strQuery.size() <= kShown) return strQuery;
+    return strQuery.substr(0, kShown) + "...(" + std::to_string(strQuery.size()) + " bytes)";
+}
+
+}  // namespace
+
+// A bound that bites: one warning, then debug lines until the flag is reset.
+#define MOX_POOL_LIMIT(bWarned, ...) \
+    do {                             \
+        if (!(bWarned)) {            \
+            (bWarned) = true;        \
+            MOX_WARN(__VA_ARGS__);   \
+        } else {                     \
+            MOX_DEBUG(__VA_ARGS__);  \
+        }                            \
+    } while (0)
+
 CCachePool::CCachePool() = default;
 
 CCachePool::~CCachePool() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_LRUIndexes.clear();
     m_refCountMap.clear();
+    m_cacheIdToQueryMap.clear();
     m_queryToCacheIdMap.clear();
+    m_unkeptIds.clear();
+    m_nQueryTextBytes = 0;
     m_persistantBlockMap.clear();
     m_cachePoolBlockMap.clear();
     if (!m_committedBlockMap.empty()) {
@@ -32,20 +57,20 @@ bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& 
     assert(pBlock != nullptr);
 
     if (CCacheBlock* pHit = m_HitCache(strQuery)) {
-        MOX_DEBUG("Already exist block with url[%s], remove block[%d].", strQuery.c_str(), pBlock->GetCacheId());
+        MOX_DEBUG("Already exist block with url[%s], remove block[%d].", UrlForLog(strQuery).c_str(),
+                  pBlock->GetCacheId());
         pBlock.reset();
         strShmName = pHit->GetName();
         return true;
     }
     std::string strName = pBlock->GetName();
-    if (pBlock->GetType() != MOX_CACHE_BLOCK_PERSISTANT) {
-        int nCacheId = pBlock->GetCacheId();
-        if (!m_Add(strQuery, std::move(pBlock))) {
-            MOX_WARN("Add block[%d] fail, remove it.", nCacheId);
-            return false;
-        }
-    } else {
-        m_AddPersistant(strQuery, std::move(pBlock));
+    const int nCacheId = pBlock->GetCacheId();
+    const bool bAdded = pBlock->GetType() != MOX_CACHE_BLOCK_PERSISTANT ? m_Add(strQuery, std::move(pBlock))
+                                                                        : m_AddPersistant(strQuery, std::move(pBlock));
+    if (!bAdded) {
+        // The bound that refused it has said so once already.
+        MOX_DEBUG("Add block[%d] fail, remove it.", nCacheId);
+        return false;
     }
     strShmName = strName;
     MOX_INFO("Add block[%s] success", strName.c_str());
@@ -89,6 +114,16 @@ int CCachePool::GetUsedSize() {
     return m_nUsedSize;
 }
 
+int CCachePool::GetEntryCount() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_EntryCount();
+}
+
+int64_t CCachePool::GetQueryTextBytes() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_nQueryTextBytes;
+}
+
 std::vector<int> CCachePool::GetLRUIndexes() {
     std::lock_guard<std::mutex> lock(m_mutex);
     return std::vector<int>(m_LRUIndexes.begin(), m_LRUIndexes.end());
@@ -100,7 +135,7 @@ CCacheBlock* CCachePool::m_HitCache(std::string strQuery) {
 
     auto query = m_queryToCacheIdMap.find(strQuery);
     if (query == m_queryToCacheIdMap.end()) {
-        MOX_DEBUG("Hit nothing with url[%s].", strQuery.c_str());
+        MOX_DEBUG("Hit nothing with url[%s].", UrlForLog(strQuery).c_str());
         return nullptr;
     }
     const int nCacheId = query->second;
@@ -136,25 +171,28 @@ CCacheBlock* CCachePool::m_ActiveCacheBlock(int nCacheId) {
 }
 
 bool CCachePool::m_EraseQueryOf(int nCacheId) {
-    for (auto it = m_queryToCacheIdMap.begin(); it != m_queryToCacheIdMap.end(); ++it) {
-        if (it->second == nCacheId) {
-            m_queryToCacheIdMap.erase(it);
-            return true;
-        }
-    }
-    return false;
+    auto reverse = m_cacheIdToQueryMap.find(nCacheId);
+    if (reverse == m_cacheIdToQueryMap.end()) return false;
+    m_nQueryTextBytes -= static_cast<int64_t>(reverse->second->first.size());
+    m_queryToCacheIdMap.erase(reverse->second);
+    m_cacheIdToQueryMap.erase(reverse);
+    return true;
 }
 
-bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock) {
-    assert(pBlock != nullptr);
-    const int nSize = pBlock->GetSize();
-    // Sizes are bounded by MOX_SHM_OBJECT_MAX_SIZE, the used size by the
-    // limit: no overflow in the sum.
-    while (m_nUsedSize + nSize > kMemoryLimit) {
-        if (m_LRUIndexes.empty()) {
-            MOX_WARN("memory still over limitation.");
-            return false;  // pBlock is destroyed, its object unlinked
-        }
+bool CCachePool::m_KeepQuery(const std::string& strQuery, int nCacheId) {
+    auto inserted = m_queryToCacheIdMap.emplace(strQuery, nCacheId);
+    if (!inserted.second) return false;
+    m_cacheIdToQueryMap[nCacheId] = inserted.first;
+    m_nQueryTextBytes += static_cast<int64_t>(strQuery.size());
+    return true;
+}
+
+int CCachePool::m_EntryCount() const {
+    return static_cast<int>(m_committedBlockMap.size() + m_cachePoolBlockMap.size() + m_persistantBlockMap.size());
+}
+
+bool CCachePool::m_EvictOldest() {
+    while (!m_LRUIndexes.empty()) {
         const int nVictim = m_LRUIndexes.front();
         m_LRUIndexes.pop_front();
         if (m_EraseQueryOf(nVictim)) MOX_DEBUG("Remove block[%d] from querytoId map.", nVictim);
@@ -165,10 +203,69 @@ bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock
         }
         assert(cached->second != nullptr);
         m_nUsedSize -= cached->second->GetSize();
-        m_cachePoolBlockMap.erase(cached);
+        m_cachePoolBlockMap.erase(cached);  // destroys the block, unlinking its object
+        return true;
     }
+    return false;
+}
+
+bool CCachePool::m_MakeRoomForEntry() {
+    while (m_EntryCount() + 1 > kMaxEntries)
+        if (!m_EvictOldest()) return false;
+    return true;
+}
+
+bool CCachePool::m_MakeRoomForText(size_t nTextSize) {
+    const int64_t nNeeded = m_nQueryTextBytes + static_cast<int64_t>(nTextSize) - kMaxQueryTextBytes;
+    if (nNeeded <= 0) return true;
+    // Evict only when the released blocks' texts can make the room: the held
+    // ones stay, and emptying the cache for nothing would help nobody.
+    int64_t nReleasable = 0;
+    for (int nCacheId : m_LRUIndexes) {
+        auto reverse = m_cacheIdToQueryMap.find(nCacheId);
+        if (reverse != m_cacheIdToQueryMap.end()) nReleasable += static_cast<int64_t>(reverse->second->first.size());
+    }
+    if (nReleasable < nNeeded) return false;
+    while (m_nQueryTextBytes + static_cast<int64_t>(nTextSize) > kMaxQueryTextBytes)
+        if (!m_EvictOldest()) return false;
+    return true;
+}
+
+bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock) {
+    assert(pBlock != nullptr);
+    const int nSize = pBlock->GetSize();
     const int nCacheId = pBlock->GetCacheId();
-    m_queryToCacheIdMap.emplace(strQuery, nCacheId);
+    // Sizes are bounded by MOX_SHM_OBJECT_MAX_SIZE, the used size by the
+    // limit: no overflow in the sum.
+    while (m_nUsedSize + nSize > kMemoryLimit) {
+        if (!m_EvictOldest()) {
+            MOX_POOL_LIMIT(m_bMemoryLimitWarned, "memory still over limitation.");
+            return false;  // pBlock is destroyed, its object unlinked
+        }
+    }
+    if (!m_MakeRoomForEntry()) {
+        MOX_POOL_LIMIT(m_bEntryLimitWarned, "Cache pool holds %d blocks, all in use by clients: block[%d] refused.",
+                       kMaxEntries, nCacheId);
+        return false;
+    }
+    m_bMemoryLimitWarned = false;
+    m_bEntryLimitWarned = false;
+
+    // The block answers this request in any case; only a query text within
+    // the bounds is kept for later identical queries.
+    bool bKeep = false;
+    if (strQuery.size() > static_cast<size_t>(kMaxQueryTextSize)) {
+        MOX_POOL_LIMIT(m_bQueryTooLongWarned, "Query text of %zu bytes is above %d: its answer[%d] is not cached.",
+                       strQuery.size(), kMaxQueryTextSize, nCacheId);
+    } else if (!m_MakeRoomForText(strQuery.size())) {
+        MOX_POOL_LIMIT(m_bTextLimitWarned,
+                       "Kept query texts (%lld bytes, limit %d) belong to blocks in use: answer[%d] is not cached.",
+                       static_cast<long long>(m_nQueryTextBytes), kMaxQueryTextBytes, nCacheId);
+    } else {
+        bKeep = m_KeepQuery(strQuery, nCacheId);
+        if (bKeep) m_bTextLimitWarned = false;
+    }
+    if (!bKeep) m_unkeptIds.insert(nCacheId);
     m_committedBlockMap.emplace(nCacheId, std::move(pBlock));
     m_refCountMap.emplace(nCacheId, 1);
     m_nUsedSize += nSize;
@@ -176,13 +273,33 @@ bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock
     return true;
 }
 
-void CCachePool::m_AddPersistant(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock) {
+bool CCachePool::m_AddPersistant(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock) {
     assert(pBlock != nullptr);
+    // Kept only for its query, so the query must be kept too.
+    if (strQuery.size() > static_cast<size_t>(kMaxQueryTextSize)) {
+        MOX_POOL_LIMIT(m_bQueryTooLongWarned, "Query text of %zu bytes is above %d: persistent block[%d] refused.",
+                       strQuery.size(), kMaxQueryTextSize, pBlock->GetCacheId());
+        return false;
+    }
+    if (!m_MakeRoomForEntry()) {
+        MOX_POOL_LIMIT(m_bEntryLimitWarned, "Cache pool holds %d blocks, all in use by clients: block[%d] refused.",
+                       kMaxEntries, pBlock->GetCacheId());
+        return false;
+    }
+    if (!m_MakeRoomForText(strQuery.size())) {
+        MOX_POOL_LIMIT(m_bTextLimitWarned, "Kept query texts (%lld bytes, limit %d) are in use: block[%d] refused.",
+                       static_cast<long long>(m_nQueryTextBytes), kMaxQueryTextBytes, pBlock->GetCacheId());
+        return false;
+    }
     // An existing entry stays; the newcomer is then destroyed with pBlock.
-    m_persistantBlockMap.emplace(strQuery, std::move(pBlock));
+    auto inserted = m_persistantBlockMap.emplace(strQuery, std::move(pBlock));
+    if (inserted.second) m_nQueryTextBytes += static_cast<int64_t>(strQuery.size());
+    return true;
 }
 
-void CCachePool::m_DeletePersistant(std::string strQuery) { m_persistantBlockMap.erase(strQuery); }
+void CCachePool::m_DeletePersistant(std::string strQuery) {
+    if (m_persistantBlockMap.erase(strQuery) != 0) m_nQueryTextBytes -= static_cast<int64_t>(strQuery.size());
+}
 
 void CCachePool::m_Delete(int nCacheId) {
     auto count = m_refCountMap.find(nCacheId);
@@ -208,7 +325,9 @@ void CCachePool::m_DeactiveCacheBlock(int nCacheId) {
     std::unique_ptr<CCacheBlock> pBlock = std::move(committed->second);
     m_committedBlockMap.erase(committed);
     assert(pBlock != nullptr);
-    if (pBlock->GetType() == MOX_CACHE_BLOCK_TEMPORARY) {
+    // A block whose query was not kept can never be hit again: it goes too.
+    const bool bUnkept = m_unkeptIds.erase(nCacheId) != 0;
+    if (pBlock->GetType() == MOX_CACHE_BLOCK_TEMPORARY || bUnkept) {
         MOX_DEBUG("Block[%d] is temporary. deleting it.", nCacheId);
         m_nUsedSize -= pBlock->GetSize();
         pBlock.reset();
@@ -223,35 +342,48 @@ void CCachePool::m_DeactiveCacheBlock(int nCacheId) {
 void CCachePool::m_Delete(std::string strQuery) {
     auto query = m_queryToCacheIdMap.find(strQuery);
     if (query == m_queryToCacheIdMap.end()) {
-        MOX_DEBUG("There is no block related with url[%s].", strQuery.c_str());
+        MOX_DEBUG("There is no block related with url[%s].", UrlForLog(strQuery).c_str());
         return;
     }
     m_Delete(query->second);
 }
 
 void CCachePool::m_Print() {
-    // The dump walks every map on every operation; skip it when the log drops
-    // debug lines anyway (the first line then reports 0 bytes written).
+    // The dump runs on every operation; skip it when the log drops debug
+    // lines anyway (the first line then reports 0 bytes written), and show
+    // only the first entries of each map so that a full pool costs a bounded
+    // number of lines.
     if (MOX_DEBUG("===========INFO!!!Begin===========") <= 0) return;
+    const size_t kShown = 8;
+    auto more = [kShown](size_t nSize) {
+        if (nSize > kShown) MOX_DEBUG("... and %zu more.", nSize - kShown);
+    };
+    size_t n = 0;
     MOX_DEBUG("m_persistantBlockMap detail:");
-    for (const auto& entry : m_persistantBlockMap)
-        MOX_DEBUG("url[%s], blockName[%s].", entry.first.c_str(), entry.second->GetName().c_str());
+    for (auto it = m_persistantBlockMap.begin(); it != m_persistantBlockMap.end() && n < kShown; ++it, ++n)
+        MOX_DEBUG("url[%s], blockName[%s].", UrlForLog(it->first).c_str(), it->second->GetName().c_str());
+    more(m_persistantBlockMap.size());
+    n = 0;
     MOX_DEBUG("m_queryToCacheIdMap detail:");
-    for (const auto& entry : m_queryToCacheIdMap)
-        MOX_DEBUG("url[%s], blockId[%d].", entry.first.c_str(), entry.second);
+    for (auto it = m_queryToCacheIdMap.begin(); it != m_queryToCacheIdMap.end() && n < kShown; ++it, ++n)
+        MOX_DEBUG("url[%s], blockId[%d].", UrlForLog(it->first).c_str(), it->second);
+    more(m_queryToCacheIdMap.size());
     auto refCount = [this](int nCacheId) {
         auto it = m_refCountMap.find(nCacheId);
         return it == m_refCountMap.end() ? 0 : it->second;
     };
-    MOX_DEBUG("m_committedBlockMap detail:");
-    for (const auto& entry : m_committedBlockMap)
-        MOX_DEBUG("blockId[%d], blockName[%s], refCount[%d].", entry.first, entry.second->GetName().c_str(),
-                  refCount(entry.first));
-    MOX_DEBUG("m_cachePoolBlockMap detail:");
-    for (const auto& entry : m_cachePoolBlockMap)
-        MOX_DEBUG("blockId[%d], blockName[%s], refCount[%d].", entry.first, entry.second->GetName().c_str(),
-                  refCount(entry.first));
+    for (const auto* pMap : {&m_committedBlockMap, &m_cachePoolBlockMap}) {
+        MOX_DEBUG("%s detail:", pMap == &m_committedBlockMap ? "m_committedBlockMap" : "m_cachePoolBlockMap");
+        n = 0;
+        for (auto it = pMap->begin(); it != pMap->end() && n < kShown; ++it, ++n)
+            MOX_DEBUG("blockId[%d], blockName[%s], refCount[%d].", it->first, it->second->GetName().c_str(),
+                      refCount(it->first));
+        more(pMap->size());
+    }
     MOX_DEBUG("m_LRUIndexes detail:");
-    for (int nCacheId : m_LRUIndexes) MOX_DEBUG("blockId[%d].", nCacheId);
+    n = 0;
+    for (auto it = m_LRUIndexes.begin(); it != m_LRUIndexes.end() && n < kShown; ++it, ++n)
+        MOX_DEBUG("blockId[%d].", *it);
+    more(m_LRUIndexes.size());
     MOX_DEBUG("===========INFO!!!End===========");
 }

@@ -5,16 +5,28 @@
 // when admitting a block would take the blocks' total size over 10 MiB.
 // Persistent blocks live in their own map and are not counted.
 //
+// Bounds (every query text comes from a client document): the pool holds at
+// most kMaxEntries blocks, whatever their size, and keeps at most
+// kMaxQueryTextBytes of query text. Making room evicts the oldest released
+// blocks; a block that a client still holds is never evicted. A query text
+// above kMaxQueryTextSize, or one that does not fit while the kept texts
+// belong to held blocks, is not kept: its block answers this request and is
+// destroyed when released (a later identical query misses). A block that
+// does not fit under the entry or memory bound is refused. Each bound logs
+// one warning when it starts to bite (debug lines until it is relieved).
+//
 // A block record leaves the pool only by being destroyed, which unlinks its
 // shared-memory object. Every public operation holds m_mutex for its whole
 // duration, so request threads of several commands may call concurrently;
 // the m_ operations require m_mutex held.
 #pragma once
 
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,7 +35,12 @@
 
 class CCachePool {
 public:
-    static const int kMemoryLimit = 10 * 1024 * 1024;
+    static constexpr int kMemoryLimit = 10 * 1024 * 1024;
+    // Above what one client may hold (256 lists of up to 16 sources each),
+    // so that no client alone fills the pool.
+    static constexpr int kMaxEntries = 8192;
+    static constexpr int kMaxQueryTextSize = 16 * 1024;
+    static constexpr int kMaxQueryTextBytes = 4 * 1024 * 1024;
 
     CCachePool();
     ~CCachePool();
@@ -48,28 +65,49 @@ public:
     EBlockState GetBlockState(int nCacheId);
     int GetRefCount(int nCacheId);  // 0 when the id has no count
     int GetUsedSize();
+    int GetEntryCount();      // committed, cached and persistent blocks
+    int64_t GetQueryTextBytes();  // bytes of the query texts kept
     std::vector<int> GetLRUIndexes();  // oldest release first
 
 private:
     CCacheBlock* m_HitCache(std::string strQuery);
     bool m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock);
-    void m_AddPersistant(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock);
+    bool m_AddPersistant(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock);
+    // Evicts the oldest released block (and its query); false when none is left.
+    bool m_EvictOldest();
+    // Evicts until one more entry (with nTextSize bytes of query text, when
+    // kept) fits; false when the held blocks leave no room.
+    bool m_MakeRoomForEntry();
+    bool m_MakeRoomForText(size_t nTextSize);
+    int m_EntryCount() const;
+    // Maps strQuery to nCacheId and counts its text; false if already mapped.
+    bool m_KeepQuery(const std::string& strQuery, int nCacheId);
     void m_DeletePersistant(std::string strQuery);
     CCacheBlock* m_ActiveCacheBlock(int nCacheId);
     void m_DeactiveCacheBlock(int nCacheId);
     void m_Delete(int nCacheId);
     void m_Delete(std::string strQuery);
-    // Erases the first query (in key order) mapped to nCacheId; false if none.
+    // Erases the query mapped to nCacheId; false if none.
     bool m_EraseQueryOf(int nCacheId);
     void m_Print();
 
     std::mutex m_mutex;
     std::map<std::string, std::unique_ptr<CCacheBlock>> m_persistantBlockMap;  // GUARDED_BY(m_mutex)
     std::map<std::string, int> m_queryToCacheIdMap;                          // GUARDED_BY(m_mutex)
+    // The reverse of m_queryToCacheIdMap (its iterators stay valid until erased).
+    std::map<int, std::map<std::string, int>::iterator> m_cacheIdToQueryMap;  // GUARDED_BY(m_mutex)
     std::map<int, std::unique_ptr<CCacheBlock>> m_committedBlockMap;         // GUARDED_BY(m_mutex)
     std::map<int, std::unique_ptr<CCacheBlock>> m_cachePoolBlockMap;         // GUARDED_BY(m_mutex)
     std::map<int, int> m_refCountMap;                                        // GUARDED_BY(m_mutex)
     std::deque<int> m_LRUIndexes;                                            // GUARDED_BY(m_mutex)
     // Sum of the sizes of the committed and cache-pool blocks.
     int m_nUsedSize = 0;  // GUARDED_BY(m_mutex)
+    // Sum of the sizes of the keys of m_queryToCacheIdMap and m_persistantBlockMap.
+    int64_t m_nQueryTextBytes = 0;  // GUARDED_BY(m_mutex)
+    // Committed blocks without a kept query: destroyed when released.
+    std::set<int> m_unkeptIds;  // GUARDED_BY(m_mutex)
+    bool m_bMemoryLimitWarned = false;     // GUARDED_BY(m_mutex)
+    bool m_bEntryLimitWarned = false;      // GUARDED_BY(m_mutex)
+    bool m_bTextLimitWarned = false;       // GUARDED_BY(m_mutex)
+    bool m_bQueryTooLongWarned = false;    // GUARDED_BY(m_mutex)
 };

@@ -5,6 +5,7 @@
 
 #include <sys/mman.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -19,11 +20,40 @@ inline void PutInt32(char* pBase, size_t nOffset, int32_t nValue) {
     memcpy(pBase + nOffset, &nValue, sizeof(nValue));
 }
 
-// Creates a new object exclusively under the next name that nextName yields,
-// skipping names that already exist: an object someone else created under our
-// next name must never become ours (its creator could still write or shrink
-// it). Returns the descriptor with the name in strName, or -1 (errno set).
-int CreateExclusive(const std::function<void(std::string&)>& nextName, std::string& strName);
+// The names of one kind of object the engine creates: prefix + decimal id
+// ("mox_datablock_N", "mox_resultlist_N"). Ids count up from nFirst. Anyone may
+// create objects in /dev/shm, so an object is only ever created exclusively
+// (O_CREAT | O_EXCL | O_NOFOLLOW): a name that exists already belongs to
+// someone else and is never opened, written or unlinked by us. On such a name
+// the count jumps to a random id, so that objects planted under the next
+// names cost one retry, not one per planted object; after kMaxAttempts taken
+// names in a row the creation fails. One warning the first time a name is
+// found taken (later ones are debug lines), one per failed creation.
+class CShmNamer {
+public:
+    static constexpr int kMaxAttempts = 64;
+    // Nine digits at most: every id parses back as a non-negative int.
+    static constexpr int kMaxId = 999999999;
+
+    // random yields the jump targets; the kernel's random source by default.
+    CShmNamer(std::string strPrefix, int nFirst, std::function<uint32_t()> random = nullptr);
+    CShmNamer(const CShmNamer&) = delete;
+    CShmNamer& operator=(const CShmNamer&) = delete;
+
+    // Creates a new, empty object of mode 0644 (whatever the umask) under a
+    // free name. Returns its descriptor with the name and id, or -1.
+    int CreateExclusive(std::string& strName, int& nId);
+
+private:
+    int m_NextId();
+
+    const std::string m_strPrefix;
+    const int m_nFirst;
+    const std::function<uint32_t()> m_random;
+    // Lock-free: builders on several worker threads take ids concurrently.
+    std::atomic<uint64_t> m_nNext{0};  // next id = m_nFirst + m_nNext % (kMaxId - m_nFirst + 1)
+    std::atomic<bool> m_bTakenWarned{false};
+};
 
 class CShmFd {
 public:

@@ -7,10 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <numeric>
+#include <set>
 #include <vector>
 
 #include <mox/mox_log.h>
@@ -23,11 +24,36 @@ const char kNamePrefix[] = "mox_resultlist_";
 
 }  // namespace
 
-void CResultListBuilder::m_GenerateIdAndName(int& nId, std::string& strShmName) {
-    // Atomic so that concurrent request threads never share an id.
-    static std::atomic<int> s_nId{0};
-    nId = ++s_nId;
-    strShmName = kNamePrefix + std::to_string(nId);
+mox_shm::CShmNamer& CResultListBuilder::m_Namer() {
+    // One process-wide sequence of list names; the first list is id 1.
+    static mox_shm::CShmNamer s_namer(kNamePrefix, 1);
+    return s_namer;
+}
+
+std::mutex& CResultListBuilder::m_CreatedMutex() {
+    static std::mutex s_mutex;
+    return s_mutex;
+}
+
+std::set<std::string>& CResultListBuilder::m_Created() {
+    static std::set<std::string> s_names;  // GUARDED_BY(m_CreatedMutex())
+    return s_names;
+}
+
+bool CResultListBuilder::m_Unlink(const std::string& strShmName) {
+    {
+        std::lock_guard<std::mutex> lock(m_CreatedMutex());
+        if (m_Created().erase(strShmName) == 0) {
+            MOX_WARN("[%s] is not a result list of this engine, not unlinked.", strShmName.c_str());
+            return false;
+        }
+    }
+    MOX_DEBUG("unlink share memory[%s].", strShmName.c_str());
+    if (shm_unlink(strShmName.c_str()) != 0) {
+        MOX_WARN("shm_unlink failed.");
+        return false;
+    }
+    return true;
 }
 
 CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int nEndIndex, int nTotalItemCount,
@@ -46,20 +72,25 @@ CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int n
                  nStartIndex, nEndIndex, nTotalItemCount, nNumberOfGroups, nNumberOfBlocks);
         return;
     }
-    int fd = mox_shm::CreateExclusive([&](std::string& strName) { m_GenerateIdAndName(m_nId, strName); }, m_strShmName);
+    int fd = m_Namer().CreateExclusive(m_strShmName, m_nId);
     if (fd < 0) return;
     MOX_INFO("Generate Id[%d], Name[%s].", m_nId, m_strShmName.c_str());
     mox_shm::CShmFd shmFd(fd);
+    // Created exclusively just now: ours to unlink, by Drop as well.
+    {
+        std::lock_guard<std::mutex> lock(m_CreatedMutex());
+        m_Created().insert(m_strShmName);
+    }
     if (ftruncate(fd, nSize) != 0) {
         MOX_WARN("ftruncate of [%s] to [%lld] failed: %s.", m_strShmName.c_str(), static_cast<long long>(nSize),
                  strerror(errno));
-        shm_unlink(m_strShmName.c_str());
+        m_Unlink(m_strShmName);
         return;
     }
     mox_shm::CShmMapping mapping(fd, static_cast<size_t>(nSize));
     if (!mapping.IsMapped()) {
         MOX_WARN("mmap of [%s] failed: %s.", m_strShmName.c_str(), strerror(errno));
-        shm_unlink(m_strShmName.c_str());
+        m_Unlink(m_strShmName);
         return;
     }
     m_nItemCount = static_cast<int>(nItemCount);
@@ -157,22 +188,7 @@ std::string CResultListBuilder::Release() {
 
 void CResultListBuilder::Drop() {
     if (!IsValid()) return;
-    MOX_DEBUG("unlink share memory[%s].", m_strShmName.c_str());
-    if (shm_unlink(m_strShmName.c_str()) != 0) MOX_WARN("shm_unlink failed.");
+    m_Unlink(m_strShmName);
 }
 
-bool CResultListBuilder::Drop(std::string strShmName) {
-    const size_t nPrefix = sizeof(kNamePrefix) - 1;
-    bool bOurs = strShmName.size() > nPrefix && strShmName.compare(0, nPrefix, kNamePrefix) == 0 &&
-                 std::all_of(strShmName.begin() + nPrefix, strShmName.end(), [](char c) { return c >= '0' && c <= '9'; });
-    if (!bOurs) {
-        MOX_WARN("[%s] is not a result list name, not unlinked.", strShmName.c_str());
-        return false;
-    }
-    MOX_DEBUG("unlink share memory[%s].", strShmName.c_str());
-    if (shm_unlink(strShmName.c_str()) != 0) {
-        MOX_WARN("shm_unlink failed.");
-        return false;
-    }
-    return true;
-}
+bool CResultListBuilder::Drop(std::string strShmName) { return m_Unlink(strShmName); }

@@ -15,6 +15,8 @@
 #pragma once
 
 #include <map>
+#include <mutex>
+#include <set>
 #include <string>
 
 #include <mox/mox_cache_defines.h>
@@ -46,13 +48,20 @@ public:
     std::string Release();
     // Unlinks this builder's object.
     void Drop();
-    // Unlinks a result list by name, as a client hands it back. Only names of
-    // the form "mox_resultlist_<digits>" are unlinked: a client must not make
-    // the engine remove any other object. False when refused or failed.
+    // Unlinks a result list by name, as a client hands it back. Only a list
+    // that a builder of this process created and that was not dropped yet is
+    // unlinked: neither a client nor an object planted under a list name can
+    // make the engine remove anything else. False when refused or failed.
     static bool Drop(std::string strShmName);
 
 private:
-    static void m_GenerateIdAndName(int& nId, std::string& strShmName);
+    // Names "mox_resultlist_N" (see CShmNamer: never a name someone else holds).
+    static mox_shm::CShmNamer& m_Namer();
+    // The lists created and not yet unlinked, process-wide.
+    static std::mutex& m_CreatedMutex();
+    static std::set<std::string>& m_Created();  // GUARDED_BY(m_CreatedMutex())
+    // Unlinks strShmName if it is in m_Created() (and forgets it).
+    static bool m_Unlink(const std::string& strShmName);
     ResultItemIndex* m_ItemTable() const;
 
     int m_nItemCount = 0;

@@ -97,6 +97,23 @@ bool WriteSparseShm(const std::string& strName, const std::string& head, int64_t
     return ok;
 }
 
+bool PlantShm(const std::string& strName, const std::string& bytes) {
+    int fd = shm_open(strName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    if (fd < 0) return false;
+    TrackShm(strName);
+    bool ok = write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+    close(fd);
+    return ok;
+}
+
+size_t CountLines(const std::string& text, const std::string& needle, const std::string& also) {
+    size_t nCount = 0;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (line.find(needle) != std::string::npos && line.find(also) != std::string::npos) ++nCount;
+    return nCount;
+}
+
 int32_t Int32At(const std::string& bytes, size_t nOffset) {
     int32_t n = 0;
     if (nOffset + 4 <= bytes.size()) memcpy(&n, bytes.data() + nOffset, 4);

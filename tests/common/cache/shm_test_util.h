@@ -18,6 +18,15 @@ std::string ReadShm(const std::string& strName);
 bool WriteShm(const std::string& strName, const std::string& bytes);
 // Creates a sparse object of nSize bytes whose first bytes are `head`.
 bool WriteSparseShm(const std::string& strName, const std::string& head, int64_t nSize);
+// Creates an object of someone else's (mode 0600, these bytes) under a name
+// that does not exist yet, and tracks it; false if the name is taken.
+bool PlantShm(const std::string& strName, const std::string& bytes);
+// Number of lines of text that contain needle (and also `also`, if given).
+size_t CountLines(const std::string& text, const std::string& needle, const std::string& also = "");
+// Number of warning lines of text that contain needle.
+inline size_t CountWarnings(const std::string& text, const std::string& needle) {
+    return CountLines(text, needle, "[WARNNING]");
+}
 // Little-endian 32-bit field of a byte string.
 int32_t Int32At(const std::string& bytes, size_t nOffset);
 void PutInt32(std::string& bytes, size_t nOffset, int32_t nValue);

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,7 @@
 #include "cache_block.h"
 #include "cache_builder.h"
 #include "shm_dump.h"
+#include "shm_mapping.h"
 #include "shm_test_util.h"
 
 using moxtest::Int32At;
@@ -115,28 +118,121 @@ TEST(DataBlockNames, NamesCountUpAndCarryTheCacheId) {
     }
 }
 
-// A fresh process starts its counter at 0 (or at the first number no
-// foreign object holds). Runs in a re-executed copy of this binary.
-TEST(DataBlockNames, FirstBuilderOfAProcessTakesTheFirstFreeNumber) {
+// A fresh process starts its counter at 0; when another process holds that
+// name, the builder moves on with one warning. Runs in a re-executed copy of
+// this binary.
+TEST(DataBlockNames, FirstBuilderOfAProcessTakesNumberZeroOrMovesOnOnce) {
     if (getenv("MOX_TEST_FIRST_NAME_CHILD") != nullptr) {
-        // Other processes may hold (or grab meanwhile) the low numbers: the
-        // builder then skips each one with a warning. Counting the skips
-        // tells where a counter starting at 0 must have landed.
         size_t mark = moxtest::LogMark();
         CCacheBuilder builder(MOX_CACHE_BLOCK_TEMPORARY);
-        std::string log = moxtest::LogSince(mark);
-        int nSkipped = 0;
-        for (size_t pos = 0; (pos = log.find("already exists, skip it.", pos)) != std::string::npos; ++pos) ++nSkipped;
-        EXPECT_EQ(builder.GetName(), "mox_datablock_" + std::to_string(nSkipped));
+        ASSERT_TRUE(builder.IsValid());
+        moxtest::TrackShm(builder.GetName());
+        const std::string log = moxtest::LogSince(mark);
+        // Parallel tests may hold mox_datablock_0 at this moment.
+        if (builder.GetName() != "mox_datablock_0") {
+            EXPECT_EQ(moxtest::CountWarnings(log, "already exists"), 1u) << log;
+            EXPECT_NE(log.find("ShmName[mox_datablock_0]"), std::string::npos) << log;
+        } else {
+            EXPECT_EQ(moxtest::CountWarnings(log, "already exists"), 0u) << log;
+        }
         builder.Free();
         return;
     }
     setenv("MOX_TEST_FIRST_NAME_CHILD", "1", 1);
     std::string output;
     const int status = moxtest::RunProgram(
-        {"/proc/self/exe", "--gtest_filter=DataBlockNames.FirstBuilderOfAProcessTakesTheFirstFreeNumber"}, output);
+        {"/proc/self/exe", "--gtest_filter=DataBlockNames.FirstBuilderOfAProcessTakesNumberZeroOrMovesOnOnce"}, output);
     unsetenv("MOX_TEST_FIRST_NAME_CHILD");
     EXPECT_EQ(status, 0) << output;
+}
+
+// Objects planted under the next names (a file, a link) are skipped, never
+// opened, written or unlinked; the builder moves on with a single warning for
+// the whole process.
+TEST(DataBlockNames, PlantedObjectsAreSkippedAndLeftAlone) {
+    CCacheBuilder probe(MOX_CACHE_BLOCK_TEMPORARY);
+    ASSERT_TRUE(probe.IsValid());
+    moxtest::TrackShm(probe.GetName());
+    int nId = -1;
+    ASSERT_TRUE(CCacheBuilder::GetCacheId(probe.GetName(), nId));
+    probe.Free();
+    // More planted names than a builder may try one after the other.
+    std::set<std::string> planted;
+    for (int i = 1; i <= 2 * mox_shm::CShmNamer::kMaxAttempts; ++i) {
+        const std::string name = "mox_datablock_" + std::to_string(nId + i);
+        if (moxtest::PlantShm(name, "planted")) planted.insert(name);
+    }
+    const std::string link = "mox_datablock_" + std::to_string(nId + 2 * mox_shm::CShmNamer::kMaxAttempts + 1);
+    const std::string target = "/tmp/mox-planted-target-" + std::to_string(getpid());
+    ASSERT_EQ(symlink(target.c_str(), ("/dev/shm/" + link).c_str()), 0);
+
+    for (int round = 0; round < 3; ++round) {
+        CCacheBuilder builder(MOX_CACHE_BLOCK_LRU);
+        ASSERT_TRUE(builder.IsValid());
+        moxtest::TrackShm(builder.GetName());
+        EXPECT_EQ(planted.count(builder.GetName()), 0u) << builder.GetName();
+        EXPECT_NE(builder.GetName(), link);
+        int nNew = -1;
+        EXPECT_TRUE(CCacheBuilder::GetCacheId(builder.GetName(), nNew));
+        EXPECT_EQ(builder.GetName(), "mox_datablock_" + std::to_string(nNew));
+        std::vector<mox_data_group_s> groups;
+        std::vector<mox_data_length_s> lengths = {{4}};
+        ASSERT_EQ(fwrite("item", 1, 4, builder.GetStream()), 4u);
+        ASSERT_TRUE(builder.Build(4, 0, 0, 1, groups, lengths));
+        builder.Release().reset();  // destroying the record unlinks the block
+        EXPECT_FALSE(moxtest::ShmExists(builder.GetName()));
+    }
+    for (const std::string& name : planted) {
+        EXPECT_TRUE(moxtest::ShmExists(name)) << name;
+        EXPECT_EQ(moxtest::ReadShm(name), "planted") << name;
+        shm_unlink(name.c_str());
+    }
+    EXPECT_NE(access(target.c_str(), F_OK), 0) << "the link was followed";
+    unlink(("/dev/shm/" + link).c_str());
+    // One warning in this process's whole log, however many names were taken.
+    EXPECT_EQ(moxtest::CountWarnings(moxtest::LogSince(0), "already exists"), 1u);
+}
+
+// The retries are bounded: with every name tried taken, creation fails with
+// one warning and touches nothing.
+TEST(ShmNamer, RetriesAreBoundedAndTakenNamesUntouched) {
+    const std::string prefix = "mox_test_namer_" + std::to_string(getpid()) + "_";
+    int nNextJump = 500;
+    mox_shm::CShmNamer namer(prefix, 0, [&nNextJump]() { return static_cast<uint32_t>(nNextJump++); });
+    std::vector<std::string> planted;
+    auto plant = [&](int nId) {
+        planted.push_back(prefix + std::to_string(nId));
+        ASSERT_TRUE(moxtest::PlantShm(planted.back(), "x"));
+    };
+    plant(0);
+    for (int i = 0; i < mox_shm::CShmNamer::kMaxAttempts; ++i) plant(500 + i);
+
+    size_t mark = moxtest::LogMark();
+    std::string name = "unchanged";
+    int nId = 7;
+    EXPECT_EQ(namer.CreateExclusive(name, nId), -1);
+    EXPECT_EQ(nId, -1);
+    EXPECT_EQ(name, "");
+    std::string log = moxtest::LogSince(mark);
+    EXPECT_EQ(moxtest::CountLines(log, "MOX-CACHE"), 1u) << log;
+    EXPECT_NE(log.find("No free name for [" + prefix + "N]: 64 names"), std::string::npos) << log;
+    for (const std::string& p : planted) EXPECT_EQ(moxtest::ReadShm(p), "x") << p;
+
+    // A free jump target ends the search: the id is the number in the name.
+    nNextJump = 900;
+    mark = moxtest::LogMark();
+    int fd = namer.CreateExclusive(name, nId);
+    ASSERT_GE(fd, 0);
+    moxtest::TrackShm(name);
+    EXPECT_EQ(name, prefix + std::to_string(nId));
+    EXPECT_TRUE(nId >= 900 && nId < 1000) << nId;
+    struct stat st;
+    ASSERT_EQ(fstat(fd, &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
+    close(fd);
+    shm_unlink(name.c_str());
+    EXPECT_EQ(moxtest::CountWarnings(moxtest::LogSince(mark), "already exists"), 1u);
+    for (const std::string& p : planted) shm_unlink(p.c_str());
 }
 
 TEST(DataBlockClient, SeparateProcessReadsWhatTheBuilderWrote) {

@@ -239,3 +239,126 @@ TEST(CachePoolConcurrency, ConcurrentHitAddDelete) {
     }
     EXPECT_EQ(pool.GetUsedSize(), static_cast<int>(lru.size()) * (28 + 64 + 4));
 }
+
+// Dropped lists of distinct, large documents: the pool keeps a bounded number
+// of entries and of query-text bytes (the oldest released go first), never a
+// block that a client still holds. A query text above the per-query limit is
+// answered but not kept, and its block goes with its last client.
+TEST(CachePoolBounds, DistinctLargeQueriesStayWithinTheBoundsHeldBlocksSurvive) {
+    CCachePool pool;
+    const std::string pad(12 * 1024, 'x');
+    auto query = [&pad](const char* szKind, int i) { return szKind + std::to_string(i) + pad; };
+    std::vector<std::string> held;
+    for (int i = 0; i < 3; ++i) held.push_back(AddBlock(pool, query("held", i), 100));
+    std::string first, last, name;
+    for (int i = 0; i < 1500; ++i) {
+        last = AddBlock(pool, query("q", i), 100);
+        ASSERT_FALSE(last.empty()) << i;
+        pool.Delete(IdOf(last));  // the client dropped its list
+        if (i == 0) first = last;
+        ASSERT_LE(pool.GetEntryCount(), CCachePool::kMaxEntries);
+        ASSERT_LE(pool.GetQueryTextBytes(), CCachePool::kMaxQueryTextBytes);
+    }
+    // The text bound bit: kept up to it, the oldest releases evicted.
+    EXPECT_GT(pool.GetQueryTextBytes(), CCachePool::kMaxQueryTextBytes - static_cast<int64_t>(query("q", 1500).size()));
+    EXPECT_FALSE(pool.HitCache(query("q", 0), name));
+    EXPECT_FALSE(moxtest::ShmExists(first));
+    ASSERT_TRUE(pool.HitCache(query("q", 1499), name));
+    EXPECT_EQ(name, last);
+    pool.Delete(IdOf(last));
+
+    // Short queries: now the entry bound bites.
+    for (int i = 0; i < CCachePool::kMaxEntries + 200; ++i) {
+        last = AddBlock(pool, "s" + std::to_string(i), 100);
+        ASSERT_FALSE(last.empty()) << i;
+        pool.Delete(IdOf(last));
+        ASSERT_LE(pool.GetEntryCount(), CCachePool::kMaxEntries);
+    }
+    EXPECT_EQ(pool.GetEntryCount(), CCachePool::kMaxEntries);
+    EXPECT_EQ(pool.GetUsedSize(), CCachePool::kMaxEntries * 100);
+
+    for (size_t i = 0; i < held.size(); ++i) {
+        EXPECT_TRUE(moxtest::ShmExists(held[i]));
+        EXPECT_EQ(pool.GetBlockState(IdOf(held[i])), CCachePool::kBlockCommitted);
+        ASSERT_TRUE(pool.HitCache(query("held", static_cast<int>(i)), name));
+        EXPECT_EQ(name, held[i]);
+        EXPECT_EQ(pool.GetRefCount(IdOf(held[i])), 2);
+    }
+
+    size_t mark = moxtest::LogMark();
+    const int64_t nTextBefore = pool.GetQueryTextBytes();
+    for (int i = 0; i < 3; ++i) {
+        const std::string huge = "h" + std::to_string(i) + std::string(64 * 1024, 'y');
+        const std::string h = AddBlock(pool, huge, 100);
+        ASSERT_FALSE(h.empty());
+        EXPECT_TRUE(moxtest::ShmExists(h));
+        EXPECT_FALSE(pool.HitCache(huge, name));
+        EXPECT_LE(pool.GetQueryTextBytes(), nTextBefore);  // the entry bound may evict a kept one
+        pool.Delete(IdOf(h));
+        EXPECT_FALSE(moxtest::ShmExists(h));
+    }
+    EXPECT_EQ(moxtest::CountWarnings(moxtest::LogSince(mark), "is above 16384"), 1u);
+    for (const std::string& h : held) {
+        pool.Delete(IdOf(h));
+        pool.Delete(IdOf(h));
+        EXPECT_EQ(pool.GetBlockState(IdOf(h)), CCachePool::kBlockCached);
+    }
+}
+
+// Held blocks fill the bounds: a query text that no longer fits is answered
+// but not kept; a block beyond the entry bound is refused and unlinked. Each
+// bound warns once while it bites.
+TEST(CachePoolBounds, HeldBlocksFillTheBoundsNotKeptOrRefusedWithOneWarning) {
+    CCachePool pool;
+    const int kQuery = CCachePool::kMaxQueryTextSize;
+    auto query = [kQuery](char kind, int i) {
+        std::string q = kind + std::to_string(i);
+        q.resize(static_cast<size_t>(kQuery), '.');
+        return q;
+    };
+    std::vector<std::string> held;
+    for (int i = 0; i < CCachePool::kMaxQueryTextBytes / kQuery; ++i) held.push_back(AddBlock(pool, query('t', i), 64));
+    EXPECT_EQ(pool.GetQueryTextBytes(), CCachePool::kMaxQueryTextBytes);
+
+    size_t mark = moxtest::LogMark();
+    std::vector<std::string> unkept;
+    std::string name;
+    for (int i = 0; i < 3; ++i) {
+        unkept.push_back(AddBlock(pool, query('u', i), 64));
+        ASSERT_FALSE(unkept.back().empty());
+        EXPECT_FALSE(pool.HitCache(query('u', i), name));
+        EXPECT_EQ(pool.GetBlockState(IdOf(unkept.back())), CCachePool::kBlockCommitted);
+    }
+    EXPECT_EQ(pool.GetQueryTextBytes(), CCachePool::kMaxQueryTextBytes);
+    EXPECT_EQ(moxtest::CountWarnings(moxtest::LogSince(mark), "belong to blocks in use"), 1u);
+    for (const std::string& u : unkept) {
+        pool.Delete(IdOf(u));
+        EXPECT_FALSE(moxtest::ShmExists(u));
+    }
+
+    for (int i = 0; pool.GetEntryCount() < CCachePool::kMaxEntries; ++i) {
+        held.push_back(AddBlock(pool, "e" + std::to_string(i), 64));
+        ASSERT_FALSE(held.back().empty());
+    }
+    mark = moxtest::LogMark();
+    for (int i = 0; i < 3; ++i) {
+        CCacheBuilder builder(MOX_CACHE_BLOCK_LRU);
+        BuildBlockOfSize(builder, 64);
+        EXPECT_FALSE(pool.Add("refused" + std::to_string(i), builder, name));
+        EXPECT_FALSE(moxtest::ShmExists(builder.GetName()));
+    }
+    EXPECT_EQ(moxtest::CountWarnings(moxtest::LogSince(mark), "all in use by clients"), 1u);
+    EXPECT_EQ(pool.GetEntryCount(), CCachePool::kMaxEntries);
+
+    // A released block makes room again.
+    pool.Delete(IdOf(held.back()));
+    held.pop_back();
+    const std::string again = AddBlock(pool, "again", 64);
+    EXPECT_FALSE(again.empty());
+    EXPECT_EQ(pool.GetEntryCount(), CCachePool::kMaxEntries);
+    pool.Delete(IdOf(again));
+    for (const std::string& h : held) {
+        EXPECT_TRUE(moxtest::ShmExists(h));
+        pool.Delete(IdOf(h));
+    }
+}

@@ -250,19 +250,44 @@ TEST(ResultListBuilderArguments, BadRangesMakeNoObjectAndAnEmptyName) {
     EXPECT_EQ(Int32At(moxtest::ReadShm(guard.name), 0), 36);
 }
 
-TEST(ResultListDrop, OnlyResultListNamesAreUnlinked) {
+// Only lists this process created are unlinked: foreign names, and objects
+// planted under the next list names (which the builder skips), stay.
+TEST(ResultListDrop, OnlyListsOfThisProcessAreUnlinkedPlantedOnesAreSkipped) {
     CResultListBuilder builder(0, 0, 0, 1, 1, 1);
+    ASSERT_TRUE(builder.IsValid());
     const std::string name = builder.GetName();
     moxtest::TrackShm(name);
     builder.AddItem("b", 0);
     builder.Release();
+    std::vector<std::string> planted;
+    for (int i = 1; i <= 100; ++i) {
+        const std::string next = "mox_resultlist_" + std::to_string(builder.GetId() + i);
+        if (moxtest::PlantShm(next, "planted")) planted.push_back(next);
+    }
+    ASSERT_FALSE(planted.empty());
+    CResultListBuilder skipping(0, 0, 0, 1, 1, 1);
+    ASSERT_TRUE(skipping.IsValid());
+    ListGuard guard(skipping.GetName());
+    EXPECT_EQ(std::count(planted.begin(), planted.end(), skipping.GetName()), 0);
+    EXPECT_EQ(skipping.GetName(), "mox_resultlist_" + std::to_string(skipping.GetId()));
+    skipping.AddItem("b", 0);
+    skipping.Release();
+    EXPECT_TRUE(CResultList(guard.name).IsLoaded());
+
     ASSERT_TRUE(moxtest::WriteShm("mox_test_not_a_list", "x"));
-    for (const char* foreign : {"mox_test_not_a_list", "mox_resultlist_", "mox_resultlist_1x", "../mox_resultlist_1",
-                                "mox_datablock_1"})
-        EXPECT_FALSE(CResultListBuilder::Drop(foreign)) << foreign;
+    std::vector<std::string> foreign = {"mox_test_not_a_list", "mox_resultlist_", "mox_resultlist_1x",
+                                        "../mox_resultlist_1", "mox_datablock_1"};
+    foreign.insert(foreign.end(), planted.begin(), planted.end());
+    for (const std::string& f : foreign) EXPECT_FALSE(CResultListBuilder::Drop(f)) << f;
     EXPECT_TRUE(moxtest::ShmExists("mox_test_not_a_list"));
+    for (const std::string& p : planted) {
+        EXPECT_EQ(moxtest::ReadShm(p), "planted") << p;
+        shm_unlink(p.c_str());
+    }
     EXPECT_TRUE(CResultListBuilder::Drop(name));
     EXPECT_FALSE(moxtest::ShmExists(name));
+    // Once dropped, the name is no longer ours: someone may have taken it.
+    EXPECT_FALSE(CResultListBuilder::Drop(name));
     shm_unlink("mox_test_not_a_list");
 }
 
