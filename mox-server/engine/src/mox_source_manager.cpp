@@ -77,13 +77,6 @@ bool CMOXSourceMgr::InstallPlugin(std::string strLibName) {
     return m_InstallPlugin(strPath);
 }
 
-bool CMOXSourceMgr::UnInstallPlugin(std::string strLibName) {
-    std::string strPath;
-    if (!PluginPath(strLibName, strPath)) return false;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_UnInstallPlugin(strPath);
-}
-
 bool CMOXSourceMgr::m_InstallPlugin(std::string strPath) {
     if (m_libraries.count(strPath)) {
         MOX_DEBUG("Already installed plugin[%s].", strPath.c_str());
@@ -146,30 +139,6 @@ bool CMOXSourceMgr::m_InstallPlugin(std::string strPath) {
     return true;
 }
 
-bool CMOXSourceMgr::m_UnInstallPlugin(std::string strPath) {
-    auto lib = m_libraries.find(strPath);
-    if (lib == m_libraries.end()) {
-        MOX_WARN("Plugin[%s] is not installed.", strPath.c_str());
-        return false;
-    }
-    void* pHandle = lib->second.get();
-    for (auto it = m_plugins.begin(); it != m_plugins.end();) {
-        if (it->second != pHandle) {
-            ++it;
-            continue;
-        }
-        auto source = m_sources.find(it->first);
-        if (source != m_sources.end()) {
-            m_DestroySource(source->first, source->second);
-            m_sources.erase(source);
-        }
-        it = m_plugins.erase(it);
-    }
-    m_libraries.erase(lib);
-    MOX_DEBUG("Success to uninstall plugin[%s].", strPath.c_str());
-    return true;
-}
-
 IWebSource* CMOXSourceMgr::GetSource(std::string strSourceName) {
     std::lock_guard<std::mutex> lock(m_mutex);
     auto found = m_sources.find(strSourceName);
@@ -217,14 +186,6 @@ IWebSource* CMOXSourceMgr::m_CreateSource(const std::string& strSourceName) {
     }
     if (!pSource) MOX_WARN("CreateSource [%s] failed.", strSourceName.c_str());
     return pSource;
-}
-
-void CMOXSourceMgr::RemoveSource(std::string strSourceName) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    auto found = m_sources.find(strSourceName);
-    if (found == m_sources.end()) return;
-    m_DestroySource(found->first, found->second);
-    m_sources.erase(found);
 }
 
 void CMOXSourceMgr::m_DestroySource(const std::string& strSourceName, IWebSource* pSource) {

@@ -10,9 +10,8 @@
 //
 // Threads: every public operation holds m_mutex, so the engine's main loop
 // and the command threads may call concurrently. Sources handed out stay
-// valid until the manager is destroyed (or their library is uninstalled):
-// the destructor and UnInstallPlugin require that no command still uses
-// them.
+// valid until the manager is destroyed: the destructor requires that no
+// command still uses them.
 #pragma once
 
 #include <dlfcn.h>
@@ -34,13 +33,9 @@ public:
     // Loads MOX_PLUGIN_DIR/strLibName. False (warning) for a name that is not
     // a plain "lib*.so" file name or a library that cannot be used.
     bool InstallPlugin(std::string strLibName);
-    // Destroys the library's created sources, forgets its names, closes it.
-    bool UnInstallPlugin(std::string strLibName);
     // The source named strSourceName, created and initialised on first use;
     // NULL when no installed library offers it or creation fails.
     IWebSource* GetSource(std::string strSourceName);
-    // Closes and destroys a created source (a later GetSource creates anew).
-    void RemoveSource(std::string strSourceName);
 
     // True for a plain "lib*.so" file name (no directory part, no "..").
     static bool IsPluginFileName(const std::string& strLibName);
@@ -57,7 +52,6 @@ private:
     using LibraryHandle = std::unique_ptr<void, SLibraryCloser>;
 
     bool m_InstallPlugin(std::string strPath);
-    bool m_UnInstallPlugin(std::string strPath);
     IWebSource* m_CreateSource(const std::string& strSourceName);
     void m_DestroySource(const std::string& strSourceName, IWebSource* pSource);
 

@@ -53,6 +53,15 @@ bool WriteAll(int fd, const char* p, size_t len) {
 // Unlinks it when the caller may consume it.
 UniqueFd OpenClientObject(const std::string& shmName, uid_t callerUid, struct stat& st) {
     const std::string logName = CMOXUtil::CutForLog(shmName);
+    // The engine's own data blocks and result lists are read by other
+    // clients: nobody, root included, consumes them through this method.
+    const std::string bare = shmName.substr(shmName.find_first_not_of('/') == std::string::npos
+                                                ? shmName.size()
+                                                : shmName.find_first_not_of('/'));
+    if (bare.rfind("mox_datablock_", 0) == 0 || bare.rfind("mox_resultlist_", 0) == 0) {
+        MOX_WARN("CMOXUtil: shm [%s] is one of the engine's own objects: refused.", logName.c_str());
+        return UniqueFd();
+    }
     UniqueFd fd(shm_open(shmName.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0));
     if (!fd.IsValid()) {
         MOX_WARN("CMOXUtil: shm_open [%s] failed.", logName.c_str());

@@ -64,11 +64,6 @@ void CMOXStorageMgr::SetInternalCB(MOXStorageInternalCb cb, void* userData) {
     m_pInternalUserData = userData;
 }
 
-void* CMOXStorageMgr::GetInternalUserdata() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_pInternalUserData;
-}
-
 void CMOXStorageMgr::SetNotificationCB(MOXStorageNotificationCb cb) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_storage_notification_cb = cb;
@@ -399,16 +394,6 @@ std::string CMOXStorageMgr::m_ConvertWithJsonValue(std::vector<UsbDevicePtr>& li
         return CJsonValue().ToStyledString();
     }
     return document.ToStyledString();
-}
-
-void CMOXStorageMgr::PrintUSBListInfo() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_PrintList(m_USBList);
-}
-
-void CMOXStorageMgr::PrintPTPListInfo() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_PrintList(m_PTPList);
 }
 
 void CMOXStorageMgr::m_PrintList(const std::vector<UsbDevicePtr>& list) {

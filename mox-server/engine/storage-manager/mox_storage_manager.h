@@ -40,7 +40,6 @@ public:
 
     // cb == nullptr clears a callback; events then go unreported to it.
     void SetInternalCB(MOXStorageInternalCb cb, void* userData);
-    void* GetInternalUserdata();
     void SetNotificationCB(MOXStorageNotificationCb cb);
 
     void AddNotificationClient(dbus_connection_info_s& client);
@@ -62,8 +61,6 @@ public:
     // {"devices": [...]} in styled form; an empty list is "null\n".
     static std::string ConvertStoragesToJson(std::vector<UsbDevicePtr>& list);
 
-    void PrintUSBListInfo();
-    void PrintPTPListInfo();
 
 private:
     // All m_ operations below require m_mutex held.
