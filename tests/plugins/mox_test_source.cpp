@@ -1,6 +1,7 @@
 // Test sources "mox_test_source" and "mox_test_source2", driven by the
 // command document so that a test decides what the engine gets back:
-//   "test_delay_ms"   wait this long first (polling the stop flag)
+//   "test_delay_ms"   wait this long first (polling the stop flag; also
+//                     before a transfer's single report)
 //   "test_error"      return this code instead of answering
 //   "test_item_count" number of items (default 3; 0 answers an empty list)
 //   "test_misbehave"  "count_mismatch" (one length short), "overrun"
@@ -95,6 +96,13 @@ public:
         if (StringMember(doc, "test_misbehave") == "throw") throw std::runtime_error("test source throws");
         strResult = "{\"detail_of\":\"" + m_strName + "\"}";
         return static_cast<mox_error_code_e>(IntMember(doc, "test_error", 0));
+    }
+
+    // Transfers: the default single report, after "test_delay_ms" (the stop
+    // flag ends a waiting transfer with 9).
+    int Execute(bool& bStop, std::string& strParam, mox_transfer_progress_cb pfnProgress, void* pUserData) override {
+        if (!Wait(CJsonValue(strParam), bStop)) return 9;
+        return IWebSource::Execute(bStop, strParam, pfnProgress, pUserData);
     }
 
 private:

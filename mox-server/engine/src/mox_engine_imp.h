@@ -86,12 +86,12 @@ struct WorkerThreadJob {
 
 class CMOXEngineImp {
 public:
-    static const size_t kMaxJobs = 64;
-    static const size_t kMaxJobsPerClient = 16;
-    static const size_t kMaxTransfersPerClient = 8;
-    static const size_t kMaxRequestsPerClient = 256;
-    static const size_t kMaxListsPerClient = 256;
-    static const guint32 kInvalidHandle = 4294967295u;
+    static constexpr size_t kMaxJobs = 64;
+    static constexpr size_t kMaxJobsPerClient = 16;
+    static constexpr size_t kMaxTransfersPerClient = 8;
+    static constexpr size_t kMaxRequestsPerClient = 256;
+    static constexpr size_t kMaxListsPerClient = 256;
+    static constexpr guint32 kInvalidHandle = 4294967295u;
 
     // Every signal leaves through `sink`, which outlives the engine.
     explicit CMOXEngineImp(IMOXSignalSink& sink);
