@@ -210,16 +210,8 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) 
 }
 
 // Sends one bound client a storage event, on the USB service's thread.
-void notify_storages(SDBusConnectionInfo client, EMOXStorageEvent event, std::string storages) {
-    CJsonValue parsed(storages);
-    if (!parsed.IsValid()) {
-        MOX_INFO("Can't parse storages:\n%s", storages.c_str());
-        return;
-    }
-    CJsonValue notification;
-    notification.Set("event", static_cast<int>(event));
-    notification.SetValue("devices", parsed.Root().get("devices", Json::Value()));
-    if (g_pBus) g_pBus->Emit(client, "mox_usb_notification", notification.ToStyledString());
+void notify_storages(const SDBusConnectionInfo& client, EMOXStorageEvent, const std::string& payload) {
+    if (g_pBus) g_pBus->Emit(client, "mox_usb_notification", payload);
 }
 
 gboolean onQuitSignal(gpointer) {

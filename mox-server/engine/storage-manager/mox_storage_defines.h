@@ -45,6 +45,8 @@ typedef dbus_connection_info_s SDBusConnectionInfo;
 // The daemon's handler of storage events. It owns the device handle it is
 // given and releases it with usb_device_unref ("frees" it) on every path.
 typedef void (*MOXStorageInternalCb)(usb_device_h device, mox_storage_event_e event, void* userData);
-// Sends one bound client the storage document of an event.
-typedef void (*MOXStorageNotificationCb)(dbus_connection_info_s client, mox_storage_event_e event,
-                                         std::string storages);
+// Sends one bound client the notification of an event: `payload` is the
+// finished mox_usb_notification text (CMOXStorageMgr::NotificationDocument),
+// built once per event.
+typedef void (*MOXStorageNotificationCb)(const dbus_connection_info_s& client, mox_storage_event_e event,
+                                         const std::string& payload);

@@ -237,32 +237,50 @@ void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& recor
                                         void* userData) {
     CMOXStorageMgr* pThis = static_cast<CMOXStorageMgr*>(userData);
     assert(pThis != NULL);
-    std::lock_guard<std::mutex> lock(pThis->m_mutex);
-    if (usb_device_get_class(device) == USB_DEVICE_CLASS_STILL_IMAGE)
-        pThis->m_UpdatePtpSotrages(record, bConnected);
-    else
-        pThis->m_UpdateUsbSotrages(record, bConnected);
-    record->PrintUSBInfo(bConnected);
-
-    std::vector<UsbDevicePtr> changed{record};
-    std::string storages = ConvertStoragesToJson(changed);
-    if (pThis->m_clients.empty())
-        MOX_INFO("There is no client...");
-    else
-        MOX_INFO("Notify %d client with storage %s", static_cast<int>(pThis->m_clients.size()),
-                 bConnected ? "connect" : "disconnect");
     mox_storage_event_e event = bConnected ? MOX_STORAGE_CONNECTED : MOX_STORAGE_DISCONNECTED;
-
-    // The daemon clears both callbacks before destroying this manager; an
-    // event in between is logged and dropped, not fatal.
-    MOX_ASSERT(pThis->m_storage_internal_cb != NULL);
-    if (pThis->m_storage_internal_cb)
-        pThis->m_storage_internal_cb(usb_device_ref(device), event, pThis->m_pInternalUserData);
-    MOX_ASSERT(pThis->m_storage_notification_cb != NULL);
-    if (pThis->m_storage_notification_cb) {
-        for (const dbus_connection_info_s& client : pThis->m_clients)
-            pThis->m_storage_notification_cb(client, event, storages);
+    // What the callbacks need is collected under the lock and they run after
+    // it: the engine's clean-up may wait for a scanner stuck on a storage,
+    // and nobody else (get_usb_storages on the main loop) must wait with it.
+    // The daemon clears the callbacks and then destroys this manager, which
+    // stops the USB service thread this runs on before the engine goes.
+    MOXStorageInternalCb internalCb = nullptr;
+    void* pInternalUserData = nullptr;
+    MOXStorageNotificationCb notificationCb = nullptr;
+    std::vector<dbus_connection_info_s> clients;
+    std::string strPayload;
+    {
+        std::lock_guard<std::mutex> lock(pThis->m_mutex);
+        if (usb_device_get_class(device) == USB_DEVICE_CLASS_STILL_IMAGE)
+            pThis->m_UpdatePtpSotrages(record, bConnected);
+        else
+            pThis->m_UpdateUsbSotrages(record, bConnected);
+        record->PrintUSBInfo(bConnected);
+        if (pThis->m_clients.empty())
+            MOX_INFO("There is no client...");
+        else
+            MOX_INFO("Notify %d client with storage %s", static_cast<int>(pThis->m_clients.size()),
+                     bConnected ? "connect" : "disconnect");
+        internalCb = pThis->m_storage_internal_cb;
+        pInternalUserData = pThis->m_pInternalUserData;
+        notificationCb = pThis->m_storage_notification_cb;
+        clients = pThis->m_clients;
+        // One document per event, whatever the number of clients.
+        if (notificationCb && !clients.empty()) {
+            std::vector<UsbDevicePtr> changed{record};
+            strPayload = NotificationDocument(event, ConvertStoragesToJson(changed));
+        }
     }
+    if (internalCb) internalCb(usb_device_ref(device), event, pInternalUserData);
+    if (notificationCb)
+        for (const dbus_connection_info_s& client : clients) notificationCb(client, event, strPayload);
+}
+
+std::string CMOXStorageMgr::NotificationDocument(mox_storage_event_e event, const std::string& strStorages) {
+    CJsonValue parsed(strStorages);
+    CJsonValue notification;
+    notification.Set("event", static_cast<int>(event));
+    notification.SetValue("devices", parsed.IsValid() ? parsed.Root().get("devices", Json::Value()) : Json::Value());
+    return notification.ToStyledString();
 }
 
 std::string CMOXStorageMgr::GetFileSystemAsString(int nFileSystem) {

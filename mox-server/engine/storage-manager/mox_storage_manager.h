@@ -60,6 +60,9 @@ public:
     static std::string ConvertNumberToString(long long llNumber);
     // {"devices": [...]} in styled form; an empty list is "null\n".
     static std::string ConvertStoragesToJson(std::vector<UsbDevicePtr>& list);
+    // The mox_usb_notification payload of an event, in styled form:
+    // {"devices": [...], "event": n}.
+    static std::string NotificationDocument(mox_storage_event_e event, const std::string& strStorages);
 
 
 private:

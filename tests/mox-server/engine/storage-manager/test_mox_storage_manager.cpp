@@ -89,8 +89,10 @@ void OnInternal(usb_device_h device, mox_storage_event_e event, void* userData) 
     g_recorder.cond.notify_all();
 }
 
-void OnNotify(dbus_connection_info_s client, mox_storage_event_e event, std::string storages) {
-    Json::Value document = Parse(storages);
+void OnNotify(const dbus_connection_info_s& client, mox_storage_event_e event, const std::string& payload) {
+    Json::Value document = Parse(payload);
+    // The payload names its own event.
+    EXPECT_EQ(document["event"].asInt(), static_cast<int>(event));
     std::lock_guard<std::mutex> lock(g_recorder.mutex);
     g_recorder.notifications.push_back({client, event, document});
     g_recorder.cond.notify_all();
@@ -286,7 +288,9 @@ TEST_F(StorageManager, FailedFirstEnumerationIsRetriedByEachQuery) {
     EXPECT_EQ(2u, Occurrences(moxtest::ReadTextFile(LogPath()).substr(from), "m_InitFinishFlag is false, retry init"));
 }
 
-TEST_F(StorageManager, QueriesWaitForAnEventInProgress) {
+// The engine's clean-up of an event may wait for a scanner stuck on a
+// storage: queries never wait with it, and already see the event's lists.
+TEST_F(StorageManager, QueriesDoNotWaitForAnEventsCleanUp) {
     auto manager = Start();
     std::promise<void> entered;
     std::promise<void> release;
@@ -300,17 +304,10 @@ TEST_F(StorageManager, QueriesWaitForAnEventInProgress) {
     }
     m_env.Plug("s1", StorageTestEnv::Stick("/dev/sdb1", m_env.MountDir("s1")));
     entered.get_future().wait();
-    std::atomic<bool> answered{false};
     std::string text;
-    std::thread query([&] {
-        manager->GetStorages(MOX_STORAGE_DEVICE_USB, text);
-        answered = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(answered.load()) << "the query ran while an event held the storage lists";
-    release.set_value();
-    query.join();
+    EXPECT_EQ(0, manager->GetStorages(MOX_STORAGE_DEVICE_USB, text));
     EXPECT_EQ(1u, Parse(text)["devices"].size());
+    release.set_value();
     std::lock_guard<std::mutex> lock(g_recorder.mutex);
     g_recorder.duringInternal = nullptr;
 }
