@@ -16,6 +16,10 @@ typedef enum {
     MOX_ERROR_GENERIC = 23,
     MOX_ERROR_SCANNER_FIRST = 24,
     MOX_ERROR_SCANNER_LAST = 31,
+    // Sources may return any int: these bounds make every one of them a value
+    // of the type, so passing a source's code along is never undefined.
+    MOX_ERROR_SOURCE_CODE_MIN = -2147483647 - 1,
+    MOX_ERROR_SOURCE_CODE_MAX = 2147483647,
 } mox_error_code_e;
 
 // Cursor moves of the client-side result pool (<mox/mox_resultpool.h>) use
