@@ -12,7 +12,14 @@
 // at all are counted apart ("silent"); --require-answers makes them findings.
 //
 //   bus_fuzz [--seed N] [--seconds S] [--calls N] [--answer-timeout MS]
-//            [--require-answers] [--restart] [--verbose]
+//            [--require-answers] [--restart] [--verbose] [--replay FILE]
+// --replay sends the calls of FILE instead, one a line: "METHOD GVARIANT-TEXT"
+// (e.g. request_detail (uint32 0, '{"mox_command":"mox_setlike"}')), and
+// applies the same checks: the way to pin a finding down to one call.
+// --skip REGEX (POSIX extended, repeatable) leaves out every call whose printed
+// form matches, so that a known finding does not hide the next one, e.g.
+//   --skip '^(request_detail|get_partial_list|request_metadata)\(.*mox_file_transfer'
+// A call's printed form is "METHOD(ARGS)" with GVariant text arguments.
 // Exit status: 0 no finding, 1 findings, 2 usage or set-up error.
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -30,6 +37,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -63,6 +71,8 @@ struct Options {
     bool requireAnswers = false;
     bool restart = false;
     bool verbose = false;
+    std::string replay;
+    std::vector<std::regex> skip;
 };
 
 // Keeps a description printable: runs of one character are folded ("[{x3000}"),
@@ -161,6 +171,9 @@ private:
 
     // Driving.
     void OneCall();
+    void Send(Client* client, const std::string& interface, const std::string& method, GVariant* params,
+              bool tracked);
+    bool Replay();
     Client* IdleClient();
     void AddClient();
     void DropClient(size_t index);
@@ -188,6 +201,7 @@ private:
     std::map<std::string, size_t> m_silentByMethod;
     std::vector<std::string> m_silentSamples;
     size_t m_calls = 0;
+    size_t m_skipped = 0;
     size_t m_silent = 0;
     size_t m_answered = 0;
     size_t m_restarts = 0;
@@ -752,8 +766,22 @@ void BusFuzzer::OneCall() {
         method = other.second;
         params = method == "GetAll" ? g_variant_new("(s)", moxtest::kEngineInterface) : nullptr;
     }
+    Send(client, interface, method, params, tracked);
+}
+
+// Makes one call on `client` (params floating or null) and books what it
+// started; a tracked request keeps the client busy until a signal answers it.
+void BusFuzzer::Send(Client* client, const std::string& interface, const std::string& method, GVariant* params,
+                     bool tracked) {
     if (params) g_variant_ref_sink(params);
     std::string call = Describe(interface, method, params);
+    for (const auto& pattern : m_opt.skip) {
+        if (std::regex_search(call, pattern)) {
+            ++m_skipped;
+            if (params) g_variant_unref(params);
+            return;
+        }
+    }
     Remember(call);
     if (m_opt.verbose) fprintf(stderr, "call %zu: %s\n", m_calls, call.c_str());
     ++m_calls;
@@ -807,7 +835,53 @@ void BusFuzzer::OneCall() {
             if (ok && m_scannerIds.size() < 64) m_scannerIds.push_back(id);
         }
     }
-    if (!CheckAlive(call)) return;
+    CheckAlive(call);
+}
+
+// Sends the calls of a file, one a line: "METHOD GVARIANT-TEXT", or
+// "INTERFACE.METHOD ..." for another interface; blank lines and '#' comments
+// are skipped. Each request goes on a client of its own so that a missing
+// signal is told apart.
+bool BusFuzzer::Replay() {
+    gchar* text = nullptr;
+    if (!g_file_get_contents(m_opt.replay.c_str(), &text, nullptr, nullptr)) {
+        fprintf(stderr, "bus_fuzz: cannot read %s\n", m_opt.replay.c_str());
+        return false;
+    }
+    std::string all = text;
+    g_free(text);
+    static const std::set<std::string> kRequests = {"get_partial_list", "request_detail", "request_act",
+                                                    "request_metadata"};
+    for (size_t pos = 0; pos < all.size() && !m_dead;) {
+        size_t end = all.find('\n', pos);
+        if (end == std::string::npos) end = all.size();
+        std::string line = all.substr(pos, end - pos);
+        pos = end + 1;
+        if (line.empty() || line[0] == '#') continue;
+        size_t space = line.find(' ');
+        std::string name = line.substr(0, space);
+        std::string interface = moxtest::kEngineInterface;
+        size_t dot = name.rfind('.');
+        if (dot != std::string::npos) {
+            interface = name.substr(0, dot);
+            name = name.substr(dot + 1);
+        }
+        GVariant* params = nullptr;
+        if (space != std::string::npos) {
+            GError* error = nullptr;
+            params = g_variant_parse(nullptr, line.c_str() + space + 1, nullptr, nullptr, &error);
+            if (!params) {
+                fprintf(stderr, "bus_fuzz: bad parameters in \"%s\": %s\n", Shorten(line).c_str(), error->message);
+                g_error_free(error);
+                return false;
+            }
+        }
+        AddClient();
+        Pump();
+        Send(m_clients.back().get(), interface, name, params, interface == moxtest::kEngineInterface &&
+                                                                  kRequests.count(name) > 0);
+    }
+    return true;
 }
 
 void BusFuzzer::CheckConfinement() {
@@ -834,7 +908,8 @@ int BusFuzzer::Run() {
     }
     auto start = Clock::now();
     auto deadline = start + std::chrono::milliseconds(static_cast<long>(m_opt.seconds * 1000));
-    while (!m_dead) {
+    if (!m_opt.replay.empty() && !Replay()) return 2;
+    while (!m_dead && m_opt.replay.empty()) {
         if (m_opt.calls >= 0 && static_cast<long>(m_calls) >= m_opt.calls) break;
         if (m_opt.calls < 0 && Clock::now() >= deadline) break;
         OneCall();
@@ -874,10 +949,10 @@ int BusFuzzer::Run() {
         for (const auto& [method, count] : m_silentByMethod)
             m_findings.push_back({"request without any signal", method + ": " + std::to_string(count)});
 
-    printf("bus_fuzz: seed %llu: %zu calls in %.1f s, %zu answered requests, %zu silent requests, "
+    printf("bus_fuzz: seed %llu: %zu calls in %.1f s (%zu skipped), %zu answered requests, %zu silent requests, "
            "%zu restarts, %zu findings\n",
-           static_cast<unsigned long long>(m_opt.seed), m_calls, seconds, m_answered, m_silent, m_restarts,
-           m_findings.size());
+           static_cast<unsigned long long>(m_opt.seed), m_calls, seconds, m_skipped, m_answered, m_silent,
+           m_restarts, m_findings.size());
     printf("calls by method:");
     for (const auto& [method, count] : m_callsByMethod) printf(" %s=%zu", method.c_str(), count);
     printf("\n");
@@ -927,12 +1002,23 @@ bool ParseOptions(int argc, char** argv, Options* opt) {
             opt->requireAnswers = true;
         } else if (arg == "--restart") {
             opt->restart = true;
+        } else if (arg == "--replay") {
+            if (!(v = value("--replay"))) return false;
+            opt->replay = v;
+        } else if (arg == "--skip") {
+            if (!(v = value("--skip"))) return false;
+            try {
+                opt->skip.emplace_back(v, std::regex::extended);
+            } catch (const std::regex_error&) {
+                fprintf(stderr, "bus_fuzz: bad --skip pattern %s\n", v);
+                return false;
+            }
         } else if (arg == "--verbose") {
             opt->verbose = true;
         } else {
             fprintf(stderr,
                     "usage: bus_fuzz [--seed N|random] [--seconds S] [--calls N] [--answer-timeout MS] "
-                    "[--require-answers] [--restart] [--verbose]\n");
+                    "[--require-answers] [--restart] [--verbose] [--replay FILE] [--skip REGEX]...\n");
             return false;
         }
     }
