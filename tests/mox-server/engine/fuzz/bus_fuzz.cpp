@@ -203,6 +203,7 @@ private:
     size_t m_calls = 0;
     size_t m_skipped = 0;
     size_t m_silent = 0;
+    size_t m_lost = 0;  // pending when the daemon died: neither answered nor silent
     size_t m_answered = 0;
     size_t m_restarts = 0;
     size_t m_outputOffset = 0;
@@ -719,6 +720,11 @@ bool BusFuzzer::CheckAlive(const std::string& lastCall) {
                                              (excerpt.empty() ? "  (no report in its output)\n" : excerpt)});
     fprintf(stderr, "bus_fuzz: the daemon died after call %zu: %s\n", m_calls, lastCall.c_str());
     m_dead = true;
+    for (auto& client : m_clients) {
+        if (!client->busy) continue;
+        client->busy = false;
+        ++m_lost;
+    }
     if (!m_opt.restart) return false;
     while (!m_clients.empty()) DropClient(m_clients.size() - 1);
     m_outputOffset = m_h.Output().size();
@@ -950,8 +956,8 @@ int BusFuzzer::Run() {
             m_findings.push_back({"request without any signal", method + ": " + std::to_string(count)});
 
     printf("bus_fuzz: seed %llu: %zu calls in %.1f s (%zu skipped), %zu answered requests, %zu silent requests, "
-           "%zu restarts, %zu findings\n",
-           static_cast<unsigned long long>(m_opt.seed), m_calls, seconds, m_skipped, m_answered, m_silent,
+           "%zu lost in a crash, %zu restarts, %zu findings\n",
+           static_cast<unsigned long long>(m_opt.seed), m_calls, seconds, m_skipped, m_answered, m_silent, m_lost,
            m_restarts, m_findings.size());
     printf("calls by method:");
     for (const auto& [method, count] : m_callsByMethod) printf(" %s=%zu", method.c_str(), count);
