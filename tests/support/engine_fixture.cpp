@@ -474,6 +474,11 @@ UserCallResults EngineHarness::CallAsUser(uid_t uid, std::vector<UserCall> calls
             continue;
         }
         std::string kind = line.substr(0, sp1), key = line.substr(sp1 + 1, sp2 - sp1 - 1), rest = line.substr(sp2 + 1);
+        if (kind == "whoami") {
+            results.uid = static_cast<uid_t>(std::strtoul(key.c_str(), nullptr, 10));
+            results.gid = static_cast<gid_t>(std::strtoul(rest.c_str(), nullptr, 10));
+            continue;
+        }
         if (kind == "signal") {
             auto signal = std::make_unique<Signal>();
             signal->name = key;

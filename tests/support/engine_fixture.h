@@ -100,6 +100,8 @@ struct UserCall {
 // the engine's signals that reached that connection.
 struct UserCallResults {
     std::string error;  // set when the sequence could not run at all
+    uid_t uid = static_cast<uid_t>(-1);  // the identity the helper ran with
+    gid_t gid = static_cast<gid_t>(-1);
     std::vector<CallResult> calls;
     std::vector<std::unique_ptr<Signal>> signals;
     std::vector<const Signal*> Named(const std::string& name) const;

@@ -6,6 +6,7 @@
 //   error N <name>\t<text>   the D-Bus error of call N
 //   signal <name> <value>    an engine signal that reached this connection
 //   fatal <text>             no connection could be made
+//   whoami <uid> <gid>       the identity the calls are made with (first line)
 //   mox_call_as WAIT_MS (INTERFACE METHOD PARAMS)...
 // PARAMS is GVariant text or "" for none; "%HANDLE%" in it stands for the
 // handle of the last successful "connect" reply. Signals are collected while
@@ -14,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <unistd.h>
 
 #include <gio/gio.h>
 
@@ -49,6 +52,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: mox_call_as WAIT_MS (INTERFACE METHOD PARAMS)...\n");
         return 2;
     }
+    printf("whoami %u %u\n", static_cast<unsigned>(geteuid()), static_cast<unsigned>(getegid()));
     const char* address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
     GError* error = nullptr;
     GDBusConnection* conn = g_dbus_connection_new_for_address_sync(

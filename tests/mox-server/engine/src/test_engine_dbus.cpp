@@ -379,6 +379,8 @@ TEST(EnginePolicy, OtherUserCallsTheInterfaceOnlyAndStaysBelowTheUsbRoot) {
     calls[1].useHandle = true;
     moxtest::UserCallResults results = h.CallAsUser(nobody, std::move(calls), std::chrono::seconds(3));
     ASSERT_TRUE(results.error.empty()) << results.error;
+    EXPECT_EQ(results.uid, nobody);
+    EXPECT_EQ(results.gid, 65534u);
     ASSERT_TRUE(results.calls[0].ok()) << results.calls[0].error;
     guint32 handle = 0;
     g_variant_get(results.calls[0].reply.get(), "(u)", &handle);
