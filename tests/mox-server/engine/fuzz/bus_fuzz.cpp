@@ -661,8 +661,8 @@ void BusFuzzer::ExpirePending(bool final) {
         if (!c.busy) continue;
         if (!final && now - c.sentAt < std::chrono::milliseconds(m_opt.answerTimeoutMs)) continue;
         ++m_silent;
-        ++m_silentByMethod[c.pendingMethod];
-        if (m_silentSamples.size() < 12) m_silentSamples.push_back(c.pendingCall);
+        // A few samples of each method, so that a rare one is not crowded out.
+        if (++m_silentByMethod[c.pendingMethod] <= 3) m_silentSamples.push_back(c.pendingCall);
         DropClient(i);
     }
 }
