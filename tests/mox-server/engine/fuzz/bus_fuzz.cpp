@@ -332,7 +332,8 @@ std::string BusFuzzer::ShmName() {
 std::string BusFuzzer::Text() {
     switch (m_rng.Range(0, 7)) {
         case 0: return "";
-        case 1: return std::string(static_cast<size_t>(m_rng.Range(1, 64)), static_cast<char>('a' + m_rng.Range(0, 25)));
+        case 1:
+            return std::string(static_cast<size_t>(m_rng.Range(1, 64)), static_cast<char>('a' + m_rng.Range(0, 25)));
         case 2: return "%s%s%n%x%p";
         case 3: return "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbd";
         case 4: return m_rng.Chance(0.3) ? std::string(static_cast<size_t>(m_rng.Range(1 << 20, 2 << 20)), 'H')
@@ -530,7 +531,8 @@ guint32 BusFuzzer::Handle(const Client& client) {
 
 guint32 BusFuzzer::Number(const std::string& argName) {
     if (argName == "scanner_id" && !m_scannerIds.empty() && m_rng.Chance(0.7)) return m_rng.Pick(m_scannerIds);
-    if (argName == "client_pid") return m_rng.Chance(0.5) ? static_cast<guint32>(getpid()) : static_cast<guint32>(m_rng.Next());
+    if (argName == "client_pid")
+        return m_rng.Chance(0.5) ? static_cast<guint32>(getpid()) : static_cast<guint32>(m_rng.Next());
     static const std::vector<guint32> kNumbers = {0, 1, 2, 3, 4, 1024, 1025, 65535, 2147483647u, 2147483648u,
                                                   4294967295u};
     return m_rng.Chance(0.7) ? m_rng.Pick(kNumbers) : static_cast<guint32>(m_rng.Next());
@@ -581,8 +583,12 @@ GVariant* BusFuzzer::WrongArguments() {
     for (long i = 0, n = m_rng.Range(0, 5); i < n; ++i) {
         switch (m_rng.Range(0, 5)) {
             case 0: g_variant_builder_add_value(&builder, g_variant_new_string(Text().c_str())); break;
-            case 1: g_variant_builder_add_value(&builder, g_variant_new_uint32(static_cast<guint32>(m_rng.Next()))); break;
-            case 2: g_variant_builder_add_value(&builder, g_variant_new_int64(static_cast<gint64>(m_rng.Next()))); break;
+            case 1:
+                g_variant_builder_add_value(&builder, g_variant_new_uint32(static_cast<guint32>(m_rng.Next())));
+                break;
+            case 2:
+                g_variant_builder_add_value(&builder, g_variant_new_int64(static_cast<gint64>(m_rng.Next())));
+                break;
             case 3: g_variant_builder_add_value(&builder, g_variant_new_boolean(TRUE)); break;
             case 4: {
                 std::string text = Document("request_act");
