@@ -58,6 +58,17 @@ using moxtest::WriteTextFile;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// The engine's shared-memory objects now in /dev/shm.
+std::set<std::string> EngineObjects() {
+    std::set<std::string> names;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ec)) {
+        std::string name = entry.path().filename().string();
+        if (name.rfind("mox_datablock_", 0) == 0 || name.rfind("mox_resultlist_", 0) == 0) names.insert(name);
+    }
+    return names;
+}
 namespace fs = std::filesystem;
 
 constexpr const char* kCanary = "MOXFUZZ-CANARY-SECRET";
@@ -212,6 +223,8 @@ private:
     std::string m_stick;
     std::string m_outside;
     std::set<std::string> m_outsideBefore;
+    std::set<std::string> m_shmBefore;
+    size_t m_deaths = 0;
     bool m_dead = false;
 };
 
@@ -271,6 +284,7 @@ bool BusFuzzer::Setup() {
     rename((m_h.SpoolDir() + "/.sda1.tmp").c_str(), (m_h.SpoolDir() + "/sda1.json").c_str());
 
     for (const auto& entry : fs::recursive_directory_iterator(m_outside)) m_outsideBefore.insert(entry.path());
+    m_shmBefore = EngineObjects();
     return true;
 }
 
@@ -729,6 +743,7 @@ bool BusFuzzer::CheckAlive(const std::string& lastCall) {
                                              (excerpt.empty() ? "  (no report in its output)\n" : excerpt)});
     fprintf(stderr, "bus_fuzz: the daemon died after call %zu: %s\n", m_calls, lastCall.c_str());
     m_dead = true;
+    ++m_deaths;
     for (auto& client : m_clients) {
         if (!client->busy) continue;
         client->busy = false;
@@ -962,6 +977,15 @@ int BusFuzzer::Run() {
     ScanOutput(m_outputOffset, "end of run");
     CheckConfinement();
     for (const auto& name : m_ownObjects) shm_unlink(name.c_str());
+    // After a clean stop the daemon must have released every object; after a
+    // crash its objects are orphans that would collide with later runs.
+    std::vector<std::string> left;
+    for (const auto& name : EngineObjects())
+        if (!m_shmBefore.count(name)) left.push_back(name);
+    if (!left.empty() && m_deaths == 0)
+        m_findings.push_back({"objects left in /dev/shm after the stop", left.front() + " and " +
+                                                                            std::to_string(left.size() - 1) + " more"});
+    for (const auto& name : left) shm_unlink(("/" + name).c_str());
 
     if (m_opt.requireAnswers)
         for (const auto& [method, count] : m_silentByMethod)
