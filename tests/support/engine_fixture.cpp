@@ -1,6 +1,9 @@
 #include "engine_fixture.h"
 
 #include <fcntl.h>
+#include <grp.h>
+#include <poll.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -112,9 +115,11 @@ std::vector<const Signal*> SignalCollector::Named(const std::string& name) const
 
 void SignalCollector::Drain(std::chrono::milliseconds duration) { PumpMainContext(duration); }
 
-EngineHarness::EngineHarness() {
+EngineHarness::EngineHarness() : EngineHarness(BusPolicy::kOpen) {}
+
+EngineHarness::EngineHarness(BusPolicy policy) {
     Prepare();
-    StartBus();
+    StartBus(policy);
 }
 
 EngineHarness::EngineHarness(const std::string& sharedBusAddress) : m_busAddress(sharedBusAddress) {
@@ -149,29 +154,61 @@ EngineHarness::~EngineHarness() {
     }
 }
 
-void EngineHarness::StartBus() {
+void EngineHarness::StartBus(BusPolicy policy) {
     std::string socket = m_dir.file("bus.socket");
     std::string config = m_dir.file("bus.conf");
-    WriteTextFile(config,
-                  "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-                  " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                  "<busconfig>\n"
-                  "  <type>system</type>\n"
-                  "  <listen>unix:path=" + socket + "</listen>\n"
-                  "  <auth>EXTERNAL</auth>\n"
-                  "  <policy context=\"default\">\n"
-                  "    <allow user=\"*\"/>\n"
-                  "    <allow own=\"*\"/>\n"
-                  "    <allow send_type=\"method_call\"/>\n"
-                  "    <allow send_type=\"signal\"/>\n"
-                  "    <allow send_type=\"method_return\"/>\n"
-                  "    <allow send_type=\"error\"/>\n"
-                  "    <allow receive_type=\"method_call\"/>\n"
-                  "    <allow receive_type=\"signal\"/>\n"
-                  "    <allow receive_type=\"method_return\"/>\n"
-                  "    <allow receive_type=\"error\"/>\n"
-                  "  </policy>\n"
-                  "</busconfig>\n");
+    const std::string head =
+        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+        "<busconfig>\n"
+        "  <type>system</type>\n";
+    if (policy == BusPolicy::kInstalled) {
+        // Other users must reach the socket, not the rest of the test's files.
+        m_busDir = std::make_unique<TempDir>();
+        chmod(m_busDir->path().c_str(), 0755);
+        socket = m_busDir->file("bus.socket");
+        // The system bus's own defaults (as in dbus's system.conf), then the
+        // installed engine policy, unchanged.
+        WriteTextFile(config, head +
+                      "  <listen>unix:path=" + socket + "</listen>\n"
+                      "  <auth>EXTERNAL</auth>\n"
+                      "  <policy context=\"default\">\n"
+                      "    <allow user=\"*\"/>\n"
+                      "    <deny own=\"*\"/>\n"
+                      "    <deny send_type=\"method_call\"/>\n"
+                      "    <allow send_type=\"signal\"/>\n"
+                      "    <allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
+                      "    <allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
+                      "    <allow receive_type=\"method_call\"/>\n"
+                      "    <allow receive_type=\"method_return\"/>\n"
+                      "    <allow receive_type=\"error\"/>\n"
+                      "    <allow receive_type=\"signal\"/>\n"
+                      "    <allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"/>\n"
+                      "    <allow send_destination=\"org.freedesktop.DBus\"\n"
+                      "           send_interface=\"org.freedesktop.DBus.Introspectable\"/>\n"
+                      "    <deny send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"\n"
+                      "          send_member=\"UpdateActivationEnvironment\"/>\n"
+                      "  </policy>\n"
+                      "  <include>" MOX_DBUS_POLICY "</include>\n"
+                      "</busconfig>\n");
+    } else {
+        WriteTextFile(config, head +
+                      "  <listen>unix:path=" + socket + "</listen>\n"
+                      "  <auth>EXTERNAL</auth>\n"
+                      "  <policy context=\"default\">\n"
+                      "    <allow user=\"*\"/>\n"
+                      "    <allow own=\"*\"/>\n"
+                      "    <allow send_type=\"method_call\"/>\n"
+                      "    <allow send_type=\"signal\"/>\n"
+                      "    <allow send_type=\"method_return\"/>\n"
+                      "    <allow send_type=\"error\"/>\n"
+                      "    <allow receive_type=\"method_call\"/>\n"
+                      "    <allow receive_type=\"signal\"/>\n"
+                      "    <allow receive_type=\"method_return\"/>\n"
+                      "    <allow receive_type=\"error\"/>\n"
+                      "  </policy>\n"
+                      "</busconfig>\n");
+    }
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e) env.emplace_back(*e);
     m_busPid = SpawnWithEnv({"/usr/bin/dbus-daemon", "--nofork", "--nopidfile",
@@ -317,6 +354,161 @@ CallResult EngineHarness::Call(const std::string& method, GVariant* params,
         result.error = error->message;
         g_error_free(error);
     }
+    return result;
+}
+
+std::vector<const Signal*> UserCallResults::Named(const std::string& name) const {
+    std::vector<const Signal*> out;
+    for (const auto& s : signals)
+        if (s->name == name) out.push_back(s.get());
+    return out;
+}
+
+bool EngineHarness::CanCallAsUser() { return geteuid() == 0; }
+
+namespace {
+
+// GVariant text of a call's parameters for the helper; the first uint32 may
+// stand for the sequence's handle.
+std::string ParamsText(GVariant* params, bool useHandle) {
+    if (!params) return "";
+    std::string text = "(";
+    size_t n = g_variant_n_children(params);
+    for (size_t i = 0; i < n; ++i) {
+        GVariantPtr child(g_variant_get_child_value(params, i));
+        if (i == 0 && useHandle && g_variant_is_of_type(child.get(), G_VARIANT_TYPE_UINT32)) {
+            text += "uint32 %HANDLE%";
+        } else {
+            gchar* printed = g_variant_print(child.get(), TRUE);
+            text += printed;
+            g_free(printed);
+        }
+        text += i + 1 < n ? ", " : (n == 1 ? "," : "");
+    }
+    return text + ")";
+}
+
+}  // namespace
+
+UserCallResults EngineHarness::CallAsUser(uid_t uid, std::vector<UserCall> calls,
+                                          std::chrono::milliseconds signalWait) {
+    UserCallResults results;
+    std::vector<std::string> argv = {MOX_CALL_AS_BINARY, std::to_string(signalWait.count())};
+    for (auto& call : calls) {
+        if (call.params) g_variant_ref_sink(call.params);
+        argv.push_back(call.interface);
+        argv.push_back(call.method);
+        argv.push_back(ParamsText(call.params, call.useHandle));
+        if (call.params) g_variant_unref(call.params);
+    }
+    if (!CanCallAsUser()) {
+        results.error = "only root can switch to another user";
+        return results;
+    }
+    gid_t gid = uid;
+    if (const passwd* pw = getpwuid(uid)) gid = pw->pw_gid;
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e)
+        if (strncmp(*e, "DBUS_SYSTEM_BUS_ADDRESS=", 24) != 0 && strncmp(*e, "ASAN_OPTIONS=", 13) != 0)
+            env.emplace_back(*e);
+    env.push_back("DBUS_SYSTEM_BUS_ADDRESS=" + m_busAddress);
+    env.push_back("ASAN_OPTIONS=detect_leaks=0");  // the helper's exit is not under test
+    std::vector<char*> args, envp;
+    for (auto& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    for (auto& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+
+    // Opened while still root: the build tree need not be reachable by the user.
+    int binary = open(MOX_CALL_AS_BINARY, O_RDONLY | O_CLOEXEC);
+    int out[2];
+    if (binary < 0 || pipe2(out, O_CLOEXEC) != 0) {
+        if (binary >= 0) close(binary);
+        results.error = std::string("cannot prepare the helper: ") + strerror(errno);
+        return results;
+    }
+    pid_t pid = fork();
+    if (pid == 0) {
+        // Only async-signal-safe calls between fork and exec.
+        dup2(out[1], STDOUT_FILENO);
+        if (setgroups(0, nullptr) != 0 || setresgid(gid, gid, gid) != 0 || setresuid(uid, uid, uid) != 0 ||
+            chdir("/") != 0)
+            _exit(126);
+        fexecve(binary, args.data(), envp.data());
+        _exit(127);
+    }
+    close(out[1]);
+    close(binary);
+    if (pid < 0) {
+        close(out[0]);
+        results.error = "fork failed";
+        return results;
+    }
+    std::string text;
+    auto deadline = Clock::now() + signalWait + std::chrono::seconds(10) * (calls.size() + 1);
+    char buffer[4096];
+    while (Clock::now() < deadline) {
+        pollfd pfd{out[0], POLLIN, 0};
+        if (poll(&pfd, 1, 100) <= 0) continue;
+        ssize_t n = read(out[0], buffer, sizeof(buffer));
+        if (n <= 0) break;
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    close(out[0]);
+    kill(pid, SIGKILL);  // a no-op unless the helper overran its time
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        results.error = "helper exited with status " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+
+    results.calls.resize(calls.size());
+    for (size_t pos = 0; pos < text.size();) {
+        size_t end = text.find('\n', pos);
+        if (end == std::string::npos) end = text.size();
+        std::string line = text.substr(pos, end - pos);
+        pos = end + 1;
+        size_t sp1 = line.find(' ');
+        size_t sp2 = line.find(' ', sp1 == std::string::npos ? line.size() : sp1 + 1);
+        if (sp1 == std::string::npos || sp2 == std::string::npos) {
+            if (line.rfind("fatal ", 0) == 0) results.error = line.substr(6);
+            continue;
+        }
+        std::string kind = line.substr(0, sp1), key = line.substr(sp1 + 1, sp2 - sp1 - 1), rest = line.substr(sp2 + 1);
+        if (kind == "whoami") {
+            results.uid = static_cast<uid_t>(std::strtoul(key.c_str(), nullptr, 10));
+            results.gid = static_cast<gid_t>(std::strtoul(rest.c_str(), nullptr, 10));
+            continue;
+        }
+        if (kind == "signal") {
+            auto signal = std::make_unique<Signal>();
+            signal->name = key;
+            signal->params.reset(g_variant_parse(nullptr, rest.c_str(), nullptr, nullptr, nullptr));
+            if (signal->params) g_variant_ref_sink(signal->params.get());
+            results.signals.push_back(std::move(signal));
+            continue;
+        }
+        size_t index = std::strtoul(key.c_str(), nullptr, 10);
+        if (index >= results.calls.size()) continue;
+        if (kind == "reply") {
+            results.calls[index].reply.reset(g_variant_parse(nullptr, rest.c_str(), nullptr, nullptr, nullptr));
+            if (results.calls[index].reply) g_variant_ref_sink(results.calls[index].reply.get());
+        } else if (kind == "error") {
+            results.calls[index].error = rest;
+        }
+    }
+    return results;
+}
+
+CallResult EngineHarness::CallAsUser(uid_t uid, const std::string& method, GVariant* params,
+                                     const std::string& interface) {
+    std::vector<UserCall> calls(1);
+    calls[0].method = method;
+    calls[0].params = params;
+    calls[0].interface = interface;
+    UserCallResults results = CallAsUser(uid, std::move(calls));
+    CallResult result;
+    if (!results.calls.empty()) result = std::move(results.calls[0]);
+    if (!result.ok() && result.error.empty()) result.error = results.error.empty() ? "no reply" : results.error;
     return result;
 }
 

@@ -78,9 +78,39 @@ private:
     std::vector<std::unique_ptr<Signal>> m_signals;
 };
 
+// Policy of the private bus. kOpen lets anyone do anything (most tests);
+// kInstalled is the installed system policy (data/com.orvia.mox.engine.conf
+// on the system bus's defaults: root owns the name, any user calls the
+// engine's interface and introspects it, nothing else), and its socket is
+// reachable by every user so that CallAsUser can reach it.
+enum class BusPolicy { kOpen, kInstalled };
+
+// One call of a CallAsUser sequence. `params` is borrowed (floating refs are
+// sunk); "%HANDLE%" cannot appear in a GVariant, so a call that needs the
+// handle of an earlier "connect" of the same sequence sets useHandle: its
+// first uint32 argument is replaced by that handle.
+struct UserCall {
+    std::string method;
+    GVariant* params = nullptr;
+    std::string interface = kEngineInterface;
+    bool useHandle = false;
+};
+
+// What another user's connection got: one CallResult per call (in order) and
+// the engine's signals that reached that connection.
+struct UserCallResults {
+    std::string error;  // set when the sequence could not run at all
+    uid_t uid = static_cast<uid_t>(-1);  // the identity the helper ran with
+    gid_t gid = static_cast<gid_t>(-1);
+    std::vector<CallResult> calls;
+    std::vector<std::unique_ptr<Signal>> signals;
+    std::vector<const Signal*> Named(const std::string& name) const;
+};
+
 class EngineHarness {
 public:
     EngineHarness();
+    explicit EngineHarness(BusPolicy policy);
     // A second daemon on the bus of another harness (that harness outlives it).
     explicit EngineHarness(const std::string& sharedBusAddress);
     ~EngineHarness();
@@ -125,6 +155,17 @@ public:
     CallResult Call(const std::string& method, GVariant* params, GDBusConnection* connection = nullptr,
                     int timeoutMs = 10000);
 
+    // Makes the calls on one new connection of the user `uid` (its primary
+    // group, no supplementary groups), in a helper process that drops to it,
+    // and collects the signals reaching that connection during the calls and
+    // for `signalWait` after. Needs root (see CanCallAsUser) and a bus the user
+    // can reach (BusPolicy::kInstalled).
+    UserCallResults CallAsUser(uid_t uid, std::vector<UserCall> calls,
+                               std::chrono::milliseconds signalWait = std::chrono::milliseconds(0));
+    CallResult CallAsUser(uid_t uid, const std::string& method, GVariant* params,
+                          const std::string& interface = kEngineInterface);
+    static bool CanCallAsUser();
+
     std::string Log() const;
     size_t CountLog(const std::string& needle) const;
     bool WaitForLog(const std::string& needle, size_t count = 1,
@@ -134,11 +175,13 @@ public:
 
 private:
     void Prepare();
-    void StartBus();
+    void StartBus(BusPolicy policy);
     pid_t Spawn();
     int WaitPid(std::chrono::milliseconds timeout);
 
     TempDir m_dir;
+    // The socket of a kInstalled bus lives here (mode 0755), apart from m_dir.
+    std::unique_ptr<TempDir> m_busDir;
     std::map<std::string, std::string> m_env;
     std::string m_busAddress;
     pid_t m_busPid = -1;

@@ -6,9 +6,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -326,5 +329,66 @@ TEST(EngineDispatch, EveryMethodAnswersAndTheDaemonKeepsServing) {
     // A wrong signature is refused by the bus layer before the dispatcher.
     EXPECT_FALSE(h.Call("connect", g_variant_new("(u)", 5u)).ok());
     EXPECT_TRUE(h.Call("start_server", nullptr).ok());
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// Under the installed bus policy another user reaches the engine's interface
+// and nothing else, and the engine's own checks still hold for that user: a
+// root-only file outside the USB root cannot be removed, by name or by "..".
+TEST(EnginePolicy, OtherUserCallsTheInterfaceOnlyAndStaysBelowTheUsbRoot) {
+    if (!EngineHarness::CanCallAsUser()) GTEST_SKIP() << "needs root to run a client as uid 65534";
+    EngineHarness h(moxtest::BusPolicy::kInstalled);
+    std::filesystem::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
+    ASSERT_TRUE(h.Start()) << h.Output();
+    const uid_t nobody = 65534;
+    const std::string secret = h.Path("secret");
+    ASSERT_TRUE(WriteTextFile(secret, "root only"));
+    ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
+    ASSERT_TRUE(WriteTextFile(h.UsbRoot() + "/a.jpg", "jpeg"));
+
+    CallResult ping = h.CallAsUser(nobody, "start_server", nullptr);
+    ASSERT_TRUE(ping.ok()) << ping.error;
+    EXPECT_EQ(ReplyString(ping), "MOX_SERVER_START_SUCCESS");
+    for (const std::string& path : {secret, h.UsbRoot() + "/../secret"}) {
+        CallResult r = h.CallAsUser(nobody, "usb_file_remove", g_variant_new("(ss)", path.c_str(), ""));
+        ASSERT_TRUE(r.ok()) << path << ": " << r.error;
+        EXPECT_FALSE(ReplyBool(r)) << path;
+    }
+    EXPECT_EQ(ReadTextFile(secret), "root only");
+
+    // Another interface of the engine's object: refused by the bus, not the engine.
+    for (const char* interface : {"org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Properties"}) {
+        const bool peer = std::string(interface) == "org.freedesktop.DBus.Peer";
+        CallResult r = h.CallAsUser(nobody, peer ? "Ping" : "GetAll",
+                                    peer ? nullptr : g_variant_new("(s)", moxtest::kEngineInterface), interface);
+        EXPECT_FALSE(r.ok()) << interface;
+        EXPECT_NE(r.error.find("AccessDenied"), std::string::npos) << interface << ": " << r.error;
+    }
+    CallResult introspect = h.CallAsUser(nobody, "Introspect", nullptr, "org.freedesktop.DBus.Introspectable");
+    EXPECT_TRUE(introspect.ok()) << introspect.error;
+
+    // A sequence on one connection: the handle of its connect is used by the
+    // request, and the completion signal reaches that user's connection.
+    std::vector<moxtest::UserCall> calls(2);
+    calls[0].method = "connect";
+    calls[0].params = g_variant_new("(s)", "libmox_local_source.so");
+    calls[1].method = "request_detail";
+    const std::string doc = R"({"mox_command":"mox_requestdetail","mox_source":"mox_local_source","FilePath":")" +
+                            h.UsbRoot() + R"(/a.jpg"})";
+    calls[1].params = g_variant_new("(us)", 0u, doc.c_str());
+    calls[1].useHandle = true;
+    moxtest::UserCallResults results = h.CallAsUser(nobody, std::move(calls), std::chrono::seconds(3));
+    ASSERT_TRUE(results.error.empty()) << results.error;
+    EXPECT_EQ(results.uid, nobody);
+    EXPECT_EQ(results.gid, 65534u);
+    ASSERT_TRUE(results.calls[0].ok()) << results.calls[0].error;
+    guint32 handle = 0;
+    g_variant_get(results.calls[0].reply.get(), "(u)", &handle);
+    EXPECT_NE(handle, 4294967295u);
+    EXPECT_TRUE(results.calls[1].ok()) << results.calls[1].error;
+    auto done = results.Named("mox_request_normal_complete");
+    ASSERT_EQ(done.size(), 1u);
+    EXPECT_NE(done[0]->text().find("\"mox_handle_id\":" + std::to_string(handle)), std::string::npos)
+        << done[0]->text();
     EXPECT_EQ(h.Stop(), 0);
 }
