@@ -392,3 +392,55 @@ TEST(EnginePolicy, OtherUserCallsTheInterfaceOnlyAndStaysBelowTheUsbRoot) {
         << done[0]->text();
     EXPECT_EQ(h.Stop(), 0);
 }
+
+// Another user can neither steer the engine with a document of another kind,
+// nor withdraw or stop what a client started: each attempt is refused with an
+// answer, and the owner's work ends as it would have.
+TEST(EnginePolicy, AnotherUserCannotWithdrawOrSteerWork) {
+    if (!EngineHarness::CanCallAsUser()) GTEST_SKIP() << "needs root to run a client as uid 65534";
+    EngineHarness h(moxtest::BusPolicy::kInstalled);
+    std::filesystem::create_symlink(MOX_TEST_SOURCE_SO, h.PluginDir() + "/libmox_test_source.so");
+    ASSERT_TRUE(h.Start()) << h.Output();
+    moxtest::SignalCollector owner(h.Client());
+    CallResult c = h.Call("connect", g_variant_new("(s)", "libmox_test_source.so"));
+    ASSERT_TRUE(c.ok()) << c.error;
+    guint32 handle = 0;
+    g_variant_get(c.reply.get(), "(u)", &handle);
+    const std::string transfer = R"({"mox_command":"mox_file_transfer","mox_source":"mox_test_source",)"
+                                 R"("mox_transfer_id":"mine","test_delay_ms":1500})";
+    ASSERT_TRUE(h.Call("request_act", g_variant_new("(uss)", handle, "", transfer.c_str())).ok());
+
+    const std::string stop = R"({"mox_command":"mox_file_transfer","mox_source":"mox_test_source",)"
+                             R"("mox_file_transfer_stop":true,"mox_transfer_id":"mine"})";
+    const std::string crossKind = R"({"mox_command":"mox_file_transfer","mox_source":"mox_test_source"})";
+    moxtest::UserCallResults r = h.CallAsUser(
+        65534,
+        {{"connect", g_variant_new("(s)", "libmox_test_source.so")},
+         {"stop_act", g_variant_new("(us)", 0u, stop.c_str()), moxtest::kEngineInterface, true},
+         {"get_partial_list", g_variant_new("(uuus)", 0u, 0u, 0u, crossKind.c_str()), moxtest::kEngineInterface, true},
+         {"request_detail", g_variant_new("(us)", 0u, crossKind.c_str()), moxtest::kEngineInterface, true},
+         {"request_cancel_detail", g_variant_new("(u)", handle)},
+         {"disconnect", g_variant_new("(u)", handle)}},
+        std::chrono::milliseconds(1500));
+    ASSERT_TRUE(r.error.empty()) << r.error;
+    ASSERT_EQ(r.calls.size(), 6u);
+    for (const CallResult& call : r.calls) EXPECT_TRUE(call.ok()) << call.error;
+    guint32 code = 0;
+    g_variant_get(r.calls[1].reply.get(), "(u)", &code);
+    EXPECT_EQ(code, 7u);  // the answer of an unknown id
+    // Both cross-kind requests got their failure signal with code 23, and
+    // the disconnect of someone else's handle was only acknowledged.
+    int refusals = 0;
+    for (const auto* s : r.Named("mox_request_normal_complete"))
+        refusals += s->text().find("\"mox_error_code\":23") != std::string::npos;
+    EXPECT_EQ(refusals, 2);
+
+    // The owner's transfer ran to its end: event 6, not a stop.
+    ASSERT_TRUE(owner.WaitFor("mox_request_normal_complete", 2, std::chrono::seconds(15)));
+    bool finished = false;
+    for (const auto* s : owner.Named("mox_request_normal_complete"))
+        finished = finished || (s->text().find("\"mox_event_type\":6") != std::string::npos &&
+                                s->text().find("\"mox_file_transfer_signal\":0") != std::string::npos);
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(h.Stop(), 0) << h.Output();
+}
