@@ -1,4 +1,5 @@
 #define MOX_LOG_TAG "MOX-SCANNER"
+#include <mox/mox_events.h>
 #include <mox/mox_log.h>
 
 #include "mox_scanner_manager.h"
@@ -170,13 +171,13 @@ int CMOXScanManager::IsVisitedDIR(int id, const std::string& path) {
 
 int CMOXScanManager::ConvertScannerResult(EMOXScannerResult nResult) {
     switch (nResult) {
-        case MOX_SCANNER_RESULT_NO_MEDIA: return 24;
-        case MOX_SCANNER_RESULT_ONE_MEDIA: return 25;
-        case MOX_SCANNER_RESULT_MULTI_MEDIA: return 26;
-        case MOX_SCANNER_RESULT_FOLDER_FILES: return 29;
-        case MOX_SCANNER_RESULT_FOLDER_DIRS: return 30;
-        case MOX_SCANNER_RESULT_FOLDER_EMPTY: return 31;
-        default: return 27;
+        case MOX_SCANNER_RESULT_NO_MEDIA: return MOX_SCAN_NO_MEDIA;
+        case MOX_SCANNER_RESULT_ONE_MEDIA: return MOX_SCAN_ONE_MEDIA;
+        case MOX_SCANNER_RESULT_MULTI_MEDIA: return MOX_SCAN_MULTI_MEDIA;
+        case MOX_SCANNER_RESULT_FOLDER_FILES: return MOX_SCAN_FOLDER_FILES;
+        case MOX_SCANNER_RESULT_FOLDER_DIRS: return MOX_SCAN_FOLDER_DIRS;
+        case MOX_SCANNER_RESULT_FOLDER_EMPTY: return MOX_SCAN_FOLDER_EMPTY;
+        default: return MOX_SCAN_FAILED;
     }
 }
 

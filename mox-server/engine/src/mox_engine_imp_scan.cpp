@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <mox/json_value.h>
+#include <mox/mox_events.h>
 #include <mox/mox_confined_path.h>
 #include <mox/mox_singleton.h>
 #include <mox_host_paths.h>
@@ -286,13 +287,13 @@ void CMOXEngineImp::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) {
     int nCode = CMOXScanManager::ConvertScannerResult(nScannerResult);
 
     CJsonValue inner;
-    if (nCode == 29 || nCode == 30 || nCode == 31) {
+    if (nCode == MOX_SCAN_FOLDER_FILES || nCode == MOX_SCAN_FOLDER_DIRS || nCode == MOX_SCAN_FOLDER_EMPTY) {
         inner.Set("mox_folder_thumbnail_error_code", 0);
-        inner.Set("mox_folder_thumbnail_type", nCode - 29);
+        inner.Set("mox_folder_thumbnail_type", nCode - MOX_SCAN_FOLDER_FILES);
     } else {
         inner.Set("mox_folder_thumbnail_error_code", 1);
     }
-    if (nCode == 29) {
+    if (nCode == MOX_SCAN_FOLDER_FILES) {
         std::vector<SMOXFileInfo> files;
         if (pManager->GetCurrentFileInfoList(files) == 0 && !files.empty()) {
             std::vector<std::string> items, types;
