@@ -115,6 +115,9 @@ struct SMOXScannerOption {
     // Unique bus name of the client that asked for the scan; empty for the
     // engine's own scans.
     std::string strOwner;
+    // The per-client share the request counts against (one user's
+    // connections share one); the owner when empty.
+    std::string strShare;
     std::string strBasePath;
     std::string strThirdPath;
     std::string strFourthPath;

@@ -34,7 +34,8 @@ CMOXScanManager::~CMOXScanManager() {
     m_pThumbnailOwner.reset();
 }
 
-int CMOXScanManager::CreateScanner(int& id, const std::string& owner) {
+int CMOXScanManager::CreateScanner(int& id, const std::string& owner, const std::string& shareIn) {
+    const std::string& share = shareIn.empty() ? owner : shareIn;
     Lock lock(m_mutex);
     if (m_scanners.size() >= kMaxScanners) {
         MOX_WARN("too many scanners (%zu)", m_scanners.size());
@@ -43,7 +44,7 @@ int CMOXScanManager::CreateScanner(int& id, const std::string& owner) {
     if (!owner.empty()) {
         size_t nOwned = 0;
         for (const auto& info : m_scanners)
-            if (info->strOwner == owner) ++nOwned;
+            if (info->strShare == share) ++nOwned;
         if (nOwned >= kMaxScannersPerClient) {
             MOX_WARN("client %s already holds %zu scanners, refused", owner.c_str(), nOwned);
             return -1;
@@ -61,6 +62,7 @@ int CMOXScanManager::CreateScanner(int& id, const std::string& owner) {
     info->pScanner = std::move(pScanner);
     info->strName = szName;
     info->strOwner = owner;
+    info->strShare = share;
     info->nScannerID = m_nLastID;
     m_scanners.push_back(info);
     id = m_nLastID;

@@ -32,6 +32,7 @@ struct SMOXScannerInfo {
     std::unique_ptr<CMOXAutoScanner> pScanner;  // GUARDED_BY(mutex)
     std::string strName;
     std::string strOwner;  // set once, before the record is listed
+    std::string strShare;  // likewise: the share it counts against
     int nScannerID = 0;
     std::atomic<bool> bScannerEnd{false};
 };
@@ -52,7 +53,7 @@ public:
 
     // 0 and the new id (from 1, never reused), or -1 (warned) when all slots
     // or `owner`'s share are taken. An empty owner is the engine itself.
-    int CreateScanner(int& id, const std::string& owner = std::string());
+    int CreateScanner(int& id, const std::string& owner = std::string(), const std::string& share = std::string());
     // The owner of scanner `id`; false when there is none.
     bool GetScannerOwner(int id, std::string& owner);
     // Id of the first scanner whose device path is `path`; -6 when none.

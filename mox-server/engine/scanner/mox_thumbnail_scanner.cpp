@@ -53,7 +53,9 @@ int CMOXThumbnailScanner::AddScanner(const SMOXScannerOption& option) {
             MOX_WARN("thumbnail scanner not running, request refused");
         } else if (m_queue.size() >= kMaxQueuedRequests) {
             MOX_WARN("thumbnail queue full (%zu requests)", m_queue.size());
-        } else if (!request.strOwner.empty() && m_CountOwnedLocked(request.strOwner) >= kMaxRequestsPerClient) {
+        } else if (!request.strOwner.empty() &&
+                   m_CountOwnedLocked(request.strShare.empty() ? request.strOwner : request.strShare) >=
+                       kMaxRequestsPerClient) {
             MOX_WARN("client %s already has %zu thumbnail requests, refused", request.strOwner.c_str(),
                      kMaxRequestsPerClient);
         } else {
@@ -94,10 +96,13 @@ void CMOXThumbnailScanner::RemoveScannerByDevice(const char* device) {
     }
 }
 
-size_t CMOXThumbnailScanner::m_CountOwnedLocked(const std::string& owner) const {
-    size_t n = m_bBusy && m_current.strOwner == owner ? 1 : 0;
+size_t CMOXThumbnailScanner::m_CountOwnedLocked(const std::string& share) const {
+    auto shareOf = [](const SMOXScannerOption& o) -> const std::string& {
+        return o.strShare.empty() ? o.strOwner : o.strShare;
+    };
+    size_t n = m_bBusy && shareOf(m_current) == share ? 1 : 0;
     for (const SMOXScannerOption& o : m_queue)
-        if (o.strOwner == owner) ++n;
+        if (shareOf(o) == share) ++n;
     return n;
 }
 

@@ -78,11 +78,11 @@ std::unique_ptr<Requester> CMOXEngineImp::m_InitRequester(guint32 nHandleId, con
     auto pRequester = std::make_unique<Requester>();
     pRequester->nHandleId = nHandleId;
     pRequester->client = caller;
-    pRequester->strShare = m_ShareOf(caller);
+    pRequester->strShare = ShareOf(caller);
     return pRequester;
 }
 
-std::string CMOXEngineImp::m_ShareOf(const connect_info_s& caller) {
+std::string CMOXEngineImp::ShareOf(const connect_info_s& caller) {
     // Root's connections are system services, each a client of its own; any
     // other user is one client however many connections it opens.
     if (caller.uid == static_cast<uid_t>(-1) || caller.uid == 0) return "name:" + caller.sender;
@@ -104,7 +104,7 @@ bool CMOXEngineImp::m_ShareAllows(const connect_info_s& caller, bool bNewJob, bo
         MOX_WARN("%zu requests running: request of [%s] refused.", m_workers.size(), caller.sender.c_str());
         return false;
     }
-    auto found = m_shares.find(m_ShareOf(caller));
+    auto found = m_shares.find(ShareOf(caller));
     if (found == m_shares.end()) return true;
     const Share& share = found->second;
     if (share.nRequests >= kMaxRequestsPerClient || (bNewJob && share.nJobs >= kMaxJobsPerClient) ||

@@ -126,6 +126,10 @@ public:
 
     // The failure signal of a request refused before it reached the engine
     // (e.g. an argument over the size bound): every request gets an answer.
+    // The per-client share a caller counts against: its user id, or for
+    // root (and an unknown user) its own connection.
+    static std::string ShareOf(const connect_info_s& caller);
+
     void EmitRequestFailure(EMOXCommandKind eKind, guint32 nHandleId, const connect_info_s& caller);
 
     // A client left the bus: its requesters are cancelled and the result
@@ -172,7 +176,6 @@ private:
         size_t nTransfers = 0;
         size_t nRequests = 0;
     };
-    static std::string m_ShareOf(const connect_info_s& caller);
 
     // Completion of each kind of job, on the command's thread.
     void m_OnListDone(WorkerThreadJob* pJob, const std::string& strShmName, mox_error_code_e eError);

@@ -135,7 +135,7 @@ bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char
 
     CMOXScanManager* pManager = Manager();
     int id = -1;
-    if (pManager->CreateScanner(id, caller.sender) != 0) {
+    if (pManager->CreateScanner(id, caller.sender, ShareOf(caller)) != 0) {
         // The manager has said why, once.
         MOX_INFO("CreateScanner failed.");
         return false;
@@ -146,6 +146,7 @@ bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char
     option.strDevicePath = strMountPath;
     option.strConfineRoot = mox_host::UsbRoot();
     option.strOwner = caller.sender;
+    option.strShare = ShareOf(caller);
     option.strBasePath = strMountPath;
     option.nMediaGroup = MOX_MEDIA_TYPE_NONE;
     option.nScanMode = MOX_SCAN_MODE_CHECK;
@@ -251,6 +252,7 @@ bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char
     option.strDevicePath = strFolder;
     option.strConfineRoot = mox_host::UsbRoot();
     option.strOwner = caller.sender;
+    option.strShare = ShareOf(caller);
     option.strBasePath = MountPathOf(strFolder);
     option.strFourthPath = category;
     option.nMediaGroup = static_cast<int16_t>(MediaGroupOfCategory(category));

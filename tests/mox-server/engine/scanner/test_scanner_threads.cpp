@@ -333,6 +333,13 @@ TEST(ScanManager, OwnersSharesAndLeaving) {
     manager.WaitForRemovals();
     EXPECT_EQ(manager.GetScannerCount(), 1u);
     EXPECT_EQ(manager.CreateScanner(id, ":1.5"), 0) << "the share comes back";
+    // Two connections of one user count against one share.
+    created = 0;
+    for (size_t i = 0; i < CMOXScanManager::kMaxScannersPerClient; ++i)
+        if (manager.CreateScanner(id, i % 2 ? ":1.7" : ":1.8", "uid:1000") == 0) ++created;
+    EXPECT_EQ(created, static_cast<int>(CMOXScanManager::kMaxScannersPerClient));
+    EXPECT_NE(manager.CreateScanner(id, ":1.9", "uid:1000"), 0);
+    EXPECT_EQ(manager.CreateScanner(id, ":1.9", "uid:1001"), 0);
 
     CMOXThumbnailScanner thumb;
     ASSERT_TRUE(thumb.Create());
