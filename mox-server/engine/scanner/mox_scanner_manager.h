@@ -117,7 +117,7 @@ private:
     // Created once, on the first request, and kept until the manager goes:
     // readers load the pointer without a lock (the thumbnail thread's own
     // callback reads through it).
-    mox::Mutex m_thumbMutex;                                  // serialises creation
+    mox::Mutex m_thumbMutex;  // serialises creation
     std::unique_ptr<CMOXThumbnailScanner> m_pThumbnailOwner GUARDED_BY(m_thumbMutex);
     std::atomic<CMOXThumbnailScanner*> m_pThumbnailScanner{nullptr};
 
@@ -126,5 +126,5 @@ private:
     std::deque<std::unique_ptr<CMOXAutoScanner>> m_reapQueue GUARDED_BY(m_reapMutex);
     size_t m_nReaping GUARDED_BY(m_reapMutex) = 0;
     bool m_bReaperStop GUARDED_BY(m_reapMutex) = false;
-    std::thread m_reaper;                                      // started by the constructor
+    std::thread m_reaper;  // started by the constructor
 };

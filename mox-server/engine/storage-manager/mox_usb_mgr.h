@@ -51,5 +51,5 @@ private:
     mox::Mutex m_cbMutex;
     MOXUSBNotificationCb m_notificationCb GUARDED_BY(m_cbMutex) = nullptr;
     void* m_pUserData GUARDED_BY(m_cbMutex) = nullptr;
-    bool m_bConnected = false;                        // set by the constructor only
+    bool m_bConnected = false;  // set by the constructor only
 };
