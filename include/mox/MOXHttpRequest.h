@@ -150,7 +150,6 @@ private:
     std::string m_strFileName;
     FILE* m_pFile = nullptr;              // owned when opened from m_strFileName
     int m_nOutputFd = -1;                 // not owned
-    bool m_bWriteFailed = false;
     HttpCallback m_pfnCallback;
     void* m_pArg;
     _mox_progress_param* m_pProgressParam = nullptr;
