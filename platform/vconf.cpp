@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -24,6 +23,8 @@
 
 #include <mox_host_paths.h>
 #include <mox_unique_fd.h>
+
+#include "mox_thread_annotations.h"
 
 struct _keynode_t {
     std::string name;
@@ -87,10 +88,10 @@ struct Watcher {
     void* userData = nullptr;
 };
 
-std::mutex g_mutex;
-int g_inotifyFd = -1;               // GUARDED_BY(g_mutex); lives for the process
-guint g_sourceId = 0;               // GUARDED_BY(g_mutex)
-std::vector<Watcher> g_watchers;    // GUARDED_BY(g_mutex)
+mox::Mutex g_mutex;
+int g_inotifyFd GUARDED_BY(g_mutex) = -1;  // lives for the process
+guint g_sourceId GUARDED_BY(g_mutex) = 0;
+std::vector<Watcher> g_watchers GUARDED_BY(g_mutex);
 
 gboolean OnInotify(gint fd, GIOCondition, gpointer) {
     alignas(struct inotify_event) char buf[8192];
@@ -105,7 +106,7 @@ gboolean OnInotify(gint fd, GIOCondition, gpointer) {
         // read keys itself.
         std::vector<Watcher> hits;
         {
-            std::lock_guard<std::mutex> lock(g_mutex);
+            mox::MutexLock lock(g_mutex);
             for (const Watcher& w : g_watchers)
                 if (w.wd == ev->wd && w.base == name) hits.push_back(w);
         }
@@ -162,7 +163,7 @@ extern "C" int vconf_notify_key_changed(const char* key, vconf_callback_fn cb, v
     // The directory must exist to be watched, even before the key is first set.
     if (!MakeDirs(w.dir)) return -1;
 
-    std::lock_guard<std::mutex> lock(g_mutex);
+    mox::MutexLock lock(g_mutex);
     for (const Watcher& other : g_watchers)
         if (other.key == w.key && other.cb == cb) return 0;
     if (g_inotifyFd < 0) {
@@ -178,7 +179,7 @@ extern "C" int vconf_notify_key_changed(const char* key, vconf_callback_fn cb, v
 
 extern "C" int vconf_ignore_key_changed(const char* key, vconf_callback_fn cb) {
     if (!key || !cb) return -1;
-    std::lock_guard<std::mutex> lock(g_mutex);
+    mox::MutexLock lock(g_mutex);
     for (auto it = g_watchers.begin(); it != g_watchers.end(); ++it) {
         if (it->key == key && it->cb == cb) {
             int wd = it->wd;

@@ -11,6 +11,20 @@ scripts/install-deps.sh
 
 shm_before=$(ls /dev/shm 2>/dev/null | grep -c '^mox_' || true)
 
+# Lock discipline: clang's thread-safety analysis over the daemon and the
+# libraries, warnings as errors. Compiles only, no tests.
+if command -v clang++ > /dev/null; then
+  launcher=()
+  if command -v ccache > /dev/null; then
+    launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  fi
+  CC=clang CXX=clang++ cmake -S . -B build-tsa -DCMAKE_BUILD_TYPE=Debug -DMOX_THREAD_SAFETY=ON \
+    -DMOX_BUILD_TESTS=OFF ${launcher[@]+"${launcher[@]}"} > /dev/null
+  cmake --build build-tsa -j"$JOBS" --target mox-engine mox-extract moxcommon moxplatform
+else
+  echo "warning: no clang++, lock annotations not checked" >&2
+fi
+
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=address > /dev/null
 cmake --build build-asan -j"$JOBS"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:strict_string_checks=1

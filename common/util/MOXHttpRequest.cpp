@@ -268,7 +268,7 @@ int MOXHttpRequest::execute() {
     if (m_pFile && m_eType == HTTP_REQUEST_GET && fflush(m_pFile) != 0 && eResult == CURLE_OK)
         eResult = CURLE_WRITE_ERROR;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        mox::MutexLock lock(m_mutex);
         bFinished = true;
     }
     m_stopCond.notify_all();
@@ -278,7 +278,7 @@ int MOXHttpRequest::execute() {
 }
 
 void MOXHttpRequest::setCancel() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    mox::UniqueLock lock(m_mutex);
     if (bFinished) {
         MOX_TRACE("bFinished is true!");
         return;
@@ -289,11 +289,11 @@ void MOXHttpRequest::setCancel() {
     MOX_TRACE("Wait for stopCond!");
     // Ends when the progress callback saw the flag or the transfer ended by
     // itself (curl calls the callback at least once a second meanwhile).
-    m_stopCond.wait(lock, [this] { return m_bCancelSeen || bFinished; });
+    while (!m_bCancelSeen && !bFinished) lock.Wait(m_stopCond);
 }
 
 void MOXHttpRequest::getProgressStatus(double& now, double& total) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     now = m_dDLNow;
     total = m_dDLTotal;
 }
@@ -357,7 +357,7 @@ int MOXHttpRequest::cb_progress(void* pUser, double dDLTotal, double dDLNow, dou
     MOX_TRACE("In cb_progress!\n");
     MOX_TRACE("dDLTotal: %lf, dDLNow: %lf, dULTotal: %lf, dULNow: %lf\n", dDLTotal, dDLNow, dULTotal, dULNow);
     {
-        std::lock_guard<std::mutex> lock(pTmpThis->m_mutex);
+        mox::MutexLock lock(pTmpThis->m_mutex);
         pTmpThis->m_dDLNow = dDLNow;
         pTmpThis->m_dDLTotal = dDLTotal;
     }
@@ -370,7 +370,7 @@ int MOXHttpRequest::cb_progress(void* pUser, double dDLTotal, double dDLNow, dou
                                              dDLTotal, dULNow, dULTotal);
         MOX_TRACE("after progress cb!");
     }
-    std::lock_guard<std::mutex> lock(pTmpThis->m_mutex);
+    mox::MutexLock lock(pTmpThis->m_mutex);
     if (pTmpThis->m_bCancel) {
         MOX_TRACE("pTmpThis->m_bCancel is true!\n");
         pTmpThis->m_bCancelSeen = true;

@@ -24,7 +24,7 @@ constexpr int kOpenAttempts = 6;
 CMOXFile64::CMOXFile64() : m_fd(-1), m_openMode(MODE_READ_ONLY), m_bOpened(false), m_pStream(nullptr) {}
 
 CMOXFile64::~CMOXFile64() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_bOpened) m_CloseLocked();
 }
 
@@ -85,7 +85,7 @@ bool CMOXFile64::FileSize(const char* szName, off64_t* size) {
 
 bool CMOXFile64::Open(const char* szName, int nMode, int nFlags, bool bCheckReadable) {
     assert(szName != NULL);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_bOpened) return true;
 
     if (nMode == MODE_READ_ONLY && bCheckReadable) {
@@ -141,7 +141,7 @@ bool CMOXFile64::m_Transfer(void* buffer, unsigned long* count, bool bWrite) {
     assert(count != NULL);
     int fd = -1;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        mox::MutexLock lock(m_mutex);
         if (!m_bOpened) {
             MOX_WARN("IsOpened() != true");
             return false;
@@ -171,7 +171,7 @@ bool CMOXFile64::Write(const void* buffer, unsigned long* count) {
 }
 
 bool CMOXFile64::Flush() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (!m_bOpened) {
         MOX_WARN("IsOpened() != true");
         return false;
@@ -197,7 +197,7 @@ bool CMOXFile64::Flush() {
 }
 
 void CMOXFile64::Destroy() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (!m_bOpened) {
         MOX_WARN("CMOXFile64::Destroy file already destroyed.");
         return;
@@ -219,6 +219,6 @@ void CMOXFile64::m_CloseLocked() {
 }
 
 bool CMOXFile64::IsOpened() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return m_bOpened;
 }

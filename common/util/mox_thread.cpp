@@ -10,15 +10,15 @@ CMOXSemphore::CMOXSemphore() : m_nCount(0) {}
 CMOXSemphore::~CMOXSemphore() = default;
 
 void CMOXSemphore::Post() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     ++m_nCount;
     m_cond.notify_one();
 }
 
 void CMOXSemphore::Wait() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    mox::UniqueLock lock(m_mutex);
     // Spurious wake-ups and stolen permits both land back in the loop.
-    while (m_nCount < 1) m_cond.wait(lock);
+    while (m_nCount < 1) lock.Wait(m_cond);
     --m_nCount;
 }
 

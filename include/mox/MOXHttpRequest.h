@@ -20,10 +20,11 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <mox/platform/mox_thread_annotations.h>
 
 typedef enum {
     HTTP_REQUEST_POST = 0,
@@ -149,7 +150,6 @@ private:
     std::string m_strFileName;
     FILE* m_pFile = nullptr;              // owned when opened from m_strFileName
     int m_nOutputFd = -1;                 // not owned
-    bool m_bWriteFailed = false;
     HttpCallback m_pfnCallback;
     void* m_pArg;
     _mox_progress_param* m_pProgressParam = nullptr;
@@ -158,13 +158,13 @@ private:
     MOXHttpResponse m_response;
     char m_szCurlError[256] = {0};
 
-    std::mutex m_mutex;
+    mox::Mutex m_mutex;
     std::condition_variable m_stopCond;
-    bool m_bCancel = false;      // GUARDED_BY(m_mutex)
-    bool m_bCancelSeen = false;  // GUARDED_BY(m_mutex)
-    bool bFinished = false;      // GUARDED_BY(m_mutex)
-    double m_dDLNow = 0;         // GUARDED_BY(m_mutex)
-    double m_dDLTotal = 0;       // GUARDED_BY(m_mutex)
+    bool m_bCancel GUARDED_BY(m_mutex) = false;
+    bool m_bCancelSeen GUARDED_BY(m_mutex) = false;
+    bool bFinished GUARDED_BY(m_mutex) = false;
+    double m_dDLNow GUARDED_BY(m_mutex) = 0;
+    double m_dDLTotal GUARDED_BY(m_mutex) = 0;
 };
 
 #pragma GCC visibility pop

@@ -14,7 +14,8 @@
 #include <sys/types.h>
 
 #include <cstdio>
-#include <mutex>
+
+#include <mox/platform/mox_thread_annotations.h>
 
 class CMOXFile64 {
 public:
@@ -60,16 +61,16 @@ public:
 
 private:
     bool m_Transfer(void* buffer, unsigned long* count, bool bWrite);
-    // Closes descriptor and stream. Requires m_mutex held.
-    void m_CloseLocked();
+    // Closes descriptor and stream.
+    void m_CloseLocked() REQUIRES(m_mutex);
 
     // Open and Destroy hold the mutex throughout, so racing callers see
     // either a closed object or a fully opened one.
-    std::mutex m_mutex;
-    int m_fd;          // GUARDED_BY(m_mutex); -1 when closed
-    int m_openMode;    // GUARDED_BY(m_mutex); MODE_* of the open file
-    bool m_bOpened;    // GUARDED_BY(m_mutex)
-    FILE* m_pStream;   // GUARDED_BY(m_mutex); write stream owning m_fd, null in read-only mode
+    mox::Mutex m_mutex;
+    int m_fd GUARDED_BY(m_mutex);  // -1 when closed
+    int m_openMode GUARDED_BY(m_mutex);  // MODE_* of the open file
+    bool m_bOpened GUARDED_BY(m_mutex);
+    FILE* m_pStream GUARDED_BY(m_mutex);  // write stream owning m_fd, null in read-only mode
 };
 
 #pragma GCC visibility pop

@@ -42,13 +42,13 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <mox/mox_resultlist.h>
 #include <mox/mox_types.h>
+#include <mox/platform/mox_thread_annotations.h>
 
 typedef enum {
     MOX_PREFETCH_SEQUENTIAL = 0,
@@ -114,34 +114,35 @@ public:
 
 private:
     // All m_ operations require m_mutex held.
-    void m_CalcSection(int nSection, int& nStart, int& nEnd) const;
-    void m_MoveWindow(int index);
-    bool m_IsNeeded(const CResultList* pList) const;
-    void m_AutoPrefetch(const CResultList* pList);
-    void m_Prefetch(int nSection);
-    void m_Drop(const std::string& strShmName);
-    mox_error_code_e m_MoveToIndex(int index);
-    void m_CheckListStatus(EMOXCursorMoveMent eMovement);
-    bool m_IsPrefetchable(EMOXCursorMoveMent eMovement, int& nStartSectionIndex, int& nSectionCount) const;
-    CResultList* m_IsDropable(EMOXCursorMoveMent eMovement) const;
-    void m_Remove(CResultList* pList);
-    void m_CollectGroups(std::vector<std::pair<int, int>>& groups) const;
+    void m_CalcSection(int nSection, int& nStart, int& nEnd) const REQUIRES(m_mutex);
+    void m_MoveWindow(int index) REQUIRES(m_mutex);
+    bool m_IsNeeded(const CResultList* pList) const REQUIRES(m_mutex);
+    void m_AutoPrefetch(const CResultList* pList) REQUIRES(m_mutex);
+    void m_Prefetch(int nSection) REQUIRES(m_mutex);
+    void m_Drop(const std::string& strShmName) REQUIRES(m_mutex);
+    mox_error_code_e m_MoveToIndex(int index) REQUIRES(m_mutex);
+    void m_CheckListStatus(EMOXCursorMoveMent eMovement) REQUIRES(m_mutex);
+    bool m_IsPrefetchable(EMOXCursorMoveMent eMovement, int& nStartSectionIndex, int& nSectionCount) const
+        REQUIRES(m_mutex);
+    CResultList* m_IsDropable(EMOXCursorMoveMent eMovement) const REQUIRES(m_mutex);
+    void m_Remove(CResultList* pList) REQUIRES(m_mutex);
+    void m_CollectGroups(std::vector<std::pair<int, int>>& groups) const REQUIRES(m_mutex);
 
     const bool m_bValid;
     const int m_nWindowSize;
     const int m_nSectionSize;
     const EMOXPrefetchType m_ePrefetchType;
-    std::mutex m_mutex;
-    int m_nTotalCount = 0;                                   // GUARDED_BY(m_mutex)
-    std::map<int, std::unique_ptr<CResultList>> m_Result;    // GUARDED_BY(m_mutex)
-    Cursor m_InternalCursor;                                 // GUARDED_BY(m_mutex)
-    std::set<int> m_Prefetching;                             // GUARDED_BY(m_mutex)
-    int m_nWindowStart = 0;                                  // GUARDED_BY(m_mutex)
-    int m_nWindowEnd = -1;                                   // GUARDED_BY(m_mutex)
-    MOXResultPoolPrefetchFunc m_OnPrefetch = nullptr;        // GUARDED_BY(m_mutex)
-    MOXResultPoolDropFunc m_OnDrop = nullptr;                // GUARDED_BY(m_mutex)
-    void* m_pPrefetchUserData = nullptr;                     // GUARDED_BY(m_mutex)
-    void* m_pDropUserData = nullptr;                         // GUARDED_BY(m_mutex)
+    mox::Mutex m_mutex;
+    int m_nTotalCount GUARDED_BY(m_mutex) = 0;
+    std::map<int, std::unique_ptr<CResultList>> m_Result GUARDED_BY(m_mutex);
+    Cursor m_InternalCursor GUARDED_BY(m_mutex);
+    std::set<int> m_Prefetching GUARDED_BY(m_mutex);
+    int m_nWindowStart GUARDED_BY(m_mutex) = 0;
+    int m_nWindowEnd GUARDED_BY(m_mutex) = -1;
+    MOXResultPoolPrefetchFunc m_OnPrefetch GUARDED_BY(m_mutex) = nullptr;
+    MOXResultPoolDropFunc m_OnDrop GUARDED_BY(m_mutex) = nullptr;
+    void* m_pPrefetchUserData GUARDED_BY(m_mutex) = nullptr;
+    void* m_pDropUserData GUARDED_BY(m_mutex) = nullptr;
 };
 
 #pragma GCC visibility pop

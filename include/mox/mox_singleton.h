@@ -14,7 +14,8 @@
 #pragma GCC visibility push(default)
 
 #include <atomic>
-#include <mutex>
+
+#include <mox/platform/mox_thread_annotations.h>
 
 template <typename T>
 class CMOXSingleton {
@@ -24,7 +25,7 @@ public:
     static T* Get() {
         T* instance = Slot().load(std::memory_order_acquire);
         if (instance != nullptr) return instance;
-        std::lock_guard<std::mutex> lock(Mutex());
+        mox::MutexLock lock(Mutex());
         instance = Slot().load(std::memory_order_relaxed);
         if (instance == nullptr) {
             instance = new T();
@@ -36,7 +37,7 @@ public:
     static void Destroy() {
         T* instance = nullptr;
         {
-            std::lock_guard<std::mutex> lock(Mutex());
+            mox::MutexLock lock(Mutex());
             instance = Slot().exchange(nullptr, std::memory_order_acq_rel);
         }
         // Deleted outside the lock: T's destructor may use other singletons.
@@ -51,8 +52,8 @@ private:
         static std::atomic<T*> s_instance{nullptr};
         return s_instance;
     }
-    static std::mutex& Mutex() {
-        static std::mutex s_mutex;  // serialises creation and Destroy
+    static mox::Mutex& Mutex() {
+        static mox::Mutex s_mutex;  // serialises creation and Destroy
         return s_mutex;
     }
 };

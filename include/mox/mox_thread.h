@@ -20,7 +20,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
+
+#include <mox/platform/mox_thread_annotations.h>
 
 class CMOXSemphore {
 public:
@@ -34,8 +35,8 @@ public:
     void Wait();
 
 private:
-    std::mutex m_mutex;
-    int m_nCount;  // GUARDED_BY(m_mutex)
+    mox::Mutex m_mutex;
+    int m_nCount GUARDED_BY(m_mutex);
     std::condition_variable m_cond;
 };
 

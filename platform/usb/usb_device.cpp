@@ -16,12 +16,12 @@
 
 #include <cerrno>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "host_env.h"
+#include "mox_thread_annotations.h"
 #include "usb_backend.h"
 #include "usb_device_record.h"
 
@@ -52,18 +52,18 @@ public:
 
 private:
     std::shared_ptr<UsbBackend> Backend() {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        mox::MutexLock lock(m_mutex);
         return m_backend;
     }
 
-    std::mutex m_lifeMutex;
-    std::mutex m_mutex;
+    mox::Mutex m_lifeMutex ACQUIRED_BEFORE(m_cbMutex);
+    mox::Mutex m_mutex;
     // Shared so that a list request in progress keeps the backend alive
     // while fini stops it.
-    std::shared_ptr<UsbBackend> m_backend;  // GUARDED_BY(m_mutex)
-    std::recursive_mutex m_cbMutex;
-    usb_connected_cb m_cb = nullptr;  // GUARDED_BY(m_cbMutex)
-    void* m_userData = nullptr;       // GUARDED_BY(m_cbMutex)
+    std::shared_ptr<UsbBackend> m_backend GUARDED_BY(m_mutex);
+    mox::RecursiveMutex m_cbMutex;
+    usb_connected_cb m_cb GUARDED_BY(m_cbMutex) = nullptr;
+    void* m_userData GUARDED_BY(m_cbMutex) = nullptr;
 };
 
 // Never destroyed: a backend thread may outlive static destruction when a
@@ -75,7 +75,7 @@ UsbService& Service() {
 
 int UsbService::Init() {
     if (t_delivering) return -EALREADY;
-    std::lock_guard<std::mutex> life(m_lifeMutex);
+    mox::MutexLock life(m_lifeMutex);
     if (Backend()) {
         MOX_WARN("usb_device_init: already initialised");
         return -EALREADY;
@@ -93,7 +93,7 @@ int UsbService::Init() {
     int rc = backend->Start(this);
     if (rc < 0) return rc;
     MOX_INFO("USB device service started (%s)", choice.c_str());
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_backend = std::move(backend);
     return 0;
 }
@@ -103,15 +103,15 @@ int UsbService::Fini() {
         MOX_WARN("usb_device_fini called from the hot-plug callback");
         return -EDEADLK;
     }
-    std::lock_guard<std::mutex> life(m_lifeMutex);
+    mox::MutexLock life(m_lifeMutex);
     std::shared_ptr<UsbBackend> backend;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        mox::MutexLock lock(m_mutex);
         if (!m_backend) return -EALREADY;
         backend = std::move(m_backend);
     }
     backend->Stop();
-    std::lock_guard<std::recursive_mutex> cbLock(m_cbMutex);
+    mox::RecursiveMutexLock cbLock(m_cbMutex);
     m_cb = nullptr;
     m_userData = nullptr;
     return 0;
@@ -119,7 +119,7 @@ int UsbService::Fini() {
 
 int UsbService::SetCallback(usb_connected_cb cb, void* userData) {
     if (!Backend()) return -ENODEV;
-    std::lock_guard<std::recursive_mutex> cbLock(m_cbMutex);
+    mox::RecursiveMutexLock cbLock(m_cbMutex);
     m_cb = cb;
     m_userData = userData;
     return 0;
@@ -133,7 +133,7 @@ int UsbService::List(int usbClass, std::vector<UsbDeviceRef>& out) {
 }
 
 void UsbService::Deliver(usb_device_h device, const char* action) {
-    std::lock_guard<std::recursive_mutex> cbLock(m_cbMutex);
+    mox::RecursiveMutexLock cbLock(m_cbMutex);
     if (!m_cb) return;
     struct DeliveringScope {
         DeliveringScope() { t_delivering = true; }

@@ -178,7 +178,7 @@ int UsbSpoolBackend::Start(UsbEventSink* sink) {
 void UsbSpoolBackend::Stop() { m_thread.Stop(); }
 
 void UsbSpoolBackend::List(int usbClass, std::vector<UsbDeviceRef>& out) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     for (const auto& entry : m_devices)
         if (entry.second.info().usbClass == usbClass) out.push_back(entry.second);
 }
@@ -207,17 +207,17 @@ void UsbSpoolBackend::m_Load(const std::string& name, std::vector<Event>& events
             MOX_WARN("USB spool file %s/%s ignored: %s", m_dir.c_str(), name.c_str(), why.c_str());
         return;
     }
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_SetLocked(name, UsbDeviceRef::Create(std::move(info)), events);
 }
 
 void UsbSpoolBackend::m_Unplug(const std::string& name, std::vector<Event>& events) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_SetLocked(name, UsbDeviceRef(), events);
 }
 
 void UsbSpoolBackend::m_UnplugAll(std::vector<Event>& events) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     while (!m_devices.empty()) m_SetLocked(m_devices.begin()->first, UsbDeviceRef(), events);
 }
 
@@ -235,7 +235,7 @@ void UsbSpoolBackend::m_Rescan(std::vector<Event>& events) {
     }
     std::vector<std::string> gone;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        mox::MutexLock lock(m_mutex);
         for (const auto& entry : m_devices)
             if (!present.count(entry.first)) gone.push_back(entry.first);
     }

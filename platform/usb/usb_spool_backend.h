@@ -11,10 +11,10 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "mox_thread_annotations.h"
 #include "usb_backend.h"
 #include "usb_poll_thread.h"
 #include <mox_unique_fd.h>
@@ -47,7 +47,7 @@ private:
     void m_Rescan(std::vector<Event>& events);
     void m_UnplugAll(std::vector<Event>& events);
     // Replaces (or, with an empty device, removes) the device of name.
-    void m_SetLocked(const std::string& name, UsbDeviceRef device, std::vector<Event>& events);
+    void m_SetLocked(const std::string& name, UsbDeviceRef device, std::vector<Event>& events) REQUIRES(m_mutex);
 
     static bool IsDeviceFileName(const char* name);
 
@@ -55,6 +55,6 @@ private:
     UsbEventSink* m_sink = nullptr;  // set by Start, before the thread exists
     mox_util::UniqueFd m_inotify;
     UsbPollThread m_thread;
-    std::mutex m_mutex;
-    std::map<std::string, UsbDeviceRef> m_devices;  // file name -> device. GUARDED_BY(m_mutex)
+    mox::Mutex m_mutex;
+    std::map<std::string, UsbDeviceRef> m_devices GUARDED_BY(m_mutex);  // file name -> device
 };

@@ -89,7 +89,7 @@ int UsbUdevBackend::Start(UsbEventSink* sink) {
 void UsbUdevBackend::Stop() { m_thread.Stop(); }
 
 void UsbUdevBackend::List(int usbClass, std::vector<UsbDeviceRef>& out) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     const auto* devices = usbClass == USB_DEVICE_CLASS_MASS_STORAGE  ? &m_mounted
                           : usbClass == USB_DEVICE_CLASS_STILL_IMAGE ? &m_cameras
                                                                      : nullptr;
@@ -211,7 +211,7 @@ void UsbUdevBackend::m_UpdatePartition(struct udev_device* dev) {
 void UsbUdevBackend::m_AddCamera(struct udev_device* usb, std::vector<Event>& events) {
     const char* syspath = udev_device_get_syspath(usb);
     if (!syspath) return;
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_cameras.count(syspath)) return;
     UsbDeviceRef camera = UsbDeviceRef::Create(ReadUsbDevice(usb, USB_DEVICE_CLASS_STILL_IMAGE));
     m_cameras.emplace(syspath, camera);
@@ -219,7 +219,7 @@ void UsbUdevBackend::m_AddCamera(struct udev_device* usb, std::vector<Event>& ev
 }
 
 void UsbUdevBackend::m_RemoveCamera(const std::string& syspath, std::vector<Event>& events) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     auto it = m_cameras.find(syspath);
     if (it == m_cameras.end()) return;
     events.push_back({std::move(it->second), "removed"});
@@ -290,7 +290,7 @@ void UsbUdevBackend::m_RefreshMounts(std::vector<Event>& events) {
         }
     }
 
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     for (auto it = m_mounted.begin(); it != m_mounted.end();) {
         auto now = present.find(it->first);
         if (now != present.end() && now->second == it->second.info()) {

@@ -19,10 +19,10 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "mox_thread_annotations.h"
 #include "usb_backend.h"
 #include "usb_poll_thread.h"
 #include <mox_unique_fd.h>
@@ -79,7 +79,7 @@ private:
 
     std::map<std::string, Partition> m_partitions;  // syspath -> USB block device; backend thread only
 
-    std::mutex m_mutex;
-    std::map<std::string, UsbDeviceRef> m_mounted;  // partition syspath -> device. GUARDED_BY(m_mutex)
-    std::map<std::string, UsbDeviceRef> m_cameras;  // usb_device syspath -> camera. GUARDED_BY(m_mutex)
+    mox::Mutex m_mutex;
+    std::map<std::string, UsbDeviceRef> m_mounted GUARDED_BY(m_mutex);  // partition syspath -> device
+    std::map<std::string, UsbDeviceRef> m_cameras GUARDED_BY(m_mutex);  // usb_device syspath -> camera
 };

@@ -10,7 +10,7 @@
 
 bool CCacheFolder::Find(std::string strFolderPath, std::string& strFolderId) {
     MOX_INFO("Find: strFolderPath[%s].", CMOXUtil::CutForLog(strFolderPath).c_str());
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     auto it = m_folders.find(strFolderPath);
     bool bFound = it != m_folders.end();
     if (bFound) strFolderId = it->second;
@@ -21,7 +21,7 @@ bool CCacheFolder::Find(std::string strFolderPath, std::string& strFolderId) {
 bool CCacheFolder::Add(std::string strFolderPath, std::string strFolderId) {
     MOX_INFO("Add: strFolderPath[%s] strFolderId[%s].", CMOXUtil::CutForLog(strFolderPath).c_str(),
              CMOXUtil::CutForLog(strFolderId).c_str());
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_folders.count(strFolderPath)) return true;
     size_t nBytes = strFolderPath.size() + strFolderId.size();
     if (m_folders.size() >= kMaxEntries || m_nBytes + nBytes > kMaxBytes) {
@@ -35,7 +35,7 @@ bool CCacheFolder::Add(std::string strFolderPath, std::string strFolderId) {
 
 bool CCacheFolder::Clear(std::string strMountPath) {
     MOX_INFO("Clear: strMountPath[%s].", CMOXUtil::CutForLog(strMountPath).c_str());
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     std::vector<std::string> doomed;
     for (const auto& entry : m_folders)
         if (entry.first.find(strMountPath) != std::string::npos) doomed.push_back(entry.first);
@@ -45,7 +45,7 @@ bool CCacheFolder::Clear(std::string strMountPath) {
 
 bool CCacheFolder::Clear() {
     MOX_INFO("Clear: after DB Reset.");
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_folders.clear();
     m_nBytes = 0;
     // Large ids leave the heap grown; give the pages back after a reset.

@@ -6,8 +6,9 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <string>
+
+#include "mox_thread_annotations.h"
 
 // Bounded: clients fill it, so at most kMaxEntries pairs and kMaxBytes of
 // path and id text; further adds are refused (Add returns false).
@@ -27,9 +28,9 @@ public:
     bool Clear();
 
 private:
-    std::mutex m_mutex;
-    void m_Erase(std::map<std::string, std::string>::iterator it);  // requires m_mutex
+    mox::Mutex m_mutex;
+    void m_Erase(std::map<std::string, std::string>::iterator it) REQUIRES(m_mutex);
 
-    std::map<std::string, std::string> m_folders;  // GUARDED_BY(m_mutex)
-    size_t m_nBytes = 0;                           // GUARDED_BY(m_mutex)
+    std::map<std::string, std::string> m_folders GUARDED_BY(m_mutex);
+    size_t m_nBytes GUARDED_BY(m_mutex) = 0;
 };

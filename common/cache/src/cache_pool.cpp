@@ -354,8 +354,8 @@ void CCachePool::m_Print() {
     // only the first entries of each map so that a full pool costs a bounded
     // number of lines.
     if (MOX_DEBUG("===========INFO!!!Begin===========") <= 0) return;
-    const size_t kShown = 8;
-    auto more = [kShown](size_t nSize) {
+    constexpr size_t kShown = 8;
+    auto more = [](size_t nSize) {
         if (nSize > kShown) MOX_DEBUG("... and %zu more.", nSize - kShown);
     };
     size_t n = 0;

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 #include <numeric>
 #include <set>
 #include <vector>
@@ -30,19 +29,19 @@ mox_shm::CShmNamer& CResultListBuilder::m_Namer() {
     return s_namer;
 }
 
-std::mutex& CResultListBuilder::m_CreatedMutex() {
-    static std::mutex s_mutex;
+mox::Mutex& CResultListBuilder::m_CreatedMutex() {
+    static mox::Mutex s_mutex;
     return s_mutex;
 }
 
 std::set<std::string>& CResultListBuilder::m_Created() {
-    static std::set<std::string> s_names;  // GUARDED_BY(m_CreatedMutex())
+    static std::set<std::string> s_names;  // guarded through m_Created()'s REQUIRES
     return s_names;
 }
 
 bool CResultListBuilder::m_Unlink(const std::string& strShmName) {
     {
-        std::lock_guard<std::mutex> lock(m_CreatedMutex());
+        mox::MutexLock lock(m_CreatedMutex());
         if (m_Created().erase(strShmName) == 0) {
             MOX_WARN("[%s] is not a result list of this engine, not unlinked.", strShmName.c_str());
             return false;
@@ -78,7 +77,7 @@ CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int n
     mox_shm::CShmFd shmFd(fd);
     // Created exclusively just now: ours to unlink, by Drop as well.
     {
-        std::lock_guard<std::mutex> lock(m_CreatedMutex());
+        mox::MutexLock lock(m_CreatedMutex());
         m_Created().insert(m_strShmName);
     }
     if (ftruncate(fd, nSize) != 0) {

@@ -15,13 +15,13 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 
 #include <mox/mox_cache_defines.h>
 
 #include "mox_request_defines.h"
+#include "mox_thread_annotations.h"
 #include "shm_mapping.h"
 
 class CResultListBuilder {
@@ -58,8 +58,8 @@ private:
     // Names "mox_resultlist_N" (see CShmNamer: never a name someone else holds).
     static mox_shm::CShmNamer& m_Namer();
     // The lists created and not yet unlinked, process-wide.
-    static std::mutex& m_CreatedMutex();
-    static std::set<std::string>& m_Created();  // GUARDED_BY(m_CreatedMutex())
+    static mox::Mutex& m_CreatedMutex();
+    static std::set<std::string>& m_Created() REQUIRES(m_CreatedMutex());
     // Unlinks strShmName if it is in m_Created() (and forgets it).
     static bool m_Unlink(const std::string& strShmName);
     ResultItemIndex* m_ItemTable() const;

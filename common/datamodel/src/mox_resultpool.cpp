@@ -12,12 +12,12 @@ CResultPool::CResultPool(int windowSections, int sectionSize, EMOXPrefetchType t
       m_nSectionSize(sectionSize),
       m_ePrefetchType(type) {
     MOX_DEBUG("windowSections[%d], sectionSize[%d], type[%d], valid[%d].", windowSections, sectionSize, type, m_bValid);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_MoveWindow(0);
 }
 
 CResultPool::~CResultPool() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_InternalCursor = Cursor();
     m_Result.clear();
 }
@@ -26,7 +26,7 @@ void CResultPool::SetCallBack(MOXResultPoolPrefetchFunc func_prefetch, void* pPr
                               MOXResultPoolDropFunc func_drop, void* pDropUserData) {
     assert(func_prefetch != NULL);
     assert(func_drop != NULL);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_OnPrefetch = func_prefetch;
     m_pPrefetchUserData = pPrefetchUserData;
     m_OnDrop = func_drop;
@@ -36,7 +36,7 @@ void CResultPool::SetCallBack(MOXResultPoolPrefetchFunc func_prefetch, void* pPr
 bool CResultPool::Push(CResultList* list) {
     assert(list != NULL);
     std::unique_ptr<CResultList> pList(list);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     const int nSection = pList->SectionIndex();
     if (!pList->IsLoaded() || nSection < 0) {
         MOX_WARN("Result list[%s] is not usable (loaded[%d], section[%d]), drop it.", pList->GetName().c_str(),
@@ -68,7 +68,7 @@ bool CResultPool::Push(CResultList* list) {
 }
 
 int CResultPool::GetGroupCount() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_Result.empty()) {
         MOX_WARN("There is no result list.");
         return 0;
@@ -83,7 +83,7 @@ int CResultPool::GetGroupCount() {
 }
 
 bool CResultPool::GetGroup(int index, int& start, int& count) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_Result.empty()) {
         MOX_WARN("There is no result list.");
         return false;
@@ -101,22 +101,22 @@ bool CResultPool::GetGroup(int index, int& start, int& count) {
 }
 
 CResultPool::Cursor CResultPool::GetCursor() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return m_InternalCursor;
 }
 
 void CResultPool::ResetCursor() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_InternalCursor = Cursor();
 }
 
 mox_error_code_e CResultPool::MoveToIndex(int index) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return m_MoveToIndex(index);
 }
 
 mox_error_code_e CResultPool::MoveToNext() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_InternalCursor.pCurrentList == nullptr) {
         MOX_WARN("m_InternalCursor is invalid.");
         return MOX_ERROR_NOT_READY;
@@ -132,7 +132,7 @@ mox_error_code_e CResultPool::MoveToNext() {
 }
 
 mox_error_code_e CResultPool::MoveToPrevious() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_InternalCursor.pCurrentList == nullptr) {
         MOX_WARN("m_InternalCursor is invalid.");
         return MOX_ERROR_NOT_READY;
@@ -148,7 +148,7 @@ mox_error_code_e CResultPool::MoveToPrevious() {
 }
 
 mox_error_code_e CResultPool::GetCurrentItem(std::string& strItem, std::string& strShmName, int& nItemIndex) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_InternalCursor.pCurrentList == nullptr) {
         MOX_WARN("m_InternalCursor is invalid.");
         return MOX_ERROR_NOT_READY;
@@ -159,25 +159,25 @@ mox_error_code_e CResultPool::GetCurrentItem(std::string& strItem, std::string& 
 }
 
 int CResultPool::GetTotalCount() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return m_nTotalCount;
 }
 
 void CResultPool::GetWindow(int& nStart, int& nEnd) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     nStart = m_nWindowStart;
     nEnd = m_nWindowEnd;
 }
 
 std::vector<int> CResultPool::GetHeldSections() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     std::vector<int> sections;
     for (const auto& entry : m_Result) sections.push_back(entry.first);
     return sections;
 }
 
 std::vector<int> CResultPool::GetPrefetchingSections() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return std::vector<int>(m_Prefetching.begin(), m_Prefetching.end());
 }
 

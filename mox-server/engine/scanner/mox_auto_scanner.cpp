@@ -20,7 +20,7 @@ constexpr int kCreateWaitUs = 100;
 // Nice value of the priority classes 0 (highest) to 2 (the engine's choice).
 constexpr int kNiceOfPriority[] = {0, 5, 10};
 
-using Lock = std::lock_guard<std::mutex>;
+using Lock = mox::MutexLock;
 
 }  // namespace
 
@@ -400,6 +400,13 @@ int CMOXAutoScanner::DoNormalAction() {
         MOX_WARN("NOT handle(%d)...", nResult);
     }
     return nResult;
+}
+
+void CMOXAutoScanner::SetState(IMOXScannerState* pState) {
+    // The states run inside the public operations, which hold m_stateMutex;
+    // the analysis cannot follow the virtual call through m_pState.
+    m_stateMutex.AssertHeld();
+    m_pState = pState;
 }
 
 bool CMOXAutoScanner::IsBasePathChanged(const std::string& path) {

@@ -13,7 +13,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,6 +21,7 @@
 #include "mox_scan_list.h"
 #include "mox_scanner_defines.h"
 #include "mox_scanner_state.h"
+#include "mox_thread_annotations.h"
 #include "mox_usb_scanner.h"
 
 class CMOXAutoScanner : public CMOXThread {
@@ -71,8 +71,9 @@ private:
 
     int DoCheckAction();
     int DoNormalAction();
-    bool IsBasePathChanged(const std::string& path);
+    bool IsBasePathChanged(const std::string& path) REQUIRES(m_scannerMutex);
     // Called by the states with m_stateMutex held.
+    void SetState(IMOXScannerState* pState);
     bool CreateNewScanner();
     void ReleaseDirScanner();
     void Initialize();
@@ -80,21 +81,21 @@ private:
     void ApplyPriority();
 
     std::string m_strName;
-    std::mutex m_stateMutex;                   // serialises the public operations
-    IMOXScannerState* m_pState = nullptr;      // GUARDED_BY(m_stateMutex)
+    mox::Mutex m_stateMutex ACQUIRED_BEFORE(m_scannerMutex);  // serialises the public operations
+    IMOXScannerState* m_pState GUARDED_BY(m_stateMutex) = nullptr;
     std::unique_ptr<IMOXScannerState> m_pInitState, m_pStopState, m_pPauseState, m_pScanState;
     CMOXSemphore m_gate;
 
-    std::mutex m_scannerMutex;
-    SMOXScannerOption m_option;                     // GUARDED_BY(m_scannerMutex)
-    SMOXFileInfo m_heldEntry;                       // GUARDED_BY(m_scannerMutex)
-    std::unique_ptr<CMOXUsbScanner> m_pDirScanner;  // GUARDED_BY(m_scannerMutex)
-    std::string m_strFirstPath;                     // GUARDED_BY(m_scannerMutex)
-    std::string m_strPreviousPath;                  // GUARDED_BY(m_scannerMutex)
-    std::vector<std::string> m_visitedDirs;         // GUARDED_BY(m_scannerMutex)
-    bool m_bOverflow = false;                       // GUARDED_BY(m_scannerMutex)
-    bool m_bDelay = false;                          // GUARDED_BY(m_scannerMutex)
-    int m_nMediaCount = 0;                          // GUARDED_BY(m_scannerMutex)
+    mox::Mutex m_scannerMutex;
+    SMOXScannerOption m_option GUARDED_BY(m_scannerMutex);
+    SMOXFileInfo m_heldEntry GUARDED_BY(m_scannerMutex);
+    std::unique_ptr<CMOXUsbScanner> m_pDirScanner GUARDED_BY(m_scannerMutex);
+    std::string m_strFirstPath GUARDED_BY(m_scannerMutex);
+    std::string m_strPreviousPath GUARDED_BY(m_scannerMutex);
+    std::vector<std::string> m_visitedDirs GUARDED_BY(m_scannerMutex);
+    bool m_bOverflow GUARDED_BY(m_scannerMutex) = false;
+    bool m_bDelay GUARDED_BY(m_scannerMutex) = false;
+    int m_nMediaCount GUARDED_BY(m_scannerMutex) = 0;
 
     CMOXScanList m_scanList;  // has its own mutex
     std::atomic<bool> m_bRunning{false};

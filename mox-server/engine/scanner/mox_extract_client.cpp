@@ -49,7 +49,7 @@ CMOXExtractClient& CMOXExtractClient::Get() {
 }
 
 CMOXExtractClient::~CMOXExtractClient() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_Stop(true);
 }
 
@@ -137,7 +137,7 @@ bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, 
                                 unsigned long mtime, media_info_s& info) {
     const std::string logName = CMOXExtractor::FileNameToUtf8(path);
     FileKey key(path, size, mtime);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_badFiles.count(key)) {
         MOX_WARN("mox-extract: (%s) crashed or stalled the helper before; not parsed again.", logName.c_str());
         return false;

@@ -15,12 +15,13 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <set>
 #include <string>
 #include <tuple>
 
 #include <mox_unique_fd.h>
+
+#include "mox_thread_annotations.h"
 
 struct media_info_s;
 
@@ -52,16 +53,16 @@ public:
 private:
     using FileKey = std::tuple<std::string, unsigned long long, unsigned long>;
 
-    bool m_Start();           // requires m_mutex
-    void m_Stop(bool bKill);  // requires m_mutex; reaps the helper
+    bool m_Start() REQUIRES(m_mutex);
+    void m_Stop(bool bKill) REQUIRES(m_mutex);  // reaps the helper
     // Reaps a helper that closed its socket and describes how it ended;
     // *pbSetupFailed tells a helper that could not confine itself.
-    std::string m_Reap(bool* pbSetupFailed = nullptr);  // requires m_mutex
-    void m_Remember(const FileKey& key);  // requires m_mutex
+    std::string m_Reap(bool* pbSetupFailed = nullptr) REQUIRES(m_mutex);
+    void m_Remember(const FileKey& key) REQUIRES(m_mutex);
 
-    std::mutex m_mutex;
-    pid_t m_pid = -1;               // GUARDED_BY(m_mutex)
-    mox_util::UniqueFd m_socket;    // GUARDED_BY(m_mutex)
-    std::set<FileKey> m_badFiles;   // GUARDED_BY(m_mutex)
-    std::deque<FileKey> m_badOrder; // GUARDED_BY(m_mutex) oldest first
+    mox::Mutex m_mutex;
+    pid_t m_pid GUARDED_BY(m_mutex) = -1;
+    mox_util::UniqueFd m_socket GUARDED_BY(m_mutex);
+    std::set<FileKey> m_badFiles GUARDED_BY(m_mutex);
+    std::deque<FileKey> m_badOrder GUARDED_BY(m_mutex);  // oldest first
 };

@@ -1,6 +1,6 @@
 #include "mox_scan_list.h"
 
-using Lock = std::lock_guard<std::mutex>;
+using Lock = mox::MutexLock;
 
 void CMOXScanList::SetListSize(int nSize) {
     Lock lock(m_mutex);

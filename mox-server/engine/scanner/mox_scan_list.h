@@ -4,10 +4,10 @@
 #pragma once
 
 #include <deque>
-#include <mutex>
 #include <vector>
 
 #include "mox_scanner_defines.h"
+#include "mox_thread_annotations.h"
 
 class CMOXScanList {
 public:
@@ -40,10 +40,10 @@ public:
     void Release();
 
 private:
-    std::mutex m_mutex;
-    std::deque<SMOXFileInfo> m_list;  // GUARDED_BY(m_mutex)
-    int m_nListSize = 0;              // GUARDED_BY(m_mutex)
-    int m_nTotalDIRs = 0;             // GUARDED_BY(m_mutex)
-    int m_nTotalFILEs = 0;            // GUARDED_BY(m_mutex)
-    int m_nTotalALL = 0;              // GUARDED_BY(m_mutex)
+    mox::Mutex m_mutex;
+    std::deque<SMOXFileInfo> m_list GUARDED_BY(m_mutex);
+    int m_nListSize GUARDED_BY(m_mutex) = 0;
+    int m_nTotalDIRs GUARDED_BY(m_mutex) = 0;
+    int m_nTotalFILEs GUARDED_BY(m_mutex) = 0;
+    int m_nTotalALL GUARDED_BY(m_mutex) = 0;
 };

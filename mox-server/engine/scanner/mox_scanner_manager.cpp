@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <exception>
 
-using Lock = std::lock_guard<std::mutex>;
+using Lock = mox::MutexLock;
 
 namespace {
 
@@ -59,7 +59,11 @@ int CMOXScanManager::CreateScanner(int& id, const std::string& owner, const std:
     }
     ++m_nLastID;
     auto info = std::make_shared<SMOXScannerInfo>();
-    info->pScanner = std::move(pScanner);
+    {
+        // Not listed yet, so uncontended; the lock keeps the rule simple.
+        Lock recordLock(info->mutex);
+        info->pScanner = std::move(pScanner);
+    }
     info->strName = szName;
     info->strOwner = owner;
     info->strShare = share;
@@ -198,29 +202,29 @@ void CMOXScanManager::m_Retire(const std::shared_ptr<SMOXScannerInfo>& info) {
 }
 
 void CMOXScanManager::m_ReaperBody() {
-    std::unique_lock<std::mutex> lock(m_reapMutex);
+    mox::UniqueLock lock(m_reapMutex);
     while (true) {
-        m_reapCond.wait(lock, [this] { return m_bReaperStop || !m_reapQueue.empty(); });
+        while (!m_bReaperStop && m_reapQueue.empty()) lock.Wait(m_reapCond);
         if (m_reapQueue.empty()) break;  // stop requested and nothing left
         std::unique_ptr<CMOXAutoScanner> pScanner = std::move(m_reapQueue.front());
         m_reapQueue.pop_front();
         ++m_nReaping;
-        lock.unlock();
+        lock.Unlock();
         try {
             pScanner->Destroy();
             pScanner.reset();
         } catch (const std::exception& e) {
             MOX_WARN("Exception Handled by[%s]: [%s] \n", "m_ReaperBody", e.what());
         }
-        lock.lock();
+        lock.Lock();
         --m_nReaping;
         m_reapCond.notify_all();
     }
 }
 
 void CMOXScanManager::WaitForRemovals() {
-    std::unique_lock<std::mutex> lock(m_reapMutex);
-    m_reapCond.wait(lock, [this] { return m_reapQueue.empty() && m_nReaping == 0; });
+    mox::UniqueLock lock(m_reapMutex);
+    while (!m_reapQueue.empty() || m_nReaping != 0) lock.Wait(m_reapCond);
 }
 
 void CMOXScanManager::RemoveScanner(int id) {

@@ -18,18 +18,18 @@
 #include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "mox_auto_scanner.h"
 #include "mox_scanner_defines.h"
+#include "mox_thread_annotations.h"
 #include "mox_thumbnail_scanner.h"
 
 struct SMOXScannerInfo {
-    std::mutex mutex;
-    std::unique_ptr<CMOXAutoScanner> pScanner;  // GUARDED_BY(mutex)
+    mox::Mutex mutex;
+    std::unique_ptr<CMOXAutoScanner> pScanner GUARDED_BY(mutex);
     std::string strName;
     std::string strOwner;  // set once, before the record is listed
     std::string strShare;  // likewise: the share it counts against
@@ -111,21 +111,21 @@ private:
     void m_ReaperBody();
     void m_RemoveAllScanners();
 
-    std::mutex m_mutex;
-    std::vector<std::shared_ptr<SMOXScannerInfo>> m_scanners;  // GUARDED_BY(m_mutex)
-    int m_nLastID = 0;                                         // GUARDED_BY(m_mutex)
+    mox::Mutex m_mutex;
+    std::vector<std::shared_ptr<SMOXScannerInfo>> m_scanners GUARDED_BY(m_mutex);
+    int m_nLastID GUARDED_BY(m_mutex) = 0;
 
     // Created once, on the first request, and kept until the manager goes:
     // readers load the pointer without a lock (the thumbnail thread's own
     // callback reads through it).
-    std::mutex m_thumbMutex;                                  // serialises creation
-    std::unique_ptr<CMOXThumbnailScanner> m_pThumbnailOwner;  // GUARDED_BY(m_thumbMutex)
+    mox::Mutex m_thumbMutex;  // serialises creation
+    std::unique_ptr<CMOXThumbnailScanner> m_pThumbnailOwner GUARDED_BY(m_thumbMutex);
     std::atomic<CMOXThumbnailScanner*> m_pThumbnailScanner{nullptr};
 
-    std::mutex m_reapMutex;
+    mox::Mutex m_reapMutex;
     std::condition_variable m_reapCond;
-    std::deque<std::unique_ptr<CMOXAutoScanner>> m_reapQueue;  // GUARDED_BY(m_reapMutex)
-    size_t m_nReaping = 0;                                     // GUARDED_BY(m_reapMutex)
-    bool m_bReaperStop = false;                                // GUARDED_BY(m_reapMutex)
-    std::thread m_reaper;                                      // started by the constructor
+    std::deque<std::unique_ptr<CMOXAutoScanner>> m_reapQueue GUARDED_BY(m_reapMutex);
+    size_t m_nReaping GUARDED_BY(m_reapMutex) = 0;
+    bool m_bReaperStop GUARDED_BY(m_reapMutex) = false;
+    std::thread m_reaper;  // started by the constructor
 };

@@ -10,7 +10,7 @@
 int CMOXScannerInitState::Start() { return MOX_SCAN_INVALID_STATE; }
 int CMOXScannerInitState::Stop() {
     m_pScanner->m_gate.Wait();
-    m_pScanner->m_pState = m_pScanner->m_pStopState.get();
+    m_pScanner->SetState(m_pScanner->m_pStopState.get());
     return MOX_SCAN_OK;
 }
 int CMOXScannerInitState::Pause() { return MOX_SCAN_INVALID_STATE; }
@@ -22,7 +22,7 @@ int CMOXScannerStopState::Start() {
         m_pScanner->ReleaseDirScanner();
         return MOX_SCAN_RETRY;
     }
-    m_pScanner->m_pState = m_pScanner->m_pScanState.get();
+    m_pScanner->SetState(m_pScanner->m_pScanState.get());
     m_pScanner->m_gate.Post();
     return MOX_SCAN_OK;
 }
@@ -38,13 +38,13 @@ int CMOXScannerStopState::Reset() {
 // PAUSE: the gate is held since Pause; Stop keeps holding it.
 int CMOXScannerPauseState::Start() { return MOX_SCAN_INVALID_STATE; }
 int CMOXScannerPauseState::Stop() {
-    m_pScanner->m_pState = m_pScanner->m_pStopState.get();
+    m_pScanner->SetState(m_pScanner->m_pStopState.get());
     m_pScanner->ReleaseDirScanner();
     return MOX_SCAN_OK;
 }
 int CMOXScannerPauseState::Pause() { return MOX_SCAN_OK; }
 int CMOXScannerPauseState::Resume() {
-    m_pScanner->m_pState = m_pScanner->m_pScanState.get();
+    m_pScanner->SetState(m_pScanner->m_pScanState.get());
     m_pScanner->m_gate.Post();
     return MOX_SCAN_OK;
 }
@@ -53,13 +53,13 @@ int CMOXScannerPauseState::Reset() { return MOX_SCAN_INVALID_STATE; }
 int CMOXScannerScanState::Start() { return MOX_SCAN_OK; }
 int CMOXScannerScanState::Stop() {
     m_pScanner->m_gate.Wait();
-    m_pScanner->m_pState = m_pScanner->m_pStopState.get();
+    m_pScanner->SetState(m_pScanner->m_pStopState.get());
     m_pScanner->ReleaseDirScanner();
     return MOX_SCAN_OK;
 }
 int CMOXScannerScanState::Pause() {
     m_pScanner->m_gate.Wait();
-    m_pScanner->m_pState = m_pScanner->m_pPauseState.get();
+    m_pScanner->SetState(m_pScanner->m_pPauseState.get());
     return MOX_SCAN_OK;
 }
 int CMOXScannerScanState::Resume() { return MOX_SCAN_INVALID_STATE; }

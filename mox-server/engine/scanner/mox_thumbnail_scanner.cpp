@@ -10,7 +10,7 @@
 
 #include "mox_scan_log.h"
 
-using Lock = std::lock_guard<std::mutex>;
+using Lock = mox::MutexLock;
 
 CMOXThumbnailScanner::CMOXThumbnailScanner() = default;
 
@@ -71,8 +71,8 @@ int CMOXThumbnailScanner::AddScanner(const SMOXScannerOption& option) {
 void CMOXThumbnailScanner::RemoveScannerByDevice(const char* device) {
     if (device == nullptr) return;
     MOX_INFO("device remove :%s", device);
-    std::unique_lock<std::mutex> lock(m_mutex);
-    auto drop = [&] {
+    mox::UniqueLock lock(m_mutex);
+    auto drop = [&]() REQUIRES(m_mutex) {
         for (auto it = m_queue.begin(); it != m_queue.end();) {
             if (it->strBasePath == device) {
                 it->FreeCallbackData();
@@ -88,9 +88,9 @@ void CMOXThumbnailScanner::RemoveScannerByDevice(const char* device) {
         uint64_t nSeq = m_nCurrentSeq;
         m_bCancel = true;
         while (m_bBusy && m_nCurrentSeq == nSeq) {
-            lock.unlock();
+            lock.Unlock();
             g_usleep(kCancelPollUs);
-            lock.lock();
+            lock.Lock();
         }
         drop();
     }
@@ -169,8 +169,8 @@ int CMOXThumbnailScanner::GetScannerOption(SMOXScannerOption& option) {
 }
 
 bool CMOXThumbnailScanner::m_PopScanner() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    while (m_bThreadRun && m_queue.empty()) m_cond.wait(lock);
+    mox::UniqueLock lock(m_mutex);
+    while (m_bThreadRun && m_queue.empty()) lock.Wait(m_cond);
     if (!m_bThreadRun) return false;
     m_current = std::move(m_queue.front());
     m_queue.pop_front();
@@ -232,7 +232,7 @@ int CMOXThumbnailScanner::m_DoFolderThumbnailAction() {
     }
     SMOXFileInfo info;
     int nResult = m_pDirScanner->ReadFileInfo(info);
-    std::unique_lock<std::mutex> lock(m_mutex);
+    mox::UniqueLock lock(m_mutex);
     const char* folder = m_current.strDevicePath.c_str();
     if (nResult == MOX_SCAN_OK) {
         if (info.nType == MOX_SCANNER_TYPE_FILE) {

@@ -11,13 +11,13 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <mox/mox_thread.h>
 
 #include "mox_scanner_defines.h"
+#include "mox_thread_annotations.h"
 #include "mox_usb_scanner.h"
 
 class CMOXThumbnailScanner : public CMOXThread {
@@ -66,20 +66,20 @@ protected:
     void t_Process() override;
 
 private:
-    // Requests of `owner`, queued or running; m_mutex held.
-    size_t m_CountOwnedLocked(const std::string& owner) const;
+    // Requests of `owner`, queued or running.
+    size_t m_CountOwnedLocked(const std::string& owner) const REQUIRES(m_mutex);
     bool m_PopScanner();
     int m_DoFolderThumbnailAction();
     void OnCallback();
     void m_FinishCurrent();
 
-    std::mutex m_mutex;
+    mox::Mutex m_mutex;
     std::condition_variable m_cond;
-    std::deque<SMOXScannerOption> m_queue;  // GUARDED_BY(m_mutex)
-    SMOXScannerOption m_current;            // GUARDED_BY(m_mutex); written by the thread only
-    std::vector<SMOXFileInfo> m_files;      // GUARDED_BY(m_mutex)
-    bool m_bBusy = false;                   // GUARDED_BY(m_mutex)
-    uint64_t m_nCurrentSeq = 0;             // GUARDED_BY(m_mutex): id of the running request
+    std::deque<SMOXScannerOption> m_queue GUARDED_BY(m_mutex);
+    SMOXScannerOption m_current GUARDED_BY(m_mutex);  // written by the thread only
+    std::vector<SMOXFileInfo> m_files GUARDED_BY(m_mutex);
+    bool m_bBusy GUARDED_BY(m_mutex) = false;
+    uint64_t m_nCurrentSeq GUARDED_BY(m_mutex) = 0;  // id of the running request
     std::atomic<bool> m_bThreadRun{false};
     std::atomic<bool> m_bCancel{false};
 

@@ -29,7 +29,7 @@ Fn LookUp(void* pHandle, const char* szSymbol) {
 CMOXSourceMgr::CMOXSourceMgr() = default;
 
 CMOXSourceMgr::~CMOXSourceMgr() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     for (auto& entry : m_sources) {
         assert(entry.second != nullptr);
         m_DestroySource(entry.first, entry.second);
@@ -73,7 +73,7 @@ bool PluginPath(const std::string& strLibName, std::string& strPath) {
 bool CMOXSourceMgr::InstallPlugin(std::string strLibName) {
     std::string strPath;
     if (!PluginPath(strLibName, strPath)) return false;
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return m_InstallPlugin(strPath);
 }
 
@@ -140,7 +140,7 @@ bool CMOXSourceMgr::m_InstallPlugin(std::string strPath) {
 }
 
 IWebSource* CMOXSourceMgr::GetSource(std::string strSourceName) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     auto found = m_sources.find(strSourceName);
     if (found != m_sources.end()) return found->second;
     MOX_INFO("strSourceName = %.255s", strSourceName.c_str());

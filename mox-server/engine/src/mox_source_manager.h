@@ -18,10 +18,11 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include <mox/mox_web_source.h>
+
+#include "mox_thread_annotations.h"
 
 class CMOXSourceMgr {
 public:
@@ -51,12 +52,12 @@ private:
     };
     using LibraryHandle = std::unique_ptr<void, SLibraryCloser>;
 
-    bool m_InstallPlugin(std::string strPath);
-    IWebSource* m_CreateSource(const std::string& strSourceName);
+    bool m_InstallPlugin(std::string strPath) REQUIRES(m_mutex);
+    IWebSource* m_CreateSource(const std::string& strSourceName) REQUIRES(m_mutex);
     void m_DestroySource(const std::string& strSourceName, IWebSource* pSource);
 
-    std::mutex m_mutex;
-    std::map<std::string, IWebSource*> m_sources;   // GUARDED_BY(m_mutex); owned, released by Destroy()
-    std::map<std::string, void*> m_plugins;         // GUARDED_BY(m_mutex); source name -> library
-    std::map<std::string, LibraryHandle> m_libraries;  // GUARDED_BY(m_mutex); path -> library
+    mox::Mutex m_mutex;
+    std::map<std::string, IWebSource*> m_sources GUARDED_BY(m_mutex);  // owned, released by Destroy()
+    std::map<std::string, void*> m_plugins GUARDED_BY(m_mutex);  // source name -> library
+    std::map<std::string, LibraryHandle> m_libraries GUARDED_BY(m_mutex);  // path -> library
 };

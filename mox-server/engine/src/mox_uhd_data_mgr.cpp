@@ -31,7 +31,7 @@ CMOXUHDDataMgr::CMOXUHDDataMgr() = default;
 CMOXUHDDataMgr::~CMOXUHDDataMgr() = default;
 
 mox_update_uhd_metadata_fn CMOXUHDDataMgr::m_GetProvider() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_pfnUpdate) return m_pfnUpdate;
     std::string strPath = mox_host::PluginDir();
     if (!strPath.empty() && strPath.back() != '/') strPath += '/';

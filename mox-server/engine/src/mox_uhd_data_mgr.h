@@ -11,10 +11,11 @@
 #include <dlfcn.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include <mox/mox_uhd_provider.h>
+
+#include "mox_thread_annotations.h"
 
 class CMOXUHDDataMgr {
 public:
@@ -38,7 +39,7 @@ private:
     };
     mox_update_uhd_metadata_fn m_GetProvider();
 
-    std::mutex m_mutex;
-    std::unique_ptr<void, SLibraryCloser> m_library;  // GUARDED_BY(m_mutex)
-    mox_update_uhd_metadata_fn m_pfnUpdate = nullptr;  // GUARDED_BY(m_mutex)
+    mox::Mutex m_mutex;
+    std::unique_ptr<void, SLibraryCloser> m_library GUARDED_BY(m_mutex);
+    mox_update_uhd_metadata_fn m_pfnUpdate GUARDED_BY(m_mutex) = nullptr;
 };

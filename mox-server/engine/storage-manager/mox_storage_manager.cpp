@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <mutex>
 #include <string>
 
 #include <json/value.h>
@@ -28,7 +27,7 @@ CMOXStorageMgr::CMOXStorageMgr() {
     // arriving meanwhile waits for the first enumeration below.
     m_pMOXUsbManager = new CMOXUSBMgr();
     m_pMOXUsbManager->SetNotificationCb(cb_mscNotification, this);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_InitFinishFlag = m_Create();
 }
 
@@ -36,7 +35,7 @@ CMOXStorageMgr::~CMOXStorageMgr() {
     // Stops the USB service: no event runs or arrives after this.
     MOX_SAFE_DELETE_PTR(m_pMOXUsbManager);
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        mox::MutexLock lock(m_mutex);
         m_DestroyUSBList();
         m_DestroyPTPList();
     }
@@ -59,19 +58,19 @@ bool CMOXStorageMgr::m_Create() {
 }
 
 void CMOXStorageMgr::SetInternalCB(MOXStorageInternalCb cb, void* userData) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_storage_internal_cb = cb;
     m_pInternalUserData = userData;
 }
 
 void CMOXStorageMgr::SetNotificationCB(MOXStorageNotificationCb cb) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_storage_notification_cb = cb;
 }
 
 void CMOXStorageMgr::AddNotificationClient(dbus_connection_info_s& client) {
     MOX_INFO("Calling AddNotificationClient...");
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (std::find(m_clients.begin(), m_clients.end(), client) != m_clients.end()) {
         MOX_INFO("Already exist client...");
         return;
@@ -81,13 +80,13 @@ void CMOXStorageMgr::AddNotificationClient(dbus_connection_info_s& client) {
 
 void CMOXStorageMgr::RemoveNotificationClient(dbus_connection_info_s& client) {
     MOX_INFO("Calling RemoveNotificationClient...");
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     auto it = std::find(m_clients.begin(), m_clients.end(), client);
     if (it != m_clients.end()) m_clients.erase(it);
 }
 
 void CMOXStorageMgr::RemoveNotificationClientsOf(const std::string& sender) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     size_t nBefore = m_clients.size();
     m_clients.erase(std::remove_if(m_clients.begin(), m_clients.end(),
                                    [&](const dbus_connection_info_s& c) { return c.sender == sender; }),
@@ -99,7 +98,7 @@ void CMOXStorageMgr::RemoveNotificationClientsOf(const std::string& sender) {
 
 int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) {
     MOX_INFO("Calling GetStoraes...");
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (!m_InitFinishFlag) {
         MOX_WARN("m_InitFinishFlag is false, retry init");
         m_InitFinishFlag = m_Create();
@@ -249,7 +248,7 @@ void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& recor
     std::vector<dbus_connection_info_s> clients;
     std::string strPayload;
     {
-        std::lock_guard<std::mutex> lock(pThis->m_mutex);
+        mox::MutexLock lock(pThis->m_mutex);
         if (usb_device_get_class(device) == USB_DEVICE_CLASS_STILL_IMAGE)
             pThis->m_UpdatePtpSotrages(record, bConnected);
         else

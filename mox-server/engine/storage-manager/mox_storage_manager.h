@@ -22,13 +22,13 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "mox_device.h"
 #include "mox_storage_defines.h"
+#include "mox_thread_annotations.h"
 #include "mox_usb_mgr.h"
 
 class CMOXStorageMgr {
@@ -67,17 +67,17 @@ public:
 
 private:
     // All m_ operations below require m_mutex held.
-    bool m_Create();
-    bool m_InitUSBList();
-    bool m_InitPTPList();
-    bool m_InitList(std::vector<UsbDevicePtr>& list, bool bUsb);
-    void m_InitDevIndex(std::vector<UsbDevicePtr>& list);
-    void m_AssignDevIndex(UsbDevicePtr& record, bool bAssign);
-    void m_DestroyUSBList();
-    void m_DestroyPTPList();
-    void m_UpdateUsbSotrages(UsbDevicePtr& record, bool bConnected);
-    void m_UpdatePtpSotrages(UsbDevicePtr& record, bool bConnected);
-    void m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, bool bConnected);
+    bool m_Create() REQUIRES(m_mutex);
+    bool m_InitUSBList() REQUIRES(m_mutex);
+    bool m_InitPTPList() REQUIRES(m_mutex);
+    bool m_InitList(std::vector<UsbDevicePtr>& list, bool bUsb) REQUIRES(m_mutex);
+    void m_InitDevIndex(std::vector<UsbDevicePtr>& list) REQUIRES(m_mutex);
+    void m_AssignDevIndex(UsbDevicePtr& record, bool bAssign) REQUIRES(m_mutex);
+    void m_DestroyUSBList() REQUIRES(m_mutex);
+    void m_DestroyPTPList() REQUIRES(m_mutex);
+    void m_UpdateUsbSotrages(UsbDevicePtr& record, bool bConnected) REQUIRES(m_mutex);
+    void m_UpdatePtpSotrages(UsbDevicePtr& record, bool bConnected) REQUIRES(m_mutex);
+    void m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, bool bConnected) REQUIRES(m_mutex);
     // The document through a Json::Value tree: for text the direct writer
     // cannot quote like jsoncpp (an embedded NUL).
     static std::string m_ConvertWithJsonValue(std::vector<UsbDevicePtr>& list);
@@ -86,8 +86,8 @@ private:
 
     static void cb_mscNotification(usb_device_h device, UsbDevicePtr& record, bool bConnected, void* userData);
 
-    std::vector<UsbDevicePtr> m_USBList;                     // GUARDED_BY(m_mutex)
-    std::vector<UsbDevicePtr> m_PTPList;                     // GUARDED_BY(m_mutex)
+    std::vector<UsbDevicePtr> m_USBList GUARDED_BY(m_mutex);
+    std::vector<UsbDevicePtr> m_PTPList GUARDED_BY(m_mutex);
     // Free device indices 1 to 100 of one model: bit i - 1 set = index i free.
     struct SFreeIndices {
         uint64_t bits[2] = {~0ULL, (1ULL << 36) - 1};  // all 100 free
@@ -96,14 +96,14 @@ private:
         int TakeSmallest();    // requires !Empty()
         void Put(int nIndex);  // 1 to 100
     };
-    std::map<std::string, SFreeIndices> m_mapUSBDevName;    // model -> free indices. GUARDED_BY(m_mutex)
-    std::vector<dbus_connection_info_s> m_clients;           // GUARDED_BY(m_mutex)
+    std::map<std::string, SFreeIndices> m_mapUSBDevName GUARDED_BY(m_mutex);  // model -> free indices
+    std::vector<dbus_connection_info_s> m_clients GUARDED_BY(m_mutex);
     // A standard mutex rather than a GMutex: GLib's futex-based GMutex is
     // invisible to ThreadSanitizer.
-    std::mutex m_mutex;
-    bool m_InitFinishFlag = false;                           // GUARDED_BY(m_mutex)
-    CMOXUSBMgr* m_pMOXUsbManager = nullptr;                  // owned; set before the first lock
-    MOXStorageInternalCb m_storage_internal_cb = nullptr;    // GUARDED_BY(m_mutex)
-    void* m_pInternalUserData = nullptr;                     // GUARDED_BY(m_mutex)
-    MOXStorageNotificationCb m_storage_notification_cb = nullptr;  // GUARDED_BY(m_mutex)
+    mox::Mutex m_mutex;
+    bool m_InitFinishFlag GUARDED_BY(m_mutex) = false;
+    CMOXUSBMgr* m_pMOXUsbManager = nullptr;  // owned; set before the first lock
+    MOXStorageInternalCb m_storage_internal_cb GUARDED_BY(m_mutex) = nullptr;
+    void* m_pInternalUserData GUARDED_BY(m_mutex) = nullptr;
+    MOXStorageNotificationCb m_storage_notification_cb GUARDED_BY(m_mutex) = nullptr;
 };

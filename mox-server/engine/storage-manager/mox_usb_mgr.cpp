@@ -74,13 +74,13 @@ void CMOXUSBMgr::m_DeinitUSB() {
 }
 
 void CMOXUSBMgr::SetNotificationCb(MOXUSBNotificationCb cb, void* userData) {
-    std::lock_guard<std::mutex> lock(m_cbMutex);
+    mox::MutexLock lock(m_cbMutex);
     m_notificationCb = cb;
     m_pUserData = userData;
 }
 
 void* CMOXUSBMgr::GetUserData() {
-    std::lock_guard<std::mutex> lock(m_cbMutex);
+    mox::MutexLock lock(m_cbMutex);
     return m_pUserData;
 }
 
@@ -181,7 +181,7 @@ void CMOXUSBMgr::s_USBConnctedCallback(usb_device_h device, const char* action, 
         MOXUSBNotificationCb cb;
         void* cbData;
         {
-            std::lock_guard<std::mutex> lock(pThis->m_cbMutex);
+            mox::MutexLock lock(pThis->m_cbMutex);
             cb = pThis->m_notificationCb;
             cbData = pThis->m_pUserData;
         }

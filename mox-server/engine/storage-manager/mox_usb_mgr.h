@@ -10,12 +10,12 @@
 // One manager at a time per process: the platform service is initialised once.
 #pragma once
 
-#include <mutex>
 #include <vector>
 
 #include <usb_device.h>
 
 #include "mox_device.h"
+#include "mox_thread_annotations.h"
 
 // device: borrowed for the call (take a reference to keep it); record: the
 // device's filled record; connected: arrival (true) or departure (false).
@@ -48,8 +48,8 @@ private:
 
     // The service may report an event before SetNotificationCb: the two
     // fields are read on its thread.
-    std::mutex m_cbMutex;
-    MOXUSBNotificationCb m_notificationCb = nullptr;  // GUARDED_BY(m_cbMutex)
-    void* m_pUserData = nullptr;                      // GUARDED_BY(m_cbMutex)
-    bool m_bConnected = false;                        // set by the constructor only
+    mox::Mutex m_cbMutex;
+    MOXUSBNotificationCb m_notificationCb GUARDED_BY(m_cbMutex) = nullptr;
+    void* m_pUserData GUARDED_BY(m_cbMutex) = nullptr;
+    bool m_bConnected = false;  // set by the constructor only
 };

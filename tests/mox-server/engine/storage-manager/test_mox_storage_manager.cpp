@@ -292,24 +292,29 @@ TEST_F(StorageManager, FailedFirstEnumerationIsRetriedByEachQuery) {
 // storage: queries never wait with it, and already see the event's lists.
 TEST_F(StorageManager, QueriesDoNotWaitForAnEventsCleanUp) {
     auto manager = Start();
-    std::promise<void> entered;
+    auto entered = std::make_shared<std::promise<void>>();
+    auto left = std::make_shared<std::promise<void>>();
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
     {
         std::lock_guard<std::mutex> lock(g_recorder.mutex);
-        g_recorder.duringInternal = [&] {
-            entered.set_value();
+        g_recorder.duringInternal = [entered, left, released] {
+            entered->set_value();
             released.wait();
+            left->set_value();
         };
     }
     m_env.Plug("s1", StorageTestEnv::Stick("/dev/sdb1", m_env.MountDir("s1")));
-    entered.get_future().wait();
+    entered->get_future().wait();
     std::string text;
     EXPECT_EQ(0, manager->GetStorages(MOX_STORAGE_DEVICE_USB, text));
     EXPECT_EQ(1u, Parse(text)["devices"].size());
+    {
+        std::lock_guard<std::mutex> lock(g_recorder.mutex);
+        g_recorder.duringInternal = nullptr;
+    }
     release.set_value();
-    std::lock_guard<std::mutex> lock(g_recorder.mutex);
-    g_recorder.duringInternal = nullptr;
+    left->get_future().wait();
 }
 
 TEST_F(StorageManager, DevicesComingAndGoingWhileClientsListStorages) {
