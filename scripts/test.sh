@@ -11,13 +11,14 @@ scripts/install-deps.sh
 
 shm_before=$(ls /dev/shm 2>/dev/null | grep -c '^mox_' || true)
 
+launcher=()
+if command -v ccache > /dev/null; then
+  launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+
 # Lock discipline: clang's thread-safety analysis over the daemon and the
 # libraries, warnings as errors. Compiles only, no tests.
 if command -v clang++ > /dev/null; then
-  launcher=()
-  if command -v ccache > /dev/null; then
-    launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-  fi
   CC=clang CXX=clang++ cmake -S . -B build-tsa -DCMAKE_BUILD_TYPE=Debug -DMOX_THREAD_SAFETY=ON \
     -DMOX_BUILD_TESTS=OFF ${launcher[@]+"${launcher[@]}"} > /dev/null
   cmake --build build-tsa -j"$JOBS" --target mox-engine mox-extract moxcommon moxplatform
@@ -25,14 +26,17 @@ else
   echo "warning: no clang++, lock annotations not checked" >&2
 fi
 
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=address > /dev/null
+# Warnings are errors in the test builds (-Wall -Wextra -Wshadow).
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=address -DMOX_WERROR=ON \
+  ${launcher[@]+"${launcher[@]}"} > /dev/null
 cmake --build build-asan -j"$JOBS"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 ctest --test-dir build-asan --output-on-failure -j"$JOBS"
 
 if grep -rqs 'label.*tsan\|LABELS.*tsan' tests; then
-  cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=thread > /dev/null
+  cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=thread -DMOX_WERROR=ON \
+    ${launcher[@]+"${launcher[@]}"} > /dev/null
   TSAN_TARGETS=$(ctest --test-dir build-tsan -N -L tsan 2>/dev/null | sed -n 's/^ *Test *#[0-9]*: //p')
   if [ -n "$TSAN_TARGETS" ]; then
     cmake --build build-tsan -j"$JOBS" --target $TSAN_TARGETS

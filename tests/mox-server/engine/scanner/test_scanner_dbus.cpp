@@ -136,8 +136,8 @@ TEST(EngineScanner, DeviceCheckAnswers) {
     EXPECT_FALSE(StartScanner(h, "other", none).first);
 
     // Stopped scanners go; ids are never reused.
-    for (guint32 id : {1u, 2u, 3u, 77u, 4294967295u})
-        EXPECT_TRUE(h.Call("stop_scanner", g_variant_new("(u)", id)).ok());
+    for (guint32 stopped : {1u, 2u, 3u, 77u, 4294967295u})
+        EXPECT_TRUE(h.Call("stop_scanner", g_variant_new("(u)", stopped)).ok());
     EXPECT_TRUE(h.WaitForLog("Thread(MOX_SCANNER_3) t_Process end..."));
     EXPECT_EQ(StartScanner(h, "check_device", one).second, 4u);
     ASSERT_TRUE(signals.WaitFor("mox_scanner_done", 4));

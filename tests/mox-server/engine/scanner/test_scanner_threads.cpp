@@ -344,14 +344,14 @@ TEST(ScanManager, OwnersSharesAndLeaving) {
     CMOXThumbnailScanner thumb;
     ASSERT_TRUE(thumb.Create());
     Recorder rec;
-    auto request = [&](const std::string& owner, int tag) {
+    auto request = [&](const std::string& requester, int tag) {
         SMOXScannerOption option = ScanOption(stick.path() + "/empty", 2, &rec);
         option.strBasePath = stick.path();
         option.strFourthPath = "CONTENT-IMAGE";
         option.nRecursive = 0;
         option.nFileLimit = 4;
         option.nRequestTag = tag;
-        option.strOwner = owner;
+        option.strOwner = requester;
         return option;
     };
     Hold hold;

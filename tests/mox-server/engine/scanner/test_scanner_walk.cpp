@@ -73,8 +73,11 @@ TEST(DirectoryWalk, OrderSkipListAndFilters) {
     photos.nDetail = 1;
     WalkResult onlyPhotos = Walk(photos);
     ASSERT_EQ(onlyPhotos.Names(), (std::set<std::string>{".hidden", "a", "deep", "in_hidden.jpg"}));
-    for (const auto& e : onlyPhotos.entries)
-        if (e.strName == "in_hidden.jpg") EXPECT_TRUE(e.bDetailFilled && e.eExtension == 51 && e.llFileSize == 1);
+    for (const auto& e : onlyPhotos.entries) {
+        if (e.strName == "in_hidden.jpg") {
+            EXPECT_TRUE(e.bDetailFilled && e.eExtension == 51 && e.llFileSize == 1);
+        }
+    }
 
     SMOXScannerOption flat = WalkOption(root);
     flat.nRecursive = 0;
