@@ -16,6 +16,9 @@ typedef enum {
     MOX_ERROR_GENERIC = 23,
     MOX_ERROR_SCANNER_FIRST = 24,
     MOX_ERROR_SCANNER_LAST = 31,
+    // A source's list answer broke the plug-in contract (negative counts or
+    // lengths, lengths beyond the bytes written, bytes written beyond nLen).
+    MOX_ERROR_SOURCE_CONTRACT = 32,
 } mox_error_code_e;
 
 // Cursor moves of the client-side result pool (<mox/mox_resultpool.h>) use

@@ -34,6 +34,11 @@ public:
     // when it cannot be read. bStop is polled.
     static mox_error_code_e List(const std::string& strFolderPath, const bool& bStop,
                                  std::vector<SMOXLocalEntry>& entries, std::string& strResolved);
+    // A stamp of strFolderPath's current state: its resolved path, device,
+    // inode and change times, and every entry's name, inode, size and times.
+    // Any entry added, removed, renamed or changed, or another storage at the
+    // same path, gives another stamp. Empty when the folder can not be read.
+    static std::string Stamp(const std::string& strFolderPath);
     // The entry strPath: 5 when it does not exist, 7 when it is not below
     // the root. strFullPath receives its resolved path.
     static mox_error_code_e Describe(const std::string& strPath, SMOXLocalEntry& entry, std::string& strFullPath);

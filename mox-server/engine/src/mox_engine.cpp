@@ -196,6 +196,10 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) 
         MOX_WARN("mount_path == NULL");
         return;
     }
+    // No answer listed from a storage outlives it: another stick mounted at
+    // the same path must show only its own files (a mount clears too, in
+    // case the unmount was never reported).
+    CMOXSingleton<CCachePool>::Get()->ForgetTouching(strMountPath);
     if (event == MOX_STORAGE_CONNECTED) {
         // Scanning is requested by clients; nothing to do on a mount.
         MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());

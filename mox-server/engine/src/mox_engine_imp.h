@@ -87,6 +87,8 @@ struct WorkerThreadJob {
 class CMOXEngineImp {
 public:
     static const size_t kMaxJobs = 64;
+    // How long shutdown waits for stopped commands to end.
+    static constexpr std::chrono::milliseconds kShutdownWait{2500};
     static const size_t kMaxJobsPerClient = 16;
     static const size_t kMaxTransfersPerClient = 8;
     static const size_t kMaxRequestsPerClient = 256;
@@ -206,6 +208,9 @@ private:
     bool m_Execute(std::unique_lock<std::mutex>& lock, IMOXCommand* pCommand, const std::string& strCommand);
     // Frees the job's requesters and removes the job. Requires m_mutex.
     void m_ReleaseJob(WorkerThreadJob* pJob);
+    // Stops the job's command when none of its requesters waits any more.
+    // Requires m_mutex.
+    void m_StopIfUnwanted(WorkerThreadJob& job);
     void m_AddToShare(const Requester& requester);       // requires m_mutex
     void m_RemoveFromShare(const Requester& requester);  // requires m_mutex
     // Unlinks a result list and lets go of its blocks; false when a block

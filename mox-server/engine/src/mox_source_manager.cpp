@@ -102,12 +102,19 @@ bool CMOXSourceMgr::m_InstallPlugin(std::string strPath) {
         MOX_WARN("%s.", LastDlError());
         return false;
     }
+    // Checked now, so that a broken library is refused at connect rather
+    // than at its first list.
+    if (!LookUp<mox_create_source_fn>(library.get(), "CreateSource")) {
+        MOX_WARN("%s.", LastDlError());
+        return false;
+    }
+    int nAbi = 0;
     std::vector<std::string> names;
     try {
-        int nAbi = pfnAbi();
-        if (nAbi != MOX_WEB_SOURCE_ABI_VERSION) {
-            MOX_WARN("Plugin[%s] built for source ABI %d, engine has %d: refused.", strPath.c_str(), nAbi,
-                     MOX_WEB_SOURCE_ABI_VERSION);
+        nAbi = pfnAbi();
+        if (nAbi < MOX_WEB_SOURCE_MIN_ABI_VERSION || nAbi > MOX_WEB_SOURCE_ABI_VERSION) {
+            MOX_WARN("Plugin[%s] built for source ABI %d, engine has %d to %d: refused.", strPath.c_str(), nAbi,
+                     MOX_WEB_SOURCE_MIN_ABI_VERSION, MOX_WEB_SOURCE_ABI_VERSION);
             return false;
         }
         int nCount = pfnCount();
@@ -132,7 +139,8 @@ bool CMOXSourceMgr::m_InstallPlugin(std::string strPath) {
     }
     for (const std::string& name : names) {
         MOX_INFO("szSourceName = %s.", name.c_str());
-        m_plugins.emplace(name, library.get());  // an existing name keeps its first library
+        // An existing name keeps its first library.
+        if (m_plugins.emplace(name, library.get()).second) m_abis[name] = nAbi;
     }
     m_libraries.emplace(strPath, std::move(library));
     MOX_DEBUG("Success to install plugin[%s].", strPath.c_str());
@@ -164,6 +172,12 @@ IWebSource* CMOXSourceMgr::GetSource(std::string strSourceName) {
     }
     m_sources.emplace(strSourceName, pSource);
     return pSource;
+}
+
+int CMOXSourceMgr::GetSourceAbi(const std::string& strSourceName) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto found = m_abis.find(strSourceName);
+    return found == m_abis.end() ? 0 : found->second;
 }
 
 IWebSource* CMOXSourceMgr::m_CreateSource(const std::string& strSourceName) {

@@ -4,9 +4,10 @@
 // Reached through CMOXSingleton<CMOXSourceMgr>.
 //
 // Only plain file names of the form "lib*.so" are loaded, and only from
-// MOX_PLUGIN_DIR; a library without the entry points or built against
-// another ABI version is closed again and registers nothing. What a library
-// answers (source count, names) is checked before use.
+// MOX_PLUGIN_DIR; a library lacking any of the four entry points or built
+// against an ABI version the engine does not know is closed again and
+// registers nothing. What a library answers (source count, names) is
+// checked before use.
 //
 // Threads: every public operation holds m_mutex, so the engine's main loop
 // and the command threads may call concurrently. Sources handed out stay
@@ -36,6 +37,9 @@ public:
     // The source named strSourceName, created and initialised on first use;
     // NULL when no installed library offers it or creation fails.
     IWebSource* GetSource(std::string strSourceName);
+    // The ABI version of the library offering strSourceName (0 when none):
+    // operations of a later version are never called on an older source.
+    int GetSourceAbi(const std::string& strSourceName);
 
     // True for a plain "lib*.so" file name (no directory part, no "..").
     static bool IsPluginFileName(const std::string& strLibName);
@@ -58,5 +62,6 @@ private:
     std::mutex m_mutex;
     std::map<std::string, IWebSource*> m_sources;   // GUARDED_BY(m_mutex); owned, released by Destroy()
     std::map<std::string, void*> m_plugins;         // GUARDED_BY(m_mutex); source name -> library
+    std::map<std::string, int> m_abis;              // GUARDED_BY(m_mutex); source name -> its library's ABI
     std::map<std::string, LibraryHandle> m_libraries;  // GUARDED_BY(m_mutex); path -> library
 };
