@@ -1,6 +1,7 @@
 // Test sources "mox_test_source" and "mox_test_source2", driven by the
 // command document so that a test decides what the engine gets back:
 //   "test_delay_ms"   wait this long first (polling the stop flag)
+//   "test_stuck_ms"   then sleep this long without looking at the stop flag
 //   "test_error"      return this code instead of answering
 //   "test_item_count" number of items (default 3; 0 answers an empty list)
 //   "test_misbehave"  "count_mismatch" (one length short), "overrun"
@@ -67,6 +68,7 @@ public:
         MOX_INFO("test source GetData[%s]", m_strName.c_str());
         CJsonValue doc(strQueryCmd);
         if (!Wait(doc, bStop, m_strName)) return MOX_ERROR_GENERIC;
+        std::this_thread::sleep_for(std::chrono::milliseconds(IntMember(doc, "test_stuck_ms", 0)));
         int nError = IntMember(doc, "test_error", 0);
         if (nError != 0) return static_cast<mox_error_code_e>(nError);
         std::string strMisbehave = StringMember(doc, "test_misbehave");

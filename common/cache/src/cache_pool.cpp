@@ -1,6 +1,8 @@
 #define MOX_LOG_TAG "MOX-CACHE"
 #include "cache_pool.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 
 #include <mox/mox_log.h>
@@ -167,6 +169,13 @@ int CCachePool::ForgetTouching(const std::string& strPath) {
     if (!victims.empty())
         MOX_INFO("%zu cached answers touching [%.256s] forgotten.", victims.size(), strNormal.c_str());
     return static_cast<int>(victims.size());
+}
+
+void CCachePool::UnlinkAllAtExit() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (const auto* pMap : {&m_committedBlockMap, &m_cachePoolBlockMap})
+        for (const auto& entry : *pMap) shm_unlink(entry.second->GetName().c_str());
+    for (const auto& entry : m_persistantBlockMap) shm_unlink(entry.second->GetName().c_str());
 }
 
 uint64_t CCachePool::GetGeneration() {

@@ -78,6 +78,9 @@ public:
     // Forgets every kept answer whose query names strPath, a path below it
     // or its parent folder; returns how many.
     int ForgetTouching(const std::string& strPath);
+    // Shutdown while commands still run (the pool then stays): unlinks the
+    // object of every block it holds; the records stay for their users.
+    void UnlinkAllAtExit();
     // Counts invalidations: an answer asked for before the last one is not kept.
     uint64_t GetGeneration();
     // strPath with "." components, repeated and trailing slashes removed and

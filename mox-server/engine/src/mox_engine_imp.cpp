@@ -31,17 +31,23 @@ const char kMetaKey = 'M';
 CMOXEngineImp::CMOXEngineImp(IMOXSignalSink& sink) : m_sink(sink) {}
 
 CMOXEngineImp::~CMOXEngineImp() {
+    if (!Shutdown()) MOX_WARN("Commands still running at shutdown.");
+}
+
+bool CMOXEngineImp::Shutdown() {
     {
-        // Transfers can run for minutes: ask every command to give up.
+        // Transfers can run for minutes and sources can sleep: ask every
+        // command to give up.
         std::lock_guard<std::mutex> lock(m_mutex);
         for (auto& entry : m_workers)
             if (entry.second->pCommand) entry.second->pCommand->Stop();
     }
     // Bounded: a source stuck in a call must not hold the daemon's exit.
-    if (!WaitIdle(kShutdownWait)) MOX_WARN("Commands still running at shutdown.");
+    const bool bIdle = WaitIdle(kShutdownWait);
     std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& entry : m_deliveredLists) m_DropList(entry.first);
     m_deliveredLists.clear();
+    return bIdle;
 }
 
 bool CMOXEngineImp::WaitIdle(std::chrono::milliseconds timeout) {

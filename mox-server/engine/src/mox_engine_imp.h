@@ -136,6 +136,10 @@ public:
 
     // True once no job is running (waits up to `timeout`).
     bool WaitIdle(std::chrono::milliseconds timeout);
+    // Shutdown: asks every command to stop, waits at most kShutdownWait for
+    // them and drops the result lists clients still hold. False when some
+    // command still runs: the engine must then outlive it (never destroyed).
+    bool Shutdown();
 
     // Device checks and folder thumbnails (mox_engine_imp_scan.cpp). Start
     // and remove calls run on the main loop (removals by device also on the

@@ -1,6 +1,7 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_source_manager.h"
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <vector>
@@ -172,6 +173,19 @@ IWebSource* CMOXSourceMgr::GetSource(std::string strSourceName) {
     }
     m_sources.emplace(strSourceName, pSource);
     return pSource;
+}
+
+void CMOXSourceMgr::CloseAllExcept(const std::vector<std::string>& busy) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto it = m_sources.begin(); it != m_sources.end();) {
+        if (std::find(busy.begin(), busy.end(), it->first) != busy.end()) {
+            MOX_WARN("Source[%s] is stuck in a call at exit: not closed.", it->first.c_str());
+            ++it;
+            continue;
+        }
+        m_DestroySource(it->first, it->second);
+        it = m_sources.erase(it);
+    }
 }
 
 int CMOXSourceMgr::GetSourceAbi(const std::string& strSourceName) {

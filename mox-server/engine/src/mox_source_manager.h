@@ -21,6 +21,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <mox/mox_web_source.h>
 
@@ -40,6 +41,10 @@ public:
     // The ABI version of the library offering strSourceName (0 when none):
     // operations of a later version are never called on an older source.
     int GetSourceAbi(const std::string& strSourceName);
+
+    // Shutdown with sources stuck in a call: closes and destroys every other
+    // source (a warning names each one left alone).
+    void CloseAllExcept(const std::vector<std::string>& busy);
 
     // True for a plain "lib*.so" file name (no directory part, no "..").
     static bool IsPluginFileName(const std::string& strLibName);

@@ -1,9 +1,12 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_request_list_command.h"
 
+#include <sys/mman.h>
+
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <set>
 
 #include <boost/thread/thread.hpp>
@@ -105,7 +108,58 @@ std::vector<std::string> QueryPaths(const std::string& strQueryCmd) {
     return paths;
 }
 
+// What the source threads of every list command are in the middle of.
+struct SInProgress {
+    std::mutex mutex;
+    std::multiset<std::string> sources;  // GUARDED_BY(mutex)
+    std::set<std::string> blocks;        // GUARDED_BY(mutex)
+};
+
+SInProgress& InProgress() {
+    // Never destroyed: a stuck source thread may still use it at exit.
+    static SInProgress* s_pInProgress = new SInProgress();
+    return *s_pInProgress;
+}
+
+// Registers one GetData call for its lifetime.
+class CInProgressCall {
+public:
+    CInProgressCall(std::string strSource, std::string strBlock)
+        : m_strSource(std::move(strSource)), m_strBlock(std::move(strBlock)) {
+        std::lock_guard<std::mutex> lock(InProgress().mutex);
+        InProgress().sources.insert(m_strSource);
+        InProgress().blocks.insert(m_strBlock);
+    }
+    ~CInProgressCall() {
+        std::lock_guard<std::mutex> lock(InProgress().mutex);
+        auto found = InProgress().sources.find(m_strSource);
+        if (found != InProgress().sources.end()) InProgress().sources.erase(found);
+        InProgress().blocks.erase(m_strBlock);
+    }
+    CInProgressCall(const CInProgressCall&) = delete;
+    CInProgressCall& operator=(const CInProgressCall&) = delete;
+
+private:
+    std::string m_strSource;
+    std::string m_strBlock;
+};
+
 }  // namespace
+
+std::vector<std::string> CMOXRequestListCommand::BusySources() {
+    std::lock_guard<std::mutex> lock(InProgress().mutex);
+    std::set<std::string> unique(InProgress().sources.begin(), InProgress().sources.end());
+    return std::vector<std::string>(unique.begin(), unique.end());
+}
+
+void CMOXRequestListCommand::UnlinkBlocksInProgress() {
+    std::lock_guard<std::mutex> lock(InProgress().mutex);
+    for (const std::string& strBlock : InProgress().blocks) {
+        MOX_WARN("Data block[%s] still being built at exit: unlinked.", strBlock.c_str());
+        shm_unlink(strBlock.c_str());
+    }
+    InProgress().blocks.clear();
+}
 
 std::vector<std::string> CMOXRequestListCommand::PathsOfDocument(const std::string& strDocument) {
     return QueryPaths(strDocument);
@@ -308,6 +362,7 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
         std::vector<mox_data_length_s> lengths;
         mox_error_code_e eRet = MOX_ERROR_GENERIC;
         MOX_INFO("Begin: pSource->GetData[%s].", mox_bus::ForLog(strQueryCmd).c_str());
+        CInProgressCall call(strSource, builder.GetName());
         try {
             eRet = pSource->GetData(m_bStop, strQueryCmd, pStream, nLen, nStartIndex, nEndIndex, nTotalCount, groups,
                                     lengths);

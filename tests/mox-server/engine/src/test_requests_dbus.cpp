@@ -692,6 +692,26 @@ TEST(RequestsShutdown, SigtermDuringSleepingGetDataIsBounded) {
     EXPECT_EQ(MoxObjects(), std::vector<std::string>());
 }
 
+// SIGTERM while a source is stuck in GetData (it never looks at bStop): the
+// daemon still exits within 5 s, closes the other sources, names the stuck
+// one and leaves no object of its own behind.
+TEST(RequestsShutdown, SigtermWithStuckSourceIsBoundedAndClean) {
+    EngineHarness h;
+    Install(h, MOX_TEST_SOURCE_SO);
+    ASSERT_TRUE(h.Start());
+    Client c(h);
+    guint32 handle = c.Connect("libmox_test_source.so");
+    c.List(handle, ListDoc(R"(["mox_test_source2"])"));
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 1)["mox_event_type"].asInt(), 0);
+    c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_stuck_ms":30000)"));
+    ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]"));
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(h.Stop(std::chrono::seconds(10)), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+    EXPECT_EQ(h.CountLog("Source[mox_test_source] is stuck in a call at exit: not closed."), 1u);
+    EXPECT_EQ(MoxObjects(), std::vector<std::string>());
+}
+
 // The example plug-in, built in this tree or (MOX_OUT_OF_TREE_PLUGIN, set by
 // tests/plugins/out_of_tree.sh) on its own against an installed engine.
 TEST_F(Requests, ExamplePluginIsLoadedAndListed) {
