@@ -215,10 +215,17 @@ TEST_F(Moxctl, ListDetailCheckThumbsLeaveNoResultList) {
     EXPECT_NE(r.out.find("e\\x1b[2Jx.jpg"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find('\x1b'), std::string::npos);
 
-    // Failures: one line on stderr and status 1; nothing left behind.
+    // Failures: one line on stderr and a status per reason; nothing left
+    // behind. Outside the USB root or not a folder: 4; an empty folder is no
+    // failure.
     r = Ctl({"list", h.Path("")});
-    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.status, 4);
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_NE(r.err.find("is not a folder below the USB root"), std::string::npos) << r.err;
+    EXPECT_EQ(Ctl({"list", photos + "/b.jpg"}).status, 4);
+    r = Ctl({"list", photos + "/Album"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("is empty."), std::string::npos) << r.out;
     r = Ctl({"list", photos, "--plugin", "libnone.so"});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("libnone.so"), std::string::npos);
