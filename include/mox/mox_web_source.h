@@ -155,4 +155,19 @@ typedef IWebSource* (*mox_create_source_fn)(const char* szSourceName);
 #define MOX_WEB_SOURCE_DEFINE_ABI_VERSION() \
     extern "C" __attribute__((visibility("default"))) int GetSourceAbiVersion(void) { return MOX_WEB_SOURCE_ABI_VERSION; }
 
+// All four entry points of a library offering one source named szName (a
+// string literal), an object of class TSource (default-constructible; declare
+// it `final` so that `delete this` in Destroy() compiles without warnings).
+// Needs <cstring> and <new>.
+#define MOX_WEB_SOURCE_DEFINE_SINGLE_SOURCE(szName, TSource)                                              \
+    MOX_WEB_SOURCE_DEFINE_ABI_VERSION()                                                                   \
+    extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) { return 1; }             \
+    extern "C" __attribute__((visibility("default"))) const char* GetSourceName(int nIndex) {             \
+        return nIndex == 0 ? (szName) : nullptr;                                                          \
+    }                                                                                                     \
+    extern "C" __attribute__((visibility("default"))) IWebSource* CreateSource(const char* szSourceName) { \
+        if (szSourceName == nullptr || strcmp(szSourceName, (szName)) != 0) return nullptr;              \
+        return new (std::nothrow) TSource();                                                              \
+    }
+
 #pragma GCC visibility pop
