@@ -66,16 +66,16 @@ int CMOXLocalFolder::MediaTypeOf(const std::string& strName) {
 }
 
 mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::string& strRoot,
-                                            std::string& strResolved) {
+                                            std::string& strResolved, bool bQuiet) {
     if (strPath.empty() || strPath[0] != '/' || strPath.size() > kMaxPathBytes ||
         strPath.find('\0') != std::string::npos) {
-        MOX_WARN("Refused path[%.256s]: not an absolute path below the USB root.", strPath.c_str());
+        if (!bQuiet) MOX_WARN("Refused path[%.256s]: not an absolute path below the USB root.", strPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
     int nErrno = 0;
     strRoot = RealPath(mox_host::UsbRoot(), nErrno);
     if (strRoot.empty()) {
-        MOX_WARN("USB root[%s] unusable: %s.", mox_host::UsbRoot().c_str(), strerror(nErrno));
+        if (!bQuiet) MOX_WARN("USB root[%s] unusable: %s.", mox_host::UsbRoot().c_str(), strerror(nErrno));
         return MOX_ERROR_INVALID_PARAMETER;
     }
     // Resolved by the kernel beneath the root: a link or ".." leading out is
@@ -85,11 +85,11 @@ mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::str
     mox_util::UniqueFd fd(CMOXConfinedPath(mox_host::UsbRoot()).OpenPath(strPath));
     if (!fd.IsValid()) {
         if (errno == ENOENT) return MOX_ERROR_DETAIL_NOT_FOUND;
-        MOX_WARN("Refused path[%.256s]: not below the USB root.", strPath.c_str());
+        if (!bQuiet) MOX_WARN("Refused path[%.256s]: not below the USB root.", strPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
     if (!CMOXConfinedPath::PathOfDescriptor(fd.Get(), strResolved) || !IsBelow(strRoot, strResolved)) {
-        MOX_WARN("Refused path[%.256s]: not strictly below the USB root.", strPath.c_str());
+        if (!bQuiet) MOX_WARN("Refused path[%.256s]: not strictly below the USB root.", strPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
     return MOX_ERROR_NONE;
@@ -175,7 +175,8 @@ void AddTimes(CStampHash& hash, const struct stat& st) {
 
 std::string CMOXLocalFolder::Stamp(const std::string& strFolderPath) {
     std::string strRoot, strResolved;
-    if (m_Resolve(strFolderPath, strRoot, strResolved) != MOX_ERROR_NONE) return std::string();
+    // Quiet: the list that follows says what is wrong with the path, once.
+    if (m_Resolve(strFolderPath, strRoot, strResolved, true) != MOX_ERROR_NONE) return std::string();
     int fd = CMOXConfinedPath(strRoot).OpenDirectoryForRead(strResolved);
     if (fd < 0) return std::string();
     std::unique_ptr<DIR, SDirCloser> dir(fdopendir(fd));

@@ -49,5 +49,7 @@ private:
     // The real path of the root, and of strPath when it resolves (beneath the
     // root, by descriptor) strictly below it; 5 when a name below the root is
     // missing, 7 (warning) otherwise, whatever exists outside.
-    static mox_error_code_e m_Resolve(const std::string& strPath, std::string& strRoot, std::string& strResolved);
+    // bQuiet leaves the warnings to the caller.
+    static mox_error_code_e m_Resolve(const std::string& strPath, std::string& strRoot, std::string& strResolved,
+                                      bool bQuiet = false);
 };
