@@ -263,7 +263,7 @@ void shutDownEngine(std::unique_ptr<CMOXEngineImp> pEngine) {
         // pool and the source when (if) it returns, so they stay; everything
         // else is closed and no object of ours outlives the process.
         MOX_WARN("Commands still running: the sources they call and the cache kept until exit.");
-        CMOXSingleton<CMOXSourceMgr>::Get()->CloseAllExcept(CMOXRequestListCommand::BusySources());
+        CMOXSingleton<CMOXSourceMgr>::Get()->CloseIdleSources();
         CMOXRequestListCommand::UnlinkBlocksInProgress();
         CMOXSingleton<CCachePool>::Get()->UnlinkAllAtExit();
         g_pEngineAtExit = pEngine.release();

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <set>
 #include <vector>
 
 #include <glib.h>
@@ -175,7 +176,40 @@ IWebSource* CMOXSourceMgr::GetSource(std::string strSourceName) {
     return pSource;
 }
 
-void CMOXSourceMgr::CloseAllExcept(const std::vector<std::string>& busy) {
+namespace {
+
+struct SBusySources {
+    std::mutex mutex;
+    std::multiset<std::string> names;  // GUARDED_BY(mutex)
+};
+
+SBusySources& Busy() {
+    // Never destroyed: a stuck command thread may still leave its call at exit.
+    static SBusySources* s_pBusy = new SBusySources();
+    return *s_pBusy;
+}
+
+}  // namespace
+
+CMOXSourceCall::CMOXSourceCall(std::string strSourceName) : m_strSourceName(std::move(strSourceName)) {
+    std::lock_guard<std::mutex> lock(Busy().mutex);
+    Busy().names.insert(m_strSourceName);
+}
+
+CMOXSourceCall::~CMOXSourceCall() {
+    std::lock_guard<std::mutex> lock(Busy().mutex);
+    auto found = Busy().names.find(m_strSourceName);
+    if (found != Busy().names.end()) Busy().names.erase(found);
+}
+
+std::vector<std::string> CMOXSourceMgr::BusySources() {
+    std::lock_guard<std::mutex> lock(Busy().mutex);
+    std::set<std::string> unique(Busy().names.begin(), Busy().names.end());
+    return std::vector<std::string>(unique.begin(), unique.end());
+}
+
+void CMOXSourceMgr::CloseIdleSources() {
+    const std::vector<std::string> busy = BusySources();
     std::lock_guard<std::mutex> lock(m_mutex);
     for (auto it = m_sources.begin(); it != m_sources.end();) {
         if (std::find(busy.begin(), busy.end(), it->first) != busy.end()) {

@@ -25,6 +25,19 @@
 
 #include <mox/mox_web_source.h>
 
+// Marks a source as being in a call for the guard's lifetime, so that
+// shutdown never closes a source a command thread is still inside.
+class CMOXSourceCall {
+public:
+    explicit CMOXSourceCall(std::string strSourceName);
+    ~CMOXSourceCall();
+    CMOXSourceCall(const CMOXSourceCall&) = delete;
+    CMOXSourceCall& operator=(const CMOXSourceCall&) = delete;
+
+private:
+    std::string m_strSourceName;
+};
+
 class CMOXSourceMgr {
 public:
     CMOXSourceMgr();
@@ -42,9 +55,11 @@ public:
     // operations of a later version are never called on an older source.
     int GetSourceAbi(const std::string& strSourceName);
 
-    // Shutdown with sources stuck in a call: closes and destroys every other
-    // source (a warning names each one left alone).
-    void CloseAllExcept(const std::vector<std::string>& busy);
+    // Shutdown with sources stuck in a call: closes and destroys every
+    // source not in a call now (a warning names each one left alone).
+    void CloseIdleSources();
+    // The sources in a call now (each name once).
+    static std::vector<std::string> BusySources();
 
     // True for a plain "lib*.so" file name (no directory part, no "..").
     static bool IsPluginFileName(const std::string& strLibName);

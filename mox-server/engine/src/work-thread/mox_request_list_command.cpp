@@ -108,57 +108,48 @@ std::vector<std::string> QueryPaths(const std::string& strQueryCmd) {
     return paths;
 }
 
-// What the source threads of every list command are in the middle of.
-struct SInProgress {
+// The data blocks being written by source threads now (a stuck source may
+// never let go of its own).
+struct SBlocksInProgress {
     std::mutex mutex;
-    std::multiset<std::string> sources;  // GUARDED_BY(mutex)
-    std::set<std::string> blocks;        // GUARDED_BY(mutex)
+    std::set<std::string> names;  // GUARDED_BY(mutex)
 };
 
-SInProgress& InProgress() {
+SBlocksInProgress& BlocksInProgress() {
     // Never destroyed: a stuck source thread may still use it at exit.
-    static SInProgress* s_pInProgress = new SInProgress();
-    return *s_pInProgress;
+    static SBlocksInProgress* s_pBlocks = new SBlocksInProgress();
+    return *s_pBlocks;
 }
 
-// Registers one GetData call for its lifetime.
+// Registers one GetData call (its source and its block) for its lifetime.
 class CInProgressCall {
 public:
-    CInProgressCall(std::string strSource, std::string strBlock)
-        : m_strSource(std::move(strSource)), m_strBlock(std::move(strBlock)) {
-        std::lock_guard<std::mutex> lock(InProgress().mutex);
-        InProgress().sources.insert(m_strSource);
-        InProgress().blocks.insert(m_strBlock);
+    CInProgressCall(const std::string& strSource, std::string strBlock)
+        : m_call(strSource), m_strBlock(std::move(strBlock)) {
+        std::lock_guard<std::mutex> lock(BlocksInProgress().mutex);
+        BlocksInProgress().names.insert(m_strBlock);
     }
     ~CInProgressCall() {
-        std::lock_guard<std::mutex> lock(InProgress().mutex);
-        auto found = InProgress().sources.find(m_strSource);
-        if (found != InProgress().sources.end()) InProgress().sources.erase(found);
-        InProgress().blocks.erase(m_strBlock);
+        std::lock_guard<std::mutex> lock(BlocksInProgress().mutex);
+        BlocksInProgress().names.erase(m_strBlock);
     }
     CInProgressCall(const CInProgressCall&) = delete;
     CInProgressCall& operator=(const CInProgressCall&) = delete;
 
 private:
-    std::string m_strSource;
+    CMOXSourceCall m_call;
     std::string m_strBlock;
 };
 
 }  // namespace
 
-std::vector<std::string> CMOXRequestListCommand::BusySources() {
-    std::lock_guard<std::mutex> lock(InProgress().mutex);
-    std::set<std::string> unique(InProgress().sources.begin(), InProgress().sources.end());
-    return std::vector<std::string>(unique.begin(), unique.end());
-}
-
 void CMOXRequestListCommand::UnlinkBlocksInProgress() {
-    std::lock_guard<std::mutex> lock(InProgress().mutex);
-    for (const std::string& strBlock : InProgress().blocks) {
+    std::lock_guard<std::mutex> lock(BlocksInProgress().mutex);
+    for (const std::string& strBlock : BlocksInProgress().names) {
         MOX_WARN("Data block[%s] still being built at exit: unlinked.", strBlock.c_str());
         shm_unlink(strBlock.c_str());
     }
-    InProgress().blocks.clear();
+    BlocksInProgress().names.clear();
 }
 
 std::vector<std::string> CMOXRequestListCommand::PathsOfDocument(const std::string& strDocument) {
@@ -170,6 +161,7 @@ bool CMOXRequestListCommand::m_AskValidity(IWebSource* pSource, const std::strin
     // ABI-1 sources have no slot for the question: their answers are kept.
     if (CMOXSingleton<CMOXSourceMgr>::Get()->GetSourceAbi(strSource) < 2) return true;
     mox_answer_validity_e eValidity = MOX_ANSWER_NO_KEEP;
+    CMOXSourceCall call(strSource);
     try {
         eValidity = pSource->GetAnswerValidity(strQueryCmd, validity.strStamp);
     } catch (...) {

@@ -40,10 +40,8 @@ public:
 
     void Execute(std::string strCommand) override;
     void Stop() override { __atomic_store_n(&m_bStop, true, __ATOMIC_RELEASE); }
-    // Shutdown with a source stuck in GetData: the sources in a call now
-    // (each name once), and unlinking the data blocks being built, whose
-    // threads may never return.
-    static std::vector<std::string> BusySources();
+    // Shutdown with a source stuck in GetData: unlinks the data blocks being
+    // built, whose threads may never return.
     static void UnlinkBlocksInProgress();
     // The normalised absolute paths a command document names.
     static std::vector<std::string> PathsOfDocument(const std::string& strDocument);
