@@ -20,6 +20,8 @@
 #include <mox_host_paths.h>
 #include <mox_unique_fd.h>
 
+#include "mox_folder_watch.h"
+
 namespace {
 
 struct SGroupList {
@@ -192,8 +194,17 @@ std::string CMOXLocalFolder::Stamp(const std::string& strFolderPath) {
     hash.AddValue(static_cast<uint64_t>(st.st_dev));
     hash.AddValue(static_cast<uint64_t>(st.st_ino));
     AddTimes(hash, st);
-    // The directory's times cover added, removed and renamed entries; a file
-    // rewritten in place changes only its own.
+    // A watched folder: its watch's generation covers its entries.
+    uint64_t nGeneration = 0;
+    if (CMOXFolderWatch::Get().Generation(dirFd, static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino),
+                                          nGeneration)) {
+        hash.AddValue(nGeneration);
+        char szStamp[48];
+        snprintf(szStamp, sizeof(szStamp), "w%016llx", static_cast<unsigned long long>(hash.Value()));
+        return szStamp;
+    }
+    // Unwatched: the directory's times cover added, removed and renamed
+    // entries; a file rewritten in place changes only its own.
     size_t nEntries = 0;
     while (struct dirent* pEntry = readdir(dir.get())) {
         if (pEntry->d_name[0] == '.') continue;

@@ -551,6 +551,8 @@ TEST_F(Requests, ListShowsAddRemoveGrowRenameAndEngineWrites) {
     const size_t nHits = h.CountLog("Hit success, get data from cache.");
     EXPECT_EQ(ListNames(c, handle, doc, n), (V{"a.jpg", "b.jpg", "c.jpg"}));
     EXPECT_EQ(h.CountLog("Hit success, get data from cache."), nHits + 1) << "unchanged folder not cached";
+    // Watched, not stat'ed entry by entry on every hit.
+    EXPECT_EQ(h.CountLog("stamped entry by entry"), 0u);
 
     WriteTextFile(dcim + "/d.jpg", "new");
     EXPECT_EQ(ListNames(c, handle, doc, n), (V{"a.jpg", "b.jpg", "c.jpg", "d.jpg"}));
