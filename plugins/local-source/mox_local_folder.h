@@ -35,7 +35,9 @@ public:
     static mox_error_code_e List(const std::string& strFolderPath, const bool& bStop,
                                  std::vector<SMOXLocalEntry>& entries, std::string& strResolved);
     // A stamp of strFolderPath's current state: its resolved path, device,
-    // inode and change times, and every entry's name, inode, size and times.
+    // inode and change times, and the generation of its watch
+    // (CMOXFolderWatch) or, unwatched, every entry's name, inode, size and
+    // times.
     // Any entry added, removed, renamed or changed, or another storage at the
     // same path, gives another stamp. Empty when the folder can not be read.
     static std::string Stamp(const std::string& strFolderPath);

@@ -10,8 +10,8 @@
 //
 // Detail document: "FilePath"; the answer is the entry's item object.
 //
-// Answers stay valid while the folder's stamp (its identity, times and
-// entries' sizes and times) does. The source keeps no state between calls,
+// Answers stay valid while the folder's stamp (its identity and times, and
+// its watch's generation or else its entries' sizes and times) does. The source keeps no state between calls,
 // so concurrent calls are safe.
 #define MOX_LOG_TAG "MOX-ENGINE"
 
