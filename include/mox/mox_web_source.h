@@ -129,10 +129,10 @@ public:
     // 7. Deletes the object (implementations: `delete this;`).
     virtual void Destroy() = 0;
     // 8 (ABI 2). How the answer to strQueryCmd stays valid. For
-    //    MOX_ANSWER_STAMPED, strStamp receives a short text that changes
-    //    whenever the answer would (for a folder: its identity and change
-    //    times, its entries' sizes and times); an empty stamp means "do not
-    //    keep". Called on every list request before the cache is consulted,
+    //    MOX_ANSWER_STAMPED, strStamp receives a short text (at most 256
+    //    bytes; a longer one is not kept) that changes whenever the answer
+    //    would (for a folder: its identity and change times, its entries'
+    //    sizes and times); an empty stamp means "do not keep". Called on every list request before the cache is consulted,
     //    so it must be much cheaper than GetData. Any thread, concurrently.
     virtual mox_answer_validity_e GetAnswerValidity(const std::string& strQueryCmd, std::string& strStamp) {
         (void)strQueryCmd;

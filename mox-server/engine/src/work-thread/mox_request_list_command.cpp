@@ -169,7 +169,8 @@ bool CMOXRequestListCommand::m_AskValidity(IWebSource* pSource, const std::strin
         validity.strStamp.clear();
         return false;
     }
-    const size_t kMaxStampBytes = 4096;
+    // Kept with every cached answer (up to 8192 of them): short.
+    const size_t kMaxStampBytes = 256;
     switch (eValidity) {
         case MOX_ANSWER_KEEP:
             validity.strStamp.clear();

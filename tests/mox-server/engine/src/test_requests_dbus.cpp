@@ -641,6 +641,14 @@ TEST_F(Requests, StickSwapUnmountAndEngineWritesForgetKeptAnswers) {
     ListNames(c, test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:A","q":1)"), n);
     ListNames(c, test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:A","q":1)"), n);
     EXPECT_EQ(getData(), nAsked + 5);
+    ListNames(c, test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:B","q":1)"), n);
+    EXPECT_EQ(getData(), nAsked + 6);
+    // A stamp above 256 bytes: answered, never kept.
+    const std::string longStamp = ListDoc(R"(["mox_test_source"])",
+                                          R"(,"test_validity":"stamp:)" + std::string(300, 'x') + R"(")");
+    ListNames(c, test, longStamp, n);
+    ListNames(c, test, longStamp, n);
+    EXPECT_EQ(getData(), nAsked + 8);
 }
 
 // bStop becomes true when nobody waits for a list any more, and at shutdown.
