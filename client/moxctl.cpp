@@ -110,6 +110,12 @@ int main(int argc, char** argv) {
     dl->add_flag("--overwrite", download.overwrite, "replace an existing destination");
     dl->callback([&] { run = [&](Context& c) { return RunTransfer(c, download); }; });
 
+    ActArgs act;
+    auto* ac = app.add_subcommand("act", "send an act document (a file, or - for stdin) and print its events");
+    ac->add_option("DOCUMENT", act.document, "the act document, JSON; - reads stdin")->required();
+    ac->add_option("--plugin", act.plugin, "source library to connect (default libmox_ra_source.so)");
+    ac->callback([&] { run = [&](Context& c) { return RunAct(c, act); }; });
+
     std::string mount;
     auto* check = app.add_subcommand("check", "check a mounted storage for media: none, one or several");
     check->add_option("MOUNT", mount, "mount path of the storage")->required();

@@ -27,6 +27,9 @@ enum ExitCode {
     kExitFailed = 1,       // the engine reported a failure
     kExitUsage = 2,        // bad command line
     kExitUnavailable = 3,  // no bus, engine absent, or timed out
+    kExitNoFolder = 4,       // list: not a folder below the USB root
+    kExitSourceFailed = 5,   // list: the source failed or broke its contract
+    kExitSourceRefused = 6,  // list: the source answered with an error code of its own
     kExitInterrupted = 130,
 };
 

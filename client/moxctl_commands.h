@@ -52,6 +52,10 @@ struct TransferArgs {
     bool overwrite = false;
     bool url = false;  // download: src is an http(s) URL
 };
+struct ActArgs {
+    std::string document;  // a file, or "-" for stdin
+    std::string plugin = "libmox_ra_source.so";
+};
 struct MonitorArgs {
     bool all = false;
     int count = 0;  // 0: until interrupted
@@ -73,6 +77,7 @@ int RunList(Context& ctx, const ListArgs& args);
 int RunDetail(Context& ctx, const DetailArgs& args);
 int RunMeta(Context& ctx, const MetaArgs& args);
 int RunTransfer(Context& ctx, const TransferArgs& args);
+int RunAct(Context& ctx, const ActArgs& args);
 
 // Helpers shared by the command files.
 // "photo" for 2 and so on; the number itself when unknown.

@@ -11,6 +11,7 @@
 #include <mox/mox_events.h>
 #include <mox/mox_resultlist.h>
 #include <mox/mox_resultpool.h>
+#include <mox/mox_types.h>
 
 #include "moxctl_commands.h"
 
@@ -70,8 +71,8 @@ public:
         if (event == MOX_EVENT_LIST_SOURCE_ERROR) return kExitOk;  // the source had nothing (an empty folder)
         const Json::Value& name = payload["mox_result_list_block_name"];
         if (event == MOX_EVENT_LIST_FAILED || !name.isString() || name.asString().empty())
-            return m_ctx.Fail(kExitFailed, "the source could not list " + doc["mox_folder_path"].asString() +
-                                               " (not a folder below the USB root?)");
+            return m_FailList(IntMember(payload, "mox_error_code", MOX_ERROR_GENERIC),
+                              doc["mox_folder_path"].asString());
         m_live.insert(name.asString());
         list.reset(new CResultList(name.asString()));
         if (!list->IsLoaded()) {
@@ -141,6 +142,25 @@ public:
     }
 
 private:
+    // One message and exit status per reason a list failed (its error code).
+    int m_FailList(int code, const std::string& folder) const {
+        const std::string shown = CMOXCtlOutput::Printable(folder);
+        switch (code) {
+            case MOX_ERROR_INVALID_PARAMETER:
+                return m_ctx.Fail(kExitNoFolder, shown + " is not a folder below the USB root");
+            case MOX_ERROR_NO_SUCH_SOURCE:
+                return m_ctx.Fail(kExitFailed, "the engine has no such source (connect first)");
+            case MOX_ERROR_SOURCE_CONTRACT:
+                return m_ctx.Fail(kExitSourceFailed, "the source gave a broken answer for " + shown +
+                                                         " (error 32, see the engine's log)");
+            case MOX_ERROR_GENERIC:
+                return m_ctx.Fail(kExitSourceFailed, "the source failed to list " + shown + " (error 23)");
+            default:
+                return m_ctx.Fail(kExitSourceRefused,
+                                  "the source refused to list " + shown + " (error " + std::to_string(code) + ")");
+        }
+    }
+
     Context& m_ctx;
     guint32 m_handle;
     Json::Value m_doc;

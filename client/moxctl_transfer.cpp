@@ -1,9 +1,13 @@
 // copy and download: a "mox_file_transfer" act through the transfer source,
-// progress signals drawn as they come, Ctrl-C turned into stop_act.
+// progress signals drawn as they come, Ctrl-C turned into stop_act. act: any
+// act document against a named plug-in, its events printed as they come.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
 
 #include <glib.h>
 
@@ -181,6 +185,69 @@ int RunTransfer(Context& ctx, const TransferArgs& args) {
                    CMOXCtlOutput::HumanBytes(progress.Done()).c_str(), seconds);
         }
         return kExitOk;
+    }
+}
+
+namespace {
+
+// The document's text, at most kMaxDocument bytes; false (with error) when it
+// cannot be read or is larger.
+bool ReadDocument(const std::string& from, std::string& text, std::string& error) {
+    const size_t kMaxDocument = 1 << 20;
+    std::ifstream file;
+    std::istream* in = &std::cin;
+    if (from != "-") {
+        file.open(from, std::ios::binary);
+        if (!file) {
+            error = "cannot read " + from;
+            return false;
+        }
+        in = &file;
+    }
+    text.clear();
+    char buf[4096];
+    while (in->read(buf, sizeof(buf)) || in->gcount() > 0) {
+        text.append(buf, static_cast<size_t>(in->gcount()));
+        if (text.size() > kMaxDocument) {
+            error = "the document is larger than 1 MiB";
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+int RunAct(Context& ctx, const ActArgs& args) {
+    std::string text, error;
+    if (!ReadDocument(args.document, text, error)) return ctx.Fail(kExitUsage, error);
+    Json::Value doc;
+    if (!CMOXCtlOutput::Parse(text, doc, error) || !doc.isObject() || !doc["mox_command"].isString())
+        return ctx.Fail(kExitUsage, "the document is not a JSON object with a string \"mox_command\"");
+    SourceSession session(ctx);
+    if (int rc = session.Open(args.plugin)) return rc;
+    text = CompactJson(doc);
+    int code = 0;
+    VariantPtr reply = ctx.bus.Call("request_act", g_variant_new("(uss)", session.Handle(), "", text.c_str()),
+                                    nullptr, error, code);
+    if (!reply) return ctx.Fail(code, error);
+    for (;;) {
+        Json::Value payload;
+        auto w = WaitCompletion(ctx.bus, "mox_request_normal_complete", session.Handle(),
+                                [](int e) { return e == MOX_EVENT_ACT_DONE || e == MOX_EVENT_ACT_FAILED || e == MOX_EVENT_ACT_PROGRESS; }, payload);
+        if (w != CMOXCtlBus::Wait::kGot) {
+            // Leaving drops the handle: a request nobody waits for is stopped.
+            int rc = CMOXCtlBus::Describe(w, "the act", error);
+            return w == CMOXCtlBus::Wait::kInterrupted ? rc : ctx.Fail(rc, error);
+        }
+        // One compact JSON line per event, whatever the output mode.
+        printf("%s\n", CompactJson(payload).c_str());
+        fflush(stdout);
+        int event = IntMember(payload, "mox_event_type", MOX_EVENT_ACT_FAILED);
+        if (event == MOX_EVENT_ACT_PROGRESS) continue;
+        if (event == MOX_EVENT_ACT_DONE) return kExitOk;
+        return ctx.Fail(kExitFailed, "the act failed with error " +
+                                         std::to_string(IntMember(payload, "mox_error_code", -1)));
     }
 }
 

@@ -16,6 +16,9 @@ typedef enum {
     MOX_ERROR_GENERIC = 23,
     MOX_ERROR_SCANNER_FIRST = 24,
     MOX_ERROR_SCANNER_LAST = 31,
+    // A source's list answer broke the plug-in contract (negative counts or
+    // lengths, lengths beyond the bytes written, bytes written beyond nLen).
+    MOX_ERROR_SOURCE_CONTRACT = 32,
     // Sources may return any int: these bounds make every one of them a value
     // of the type, so passing a source's code along is never undefined.
     MOX_ERROR_SOURCE_CODE_MIN = -2147483647 - 1,

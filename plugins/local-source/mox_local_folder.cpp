@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -17,6 +19,8 @@
 #include <mox/mox_util.h>
 #include <mox_host_paths.h>
 #include <mox_unique_fd.h>
+
+#include "mox_folder_watch.h"
 
 namespace {
 
@@ -64,16 +68,16 @@ int CMOXLocalFolder::MediaTypeOf(const std::string& strName) {
 }
 
 mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::string& strRoot,
-                                            std::string& strResolved) {
+                                            std::string& strResolved, bool bQuiet) {
     if (strPath.empty() || strPath[0] != '/' || strPath.size() > kMaxPathBytes ||
         strPath.find('\0') != std::string::npos) {
-        MOX_WARN("Refused path[%.256s]: not an absolute path below the USB root.", strPath.c_str());
+        if (!bQuiet) MOX_WARN("Refused path[%.256s]: not an absolute path below the USB root.", strPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
     int nErrno = 0;
     strRoot = RealPath(mox_host::UsbRoot(), nErrno);
     if (strRoot.empty()) {
-        MOX_WARN("USB root[%s] unusable: %s.", mox_host::UsbRoot().c_str(), strerror(nErrno));
+        if (!bQuiet) MOX_WARN("USB root[%s] unusable: %s.", mox_host::UsbRoot().c_str(), strerror(nErrno));
         return MOX_ERROR_INVALID_PARAMETER;
     }
     // Resolved by the kernel beneath the root: a link or ".." leading out is
@@ -83,11 +87,11 @@ mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::str
     mox_util::UniqueFd fd(CMOXConfinedPath(mox_host::UsbRoot()).OpenPath(strPath));
     if (!fd.IsValid()) {
         if (errno == ENOENT) return MOX_ERROR_DETAIL_NOT_FOUND;
-        MOX_WARN("Refused path[%.256s]: not below the USB root.", strPath.c_str());
+        if (!bQuiet) MOX_WARN("Refused path[%.256s]: not below the USB root.", strPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
     if (!CMOXConfinedPath::PathOfDescriptor(fd.Get(), strResolved) || !IsBelow(strRoot, strResolved)) {
-        MOX_WARN("Refused path[%.256s]: not strictly below the USB root.", strPath.c_str());
+        if (!bQuiet) MOX_WARN("Refused path[%.256s]: not strictly below the USB root.", strPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
     return MOX_ERROR_NONE;
@@ -141,6 +145,81 @@ mox_error_code_e CMOXLocalFolder::List(const std::string& strFolderPath, const b
         entries.push_back(std::move(entry));
     }
     return MOX_ERROR_NONE;
+}
+
+namespace {
+
+// FNV-1a over the raw bytes: cheap, and a stamp only needs to change.
+class CStampHash {
+public:
+    void Add(const void* pData, size_t nSize) {
+        const unsigned char* p = static_cast<const unsigned char*>(pData);
+        for (size_t i = 0; i < nSize; ++i) m_nHash = (m_nHash ^ p[i]) * 1099511628211ull;
+    }
+    template <typename T>
+    void AddValue(T value) {
+        Add(&value, sizeof(value));
+    }
+    uint64_t Value() const { return m_nHash; }
+
+private:
+    uint64_t m_nHash = 1469598103934665603ull;
+};
+
+void AddTimes(CStampHash& hash, const struct stat& st) {
+    hash.AddValue(static_cast<int64_t>(st.st_mtim.tv_sec));
+    hash.AddValue(static_cast<int64_t>(st.st_mtim.tv_nsec));
+    hash.AddValue(static_cast<int64_t>(st.st_ctim.tv_sec));
+    hash.AddValue(static_cast<int64_t>(st.st_ctim.tv_nsec));
+}
+
+}  // namespace
+
+std::string CMOXLocalFolder::Stamp(const std::string& strFolderPath) {
+    std::string strRoot, strResolved;
+    // Quiet: the list that follows says what is wrong with the path, once.
+    if (m_Resolve(strFolderPath, strRoot, strResolved, true) != MOX_ERROR_NONE) return std::string();
+    int fd = CMOXConfinedPath(strRoot).OpenDirectoryForRead(strResolved);
+    if (fd < 0) return std::string();
+    std::unique_ptr<DIR, SDirCloser> dir(fdopendir(fd));
+    if (!dir) {
+        close(fd);
+        return std::string();
+    }
+    const int dirFd = dirfd(dir.get());
+    struct stat st;
+    if (fstat(dirFd, &st) != 0) return std::string();
+    CStampHash hash;
+    hash.Add(strResolved.data(), strResolved.size() + 1);
+    hash.AddValue(static_cast<uint64_t>(st.st_dev));
+    hash.AddValue(static_cast<uint64_t>(st.st_ino));
+    AddTimes(hash, st);
+    // A watched folder: its watch's generation covers its entries.
+    uint64_t nGeneration = 0;
+    if (CMOXFolderWatch::Get().Generation(dirFd, static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino),
+                                          nGeneration)) {
+        hash.AddValue(nGeneration);
+        char szStamp[48];
+        snprintf(szStamp, sizeof(szStamp), "w%016llx", static_cast<unsigned long long>(hash.Value()));
+        return szStamp;
+    }
+    // Unwatched: the directory's times cover added, removed and renamed
+    // entries; a file rewritten in place changes only its own.
+    size_t nEntries = 0;
+    while (struct dirent* pEntry = readdir(dir.get())) {
+        if (pEntry->d_name[0] == '.') continue;
+        if (++nEntries > kMaxEntries) break;
+        hash.Add(pEntry->d_name, strlen(pEntry->d_name) + 1);
+        hash.AddValue(static_cast<uint64_t>(pEntry->d_ino));
+        if (fstatat(dirFd, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        hash.AddValue(static_cast<uint32_t>(st.st_mode));
+        hash.AddValue(static_cast<int64_t>(st.st_size));
+        AddTimes(hash, st);
+    }
+    hash.AddValue(static_cast<uint64_t>(nEntries));
+    char szStamp[40];
+    snprintf(szStamp, sizeof(szStamp), "%016llx-%zu", static_cast<unsigned long long>(hash.Value()), nEntries);
+    return szStamp;
 }
 
 mox_error_code_e CMOXLocalFolder::Describe(const std::string& strPath, SMOXLocalEntry& entry,

@@ -34,6 +34,13 @@ public:
     // when it cannot be read. bStop is polled.
     static mox_error_code_e List(const std::string& strFolderPath, const bool& bStop,
                                  std::vector<SMOXLocalEntry>& entries, std::string& strResolved);
+    // A stamp of strFolderPath's current state: its resolved path, device,
+    // inode and change times, and the generation of its watch
+    // (CMOXFolderWatch) or, unwatched, every entry's name, inode, size and
+    // times.
+    // Any entry added, removed, renamed or changed, or another storage at the
+    // same path, gives another stamp. Empty when the folder can not be read.
+    static std::string Stamp(const std::string& strFolderPath);
     // The entry strPath: 5 when it does not exist, 7 when it is not below
     // the root. strFullPath receives its resolved path.
     static mox_error_code_e Describe(const std::string& strPath, SMOXLocalEntry& entry, std::string& strFullPath);
@@ -44,5 +51,7 @@ private:
     // The real path of the root, and of strPath when it resolves (beneath the
     // root, by descriptor) strictly below it; 5 when a name below the root is
     // missing, 7 (warning) otherwise, whatever exists outside.
-    static mox_error_code_e m_Resolve(const std::string& strPath, std::string& strRoot, std::string& strResolved);
+    // bQuiet leaves the warnings to the caller.
+    static mox_error_code_e m_Resolve(const std::string& strPath, std::string& strRoot, std::string& strResolved,
+                                      bool bQuiet = false);
 };

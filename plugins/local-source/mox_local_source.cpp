@@ -10,7 +10,9 @@
 //
 // Detail document: "FilePath"; the answer is the entry's item object.
 //
-// The source keeps no state between calls, so concurrent calls are safe.
+// Answers stay valid while the folder's stamp (its identity and times, and
+// its watch's generation or else its entries' sizes and times) does. The source keeps no state between calls,
+// so concurrent calls are safe.
 #define MOX_LOG_TAG "MOX-ENGINE"
 
 #include <algorithm>
@@ -98,6 +100,15 @@ public:
                              std::vector<mox_data_length_s>& lengths) override;
     mox_error_code_e GetDetail(bool& bStop, std::string& strCommand, std::string& strResult) override;
     void Destroy() override { delete this; }
+    // A folder's answer stays valid while the folder's stamp does.
+    mox_answer_validity_e GetAnswerValidity(const std::string& strQueryCmd, std::string& strStamp) override {
+        strStamp.clear();
+        CJsonValue doc(strQueryCmd);
+        std::string strFolder;
+        if (doc.IsValid() && doc.IsString("mox_folder_path") && doc.Get("mox_folder_path", strFolder))
+            strStamp = CMOXLocalFolder::Stamp(strFolder);
+        return MOX_ANSWER_STAMPED;  // an empty stamp: asked afresh, not kept
+    }
 };
 
 mox_error_code_e CMOXLocalSource::GetData(bool& bStop, std::string& strQueryCmd, FILE* stream, int& nLen,
@@ -153,7 +164,7 @@ mox_error_code_e CMOXLocalSource::GetData(bool& bStop, std::string& strQueryCmd,
     const std::string strPrefix = strResolved + '/';
     long long llWritten = 0;
     for (int i = nStart; i <= nLast; ++i) {
-        if (bStop) return MOX_ERROR_GENERIC;
+        if (MoxStopRequested(bStop)) return MOX_ERROR_GENERIC;
         std::string strItem = ItemJson(entries[i], strPrefix + entries[i].strName);
         if (llWritten + static_cast<long long>(strItem.size()) > INT_MAX / 2 ||
             fwrite(strItem.data(), 1, strItem.size(), stream) != strItem.size()) {

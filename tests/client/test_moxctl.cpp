@@ -215,10 +215,17 @@ TEST_F(Moxctl, ListDetailCheckThumbsLeaveNoResultList) {
     EXPECT_NE(r.out.find("e\\x1b[2Jx.jpg"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find('\x1b'), std::string::npos);
 
-    // Failures: one line on stderr and status 1; nothing left behind.
+    // Failures: one line on stderr and a status per reason; nothing left
+    // behind. Outside the USB root or not a folder: 4; an empty folder is no
+    // failure.
     r = Ctl({"list", h.Path("")});
-    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.status, 4);
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_NE(r.err.find("is not a folder below the USB root"), std::string::npos) << r.err;
+    EXPECT_EQ(Ctl({"list", photos + "/b.jpg"}).status, 4);
+    r = Ctl({"list", photos + "/Album"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("is empty."), std::string::npos) << r.out;
     r = Ctl({"list", photos, "--plugin", "libnone.so"});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("libnone.so"), std::string::npos);
@@ -320,9 +327,30 @@ TEST_F(Moxctl, CopyDownloadAndStop) {
     std::string mount = Plug("sdf1");
     std::string src = mount + "/movie.bin";
     WriteTextFile(src, std::string(3 << 20, 'm'));
+    EXPECT_EQ(Parse(Ctl({"--json", "list", mount}).out)["items"].size(), 1u);
     Outcome r = Ctl({"--json", "copy", src, mount + "/copy.bin"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Parse(r.out.substr(r.out.rfind('\n', r.out.size() - 2) + 1))["result"].asString(), "done");
+    // The engine's copy shows in the next list of the folder.
+    EXPECT_EQ(Parse(Ctl({"--json", "list", mount}).out)["items"].size(), 2u);
+
+    // act: any document, each event one JSON line; status 0 / 1 / 2.
+    const std::string album = h.Path("album.json");
+    WriteTextFile(album, R"({"mox_command":"mox_create_album","mox_source":"mox_ra_source","mox_album_path":")" +
+                             mount + R"(/Album"})");
+    r = Ctl({"act", album});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(Parse(r.out)["mox_event_type"].asInt(), 6) << r.out;
+    EXPECT_TRUE(std::filesystem::is_directory(mount + "/Album"));
+    EXPECT_EQ(Parse(Ctl({"--json", "list", mount}).out)["items"].size(), 3u);
+    WriteTextFile(album, R"({"mox_command":"mox_create_album","mox_source":"mox_ra_source","mox_album_path":")" +
+                             h.Path("outside") + R"("})");
+    r = Ctl({"act", album});
+    EXPECT_EQ(r.status, 1) << r.out;
+    EXPECT_EQ(Parse(r.out)["mox_event_type"].asInt(), 7) << r.out;
+    WriteTextFile(album, "[1]");
+    EXPECT_EQ(Ctl({"act", album}).status, 2);
+    EXPECT_EQ(Ctl({"act", h.Path("missing.json")}).status, 2);
     // Existing destination without --overwrite: the engine's failure, status 1.
     r = Ctl({"copy", src, mount + "/copy.bin"});
     EXPECT_EQ(r.status, 1);

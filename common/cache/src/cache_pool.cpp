@@ -1,6 +1,8 @@
 #define MOX_LOG_TAG "MOX-CACHE"
 #include "cache_pool.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 
 #include <mox/mox_log.h>
@@ -47,6 +49,13 @@ CCachePool::~CCachePool() {
 }
 
 bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& strShmName) {
+    SCacheValidity validity;
+    validity.nGeneration = GetGeneration();
+    return Add(std::move(strQuery), builder, strShmName, validity);
+}
+
+bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& strShmName,
+                     const SCacheValidity& validity) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!builder.IsBuilt()) {
         MOX_WARN("Builder[%s] holds no built block, free it.", builder.GetName().c_str());
@@ -56,6 +65,18 @@ bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& 
     std::unique_ptr<CCacheBlock> pBlock = builder.Release();
     assert(pBlock != nullptr);
 
+    // Asked for before an invalidation: it may show what is gone, so it
+    // answers this request only.
+    const bool bKeep = validity.bKeep && validity.nGeneration == m_nGeneration;
+    if (!bKeep) {
+        std::string strName = pBlock->GetName();
+        const int nCacheId = pBlock->GetCacheId();
+        if (pBlock->GetType() == MOX_CACHE_BLOCK_PERSISTANT || !m_Add(std::string(), std::move(pBlock), false))
+            return false;
+        MOX_DEBUG("Block[%d] answers url[%s] once, not kept.", nCacheId, UrlForLog(strQuery).c_str());
+        strShmName = strName;
+        return true;
+    }
     if (CCacheBlock* pHit = m_HitCache(strQuery)) {
         MOX_DEBUG("Already exist block with url[%s], remove block[%d].", UrlForLog(strQuery).c_str(),
                   pBlock->GetCacheId());
@@ -72,9 +93,107 @@ bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& 
         MOX_DEBUG("Add block[%d] fail, remove it.", nCacheId);
         return false;
     }
+    if (m_cacheIdToQueryMap.count(nCacheId) && (!validity.strStamp.empty() || !validity.paths.empty()))
+        m_validityMap[nCacheId] = validity;
     strShmName = strName;
     MOX_INFO("Add block[%s] success", strName.c_str());
     return true;
+}
+
+bool CCachePool::HitCache(std::string strQuery, std::string& strShmName, const std::string& strStamp) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto query = m_queryToCacheIdMap.find(strQuery);
+    if (query != m_queryToCacheIdMap.end()) {
+        auto validity = m_validityMap.find(query->second);
+        const std::string strKept = validity == m_validityMap.end() ? std::string() : validity->second.strStamp;
+        if (strKept != strStamp) {
+            MOX_DEBUG("Block[%d] of url[%s] is stale, forget it.", query->second, UrlForLog(strQuery).c_str());
+            m_Forget(query->second);
+            return false;
+        }
+    }
+    CCacheBlock* pBlock = m_HitCache(strQuery);
+    if (pBlock == nullptr) return false;
+    strShmName = pBlock->GetName();
+    return true;
+}
+
+std::string CCachePool::NormalisePath(const std::string& strPath) {
+    if (strPath.empty() || strPath[0] != '/') return std::string();
+    std::vector<std::string> parts;
+    size_t nPos = 0;
+    while (nPos <= strPath.size()) {
+        size_t nEnd = strPath.find('/', nPos);
+        if (nEnd == std::string::npos) nEnd = strPath.size();
+        std::string strPart = strPath.substr(nPos, nEnd - nPos);
+        if (strPart == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!strPart.empty() && strPart != ".") {
+            parts.push_back(std::move(strPart));
+        }
+        nPos = nEnd + 1;
+    }
+    std::string strNormal;
+    for (const std::string& strPart : parts) strNormal += "/" + strPart;
+    return strNormal.empty() ? "/" : strNormal;
+}
+
+namespace {
+
+// strPath is strBase or below it.
+bool IsAtOrBelow(const std::string& strPath, const std::string& strBase) {
+    if (strBase == "/") return true;
+    return strPath.compare(0, strBase.size(), strBase) == 0 &&
+           (strPath.size() == strBase.size() || strPath[strBase.size()] == '/');
+}
+
+}  // namespace
+
+int CCachePool::ForgetTouching(const std::string& strPath) {
+    const std::string strNormal = NormalisePath(strPath);
+    if (strNormal.empty()) return 0;
+    std::string strParent = strNormal.substr(0, strNormal.find_last_of('/'));
+    if (strParent.empty()) strParent = "/";
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_nGeneration;
+    std::vector<int> victims;
+    for (const auto& entry : m_validityMap) {
+        for (const std::string& strNamed : entry.second.paths) {
+            if (IsAtOrBelow(strNamed, strNormal) || strNamed == strParent) {
+                victims.push_back(entry.first);
+                break;
+            }
+        }
+    }
+    for (int nCacheId : victims) m_Forget(nCacheId);
+    if (!victims.empty())
+        MOX_INFO("%zu cached answers touching [%.256s] forgotten.", victims.size(), strNormal.c_str());
+    return static_cast<int>(victims.size());
+}
+
+void CCachePool::UnlinkAllAtExit() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (const auto* pMap : {&m_committedBlockMap, &m_cachePoolBlockMap})
+        for (const auto& entry : *pMap) shm_unlink(entry.second->GetName().c_str());
+    for (const auto& entry : m_persistantBlockMap) shm_unlink(entry.second->GetName().c_str());
+}
+
+uint64_t CCachePool::GetGeneration() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_nGeneration;
+}
+
+void CCachePool::m_Forget(int nCacheId) {
+    m_EraseQueryOf(nCacheId);
+    auto cached = m_cachePoolBlockMap.find(nCacheId);
+    if (cached != m_cachePoolBlockMap.end()) {
+        auto lru = std::find(m_LRUIndexes.begin(), m_LRUIndexes.end(), nCacheId);
+        if (lru != m_LRUIndexes.end()) m_LRUIndexes.erase(lru);
+        m_nUsedSize -= cached->second->GetSize();
+        m_cachePoolBlockMap.erase(cached);  // destroys the block, unlinking its object
+        return;
+    }
+    if (m_committedBlockMap.count(nCacheId)) m_unkeptIds.insert(nCacheId);
 }
 
 bool CCachePool::HitCache(std::string strQuery, std::string& strShmName) {
@@ -175,6 +294,7 @@ bool CCachePool::m_EraseQueryOf(int nCacheId) {
     if (reverse == m_cacheIdToQueryMap.end()) return false;
     m_nQueryTextBytes -= static_cast<int64_t>(reverse->second->first.size());
     m_queryToCacheIdMap.erase(reverse->second);
+    m_validityMap.erase(nCacheId);
     m_cacheIdToQueryMap.erase(reverse);
     return true;
 }
@@ -231,7 +351,7 @@ bool CCachePool::m_MakeRoomForText(size_t nTextSize) {
     return true;
 }
 
-bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock) {
+bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock, bool bKeepQuery) {
     assert(pBlock != nullptr);
     const int nSize = pBlock->GetSize();
     const int nCacheId = pBlock->GetCacheId();
@@ -254,7 +374,9 @@ bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock
     // The block answers this request in any case; only a query text within
     // the bounds is kept for later identical queries.
     bool bKeep = false;
-    if (strQuery.size() > static_cast<size_t>(kMaxQueryTextSize)) {
+    if (!bKeepQuery) {
+        // Answers this request only.
+    } else if (strQuery.size() > static_cast<size_t>(kMaxQueryTextSize)) {
         MOX_POOL_LIMIT(m_bQueryTooLongWarned, "Query text of %zu bytes is above %d: its answer[%d] is not cached.",
                        strQuery.size(), kMaxQueryTextSize, nCacheId);
     } else if (!m_MakeRoomForText(strQuery.size())) {

@@ -15,6 +15,13 @@
 // does not fit under the entry or memory bound is refused. Each bound logs
 // one warning when it starts to bite (debug lines until it is relieved).
 //
+// Validity: an answer is kept with what keeps it valid (SCacheValidity): the
+// source's stamp, checked on every hit, and the storage paths its query
+// names. ForgetTouching(path) makes every answer naming that path, a path
+// below it or its parent folder unreachable at once (storage events, the
+// engine's own writes); a block still held then goes when it is released.
+// An answer built while such an invalidation ran is served but not kept.
+//
 // A block record leaves the pool only by being destroyed, which unlinks its
 // shared-memory object. Every public operation holds m_mutex for its whole
 // duration, so request threads of several commands may call concurrently;
@@ -32,6 +39,14 @@
 
 #include "cache_block.h"
 #include "cache_builder.h"
+
+// What keeps a cached answer valid.
+struct SCacheValidity {
+    bool bKeep = true;               // false: answer this request only
+    std::string strStamp;            // compared on every hit when not empty
+    std::vector<std::string> paths;  // normalised storage paths the query names
+    uint64_t nGeneration = 0;        // GetGeneration() when the answer was asked for
+};
 
 class CCachePool {
 public:
@@ -53,8 +68,24 @@ public:
     // builder holds no built block (it is freed) or when the block cannot be
     // admitted under the limit (it is destroyed).
     bool Add(std::string strQuery, CCacheBuilder& builder, std::string& strShmName);
+    // As above, with what keeps the answer valid.
+    bool Add(std::string strQuery, CCacheBuilder& builder, std::string& strShmName, const SCacheValidity& validity);
     // On a hit, counts one more client of the block and returns its name.
     bool HitCache(std::string strQuery, std::string& strShmName);
+    // As above, but a kept answer whose stamp differs from strStamp is
+    // forgotten and the lookup misses.
+    bool HitCache(std::string strQuery, std::string& strShmName, const std::string& strStamp);
+    // Forgets every kept answer whose query names strPath, a path below it
+    // or its parent folder; returns how many.
+    int ForgetTouching(const std::string& strPath);
+    // Shutdown while commands still run (the pool then stays): unlinks the
+    // object of every block it holds; the records stay for their users.
+    void UnlinkAllAtExit();
+    // Counts invalidations: an answer asked for before the last one is not kept.
+    uint64_t GetGeneration();
+    // strPath with "." components, repeated and trailing slashes removed and
+    // ".." applied lexically; empty for a path that is not absolute.
+    static std::string NormalisePath(const std::string& strPath);
     // One client lets go of block nCacheId.
     void Delete(int nCacheId);
     // Drops the persistent block of strQuery, then lets go of its other block.
@@ -71,7 +102,7 @@ public:
 
 private:
     CCacheBlock* m_HitCache(std::string strQuery);
-    bool m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock);
+    bool m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock, bool bKeepQuery = true);
     bool m_AddPersistant(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock);
     // Evicts the oldest released block (and its query); false when none is left.
     bool m_EvictOldest();
@@ -87,8 +118,11 @@ private:
     void m_DeactiveCacheBlock(int nCacheId);
     void m_Delete(int nCacheId);
     void m_Delete(std::string strQuery);
-    // Erases the query mapped to nCacheId; false if none.
+    // Erases the query mapped to nCacheId (and its validity); false if none.
     bool m_EraseQueryOf(int nCacheId);
+    // Makes block nCacheId unreachable: a released one is destroyed, a held
+    // one goes when released.
+    void m_Forget(int nCacheId);
     void m_Print();
 
     std::mutex m_mutex;
@@ -104,6 +138,9 @@ private:
     int m_nUsedSize = 0;  // GUARDED_BY(m_mutex)
     // Sum of the sizes of the keys of m_queryToCacheIdMap and m_persistantBlockMap.
     int64_t m_nQueryTextBytes = 0;  // GUARDED_BY(m_mutex)
+    // What keeps each kept query's answer valid, by cache id.
+    std::map<int, SCacheValidity> m_validityMap;  // GUARDED_BY(m_mutex)
+    uint64_t m_nGeneration = 0;                  // GUARDED_BY(m_mutex)
     // Committed blocks without a kept query: destroyed when released.
     std::set<int> m_unkeptIds;  // GUARDED_BY(m_mutex)
     bool m_bMemoryLimitWarned = false;     // GUARDED_BY(m_mutex)

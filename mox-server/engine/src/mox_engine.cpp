@@ -36,6 +36,7 @@
 #include "cache_pool.h"
 #include "mox_bus_service.h"
 #include "mox_engine_imp.h"
+#include "mox_request_list_command.h"
 #include "mox_scanner_manager.h"
 #include "mox_source_manager.h"
 #include "mox_storage_manager.h"
@@ -196,6 +197,10 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) 
         MOX_WARN("mount_path == NULL");
         return;
     }
+    // No answer listed from a storage outlives it: another stick mounted at
+    // the same path must show only its own files (a mount clears too, in
+    // case the unmount was never reported).
+    CMOXSingleton<CCachePool>::Get()->ForgetTouching(strMountPath);
     if (event == MOX_STORAGE_CONNECTED) {
         // Scanning is requested by clients; nothing to do on a mount.
         MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());
@@ -239,15 +244,24 @@ bool parseIntrospectionData() {
     return true;
 }
 
+// The engine left alive for commands that did not end at shutdown.
+CMOXEngineImp* g_pEngineAtExit = nullptr;
+
 // The engine drops the result lists clients still hold; the sources, the
 // cached blocks and the UHD provider go only when no command runs any more.
 void shutDownEngine(std::unique_ptr<CMOXEngineImp> pEngine) {
-    bool bIdle = pEngine->WaitIdle(std::chrono::seconds(10));
-    pEngine.reset();
-    if (!bIdle) {
-        MOX_WARN("Commands still running: sources and cache kept until exit.");
+    if (!pEngine->Shutdown()) {
+        // A source stuck in a call: its thread still reaches the engine, the
+        // pool and the source when (if) it returns, so they stay; everything
+        // else is closed and no object of ours outlives the process.
+        MOX_WARN("Commands still running: the sources they call and the cache kept until exit.");
+        CMOXSingleton<CMOXSourceMgr>::Get()->CloseIdleSources();
+        CMOXRequestListCommand::UnlinkBlocksInProgress();
+        CMOXSingleton<CCachePool>::Get()->UnlinkAllAtExit();
+        g_pEngineAtExit = pEngine.release();
         return;
     }
+    pEngine.reset();
     CMOXSingleton<CMOXSourceMgr>::Destroy();
     CMOXSingleton<CCachePool>::Destroy();
     CMOXSingleton<CMOXUHDDataMgr>::Destroy();

@@ -31,16 +31,23 @@ const char kMetaKey = 'M';
 CMOXEngineImp::CMOXEngineImp(IMOXSignalSink& sink) : m_sink(sink) {}
 
 CMOXEngineImp::~CMOXEngineImp() {
+    if (!Shutdown()) MOX_WARN("Commands still running at shutdown.");
+}
+
+bool CMOXEngineImp::Shutdown() {
     {
-        // Transfers can run for minutes: ask every command to give up.
+        // Transfers can run for minutes and sources can sleep: ask every
+        // command to give up.
         std::lock_guard<std::mutex> lock(m_mutex);
         for (auto& entry : m_workers)
             if (entry.second->pCommand) entry.second->pCommand->Stop();
     }
-    if (!WaitIdle(std::chrono::seconds(10))) MOX_WARN("Commands still running at shutdown.");
+    // Bounded: a source stuck in a call must not hold the daemon's exit.
+    const bool bIdle = WaitIdle(kShutdownWait);
     std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& entry : m_deliveredLists) m_DropList(entry.first);
     m_deliveredLists.clear();
+    return bIdle;
 }
 
 bool CMOXEngineImp::WaitIdle(std::chrono::milliseconds timeout) {
@@ -316,6 +323,7 @@ bool CMOXEngineImp::Disconnect(guint32 nHandleId, const connect_info_s& caller) 
             // The job's blocks are not let go here: a list nobody wants any
             // more is dropped, blocks included, when the job completes.
         }
+        m_StopIfUnwanted(*entry.second);
     }
     m_EmitEvent(caller, MOX_EVENT_DISCONNECTED, nHandleId);
     return true;
@@ -381,16 +389,13 @@ void CMOXEngineImp::RemoveClient(const std::string& strUniqueName) {
     std::lock_guard<std::mutex> lock(m_mutex);
     int nCancelled = 0;
     for (auto& entry : m_workers) {
-        bool bWanted = false;
         for (auto& pRequester : entry.second->requesters) {
             if (pRequester->client.sender == strUniqueName && pRequester->nCancelled == 0) {
                 pRequester->nCancelled = 1;
                 ++nCancelled;
             }
-            bWanted = bWanted || pRequester->nCancelled == 0;
         }
-        // Nobody waits any more: a transfer or detail need not run on.
-        if (!bWanted && entry.second->pCommand) entry.second->pCommand->Stop();
+        m_StopIfUnwanted(*entry.second);
     }
     int nDropped = 0;
     for (auto it = m_deliveredLists.begin(); it != m_deliveredLists.end();) {
@@ -408,6 +413,14 @@ void CMOXEngineImp::RemoveClient(const std::string& strUniqueName) {
     if (nCancelled || nDropped)
         MOX_INFO("Client[%s] left the bus: %d requests cancelled, %d result lists dropped.", strUniqueName.c_str(),
                  nCancelled, nDropped);
+}
+
+void CMOXEngineImp::m_StopIfUnwanted(WorkerThreadJob& job) {
+    for (const auto& pRequester : job.requesters)
+        if (pRequester->nCancelled == 0) return;
+    // Nobody waits any more: the command (and the source it calls) need not
+    // run on.
+    if (job.pCommand) job.pCommand->Stop();
 }
 
 void CMOXEngineImp::m_ReleaseJob(WorkerThreadJob* pJob) {
@@ -442,6 +455,11 @@ void CMOXEngineImp::m_OnListDone(WorkerThreadJob* pJob, const std::string& strSh
         payload.Set("mox_event_type", nEventType);
         payload.Set("mox_handle_id", pRequester->nHandleId);
         payload.Set("mox_result_list_block_name", strShmName);
+        // Every failure says why: empty folder (6), no such folder (7), no
+        // such source (4), source failed (23 or its own code), broken
+        // answer (32).
+        if (nEventType != MOX_EVENT_LIST_READY)
+            payload.Set("mox_error_code", static_cast<int>(eError == MOX_ERROR_NONE ? MOX_ERROR_GENERIC : eError));
         std::string strPayload = payload.ToString();
         MOX_DEBUG("strQueryCmd[%s].", mox_bus::ForLog(pJob->strQueryCmd).c_str());
         MOX_DEBUG("Emit signal[%s]", strPayload.c_str());

@@ -87,6 +87,8 @@ struct WorkerThreadJob {
 class CMOXEngineImp {
 public:
     static constexpr size_t kMaxJobs = 64;
+    // How long shutdown waits for stopped commands to end.
+    static constexpr std::chrono::milliseconds kShutdownWait{2500};
     static constexpr size_t kMaxJobsPerClient = 16;
     static constexpr size_t kMaxTransfersPerClient = 8;
     static constexpr size_t kMaxRequestsPerClient = 256;
@@ -138,6 +140,10 @@ public:
 
     // True once no job is running (waits up to `timeout`).
     bool WaitIdle(std::chrono::milliseconds timeout);
+    // Shutdown: asks every command to stop, waits at most kShutdownWait for
+    // them and drops the result lists clients still hold. False when some
+    // command still runs: the engine must then outlive it (never destroyed).
+    bool Shutdown();
 
     // Device checks and folder thumbnails (mox_engine_imp_scan.cpp). Start
     // and remove calls run on the main loop (removals by device also on the
@@ -209,6 +215,9 @@ private:
     bool m_Execute(std::unique_lock<std::mutex>& lock, IMOXCommand* pCommand, const std::string& strCommand);
     // Frees the job's requesters and removes the job. Requires m_mutex.
     void m_ReleaseJob(WorkerThreadJob* pJob);
+    // Stops the job's command when none of its requesters waits any more.
+    // Requires m_mutex.
+    void m_StopIfUnwanted(WorkerThreadJob& job);
     void m_AddToShare(const Requester& requester);       // requires m_mutex
     void m_RemoveFromShare(const Requester& requester);  // requires m_mutex
     // Unlinks a result list and lets go of its blocks; false when a block

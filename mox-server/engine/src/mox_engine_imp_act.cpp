@@ -13,6 +13,7 @@
 #include "mox_act_command.h"
 #include "mox_bus_text.h"
 #include "mox_command_factory.h"
+#include "mox_request_list_command.h"
 
 namespace {
 
@@ -144,6 +145,10 @@ void CMOXEngineImp::m_OnActDone(WorkerThreadJob* pJob, const std::string& strRes
     MOX_TRACE("In CMOXEngineImp::m_ActCompeleteCb().");
     const std::string strTimes = CJsonValue(pJob->strQueryCmd).StringOr("mox_act_request_times");
     if (eError != MOX_ERROR_NONE) MOX_WARN("Act ended with code[%d].", static_cast<int>(eError));
+    // Transfers and created albums change the folders the act names, even
+    // when it failed half-way: their listed answers go at once.
+    for (const std::string& strPath : CMOXRequestListCommand::PathsOfDocument(pJob->strQueryCmd))
+        CMOXSingleton<CCachePool>::Get()->ForgetTouching(strPath);
     std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;

@@ -1,8 +1,10 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_source_manager.h"
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
+#include <set>
 #include <vector>
 
 #include <glib.h>
@@ -102,12 +104,19 @@ bool CMOXSourceMgr::m_InstallPlugin(std::string strPath) {
         MOX_WARN("%s.", LastDlError());
         return false;
     }
+    // Checked now, so that a broken library is refused at connect rather
+    // than at its first list.
+    if (!LookUp<mox_create_source_fn>(library.get(), "CreateSource")) {
+        MOX_WARN("%s.", LastDlError());
+        return false;
+    }
+    int nAbi = 0;
     std::vector<std::string> names;
     try {
-        int nAbi = pfnAbi();
-        if (nAbi != MOX_WEB_SOURCE_ABI_VERSION) {
-            MOX_WARN("Plugin[%s] built for source ABI %d, engine has %d: refused.", strPath.c_str(), nAbi,
-                     MOX_WEB_SOURCE_ABI_VERSION);
+        nAbi = pfnAbi();
+        if (nAbi < MOX_WEB_SOURCE_MIN_ABI_VERSION || nAbi > MOX_WEB_SOURCE_ABI_VERSION) {
+            MOX_WARN("Plugin[%s] built for source ABI %d, engine has %d to %d: refused.", strPath.c_str(), nAbi,
+                     MOX_WEB_SOURCE_MIN_ABI_VERSION, MOX_WEB_SOURCE_ABI_VERSION);
             return false;
         }
         int nCount = pfnCount();
@@ -132,7 +141,8 @@ bool CMOXSourceMgr::m_InstallPlugin(std::string strPath) {
     }
     for (const std::string& name : names) {
         MOX_INFO("szSourceName = %s.", name.c_str());
-        m_plugins.emplace(name, library.get());  // an existing name keeps its first library
+        // An existing name keeps its first library.
+        if (m_plugins.emplace(name, library.get()).second) m_abis[name] = nAbi;
     }
     m_libraries.emplace(strPath, std::move(library));
     MOX_DEBUG("Success to install plugin[%s].", strPath.c_str());
@@ -164,6 +174,58 @@ IWebSource* CMOXSourceMgr::GetSource(std::string strSourceName) {
     }
     m_sources.emplace(strSourceName, pSource);
     return pSource;
+}
+
+namespace {
+
+struct SBusySources {
+    std::mutex mutex;
+    std::multiset<std::string> names;  // GUARDED_BY(mutex)
+};
+
+SBusySources& Busy() {
+    // Never destroyed: a stuck command thread may still leave its call at exit.
+    static SBusySources* s_pBusy = new SBusySources();
+    return *s_pBusy;
+}
+
+}  // namespace
+
+CMOXSourceCall::CMOXSourceCall(std::string strSourceName) : m_strSourceName(std::move(strSourceName)) {
+    std::lock_guard<std::mutex> lock(Busy().mutex);
+    Busy().names.insert(m_strSourceName);
+}
+
+CMOXSourceCall::~CMOXSourceCall() {
+    std::lock_guard<std::mutex> lock(Busy().mutex);
+    auto found = Busy().names.find(m_strSourceName);
+    if (found != Busy().names.end()) Busy().names.erase(found);
+}
+
+std::vector<std::string> CMOXSourceMgr::BusySources() {
+    std::lock_guard<std::mutex> lock(Busy().mutex);
+    std::set<std::string> unique(Busy().names.begin(), Busy().names.end());
+    return std::vector<std::string>(unique.begin(), unique.end());
+}
+
+void CMOXSourceMgr::CloseIdleSources() {
+    const std::vector<std::string> busy = BusySources();
+    mox::MutexLock lock(m_mutex);
+    for (auto it = m_sources.begin(); it != m_sources.end();) {
+        if (std::find(busy.begin(), busy.end(), it->first) != busy.end()) {
+            MOX_WARN("Source[%s] is stuck in a call at exit: not closed.", it->first.c_str());
+            ++it;
+            continue;
+        }
+        m_DestroySource(it->first, it->second);
+        it = m_sources.erase(it);
+    }
+}
+
+int CMOXSourceMgr::GetSourceAbi(const std::string& strSourceName) {
+    mox::MutexLock lock(m_mutex);
+    auto found = m_abis.find(strSourceName);
+    return found == m_abis.end() ? 0 : found->second;
 }
 
 IWebSource* CMOXSourceMgr::m_CreateSource(const std::string& strSourceName) {

@@ -14,9 +14,12 @@
 
 #include <mox/mox_confined_path.h>
 #include <mox/mox_log.h>
+#include <mox/mox_singleton.h>
 #include <mox/mox_util.h>
 #include <mox_host_paths.h>
 #include <mox_unique_fd.h>
+
+#include "cache_pool.h"
 
 using mox_util::UniqueFd;
 
@@ -132,7 +135,10 @@ bool CMOXUsbFile::Write(const std::string& path, const std::string& shmName, uid
         return true;
     };
     int error = 0;
-    if (!root.Replace(path, 0644, fill, error)) {
+    const bool bReplaced = root.Replace(path, 0644, fill, error);
+    // Listed answers of the folder show what was there before.
+    CMOXSingleton<CCachePool>::Get()->ForgetTouching(path);
+    if (!bReplaced) {
         MOX_WARN("CMOXUtil: fopen [%s] failed. (%s)", logPath.c_str(),
                  error == EXDEV ? "leads out of the USB root" : strerror(error));
         return false;
@@ -148,6 +154,7 @@ bool CMOXUsbFile::Remove(const std::string& path) {
     if (!root.Relative(path, relative)) {
         error = EXDEV;
     } else if (root.Remove(path, error)) {
+        CMOXSingleton<CCachePool>::Get()->ForgetTouching(path);
         return true;
     }
     MOX_WARN("CMOXUtil: remove [%s] failed. (%s)", logPath.c_str(),

@@ -362,3 +362,82 @@ TEST(CachePoolBounds, HeldBlocksFillTheBoundsNotKeptOrRefusedWithOneWarning) {
         pool.Delete(IdOf(h));
     }
 }
+
+namespace {
+
+std::string AddValid(CCachePool& pool, const std::string& strQuery, const SCacheValidity& validity) {
+    CCacheBuilder builder(MOX_CACHE_BLOCK_LRU);
+    BuildBlockOfSize(builder, 100);
+    std::string name;
+    if (!pool.Add(strQuery, builder, name, validity)) return "";
+    return name;
+}
+
+SCacheValidity Naming(CCachePool& pool, std::vector<std::string> paths, std::string strStamp = "") {
+    SCacheValidity validity;
+    validity.nGeneration = pool.GetGeneration();
+    validity.paths = std::move(paths);
+    validity.strStamp = std::move(strStamp);
+    return validity;
+}
+
+}  // namespace
+
+// Kept answers are forgotten by the paths they name (at, below, or the
+// parent of the touched path, never a mere name prefix), by a changed stamp,
+// and when they were asked for before an invalidation; held blocks stay
+// readable until released, released ones go at once.
+TEST(CachePoolValidity, ForgetByPathStampAndGeneration) {
+    EXPECT_EQ(CCachePool::NormalisePath("/a//b/./c/../d/"), "/a/b/d");
+    EXPECT_EQ(CCachePool::NormalisePath("/.."), "/");
+    EXPECT_EQ(CCachePool::NormalisePath("rel/a"), "");
+
+    CCachePool pool;
+    const std::string stick = AddValid(pool, "stick", Naming(pool, {"/usb/sdb1/DCIM"}));
+    const std::string prefix = AddValid(pool, "prefix", Naming(pool, {"/usb/sdb10"}));
+    const std::string parent = AddValid(pool, "parent", Naming(pool, {"/usb"}));
+    const std::string other = AddValid(pool, "other", Naming(pool, {"/usb/sdc1"}));
+    for (const std::string& name : {stick, prefix, parent, other}) ASSERT_FALSE(name.empty());
+    pool.Delete(IdOf(stick));  // released: goes at once when forgotten
+    // "parent", "prefix" and "other" stay held by their first client.
+
+    EXPECT_EQ(pool.ForgetTouching("/usb/sdb1"), 2);  // stick (below) and parent (its parent)
+    std::string hit;
+    EXPECT_FALSE(pool.HitCache("stick", hit));
+    EXPECT_FALSE(pool.HitCache("parent", hit));
+    EXPECT_TRUE(pool.HitCache("prefix", hit));
+    EXPECT_TRUE(pool.HitCache("other", hit, ""));
+    EXPECT_FALSE(moxtest::ShmExists(stick));
+    EXPECT_TRUE(moxtest::ShmExists(parent));  // a client still reads it
+    pool.Delete(IdOf(parent));
+    EXPECT_FALSE(moxtest::ShmExists(parent));
+    EXPECT_EQ(pool.GetBlockState(IdOf(parent)), CCachePool::kBlockUnknown);
+
+    // A stamp that differs forgets the answer; the same one hits.
+    const std::string stamped = AddValid(pool, "stamped", Naming(pool, {}, "s1"));
+    pool.Delete(IdOf(stamped));
+    EXPECT_TRUE(pool.HitCache("stamped", hit, "s1"));
+    pool.Delete(IdOf(stamped));
+    EXPECT_FALSE(pool.HitCache("stamped", hit, "s2"));
+    EXPECT_FALSE(moxtest::ShmExists(stamped));
+
+    // Asked for before an invalidation: answers this request only.
+    SCacheValidity old = Naming(pool, {"/usb/sdd1"});
+    pool.ForgetTouching("/elsewhere");
+    const std::string late = AddValid(pool, "late", old);
+    ASSERT_FALSE(late.empty());
+    EXPECT_FALSE(pool.HitCache("late", hit));
+    pool.Delete(IdOf(late));
+    EXPECT_FALSE(moxtest::ShmExists(late));
+    // Not to be kept at all.
+    SCacheValidity noKeep = Naming(pool, {});
+    noKeep.bKeep = false;
+    const std::string once = AddValid(pool, "once", noKeep);
+    EXPECT_FALSE(pool.HitCache("once", hit));
+    pool.Delete(IdOf(once));
+    EXPECT_FALSE(moxtest::ShmExists(once));
+    for (const std::string& name : {prefix, other}) {
+        pool.Delete(IdOf(name));
+        pool.Delete(IdOf(name));
+    }
+}

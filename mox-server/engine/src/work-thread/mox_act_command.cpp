@@ -77,6 +77,7 @@ int CMOXActCommand::m_Act(std::string& strCommand) {
     }
     IWebSource* pSource = m_GetSource(strSource);
     if (pSource == nullptr) return MOX_ERROR_NO_SUCH_SOURCE;
+    CMOXSourceCall call(strSource);
     int nResult = MOX_ERROR_GENERIC;
     if (!bSend) {
         MOX_INFO("Begin: pSource->Execute[Normal].[%s].", mox_bus::ForLog(strCommand).c_str());
@@ -130,6 +131,7 @@ int CMOXActCommand::StopActSync(std::string strCommand) {
             m_nStopResult = MOX_ERROR_NO_SUCH_SOURCE;
         } else if (IWebSource* pSource = m_GetSource(strSource)) {
             if (doc.StringOr("mox_command") == "mox_file_transfer") {
+                CMOXSourceCall call(strSource);
                 MOX_INFO("Begin: pSource->Execute[StopSendSync][%s].", mox_bus::ForLog(strCommand).c_str());
                 m_nStopResult = pSource->Execute(m_bStop, strCommand, s_Progress, this);
                 MOX_INFO("End: pSource->Execute[StopSendSync].returnCode[%d].", m_nStopResult);

@@ -42,6 +42,7 @@ mox_error_code_e CMOXRequestDetailCommand::m_Run(std::string& strCommand, std::s
         return MOX_ERROR_NO_SUCH_SOURCE;
     }
     MOX_INFO("Begin :pSource->GetDetail[%s].", mox_bus::ForLog(strCommand).c_str());
+    CMOXSourceCall call(strSource);
     mox_error_code_e eError = MOX_ERROR_GENERIC;
     try {
         eError = pSource->GetDetail(m_bStop, strCommand, strResult);

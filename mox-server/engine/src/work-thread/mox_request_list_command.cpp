@@ -1,8 +1,12 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_request_list_command.h"
 
+#include <sys/mman.h>
+
 #include <cstdint>
+#include <exception>
 #include <memory>
+#include <mutex>
 #include <set>
 
 #include <boost/thread/thread.hpp>
@@ -54,7 +58,7 @@ bool CheckSourceAnswer(const std::string& strSource, long long llWritten, int nL
                  static_cast<long long>(nItemCount), lengths.size());
         return false;
     }
-    if (nLen < 0 || nLen > llWritten) {
+    if (nLen < 0 || nLen != llWritten) {
         MOX_WARN("Source[%s] claims %d bytes but wrote %lld.", strSource.c_str(), nLen, llWritten);
         return false;
     }
@@ -78,7 +82,116 @@ bool CheckSourceAnswer(const std::string& strSource, long long llWritten, int nL
     return true;
 }
 
+// Collects the absolute paths a query names (string members starting with
+// "/", at any depth), normalised: storage events and the engine's writes
+// forget the answers whose paths they touch.
+void CollectPaths(const Json::Value& value, int nDepth, std::vector<std::string>& paths) {
+    const int kMaxDepth = 8;
+    const size_t kMaxPaths = 16;
+    if (nDepth > kMaxDepth || paths.size() >= kMaxPaths) return;
+    if (value.isString()) {
+        const char* szBegin = nullptr;
+        const char* szEnd = nullptr;
+        if (value.getString(&szBegin, &szEnd) && szBegin != szEnd && *szBegin == '/') {
+            std::string strPath = CCachePool::NormalisePath(std::string(szBegin, szEnd));
+            if (!strPath.empty()) paths.push_back(std::move(strPath));
+        }
+    } else if (value.isArray() || value.isObject()) {
+        for (const Json::Value& member : value) CollectPaths(member, nDepth + 1, paths);
+    }
+}
+
+std::vector<std::string> QueryPaths(const std::string& strQueryCmd) {
+    std::vector<std::string> paths;
+    CJsonValue query(strQueryCmd);
+    if (query.IsValid()) CollectPaths(query.Root(), 0, paths);
+    return paths;
+}
+
+// The data blocks being written by source threads now (a stuck source may
+// never let go of its own).
+struct SBlocksInProgress {
+    std::mutex mutex;
+    std::set<std::string> names;  // GUARDED_BY(mutex)
+};
+
+SBlocksInProgress& BlocksInProgress() {
+    // Never destroyed: a stuck source thread may still use it at exit.
+    static SBlocksInProgress* s_pBlocks = new SBlocksInProgress();
+    return *s_pBlocks;
+}
+
+// Registers one GetData call (its source and its block) for its lifetime.
+class CInProgressCall {
+public:
+    CInProgressCall(const std::string& strSource, std::string strBlock)
+        : m_call(strSource), m_strBlock(std::move(strBlock)) {
+        std::lock_guard<std::mutex> lock(BlocksInProgress().mutex);
+        BlocksInProgress().names.insert(m_strBlock);
+    }
+    ~CInProgressCall() {
+        std::lock_guard<std::mutex> lock(BlocksInProgress().mutex);
+        BlocksInProgress().names.erase(m_strBlock);
+    }
+    CInProgressCall(const CInProgressCall&) = delete;
+    CInProgressCall& operator=(const CInProgressCall&) = delete;
+
+private:
+    CMOXSourceCall m_call;
+    std::string m_strBlock;
+};
+
 }  // namespace
+
+void CMOXRequestListCommand::UnlinkBlocksInProgress() {
+    std::lock_guard<std::mutex> lock(BlocksInProgress().mutex);
+    for (const std::string& strBlock : BlocksInProgress().names) {
+        MOX_WARN("Data block[%s] still being built at exit: unlinked.", strBlock.c_str());
+        shm_unlink(strBlock.c_str());
+    }
+    BlocksInProgress().names.clear();
+}
+
+std::vector<std::string> CMOXRequestListCommand::PathsOfDocument(const std::string& strDocument) {
+    return QueryPaths(strDocument);
+}
+
+bool CMOXRequestListCommand::m_AskValidity(IWebSource* pSource, const std::string& strSource,
+                                           const std::string& strQueryCmd, SCacheValidity& validity) {
+    // ABI-1 sources have no slot for the question: their answers are kept.
+    if (CMOXSingleton<CMOXSourceMgr>::Get()->GetSourceAbi(strSource) < 2) return true;
+    mox_answer_validity_e eValidity = MOX_ANSWER_NO_KEEP;
+    CMOXSourceCall call(strSource);
+    try {
+        eValidity = pSource->GetAnswerValidity(strQueryCmd, validity.strStamp);
+    } catch (...) {
+        MOX_WARN("Source[%s] threw from GetAnswerValidity: its answer is not kept.", strSource.c_str());
+        validity.strStamp.clear();
+        return false;
+    }
+    // Kept with every cached answer (up to 8192 of them): short.
+    const size_t kMaxStampBytes = 256;
+    switch (eValidity) {
+        case MOX_ANSWER_KEEP:
+            validity.strStamp.clear();
+            return true;
+        case MOX_ANSWER_STAMPED:
+            if (!validity.strStamp.empty() && validity.strStamp.size() <= kMaxStampBytes) return true;
+            if (!validity.strStamp.empty())
+                MOX_WARN("Source[%s] gave a stamp of %zu bytes: its answer is not kept.", strSource.c_str(),
+                         validity.strStamp.size());
+            validity.strStamp.clear();
+            return false;  // nothing to compare (the folder can not be read, say): ask afresh
+        case MOX_ANSWER_NO_KEEP:
+            validity.strStamp.clear();
+            return false;
+        default:
+            MOX_WARN("Source[%s] answered validity %d: its answer is not kept.", strSource.c_str(),
+                     static_cast<int>(eValidity));
+            validity.strStamp.clear();
+            return false;
+    }
+}
 
 CMOXRequestListCommand::CMOXRequestListCommand(MOXCommandCallback fnDone) : m_fnDone(std::move(fnDone)) {}
 
@@ -166,6 +279,7 @@ std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, 
     std::map<std::string, std::string> blocks;
     for (const std::string& strSource : sources) blocks[strSource];
 
+    // One source (the common case) runs on this thread: no thread to start.
     boost::thread_group group;
     for (const std::string& strSource : sources) {
         CJsonValue query(doc);
@@ -173,11 +287,10 @@ std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, 
         std::string strQueryCmd = query.ToString();
         MOX_DEBUG("Request list from source[%s], strQueryCmd[%s].", strSource.c_str(),
                   mox_bus::ForLog(strQueryCmd).c_str());
-        if (CMOXSingleton<CCachePool>::Get()->HitCache(strQueryCmd, blocks[strSource])) {
-            MOX_DEBUG("Hit success, get data from cache.");
-            continue;
+        if (sources.size() == 1) {
+            GetListFromSourceProc(strQueryCmd, strSource, &blocks[strSource]);
+            break;
         }
-        MOX_DEBUG("Hit fail, request data from network.");
         try {
             group.create_thread([this, strQueryCmd, strSource, pSlot = &blocks[strSource]]() {
                 GetListFromSourceProc(strQueryCmd, strSource, pSlot);
@@ -217,6 +330,19 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
             m_eError = MOX_ERROR_NO_SUCH_SOURCE;
             return;
         }
+        CCachePool* pPool = CMOXSingleton<CCachePool>::Get();
+        SCacheValidity validity;
+        // Read before the source is asked: an invalidation from now on keeps
+        // this answer out of the cache.
+        validity.nGeneration = pPool->GetGeneration();
+        validity.paths = QueryPaths(strQueryCmd);
+        if (!m_AskValidity(pSource, strSource, strQueryCmd, validity)) {
+            validity.bKeep = false;
+        } else if (pPool->HitCache(strQueryCmd, *pShmName, validity.strStamp)) {
+            MOX_DEBUG("Hit success, get data from cache.");
+            return;
+        }
+        MOX_DEBUG("Hit fail, request data from network.");
         CCacheBuilder builder(MOX_CACHE_BLOCK_LRU);
         BuilderGuard guard(builder);
         FILE* pStream = builder.GetStream();
@@ -224,15 +350,18 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
             m_eError = MOX_ERROR_GENERIC;
             return;
         }
-        bool bStop = false;
         int nLen = 0, nStartIndex = 0, nEndIndex = -1, nTotalCount = 0;
         std::vector<mox_data_group_s> groups;
         std::vector<mox_data_length_s> lengths;
         mox_error_code_e eRet = MOX_ERROR_GENERIC;
         MOX_INFO("Begin: pSource->GetData[%s].", mox_bus::ForLog(strQueryCmd).c_str());
+        CInProgressCall call(strSource, builder.GetName());
         try {
-            eRet = pSource->GetData(bStop, strQueryCmd, pStream, nLen, nStartIndex, nEndIndex, nTotalCount, groups,
+            eRet = pSource->GetData(m_bStop, strQueryCmd, pStream, nLen, nStartIndex, nEndIndex, nTotalCount, groups,
                                     lengths);
+        } catch (const std::exception& e) {
+            MOX_WARN("Source[%s] threw from GetData: %.256s.", strSource.c_str(), e.what());
+            eRet = MOX_ERROR_GENERIC;
         } catch (...) {
             MOX_WARN("Source[%s] threw from GetData.", strSource.c_str());
             eRet = MOX_ERROR_GENERIC;
@@ -246,7 +375,7 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
         fflush(pStream);
         const long long llWritten = static_cast<long long>(ftell(pStream)) - MOX_DATABLOCK_HEADER_SIZE;
         if (!CheckSourceAnswer(strSource, llWritten, nLen, nStartIndex, nEndIndex, nTotalCount, groups, lengths)) {
-            m_eError = MOX_ERROR_FAILED_RESULT;
+            m_eError = MOX_ERROR_SOURCE_CONTRACT;
             return;
         }
         if (nTotalCount == 0 || lengths.empty()) {
@@ -256,12 +385,12 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
         }
         MOX_INFO("GetData success,begin to build resultBlock.");
         if (!builder.Build(nLen, nStartIndex, nEndIndex, nTotalCount, groups, lengths)) {
-            m_eError = MOX_ERROR_FAILED_RESULT;
+            m_eError = MOX_ERROR_GENERIC;
             return;
         }
         MOX_INFO("End to build resultBlock.");
         guard.HandOver();  // the pool releases or frees the builder
-        if (!CMOXSingleton<CCachePool>::Get()->Add(strQueryCmd, builder, *pShmName)) {
+        if (!pPool->Add(strQueryCmd, builder, *pShmName, validity)) {
             pShmName->clear();
             m_eError = MOX_ERROR_GENERIC;
         }
@@ -284,7 +413,7 @@ std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, std::m
         auto pReader = std::make_unique<CCacheReader>(entry.second);
         if (!pReader->IsLoaded()) {
             MOX_WARN("Can not read block[%s] of source[%s].", entry.second.c_str(), entry.first.c_str());
-            eError = MOX_ERROR_FAILED_RESULT;
+            eError = MOX_ERROR_GENERIC;
             return std::string();
         }
         nStart = pReader->StartIndex();
@@ -310,12 +439,12 @@ std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, std::m
     // sources whose windows do not start at 0 it does not.
     if (readers.empty() || static_cast<int64_t>(nEnd) - nStart + 1 != nItems) {
         MOX_WARN("Result range [%d..%d] can not hold %lld items.", nStart, nEnd, static_cast<long long>(nItems));
-        eError = MOX_ERROR_FAILED_RESULT;
+        eError = MOX_ERROR_GENERIC;
         return std::string();
     }
     CResultListBuilder builder(nSection, nStart, nEnd, nTotal, nGroups, static_cast<int>(readers.size()));
     if (!builder.IsValid()) {
-        eError = MOX_ERROR_FAILED_RESULT;
+        eError = MOX_ERROR_GENERIC;
         return std::string();
     }
     for (CCacheReader* pReader : readers)

@@ -7,8 +7,14 @@
 // Threads: Execute() starts a detached request thread; that thread runs a
 // thread group of source threads and joins them before building the list.
 // The source threads share m_eError (atomic; the last failure wins) and each
-// writes only its own pre-created slot of the block map. A list request cannot
-// be stopped once started (Stop() does nothing).
+// writes only its own pre-created slot of the block map. Stop() (any thread)
+// raises the bStop every source call of this command sees.
+//
+// Validity: before the cache is consulted, an ABI-2 source says how its
+// answer stays valid (GetAnswerValidity): a stamp checked against the kept
+// answer's, or "do not keep". Kept answers also remember the storage paths
+// their query names, so that storage events and the engine's writes forget
+// them (CCachePool::ForgetTouching).
 //
 // Bounds: at most kMaxSources distinct sources per request; what a source
 // answers is checked before it reaches the data-block builder.
@@ -21,6 +27,7 @@
 
 #include <mox/json_value.h>
 
+#include "cache_pool.h"
 #include "mox_command.h"
 #include "mox_request_defines.h"
 
@@ -32,7 +39,12 @@ public:
     ~CMOXRequestListCommand() override;
 
     void Execute(std::string strCommand) override;
-    void Stop() override {}
+    void Stop() override { __atomic_store_n(&m_bStop, true, __ATOMIC_RELEASE); }
+    // Shutdown with a source stuck in GetData: unlinks the data blocks being
+    // built, whose threads may never return.
+    static void UnlinkBlocksInProgress();
+    // The normalised absolute paths a command document names.
+    static std::vector<std::string> PathsOfDocument(const std::string& strDocument);
 
     // The request thread's body.
     void GetRequestListThreadProc(std::string strCommand);
@@ -50,9 +62,16 @@ private:
                                      mox_error_code_e& eError);
     bool m_GetComandKeyTypeInfo(CJsonValue& doc, CMOXSortFunction& fn);
     void m_getSortValueType(std::string& strKey, MOX_VALUETYPE& eType);
+    // Asks an ABI-2 source how its answer stays valid; false when it must
+    // not be kept (the cache is then not consulted either).
+    static bool m_AskValidity(IWebSource* pSource, const std::string& strSource, const std::string& strQueryCmd,
+                              SCacheValidity& validity);
     // Lets go of the pool's count for every block in blocks.
     static void m_ReleaseBlocks(const std::map<std::string, std::string>& blocks);
 
     MOXCommandCallback m_fnDone;
     std::atomic<int> m_eError{MOX_ERROR_NONE};  // written by the source threads
+    // The sources' stop flag: written by Stop() and read by the sources
+    // through atomic builtins only (MoxStopRequested).
+    bool m_bStop = false;
 };

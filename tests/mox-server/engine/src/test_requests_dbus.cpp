@@ -100,6 +100,34 @@ std::vector<std::string> Names(const std::vector<Json::Value>& items) {
     return names;
 }
 
+// Writes a spool file (temporary name, then rename): a stick is plugged.
+void Spool(EngineHarness& h, const std::string& name, const std::string& json) {
+    std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
+    ASSERT_TRUE(WriteTextFile(tmp, json));
+    ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
+}
+
+void Plug(EngineHarness& h, const std::string& name) {
+    const std::string mount = h.UsbRoot() + "/" + name;
+    std::filesystem::create_directories(mount);
+    Spool(h, name, R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
+                       R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":"Stick"})");
+}
+
+void Unplug(EngineHarness& h, const std::string& name) {
+    ASSERT_EQ(std::remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
+}
+
+// The mox_* objects in /dev/shm (the tests run with a private one).
+std::vector<std::string> MoxObjects() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+        std::string name = entry.path().filename().string();
+        if (name.compare(0, 4, "mox_") == 0) names.push_back(name);
+    }
+    return names;
+}
+
 class Requests : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -107,6 +135,8 @@ protected:
         Install(h, MOX_TEST_SOURCE_SO);
         Install(h, MOX_TEST_BAD_ABI_SO);
         Install(h, MOX_TEST_NO_ENTRY_SO);
+        Install(h, MOX_TEST_NO_CREATE_SO);
+        Install(h, MOX_TEST_ABI1_SO);
         ASSERT_TRUE(h.Start());
     }
     void TearDown() override {
@@ -118,6 +148,15 @@ protected:
         std::string name = payload["mox_result_list_block_name"].asString();
         if (!name.empty()) seenLists.push_back(name);
         return name;
+    }
+
+    // Lists doc and returns the file names of the list it gets (event 0).
+    std::vector<std::string> ListNames(Client& c, guint32 handle, const std::string& doc, size_t& n) {
+        c.List(handle, doc);
+        Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
+        EXPECT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
+        std::string name = Delivered(ev);
+        return name.empty() ? std::vector<std::string>() : Names(ReadList(name));
     }
 
     EngineHarness h;
@@ -331,7 +370,8 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     for (const std::string& name :
          {std::string("../plugins/libmox_test_source.so"), std::string("/etc/libx.so"), std::string("libmox_test_source"),
           std::string("lib..so"), longName, std::string("libmox_test_bad_abi.so"),
-          std::string("libmox_test_no_entry.so"), std::string("libnothere.so"), std::string("")})
+          std::string("libmox_test_no_entry.so"), std::string("libmox_test_no_create.so"), std::string("libnothere.so"),
+          std::string("")})
         EXPECT_EQ(c.Connect(name), kFailedHandle) << name.substr(0, 60);
     // Failures consume no handle; "cloud" needs no plug-in.
     EXPECT_EQ(c.Connect("cloud"), 0u);
@@ -391,31 +431,46 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     EXPECT_EQ(h.CountLog("does not belong to this method: refused."), 9u);
     EXPECT_FALSE(std::filesystem::exists(album));
 
-    // Each bad list request gets its failure event, no list, and nothing else
-    // breaks; a source's own error 6 gives event 1, others event 2.
+    // Each bad list request gets its failure event with its code, no list,
+    // and nothing else breaks: a source's own error 6 (empty) gives event 1,
+    // everything else event 2; an answer breaking the contract is 32 (with a
+    // warning naming the source), an exception 23.
     std::string many = "[";
     for (int i = 0; i < 10000; ++i) many += (i ? ",\"s" : "\"s") + std::to_string(i) + "\"";
     many += "]";
-    const std::vector<std::pair<std::string, int>> bad = {
-        {ListDoc(R"(["mox_test_source"])", R"(,"test_error":6)"), 1},
-        {ListDoc(R"(["mox_test_source"])", R"(,"test_error":9)"), 2},
-        {ListDoc(R"(["mox_nobody"])"), 2},
-        {ListDoc(R"("mox_test_source")"), 2},
-        {ListDoc(R"([1,2])"), 2},
-        {ListDoc(R"([])"), 2},
-        {ListDoc(many), 2},
-        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"count_mismatch")"), 1},
-        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"overrun")"), 1},
-        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"huge_range")"), 1},
-        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"throw")"), 2},
-        {ListDoc(R"(["mox_test_source","mox_test_source2"])", R"(,"test_misbehave":"offset")"), 1},
+    struct BadList {
+        std::string doc;
+        int event;
+        int code;
     };
-    for (const auto& [doc, event] : bad) {
-        c.List(handle, doc);
+    const std::vector<BadList> bad = {
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_error":6)"), 1, 6},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_item_count":0)"), 1, 6},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_error":9)"), 2, 9},
+        {ListDoc(R"(["mox_nobody"])"), 2, 4},
+        {ListDoc(R"("mox_test_source")"), 2, 7},
+        {ListDoc(R"([1,2])"), 2, 7},
+        {ListDoc(R"([])"), 2, 4},
+        {ListDoc(many), 2, 7},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"count_mismatch")"), 2, 32},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"overrun")"), 2, 32},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"huge_range")"), 2, 32},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"extra_bytes")"), 2, 32},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"negative_total")"), 2, 32},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"negative_length")"), 2, 32},
+        {ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"throw")"), 2, 23},
+        {ListDoc(R"(["mox_test_source","mox_test_source2"])", R"(,"test_misbehave":"offset")"), 2, 23},
+    };
+    const size_t nWarnedBefore = h.CountLog("Source[mox_test_source]");
+    for (const BadList& b : bad) {
+        c.List(handle, b.doc);
         Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
-        EXPECT_EQ(ev["mox_event_type"].asInt(), event) << doc.substr(0, 120);
-        EXPECT_EQ(ev["mox_result_list_block_name"].asString(), "") << doc.substr(0, 120);
+        EXPECT_EQ(ev["mox_event_type"].asInt(), b.event) << b.doc.substr(0, 120);
+        EXPECT_EQ(ev["mox_error_code"].asInt(), b.code) << b.doc.substr(0, 120);
+        EXPECT_EQ(ev["mox_result_list_block_name"].asString(), "") << b.doc.substr(0, 120);
     }
+    // Six broken answers and the throw, each named in a warning.
+    EXPECT_EQ(h.CountLog("Source[mox_test_source]") - nWarnedBefore, 7u);
     // A single source whose window does not start at 0 is a fine list.
     c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_misbehave":"offset")"));
     Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
@@ -478,6 +533,193 @@ TEST_F(Requests, ClientLeavingTheBusLosesItsListsAndAnswers) {
     ASSERT_TRUE(h.WaitForLog("delete a worker.", 3));
     stays.Drain(200);
     EXPECT_EQ(stays.Count("mox_request_normal_complete"), 1u);
+}
+
+// A list shows the folder as it is when the answer is built, whoever changed
+// it, while an unchanged folder is still answered from the cache.
+TEST_F(Requests, ListShowsAddRemoveGrowRenameAndEngineWrites) {
+    const std::string dcim = h.UsbRoot() + "/sdb1/DCIM";
+    std::filesystem::create_directories(dcim);
+    for (const char* name : {"a.jpg", "b.jpg", "c.jpg"}) WriteTextFile(dcim + "/" + name, "12345");
+    Client c(h);
+    guint32 handle = c.Connect("libmox_local_source.so");
+    const std::string doc = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
+                            R"("mox_folder_path":")" + dcim + R"("})";
+    size_t n = 0;
+    using V = std::vector<std::string>;
+    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"a.jpg", "b.jpg", "c.jpg"}));
+    const size_t nHits = h.CountLog("Hit success, get data from cache.");
+    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"a.jpg", "b.jpg", "c.jpg"}));
+    EXPECT_EQ(h.CountLog("Hit success, get data from cache."), nHits + 1) << "unchanged folder not cached";
+    // Watched, not stat'ed entry by entry on every hit.
+    EXPECT_EQ(h.CountLog("stamped entry by entry"), 0u);
+
+    WriteTextFile(dcim + "/d.jpg", "new");
+    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"a.jpg", "b.jpg", "c.jpg", "d.jpg"}));
+    std::filesystem::remove(dcim + "/a.jpg");
+    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"b.jpg", "c.jpg", "d.jpg"}));
+    std::filesystem::rename(dcim + "/c.jpg", dcim + "/e.jpg");
+    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"b.jpg", "d.jpg", "e.jpg"}));
+    // Grown in place: the folder's own times stay, the file's size changes.
+    WriteTextFile(dcim + "/b.jpg", std::string(4000, 'x'));
+    c.List(handle, doc);
+    Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
+    std::vector<Json::Value> items = ReadList(Delivered(ev));
+    ASSERT_EQ(items.size(), 3u);
+    EXPECT_EQ(items[0]["FileSize"].asInt64(), 4000);
+    // The engine's own removal.
+    CallResult r = h.Call("usb_file_remove", g_variant_new("(ss)", (dcim + "/d.jpg").c_str(), ""));
+    ASSERT_TRUE(r.ok()) << r.error;
+    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"b.jpg", "e.jpg"}));
+    // The folder gone: "no such folder" (7), never the old answer.
+    std::filesystem::remove_all(dcim);
+    c.List(handle, doc);
+    ev = c.Nth("mox_request_normal_complete", ++n);
+    EXPECT_EQ(ev["mox_event_type"].asInt(), 2);
+    EXPECT_EQ(ev["mox_error_code"].asInt(), 7);
+}
+
+// Storage events and the engine's writes forget kept answers whose query
+// names a path they touch, even for sources that never say how their answers
+// stay valid; another stick at the same path shows only its own files.
+TEST_F(Requests, StickSwapUnmountAndEngineWritesForgetKeptAnswers) {
+    Plug(h, "sdb1");
+    ASSERT_TRUE(h.WaitForLog("USB MOUNTED : " + h.UsbRoot() + "/sdb1"));
+    const std::string mount = h.UsbRoot() + "/sdb1";
+    std::filesystem::create_directories(mount + "/DCIM");
+    WriteTextFile(mount + "/DCIM/first-1.jpg", "1");
+    WriteTextFile(mount + "/DCIM/first-2.jpg", "2");
+    Client c(h);
+    guint32 local = c.Connect("libmox_local_source.so");
+    guint32 test = c.Connect("libmox_test_source.so");
+    guint32 v1 = c.Connect("libmox_test_abi1.so");
+    ASSERT_NE(v1, kFailedHandle);
+    size_t n = 0;
+    using V = std::vector<std::string>;
+    const std::string localDoc = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
+                                 R"("mox_folder_path":")" + mount + R"(/DCIM"})";
+    // Kept until something touches the path (the test source says nothing
+    // about validity; the ABI-1 one cannot).
+    const std::string keptDoc = ListDoc(R"(["mox_test_source","mox_test_source_v1"])",
+                                        R"(,"mox_folder_path":")" + mount + R"(//DCIM/")");
+    auto getData = [&] { return h.CountLog("test source GetData[mox_test_source]"); };
+
+    EXPECT_EQ(ListNames(c, local, localDoc, n), (V{"first-1.jpg", "first-2.jpg"}));
+    EXPECT_EQ(ListNames(c, test, keptDoc, n).size(), 6u);
+    EXPECT_EQ(ListNames(c, v1, keptDoc, n).size(), 6u);
+    const size_t nAsked = getData();
+    EXPECT_EQ(nAsked, 1u);
+
+    // The stick is pulled and another one is mounted at the same path.
+    Unplug(h, "sdb1");
+    ASSERT_TRUE(h.WaitForLog("USB UNMOUNTED : " + mount));
+    std::filesystem::rename(mount, h.UsbRoot() + "/first-stick");
+    std::filesystem::create_directories(mount + "/DCIM");
+    WriteTextFile(mount + "/DCIM/second.jpg", "2");
+    Plug(h, "sdb1");
+    ASSERT_TRUE(h.WaitForLog("USB MOUNTED : " + mount, 2));
+    EXPECT_EQ(ListNames(c, local, localDoc, n), (V{"second.jpg"}));
+    EXPECT_EQ(ListNames(c, test, keptDoc, n).size(), 6u);
+    EXPECT_EQ(getData(), nAsked + 1) << "answer kept across the unmount";
+    // Unchanged: answered from the cache.
+    EXPECT_EQ(ListNames(c, test, keptDoc, n).size(), 6u);
+    EXPECT_EQ(getData(), nAsked + 1);
+
+    // The engine's own write below the named folder forgets it at once.
+    CallResult r = h.Call("usb_file_remove", g_variant_new("(ss)", (mount + "/DCIM/second.jpg").c_str(), ""));
+    ASSERT_TRUE(r.ok()) << r.error;
+    EXPECT_EQ(ListNames(c, test, keptDoc, n).size(), 6u);
+    EXPECT_EQ(getData(), nAsked + 2);
+    c.List(local, localDoc);
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_error_code"].asInt(), 6);  // now empty
+
+    // A source that asks not to be kept, and one whose stamp changes.
+    const std::string noKeep = ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"no_keep")");
+    ListNames(c, test, noKeep, n);
+    ListNames(c, test, noKeep, n);
+    EXPECT_EQ(getData(), nAsked + 4);
+    ListNames(c, test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:A","q":1)"), n);
+    ListNames(c, test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:A","q":1)"), n);
+    EXPECT_EQ(getData(), nAsked + 5);
+    ListNames(c, test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:B","q":1)"), n);
+    EXPECT_EQ(getData(), nAsked + 6);
+    // A stamp above 256 bytes: answered, never kept.
+    const std::string longStamp = ListDoc(R"(["mox_test_source"])",
+                                          R"(,"test_validity":"stamp:)" + std::string(300, 'x') + R"(")");
+    ListNames(c, test, longStamp, n);
+    ListNames(c, test, longStamp, n);
+    EXPECT_EQ(getData(), nAsked + 8);
+}
+
+// bStop becomes true when nobody waits for a list any more, and at shutdown.
+TEST_F(Requests, SleepingSourceSeesStopWhenNobodyWaits) {
+    const std::string sleepy = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":30000)");
+    {
+        Client leaves(h);
+        guint32 handle = leaves.Connect("libmox_test_source.so");
+        leaves.List(handle, sleepy);
+        ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]"));
+        leaves.Close();
+    }
+    const auto t0 = std::chrono::steady_clock::now();
+    ASSERT_TRUE(h.WaitForLog("test source stopped[mox_test_source]", 1, std::chrono::seconds(5)));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
+
+    // Two handles share the job: dropping one keeps it running, both stop it.
+    Client c(h);
+    guint32 h1 = c.Connect("libmox_test_source.so");
+    guint32 h2 = c.Connect("libmox_test_source.so");
+    const std::string shared = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":30000,"s":2)");
+    c.List(h1, shared);
+    c.List(h2, shared);
+    ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]", 2));
+    c.Send("disconnect", g_variant_new("(u)", h1));
+    c.Drain(500);
+    EXPECT_EQ(h.CountLog("test source stopped[mox_test_source]"), 1u);
+    c.Send("disconnect", g_variant_new("(u)", h2));
+    ASSERT_TRUE(h.WaitForLog("test source stopped[mox_test_source]", 2, std::chrono::seconds(5)));
+    c.Drain(300);
+    // Only the two disconnect events: a stopped request answers nobody.
+    EXPECT_EQ(c.Count("mox_request_normal_complete"), 2u);
+}
+
+// SIGTERM while a source sleeps in GetData: the source is stopped, the
+// daemon exits well within 5 s and leaves no object behind.
+TEST(RequestsShutdown, SigtermDuringSleepingGetDataIsBounded) {
+    EngineHarness h;
+    Install(h, MOX_TEST_SOURCE_SO);
+    ASSERT_TRUE(h.Start());
+    Client c(h);
+    guint32 handle = c.Connect("libmox_test_source.so");
+    c.List(handle, ListDoc(R"(["mox_test_source"])"));
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 1)["mox_event_type"].asInt(), 0);
+    c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":60000)"));
+    ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]", 2));
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(h.Stop(std::chrono::seconds(10)), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+    EXPECT_EQ(h.CountLog("test source stopped[mox_test_source]"), 1u);
+    EXPECT_EQ(MoxObjects(), std::vector<std::string>());
+}
+
+// SIGTERM while a source is stuck in GetData (it never looks at bStop): the
+// daemon still exits within 5 s, closes the other sources, names the stuck
+// one and leaves no object of its own behind.
+TEST(RequestsShutdown, SigtermWithStuckSourceIsBoundedAndClean) {
+    EngineHarness h;
+    Install(h, MOX_TEST_SOURCE_SO);
+    ASSERT_TRUE(h.Start());
+    Client c(h);
+    guint32 handle = c.Connect("libmox_test_source.so");
+    c.List(handle, ListDoc(R"(["mox_test_source2"])"));
+    EXPECT_EQ(c.Nth("mox_request_normal_complete", 1)["mox_event_type"].asInt(), 0);
+    c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_stuck_ms":30000)"));
+    ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]"));
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(h.Stop(std::chrono::seconds(10)), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+    EXPECT_EQ(h.CountLog("Source[mox_test_source] is stuck in a call at exit: not closed."), 1u);
+    EXPECT_EQ(MoxObjects(), std::vector<std::string>());
 }
 
 // The example plug-in, built in this tree or (MOX_OUT_OF_TREE_PLUGIN, set by
