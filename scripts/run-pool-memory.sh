@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Memory of the daemon under many distinct large list queries: each call is
-# its own client connection, whose list is dropped when it leaves the bus, so
-# only what the cache pool keeps can grow. Prints the daemon's RSS before and
-# after N requests (default 3000) with a 64 KiB member each.
+# Memory of the daemon under many distinct large list queries: one client
+# lists N documents (default 3000) with a 64 KiB member each and drops every
+# list, so only what the engine keeps of dropped lists can grow. Prints the
+# daemon's RSS before and after. Under ASan, run with
+# ASAN_OPTIONS=quarantine_size_mb=0 so that freed memory is not counted.
 #   scripts/run-pool-memory.sh [BUILD_DIR] [N]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
-BUILD=${1:-build-release}
+BUILD=$(cd "${1:-build-release}" && pwd)
 N=${2:-3000}
 WORK=$(mktemp -d /tmp/mox-pool-mem.XXXXXX)
 . scripts/lib/engine-env.sh
@@ -19,14 +20,8 @@ ln -s "$(find "$BUILD" -name libmox_test_source.so | head -1)" "$MOX_PLUGIN_DIR/
 ENGINE_PID=$!
 engine_env_wait_for_name
 rss() { awk '/VmRSS/ {print $2}' "/proc/$ENGINE_PID/status"; }
-call() { gdbus call --system --dest com.orvia.mox.engine --object-path /com/orvia/mox/engine \
-           --method "com.orvia.mox.engine.$1" "${@:2}" >/dev/null; }
-call connect libmox_test_source.so
-PAD=$(head -c 65536 /dev/zero | tr '\0' 'x')
 before=$(rss)
-for i in $(seq "$N"); do
-  call get_partial_list 0 0 0 "{\"mox_command\":\"mox_requestlist\",\"mox_source\":[\"mox_test_source\"],\"n\":$i,\"pad\":\"$PAD\"}"
-done
+/usr/bin/python3 "$ROOT/scripts/pool_memory_client.py" "$N"
 sleep 1
 after=$(rss)
 echo "requests: $N of 64 KiB; daemon RSS before: $((before / 1024)) MiB, after: $((after / 1024)) MiB"
