@@ -32,7 +32,7 @@ std::string UrlForLog(const std::string& strQuery) {
 CCachePool::CCachePool() = default;
 
 CCachePool::~CCachePool() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_LRUIndexes.clear();
     m_refCountMap.clear();
     m_cacheIdToQueryMap.clear();
@@ -56,7 +56,7 @@ bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& 
 
 bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& strShmName,
                      const SCacheValidity& validity) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (!builder.IsBuilt()) {
         MOX_WARN("Builder[%s] holds no built block, free it.", builder.GetName().c_str());
         builder.Free();
@@ -101,7 +101,7 @@ bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& 
 }
 
 bool CCachePool::HitCache(std::string strQuery, std::string& strShmName, const std::string& strStamp) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     auto query = m_queryToCacheIdMap.find(strQuery);
     if (query != m_queryToCacheIdMap.end()) {
         auto validity = m_validityMap.find(query->second);
@@ -154,7 +154,7 @@ int CCachePool::ForgetTouching(const std::string& strPath) {
     if (strNormal.empty()) return 0;
     std::string strParent = strNormal.substr(0, strNormal.find_last_of('/'));
     if (strParent.empty()) strParent = "/";
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     ++m_nGeneration;
     std::vector<int> victims;
     for (const auto& entry : m_validityMap) {
@@ -172,14 +172,14 @@ int CCachePool::ForgetTouching(const std::string& strPath) {
 }
 
 void CCachePool::UnlinkAllAtExit() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     for (const auto* pMap : {&m_committedBlockMap, &m_cachePoolBlockMap})
         for (const auto& entry : *pMap) shm_unlink(entry.second->GetName().c_str());
     for (const auto& entry : m_persistantBlockMap) shm_unlink(entry.second->GetName().c_str());
 }
 
 uint64_t CCachePool::GetGeneration() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return m_nGeneration;
 }
 
@@ -197,7 +197,7 @@ void CCachePool::m_Forget(int nCacheId) {
 }
 
 bool CCachePool::HitCache(std::string strQuery, std::string& strShmName) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     CCacheBlock* pBlock = m_HitCache(strQuery);
     if (pBlock == nullptr) return false;
     strShmName = pBlock->GetName();
@@ -205,46 +205,46 @@ bool CCachePool::HitCache(std::string strQuery, std::string& strShmName) {
 }
 
 void CCachePool::Delete(int nCacheId) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_Delete(nCacheId);
 }
 
 void CCachePool::Delete(std::string strQuery) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     m_DeletePersistant(strQuery);
     m_Delete(strQuery);
 }
 
 CCachePool::EBlockState CCachePool::GetBlockState(int nCacheId) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (m_committedBlockMap.count(nCacheId)) return kBlockCommitted;
     if (m_cachePoolBlockMap.count(nCacheId)) return kBlockCached;
     return kBlockUnknown;
 }
 
 int CCachePool::GetRefCount(int nCacheId) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     auto it = m_refCountMap.find(nCacheId);
     return it == m_refCountMap.end() ? 0 : it->second;
 }
 
 int CCachePool::GetUsedSize() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return m_nUsedSize;
 }
 
 int CCachePool::GetEntryCount() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return m_EntryCount();
 }
 
 int64_t CCachePool::GetQueryTextBytes() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return m_nQueryTextBytes;
 }
 
 std::vector<int> CCachePool::GetLRUIndexes() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     return std::vector<int>(m_LRUIndexes.begin(), m_LRUIndexes.end());
 }
 
@@ -490,7 +490,7 @@ void CCachePool::m_Print() {
     for (auto it = m_queryToCacheIdMap.begin(); it != m_queryToCacheIdMap.end() && n < kShown; ++it, ++n)
         MOX_DEBUG("url[%s], blockId[%d].", UrlForLog(it->first).c_str(), it->second);
     more(m_queryToCacheIdMap.size());
-    auto refCount = [this](int nCacheId) {
+    auto refCount = [this](int nCacheId) REQUIRES(m_mutex) {
         auto it = m_refCountMap.find(nCacheId);
         return it == m_refCountMap.end() ? 0 : it->second;
     };

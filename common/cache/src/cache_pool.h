@@ -28,6 +28,8 @@
 // the m_ operations require m_mutex held.
 #pragma once
 
+#include "mox_thread_annotations.h"
+
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -101,50 +103,51 @@ public:
     std::vector<int> GetLRUIndexes();  // oldest release first
 
 private:
-    CCacheBlock* m_HitCache(std::string strQuery);
-    bool m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock, bool bKeepQuery = true);
-    bool m_AddPersistant(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock);
+    // Every m_ operation requires m_mutex.
+    CCacheBlock* m_HitCache(std::string strQuery) REQUIRES(m_mutex);
+    bool m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock, bool bKeepQuery = true) REQUIRES(m_mutex);
+    bool m_AddPersistant(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock) REQUIRES(m_mutex);
     // Evicts the oldest released block (and its query); false when none is left.
-    bool m_EvictOldest();
+    bool m_EvictOldest() REQUIRES(m_mutex);
     // Evicts until one more entry (with nTextSize bytes of query text, when
     // kept) fits; false when the held blocks leave no room.
-    bool m_MakeRoomForEntry();
-    bool m_MakeRoomForText(size_t nTextSize);
-    int m_EntryCount() const;
+    bool m_MakeRoomForEntry() REQUIRES(m_mutex);
+    bool m_MakeRoomForText(size_t nTextSize) REQUIRES(m_mutex);
+    int m_EntryCount() const REQUIRES(m_mutex);
     // Maps strQuery to nCacheId and counts its text; false if already mapped.
-    bool m_KeepQuery(const std::string& strQuery, int nCacheId);
-    void m_DeletePersistant(std::string strQuery);
-    CCacheBlock* m_ActiveCacheBlock(int nCacheId);
-    void m_DeactiveCacheBlock(int nCacheId);
-    void m_Delete(int nCacheId);
-    void m_Delete(std::string strQuery);
+    bool m_KeepQuery(const std::string& strQuery, int nCacheId) REQUIRES(m_mutex);
+    void m_DeletePersistant(std::string strQuery) REQUIRES(m_mutex);
+    CCacheBlock* m_ActiveCacheBlock(int nCacheId) REQUIRES(m_mutex);
+    void m_DeactiveCacheBlock(int nCacheId) REQUIRES(m_mutex);
+    void m_Delete(int nCacheId) REQUIRES(m_mutex);
+    void m_Delete(std::string strQuery) REQUIRES(m_mutex);
     // Erases the query mapped to nCacheId (and its validity); false if none.
-    bool m_EraseQueryOf(int nCacheId);
+    bool m_EraseQueryOf(int nCacheId) REQUIRES(m_mutex);
     // Makes block nCacheId unreachable: a released one is destroyed, a held
     // one goes when released.
-    void m_Forget(int nCacheId);
-    void m_Print();
+    void m_Forget(int nCacheId) REQUIRES(m_mutex);
+    void m_Print() REQUIRES(m_mutex);
 
-    std::mutex m_mutex;
-    std::map<std::string, std::unique_ptr<CCacheBlock>> m_persistantBlockMap;  // GUARDED_BY(m_mutex)
-    std::map<std::string, int> m_queryToCacheIdMap;                          // GUARDED_BY(m_mutex)
+    mox::Mutex m_mutex;
+    std::map<std::string, std::unique_ptr<CCacheBlock>> m_persistantBlockMap GUARDED_BY(m_mutex);
+    std::map<std::string, int> m_queryToCacheIdMap GUARDED_BY(m_mutex);
     // The reverse of m_queryToCacheIdMap (its iterators stay valid until erased).
-    std::map<int, std::map<std::string, int>::iterator> m_cacheIdToQueryMap;  // GUARDED_BY(m_mutex)
-    std::map<int, std::unique_ptr<CCacheBlock>> m_committedBlockMap;         // GUARDED_BY(m_mutex)
-    std::map<int, std::unique_ptr<CCacheBlock>> m_cachePoolBlockMap;         // GUARDED_BY(m_mutex)
-    std::map<int, int> m_refCountMap;                                        // GUARDED_BY(m_mutex)
-    std::deque<int> m_LRUIndexes;                                            // GUARDED_BY(m_mutex)
+    std::map<int, std::map<std::string, int>::iterator> m_cacheIdToQueryMap GUARDED_BY(m_mutex);
+    std::map<int, std::unique_ptr<CCacheBlock>> m_committedBlockMap GUARDED_BY(m_mutex);
+    std::map<int, std::unique_ptr<CCacheBlock>> m_cachePoolBlockMap GUARDED_BY(m_mutex);
+    std::map<int, int> m_refCountMap GUARDED_BY(m_mutex);
+    std::deque<int> m_LRUIndexes GUARDED_BY(m_mutex);
     // Sum of the sizes of the committed and cache-pool blocks.
-    int m_nUsedSize = 0;  // GUARDED_BY(m_mutex)
+    int m_nUsedSize GUARDED_BY(m_mutex) = 0;
     // Sum of the sizes of the keys of m_queryToCacheIdMap and m_persistantBlockMap.
-    int64_t m_nQueryTextBytes = 0;  // GUARDED_BY(m_mutex)
+    int64_t m_nQueryTextBytes GUARDED_BY(m_mutex) = 0;
     // What keeps each kept query's answer valid, by cache id.
-    std::map<int, SCacheValidity> m_validityMap;  // GUARDED_BY(m_mutex)
-    uint64_t m_nGeneration = 0;                  // GUARDED_BY(m_mutex)
+    std::map<int, SCacheValidity> m_validityMap GUARDED_BY(m_mutex);
+    uint64_t m_nGeneration GUARDED_BY(m_mutex) = 0;
     // Committed blocks without a kept query: destroyed when released.
-    std::set<int> m_unkeptIds;  // GUARDED_BY(m_mutex)
-    bool m_bMemoryLimitWarned = false;     // GUARDED_BY(m_mutex)
-    bool m_bEntryLimitWarned = false;      // GUARDED_BY(m_mutex)
-    bool m_bTextLimitWarned = false;       // GUARDED_BY(m_mutex)
-    bool m_bQueryTooLongWarned = false;    // GUARDED_BY(m_mutex)
+    std::set<int> m_unkeptIds GUARDED_BY(m_mutex);
+    bool m_bMemoryLimitWarned GUARDED_BY(m_mutex) = false;
+    bool m_bEntryLimitWarned GUARDED_BY(m_mutex) = false;
+    bool m_bTextLimitWarned GUARDED_BY(m_mutex) = false;
+    bool m_bQueryTooLongWarned GUARDED_BY(m_mutex) = false;
 };

@@ -38,21 +38,24 @@ bool CMOXEngineImp::Shutdown() {
     {
         // Transfers can run for minutes and sources can sleep: ask every
         // command to give up.
-        std::lock_guard<std::mutex> lock(m_mutex);
+        mox::MutexLock lock(m_mutex);
         for (auto& entry : m_workers)
             if (entry.second->pCommand) entry.second->pCommand->Stop();
     }
     // Bounded: a source stuck in a call must not hold the daemon's exit.
     const bool bIdle = WaitIdle(kShutdownWait);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     for (const auto& entry : m_deliveredLists) m_DropList(entry.first);
     m_deliveredLists.clear();
     return bIdle;
 }
 
 bool CMOXEngineImp::WaitIdle(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_idle.wait_for(lock, timeout, [this] { return m_workers.empty(); });
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    mox::UniqueLock lock(m_mutex);
+    while (!m_workers.empty())
+        if (lock.WaitUntil(m_idle, deadline) == std::cv_status::timeout) return m_workers.empty();
+    return true;
 }
 
 void CMOXEngineImp::m_Emit(const connect_info_s& client, const char* szSignal, const std::string& strPayload) {
@@ -200,17 +203,17 @@ IMOXCommand* CMOXEngineImp::m_StartJob(std::unique_ptr<WorkerThreadJob> pJob) {
     return pCommand;
 }
 
-bool CMOXEngineImp::m_Execute(std::unique_lock<std::mutex>& lock, IMOXCommand* pCommand, const std::string& strCommand) {
+bool CMOXEngineImp::m_Execute(mox::UniqueLock& lock, IMOXCommand* pCommand, const std::string& strCommand) {
     if (pCommand == nullptr) return false;
     // Outside the lock: a command that cannot start a thread calls back at
     // once, and the callback takes m_mutex. Only that callback ends the job,
     // so the command stays valid until Execute has returned.
-    lock.unlock();
+    lock.Unlock();
     pCommand->Execute(strCommand);
     return true;
 }
 
-bool CMOXEngineImp::m_JoinOrStart(std::unique_lock<std::mutex>& lock, EMOXCommandKind eKind,
+bool CMOXEngineImp::m_JoinOrStart(mox::UniqueLock& lock, EMOXCommandKind eKind,
                                   const std::string& strKey, const std::string& strCommand, guint32 nHandleId,
                                   const connect_info_s& caller) {
     const bool bJoin = m_workers.count(strKey) != 0;
@@ -264,7 +267,7 @@ void CMOXEngineImp::EmitRequestFailure(EMOXCommandKind eKind, guint32 nHandleId,
 bool CMOXEngineImp::GetPartialList(const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::GetPartialList()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strCommand).c_str());
-    std::unique_lock<std::mutex> lock(m_mutex);
+    mox::UniqueLock lock(m_mutex);
     std::string strKey = kListKey + strCommand;
     if (!m_workers.count(strKey) && m_ListsHeldBy(caller.sender) >= kMaxListsPerClient) {
         MOX_WARN("Too many undropped lists: list request refused.");
@@ -277,7 +280,7 @@ bool CMOXEngineImp::GetPartialList(const std::string& strCommand, guint32 nHandl
 bool CMOXEngineImp::RequestDetail(const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::RequestDetail()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strCommand).c_str());
-    std::unique_lock<std::mutex> lock(m_mutex);
+    mox::UniqueLock lock(m_mutex);
     if (!m_ShareAllows(caller, true, false)) {
         m_EmitFailure(EMOXCommandKind::kDetail, caller, nHandleId, strCommand, MOX_ERROR_GENERIC);
         return false;
@@ -292,13 +295,13 @@ bool CMOXEngineImp::RequestDetail(const std::string& strCommand, guint32 nHandle
 bool CMOXEngineImp::RequestMetadata(const std::string& strRequest, guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::RequestMetadata()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strRequest).c_str());
-    std::unique_lock<std::mutex> lock(m_mutex);
+    mox::UniqueLock lock(m_mutex);
     return m_JoinOrStart(lock, EMOXCommandKind::kMeta, kMetaKey + strRequest, strRequest, nHandleId, caller);
 }
 
 bool CMOXEngineImp::CancelDetail(guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::CancelDetail().");
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     for (auto& entry : m_workers) {
         WorkerThreadJob* pWork = entry.second.get();
         assert(pWork != nullptr);
@@ -313,7 +316,7 @@ bool CMOXEngineImp::CancelDetail(guint32 nHandleId, const connect_info_s& caller
 bool CMOXEngineImp::Disconnect(guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::Disconnect().");
     MOX_INFO("nHandleId[%d].", static_cast<int>(nHandleId));
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     MOX_DEBUG("m_workers.size(): %d", static_cast<int>(m_workers.size()));
     for (auto& entry : m_workers) {
         for (auto& pRequester : entry.second->requesters) {
@@ -357,7 +360,7 @@ bool CMOXEngineImp::m_DropList(const std::string& strShmName) {
 bool CMOXEngineImp::DropPartialList(const std::string& strShmName, guint32 nHandleId, const connect_info_s& caller) {
     MOX_INFO("In CMOXEngineImp::DropPartialList().");
     MOX_INFO("szShmName[%s]", mox_bus::ForLog(strShmName).c_str());
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     // Only a list this engine handed to the caller: a client must not make
     // the engine let go of blocks that other clients hold.
     auto found = m_deliveredLists.find(strShmName);
@@ -386,7 +389,7 @@ bool CMOXEngineImp::DropPartialList(const std::string& strShmName, guint32 nHand
 }
 
 void CMOXEngineImp::RemoveClient(const std::string& strUniqueName) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     int nCancelled = 0;
     for (auto& entry : m_workers) {
         for (auto& pRequester : entry.second->requesters) {
@@ -445,7 +448,7 @@ void CMOXEngineImp::m_ReleaseJob(WorkerThreadJob* pJob) {
 
 void CMOXEngineImp::m_OnListDone(WorkerThreadJob* pJob, const std::string& strShmName, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_GetPartialListCompeleteCb().");
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     int nEventType = strShmName.empty() ? MOX_EVENT_LIST_FAILED : MOX_EVENT_LIST_READY;
     if (eError == MOX_ERROR_FAILED_RESULT) nEventType = MOX_EVENT_LIST_SOURCE_ERROR;
     std::set<Holder> recipients;
@@ -480,7 +483,7 @@ void CMOXEngineImp::m_OnListDone(WorkerThreadJob* pJob, const std::string& strSh
 void CMOXEngineImp::m_OnDetailDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_RequestDetailCompeleteCb().");
     std::string strTimes = CJsonValue(pJob->strQueryCmd).StringOr("mox_detail_request_times");
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     if (!pJob->requesters.empty()) {
         const Requester& first = **pJob->requesters.begin();
         if (first.nCancelled == 0) {
@@ -513,7 +516,7 @@ void CMOXEngineImp::m_OnMetaDone(WorkerThreadJob* pJob, const std::string& strRe
     result.Set("mox_uhd_request_param", pJob->strQueryCmd);
     std::string strData = result.ToString();
     int nEventType = eError == MOX_ERROR_NONE ? MOX_EVENT_META_DONE : MOX_EVENT_META_FAILED;
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;
         CJsonValue payload;

@@ -51,6 +51,7 @@
 
 #include "mox_command.h"
 #include "mox_signal_sink.h"
+#include "mox_thread_annotations.h"
 
 class CMOXEngineImp;
 
@@ -196,34 +197,37 @@ private:
     std::unique_ptr<Requester> m_InitRequester(guint32 nHandleId, const connect_info_s& caller);
     // Adds the requester to the job of strKey when there is one (requires
     // m_mutex); false when there is none.
-    bool m_FindRequester(std::unique_ptr<Requester>& pRequester, const std::string& strKey);
+    bool m_FindRequester(std::unique_ptr<Requester>& pRequester, const std::string& strKey) REQUIRES(m_mutex);
     std::unique_ptr<WorkerThreadJob> m_InitWorker(EMOXCommandKind eKind, std::unique_ptr<Requester> pRequester,
                                                   const std::string& strKey, const std::string& strQueryCmd);
     // Whether the caller may start (bNewJob) or join a job, counting its
-    // share; warns once when not. Requires m_mutex.
-    bool m_ShareAllows(const connect_info_s& caller, bool bNewJob, bool bTransfer) const;
+    // share; warns once when not.
+    bool m_ShareAllows(const connect_info_s& caller, bool bNewJob, bool bTransfer) const REQUIRES(m_mutex);
     // The coalescing steps shared by list and metadata requests; unlocks
-    // `lock` to execute a new command. False (failure signal sent) when the
-    // request was refused.
-    bool m_JoinOrStart(std::unique_lock<std::mutex>& lock, EMOXCommandKind eKind, const std::string& strKey,
-                       const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller);
-    // Makes the job's command and inserts the job (requires m_mutex); the
-    // command to execute, or NULL (job freed, failure signal sent) when none
-    // can be made.
-    IMOXCommand* m_StartJob(std::unique_ptr<WorkerThreadJob> pJob);
-    // Unlocks `lock` and executes pCommand; false for NULL.
-    bool m_Execute(std::unique_lock<std::mutex>& lock, IMOXCommand* pCommand, const std::string& strCommand);
-    // Frees the job's requesters and removes the job. Requires m_mutex.
-    void m_ReleaseJob(WorkerThreadJob* pJob);
+    // `lock` (on m_mutex) to execute a new command, so the analysis cannot
+    // follow it: the callers hold `lock` and never touch guarded members
+    // after the call. False (failure signal sent) when the request was
+    // refused.
+    bool m_JoinOrStart(mox::UniqueLock& lock, EMOXCommandKind eKind, const std::string& strKey,
+                       const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller)
+        NO_THREAD_SAFETY_ANALYSIS;
+    // Makes the job's command and inserts the job; the command to execute,
+    // or NULL (job freed, failure signal sent) when none can be made.
+    IMOXCommand* m_StartJob(std::unique_ptr<WorkerThreadJob> pJob) REQUIRES(m_mutex);
+    // Unlocks `lock` (on m_mutex) and executes pCommand; false for NULL.
+    // Unchecked for the reason given at m_JoinOrStart.
+    bool m_Execute(mox::UniqueLock& lock, IMOXCommand* pCommand, const std::string& strCommand)
+        NO_THREAD_SAFETY_ANALYSIS;
+    // Frees the job's requesters and removes the job.
+    void m_ReleaseJob(WorkerThreadJob* pJob) REQUIRES(m_mutex);
     // Stops the job's command when none of its requesters waits any more.
-    // Requires m_mutex.
-    void m_StopIfUnwanted(WorkerThreadJob& job);
-    void m_AddToShare(const Requester& requester);       // requires m_mutex
-    void m_RemoveFromShare(const Requester& requester);  // requires m_mutex
+    void m_StopIfUnwanted(WorkerThreadJob& job) REQUIRES(m_mutex);
+    void m_AddToShare(const Requester& requester) REQUIRES(m_mutex);
+    void m_RemoveFromShare(const Requester& requester) REQUIRES(m_mutex);
     // Unlinks a result list and lets go of its blocks; false when a block
     // name of the list is empty (the list then stays).
     bool m_DropList(const std::string& strShmName);
-    size_t m_ListsHeldBy(const std::string& strSender) const;  // requires m_mutex
+    size_t m_ListsHeldBy(const std::string& strSender) const REQUIRES(m_mutex);
 
     void m_Emit(const connect_info_s& client, const char* szSignal, const std::string& strPayload);
     void m_EmitEvent(const connect_info_s& client, int nEventType, guint32 nHandleId);
@@ -236,13 +240,13 @@ private:
 
     IMOXSignalSink& m_sink;
     guint32 m_nHandleCounter = 0;  // main loop only
-    std::mutex m_mutex;
+    mox::Mutex m_mutex;
     std::condition_variable m_idle;  // signalled when a job ends
-    std::map<std::string, std::unique_ptr<WorkerThreadJob>> m_workers;  // GUARDED_BY(m_mutex)
+    std::map<std::string, std::unique_ptr<WorkerThreadJob>> m_workers GUARDED_BY(m_mutex);
     // Result list -> (client unique name, handle) of every requester that
     // received it and has not dropped it yet.
     using Holder = std::pair<std::string, guint32>;
-    std::map<std::string, std::set<Holder>> m_deliveredLists;  // GUARDED_BY(m_mutex)
-    std::map<std::string, Share> m_shares;                           // GUARDED_BY(m_mutex)
-    unsigned long long m_nDetailSerial = 0;                          // GUARDED_BY(m_mutex)
+    std::map<std::string, std::set<Holder>> m_deliveredLists GUARDED_BY(m_mutex);
+    std::map<std::string, Share> m_shares GUARDED_BY(m_mutex);
+    unsigned long long m_nDetailSerial GUARDED_BY(m_mutex) = 0;
 };

@@ -74,7 +74,7 @@ bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelec
     const std::string strKey = kActKey + strText;
     const bool bTransfer = strCommand == "mox_file_transfer";
 
-    std::unique_lock<std::mutex> lock(m_mutex);
+    mox::UniqueLock lock(m_mutex);
     if (!m_ShareAllows(caller, m_workers.count(strKey) == 0, bTransfer)) {
         m_EmitActEnd(caller, nHandleId, strParam, strTimes, MOX_ERROR_GENERIC);
         return false;
@@ -115,7 +115,7 @@ guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleI
     const std::string strSource = doc.StringOr("mox_source");
     const std::string strId = doc.StringOr("mox_transfer_id");
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        mox::MutexLock lock(m_mutex);
         bool bAllowed = caller.uid == 0;
         for (const auto& entry : m_workers) {
             const WorkerThreadJob& job = *entry.second;
@@ -149,7 +149,7 @@ void CMOXEngineImp::m_OnActDone(WorkerThreadJob* pJob, const std::string& strRes
     // when it failed half-way: their listed answers go at once.
     for (const std::string& strPath : CMOXRequestListCommand::PathsOfDocument(pJob->strQueryCmd))
         CMOXSingleton<CCachePool>::Get()->ForgetTouching(strPath);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;
         m_EmitActEnd(pRequester->client, pRequester->nHandleId, strResult, strTimes, eError);
@@ -170,7 +170,7 @@ void CMOXEngineImp::m_OnActProgress(WorkerThreadJob* pJob, const char* szParam,
     if (llNow - g_llLastProgressReport.load(std::memory_order_relaxed) < kProgressIntervalMs && !bFinished) return;
     g_llLastProgressReport.store(llNow, std::memory_order_relaxed);
 
-    std::lock_guard<std::mutex> lock(m_mutex);
+    mox::MutexLock lock(m_mutex);
     const std::string strTimes = CJsonValue(pJob->strQueryCmd).StringOr("mox_act_request_times");
     MOX_INFO("pMoxTransferProgressData->dlnow:[%lf]", pProgress->dlnow);
     MOX_INFO("pMoxTransferProgressData->dltotal:[%lf]", pProgress->dltotal);

@@ -179,8 +179,8 @@ IWebSource* CMOXSourceMgr::GetSource(std::string strSourceName) {
 namespace {
 
 struct SBusySources {
-    std::mutex mutex;
-    std::multiset<std::string> names;  // GUARDED_BY(mutex)
+    mox::Mutex mutex;
+    std::multiset<std::string> names GUARDED_BY(mutex);
 };
 
 SBusySources& Busy() {
@@ -192,19 +192,22 @@ SBusySources& Busy() {
 }  // namespace
 
 CMOXSourceCall::CMOXSourceCall(std::string strSourceName) : m_strSourceName(std::move(strSourceName)) {
-    std::lock_guard<std::mutex> lock(Busy().mutex);
-    Busy().names.insert(m_strSourceName);
+    SBusySources& busy = Busy();
+    mox::MutexLock lock(busy.mutex);
+    busy.names.insert(m_strSourceName);
 }
 
 CMOXSourceCall::~CMOXSourceCall() {
-    std::lock_guard<std::mutex> lock(Busy().mutex);
-    auto found = Busy().names.find(m_strSourceName);
-    if (found != Busy().names.end()) Busy().names.erase(found);
+    SBusySources& busy = Busy();
+    mox::MutexLock lock(busy.mutex);
+    auto found = busy.names.find(m_strSourceName);
+    if (found != busy.names.end()) busy.names.erase(found);
 }
 
 std::vector<std::string> CMOXSourceMgr::BusySources() {
-    std::lock_guard<std::mutex> lock(Busy().mutex);
-    std::set<std::string> unique(Busy().names.begin(), Busy().names.end());
+    SBusySources& busy = Busy();
+    mox::MutexLock lock(busy.mutex);
+    std::set<std::string> unique(busy.names.begin(), busy.names.end());
     return std::vector<std::string>(unique.begin(), unique.end());
 }
 

@@ -1,6 +1,8 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_request_list_command.h"
 
+#include "mox_thread_annotations.h"
+
 #include <sys/mman.h>
 
 #include <cstdint>
@@ -111,8 +113,8 @@ std::vector<std::string> QueryPaths(const std::string& strQueryCmd) {
 // The data blocks being written by source threads now (a stuck source may
 // never let go of its own).
 struct SBlocksInProgress {
-    std::mutex mutex;
-    std::set<std::string> names;  // GUARDED_BY(mutex)
+    mox::Mutex mutex;
+    std::set<std::string> names GUARDED_BY(mutex);
 };
 
 SBlocksInProgress& BlocksInProgress() {
@@ -126,12 +128,14 @@ class CInProgressCall {
 public:
     CInProgressCall(const std::string& strSource, std::string strBlock)
         : m_call(strSource), m_strBlock(std::move(strBlock)) {
-        std::lock_guard<std::mutex> lock(BlocksInProgress().mutex);
-        BlocksInProgress().names.insert(m_strBlock);
+        SBlocksInProgress& blocks = BlocksInProgress();
+        mox::MutexLock lock(blocks.mutex);
+        blocks.names.insert(m_strBlock);
     }
     ~CInProgressCall() {
-        std::lock_guard<std::mutex> lock(BlocksInProgress().mutex);
-        BlocksInProgress().names.erase(m_strBlock);
+        SBlocksInProgress& blocks = BlocksInProgress();
+        mox::MutexLock lock(blocks.mutex);
+        blocks.names.erase(m_strBlock);
     }
     CInProgressCall(const CInProgressCall&) = delete;
     CInProgressCall& operator=(const CInProgressCall&) = delete;
@@ -144,12 +148,13 @@ private:
 }  // namespace
 
 void CMOXRequestListCommand::UnlinkBlocksInProgress() {
-    std::lock_guard<std::mutex> lock(BlocksInProgress().mutex);
-    for (const std::string& strBlock : BlocksInProgress().names) {
+    SBlocksInProgress& blocks = BlocksInProgress();
+    mox::MutexLock lock(blocks.mutex);
+    for (const std::string& strBlock : blocks.names) {
         MOX_WARN("Data block[%s] still being built at exit: unlinked.", strBlock.c_str());
         shm_unlink(strBlock.c_str());
     }
-    BlocksInProgress().names.clear();
+    blocks.names.clear();
 }
 
 std::vector<std::string> CMOXRequestListCommand::PathsOfDocument(const std::string& strDocument) {
