@@ -17,7 +17,11 @@
 #include <mox/mox_events.h>
 #include <mox/mox_resultlist.h>
 
+#include <mox/mox_singleton.h>
+
+#include "cache_pool.h"
 #include "mox_engine_imp.h"
+#include "mox_source_manager.h"
 #include "temp_dir.h"
 
 namespace {
@@ -65,6 +69,13 @@ private:
     std::vector<Sent> m_sent;
 };
 
+std::vector<std::string> MoxObjects() {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator("/dev/shm"))
+        if (entry.path().filename().string().rfind("mox_", 0) == 0) names.push_back(entry.path().filename());
+    return names;
+}
+
 connect_info_s Client(const std::string& sender, uid_t uid) {
     connect_info_s client;
     client.sender = sender;
@@ -90,6 +101,10 @@ protected:
     void TearDown() override {
         EXPECT_TRUE(m_engine->WaitIdle(20s));
         m_engine.reset();  // drops the lists nobody dropped
+        // As the daemon does at exit: the pool unlinks the blocks it kept.
+        CMOXSingleton<CCachePool>::Destroy();
+        CMOXSingleton<CMOXSourceMgr>::Destroy();
+        EXPECT_EQ(MoxObjects(), std::vector<std::string>());
     }
 
     moxtest::TempDir m_dir;
