@@ -58,8 +58,8 @@ bool ReadFile(const char* path, std::string& out) {
     return true;
 }
 
-void OnEchoCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method,
-                GVariant*, GDBusMethodInvocation* invocation, gpointer userData) {
+void OnEchoCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant*,
+                GDBusMethodInvocation* invocation, gpointer userData) {
     const EchoData* data = static_cast<const EchoData*>(userData);
     if (strcmp(method, "get_usb_storages") == 0)
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(us)", 0u, data->storages.c_str()));
@@ -80,13 +80,16 @@ int RunEcho(const char* name, const char* storagesFile, const char* folderFile) 
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
     static const GDBusInterfaceVTable vtable = {OnEchoCall, nullptr, nullptr, {nullptr}};
     g_dbus_connection_register_object(bus, kPath, node->interfaces[0], &vtable, &data, nullptr, nullptr);
-    guint owner = g_bus_own_name_on_connection(bus, name, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr,
-                                               nullptr, nullptr);
+    guint owner =
+        g_bus_own_name_on_connection(bus, name, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr, nullptr, nullptr);
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-    g_unix_signal_add(SIGTERM, [](gpointer l) -> gboolean {
-        g_main_loop_quit(static_cast<GMainLoop*>(l));
-        return G_SOURCE_REMOVE;
-    }, loop);
+    g_unix_signal_add(
+        SIGTERM,
+        [](gpointer l) -> gboolean {
+            g_main_loop_quit(static_cast<GMainLoop*>(l));
+            return G_SOURCE_REMOVE;
+        },
+        loop);
     g_main_loop_run(loop);
     g_bus_unown_name(owner);
     g_main_loop_unref(loop);

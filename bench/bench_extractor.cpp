@@ -70,15 +70,18 @@ void RawExif(const std::string& path, benchmark::State& state) {
         ExifRational r = exif_get_rational(e->data + 8 * i, order);
         return r.denominator ? double(r.numerator) / r.denominator : 0.0;
     };
-    for (ExifTag tag : {static_cast<ExifTag>(EXIF_TAG_GPS_LATITUDE_REF), static_cast<ExifTag>(EXIF_TAG_GPS_LONGITUDE_REF)})
+    for (ExifTag tag :
+         {static_cast<ExifTag>(EXIF_TAG_GPS_LATITUDE_REF), static_cast<ExifTag>(EXIF_TAG_GPS_LONGITUDE_REF)})
         if (ExifEntry* e = entry(EXIF_IFD_GPS, tag)) exif_entry_get_value(e, buf, sizeof(buf));
     for (ExifTag tag : {static_cast<ExifTag>(EXIF_TAG_GPS_LATITUDE), static_cast<ExifTag>(EXIF_TAG_GPS_LONGITUDE)})
-        if (ExifEntry* e = entry(EXIF_IFD_GPS, tag)) sum += rational(e, 0) + rational(e, 1) / 60 + rational(e, 2) / 3600;
-    for (ExifTag tag : {EXIF_TAG_IMAGE_DESCRIPTION, EXIF_TAG_DATE_TIME_ORIGINAL, EXIF_TAG_EXPOSURE_TIME, EXIF_TAG_MODEL})
+        if (ExifEntry* e = entry(EXIF_IFD_GPS, tag))
+            sum += rational(e, 0) + rational(e, 1) / 60 + rational(e, 2) / 3600;
+    for (ExifTag tag :
+         {EXIF_TAG_IMAGE_DESCRIPTION, EXIF_TAG_DATE_TIME_ORIGINAL, EXIF_TAG_EXPOSURE_TIME, EXIF_TAG_MODEL})
         if (ExifEntry* e = exif_data_get_entry(ed, tag)) exif_entry_get_value(e, buf, sizeof(buf));
     if (ExifEntry* e = exif_data_get_entry(ed, EXIF_TAG_FNUMBER)) sum += rational(e, 0);
-    for (ExifTag tag : {EXIF_TAG_ISO_SPEED_RATINGS, EXIF_TAG_ORIENTATION, EXIF_TAG_PIXEL_X_DIMENSION,
-                        EXIF_TAG_PIXEL_Y_DIMENSION})
+    for (ExifTag tag :
+         {EXIF_TAG_ISO_SPEED_RATINGS, EXIF_TAG_ORIENTATION, EXIF_TAG_PIXEL_X_DIMENSION, EXIF_TAG_PIXEL_Y_DIMENSION})
         if (ExifEntry* e = exif_data_get_entry(ed, tag)) sum += exif_get_short(e->data, order);
     benchmark::DoNotOptimize(sum);
     benchmark::DoNotOptimize(buf);
@@ -131,8 +134,12 @@ void BM_PhotoRaw(benchmark::State& state) {
     std::string path = media.dir + "/photo.jpg";
     for (auto _ : state) RawExif(path, state);
 }
-void BM_PhotoLibrary(benchmark::State& state) { Library(state, "photo.jpg", 2); }
-void BM_PhotoHelper(benchmark::State& state) { Helper(state, "photo.jpg", 2); }
+void BM_PhotoLibrary(benchmark::State& state) {
+    Library(state, "photo.jpg", 2);
+}
+void BM_PhotoHelper(benchmark::State& state) {
+    Helper(state, "photo.jpg", 2);
+}
 
 void BM_Mp3Raw(benchmark::State& state) {
     Media& media = TheMedia();
@@ -140,8 +147,12 @@ void BM_Mp3Raw(benchmark::State& state) {
     std::string path = media.dir + "/song.mp3";
     for (auto _ : state) RawTagLib(path);
 }
-void BM_Mp3Library(benchmark::State& state) { Library(state, "song.mp3", 5); }
-void BM_Mp3Helper(benchmark::State& state) { Helper(state, "song.mp3", 5); }
+void BM_Mp3Library(benchmark::State& state) {
+    Library(state, "song.mp3", 5);
+}
+void BM_Mp3Helper(benchmark::State& state) {
+    Helper(state, "song.mp3", 5);
+}
 
 }  // namespace
 

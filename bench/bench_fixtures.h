@@ -18,9 +18,10 @@ inline std::vector<std::string> MakeItems(int nCount, unsigned nSeed) {
     std::vector<std::string> items;
     items.reserve(nCount);
     for (int i = 0; i < nCount; ++i) {
-        items.push_back("{\"FileName\":\"IMG_" + std::to_string(rng() % 100000) + ".JPG\",\"FileSize\":" +
-                        std::to_string(rng() % 10000000) + ",\"FileTime\":" + std::to_string(1500000000 + rng() % 1000000) +
-                        ",\"Title\":\"Holiday " + std::to_string(rng() % 500) +
+        items.push_back("{\"FileName\":\"IMG_" + std::to_string(rng() % 100000) +
+                        ".JPG\",\"FileSize\":" + std::to_string(rng() % 10000000) +
+                        ",\"FileTime\":" + std::to_string(1500000000 + rng() % 1000000) + ",\"Title\":\"Holiday " +
+                        std::to_string(rng() % 500) +
                         "\",\"FilePath\":\"/opt/storage/usb/sda1/DCIM/100CANON\",\"MediaType\":2}");
     }
     return items;

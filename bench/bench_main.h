@@ -6,13 +6,13 @@
 
 #include <benchmark/benchmark.h>
 
-#define MOX_BENCHMARK_MAIN()                                          \
-    int main(int argc, char** argv) {                                 \
-        setenv("MOX_LOG_LEVEL", "warning", 0);                        \
-        setenv("MOX_LOG", "stderr", 0);                               \
-        ::benchmark::Initialize(&argc, argv);                         \
+#define MOX_BENCHMARK_MAIN()                                                \
+    int main(int argc, char** argv) {                                       \
+        setenv("MOX_LOG_LEVEL", "warning", 0);                              \
+        setenv("MOX_LOG", "stderr", 0);                                     \
+        ::benchmark::Initialize(&argc, argv);                               \
         if (::benchmark::ReportUnrecognizedArguments(argc, argv)) return 1; \
-        ::benchmark::RunSpecifiedBenchmarks();                        \
-        ::benchmark::Shutdown();                                      \
-        return 0;                                                     \
+        ::benchmark::RunSpecifiedBenchmarks();                              \
+        ::benchmark::Shutdown();                                            \
+        return 0;                                                           \
     }

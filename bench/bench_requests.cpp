@@ -35,7 +35,9 @@ constexpr const char* kName = "com.orvia.mox.engine";
 constexpr const char* kPath = "/com/orvia/mox/engine";
 constexpr const char* kIface = "com.orvia.mox.engine";
 
-double Micros(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
+double Micros(Clock::duration d) {
+    return std::chrono::duration<double, std::micro>(d).count();
+}
 
 struct Stats {
     double median, p99;
@@ -134,10 +136,9 @@ void EchoThread(GMainContext* ctx, GMainLoop* loop, bool* ready) {
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kEchoXml, nullptr);
     static const GDBusInterfaceVTable vt = {OnPing, nullptr, nullptr, {nullptr}};
     g_dbus_connection_register_object(c, "/bench", node->interfaces[0], &vt, nullptr, nullptr, nullptr);
-    GVariant* r = g_dbus_connection_call_sync(c, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                              "org.freedesktop.DBus", "RequestName",
-                                              g_variant_new("(su)", "com.orvia.mox.bench", 0u), nullptr,
-                                              G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, nullptr);
+    GVariant* r = g_dbus_connection_call_sync(
+        c, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+        g_variant_new("(su)", "com.orvia.mox.bench", 0u), nullptr, G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, nullptr);
     if (r) g_variant_unref(r);
     __atomic_store_n(ready, true, __ATOMIC_RELEASE);
     g_main_loop_run(loop);
@@ -200,8 +201,8 @@ double ReaddirStat(const std::string& folder) {
 }
 
 std::string Doc(const std::string& folder, const std::string& extra) {
-    return R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],"mox_folder_path":")" + folder +
-           "\"" + extra + "}";
+    return R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],"mox_folder_path":")" + folder + "\"" +
+           extra + "}";
 }
 
 void MakeFiles(const std::string& folder, int count) {
@@ -277,9 +278,10 @@ int main(int argc, char** argv) {
     Stats listStats = Summarise(t);
     double bus = Summarise(busTimes).median;
     double shm = Summarise(shmTimes).median;
-    printf("cached list of 1000 items: median %.0f us, p99 %.0f us; raw call+signal %.0f us + raw shm write+read "
-           "of %zu bytes %.0f us = %.0f us; ratio %.2fx (goal <= 1.5x)\n",
-           listStats.median, listStats.p99, bus, listBytes, shm, bus + shm, listStats.median / (bus + shm));
+    printf(
+        "cached list of 1000 items: median %.0f us, p99 %.0f us; raw call+signal %.0f us + raw shm write+read "
+        "of %zu bytes %.0f us = %.0f us; ratio %.2fx (goal <= 1.5x)\n",
+        listStats.median, listStats.p99, bus, listBytes, shm, bus + shm, listStats.median / (bus + shm));
 
     // 2. Uncached list of 10,000 files against readdir + stat.
     std::vector<double> engine, plain;
@@ -294,9 +296,10 @@ int main(int argc, char** argv) {
         plain.push_back(ReaddirStat(big));
     }
     double e = Summarise(engine).median, p = Summarise(plain).median;
-    printf("uncached list of 10000 files: median %.1f ms (%.0f files/s); readdir+stat %.1f ms (%.0f files/s); "
-           "rate ratio %.2fx (goal >= 0.5x)\n",
-           e / 1000, 1e10 / e, p / 1000, 1e10 / p, p / e);
+    printf(
+        "uncached list of 10000 files: median %.1f ms (%.0f files/s); readdir+stat %.1f ms (%.0f files/s); "
+        "rate ratio %.2fx (goal >= 0.5x)\n",
+        e / 1000, 1e10 / e, p / 1000, 1e10 / p, p / e);
 
     // 3. Coalescing: 16 clients, one uncached request.
     std::vector<std::unique_ptr<Client>> clients;

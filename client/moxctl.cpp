@@ -54,7 +54,8 @@ int main(int argc, char** argv) {
 
     std::function<int(Context&)> run;
 
-    auto* status = app.add_subcommand("status", "list the storages: index, name, label, mount path, file system, usage");
+    auto* status =
+        app.add_subcommand("status", "list the storages: index, name, label, mount path, file system, usage");
     status->callback([&] { run = [](Context& c) { return RunStatus(c); }; });
 
     MonitorArgs monitor;
@@ -68,7 +69,8 @@ int main(int argc, char** argv) {
     ls->add_option("FOLDER", list.folder, "folder to list (below the USB root for the local source)")->required();
     ls->add_option("--source", list.source, "source name (default mox_local_source)");
     ls->add_option("--plugin", list.plugin, "source library (default libmox_local_source.so)");
-    ls->add_option("--sort", list.sort, "sort key")->check(CLI::IsMember({"FileName", "FileSize", "FileTime", "Title"}));
+    ls->add_option("--sort", list.sort, "sort key")
+        ->check(CLI::IsMember({"FileName", "FileSize", "FileTime", "Title"}));
     ls->add_flag("--desc", list.desc, "sort descending");
     ls->add_option("--type", list.type, "only this media (folders always shown)")
         ->check(CLI::IsMember({"photo", "video", "music"}));
@@ -124,8 +126,9 @@ int main(int argc, char** argv) {
     ThumbsArgs thumbs;
     auto* th = app.add_subcommand("thumbs", "ask for a few files of a folder to show as its thumbnails");
     th->add_option("FOLDER", thumbs.folder, "folder on a storage")->required();
-    th->add_option("--type", thumbs.type, "CONTENT-IMAGE (default), CONTENT-VIDEO, CONTENT-MUSIC, CONTENT-UHD, "
-                                          "CONTENT-PVR; anything else: every kind");
+    th->add_option("--type", thumbs.type,
+                   "CONTENT-IMAGE (default), CONTENT-VIDEO, CONTENT-MUSIC, CONTENT-UHD, "
+                   "CONTENT-PVR; anything else: every kind");
     th->add_option("--count", thumbs.count, "how many files (1 to 1024, default 4)")->check(CLI::Range(1, 1024));
     th->callback([&] { run = [&](Context& c) { return RunThumbs(c, thumbs); }; });
 

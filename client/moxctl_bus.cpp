@@ -46,9 +46,8 @@ std::string EngineSignal::Text() const {
 
 CMOXCtlBus::CMOXCtlBus(GDBusConnection* connection, std::chrono::milliseconds timeout)
     : m_connection(connection), m_timeout(timeout) {
-    m_signalSub = g_dbus_connection_signal_subscribe(m_connection, kEngineName, kEngineInterface, nullptr,
-                                                     kEnginePath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, s_OnSignal,
-                                                     this, nullptr);
+    m_signalSub = g_dbus_connection_signal_subscribe(m_connection, kEngineName, kEngineInterface, nullptr, kEnginePath,
+                                                     nullptr, G_DBUS_SIGNAL_FLAGS_NONE, s_OnSignal, this, nullptr);
     m_ownerSub = g_dbus_connection_signal_subscribe(m_connection, "org.freedesktop.DBus", "org.freedesktop.DBus",
                                                     "NameOwnerChanged", "/org/freedesktop/DBus", kEngineName,
                                                     G_DBUS_SIGNAL_FLAGS_NONE, s_OnOwnerChanged, this, nullptr);
@@ -146,17 +145,10 @@ void CMOXCtlBus::Poll() {
 
 int CMOXCtlBus::Describe(Wait w, const std::string& what, std::string& error) {
     switch (w) {
-    case Wait::kGot:
-        return kExitOk;
-    case Wait::kTimeout:
-        error = "timed out waiting for " + what;
-        return kExitUnavailable;
-    case Wait::kInterrupted:
-        error = "interrupted";
-        return kExitInterrupted;
-    case Wait::kEngineGone:
-        error = "the engine left the bus while waiting for " + what;
-        return kExitUnavailable;
+        case Wait::kGot: return kExitOk;
+        case Wait::kTimeout: error = "timed out waiting for " + what; return kExitUnavailable;
+        case Wait::kInterrupted: error = "interrupted"; return kExitInterrupted;
+        case Wait::kEngineGone: error = "the engine left the bus while waiting for " + what; return kExitUnavailable;
     }
     return kExitFailed;
 }
@@ -192,6 +184,8 @@ gboolean CMOXCtlBus::s_OnUnixSignal(gpointer self) {
     return G_SOURCE_CONTINUE;
 }
 
-gboolean CMOXCtlBus::s_OnTick(gpointer) { return G_SOURCE_REMOVE; }
+gboolean CMOXCtlBus::s_OnTick(gpointer) {
+    return G_SOURCE_REMOVE;
+}
 
 }  // namespace moxctl

@@ -24,9 +24,9 @@ constexpr const char* kEngineInterface = "com.orvia.mox.engine";
 // Exit statuses of the tool.
 enum ExitCode {
     kExitOk = 0,
-    kExitFailed = 1,       // the engine reported a failure
-    kExitUsage = 2,        // bad command line
-    kExitUnavailable = 3,  // no bus, engine absent, or timed out
+    kExitFailed = 1,         // the engine reported a failure
+    kExitUsage = 2,          // bad command line
+    kExitUnavailable = 3,    // no bus, engine absent, or timed out
     kExitNoFolder = 4,       // list: not a folder below the USB root
     kExitSourceFailed = 5,   // list: the source failed or broke its contract
     kExitSourceRefused = 6,  // list: the source answered with an error code of its own
@@ -66,8 +66,7 @@ public:
     // Calls a method of the engine (params is floating, consumed). On failure
     // returns null, fills `error` and `exitCode` (3 when the engine is absent
     // or the call timed out, 1 otherwise).
-    VariantPtr Call(const char* method, GVariant* params, const char* replyType, std::string& error,
-                    int& exitCode);
+    VariantPtr Call(const char* method, GVariant* params, const char* replyType, std::string& error, int& exitCode);
 
     // Waits up to the configured timeout for a queued signal that `match`
     // accepts; earlier signals it rejects stay queued.

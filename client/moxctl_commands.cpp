@@ -21,16 +21,16 @@ constexpr guint32 kRefusedHandle = 4294967295u;
 
 std::string MediaTypeName(int type) {
     switch (type) {
-    case 0: return "none";
-    case 2: return "photo";
-    case 3: return "video";
-    case 5: return "music";
-    case 6: return "recording";
-    case 10: return "uhd";
-    case 11: return "scsa";
-    case 12: return "playlist";
-    case 15: return "all";
-    default: return std::to_string(type);
+        case 0: return "none";
+        case 2: return "photo";
+        case 3: return "video";
+        case 5: return "music";
+        case 6: return "recording";
+        case 10: return "uhd";
+        case 11: return "scsa";
+        case 12: return "playlist";
+        case 15: return "all";
+        default: return std::to_string(type);
     }
 }
 
@@ -340,8 +340,8 @@ int RunCheck(Context& ctx, const std::string& mountArg) {
     if (!ctx.Utf8Arg("MOUNT", mount)) return kExitUsage;
     std::string error;
     int code = 0;
-    VariantPtr reply = ctx.bus.Call("start_scanner", g_variant_new("(ss)", "check_device", mount.c_str()), "(bu)",
-                                    error, code);
+    VariantPtr reply =
+        ctx.bus.Call("start_scanner", g_variant_new("(ss)", "check_device", mount.c_str()), "(bu)", error, code);
     if (!reply) return ctx.Fail(code, error);
     gboolean started = FALSE;
     guint32 id = 0;
@@ -370,7 +370,7 @@ int RunCheck(Context& ctx, const std::string& mountArg) {
     guint32 sid = 0, result = 0, mediaType = 0;
     const gchar *dir = nullptr, *name = nullptr, *meta = nullptr;
     g_variant_get(s.params.get(), "(uuu&s&s&s)", &sid, &result, &mediaType, &dir, &name, &meta);
-    const char* verdict = result == MOX_SCAN_NO_MEDIA     ? "none"
+    const char* verdict = result == MOX_SCAN_NO_MEDIA      ? "none"
                           : result == MOX_SCAN_ONE_MEDIA   ? "one"
                           : result == MOX_SCAN_MULTI_MEDIA ? "several"
                                                            : "failed";
@@ -439,8 +439,7 @@ int RunThumbs(Context& ctx, const ThumbsArgs& args) {
         },
         s);
     if (w != CMOXCtlBus::Wait::kGot) {
-        if (w != CMOXCtlBus::Wait::kEngineGone)
-            ctx.bus.Call("stop_scanner_thumb", params(), nullptr, error, code);
+        if (w != CMOXCtlBus::Wait::kEngineGone) ctx.bus.Call("stop_scanner_thumb", params(), nullptr, error, code);
         int rc = CMOXCtlBus::Describe(w, "the thumbnail scan", error);
         return ctx.Fail(rc, error);
     }

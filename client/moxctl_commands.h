@@ -32,7 +32,7 @@ struct ListArgs {
     std::string folder;
     std::string sort;  // FileName, FileSize, FileTime, Title or empty
     bool desc = false;
-    std::string type;  // photo, video, music or empty
+    std::string type;   // photo, video, music or empty
     std::string range;  // "A-B", "A-" or empty
     int sectionSize = 1000;
 };

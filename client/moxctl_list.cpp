@@ -61,8 +61,12 @@ public:
                                           nullptr, error, code);
         if (!reply) return m_ctx.Fail(code, error);
         Json::Value payload;
-        auto w = WaitCompletion(m_ctx.bus, "mox_request_normal_complete", m_handle,
-                                [](int e) { return e == MOX_EVENT_LIST_READY || e == MOX_EVENT_LIST_SOURCE_ERROR || e == MOX_EVENT_LIST_FAILED; }, payload);
+        auto w = WaitCompletion(
+            m_ctx.bus, "mox_request_normal_complete", m_handle,
+            [](int e) {
+                return e == MOX_EVENT_LIST_READY || e == MOX_EVENT_LIST_SOURCE_ERROR || e == MOX_EVENT_LIST_FAILED;
+            },
+            payload);
         if (w != CMOXCtlBus::Wait::kGot) {
             int rc = CMOXCtlBus::Describe(w, "the list", error);
             return w == CMOXCtlBus::Wait::kInterrupted ? rc : m_ctx.Fail(rc, error);
@@ -105,7 +109,8 @@ public:
                 return true;
             },
             s, std::min(kDropWait, m_ctx.bus.Timeout()));
-        if (w == CMOXCtlBus::Wait::kGot && IntMember(payload, "mox_event_type", MOX_EVENT_DROP_FAILED) == MOX_EVENT_DROP_FAILED)
+        if (w == CMOXCtlBus::Wait::kGot &&
+            IntMember(payload, "mox_event_type", MOX_EVENT_DROP_FAILED) == MOX_EVENT_DROP_FAILED)
             return m_ctx.Fail(kExitFailed, "the engine could not drop " + name);
         return kExitOk;
     }
@@ -151,8 +156,8 @@ private:
             case MOX_ERROR_NO_SUCH_SOURCE:
                 return m_ctx.Fail(kExitFailed, "the engine has no such source (connect first)");
             case MOX_ERROR_SOURCE_CONTRACT:
-                return m_ctx.Fail(kExitSourceFailed, "the source gave a broken answer for " + shown +
-                                                         " (error 32, see the engine's log)");
+                return m_ctx.Fail(kExitSourceFailed,
+                                  "the source gave a broken answer for " + shown + " (error 32, see the engine's log)");
             case MOX_ERROR_GENERIC:
                 return m_ctx.Fail(kExitSourceFailed, "the source failed to list " + shown + " (error 23)");
             default:
@@ -189,7 +194,8 @@ public:
         }
         bool folder = item["IsFolder"].isBool() ? item["IsFolder"].asBool() : IntMember(item, "IsFolder", 0) != 0;
         std::string type = folder ? "folder" : MediaTypeName(IntMember(item, "MediaType", 0));
-        std::string size = folder || !item["FileSize"].isNumeric() ? "-" : CMOXCtlOutput::HumanBytes(item["FileSize"].asDouble());
+        std::string size =
+            folder || !item["FileSize"].isNumeric() ? "-" : CMOXCtlOutput::HumanBytes(item["FileSize"].asDouble());
         char when[32] = "-";
         if (item["FileTime"].isIntegral()) {
             time_t t = static_cast<time_t>(item["FileTime"].asLargestInt());
@@ -266,7 +272,8 @@ int RunList(Context& ctx, const ListArgs& args) {
                 std::string item, block;
                 int index = -1;
                 if (!list->GetItem(i, item, block, index)) {
-                    status = ctx.Fail(kExitFailed, "item " + std::to_string(i) + " of " + list->GetName() + " is unreadable");
+                    status = ctx.Fail(kExitFailed,
+                                      "item " + std::to_string(i) + " of " + list->GetName() + " is unreadable");
                     break;
                 }
                 printer.Add(item);
@@ -303,7 +310,8 @@ int RunList(Context& ctx, const ListArgs& args) {
                     lister.Pending().pop_front();
                     std::unique_ptr<CResultList> next;
                     status = lister.Request(from, to, s, next);
-                    if (status == kExitOk && !next) status = ctx.Fail(kExitFailed, "the folder changed while it was listed");
+                    if (status == kExitOk && !next)
+                        status = ctx.Fail(kExitFailed, "the folder changed while it was listed");
                     if (status != kExitOk) break;
                     pool.Push(next.release());
                     status = lister.DropReleased();
@@ -335,8 +343,9 @@ int RunDetail(Context& ctx, const DetailArgs& args) {
         ctx.bus.Call("request_detail", g_variant_new("(us)", session.Handle(), text.c_str()), nullptr, error, code);
     if (!reply) return ctx.Fail(code, error);
     Json::Value payload;
-    auto w = WaitCompletion(ctx.bus, "mox_request_normal_complete", session.Handle(),
-                            [](int e) { return e >= MOX_EVENT_DETAIL && e <= MOX_EVENT_DETAIL_NOT_FOUND; }, payload);
+    auto w = WaitCompletion(
+        ctx.bus, "mox_request_normal_complete", session.Handle(),
+        [](int e) { return e >= MOX_EVENT_DETAIL && e <= MOX_EVENT_DETAIL_NOT_FOUND; }, payload);
     if (w != CMOXCtlBus::Wait::kGot) {
         if (w == CMOXCtlBus::Wait::kInterrupted || w == CMOXCtlBus::Wait::kTimeout)
             ctx.bus.Call("request_cancel_detail", g_variant_new("(u)", session.Handle()), nullptr, error, code);
@@ -347,7 +356,8 @@ int RunDetail(Context& ctx, const DetailArgs& args) {
     if (event == MOX_EVENT_DETAIL_NOT_FOUND) return ctx.Fail(kExitFailed, "no such item: " + path);
     Json::Value item;
     const Json::Value& result = payload["mox_result_detail_json"];
-    if (event != MOX_EVENT_DETAIL || !result.isString() || !CMOXCtlOutput::Parse(result.asString(), item, error) || !item.isObject())
+    if (event != MOX_EVENT_DETAIL || !result.isString() || !CMOXCtlOutput::Parse(result.asString(), item, error) ||
+        !item.isObject())
         return ctx.Fail(kExitFailed, "the source " + args.source + " gave no detail of " + path);
     if (ctx.out.Json()) {
         CMOXCtlOutput::PrintJson(item);
@@ -364,9 +374,11 @@ int RunDetail(Context& ctx, const DetailArgs& args) {
 int RunMeta(Context& ctx, const MetaArgs& args) {
     Json::Value doc;
     doc["mox_command"] = "mox_requestmeta";
-    const std::pair<const char*, const std::string*> members[] = {
-        {"mox_uuid", &args.uuid}, {"mox_accesstoken", &args.token}, {"mox_langid", &args.lang},
-        {"mox_countryid", &args.country}, {"mox_version", &args.version}};
+    const std::pair<const char*, const std::string*> members[] = {{"mox_uuid", &args.uuid},
+                                                                  {"mox_accesstoken", &args.token},
+                                                                  {"mox_langid", &args.lang},
+                                                                  {"mox_countryid", &args.country},
+                                                                  {"mox_version", &args.version}};
     for (const auto& [key, value] : members) {
         if (!ctx.Utf8Arg(key, *value)) return kExitUsage;
         if (!value->empty()) doc[key] = *value;
@@ -379,8 +391,9 @@ int RunMeta(Context& ctx, const MetaArgs& args) {
         ctx.bus.Call("request_metadata", g_variant_new("(us)", session.Handle(), text.c_str()), nullptr, error, code);
     if (!reply) return ctx.Fail(code, error);
     Json::Value payload;
-    auto w = WaitCompletion(ctx.bus, "mox_request_metadata", session.Handle(),
-                            [](int e) { return e == MOX_EVENT_META_DONE || e == MOX_EVENT_META_FAILED; }, payload);
+    auto w = WaitCompletion(
+        ctx.bus, "mox_request_metadata", session.Handle(),
+        [](int e) { return e == MOX_EVENT_META_DONE || e == MOX_EVENT_META_FAILED; }, payload);
     if (w != CMOXCtlBus::Wait::kGot) {
         int rc = CMOXCtlBus::Describe(w, "the metadata answer", error);
         return ctx.Fail(rc, error);

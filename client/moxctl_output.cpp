@@ -14,7 +14,9 @@ namespace {
 // nothing the engine sends comes near this).
 constexpr size_t kMaxJsonBytes = 64u << 20;
 
-size_t DisplayWidth(const std::string& s) { return g_utf8_strlen(s.c_str(), static_cast<gssize>(s.size())); }
+size_t DisplayWidth(const std::string& s) {
+    return g_utf8_strlen(s.c_str(), static_cast<gssize>(s.size()));
+}
 
 }  // namespace
 

@@ -81,29 +81,29 @@ void CMOXCtlProgress::m_Draw(bool force) {
     auto now = std::chrono::steady_clock::now();
     bool finished = m_dTotal > 0 && m_dDone >= m_dTotal;
     switch (m_eMode) {
-    case Mode::kJson: {
-        Json::Value v;
-        v["progress"] = m_strLabel;
-        v["done"] = m_dDone;
-        v["total"] = m_dTotal;
-        v["rate"] = Rate();
-        CMOXCtlOutput::PrintJson(v);
-        return;
-    }
-    case Mode::kLines:
-        if (!force && m_bDrawn && !finished && now - m_lastDraw < std::chrono::seconds(1)) return;
-        printf("%s: %s\n", m_strLabel.c_str(), BarLine(0).c_str());
-        fflush(stdout);
-        break;
-    case Mode::kBar: {
-        if (!force && m_bDrawn && !finished && now - m_lastDraw < std::chrono::milliseconds(100)) return;
-        struct winsize ws {};
-        int columns = ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0 ? ws.ws_col : 80;
-        // \r and clear to the end of the line: the line may have shrunk.
-        printf("\r%s\x1b[K", BarLine(columns - 1).c_str());
-        fflush(stdout);
-        break;
-    }
+        case Mode::kJson: {
+            Json::Value v;
+            v["progress"] = m_strLabel;
+            v["done"] = m_dDone;
+            v["total"] = m_dTotal;
+            v["rate"] = Rate();
+            CMOXCtlOutput::PrintJson(v);
+            return;
+        }
+        case Mode::kLines:
+            if (!force && m_bDrawn && !finished && now - m_lastDraw < std::chrono::seconds(1)) return;
+            printf("%s: %s\n", m_strLabel.c_str(), BarLine(0).c_str());
+            fflush(stdout);
+            break;
+        case Mode::kBar: {
+            if (!force && m_bDrawn && !finished && now - m_lastDraw < std::chrono::milliseconds(100)) return;
+            struct winsize ws {};
+            int columns = ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0 ? ws.ws_col : 80;
+            // \r and clear to the end of the line: the line may have shrunk.
+            printf("\r%s\x1b[K", BarLine(columns - 1).c_str());
+            fflush(stdout);
+            break;
+        }
     }
     m_bDrawn = true;
     m_lastDraw = now;

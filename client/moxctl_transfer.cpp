@@ -62,15 +62,15 @@ bool ProgressFigures(const Json::Value& payload, double& done, double& total) {
 
 std::string TransferError(int code) {
     switch (code) {
-    case 7: return "refused (a path outside the USB root, or a malformed request)";
-    case MOX_RA_ERROR_STOPPED: return "stopped";
-    case MOX_RA_ERROR_EXISTS: return "the destination exists (--overwrite replaces it)";
-    case MOX_RA_ERROR_SOURCE: return "the source is missing or not a readable regular file";
-    case MOX_RA_ERROR_HTTP: return "the server answered with an error status";
-    case MOX_RA_ERROR_NETWORK: return "network, TLS or redirect failure";
-    case MOX_RA_ERROR_WRITE: return "the destination cannot be written (full, unplugged, read-only?)";
-    case MOX_RA_ERROR_BUSY: return "the destination is already being written by another transfer";
-    default: return "error code " + std::to_string(code);
+        case 7: return "refused (a path outside the USB root, or a malformed request)";
+        case MOX_RA_ERROR_STOPPED: return "stopped";
+        case MOX_RA_ERROR_EXISTS: return "the destination exists (--overwrite replaces it)";
+        case MOX_RA_ERROR_SOURCE: return "the source is missing or not a readable regular file";
+        case MOX_RA_ERROR_HTTP: return "the server answered with an error status";
+        case MOX_RA_ERROR_NETWORK: return "network, TLS or redirect failure";
+        case MOX_RA_ERROR_WRITE: return "the destination cannot be written (full, unplugged, read-only?)";
+        case MOX_RA_ERROR_BUSY: return "the destination is already being written by another transfer";
+        default: return "error code " + std::to_string(code);
     }
 }
 
@@ -98,8 +98,8 @@ int RunTransfer(Context& ctx, const TransferArgs& args) {
     doc["mox_transfer_overwrite"] = args.overwrite;
     std::string text = CompactJson(doc), error;
     int code = 0;
-    VariantPtr reply = ctx.bus.Call("request_act", g_variant_new("(uss)", session.Handle(), "", text.c_str()),
-                                    nullptr, error, code);
+    VariantPtr reply =
+        ctx.bus.Call("request_act", g_variant_new("(uss)", session.Handle(), "", text.c_str()), nullptr, error, code);
     if (!reply) return ctx.Fail(code, error);
 
     CMOXCtlProgress::Mode mode = ctx.out.Json()               ? CMOXCtlProgress::Mode::kJson
@@ -110,16 +110,18 @@ int RunTransfer(Context& ctx, const TransferArgs& args) {
     auto started = std::chrono::steady_clock::now();
     for (;;) {
         Json::Value payload;
-        auto w = WaitCompletion(ctx.bus, "mox_request_normal_complete", session.Handle(),
-                                [](int e) { return e == MOX_EVENT_ACT_DONE || e == MOX_EVENT_ACT_FAILED || e == MOX_EVENT_ACT_PROGRESS; }, payload);
+        auto w = WaitCompletion(
+            ctx.bus, "mox_request_normal_complete", session.Handle(),
+            [](int e) { return e == MOX_EVENT_ACT_DONE || e == MOX_EVENT_ACT_FAILED || e == MOX_EVENT_ACT_PROGRESS; },
+            payload);
         if (w == CMOXCtlBus::Wait::kInterrupted && !stopping) {
             stopping = true;
             progress.Finish();
             Json::Value stop = doc;
             stop["mox_file_transfer_stop"] = true;
             std::string stopText = CompactJson(stop);
-            VariantPtr answer = ctx.bus.Call("stop_act", g_variant_new("(us)", session.Handle(), stopText.c_str()),
-                                             "(u)", error, code);
+            VariantPtr answer =
+                ctx.bus.Call("stop_act", g_variant_new("(us)", session.Handle(), stopText.c_str()), "(u)", error, code);
             if (!answer) return ctx.Fail(code, "stopping the transfer: " + error);
             ctx.bus.ClearInterrupted();
             continue;  // the engine still sends the final signal
@@ -228,13 +230,15 @@ int RunAct(Context& ctx, const ActArgs& args) {
     if (int rc = session.Open(args.plugin)) return rc;
     text = CompactJson(doc);
     int code = 0;
-    VariantPtr reply = ctx.bus.Call("request_act", g_variant_new("(uss)", session.Handle(), "", text.c_str()),
-                                    nullptr, error, code);
+    VariantPtr reply =
+        ctx.bus.Call("request_act", g_variant_new("(uss)", session.Handle(), "", text.c_str()), nullptr, error, code);
     if (!reply) return ctx.Fail(code, error);
     for (;;) {
         Json::Value payload;
-        auto w = WaitCompletion(ctx.bus, "mox_request_normal_complete", session.Handle(),
-                                [](int e) { return e == MOX_EVENT_ACT_DONE || e == MOX_EVENT_ACT_FAILED || e == MOX_EVENT_ACT_PROGRESS; }, payload);
+        auto w = WaitCompletion(
+            ctx.bus, "mox_request_normal_complete", session.Handle(),
+            [](int e) { return e == MOX_EVENT_ACT_DONE || e == MOX_EVENT_ACT_FAILED || e == MOX_EVENT_ACT_PROGRESS; },
+            payload);
         if (w != CMOXCtlBus::Wait::kGot) {
             // Leaving drops the handle: a request nobody waits for is stopped.
             int rc = CMOXCtlBus::Describe(w, "the act", error);
@@ -246,8 +250,8 @@ int RunAct(Context& ctx, const ActArgs& args) {
         int event = IntMember(payload, "mox_event_type", MOX_EVENT_ACT_FAILED);
         if (event == MOX_EVENT_ACT_PROGRESS) continue;
         if (event == MOX_EVENT_ACT_DONE) return kExitOk;
-        return ctx.Fail(kExitFailed, "the act failed with error " +
-                                         std::to_string(IntMember(payload, "mox_error_code", -1)));
+        return ctx.Fail(kExitFailed,
+                        "the act failed with error " + std::to_string(IntMember(payload, "mox_error_code", -1)));
     }
 }
 

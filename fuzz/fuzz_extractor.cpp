@@ -20,8 +20,8 @@ struct Kind {
     int mediaType;
 };
 constexpr Kind kKinds[] = {
-    {"f.jpg", 2}, {"f.mp3", 5}, {"f.flac", 5}, {"f.ogg", 5}, {"f.m4a", 5}, {"f.wav", 5},  {"f.wma", 5},
-    {"f.aiff", 5}, {"f.ape", 5}, {"f.aac", 5}, {"f.mp4", 3}, {"f.mkv", 3}, {"f.avi", 3}, {"f.ts", 3},
+    {"f.jpg", 2},  {"f.mp3", 5}, {"f.flac", 5}, {"f.ogg", 5}, {"f.m4a", 5}, {"f.wav", 5}, {"f.wma", 5},
+    {"f.aiff", 5}, {"f.ape", 5}, {"f.aac", 5},  {"f.mp4", 3}, {"f.mkv", 3}, {"f.avi", 3}, {"f.ts", 3},
 };
 constexpr size_t kKindCount = sizeof(kKinds) / sizeof(kKinds[0]);
 

@@ -32,6 +32,8 @@ inline bool WriteObject(const std::string& strName, const uint8_t* pData, size_t
 
 // Every rejected object logs a warning; send the log to /dev/null unless the
 // caller chose a sink.
-inline void QuietLog() { setenv("MOX_LOG", "file:/dev/null", 0); }
+inline void QuietLog() {
+    setenv("MOX_LOG", "file:/dev/null", 0);
+}
 
 }  // namespace moxfuzz

@@ -50,8 +50,7 @@ LogConfig LoadConfig() {
             config.sink = Sink::kFile;
             config.fd = fd;
         } else {
-            fprintf(stderr, "dlog: cannot open log file %s (%s), using stderr\n", sink.c_str() + 5,
-                    strerror(errno));
+            fprintf(stderr, "dlog: cannot open log file %s (%s), using stderr\n", sink.c_str() + 5, strerror(errno));
         }
     } else if (sink != "stderr") {
         fprintf(stderr, "dlog: unknown MOX_LOG value '%s', using stderr\n", sink.c_str());
@@ -184,7 +183,9 @@ void WriteAll(int fd, const char* p, size_t left) {
 
 }  // namespace
 
-extern "C" int dlog_min_priority(void) { return Config().minPriority; }
+extern "C" int dlog_min_priority(void) {
+    return Config().minPriority;
+}
 
 extern "C" int dlog_gettid(void) {
     if (t_tid == 0) t_tid = static_cast<int>(syscall(SYS_gettid));
@@ -228,8 +229,7 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
     if (!config.bColour) nMessage = StripColour(buf + nPrefix, nMessage);
     if (config.sink == Sink::kJournal) {
         buf[nMessage] = '\0';
-        sd_journal_send("MESSAGE=%s", buf, "PRIORITY=%i", JournalPriority(prio), "SYSLOG_IDENTIFIER=%s", tag,
-                        nullptr);
+        sd_journal_send("MESSAGE=%s", buf, "PRIORITY=%i", JournalPriority(prio), "SYSLOG_IDENTIFIER=%s", tag, nullptr);
         return len;
     }
     size_t nLine = static_cast<size_t>(nPrefix) + nMessage;

@@ -11,13 +11,29 @@ std::string EnvOr(const char* name, const char* fallback) {
     return (value && *value) ? std::string(value) : std::string(fallback);
 }
 
-std::string DbusConfigPath() { return EnvOr("MOX_DBUS_CONFIG", "/usr/bin/mox_dbus_config.xml"); }
-std::string StatusFilePath() { return EnvOr("MOX_STATUS_FILE", "/tmp/.mox-engine"); }
-std::string PluginDir() { return EnvOr("MOX_PLUGIN_DIR", "/usr/lib/"); }
-std::string AppDataDir() { return EnvOr("MOX_APP_DATA_DIR", "/opt/usr/apps/moxhub/data"); }
-std::string UsbRoot() { return EnvOr("MOX_USB_ROOT", "/opt/storage/usb"); }
-std::string CaBundlePath() { return EnvOr("MOX_CA_BUNDLE", "/opt/down/cert/ca.pem"); }
-std::string VconfDir() { return EnvOr("MOX_VCONF_DIR", "/var/lib/mox/vconf"); }
-std::string FeaturesFile() { return EnvOr("MOX_FEATURES_FILE", "/etc/mox/features"); }
+std::string DbusConfigPath() {
+    return EnvOr("MOX_DBUS_CONFIG", "/usr/bin/mox_dbus_config.xml");
+}
+std::string StatusFilePath() {
+    return EnvOr("MOX_STATUS_FILE", "/tmp/.mox-engine");
+}
+std::string PluginDir() {
+    return EnvOr("MOX_PLUGIN_DIR", "/usr/lib/");
+}
+std::string AppDataDir() {
+    return EnvOr("MOX_APP_DATA_DIR", "/opt/usr/apps/moxhub/data");
+}
+std::string UsbRoot() {
+    return EnvOr("MOX_USB_ROOT", "/opt/storage/usb");
+}
+std::string CaBundlePath() {
+    return EnvOr("MOX_CA_BUNDLE", "/opt/down/cert/ca.pem");
+}
+std::string VconfDir() {
+    return EnvOr("MOX_VCONF_DIR", "/var/lib/mox/vconf");
+}
+std::string FeaturesFile() {
+    return EnvOr("MOX_FEATURES_FILE", "/etc/mox/features");
+}
 
 }  // namespace mox_host

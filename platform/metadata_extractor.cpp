@@ -154,11 +154,11 @@ int64_t AvSeek(void* opaque, int64_t offset, int whence) {
     whence &= ~AVSEEK_FORCE;
     int64_t target;
     switch (whence) {
-    case AVSEEK_SIZE: return h->fileSize;
-    case SEEK_SET: target = offset; break;
-    case SEEK_CUR: target = h->avPos + offset; break;
-    case SEEK_END: target = h->fileSize + offset; break;
-    default: return AVERROR(EINVAL);
+        case AVSEEK_SIZE: return h->fileSize;
+        case SEEK_SET: target = offset; break;
+        case SEEK_CUR: target = h->avPos + offset; break;
+        case SEEK_END: target = h->fileSize + offset; break;
+        default: return AVERROR(EINVAL);
     }
     if (target < 0) return AVERROR(EINVAL);
     h->avPos = target;
@@ -258,7 +258,9 @@ bool EnsureStreamInfo(metadata_extractor_s* h) {
     return avformat_find_stream_info(h->fmt.get(), nullptr) >= 0;
 }
 
-std::string Number(long long value) { return std::to_string(value); }
+std::string Number(long long value) {
+    return std::to_string(value);
+}
 
 // Text of a TagLib attribute; empty when absent.
 std::string TagLibValue(metadata_extractor_s* h, metadata_extractor_attr_e attr) {
@@ -273,33 +275,34 @@ std::string TagLibValue(metadata_extractor_s* h, metadata_extractor_attr_e attr)
     };
     auto text = [&](const TagLib::String& s) { return s.isEmpty() ? std::string() : s.to8Bit(true); };
     switch (attr) {
-    case METADATA_DURATION: return props ? Number(props->lengthInMilliseconds()) : std::string();
-    case METADATA_AUDIO_BITRATE: return props ? Number(static_cast<long long>(props->bitrate()) * 1000) : std::string();
-    case METADATA_AUDIO_SAMPLERATE: return props ? Number(props->sampleRate()) : std::string();
-    case METADATA_AUDIO_CHANNELS: return props ? Number(props->channels()) : std::string();
-    case METADATA_HAS_AUDIO: return Number(props ? 1 : 0);
-    case METADATA_HAS_VIDEO: return Number(0);
-    case METADATA_ARTIST: return tag ? text(tag->artist()) : std::string();
-    case METADATA_TITLE: return tag ? text(tag->title()) : std::string();
-    case METADATA_ALBUM: return tag ? text(tag->album()) : std::string();
-    case METADATA_GENRE: return tag ? text(tag->genre()) : std::string();
-    case METADATA_COMMENT: return tag ? text(tag->comment()) : std::string();
-    case METADATA_ALBUM_ARTIST: return prop("ALBUMARTIST");
-    case METADATA_AUTHOR: return prop("COMPOSER");
-    case METADATA_COPYRIGHT: return prop("COPYRIGHT");
-    case METADATA_CONDUCTOR: return prop("CONDUCTOR");
-    case METADATA_DESCRIPTION: return prop("DESCRIPTION");
-    case METADATA_RECDATE: return prop("DATE");
-    case METADATA_DATE: {
-        unsigned year = tag ? tag->year() : 0;
-        return year ? Number(year) : std::string();
-    }
-    case METADATA_TRACK_NUM: {
-        std::string track = prop("TRACKNUMBER");
-        if (track.empty() && tag && tag->track()) track = Number(tag->track());
-        return track;
-    }
-    default: return std::string();
+        case METADATA_DURATION: return props ? Number(props->lengthInMilliseconds()) : std::string();
+        case METADATA_AUDIO_BITRATE:
+            return props ? Number(static_cast<long long>(props->bitrate()) * 1000) : std::string();
+        case METADATA_AUDIO_SAMPLERATE: return props ? Number(props->sampleRate()) : std::string();
+        case METADATA_AUDIO_CHANNELS: return props ? Number(props->channels()) : std::string();
+        case METADATA_HAS_AUDIO: return Number(props ? 1 : 0);
+        case METADATA_HAS_VIDEO: return Number(0);
+        case METADATA_ARTIST: return tag ? text(tag->artist()) : std::string();
+        case METADATA_TITLE: return tag ? text(tag->title()) : std::string();
+        case METADATA_ALBUM: return tag ? text(tag->album()) : std::string();
+        case METADATA_GENRE: return tag ? text(tag->genre()) : std::string();
+        case METADATA_COMMENT: return tag ? text(tag->comment()) : std::string();
+        case METADATA_ALBUM_ARTIST: return prop("ALBUMARTIST");
+        case METADATA_AUTHOR: return prop("COMPOSER");
+        case METADATA_COPYRIGHT: return prop("COPYRIGHT");
+        case METADATA_CONDUCTOR: return prop("CONDUCTOR");
+        case METADATA_DESCRIPTION: return prop("DESCRIPTION");
+        case METADATA_RECDATE: return prop("DATE");
+        case METADATA_DATE: {
+            unsigned year = tag ? tag->year() : 0;
+            return year ? Number(year) : std::string();
+        }
+        case METADATA_TRACK_NUM: {
+            std::string track = prop("TRACKNUMBER");
+            if (track.empty() && tag && tag->track()) track = Number(tag->track());
+            return track;
+        }
+        default: return std::string();
     }
 }
 
@@ -331,33 +334,33 @@ int AvCount(AVFormatContext* fmt, AVMediaType type) {
 std::string AvValue(metadata_extractor_s* h, metadata_extractor_attr_e attr) {
     AVFormatContext* fmt = h->fmt.get();
     switch (attr) {
-    case METADATA_ARTIST: return AvTag(fmt, "artist");
-    case METADATA_TITLE: return AvTag(fmt, "title");
-    case METADATA_ALBUM: return AvTag(fmt, "album");
-    case METADATA_ALBUM_ARTIST: return AvTag(fmt, "album_artist");
-    case METADATA_GENRE: return AvTag(fmt, "genre");
-    case METADATA_AUTHOR: {
-        std::string composer = AvTag(fmt, "composer");
-        return composer.empty() ? AvTag(fmt, "author") : composer;
-    }
-    case METADATA_COPYRIGHT: return AvTag(fmt, "copyright");
-    case METADATA_DESCRIPTION: return AvTag(fmt, "description");
-    case METADATA_COMMENT: return AvTag(fmt, "comment");
-    case METADATA_CONDUCTOR: return AvTag(fmt, "conductor");
-    case METADATA_TRACK_NUM: return AvTag(fmt, "track");
-    case METADATA_DATE: {
-        std::string date = AvTag(fmt, "date");
-        // Only the year: "2019-05-04" and "2019" both give 2019.
-        if (date.size() >= 4 && g_ascii_isdigit(date[0]) && g_ascii_isdigit(date[1]) && g_ascii_isdigit(date[2]) &&
-            g_ascii_isdigit(date[3]))
-            return date.substr(0, 4);
-        return date;
-    }
-    case METADATA_RECDATE: {
-        std::string date = AvTag(fmt, "creation_time");
-        return date.empty() ? AvTag(fmt, "date") : date;
-    }
-    default: break;
+        case METADATA_ARTIST: return AvTag(fmt, "artist");
+        case METADATA_TITLE: return AvTag(fmt, "title");
+        case METADATA_ALBUM: return AvTag(fmt, "album");
+        case METADATA_ALBUM_ARTIST: return AvTag(fmt, "album_artist");
+        case METADATA_GENRE: return AvTag(fmt, "genre");
+        case METADATA_AUTHOR: {
+            std::string composer = AvTag(fmt, "composer");
+            return composer.empty() ? AvTag(fmt, "author") : composer;
+        }
+        case METADATA_COPYRIGHT: return AvTag(fmt, "copyright");
+        case METADATA_DESCRIPTION: return AvTag(fmt, "description");
+        case METADATA_COMMENT: return AvTag(fmt, "comment");
+        case METADATA_CONDUCTOR: return AvTag(fmt, "conductor");
+        case METADATA_TRACK_NUM: return AvTag(fmt, "track");
+        case METADATA_DATE: {
+            std::string date = AvTag(fmt, "date");
+            // Only the year: "2019-05-04" and "2019" both give 2019.
+            if (date.size() >= 4 && g_ascii_isdigit(date[0]) && g_ascii_isdigit(date[1]) && g_ascii_isdigit(date[2]) &&
+                g_ascii_isdigit(date[3]))
+                return date.substr(0, 4);
+            return date;
+        }
+        case METADATA_RECDATE: {
+            std::string date = AvTag(fmt, "creation_time");
+            return date.empty() ? AvTag(fmt, "date") : date;
+        }
+        default: break;
     }
 
     // Stream properties need the streams probed.
@@ -365,46 +368,47 @@ std::string AvValue(metadata_extractor_s* h, metadata_extractor_attr_e attr) {
     const AVStream* video = AvFirstStream(fmt, AVMEDIA_TYPE_VIDEO);
     const AVStream* audio = AvFirstStream(fmt, AVMEDIA_TYPE_AUDIO);
     switch (attr) {
-    case METADATA_DURATION:
-        if (fmt->duration == AV_NOPTS_VALUE || fmt->duration < 0) return std::string();
-        return Number(fmt->duration / 1000);
-    case METADATA_VIDEO_BITRATE:
-        if (video && video->codecpar->bit_rate > 0) return Number(video->codecpar->bit_rate);
-        return fmt->bit_rate > 0 && video ? Number(fmt->bit_rate) : std::string();
-    case METADATA_VIDEO_FPS:
-        if (!video || video->avg_frame_rate.den <= 0 || video->avg_frame_rate.num <= 0) return std::string();
-        return Number(video->avg_frame_rate.num / video->avg_frame_rate.den);
-    case METADATA_VIDEO_WIDTH: return video && video->codecpar->width > 0 ? Number(video->codecpar->width) : std::string();
-    case METADATA_VIDEO_HEIGHT:
-        return video && video->codecpar->height > 0 ? Number(video->codecpar->height) : std::string();
-    case METADATA_HAS_VIDEO: return Number(AvCount(fmt, AVMEDIA_TYPE_VIDEO));
-    case METADATA_HAS_AUDIO: return Number(AvCount(fmt, AVMEDIA_TYPE_AUDIO));
-    case METADATA_AUDIO_BITRATE:
-        if (audio && audio->codecpar->bit_rate > 0) return Number(audio->codecpar->bit_rate);
-        return fmt->bit_rate > 0 && audio && !video ? Number(fmt->bit_rate) : std::string();
-    case METADATA_AUDIO_SAMPLERATE:
-        return audio && audio->codecpar->sample_rate > 0 ? Number(audio->codecpar->sample_rate) : std::string();
-    case METADATA_AUDIO_CHANNELS:
+        case METADATA_DURATION:
+            if (fmt->duration == AV_NOPTS_VALUE || fmt->duration < 0) return std::string();
+            return Number(fmt->duration / 1000);
+        case METADATA_VIDEO_BITRATE:
+            if (video && video->codecpar->bit_rate > 0) return Number(video->codecpar->bit_rate);
+            return fmt->bit_rate > 0 && video ? Number(fmt->bit_rate) : std::string();
+        case METADATA_VIDEO_FPS:
+            if (!video || video->avg_frame_rate.den <= 0 || video->avg_frame_rate.num <= 0) return std::string();
+            return Number(video->avg_frame_rate.num / video->avg_frame_rate.den);
+        case METADATA_VIDEO_WIDTH:
+            return video && video->codecpar->width > 0 ? Number(video->codecpar->width) : std::string();
+        case METADATA_VIDEO_HEIGHT:
+            return video && video->codecpar->height > 0 ? Number(video->codecpar->height) : std::string();
+        case METADATA_HAS_VIDEO: return Number(AvCount(fmt, AVMEDIA_TYPE_VIDEO));
+        case METADATA_HAS_AUDIO: return Number(AvCount(fmt, AVMEDIA_TYPE_AUDIO));
+        case METADATA_AUDIO_BITRATE:
+            if (audio && audio->codecpar->bit_rate > 0) return Number(audio->codecpar->bit_rate);
+            return fmt->bit_rate > 0 && audio && !video ? Number(fmt->bit_rate) : std::string();
+        case METADATA_AUDIO_SAMPLERATE:
+            return audio && audio->codecpar->sample_rate > 0 ? Number(audio->codecpar->sample_rate) : std::string();
+        case METADATA_AUDIO_CHANNELS:
 #if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(57, 28, 100)
-        return audio && audio->codecpar->ch_layout.nb_channels > 0 ? Number(audio->codecpar->ch_layout.nb_channels)
-                                                                   : std::string();
+            return audio && audio->codecpar->ch_layout.nb_channels > 0 ? Number(audio->codecpar->ch_layout.nb_channels)
+                                                                       : std::string();
 #else
-        return audio && audio->codecpar->channels > 0 ? Number(audio->codecpar->channels) : std::string();
+            return audio && audio->codecpar->channels > 0 ? Number(audio->codecpar->channels) : std::string();
 #endif
-    default: return std::string();
+        default: return std::string();
     }
 }
 
 bool IsSupported(metadata_extractor_attr_e attr) {
     switch (attr) {
-    case METADATA_CLASSIFICATION:
-    case METADATA_RATING:
-    case METADATA_LONGITUDE:
-    case METADATA_LATITUDE:
-    case METADATA_ALTITUDE:
-    case METADATA_UNSYNCLYRICS:
-    case METADATA_SYNCLYRICS_NUM: return false;
-    default: return attr >= METADATA_DURATION && attr <= METADATA_RECDATE;
+        case METADATA_CLASSIFICATION:
+        case METADATA_RATING:
+        case METADATA_LONGITUDE:
+        case METADATA_LATITUDE:
+        case METADATA_ALTITUDE:
+        case METADATA_UNSYNCLYRICS:
+        case METADATA_SYNCLYRICS_NUM: return false;
+        default: return attr >= METADATA_DURATION && attr <= METADATA_RECDATE;
     }
 }
 
@@ -456,15 +460,14 @@ int metadata_extractor_set_fd(metadata_extractor_h metadata, int fd, const char*
     }
 }
 
-int metadata_extractor_get_metadata(metadata_extractor_h metadata, metadata_extractor_attr_e attribute,
-                                    char** value) {
+int metadata_extractor_get_metadata(metadata_extractor_h metadata, metadata_extractor_attr_e attribute, char** value) {
     if (!metadata || !value || !IsSupported(attribute)) return METADATA_EXTRACTOR_ERROR_INVALID_PARAMETER;
     *value = nullptr;
     if (!metadata->fd.IsValid()) return METADATA_EXTRACTOR_ERROR_INVALID_PARAMETER;
     try {
         if (!EnsureOpen(metadata)) return METADATA_EXTRACTOR_ERROR_OPERATION_FAILED;
-        std::string text = metadata->reader == Reader::kTagLib ? TagLibValue(metadata, attribute)
-                                                               : AvValue(metadata, attribute);
+        std::string text =
+            metadata->reader == Reader::kTagLib ? TagLibValue(metadata, attribute) : AvValue(metadata, attribute);
         if (text.empty()) return METADATA_EXTRACTOR_ERROR_NONE;
         text = CleanText(text.data(), text.size());
         if (text.empty()) return METADATA_EXTRACTOR_ERROR_NONE;

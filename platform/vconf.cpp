@@ -35,7 +35,9 @@ namespace {
 
 constexpr int kVconfTypeInt = 41;  // the platform's type code of integer keys
 
-std::string StoreDir() { return mox_host::VconfDir(); }
+std::string StoreDir() {
+    return mox_host::VconfDir();
+}
 
 // A key is a relative path of plain components: no "", ".", ".." and no
 // leading slash, so a key can never name a file outside the store.
@@ -197,6 +199,10 @@ extern "C" const char* vconf_keynode_get_name(keynode_t* keynode) {
     return keynode ? keynode->name.c_str() : nullptr;
 }
 
-extern "C" int vconf_keynode_get_int(keynode_t* keynode) { return keynode ? keynode->value : 0; }
+extern "C" int vconf_keynode_get_int(keynode_t* keynode) {
+    return keynode ? keynode->value : 0;
+}
 
-extern "C" int vconf_keynode_get_type(keynode_t* keynode) { return keynode ? kVconfTypeInt : -1; }
+extern "C" int vconf_keynode_get_type(keynode_t* keynode) {
+    return keynode ? kVconfTypeInt : -1;
+}

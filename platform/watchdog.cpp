@@ -8,6 +8,10 @@ extern "C" int watchdog_register(int period_sec) {
     return period_sec > 0 ? 0 : -1;
 }
 
-extern "C" int watchdog_notify_ready(void) { return sd_notify(0, "READY=1") < 0 ? -1 : 0; }
+extern "C" int watchdog_notify_ready(void) {
+    return sd_notify(0, "READY=1") < 0 ? -1 : 0;
+}
 
-extern "C" int watchdog_notify(void) { return sd_notify(0, "WATCHDOG=1") < 0 ? -1 : 0; }
+extern "C" int watchdog_notify(void) {
+    return sd_notify(0, "WATCHDOG=1") < 0 ? -1 : 0;
+}

@@ -19,7 +19,9 @@
 
 namespace {
 
-CURL* Handle(void* p) { return static_cast<CURL*>(p); }
+CURL* Handle(void* p) {
+    return static_cast<CURL*>(p);
+}
 
 std::atomic<unsigned> g_portSeed{0};
 
@@ -33,13 +35,17 @@ const long kFileBufferBytes = 512 * 1024;
 
 MOXHttpHeader::~MOXHttpHeader() = default;
 
-void MOXHttpHeader::add(const std::string& key, const std::string& value) { m_fields.emplace_back(key, value); }
+void MOXHttpHeader::add(const std::string& key, const std::string& value) {
+    m_fields.emplace_back(key, value);
+}
 
 void MOXHttpHeader::remove(const std::string& key) {
     for (auto it = m_fields.begin(); it != m_fields.end();) it = it->first == key ? m_fields.erase(it) : it + 1;
 }
 
-int MOXHttpHeader::getSize() const { return static_cast<int>(m_fields.size()); }
+int MOXHttpHeader::getSize() const {
+    return static_cast<int>(m_fields.size());
+}
 
 bool MOXHttpHeader::getKey(int index, std::string& out) const {
     if (index < 0 || index >= getSize()) return false;
@@ -74,7 +80,9 @@ MOXHttpRequest::~MOXHttpRequest() {
     if (m_pFile) fclose(m_pFile);
 }
 
-void MOXHttpRequest::setOutputFd(int fd) { m_nOutputFd = fd; }
+void MOXHttpRequest::setOutputFd(int fd) {
+    m_nOutputFd = fd;
+}
 
 bool MOXHttpRequest::makeHttpRequestHeaders() {
     curl_slist* pList = nullptr;
@@ -190,9 +198,7 @@ bool MOXHttpRequest::init() {
     curl_easy_setopt(h, CURLOPT_PROGRESSDATA, this);
 
     switch (m_eType) {
-        case HTTP_REQUEST_GET:
-            curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
-            break;
+        case HTTP_REQUEST_GET: curl_easy_setopt(h, CURLOPT_HTTPGET, 1L); break;
         case HTTP_REQUEST_PUT:
             curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, "PUT");
             if (!m_strFileName.empty() && !setPUTFileUploadOption()) return false;
@@ -205,12 +211,8 @@ bool MOXHttpRequest::init() {
             curl_easy_setopt(h, CURLOPT_POSTFIELDS, m_strPayload.c_str());
             curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(m_strPayload.size()));
             break;
-        case HTTP_REQUEST_DELETE:
-            curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, "DELETE");
-            break;
-        default:
-            MOX_WARN("Unknown request type[%d].", static_cast<int>(m_eType));
-            return false;
+        case HTTP_REQUEST_DELETE: curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, "DELETE"); break;
+        default: MOX_WARN("Unknown request type[%d].", static_cast<int>(m_eType)); return false;
     }
 
     curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);

@@ -164,8 +164,8 @@ bool CMOXConfinedPath::Remove(const std::string& path, int& error) const {
     return false;
 }
 
-bool CMOXConfinedPath::Replace(const std::string& path, mode_t mode,
-                               const std::function<bool(int fd)>& fill, int& error) const {
+bool CMOXConfinedPath::Replace(const std::string& path, mode_t mode, const std::function<bool(int fd)>& fill,
+                               int& error) const {
     std::string leaf;
     UniqueFd dir(OpenParent(path, leaf));
     if (!dir.IsValid()) {
@@ -184,8 +184,8 @@ bool CMOXConfinedPath::Replace(const std::string& path, mode_t mode,
     for (int attempt = 0; attempt < 16 && !out.IsValid(); ++attempt) {
         temp = "." + leaf.substr(0, 200) + ".mox-" + std::to_string(getpid()) + "-" +
                std::to_string(g_tempCounter.fetch_add(1));
-        out = UniqueFd(openat(dir.Get(), temp.c_str(),
-                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
+        out = UniqueFd(
+            openat(dir.Get(), temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
         if (!out.IsValid() && errno != EEXIST) break;
     }
     if (!out.IsValid()) {

@@ -98,9 +98,7 @@ bool CMOXFile64::Open(const char* szName, int nMode, int nFlags, bool bCheckRead
         case MODE_READ_ONLY: accessFlags = 0; break;
         case MODE_WRITE_ONLY: accessFlags = O_WRONLY; break;
         case MODE_READ_WRITE: accessFlags = O_RDWR; break;
-        default:
-            MOX_WARN("CMOXFile64::Open Invalid open mod[%d].", nMode);
-            return false;
+        default: MOX_WARN("CMOXFile64::Open Invalid open mod[%d].", nMode); return false;
     }
     const int flags = nFlags | accessFlags | O_CLOEXEC | O_LARGEFILE;
     int fd = -1;
@@ -163,7 +161,9 @@ bool CMOXFile64::m_Transfer(void* buffer, unsigned long* count, bool bWrite) {
     return true;
 }
 
-bool CMOXFile64::Read(void* buffer, unsigned long* count) { return m_Transfer(buffer, count, false); }
+bool CMOXFile64::Read(void* buffer, unsigned long* count) {
+    return m_Transfer(buffer, count, false);
+}
 
 bool CMOXFile64::Write(const void* buffer, unsigned long* count) {
     // write() does not modify the buffer; the shared helper takes it mutable.

@@ -33,8 +33,7 @@ bool CMOXThread::Create(const char* szName) {
     GThread* thread = g_thread_try_new(szName, s_ThreadEntry, this, &error);
     if (thread == nullptr) {
         if (error != nullptr) {
-            MOX_INFO("thread create fail: %d %d %s", static_cast<int>(error->domain), error->code,
-                     error->message);
+            MOX_INFO("thread create fail: %d %d %s", static_cast<int>(error->domain), error->code, error->message);
             g_error_free(error);
         }
         return false;

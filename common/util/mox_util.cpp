@@ -165,8 +165,7 @@ bool CMOXUtil::CompareMediaExtension(const std::vector<std::string>& list, std::
 }
 
 std::string CMOXUtil::ToLower(std::string str) {
-    std::transform(str.begin(), str.end(), str.begin(),
-                   [](unsigned char c) { return static_cast<char>(tolower(c)); });
+    std::transform(str.begin(), str.end(), str.begin(), [](unsigned char c) { return static_cast<char>(tolower(c)); });
     return str;
 }
 

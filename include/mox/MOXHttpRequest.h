@@ -96,8 +96,8 @@ public:
     // A request that writes a GET answer to fileName, or uploads fileName with
     // PUT, and reports progress through pProgress (not owned, may be NULL;
     // must outlive execute()).
-    MOXHttpRequest(HTTP_REQUEST_TYPE type, const std::string& url, const MOXHttpHeader& header,
-                   HttpCallback callback, void* arg, const std::string& fileName, _mox_progress_param* pProgress);
+    MOXHttpRequest(HTTP_REQUEST_TYPE type, const std::string& url, const MOXHttpHeader& header, HttpCallback callback,
+                   void* arg, const std::string& fileName, _mox_progress_param* pProgress);
     virtual ~MOXHttpRequest();
     MOXHttpRequest(const MOXHttpRequest&) = delete;
     MOXHttpRequest& operator=(const MOXHttpRequest&) = delete;
@@ -139,8 +139,8 @@ private:
     static size_t cb_read(char* pData, size_t nSize, size_t nCount, void* pUser);
     static int cb_progress(void* pUser, double dDLTotal, double dDLNow, double dULTotal, double dULNow);
 
-    void* m_pHandle = nullptr;            // CURL*, owned
-    void* m_pHeaderList = nullptr;        // curl_slist*, owned
+    void* m_pHandle = nullptr;      // CURL*, owned
+    void* m_pHeaderList = nullptr;  // curl_slist*, owned
     HTTP_REQUEST_TYPE m_eType;
     std::string m_strURL;
     MOXHttpHeader m_header;
@@ -148,8 +148,8 @@ private:
     std::string m_strBody;
     std::string m_strHeaderText;
     std::string m_strFileName;
-    FILE* m_pFile = nullptr;              // owned when opened from m_strFileName
-    int m_nOutputFd = -1;                 // not owned
+    FILE* m_pFile = nullptr;  // owned when opened from m_strFileName
+    int m_nOutputFd = -1;     // not owned
     HttpCallback m_pfnCallback;
     void* m_pArg;
     _mox_progress_param* m_pProgressParam = nullptr;

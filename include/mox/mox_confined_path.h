@@ -62,8 +62,7 @@ public:
     // place only when `fill` returned true. An existing destination that is
     // not a regular file (directory, link, FIFO, device) is refused (EINVAL)
     // and left alone; on any failure the old content stays intact.
-    bool Replace(const std::string& path, mode_t mode, const std::function<bool(int fd)>& fill,
-                 int& error) const;
+    bool Replace(const std::string& path, mode_t mode, const std::function<bool(int fd)>& fill, int& error) const;
 
 private:
     int m_rootFd = -1;

@@ -67,7 +67,7 @@ private:
     // Open and Destroy hold the mutex throughout, so racing callers see
     // either a closed object or a fully opened one.
     mox::Mutex m_mutex;
-    int m_fd GUARDED_BY(m_mutex);  // -1 when closed
+    int m_fd GUARDED_BY(m_mutex);        // -1 when closed
     int m_openMode GUARDED_BY(m_mutex);  // MODE_* of the open file
     bool m_bOpened GUARDED_BY(m_mutex);
     FILE* m_pStream GUARDED_BY(m_mutex);  // write stream owning m_fd, null in read-only mode

@@ -14,9 +14,9 @@
 // Exported from the shared library, which hides everything else.
 #pragma GCC visibility push(default)
 
-#include <cassert>
 #include <sys/syscall.h>  // kept: includers rely on it
 #include <unistd.h>
+#include <cassert>
 
 #include <mox/platform/dlog.h>
 
@@ -25,7 +25,9 @@
 #endif
 
 // Kernel thread id of the caller (not a library thread handle), cached per thread.
-static inline int mox_log_gettid(void) { return dlog_gettid(); }
+static inline int mox_log_gettid(void) {
+    return dlog_gettid();
+}
 
 #ifdef __FILE_NAME__
 #define MOX_LOG_FILE_ __FILE_NAME__
@@ -39,12 +41,11 @@ constexpr const char* mox_log_basename_(const char* path) {
 #define MOX_LOG_FILE_ mox_log_basename_(__FILE__)
 #endif
 
-#define MOX_LOG_PRINT_(prio, colour, level, fmt, ...)                                           \
-    (dlog_is_loggable(prio)                                                                     \
-         ? __dlog_print(LOG_ID_SYSTEM, prio, MOX_LOG_TAG,                                       \
-                        "%s: %s(%d) > " colour level "[%s:%d] [Thread Id:[%d]] " fmt "\033[0m", \
-                        MOX_LOG_FILE_, __func__, __LINE__, __func__, __LINE__, mox_log_gettid(), \
-                        ##__VA_ARGS__)                                                          \
+#define MOX_LOG_PRINT_(prio, colour, level, fmt, ...)                                                          \
+    (dlog_is_loggable(prio)                                                                                    \
+         ? __dlog_print(LOG_ID_SYSTEM, prio, MOX_LOG_TAG,                                                      \
+                        "%s: %s(%d) > " colour level "[%s:%d] [Thread Id:[%d]] " fmt "\033[0m", MOX_LOG_FILE_, \
+                        __func__, __LINE__, __func__, __LINE__, mox_log_gettid(), ##__VA_ARGS__)               \
          : 0)
 
 // Green debug line.

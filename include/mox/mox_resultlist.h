@@ -71,7 +71,7 @@ private:
     void m_UnLoad();
 
     std::map<std::string, std::unique_ptr<CCacheReader>> m_readersByName;  // owns the readers
-    std::map<int, CCacheReader*> m_readers;                                 // slot -> reader
+    std::map<int, CCacheReader*> m_readers;                                // slot -> reader
     std::string m_strShmName;
     std::unique_ptr<char[]> m_pAddr;  // private copy of the list, m_nSize bytes
     int m_nSize = 0;

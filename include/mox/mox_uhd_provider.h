@@ -24,7 +24,7 @@
 
 typedef void (*mox_uhd_result_fn)(void* pContext, const char* szText, size_t nLength);
 typedef int (*mox_update_uhd_metadata_fn)(const char* szUuid, const char* szAccessToken, const char* szLangId,
-                                          const char* szCountryId, const char* szVersion,
-                                          mox_uhd_result_fn pfnResult, void* pContext);
+                                          const char* szCountryId, const char* szVersion, mox_uhd_result_fn pfnResult,
+                                          void* pContext);
 
 #pragma GCC visibility pop

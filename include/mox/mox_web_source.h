@@ -64,7 +64,9 @@ typedef enum {
 
 // True once the engine asked the running operation to stop. bStop is written
 // from another thread: this is the only safe way to read it.
-inline bool MoxStopRequested(const bool& bStop) { return __atomic_load_n(&bStop, __ATOMIC_ACQUIRE); }
+inline bool MoxStopRequested(const bool& bStop) {
+    return __atomic_load_n(&bStop, __ATOMIC_ACQUIRE);
+}
 
 // Progress of a file transfer: bytes downloaded so far, download total,
 // bytes uploaded so far, upload total.
@@ -77,8 +79,8 @@ typedef struct {
 
 // Progress report of a transfer. pProgress is valid only during the call;
 // the callback copies what it needs and never frees it.
-typedef void (*mox_transfer_progress_cb)(void* pUserData, const char* szParam,
-                                         mox_transfer_progress_data_s* pProgress, mox_error_code_e eError);
+typedef void (*mox_transfer_progress_cb)(void* pUserData, const char* szParam, mox_transfer_progress_data_s* pProgress,
+                                         mox_error_code_e eError);
 
 class IWebSource {
 public:
@@ -97,9 +99,8 @@ public:
     //    MoxStopRequested(bStop) in long loops and waits. 0 on success; an
     //    answer with no items makes the engine report error 6; an answer
     //    that breaks these rules fails the request with error 32.
-    virtual mox_error_code_e GetData(bool& bStop, std::string& strQueryCmd, FILE* stream, int& nLen,
-                                     int& nStartIndex, int& nEndIndex, int& nTotalCount,
-                                     std::vector<mox_data_group_s>& groups,
+    virtual mox_error_code_e GetData(bool& bStop, std::string& strQueryCmd, FILE* stream, int& nLen, int& nStartIndex,
+                                     int& nEndIndex, int& nTotalCount, std::vector<mox_data_group_s>& groups,
                                      std::vector<mox_data_length_s>& lengths) = 0;
     // 4. The detail of one item: strResult is handed to the client as is
     //    (conventionally a JSON object text). 5 when the item does not exist.
@@ -119,8 +120,7 @@ public:
     // 6. A file transfer ("mox_file_transfer") reporting its progress through
     //    pfnProgress. The default completes at once with one report of
     //    100/100 downloaded and 1000/1000 uploaded, and returns 0.
-    virtual int Execute(bool& bStop, std::string& strParam, mox_transfer_progress_cb pfnProgress,
-                        void* pUserData) {
+    virtual int Execute(bool& bStop, std::string& strParam, mox_transfer_progress_cb pfnProgress, void* pUserData) {
         (void)bStop;
         mox_transfer_progress_data_s progress = {100.0, 100.0, 1000.0, 1000.0};
         if (pfnProgress) pfnProgress(pUserData, strParam.c_str(), &progress, MOX_ERROR_NONE);
@@ -132,8 +132,8 @@ public:
     //    MOX_ANSWER_STAMPED, strStamp receives a short text (at most 256
     //    bytes; a longer one is not kept) that changes whenever the answer
     //    would (for a folder: its identity and change times, its entries'
-    //    sizes and times); an empty stamp means "do not keep". Called on every list request before the cache is consulted,
-    //    so it must be much cheaper than GetData. Any thread, concurrently.
+    //    sizes and times); an empty stamp means "do not keep". Called on every list request before the cache is
+    //    consulted, so it must be much cheaper than GetData. Any thread, concurrently.
     virtual mox_answer_validity_e GetAnswerValidity(const std::string& strQueryCmd, std::string& strStamp) {
         (void)strQueryCmd;
         strStamp.clear();
@@ -152,22 +152,26 @@ typedef int (*mox_get_sources_count_fn)(void);
 typedef const char* (*mox_get_source_name_fn)(int nIndex);
 typedef IWebSource* (*mox_create_source_fn)(const char* szSourceName);
 
-#define MOX_WEB_SOURCE_DEFINE_ABI_VERSION() \
-    extern "C" __attribute__((visibility("default"))) int GetSourceAbiVersion(void) { return MOX_WEB_SOURCE_ABI_VERSION; }
+#define MOX_WEB_SOURCE_DEFINE_ABI_VERSION()                                           \
+    extern "C" __attribute__((visibility("default"))) int GetSourceAbiVersion(void) { \
+        return MOX_WEB_SOURCE_ABI_VERSION;                                            \
+    }
 
 // All four entry points of a library offering one source named szName (a
 // string literal), an object of class TSource (default-constructible; declare
 // it `final` so that `delete this` in Destroy() compiles without warnings).
 // Needs <cstring> and <new>.
-#define MOX_WEB_SOURCE_DEFINE_SINGLE_SOURCE(szName, TSource)                                              \
-    MOX_WEB_SOURCE_DEFINE_ABI_VERSION()                                                                   \
-    extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) { return 1; }             \
-    extern "C" __attribute__((visibility("default"))) const char* GetSourceName(int nIndex) {             \
-        return nIndex == 0 ? (szName) : nullptr;                                                          \
-    }                                                                                                     \
+#define MOX_WEB_SOURCE_DEFINE_SINGLE_SOURCE(szName, TSource)                                               \
+    MOX_WEB_SOURCE_DEFINE_ABI_VERSION()                                                                    \
+    extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) {                          \
+        return 1;                                                                                          \
+    }                                                                                                      \
+    extern "C" __attribute__((visibility("default"))) const char* GetSourceName(int nIndex) {              \
+        return nIndex == 0 ? (szName) : nullptr;                                                           \
+    }                                                                                                      \
     extern "C" __attribute__((visibility("default"))) IWebSource* CreateSource(const char* szSourceName) { \
-        if (szSourceName == nullptr || strcmp(szSourceName, (szName)) != 0) return nullptr;              \
-        return new (std::nothrow) TSource();                                                              \
+        if (szSourceName == nullptr || strcmp(szSourceName, (szName)) != 0) return nullptr;                \
+        return new (std::nothrow) TSource();                                                               \
     }
 
 #pragma GCC visibility pop

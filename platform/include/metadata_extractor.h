@@ -19,16 +19,16 @@ extern "C" {
 
 typedef enum {
     METADATA_EXTRACTOR_ERROR_NONE = 0,
-    METADATA_EXTRACTOR_ERROR_INVALID_PARAMETER = -22,  // -EINVAL
-    METADATA_EXTRACTOR_ERROR_OUT_OF_MEMORY = -12,      // -ENOMEM
-    METADATA_EXTRACTOR_ERROR_FILE_EXISTS = -2,         // the file is missing or not a regular file
-    METADATA_EXTRACTOR_ERROR_PERMISSION_DENIED = -13,  // -EACCES
+    METADATA_EXTRACTOR_ERROR_INVALID_PARAMETER = -22,         // -EINVAL
+    METADATA_EXTRACTOR_ERROR_OUT_OF_MEMORY = -12,             // -ENOMEM
+    METADATA_EXTRACTOR_ERROR_FILE_EXISTS = -2,                // the file is missing or not a regular file
+    METADATA_EXTRACTOR_ERROR_PERMISSION_DENIED = -13,         // -EACCES
     METADATA_EXTRACTOR_ERROR_OPERATION_FAILED = -0x01920101,  // the file could not be parsed
 } metadata_extractor_error_e;
 
 typedef enum {
-    METADATA_DURATION = 0,      // milliseconds
-    METADATA_VIDEO_BITRATE,     // bits per second
+    METADATA_DURATION = 0,   // milliseconds
+    METADATA_VIDEO_BITRATE,  // bits per second
     METADATA_VIDEO_FPS,
     METADATA_VIDEO_WIDTH,
     METADATA_VIDEO_HEIGHT,
@@ -36,18 +36,18 @@ typedef enum {
     METADATA_AUDIO_BITRATE,     // bits per second
     METADATA_AUDIO_SAMPLERATE,  // Hz
     METADATA_AUDIO_CHANNELS,
-    METADATA_HAS_AUDIO,         // number of audio streams
+    METADATA_HAS_AUDIO,  // number of audio streams
     METADATA_ARTIST,
     METADATA_TITLE,
     METADATA_ALBUM,
     METADATA_ALBUM_ARTIST,
     METADATA_GENRE,
-    METADATA_AUTHOR,            // composer
+    METADATA_AUTHOR,  // composer
     METADATA_COPYRIGHT,
-    METADATA_DATE,              // year
+    METADATA_DATE,  // year
     METADATA_DESCRIPTION,
     METADATA_COMMENT,
-    METADATA_TRACK_NUM,         // as tagged, e.g. "3" or "3/12"
+    METADATA_TRACK_NUM,  // as tagged, e.g. "3" or "3/12"
     METADATA_CLASSIFICATION,
     METADATA_RATING,
     METADATA_LONGITUDE,
@@ -56,7 +56,7 @@ typedef enum {
     METADATA_CONDUCTOR,
     METADATA_UNSYNCLYRICS,
     METADATA_SYNCLYRICS_NUM,
-    METADATA_RECDATE,           // recording date as tagged
+    METADATA_RECDATE,  // recording date as tagged
 } metadata_extractor_attr_e;
 
 typedef struct metadata_extractor_s* metadata_extractor_h;
@@ -75,8 +75,7 @@ int metadata_extractor_set_fd(metadata_extractor_h metadata, int fd, const char*
 
 // On success *value is a malloc'd UTF-8 text the caller frees, or NULL when
 // the file has no such value. Numbers come as decimal text.
-int metadata_extractor_get_metadata(metadata_extractor_h metadata, metadata_extractor_attr_e attribute,
-                                    char** value);
+int metadata_extractor_get_metadata(metadata_extractor_h metadata, metadata_extractor_attr_e attribute, char** value);
 
 // Closes the file and frees the handle.
 int metadata_extractor_destroy(metadata_extractor_h metadata);

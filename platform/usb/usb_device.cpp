@@ -26,10 +26,9 @@
 #include "usb_device_record.h"
 
 bool UsbDeviceInfo::operator==(const UsbDeviceInfo& o) const {
-    return devname == o.devname && usbClass == o.usbClass && mountPath == o.mountPath &&
-           fsType == o.fsType && diskType == o.diskType && vendorId == o.vendorId &&
-           manufacturer == o.manufacturer && product == o.product && serial == o.serial &&
-           partLabel == o.partLabel && address == o.address && bus == o.bus;
+    return devname == o.devname && usbClass == o.usbClass && mountPath == o.mountPath && fsType == o.fsType &&
+           diskType == o.diskType && vendorId == o.vendorId && manufacturer == o.manufacturer && product == o.product &&
+           serial == o.serial && partLabel == o.partLabel && address == o.address && bus == o.bus;
 }
 
 struct usb_device_list_s {
@@ -146,11 +145,17 @@ void UsbService::Deliver(usb_device_h device, const char* action) {
 
 extern "C" {
 
-int usb_device_init(void) { return Service().Init(); }
+int usb_device_init(void) {
+    return Service().Init();
+}
 
-int usb_device_fini(void) { return Service().Fini(); }
+int usb_device_fini(void) {
+    return Service().Fini();
+}
 
-int usb_set_connected_cb(usb_connected_cb cb, void* user_data) { return Service().SetCallback(cb, user_data); }
+int usb_set_connected_cb(usb_connected_cb cb, void* user_data) {
+    return Service().SetCallback(cb, user_data);
+}
 
 int usb_device_get_device_list(int usb_class, usb_device_list_h* list) {
     if (!list) return -EINVAL;
@@ -198,8 +203,8 @@ void usb_device_unref(usb_device_h device) {
     if (before == 1) delete device;
 }
 
-#define MOX_USB_STRING_GETTER(fn, member)                                            \
-    const char* fn(usb_device_h device) {                                            \
+#define MOX_USB_STRING_GETTER(fn, member)                                                \
+    const char* fn(usb_device_h device) {                                                \
         return (device && device->info.member) ? device->info.member->c_str() : nullptr; \
     }
 MOX_USB_STRING_GETTER(usb_device_get_manufacturer, manufacturer)
@@ -209,10 +214,14 @@ MOX_USB_STRING_GETTER(usb_device_get_mountpath, mountPath)
 MOX_USB_STRING_GETTER(usb_device_get_partlabel, partLabel)
 #undef MOX_USB_STRING_GETTER
 
-const char* usb_device_get_devname(usb_device_h device) { return device ? device->info.devname.c_str() : nullptr; }
+const char* usb_device_get_devname(usb_device_h device) {
+    return device ? device->info.devname.c_str() : nullptr;
+}
 
-#define MOX_USB_INT_GETTER(fn, member) \
-    int fn(usb_device_h device) { return device ? device->info.member : -EINVAL; }
+#define MOX_USB_INT_GETTER(fn, member)                 \
+    int fn(usb_device_h device) {                      \
+        return device ? device->info.member : -EINVAL; \
+    }
 MOX_USB_INT_GETTER(usb_device_get_vendor_id, vendorId)
 MOX_USB_INT_GETTER(usb_device_get_address, address)
 MOX_USB_INT_GETTER(usb_device_get_bus, bus)

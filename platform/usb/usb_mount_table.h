@@ -11,7 +11,7 @@ struct UsbMountEntry {
     dev_t device = 0;        // st_dev of the mounted file system
     std::string mountPoint;  // with the kernel's octal escapes decoded
     std::string fsType;
-    std::string source;      // e.g. /dev/sdb1
+    std::string source;  // e.g. /dev/sdb1
 };
 
 class UsbMountTable {

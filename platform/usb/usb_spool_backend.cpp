@@ -92,7 +92,9 @@ std::unique_ptr<UsbBackend> CreateUsbSpoolBackend(const std::string& dir) {
 
 UsbSpoolBackend::UsbSpoolBackend(std::string dir) : m_dir(std::move(dir)) {}
 
-UsbSpoolBackend::~UsbSpoolBackend() { Stop(); }
+UsbSpoolBackend::~UsbSpoolBackend() {
+    Stop();
+}
 
 bool UsbSpoolBackend::IsDeviceFileName(const char* name) {
     size_t len = strlen(name);
@@ -164,8 +166,8 @@ int UsbSpoolBackend::Start(UsbEventSink* sink) {
     }
     // Watch before the first scan so that no file slips between the two.
     if (inotify_add_watch(m_inotify.Get(), m_dir.c_str(),
-                          IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF |
-                              IN_MOVE_SELF | IN_ONLYDIR) < 0) {
+                          IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF |
+                              IN_ONLYDIR) < 0) {
         int err = errno;
         MOX_WARN("cannot watch USB spool directory %s (%s)", m_dir.c_str(), strerror(err));
         return -err;
@@ -175,7 +177,9 @@ int UsbSpoolBackend::Start(UsbEventSink* sink) {
     return m_thread.Start([this](int stopFd) { t_Run(stopFd); });
 }
 
-void UsbSpoolBackend::Stop() { m_thread.Stop(); }
+void UsbSpoolBackend::Stop() {
+    m_thread.Stop();
+}
 
 void UsbSpoolBackend::List(int usbClass, std::vector<UsbDeviceRef>& out) {
     mox::MutexLock lock(m_mutex);
@@ -203,8 +207,7 @@ void UsbSpoolBackend::m_Load(const std::string& name, std::vector<Event>& events
     if (rc < 0) {
         // A file that vanished again before we read it is handled by its
         // own delete event.
-        if (rc != -ENOENT)
-            MOX_WARN("USB spool file %s/%s ignored: %s", m_dir.c_str(), name.c_str(), why.c_str());
+        if (rc != -ENOENT) MOX_WARN("USB spool file %s/%s ignored: %s", m_dir.c_str(), name.c_str(), why.c_str());
         return;
     }
     mox::MutexLock lock(m_mutex);

@@ -14,10 +14,10 @@
 #include <string>
 #include <vector>
 
+#include <mox_unique_fd.h>
 #include "mox_thread_annotations.h"
 #include "usb_backend.h"
 #include "usb_poll_thread.h"
-#include <mox_unique_fd.h>
 
 class UsbSpoolBackend : public UsbBackend {
 public:

@@ -20,8 +20,7 @@ namespace {
 
 int FsCode(const char* fsType) {
     if (!fsType) return USB_MASS_STORAGE_FS_UNKNOWN;
-    if (!strcmp(fsType, "vfat") || !strcmp(fsType, "msdos") || !strcmp(fsType, "fat"))
-        return USB_MASS_STORAGE_FS_VFAT;
+    if (!strcmp(fsType, "vfat") || !strcmp(fsType, "msdos") || !strcmp(fsType, "fat")) return USB_MASS_STORAGE_FS_VFAT;
     if (!strcmp(fsType, "ext4")) return USB_MASS_STORAGE_FS_EXT4;
     if (!strcmp(fsType, "ntfs") || !strcmp(fsType, "ntfs3")) return USB_MASS_STORAGE_FS_NTFS;
     return USB_MASS_STORAGE_FS_UNKNOWN;
@@ -40,7 +39,9 @@ std::optional<std::string> OptText(const char* text) {
     return std::string(text);
 }
 
-const char* OrEmpty(const char* text) { return text ? text : ""; }
+const char* OrEmpty(const char* text) {
+    return text ? text : "";
+}
 
 std::string DeviceName(struct udev_device* dev) {
     const char* node = udev_device_get_devnode(dev);
@@ -57,9 +58,13 @@ bool IsStillImageInterface(struct udev_device* iface) {
 
 }  // namespace
 
-std::unique_ptr<UsbBackend> CreateUsbUdevBackend() { return std::make_unique<UsbUdevBackend>(); }
+std::unique_ptr<UsbBackend> CreateUsbUdevBackend() {
+    return std::make_unique<UsbUdevBackend>();
+}
 
-UsbUdevBackend::~UsbUdevBackend() { Stop(); }
+UsbUdevBackend::~UsbUdevBackend() {
+    Stop();
+}
 
 int UsbUdevBackend::Start(UsbEventSink* sink) {
     m_sink = sink;
@@ -86,7 +91,9 @@ int UsbUdevBackend::Start(UsbEventSink* sink) {
     return m_thread.Start([this](int stopFd) { t_Run(stopFd); });
 }
 
-void UsbUdevBackend::Stop() { m_thread.Stop(); }
+void UsbUdevBackend::Stop() {
+    m_thread.Stop();
+}
 
 void UsbUdevBackend::List(int usbClass, std::vector<UsbDeviceRef>& out) {
     mox::MutexLock lock(m_mutex);
@@ -137,8 +144,8 @@ bool UsbUdevBackend::ReadPartition(struct udev_device* dev, Partition& part) {
                                    ? dev
                                    : udev_device_get_parent_with_subsystem_devtype(dev, "block", "disk");
     const char* removable = disk ? udev_device_get_sysattr_value(disk, "removable") : nullptr;
-    part.info.diskType = (removable && !strcmp(removable, "1")) ? USB_MASS_STORAGE_DISK_REMOVABLE
-                                                                : USB_MASS_STORAGE_DISK_FIXED;
+    part.info.diskType =
+        (removable && !strcmp(removable, "1")) ? USB_MASS_STORAGE_DISK_REMOVABLE : USB_MASS_STORAGE_DISK_FIXED;
     part.devnum = udev_device_get_devnum(dev);
     return true;
 }

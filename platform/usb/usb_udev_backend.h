@@ -22,10 +22,10 @@
 #include <string>
 #include <vector>
 
+#include <mox_unique_fd.h>
 #include "mox_thread_annotations.h"
 #include "usb_backend.h"
 #include "usb_poll_thread.h"
-#include <mox_unique_fd.h>
 
 class UsbUdevBackend : public UsbBackend {
 public:
@@ -72,8 +72,8 @@ private:
     std::unique_ptr<struct udev, UdevDeleter> m_udev;
     std::unique_ptr<struct udev_monitor, UdevDeleter> m_monitor;
     std::string m_root;
-    std::string m_mountinfoPath;  // the MOX_MOUNTINFO file, or empty
-    mox_util::UniqueFd m_mountFd;        // /proc/self/mountinfo, or inotify on the file's directory
+    std::string m_mountinfoPath;   // the MOX_MOUNTINFO file, or empty
+    mox_util::UniqueFd m_mountFd;  // /proc/self/mountinfo, or inotify on the file's directory
     UsbEventSink* m_sink = nullptr;
     UsbPollThread m_thread;
 

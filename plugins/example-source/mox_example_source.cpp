@@ -1,7 +1,7 @@
 // An example source plug-in: "mox_example_source" answers every list request
 // with the same three items and every detail request with the document it
-// was given. Plug-in ABI 2; docs/writing-a-source.md is the author's guide. A starting point for plug-in authors; build it in-tree or on its
-// own against an installed engine:
+// was given. Plug-in ABI 2; docs/writing-a-source.md is the author's guide. A starting point for plug-in authors; build
+// it in-tree or on its own against an installed engine:
 //   cmake -S plugins/example-source -B build-example && cmake --build build-example
 // and copy libmox_example_source.so into the plug-in directory.
 #include <cstring>

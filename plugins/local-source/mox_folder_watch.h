@@ -46,9 +46,9 @@ private:
     void m_Forget(int wd);
 
     std::mutex m_mutex;
-    int m_fd = -1;                                               // GUARDED_BY(m_mutex)
-    uint64_t m_nNext = 1;                                        // GUARDED_BY(m_mutex); generations handed out
+    int m_fd = -1;                                              // GUARDED_BY(m_mutex)
+    uint64_t m_nNext = 1;                                       // GUARDED_BY(m_mutex); generations handed out
     std::map<std::pair<uint64_t, uint64_t>, SWatch> m_watches;  // GUARDED_BY(m_mutex); (dev, ino) -> watch
-    std::map<int, std::pair<uint64_t, uint64_t>> m_byWd;         // GUARDED_BY(m_mutex)
-    std::deque<int> m_order;                                     // GUARDED_BY(m_mutex); oldest watch first
+    std::map<int, std::pair<uint64_t, uint64_t>> m_byWd;        // GUARDED_BY(m_mutex)
+    std::deque<int> m_order;                                    // GUARDED_BY(m_mutex); oldest watch first
 };

@@ -8,9 +8,9 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -29,12 +29,12 @@ struct SGroupList {
     const char* const* ppExtensions;
 };
 
-const char* const kMusic[] = {"mp3",  "wma",   "m4a",   "aac",   "mpa",   "flac", "ogg", "wav",  "mid", "midi",
-                              "ape",  "pcm",   "lpcm1", "lpcm2", "lpcm3", "lpcm4", "aif", "aiff", "aifc", nullptr};
+const char* const kMusic[] = {"mp3", "wma", "m4a",   "aac",   "mpa",   "flac",  "ogg", "wav",  "mid",  "midi",
+                              "ape", "pcm", "lpcm1", "lpcm2", "lpcm3", "lpcm4", "aif", "aiff", "aifc", nullptr};
 const char* const kPhoto[] = {"jpg", "jpeg", "mpo", "bmp", "png", nullptr};
-const char* const kVideo[] = {"avi", "mpg", "mpeg", "mp4",  "vob",  "vro", "ts",   "trp",  "tp",
-                              "svi", "mkv", "wmv",  "asf",  "3gp",  "divx", "flv", "m2ts", "mov",
-                              "rm",  "rmvb", "mts", "webm", "s4ud", "ps",   "avs", nullptr};
+const char* const kVideo[] = {"avi", "mpg",  "mpeg", "mp4",  "vob",  "vro",  "ts",  "trp",  "tp",
+                              "svi", "mkv",  "wmv",  "asf",  "3gp",  "divx", "flv", "m2ts", "mov",
+                              "rm",  "rmvb", "mts",  "webm", "s4ud", "ps",   "avs", nullptr};
 const char* const kRecording[] = {"srf", nullptr};
 const SGroupList kGroups[] = {{5, kMusic}, {2, kPhoto}, {3, kVideo}, {6, kRecording}};
 
@@ -67,8 +67,8 @@ int CMOXLocalFolder::MediaTypeOf(const std::string& strName) {
     return 0;
 }
 
-mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::string& strRoot,
-                                            std::string& strResolved, bool bQuiet) {
+mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::string& strRoot, std::string& strResolved,
+                                            bool bQuiet) {
     if (strPath.empty() || strPath[0] != '/' || strPath.size() > kMaxPathBytes ||
         strPath.find('\0') != std::string::npos) {
         if (!bQuiet) MOX_WARN("Refused path[%.256s]: not an absolute path below the USB root.", strPath.c_str());
@@ -102,8 +102,7 @@ mox_error_code_e CMOXLocalFolder::List(const std::string& strFolderPath, const b
     std::string strRoot;
     mox_error_code_e eError = m_Resolve(strFolderPath, strRoot, strResolved);
     if (eError != MOX_ERROR_NONE) {
-        if (eError == MOX_ERROR_DETAIL_NOT_FOUND)
-            MOX_WARN("Folder[%.256s] does not exist.", strFolderPath.c_str());
+        if (eError == MOX_ERROR_DETAIL_NOT_FOUND) MOX_WARN("Folder[%.256s] does not exist.", strFolderPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
     // Opened beneath the root again: a link swapped in since the path was

@@ -140,10 +140,9 @@ mox_error_code_e CMOXLocalSource::GetData(bool& bStop, std::string& strQueryCmd,
     mox_error_code_e eError = CMOXLocalFolder::List(strFolder, bStop, entries, strResolved);
     if (eError != MOX_ERROR_NONE) return eError;
     if (nMediaType != 0 && nMediaType != 15) {
-        entries.erase(std::remove_if(entries.begin(), entries.end(),
-                                     [nMediaType](const SMOXLocalEntry& e) {
-                                         return !e.bIsFolder && e.nMediaType != nMediaType;
-                                     }),
+        entries.erase(std::remove_if(
+                          entries.begin(), entries.end(),
+                          [nMediaType](const SMOXLocalEntry& e) { return !e.bIsFolder && e.nMediaType != nMediaType; }),
                       entries.end());
     }
     std::sort(entries.begin(), entries.end(), [](const SMOXLocalEntry& a, const SMOXLocalEntry& b) {
@@ -202,7 +201,9 @@ mox_error_code_e CMOXLocalSource::GetDetail(bool&, std::string& strCommand, std:
 
 MOX_WEB_SOURCE_DEFINE_ABI_VERSION()
 
-extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) { return 1; }
+extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) {
+    return 1;
+}
 
 extern "C" __attribute__((visibility("default"))) const char* GetSourceName(int nIndex) {
     return nIndex == 0 ? kSourceName : nullptr;

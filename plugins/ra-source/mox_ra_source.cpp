@@ -93,8 +93,7 @@ int CMOXRaSource::m_Stop(const std::string& strId) {
     return MOX_ERROR_NONE;
 }
 
-int CMOXRaSource::Execute(bool& bStop, std::string& strParam, mox_transfer_progress_cb pfnProgress,
-                          void* pUserData) {
+int CMOXRaSource::Execute(bool& bStop, std::string& strParam, mox_transfer_progress_cb pfnProgress, void* pUserData) {
     CJsonValue doc(strParam);
     if (!doc.IsValid()) {
         MOX_WARN("Transfer document is not a JSON object.");
@@ -112,8 +111,9 @@ int CMOXRaSource::Execute(bool& bStop, std::string& strParam, mox_transfer_progr
     if (!StringMember(doc, "mox_transfer_src", request.strSrc) ||
         !StringMember(doc, "mox_transfer_dst", request.strDst) ||
         !BoolMember(doc, "mox_transfer_overwrite", false, request.bOverwrite)) {
-        MOX_WARN("Transfer document needs strings \"mox_transfer_src\", \"mox_transfer_dst\" and an optional bool "
-                 "\"mox_transfer_overwrite\".");
+        MOX_WARN(
+            "Transfer document needs strings \"mox_transfer_src\", \"mox_transfer_dst\" and an optional bool "
+            "\"mox_transfer_overwrite\".");
         return MOX_ERROR_INVALID_PARAMETER;
     }
     const bool bUrl = CMOXRaTransfer::IsUrl(request.strSrc);
@@ -201,7 +201,9 @@ mox_error_code_e CMOXRaSource::Act(bool& bStop, std::string& strCommand) {
 
 MOX_WEB_SOURCE_DEFINE_ABI_VERSION()
 
-extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) { return 1; }
+extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) {
+    return 1;
+}
 
 extern "C" __attribute__((visibility("default"))) const char* GetSourceName(int nIndex) {
     return nIndex == 0 ? kSourceName : "";

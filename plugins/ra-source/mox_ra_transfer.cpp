@@ -141,8 +141,8 @@ int CMOXRaTransfer::m_Copy(int nOutFd, long long& llBytes) {
         if (bKernelCopy) {
             n = copy_file_range(m_srcFd.Get(), nullptr, nOutFd, nullptr, kCopyChunk, 0);
             // Another file system kind, or no support: copy through memory.
-            if (n < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP ||
-                          errno == EPERM)) {
+            if (n < 0 &&
+                (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP || errno == EPERM)) {
                 bKernelCopy = false;
                 continue;
             }
@@ -226,8 +226,8 @@ int CMOXRaTransfer::Run() {
     UniqueFd out;
     for (int nAttempt = 0; nAttempt < 16 && !out.IsValid(); ++nAttempt) {
         strTemp = ".mox-transfer-" + std::to_string(getpid()) + "-" + std::to_string(g_tempCounter.fetch_add(1));
-        out = UniqueFd(openat(m_dirFd.Get(), strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                              0644));
+        out = UniqueFd(
+            openat(m_dirFd.Get(), strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
         if (!out.IsValid() && errno != EEXIST) break;
     }
     if (!out.IsValid()) {
@@ -249,15 +249,14 @@ int CMOXRaTransfer::Run() {
         nResult = MOX_RA_ERROR_WRITE;
     }
     if (nResult == MOX_ERROR_NONE) {
-        int nRenamed = m_request.bOverwrite
-                           ? renameat(m_dirFd.Get(), strTemp.c_str(), m_dirFd.Get(), m_strLeaf.c_str())
-                           : renameat2(m_dirFd.Get(), strTemp.c_str(), m_dirFd.Get(), m_strLeaf.c_str(),
-                                       RENAME_NOREPLACE);
+        int nRenamed = m_request.bOverwrite ? renameat(m_dirFd.Get(), strTemp.c_str(), m_dirFd.Get(), m_strLeaf.c_str())
+                                            : renameat2(m_dirFd.Get(), strTemp.c_str(), m_dirFd.Get(),
+                                                        m_strLeaf.c_str(), RENAME_NOREPLACE);
         if (nRenamed != 0) {
             int nError = errno;
             MOX_WARN("Transfer[%s]: rename into place failed: %s.", strId.c_str(), strerror(nError));
-            nResult = nError == EEXIST || nError == EISDIR || nError == ENOTEMPTY ? MOX_RA_ERROR_EXISTS
-                                                                                  : MOX_RA_ERROR_WRITE;
+            nResult =
+                nError == EEXIST || nError == EISDIR || nError == ENOTEMPTY ? MOX_RA_ERROR_EXISTS : MOX_RA_ERROR_WRITE;
         }
     }
     if (nResult != MOX_ERROR_NONE) {

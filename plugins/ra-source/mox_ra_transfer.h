@@ -31,8 +31,8 @@ struct SMOXRaRequest {
 class CMOXRaTransfer {
 public:
     // bCommandStop: the engine's stop flag of the command (read only).
-    CMOXRaTransfer(SMOXRaRequest request, std::string strParam, mox_transfer_progress_cb pfnProgress,
-                   void* pUserData, const bool& bCommandStop);
+    CMOXRaTransfer(SMOXRaRequest request, std::string strParam, mox_transfer_progress_cb pfnProgress, void* pUserData,
+                   const bool& bCommandStop);
     CMOXRaTransfer(const CMOXRaTransfer&) = delete;
     CMOXRaTransfer& operator=(const CMOXRaTransfer&) = delete;
 
@@ -56,8 +56,8 @@ private:
     void m_StartWriteback(long long llBytes);
     int m_Copy(int nOutFd, long long& llBytes);
     int m_Download(int nOutFd, long long& llBytes);
-    static int s_DownloadProgress(void* pUserData, const char* szCommand, double dlNow, double dlTotal,
-                                  double ulNow, double ulTotal);
+    static int s_DownloadProgress(void* pUserData, const char* szCommand, double dlNow, double dlTotal, double ulNow,
+                                  double ulTotal);
 
     SMOXRaRequest m_request;
     std::string m_strParam;
@@ -65,8 +65,8 @@ private:
     void* m_pUserData;
     const bool& m_bCommandStop;
     std::atomic<bool> m_bStop{false};
-    long long m_llLastReport = 0;  // transfer thread only
-    int m_nOutFd = -1;             // the temporary file while Run() writes it
+    long long m_llLastReport = 0;   // transfer thread only
+    int m_nOutFd = -1;              // the temporary file while Run() writes it
     long long m_llWrittenBack = 0;  // transfer thread only
 
     CMOXConfinedPath m_root;

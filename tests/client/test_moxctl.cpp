@@ -41,7 +41,8 @@ Json::Value Parse(const std::string& text) {
 }
 
 // Runs a command; `onOutput` sees stdout as it grows and may signal `pid`.
-Outcome Exec(const std::vector<std::string>& argv, const std::function<void(pid_t, const std::string&)>& onOutput = {}) {
+Outcome Exec(const std::vector<std::string>& argv,
+             const std::function<void(pid_t, const std::string&)>& onOutput = {}) {
     // stdin stays open until the command ends: script(1) stops at its end.
     int in[2], out[2];
     EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
@@ -113,8 +114,7 @@ protected:
     void TearDown() override {
         EXPECT_EQ(h.Stop(), 0) << h.Output();
         // The engine unlinks what its cache held when it stops.
-        for (const auto& name : EngineObjects(h.Log(), "Generate ShmName["))
-            EXPECT_FALSE(ShmExists(name)) << name;
+        for (const auto& name : EngineObjects(h.Log(), "Generate ShmName[")) EXPECT_FALSE(ShmExists(name)) << name;
     }
     // Every result list the engine handed out was unlinked (dropped), and
     // none is left in /dev/shm (the engine drops the lists of a client that
@@ -263,9 +263,12 @@ TEST_F(Moxctl, ExitStatusesAndHelp) {
     // Usage errors: status 2 and one line. The bus carries only UTF-8, so a
     // raw byte in a path is refused up front.
     Outcome r;
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"list"}, {"frobnicate"}, {"thumbs", "/x", "--count", "5000"}, {"list", "/x", "--range", "9-3"},
-             {"detail", "/x/\xff.jpg"}}) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"list"},
+                                               {"frobnicate"},
+                                               {"thumbs", "/x", "--count", "5000"},
+                                               {"list", "/x", "--range", "9-3"},
+                                               {"detail", "/x/\xff.jpg"}}) {
         r = Ctl(args);
         EXPECT_EQ(r.status, 2) << args[0];
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
@@ -387,8 +390,8 @@ TEST_F(Moxctl, ProgressBarOnATerminal) {
     PacedServer server(h.Path("web"), 2 << 20, 20);
     std::string dst = mount + "/bar.bin";
     // script(1) runs the tool on a pseudo-terminal and copies what it drew.
-    std::string cmd = std::string(MOXCTL_BINARY) + " --address '" + h.BusAddress() + "' download '" + server.url +
-                      "' '" + dst + "'";
+    std::string cmd =
+        std::string(MOXCTL_BINARY) + " --address '" + h.BusAddress() + "' download '" + server.url + "' '" + dst + "'";
     Outcome r = Exec({"/usr/bin/script", "-qec", cmd, "/dev/null"});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_NE(r.out.find("\r["), std::string::npos) << r.out;  // redrawn in place
@@ -405,7 +408,9 @@ TEST_F(Moxctl, ProgressBarOnATerminal) {
 
 #else
 
-TEST_F(Moxctl, CopyDownloadAndStop) { GTEST_SKIP() << "the transfer source (libmox_ra_source.so) is not built"; }
+TEST_F(Moxctl, CopyDownloadAndStop) {
+    GTEST_SKIP() << "the transfer source (libmox_ra_source.so) is not built";
+}
 
 #endif
 

@@ -57,12 +57,13 @@ size_t Count(const std::string& text, const std::string& needle) {
 TEST(Dlog, EnvelopeLevelsAndThreadIds) {
     moxtest::TempDir dir;
     const std::string file = dir.file("log");
-    ASSERT_EQ(InChild("file:" + file, "", [] {
-                  MOX_DEBUG("%d%%", 5);
-                  MOX_INFO("main thread");
-                  std::thread t([] { MOX_WARN("worker thread"); });
-                  t.join();
-              }),
+    ASSERT_EQ(InChild("file:" + file, "",
+                      [] {
+                          MOX_DEBUG("%d%%", 5);
+                          MOX_INFO("main thread");
+                          std::thread t([] { MOX_WARN("worker thread"); });
+                          t.join();
+                      }),
               0);
     std::string log = moxtest::ReadTextFile(file);
     ASSERT_EQ(Count(log, "\n"), 3u) << log;
@@ -109,24 +110,25 @@ TEST(Dlog, ConcurrentWritersNeverInterleaveLines) {
 TEST(Dlog, FilteredLinesEvaluateNothingAndIdsFollowFork) {
     moxtest::TempDir dir;
     const std::string file = dir.file("log");
-    ASSERT_EQ(InChild("file:" + file, "warning", [] {
-                  int nEvaluated = 0;
-                  auto arg = [&nEvaluated] { return ++nEvaluated; };
-                  // Filtered out: worth 0, arguments untouched.
-                  if (MOX_DEBUG("dropped %d", arg()) != 0 || MOX_INFO("dropped %d", arg()) != 0) _exit(3);
-                  MOX_TRACE("dropped %d", arg());
-                  if (nEvaluated != 0) _exit(4);
-                  // Long lines are not cut.
-                  if (MOX_WARN("parent line %d %s", arg(), std::string(5000, 'x').c_str()) <= 0) _exit(5);
-                  if (nEvaluated != 1) _exit(5);
-                  // The cached ids are the parent's; a forked child prints its own.
-                  pid_t child = fork();
-                  if (child == 0) {
-                      MOX_WARN("child line");
-                      _exit(0);
-                  }
-                  waitpid(child, nullptr, 0);
-              }),
+    ASSERT_EQ(InChild("file:" + file, "warning",
+                      [] {
+                          int nEvaluated = 0;
+                          auto arg = [&nEvaluated] { return ++nEvaluated; };
+                          // Filtered out: worth 0, arguments untouched.
+                          if (MOX_DEBUG("dropped %d", arg()) != 0 || MOX_INFO("dropped %d", arg()) != 0) _exit(3);
+                          MOX_TRACE("dropped %d", arg());
+                          if (nEvaluated != 0) _exit(4);
+                          // Long lines are not cut.
+                          if (MOX_WARN("parent line %d %s", arg(), std::string(5000, 'x').c_str()) <= 0) _exit(5);
+                          if (nEvaluated != 1) _exit(5);
+                          // The cached ids are the parent's; a forked child prints its own.
+                          pid_t child = fork();
+                          if (child == 0) {
+                              MOX_WARN("child line");
+                              _exit(0);
+                          }
+                          waitpid(child, nullptr, 0);
+                      }),
               0);
     const std::string log = moxtest::ReadTextFile(file);
     ASSERT_EQ(Count(log, "\n"), 2u) << log;
@@ -163,6 +165,7 @@ TEST(Dlog, ColourOnlyOnATerminal) {
     // Escapes a body carries itself are plain text's business too.
     moxtest::TempDir dir;
     const std::string file = dir.file("log");
-    ASSERT_EQ(InChild("file:" + file, "", [] { MOX_WARN("%s", "a\033[1;31mb\033[0m\033[m\033[c\033\033[12\033["); }), 0);
+    ASSERT_EQ(InChild("file:" + file, "", [] { MOX_WARN("%s", "a\033[1;31mb\033[0m\033[m\033[c\033\033[12\033["); }),
+              0);
     EXPECT_NE(moxtest::ReadTextFile(file).find("]] ab\033[c\033\033[12\033[\n"), std::string::npos);
 }

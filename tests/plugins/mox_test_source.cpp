@@ -156,7 +156,9 @@ extern "C" __attribute__((visibility("default"))) int GetSourceAbiVersion(void) 
 #endif
 }
 
-extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) { return 2; }
+extern "C" __attribute__((visibility("default"))) int GetSourcesCount(void) {
+    return 2;
+}
 
 extern "C" __attribute__((visibility("default"))) const char* GetSourceName(int nIndex) {
     return nIndex >= 0 && nIndex < 2 ? kNames[nIndex] : nullptr;

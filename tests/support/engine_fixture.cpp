@@ -27,8 +27,7 @@ using Clock = std::chrono::steady_clock;
 
 size_t CountOccurrences(const std::string& haystack, const std::string& needle) {
     size_t count = 0;
-    for (size_t pos = haystack.find(needle); pos != std::string::npos;
-         pos = haystack.find(needle, pos + needle.size()))
+    for (size_t pos = haystack.find(needle); pos != std::string::npos; pos = haystack.find(needle, pos + needle.size()))
         ++count;
     return count;
 }
@@ -75,9 +74,8 @@ std::string Signal::text() const {
 }
 
 SignalCollector::SignalCollector(GDBusConnection* connection) : m_connection(connection) {
-    m_subscription = g_dbus_connection_signal_subscribe(
-        connection, nullptr, kEngineInterface, nullptr, kEnginePath, nullptr,
-        G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, this, nullptr);
+    m_subscription = g_dbus_connection_signal_subscribe(connection, nullptr, kEngineInterface, nullptr, kEnginePath,
+                                                        nullptr, G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, this, nullptr);
 }
 
 SignalCollector::~SignalCollector() {
@@ -87,8 +85,8 @@ SignalCollector::~SignalCollector() {
     }
 }
 
-void SignalCollector::OnSignal(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
-                               const gchar* name, GVariant* params, gpointer self) {
+void SignalCollector::OnSignal(GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar* name,
+                               GVariant* params, gpointer self) {
     auto signal = std::make_unique<Signal>();
     signal->name = name;
     signal->sender = sender ? sender : "";
@@ -96,8 +94,7 @@ void SignalCollector::OnSignal(GDBusConnection*, const gchar* sender, const gcha
     static_cast<SignalCollector*>(self)->m_signals.push_back(std::move(signal));
 }
 
-bool SignalCollector::WaitFor(const std::string& name, size_t count,
-                              std::chrono::milliseconds timeout) {
+bool SignalCollector::WaitFor(const std::string& name, size_t count, std::chrono::milliseconds timeout) {
     auto deadline = Clock::now() + timeout;
     while (Named(name).size() < count) {
         if (Clock::now() >= deadline) return false;
@@ -113,7 +110,9 @@ std::vector<const Signal*> SignalCollector::Named(const std::string& name) const
     return out;
 }
 
-void SignalCollector::Drain(std::chrono::milliseconds duration) { PumpMainContext(duration); }
+void SignalCollector::Drain(std::chrono::milliseconds duration) {
+    PumpMainContext(duration);
+}
 
 EngineHarness::EngineHarness() : EngineHarness(BusPolicy::kOpen) {}
 
@@ -169,51 +168,53 @@ void EngineHarness::StartBus(BusPolicy policy) {
         socket = m_busDir->file("bus.socket");
         // The system bus's own defaults (as in dbus's system.conf), then the
         // installed engine policy, unchanged.
-        WriteTextFile(config, head +
-                      "  <listen>unix:path=" + socket + "</listen>\n"
-                      "  <auth>EXTERNAL</auth>\n"
-                      "  <policy context=\"default\">\n"
-                      "    <allow user=\"*\"/>\n"
-                      "    <deny own=\"*\"/>\n"
-                      "    <deny send_type=\"method_call\"/>\n"
-                      "    <allow send_type=\"signal\"/>\n"
-                      "    <allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
-                      "    <allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
-                      "    <allow receive_type=\"method_call\"/>\n"
-                      "    <allow receive_type=\"method_return\"/>\n"
-                      "    <allow receive_type=\"error\"/>\n"
-                      "    <allow receive_type=\"signal\"/>\n"
-                      "    <allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"/>\n"
-                      "    <allow send_destination=\"org.freedesktop.DBus\"\n"
-                      "           send_interface=\"org.freedesktop.DBus.Introspectable\"/>\n"
-                      "    <deny send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"\n"
-                      "          send_member=\"UpdateActivationEnvironment\"/>\n"
-                      "  </policy>\n"
-                      "  <include>" MOX_DBUS_POLICY "</include>\n"
-                      "</busconfig>\n");
+        WriteTextFile(
+            config,
+            head + "  <listen>unix:path=" + socket +
+                "</listen>\n"
+                "  <auth>EXTERNAL</auth>\n"
+                "  <policy context=\"default\">\n"
+                "    <allow user=\"*\"/>\n"
+                "    <deny own=\"*\"/>\n"
+                "    <deny send_type=\"method_call\"/>\n"
+                "    <allow send_type=\"signal\"/>\n"
+                "    <allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
+                "    <allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
+                "    <allow receive_type=\"method_call\"/>\n"
+                "    <allow receive_type=\"method_return\"/>\n"
+                "    <allow receive_type=\"error\"/>\n"
+                "    <allow receive_type=\"signal\"/>\n"
+                "    <allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"/>\n"
+                "    <allow send_destination=\"org.freedesktop.DBus\"\n"
+                "           send_interface=\"org.freedesktop.DBus.Introspectable\"/>\n"
+                "    <deny send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"\n"
+                "          send_member=\"UpdateActivationEnvironment\"/>\n"
+                "  </policy>\n"
+                "  <include>" MOX_DBUS_POLICY
+                "</include>\n"
+                "</busconfig>\n");
     } else {
-        WriteTextFile(config, head +
-                      "  <listen>unix:path=" + socket + "</listen>\n"
-                      "  <auth>EXTERNAL</auth>\n"
-                      "  <policy context=\"default\">\n"
-                      "    <allow user=\"*\"/>\n"
-                      "    <allow own=\"*\"/>\n"
-                      "    <allow send_type=\"method_call\"/>\n"
-                      "    <allow send_type=\"signal\"/>\n"
-                      "    <allow send_type=\"method_return\"/>\n"
-                      "    <allow send_type=\"error\"/>\n"
-                      "    <allow receive_type=\"method_call\"/>\n"
-                      "    <allow receive_type=\"signal\"/>\n"
-                      "    <allow receive_type=\"method_return\"/>\n"
-                      "    <allow receive_type=\"error\"/>\n"
-                      "  </policy>\n"
-                      "</busconfig>\n");
+        WriteTextFile(config, head + "  <listen>unix:path=" + socket +
+                                  "</listen>\n"
+                                  "  <auth>EXTERNAL</auth>\n"
+                                  "  <policy context=\"default\">\n"
+                                  "    <allow user=\"*\"/>\n"
+                                  "    <allow own=\"*\"/>\n"
+                                  "    <allow send_type=\"method_call\"/>\n"
+                                  "    <allow send_type=\"signal\"/>\n"
+                                  "    <allow send_type=\"method_return\"/>\n"
+                                  "    <allow send_type=\"error\"/>\n"
+                                  "    <allow receive_type=\"method_call\"/>\n"
+                                  "    <allow receive_type=\"signal\"/>\n"
+                                  "    <allow receive_type=\"method_return\"/>\n"
+                                  "    <allow receive_type=\"error\"/>\n"
+                                  "  </policy>\n"
+                                  "</busconfig>\n");
     }
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e) env.emplace_back(*e);
-    m_busPid = SpawnWithEnv({"/usr/bin/dbus-daemon", "--nofork", "--nopidfile",
-                             "--config-file=" + config},
-                            env, m_dir.file("bus.out"));
+    m_busPid = SpawnWithEnv({"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + config}, env,
+                            m_dir.file("bus.out"));
     m_busAddress = "unix:path=" + socket;
     // The socket file appears at bind(), a little before the bus accepts
     // connections: wait until a client really gets through.
@@ -285,9 +286,8 @@ bool EngineHarness::Start(std::chrono::milliseconds timeout) {
         if (!Running()) return false;
         GError* error = nullptr;
         GVariant* reply = g_dbus_connection_call_sync(
-            Client(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-            "NameHasOwner", g_variant_new("(s)", kEngineName), G_VARIANT_TYPE("(b)"),
-            G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, &error);
+            Client(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
+            g_variant_new("(s)", kEngineName), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, &error);
         if (error) g_error_free(error);
         gboolean owned = FALSE;
         if (reply) {
@@ -342,13 +342,13 @@ bool EngineHarness::Running() {
     return false;
 }
 
-CallResult EngineHarness::Call(const std::string& method, GVariant* params,
-                               GDBusConnection* connection, int timeoutMs) {
+CallResult EngineHarness::Call(const std::string& method, GVariant* params, GDBusConnection* connection,
+                               int timeoutMs) {
     CallResult result;
     GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(
-        connection ? connection : Client(), kEngineName, kEnginePath, kEngineInterface,
-        method.c_str(), params, nullptr, G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr, &error);
+    GVariant* reply = g_dbus_connection_call_sync(connection ? connection : Client(), kEngineName, kEnginePath,
+                                                  kEngineInterface, method.c_str(), params, nullptr,
+                                                  G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr, &error);
     result.reply.reset(reply);
     if (error) {
         result.error = error->message;
@@ -364,7 +364,9 @@ std::vector<const Signal*> UserCallResults::Named(const std::string& name) const
     return out;
 }
 
-bool EngineHarness::CanCallAsUser() { return geteuid() == 0; }
+bool EngineHarness::CanCallAsUser() {
+    return geteuid() == 0;
+}
 
 namespace {
 
@@ -512,14 +514,15 @@ CallResult EngineHarness::CallAsUser(uid_t uid, const std::string& method, GVari
     return result;
 }
 
-std::string EngineHarness::Log() const { return ReadTextFile(LogFile()); }
+std::string EngineHarness::Log() const {
+    return ReadTextFile(LogFile());
+}
 
 size_t EngineHarness::CountLog(const std::string& needle) const {
     return CountOccurrences(Log(), needle);
 }
 
-bool EngineHarness::WaitForLog(const std::string& needle, size_t count,
-                               std::chrono::milliseconds timeout) {
+bool EngineHarness::WaitForLog(const std::string& needle, size_t count, std::chrono::milliseconds timeout) {
     auto deadline = Clock::now() + timeout;
     while (CountLog(needle) < count) {
         if (Clock::now() >= deadline) return false;
@@ -528,6 +531,8 @@ bool EngineHarness::WaitForLog(const std::string& needle, size_t count,
     return true;
 }
 
-std::string EngineHarness::Output() const { return ReadTextFile(m_dir.file("engine.out")); }
+std::string EngineHarness::Output() const {
+    return ReadTextFile(m_dir.file("engine.out"));
+}
 
 }  // namespace moxtest

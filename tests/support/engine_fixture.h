@@ -63,15 +63,14 @@ public:
     SignalCollector& operator=(const SignalCollector&) = delete;
 
     // Waits until at least `count` signals named `name` arrived.
-    bool WaitFor(const std::string& name, size_t count,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    bool WaitFor(const std::string& name, size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10));
     std::vector<const Signal*> Named(const std::string& name) const;
     // Lets pending signals arrive for `duration`, e.g. to check that none came.
     void Drain(std::chrono::milliseconds duration);
 
 private:
-    static void OnSignal(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
-                         const gchar* name, GVariant* params, gpointer self);
+    static void OnSignal(GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar* name,
+                         GVariant* params, gpointer self);
 
     GDBusConnection* m_connection;
     guint m_subscription;
@@ -99,7 +98,7 @@ struct UserCall {
 // What another user's connection got: one CallResult per call (in order) and
 // the engine's signals that reached that connection.
 struct UserCallResults {
-    std::string error;  // set when the sequence could not run at all
+    std::string error;                   // set when the sequence could not run at all
     uid_t uid = static_cast<uid_t>(-1);  // the identity the helper ran with
     gid_t gid = static_cast<gid_t>(-1);
     std::vector<CallResult> calls;

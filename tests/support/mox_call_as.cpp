@@ -56,17 +56,18 @@ int main(int argc, char** argv) {
     const char* address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
     GError* error = nullptr;
     GDBusConnection* conn = g_dbus_connection_new_for_address_sync(
-        address ? address : "", static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                                  G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        address ? address : "",
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, &error);
     if (!conn) {
         printf("fatal %s\n", OneLine(error ? error->message : "no bus address").c_str());
         if (error) g_error_free(error);
         return 3;
     }
-    guint subscription = g_dbus_connection_signal_subscribe(conn, nullptr, kEngineInterface, nullptr, kEnginePath,
-                                                            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, nullptr,
-                                                            nullptr);
+    guint subscription =
+        g_dbus_connection_signal_subscribe(conn, nullptr, kEngineInterface, nullptr, kEnginePath, nullptr,
+                                           G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, nullptr, nullptr);
     std::string handle = "4294967295";
     for (int i = 2, n = 0; i + 2 < argc; i += 3, ++n) {
         std::string text = argv[i + 2];

@@ -2,10 +2,10 @@
 // that aborts a hung test with a clear message instead of blocking CI.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <unistd.h>
 
 namespace {
 

@@ -98,8 +98,8 @@ public:
     EBlockState GetBlockState(int nCacheId);
     int GetRefCount(int nCacheId);  // 0 when the id has no count
     int GetUsedSize();
-    int GetEntryCount();      // committed, cached and persistent blocks
-    int64_t GetQueryTextBytes();  // bytes of the query texts kept
+    int GetEntryCount();               // committed, cached and persistent blocks
+    int64_t GetQueryTextBytes();       // bytes of the query texts kept
     std::vector<int> GetLRUIndexes();  // oldest release first
 
 private:

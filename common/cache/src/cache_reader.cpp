@@ -23,7 +23,9 @@ CCacheReader::CCacheReader(std::string strShmName) : m_strShmName(std::move(strS
     m_bLoaded = m_Load();
 }
 
-CCacheReader::~CCacheReader() { m_UnLoad(); }
+CCacheReader::~CCacheReader() {
+    m_UnLoad();
+}
 
 bool CCacheReader::m_Load() {
     mox_shm::SObjectCopy copy;
@@ -31,10 +33,8 @@ bool CCacheReader::m_Load() {
         case mox_shm::ELoadResult::kOpenFailed:
             MOX_WARN("shm_open failed, m_strShmName[%s].", m_strShmName.c_str());
             return false;
-        case mox_shm::ELoadResult::kBadObject:
-            return false;
-        case mox_shm::ELoadResult::kLoaded:
-            break;
+        case mox_shm::ELoadResult::kBadObject: return false;
+        case mox_shm::ELoadResult::kLoaded: break;
     }
     const char* p = copy.pData.get();
     const int64_t nSize = copy.nSize;
@@ -49,10 +49,11 @@ bool CCacheReader::m_Load() {
     const int64_t nLengthEnd = static_cast<int64_t>(nLengthOffset) + 4 * nItemCount;
     if (nItemCount < 0 || nNumberOfGroups < 0 || nGroupOffset < MOX_DATABLOCK_HEADER_SIZE ||
         nLengthOffset != nGroupEnd || nLengthEnd > nSize) {
-        MOX_WARN("Data block[%s] has a bad header: groupOffset[%d] lengthOffset[%d] start[%d] end[%d] "
-                 "groups[%d] size[%lld].",
-                 m_strShmName.c_str(), nGroupOffset, nLengthOffset, nStartIndex, nEndIndex, nNumberOfGroups,
-                 static_cast<long long>(nSize));
+        MOX_WARN(
+            "Data block[%s] has a bad header: groupOffset[%d] lengthOffset[%d] start[%d] end[%d] "
+            "groups[%d] size[%lld].",
+            m_strShmName.c_str(), nGroupOffset, nLengthOffset, nStartIndex, nEndIndex, nNumberOfGroups,
+            static_cast<long long>(nSize));
         return false;
     }
     m_pAddr = std::move(copy.pData);
@@ -74,23 +75,32 @@ void CCacheReader::m_UnLoad() {
     m_nEndIndex = -1;
 }
 
-int CCacheReader::StartIndex() const { return m_bLoaded ? m_nStartIndex : 0; }
+int CCacheReader::StartIndex() const {
+    return m_bLoaded ? m_nStartIndex : 0;
+}
 
-int CCacheReader::EndIndex() const { return m_bLoaded ? m_nEndIndex : -1; }
+int CCacheReader::EndIndex() const {
+    return m_bLoaded ? m_nEndIndex : -1;
+}
 
 // Checked at load: the item-offset table of this many entries fits the block,
 // so the count is far below INT_MAX.
-int CCacheReader::GetItemCount() const { return m_bLoaded ? m_nEndIndex - m_nStartIndex + 1 : 0; }
+int CCacheReader::GetItemCount() const {
+    return m_bLoaded ? m_nEndIndex - m_nStartIndex + 1 : 0;
+}
 
-int CCacheReader::GetTotalCount() const { return m_bLoaded ? m_nTotalCount : 0; }
+int CCacheReader::GetTotalCount() const {
+    return m_bLoaded ? m_nTotalCount : 0;
+}
 
-int CCacheReader::GetGroupCount() const { return m_bLoaded ? m_nNumberOfGroups : 0; }
+int CCacheReader::GetGroupCount() const {
+    return m_bLoaded ? m_nNumberOfGroups : 0;
+}
 
 bool CCacheReader::GetGroup(int nGroupIndex, int& a, int& b) const {
     if (!m_bLoaded) return false;
     if (nGroupIndex < 0 || nGroupIndex >= m_nNumberOfGroups) {
-        MOX_WARN("Group index[%d] out of range[0-%d) in [%s].", nGroupIndex, m_nNumberOfGroups,
-                 m_strShmName.c_str());
+        MOX_WARN("Group index[%d] out of range[0-%d) in [%s].", nGroupIndex, m_nNumberOfGroups, m_strShmName.c_str());
         return false;
     }
     int64_t nOffset = m_nGroupOffset + 8 * static_cast<int64_t>(nGroupIndex);

@@ -2,8 +2,8 @@
 #include "shm_mapping.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 
 #include <cassert>
 #include <cerrno>
@@ -67,12 +67,13 @@ int CShmNamer::CreateExclusive(std::string& strName, int& nId) {
                 MOX_WARN("fchmod failed, m_strShmName[%s]: %s.", strName.c_str(), strerror(errno));
             if (nTaken > 0) {
                 if (!m_bTakenWarned.exchange(true))
-                    MOX_WARN("ShmName[%s] (and %d more) already exists, created by someone else: skipped, using "
-                             "[%s]. Further taken names are logged at debug level.",
-                             strFirstTaken.c_str(), nTaken - 1, strName.c_str());
+                    MOX_WARN(
+                        "ShmName[%s] (and %d more) already exists, created by someone else: skipped, using "
+                        "[%s]. Further taken names are logged at debug level.",
+                        strFirstTaken.c_str(), nTaken - 1, strName.c_str());
                 else
-                    MOX_DEBUG("ShmName[%s] (and %d more) already exists: skipped, using [%s].",
-                              strFirstTaken.c_str(), nTaken - 1, strName.c_str());
+                    MOX_DEBUG("ShmName[%s] (and %d more) already exists: skipped, using [%s].", strFirstTaken.c_str(),
+                              nTaken - 1, strName.c_str());
             }
             return fd;
         }

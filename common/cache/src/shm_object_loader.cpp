@@ -56,8 +56,7 @@ int32_t ReadInt32(const char* pData, int64_t nOffset) {
     return nValue;
 }
 
-ELoadResult LoadObject(const std::string& strShmName, int nHeaderSize, int nSizeFieldOffset,
-                       SObjectCopy& out) {
+ELoadResult LoadObject(const std::string& strShmName, int nHeaderSize, int nSizeFieldOffset, SObjectCopy& out) {
     CUniqueFd fd(shm_open(strShmName.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0));
     if (fd.Get() < 0) return ELoadResult::kOpenFailed;
 
@@ -71,8 +70,7 @@ ELoadResult LoadObject(const std::string& strShmName, int nHeaderSize, int nSize
         return ELoadResult::kBadObject;
     }
     if (st.st_size < nHeaderSize) {
-        MOX_WARN("shm[%s] is too small[%lld] for its header.", strShmName.c_str(),
-                 static_cast<long long>(st.st_size));
+        MOX_WARN("shm[%s] is too small[%lld] for its header.", strShmName.c_str(), static_cast<long long>(st.st_size));
         return ELoadResult::kBadObject;
     }
     char header[64];

@@ -32,8 +32,7 @@ enum class ELoadResult {
 // nHeaderSize bytes. nSize must lie in [nHeaderSize, object size] and must not
 // exceed MOX_SHM_OBJECT_MAX_SIZE. Logs a warning for a bad object; an object
 // that cannot be opened is left to the caller to report.
-ELoadResult LoadObject(const std::string& strShmName, int nHeaderSize, int nSizeFieldOffset,
-                       SObjectCopy& out);
+ELoadResult LoadObject(const std::string& strShmName, int nHeaderSize, int nSizeFieldOffset, SObjectCopy& out);
 
 // The 32-bit little-endian integer at byte offset nOffset (unaligned access is
 // fine). The caller has checked nOffset + 4 <= the buffer's size.

@@ -23,9 +23,13 @@ enum {
 
 }  // namespace
 
-CResultList::CResultList(std::string strShmName) : m_strShmName(std::move(strShmName)) { m_bLoaded = m_Load(); }
+CResultList::CResultList(std::string strShmName) : m_strShmName(std::move(strShmName)) {
+    m_bLoaded = m_Load();
+}
 
-CResultList::~CResultList() { m_UnLoad(); }
+CResultList::~CResultList() {
+    m_UnLoad();
+}
 
 bool CResultList::m_Load() {
     mox_shm::SObjectCopy copy;
@@ -33,10 +37,8 @@ bool CResultList::m_Load() {
         case mox_shm::ELoadResult::kOpenFailed:
             MOX_WARN("shm_open failed, m_strShmName[%s].", m_strShmName.c_str());
             return false;
-        case mox_shm::ELoadResult::kBadObject:
-            return false;
-        case mox_shm::ELoadResult::kLoaded:
-            break;
+        case mox_shm::ELoadResult::kBadObject: return false;
+        case mox_shm::ELoadResult::kLoaded: break;
     }
     const char* p = copy.pData.get();
     const int32_t nBlockNameOffset = mox_shm::ReadInt32(p, kBlockNameOffsetField);
@@ -53,10 +55,11 @@ bool CResultList::m_Load() {
     const int64_t nItemEnd = static_cast<int64_t>(nItemOffset) + 8 * nItemCount;
     if (nItemCount < 0 || nNumberOfGroups < 0 || nNumberOfBlocks < 0 || nBlockNameOffset < nGroupEnd ||
         nItemOffset < nNameEnd || nItemEnd > copy.nSize) {
-        MOX_WARN("Result list[%s] has a bad header: nameOffset[%d] itemOffset[%d] start[%d] end[%d] groups[%d] "
-                 "blocks[%d] size[%d].",
-                 m_strShmName.c_str(), nBlockNameOffset, nItemOffset, nStartIndex, nEndIndex, nNumberOfGroups,
-                 nNumberOfBlocks, copy.nSize);
+        MOX_WARN(
+            "Result list[%s] has a bad header: nameOffset[%d] itemOffset[%d] start[%d] end[%d] groups[%d] "
+            "blocks[%d] size[%d].",
+            m_strShmName.c_str(), nBlockNameOffset, nItemOffset, nStartIndex, nEndIndex, nNumberOfGroups,
+            nNumberOfBlocks, copy.nSize);
         return false;
     }
     m_pAddr = std::move(copy.pData);
@@ -83,28 +86,43 @@ void CResultList::m_UnLoad() {
     m_nEndIndex = m_nSectionIndex = -1;
 }
 
-int CResultList::StartIndex() const { return m_bLoaded ? m_nStartIndex : 0; }
+int CResultList::StartIndex() const {
+    return m_bLoaded ? m_nStartIndex : 0;
+}
 
-int CResultList::EndIndex() const { return m_bLoaded ? m_nEndIndex : -1; }
+int CResultList::EndIndex() const {
+    return m_bLoaded ? m_nEndIndex : -1;
+}
 
-int CResultList::SectionIndex() const { return m_bLoaded ? m_nSectionIndex : -1; }
+int CResultList::SectionIndex() const {
+    return m_bLoaded ? m_nSectionIndex : -1;
+}
 
-int CResultList::GetTotalCount() const { return m_bLoaded ? m_nTotalItemCount : 0; }
+int CResultList::GetTotalCount() const {
+    return m_bLoaded ? m_nTotalItemCount : 0;
+}
 
 // Checked at load: the item table of this many entries fits the list.
-int CResultList::GetItemCount() const { return m_bLoaded ? m_nEndIndex - m_nStartIndex + 1 : 0; }
+int CResultList::GetItemCount() const {
+    return m_bLoaded ? m_nEndIndex - m_nStartIndex + 1 : 0;
+}
 
-int CResultList::GetGroupCount() const { return m_bLoaded ? m_nNumberOfGroups : 0; }
+int CResultList::GetGroupCount() const {
+    return m_bLoaded ? m_nNumberOfGroups : 0;
+}
 
-int CResultList::GetBlockCount() const { return m_bLoaded ? m_nNumberOfBlocks : 0; }
+int CResultList::GetBlockCount() const {
+    return m_bLoaded ? m_nNumberOfBlocks : 0;
+}
 
-bool CResultList::IsValidIndex(int n) const { return m_bLoaded && n >= m_nStartIndex && n <= m_nEndIndex; }
+bool CResultList::IsValidIndex(int n) const {
+    return m_bLoaded && n >= m_nStartIndex && n <= m_nEndIndex;
+}
 
 bool CResultList::GetGroup(int nGroupIndex, int& a, int& b) const {
     if (!m_bLoaded) return false;
     if (nGroupIndex < 0 || nGroupIndex >= m_nNumberOfGroups) {
-        MOX_WARN("Group index[%d] out of range[0-%d) in [%s].", nGroupIndex, m_nNumberOfGroups,
-                 m_strShmName.c_str());
+        MOX_WARN("Group index[%d] out of range[0-%d) in [%s].", nGroupIndex, m_nNumberOfGroups, m_strShmName.c_str());
         return false;
     }
     const int64_t nOffset = MOX_RESULTLIST_HEADER_SIZE + 8 * static_cast<int64_t>(nGroupIndex);
@@ -119,7 +137,8 @@ bool CResultList::GetBlockName(int nIndex, std::string& strName) const {
         MOX_WARN("Block index[%d] out of range[0-%d) in [%s].", nIndex, m_nNumberOfBlocks, m_strShmName.c_str());
         return false;
     }
-    const char* pSlot = m_pAddr.get() + m_nBlockNameOffset + MOX_RESULTLIST_NAME_SLOT_SIZE * static_cast<int64_t>(nIndex);
+    const char* pSlot =
+        m_pAddr.get() + m_nBlockNameOffset + MOX_RESULTLIST_NAME_SLOT_SIZE * static_cast<int64_t>(nIndex);
     const void* pNul = memchr(pSlot, '\0', MOX_RESULTLIST_NAME_SLOT_SIZE);
     if (pNul == nullptr) {
         MOX_WARN("Block name slot[%d] of [%s] is not terminated.", nIndex, m_strShmName.c_str());

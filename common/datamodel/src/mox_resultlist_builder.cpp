@@ -112,7 +112,9 @@ CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int n
     m_mapping = std::move(mapping);
 }
 
-CResultListBuilder::~CResultListBuilder() { m_ShmNames.clear(); }
+CResultListBuilder::~CResultListBuilder() {
+    m_ShmNames.clear();
+}
 
 ResultItemIndex* CResultListBuilder::m_ItemTable() const {
     // The item table starts at a multiple of 4 of a page-aligned mapping.
@@ -157,8 +159,8 @@ bool CResultListBuilder::SortItems(CMOXSortFunction& fn) {
     if (!IsValid()) return false;
     assert(m_nCurrentItemCount >= 0 && m_nCurrentItemCount == m_nItemCount);
     if (!fn.IsValid()) {
-        MOX_WARN("Can not sort [%s]: comparison[%d], keyType[%d], readers[%p].", m_strShmName.c_str(),
-                 fn.comparison, fn.keyType, static_cast<void*>(fn.readers));
+        MOX_WARN("Can not sort [%s]: comparison[%d], keyType[%d], readers[%p].", m_strShmName.c_str(), fn.comparison,
+                 fn.keyType, static_cast<void*>(fn.readers));
         return false;
     }
     ResultItemIndex* pItem = m_ItemTable();
@@ -190,4 +192,6 @@ void CResultListBuilder::Drop() {
     m_Unlink(m_strShmName);
 }
 
-bool CResultListBuilder::Drop(std::string strShmName) { return m_Unlink(strShmName); }
+bool CResultListBuilder::Drop(std::string strShmName) {
+    return m_Unlink(strShmName);
+}

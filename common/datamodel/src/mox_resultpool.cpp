@@ -323,8 +323,8 @@ bool CResultPool::m_IsPrefetchable(EMOXCursorMoveMent eMovement, int& nStartSect
 
 CResultList* CResultPool::m_IsDropable(EMOXCursorMoveMent eMovement) const {
     if (m_Result.empty()) return nullptr;
-    CResultList* pList = eMovement == MOX_CURSOR_FORWARD ? m_Result.begin()->second.get()
-                                                         : m_Result.rbegin()->second.get();
+    CResultList* pList =
+        eMovement == MOX_CURSOR_FORWARD ? m_Result.begin()->second.get() : m_Result.rbegin()->second.get();
     if (pList == m_InternalCursor.pCurrentList) return nullptr;
     if (eMovement == MOX_CURSOR_FORWARD) return pList->EndIndex() < m_nWindowStart ? pList : nullptr;
     return pList->StartIndex() > m_nWindowEnd ? pList : nullptr;

@@ -156,7 +156,8 @@ bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, 
         // The helper died between two files (its own limits, or killed from
         // outside): not this file's doing. Start a new one and retry once.
         MOX_WARN("mox-extract: helper %s before (%s); restarting.", m_Reap().c_str(), logName.c_str());
-        if (!m_Start() || !mox_extract_wire::Send(m_socket.Get(), mox_extract_wire::EncodeRequest(mediaType, name), fd)) {
+        if (!m_Start() ||
+            !mox_extract_wire::Send(m_socket.Get(), mox_extract_wire::EncodeRequest(mediaType, name), fd)) {
             MOX_WARN("mox-extract: cannot hand (%s) to the helper; contents not read.", logName.c_str());
             m_Stop(true);
             return true;

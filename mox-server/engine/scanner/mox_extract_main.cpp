@@ -84,7 +84,8 @@ bool Confine(pid_t daemon) {
 #ifndef MOX_EXTRACT_SANITIZED
     // Sanitizers reserve terabytes of shadow memory and start threads of
     // their own; those builds run without these two.
-    ok = ok && SetLimit(RLIMIT_AS, kAddressSpaceBytes, kAddressSpaceBytes, "AS") && SetLimit(RLIMIT_NPROC, 0, 0, "NPROC");
+    ok = ok && SetLimit(RLIMIT_AS, kAddressSpaceBytes, kAddressSpaceBytes, "AS") &&
+         SetLimit(RLIMIT_NPROC, 0, 0, "NPROC");
 #endif
     return ok;
 }

@@ -111,9 +111,9 @@ bool DecodeAnswer(const std::string& msg, media_info_s& info) {
     uint32_t magic;
     if (!r.U32(magic) || magic != kAnswerMagic) return false;
     media_info_s out = info;
-    for (std::string* s : {&out.strTitle, &out.strDateTaken, &out.strExposureTime, &out.strModel, &out.strAlbum,
-                           &out.strArtist, &out.strGenre, &out.strComposer, &out.strYear, &out.strRecordedDate,
-                           &out.strCopyright, &out.strTrackNum})
+    for (std::string* s :
+         {&out.strTitle, &out.strDateTaken, &out.strExposureTime, &out.strModel, &out.strAlbum, &out.strArtist,
+          &out.strGenre, &out.strComposer, &out.strYear, &out.strRecordedDate, &out.strCopyright, &out.strTrackNum})
         if (!r.Str(*s, CMOXExtractor::kMaxTextBytes)) return false;
     for (double* d : {&out.dLatitude, &out.dLongitude, &out.dFNumber})
         if (!r.F64(*d)) return false;

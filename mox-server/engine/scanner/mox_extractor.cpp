@@ -19,8 +19,8 @@
 #include <libexif/exif-data.h>
 #include <libexif/exif-loader.h>
 
-#include <mox/json_value.h>
 #include <metadata_extractor.h>
+#include <mox/json_value.h>
 #include <mox/mox_confined_path.h>
 #include <mox/mox_log.h>
 #include <mox_host_paths.h>
@@ -149,7 +149,9 @@ bool m_ExtractExif(ExifData* exif, ExifTag tag, char* buf, int* nValue, double* 
     return false;
 }
 
-std::string ExifText(const char* buf) { return CMOXExtractor::TextToUtf8(std::string_view(buf, strnlen(buf, kExifTextBytes))); }
+std::string ExifText(const char* buf) {
+    return CMOXExtractor::TextToUtf8(std::string_view(buf, strnlen(buf, kExifTextBytes)));
+}
 
 int ToInt(const char* text) {
     errno = 0;
@@ -163,20 +165,20 @@ int ToInt(const char* text) {
 
 const char* AttrName(metadata_extractor_attr_e attr) {
     switch (attr) {
-    case METADATA_TITLE: return "METADATA_TITLE";
-    case METADATA_ALBUM: return "METADATA_ALBUM";
-    case METADATA_ARTIST: return "METADATA_ARTIST";
-    case METADATA_GENRE: return "METADATA_GENRE";
-    case METADATA_AUTHOR: return "METADATA_AUTHOR";
-    case METADATA_DATE: return "METADATA_DATE";
-    case METADATA_RECDATE: return "METADATA_RECDATE";
-    case METADATA_COPYRIGHT: return "METADATA_COPYRIGHT";
-    case METADATA_TRACK_NUM: return "METADATA_TRACK_NUM";
-    case METADATA_AUDIO_BITRATE: return "METADATA_AUDIO_BITRATE";
-    case METADATA_AUDIO_SAMPLERATE: return "METADATA_AUDIO_SAMPLERATE";
-    case METADATA_AUDIO_CHANNELS: return "METADATA_AUDIO_CHANNELS";
-    case METADATA_DURATION: return "METADATA_DURATION";
-    default: return "METADATA_?";
+        case METADATA_TITLE: return "METADATA_TITLE";
+        case METADATA_ALBUM: return "METADATA_ALBUM";
+        case METADATA_ARTIST: return "METADATA_ARTIST";
+        case METADATA_GENRE: return "METADATA_GENRE";
+        case METADATA_AUTHOR: return "METADATA_AUTHOR";
+        case METADATA_DATE: return "METADATA_DATE";
+        case METADATA_RECDATE: return "METADATA_RECDATE";
+        case METADATA_COPYRIGHT: return "METADATA_COPYRIGHT";
+        case METADATA_TRACK_NUM: return "METADATA_TRACK_NUM";
+        case METADATA_AUDIO_BITRATE: return "METADATA_AUDIO_BITRATE";
+        case METADATA_AUDIO_SAMPLERATE: return "METADATA_AUDIO_SAMPLERATE";
+        case METADATA_AUDIO_CHANNELS: return "METADATA_AUDIO_CHANNELS";
+        case METADATA_DURATION: return "METADATA_DURATION";
+        default: return "METADATA_?";
     }
 }
 
@@ -245,15 +247,15 @@ bool CMOXExtractor::Extract(media_info_s& info) {
         return false;
     }
     switch (m_nMediaType) {
-    case kTypePhoto:
-    case kTypeVideo:
-    case kTypeMusic: break;
-    case kTypeFolder:
-    case kTypePvr:
-    case kTypeUhd:
-    case kTypeScsa:
-    case kTypePlaylist: return true;
-    default: MOX_WARN("unsupported type(%d)...", m_nMediaType); return true;
+        case kTypePhoto:
+        case kTypeVideo:
+        case kTypeMusic: break;
+        case kTypeFolder:
+        case kTypePvr:
+        case kTypeUhd:
+        case kTypeScsa:
+        case kTypePlaylist: return true;
+        default: MOX_WARN("unsupported type(%d)...", m_nMediaType); return true;
     }
     m_SetContentDefaults(m_nMediaType, info);
 
@@ -283,7 +285,8 @@ bool CMOXExtractor::ExtractHere(media_info_s& info) {
     m_SetContentDefaults(m_nMediaType, info);
     mox_util::UniqueFd fd = OpenRegular(m_strFullPath);
     if (!fd.IsValid()) {
-        MOX_WARN("Extract: (%s) is not a readable regular file, contents not read.", FileNameToUtf8(m_strFullPath).c_str());
+        MOX_WARN("Extract: (%s) is not a readable regular file, contents not read.",
+                 FileNameToUtf8(m_strFullPath).c_str());
         return true;
     }
     ExtractContent(fd.Get(), m_strName, m_nMediaType, info);
@@ -294,10 +297,10 @@ void CMOXExtractor::ExtractContent(int fd, const std::string& name, int mediaTyp
     try {
         m_SetContentDefaults(mediaType, info);
         switch (mediaType) {
-        case kTypePhoto: m_ExtractImage(fd, name, info); break;
-        case kTypeVideo: m_ExtractVideo(fd, name, info); break;
-        case kTypeMusic: m_ExtractMusic(fd, name, info); break;
-        default: break;
+            case kTypePhoto: m_ExtractImage(fd, name, info); break;
+            case kTypeVideo: m_ExtractVideo(fd, name, info); break;
+            case kTypeMusic: m_ExtractMusic(fd, name, info); break;
+            default: break;
         }
     } catch (const std::exception& e) {
         MOX_WARN("Extract (%s): %s", FileNameToUtf8(name).c_str(), e.what());
@@ -339,7 +342,8 @@ void CMOXExtractor::m_ExtractImage(int fd, const std::string& name, media_info_s
             info.strDateTaken = ExifText(buf);
         }
     }
-    if (m_ExtractExif(ed, EXIF_TAG_EXPOSURE_TIME, buf, nullptr, nullptr) && buf[0]) info.strExposureTime = ExifText(buf);
+    if (m_ExtractExif(ed, EXIF_TAG_EXPOSURE_TIME, buf, nullptr, nullptr) && buf[0])
+        info.strExposureTime = ExifText(buf);
     if (m_ExtractExif(ed, EXIF_TAG_FNUMBER, nullptr, nullptr, &dValue) && dValue > 0 && std::isfinite(dValue))
         info.dFNumber = dValue;
     if (m_ExtractExif(ed, EXIF_TAG_ISO_SPEED_RATINGS, nullptr, &nValue, nullptr) && nValue > 0) info.nISOSpeed = nValue;

@@ -3,15 +3,15 @@
 #include <cctype>
 
 namespace MOXMEDIAEXTENSION {
-const std::vector<std::string> g_MusicExtensionList = {
-    "mp3", "wma", "m4a", "aac", "mpa", "flac", "ogg", "wav", "mid", "midi",
-    "ape", "pcm", "lpcm1", "lpcm2", "lpcm3", "lpcm4", "aif", "aiff", "aifc"};
+const std::vector<std::string> g_MusicExtensionList = {"mp3",   "wma",   "m4a",  "aac",  "mpa", "flac",  "ogg",
+                                                       "wav",   "mid",   "midi", "ape",  "pcm", "lpcm1", "lpcm2",
+                                                       "lpcm3", "lpcm4", "aif",  "aiff", "aifc"};
 const std::vector<std::string> g_PhotoExtensionList = {"jpg", "jpeg", "mpo", "bmp", "png"};
 const std::vector<std::string> g_VideoExtensionList = {
-    "avi", "mpg", "mpeg", "mp4", "vob", "vro", "ts", "trp", "tp", "svi", "mkv", "wmv", "asf",
-    "3gp", "divx", "flv", "m2ts", "mov", "rm", "rmvb", "mts", "webm", "s4ud", "ps", "avs"};
+    "avi", "mpg",  "mpeg", "mp4",  "vob", "vro", "ts",   "trp", "tp",   "svi",  "mkv", "wmv", "asf",
+    "3gp", "divx", "flv",  "m2ts", "mov", "rm",  "rmvb", "mts", "webm", "s4ud", "ps",  "avs"};
 const std::vector<std::string> g_UhdExtensionList = {"um4", "km4", "sum4"};
-const std::vector<std::string> g_ScsaExtensionList = {"scsa", "uvu", "uva", "uvp", "smp",
+const std::vector<std::string> g_ScsaExtensionList = {"scsa", "uvu", "uva",  "uvp",  "smp",
                                                       "dmp",  "sca", "scaa", "scav", "svp"};
 const std::vector<std::string> g_PltExtensionList = {"plt"};
 const std::vector<std::string> g_PvrExtensionList = {"srf"};
@@ -51,7 +51,9 @@ std::string Lower(std::string text) {
 
 }  // namespace
 
-CMOXMediaExtension::CMOXMediaExtension() { m_MakeDefaultList(); }
+CMOXMediaExtension::CMOXMediaExtension() {
+    m_MakeDefaultList();
+}
 
 CMOXMediaExtension::CMOXMediaExtension(const std::vector<EMOXMediaExtension>& list) {
     if (list.empty())
@@ -116,8 +118,7 @@ mox_media_type_e CMOXMediaExtension::GetMediaTypeFromExtension(EMOXMediaExtensio
     return group == nullptr ? MOX_MEDIA_TYPE_NONE : group->type;
 }
 
-void CMOXMediaExtension::GetMediaExtensionList(mox_media_type_e type,
-                                               std::vector<EMOXMediaExtension>& out) const {
+void CMOXMediaExtension::GetMediaExtensionList(mox_media_type_e type, std::vector<EMOXMediaExtension>& out) const {
     out.clear();
     for (const auto& entry : m_idToName) {
         mox_media_type_e group = GetMediaTypeFromExtension(entry.first);

@@ -20,7 +20,11 @@ int Level() {
 
 }  // namespace
 
-bool DebugOn() { return Level() <= 0; }
-bool InfoOn() { return Level() <= 1; }
+bool DebugOn() {
+    return Level() <= 0;
+}
+bool InfoOn() {
+    return Level() <= 1;
+}
 
 }  // namespace mox_scan_log

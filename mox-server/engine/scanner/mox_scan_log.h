@@ -12,11 +12,11 @@ bool InfoOn();
 
 }  // namespace mox_scan_log
 
-#define MOX_SCAN_DEBUG(fmt, ...) \
-    do {                          \
+#define MOX_SCAN_DEBUG(fmt, ...)                                    \
+    do {                                                            \
         if (mox_scan_log::DebugOn()) MOX_DEBUG(fmt, ##__VA_ARGS__); \
     } while (0)
-#define MOX_SCAN_INFO(fmt, ...) \
-    do {                         \
+#define MOX_SCAN_INFO(fmt, ...)                                   \
+    do {                                                          \
         if (mox_scan_log::InfoOn()) MOX_INFO(fmt, ##__VA_ARGS__); \
     } while (0)

@@ -29,8 +29,8 @@ int CMOXScannerBase::Create(const SMOXScannerOption& option) {
     m_nRetryCount = 0;
     m_bQueueFullLogged = false;
     MOX_INFO("Scanner Option : %d|%s|%s|%s|%d|%d|%d", m_nKind, m_option.strDevicePath.c_str(),
-             m_option.strBasePath.c_str(), m_option.strThirdPath.c_str(), m_option.nScanMode,
-             m_option.nRecursive, m_option.nListSize);
+             m_option.strBasePath.c_str(), m_option.strThirdPath.c_str(), m_option.nScanMode, m_option.nRecursive,
+             m_option.nListSize);
     if (m_nKind == -2 || m_nKind == -3) return t_Create();
     return -1;
 }
@@ -55,11 +55,8 @@ int CMOXScannerBase::ReadFileInfo(SMOXFileInfo& info) {
             if (info.nType == MOX_SCANNER_TYPE_DIR && m_option.nRecursive != 0) t_AddDir(info);
             return MOX_SCAN_OK;
         case MOX_SCAN_DEVICE_ERROR:
-        case MOX_SCAN_NFS_ERROR:
-            m_bFinished = true;
-            return MOX_SCAN_END;
-        case MOX_SCAN_SKIPPED:
-            return MOX_SCAN_SKIPPED;
+        case MOX_SCAN_NFS_ERROR: m_bFinished = true; return MOX_SCAN_END;
+        case MOX_SCAN_SKIPPED: return MOX_SCAN_SKIPPED;
         case MOX_SCAN_END:
         case MOX_SCAN_NO_DIR: {
             if (m_option.nRecursive != 0) {
@@ -72,8 +69,7 @@ int CMOXScannerBase::ReadFileInfo(SMOXFileInfo& info) {
             m_bFinished = true;
             return nResult;
         }
-        default:
-            return MOX_SCAN_FAIL;
+        default: return MOX_SCAN_FAIL;
     }
 }
 

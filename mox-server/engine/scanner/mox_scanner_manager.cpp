@@ -290,8 +290,8 @@ void CMOXScanManager::RemoveScannersOfOwner(const std::string& owner) {
 void CMOXScanManager::PrintAllScanner() {
     Lock lock(m_mutex);
     for (const auto& info : m_scanners)
-        MOX_INFO("ScannerID : %d    Scanner Name : %s    Scanner End : %d", info->nScannerID,
-                 info->strName.c_str(), info->bScannerEnd.load() ? 1 : 0);
+        MOX_INFO("ScannerID : %d    Scanner Name : %s    Scanner End : %d", info->nScannerID, info->strName.c_str(),
+                 info->bScannerEnd.load() ? 1 : 0);
 }
 
 size_t CMOXScanManager::GetScannerCount() {

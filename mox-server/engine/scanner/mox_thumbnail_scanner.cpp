@@ -248,8 +248,7 @@ int CMOXThumbnailScanner::m_DoFolderThumbnailAction() {
             m_current.nResult = MOX_SCANNER_RESULT_FOLDER_FILES;
         } else if (m_nFileCount == 0) {
             MOX_INFO("folder(%s) has %d files %d dirs.", folder, m_nFileCount, m_nDirCount);
-            m_current.nResult =
-                m_nDirCount > 0 ? MOX_SCANNER_RESULT_FOLDER_DIRS : MOX_SCANNER_RESULT_FOLDER_EMPTY;
+            m_current.nResult = m_nDirCount > 0 ? MOX_SCANNER_RESULT_FOLDER_DIRS : MOX_SCANNER_RESULT_FOLDER_EMPTY;
         }
     } else if (nResult != MOX_SCAN_SKIPPED) {
         MOX_WARN("NOT handle(%d)...", nResult);

@@ -134,12 +134,8 @@ int CMOXUsbScanner::t_ReadFile(SMOXFileInfo& info) {
     info.strName = entry->d_name;
     bool bDetailRead = false;
     switch (entry->d_type) {
-        case DT_DIR:
-            info.nType = MOX_SCANNER_TYPE_DIR;
-            break;
-        case DT_REG:
-            info.nType = MOX_SCANNER_TYPE_FILE;
-            break;
+        case DT_DIR: info.nType = MOX_SCANNER_TYPE_DIR; break;
+        case DT_REG: info.nType = MOX_SCANNER_TYPE_FILE; break;
         case DT_UNKNOWN: {
             // File systems without entry types answer this for every entry:
             // warned once per walk, the rest at debug level.
@@ -153,8 +149,7 @@ int CMOXUsbScanner::t_ReadFile(SMOXFileInfo& info) {
             bDetailRead = true;
             break;
         }
-        default:
-            break;  // links, FIFOs, devices: the caller's preset type
+        default: break;  // links, FIFOs, devices: the caller's preset type
     }
     if (!t_DoFilter(info)) {
         MOX_SCAN_INFO("Ignore %s(%s/%s), Do Again...", info.nType == MOX_SCANNER_TYPE_FILE ? "FILE" : "DIR",
@@ -238,8 +233,7 @@ int CMOXUsbScanner::m_ConvertError(int nErrno, long nLine) {
             MOX_WARN("System Error - No More Entry... Stop Scanning...");
             m_nRetryCount = 0;
             return MOX_SCAN_END;
-        default:
-            break;
+        default: break;
     }
     m_nRetryCount = 0;
     switch (nErrno) {
@@ -266,10 +260,7 @@ int CMOXUsbScanner::m_ConvertError(int nErrno, long nLine) {
         case EMFILE:
             MOX_WARN("System Error (%ld) -  Stop Scanning...", static_cast<long>(nErrno));
             return MOX_SCAN_SYSTEM_ERROR;
-        case ESTALE:
-            MOX_WARN("NFS Error - Stop Scanning...");
-            return MOX_SCAN_NFS_ERROR;
-        default:
-            return MOX_SCAN_FAIL;
+        case ESTALE: MOX_WARN("NFS Error - Stop Scanning..."); return MOX_SCAN_NFS_ERROR;
+        default: return MOX_SCAN_FAIL;
     }
 }

@@ -30,12 +30,24 @@ using Call = CMOXBusService::Call;
 
 // ---- failure replies -------------------------------------------------------
 
-GVariant* NoReply() { return nullptr; }
-GVariant* InvalidHandle() { return g_variant_new("(u)", CMOXEngineImp::kInvalidHandle); }
-GVariant* GenericCode() { return g_variant_new("(u)", guint32(MOX_ERROR_GENERIC)); }
-GVariant* False() { return g_variant_new("(b)", FALSE); }
-GVariant* EmptyText() { return g_variant_new("(s)", ""); }
-GVariant* NotStarted() { return g_variant_new("(bu)", FALSE, 0u); }
+GVariant* NoReply() {
+    return nullptr;
+}
+GVariant* InvalidHandle() {
+    return g_variant_new("(u)", CMOXEngineImp::kInvalidHandle);
+}
+GVariant* GenericCode() {
+    return g_variant_new("(u)", guint32(MOX_ERROR_GENERIC));
+}
+GVariant* False() {
+    return g_variant_new("(b)", FALSE);
+}
+GVariant* EmptyText() {
+    return g_variant_new("(s)", "");
+}
+GVariant* NotStarted() {
+    return g_variant_new("(bu)", FALSE, 0u);
+}
 
 // ---- file jobs -------------------------------------------------------------
 
@@ -53,8 +65,8 @@ struct FileJob {
 
 void RunFileJob(GTask* task, gpointer, gpointer data, GCancellable*) {
     auto* job = static_cast<FileJob*>(data);
-    bool bResult = job->bWrite ? CMOXUsbFile::Write(job->path, job->shmName, job->callerUid)
-                               : CMOXUsbFile::Remove(job->path);
+    bool bResult =
+        job->bWrite ? CMOXUsbFile::Write(job->path, job->shmName, job->callerUid) : CMOXUsbFile::Remove(job->path);
     g_task_return_boolean(task, bResult);
 }
 
@@ -80,7 +92,9 @@ void StartFileJob(const Call& call, bool bWrite) {
 
 // ---- handlers --------------------------------------------------------------
 
-void StartServer(const Call& call) { call.Reply(g_variant_new("(s)", "MOX_SERVER_START_SUCCESS")); }
+void StartServer(const Call& call) {
+    call.Reply(g_variant_new("(s)", "MOX_SERVER_START_SUCCESS"));
+}
 
 void Connect(const Call& call) {
     const gchar* szSourceName = nullptr;
@@ -89,8 +103,8 @@ void Connect(const Call& call) {
 }
 
 // The handle-and-document requests: (us).
-void HandleAndText(const Call& call, bool (CMOXEngineImp::*pfnRequest)(const std::string&, guint32,
-                                                                       const connect_info_s&)) {
+void HandleAndText(const Call& call,
+                   bool (CMOXEngineImp::*pfnRequest)(const std::string&, guint32, const connect_info_s&)) {
     guint32 nHandleId = 0;
     const gchar* szParam = nullptr;
     g_variant_get(call.parameters, "(u&s)", &nHandleId, &szParam);
@@ -98,9 +112,15 @@ void HandleAndText(const Call& call, bool (CMOXEngineImp::*pfnRequest)(const std
     call.Reply(nullptr);
 }
 
-void RequestDetail(const Call& call) { HandleAndText(call, &CMOXEngineImp::RequestDetail); }
-void DropPartialList(const Call& call) { HandleAndText(call, &CMOXEngineImp::DropPartialList); }
-void RequestMetadata(const Call& call) { HandleAndText(call, &CMOXEngineImp::RequestMetadata); }
+void RequestDetail(const Call& call) {
+    HandleAndText(call, &CMOXEngineImp::RequestDetail);
+}
+void DropPartialList(const Call& call) {
+    HandleAndText(call, &CMOXEngineImp::DropPartialList);
+}
+void RequestMetadata(const Call& call) {
+    HandleAndText(call, &CMOXEngineImp::RequestMetadata);
+}
 
 void CancelDetail(const Call& call) {
     guint32 nHandleId = 0;
@@ -144,8 +164,12 @@ void StopAct(const Call& call) {
     call.Reply(g_variant_new("(u)", nResult));
 }
 
-void UsbFileWrite(const Call& call) { StartFileJob(call, true); }
-void UsbFileRemove(const Call& call) { StartFileJob(call, false); }
+void UsbFileWrite(const Call& call) {
+    StartFileJob(call, true);
+}
+void UsbFileRemove(const Call& call) {
+    StartFileJob(call, false);
+}
 
 // check_folder_path: add (0) or find (1) a folder id in the folder map.
 void CheckFolderPath(const Call& call) {
@@ -186,8 +210,8 @@ void StartScannerThumb(const Call& call) {
     guint32 nCount = 0;
     guint32 nPid = 0;
     g_variant_get(call.parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
-    gboolean bStarted = call.service->Engine()->FolderThumbnailScan(call.Caller(), szFolderPath, szCategory,
-                                                                    nCount, static_cast<int>(nPid))
+    gboolean bStarted = call.service->Engine()->FolderThumbnailScan(call.Caller(), szFolderPath, szCategory, nCount,
+                                                                    static_cast<int>(nPid))
                             ? TRUE
                             : FALSE;
     MOX_INFO("start_scanner_thumb return [%d]", bStarted);
@@ -372,7 +396,9 @@ connect_info_s CMOXBusService::Call::Caller() const {
     return client;
 }
 
-void CMOXBusService::Call::Reply(GVariant* value) const { g_dbus_method_invocation_return_value(invocation, value); }
+void CMOXBusService::Call::Reply(GVariant* value) const {
+    g_dbus_method_invocation_return_value(invocation, value);
+}
 
 CMOXBusService::CMOXBusService(GDBusNodeInfo* node, std::function<void()> onClosed)
     : m_pNode(g_dbus_node_info_ref(node)), m_onClosed(std::move(onClosed)) {}
@@ -420,9 +446,8 @@ void CMOXBusService::s_OnBusAcquired(GDBusConnection* connection, const gchar*, 
             nullptr, G_DBUS_SIGNAL_FLAGS_NONE, s_OnNameOwnerChanged, pThis, nullptr);
     }
     static const GDBusInterfaceVTable kVTable = {s_OnMethodCall, nullptr, nullptr, {nullptr}};
-    pThis->m_nRegistrationId =
-        g_dbus_connection_register_object(connection, node->path, node->interfaces[0], &kVTable, pThis, nullptr,
-                                          nullptr);
+    pThis->m_nRegistrationId = g_dbus_connection_register_object(connection, node->path, node->interfaces[0], &kVTable,
+                                                                 pThis, nullptr, nullptr);
     MOX_DEBUG("BusAcquired.");
     assert(pThis->m_nRegistrationId > 0);
 }
@@ -433,7 +458,9 @@ void CMOXBusService::s_OnNameAcquired(GDBusConnection*, const gchar*, gpointer s
     if (pThis->m_onNameAcquired) pThis->m_onNameAcquired();
 }
 
-void CMOXBusService::s_OnNameLost(GDBusConnection*, const gchar*, gpointer) { MOX_DEBUG("NameLost."); }
+void CMOXBusService::s_OnNameLost(GDBusConnection*, const gchar*, gpointer) {
+    MOX_DEBUG("NameLost.");
+}
 
 void CMOXBusService::s_OnClosed(GDBusConnection*, gboolean, GError*, gpointer self) {
     MOX_WARN("bus connection closed, stopping.");
@@ -481,9 +508,8 @@ uid_t CMOXBusService::CallerUid(GDBusMethodInvocation* invocation) {
     return static_cast<uid_t>(uid);
 }
 
-void CMOXBusService::s_OnMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*,
-                                    const gchar* szMethod, GVariant* parameters, GDBusMethodInvocation* invocation,
-                                    gpointer self) {
+void CMOXBusService::s_OnMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* szMethod,
+                                    GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self) {
     static_cast<CMOXBusService*>(self)->m_Dispatch(szMethod, parameters, invocation);
 }
 
@@ -536,10 +562,9 @@ void CMOXBusService::EmitScannerDone(const connect_info_s& client, uint32_t nSca
                                      uint32_t nMediaType, const std::string& strBasePath, const std::string& strName,
                                      const std::string& strMedia) {
     if (client.connection == nullptr) return;
-    GVariant* params = g_variant_new("(uuu@s@s@s)", nScannerId, nResult, nMediaType,
-                                     mox_bus::NewString(strBasePath, "mox_scanner_done base path"),
-                                     mox_bus::NewString(strName, "mox_scanner_done name"),
-                                     mox_bus::NewString(strMedia, "mox_scanner_done media"));
+    GVariant* params = g_variant_new(
+        "(uuu@s@s@s)", nScannerId, nResult, nMediaType, mox_bus::NewString(strBasePath, "mox_scanner_done base path"),
+        mox_bus::NewString(strName, "mox_scanner_done name"), mox_bus::NewString(strMedia, "mox_scanner_done media"));
     GError* rawError = nullptr;
     if (!g_dbus_connection_emit_signal(client.connection, client.sender.c_str(), client.objectPath.c_str(),
                                        client.interfaceName.c_str(), "mox_scanner_done", params, &rawError)) {

@@ -45,6 +45,8 @@ GVariant* NewStringTuple(std::string_view text, const char* what) {
     return g_variant_new_tuple(&child, 1);
 }
 
-std::string ForLog(std::string_view text) { return CMOXUtil::CutForLog(std::string(text), kMaxLoggedBytes); }
+std::string ForLog(std::string_view text) {
+    return CMOXUtil::CutForLog(std::string(text), kMaxLoggedBytes);
+}
 
 }  // namespace mox_bus

@@ -33,5 +33,4 @@ GVariant* NewStringTuple(std::string_view text, const char* what);
 // followed by "...(N bytes)" when it was longer.
 std::string ForLog(std::string_view text);
 
-
 }  // namespace mox_bus

@@ -27,8 +27,7 @@ bool CMOXCommandFactory::KindOf(const std::string& strName, EMOXCommandKind& eKi
 }
 
 std::unique_ptr<IMOXCommand> CMOXCommandFactory::GetCommand(EMOXCommandKind eKind, const std::string& strCommand,
-                                                            MOXCommandCallback fnDone,
-                                                            MOXProgressCallback fnProgress) {
+                                                            MOXCommandCallback fnDone, MOXProgressCallback fnProgress) {
     CJsonValue doc(strCommand);
     std::string strName;
     if (doc.IsValid() && doc.IsString("mox_command")) doc.Get("mox_command", strName);
@@ -45,8 +44,7 @@ std::unique_ptr<IMOXCommand> CMOXCommandFactory::GetCommand(EMOXCommandKind eKin
         case EMOXCommandKind::kList: return std::make_unique<CMOXRequestListCommand>(std::move(fnDone));
         case EMOXCommandKind::kDetail: return std::make_unique<CMOXRequestDetailCommand>(std::move(fnDone));
         case EMOXCommandKind::kMeta: return std::make_unique<CMOXRequestMetaCommand>(std::move(fnDone));
-        case EMOXCommandKind::kAct:
-            return std::make_unique<CMOXActCommand>(std::move(fnDone), std::move(fnProgress));
+        case EMOXCommandKind::kAct: return std::make_unique<CMOXActCommand>(std::move(fnDone), std::move(fnProgress));
     }
     return nullptr;
 }

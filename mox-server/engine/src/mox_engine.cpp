@@ -181,8 +181,7 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) 
         MOX_WARN("usb_device == NULL");
         return;
     }
-    std::unique_ptr<std::remove_pointer_t<usb_device_h>, void (*)(usb_device_h)> handle(
-        device, usb_device_unref);
+    std::unique_ptr<std::remove_pointer_t<usb_device_h>, void (*)(usb_device_h)> handle(device, usb_device_unref);
     if (event == MOX_STORAGE_NONE) {
         MOX_WARN("event == MOX_STORAGE_NONE");
         return;
@@ -236,8 +235,7 @@ bool parseIntrospectionData() {
         return false;
     }
     g_introspectionData.reset(node);
-    if (!node->path || !g_variant_is_object_path(node->path) || !node->interfaces ||
-        !node->interfaces[0]) {
+    if (!node->path || !g_variant_is_object_path(node->path) || !node->interfaces || !node->interfaces[0]) {
         MOX_WARN("introspection XML lacks an object path or an interface.");
         return false;
     }
@@ -340,12 +338,13 @@ int main(int argc, char** argv) {
             return 0;
         }
         if (strcmp(argv[1], "--help") == 0) {
-            printf("Usage: mox-engine [--help | --version]\n\n"
-                   "The MOX content engine daemon: owns com.orvia.mox.engine on the system bus\n"
-                   "(DBUS_SYSTEM_BUS_ADDRESS moves it). It takes no options; its paths move with\n"
-                   "MOX_DBUS_CONFIG, MOX_STATUS_FILE, MOX_PLUGIN_DIR, MOX_APP_DATA_DIR, MOX_USB_ROOT,\n"
-                   "MOX_CA_BUNDLE, MOX_VCONF_DIR and MOX_FEATURES_FILE; MOX_LOG and MOX_LOG_LEVEL\n"
-                   "choose the log sink and level. SIGTERM stops it.\n");
+            printf(
+                "Usage: mox-engine [--help | --version]\n\n"
+                "The MOX content engine daemon: owns com.orvia.mox.engine on the system bus\n"
+                "(DBUS_SYSTEM_BUS_ADDRESS moves it). It takes no options; its paths move with\n"
+                "MOX_DBUS_CONFIG, MOX_STATUS_FILE, MOX_PLUGIN_DIR, MOX_APP_DATA_DIR, MOX_USB_ROOT,\n"
+                "MOX_CA_BUNDLE, MOX_VCONF_DIR and MOX_FEATURES_FILE; MOX_LOG and MOX_LOG_LEVEL\n"
+                "choose the log sink and level. SIGTERM stops it.\n");
             return 0;
         }
         fprintf(stderr, "mox-engine: unknown argument '%s' (try --help)\n", argv[1]);

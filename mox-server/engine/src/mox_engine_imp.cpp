@@ -1,7 +1,6 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_engine_imp.h"
 
-
 #include <cstring>
 #include <vector>
 
@@ -99,7 +98,9 @@ std::string CMOXEngineImp::ShareOf(const connect_info_s& caller) {
     return "uid:" + std::to_string(caller.uid);
 }
 
-void CMOXEngineImp::m_AddToShare(const Requester& requester) { ++m_shares[requester.strShare].nRequests; }
+void CMOXEngineImp::m_AddToShare(const Requester& requester) {
+    ++m_shares[requester.strShare].nRequests;
+}
 
 void CMOXEngineImp::m_RemoveFromShare(const Requester& requester) {
     auto found = m_shares.find(requester.strShare);
@@ -186,8 +187,8 @@ IMOXCommand* CMOXEngineImp::m_StartJob(std::unique_ptr<WorkerThreadJob> pJob) {
                                       mox_error_code_e eError) { m_OnActProgress(pRaw, szParam, pProgress, eError); };
             break;
     }
-    pJob->pCommand = CMOXCommandFactory::GetCommand(pJob->eKind, pJob->strQueryCmd, std::move(fnDone),
-                                                    std::move(fnProgress));
+    pJob->pCommand =
+        CMOXCommandFactory::GetCommand(pJob->eKind, pJob->strQueryCmd, std::move(fnDone), std::move(fnProgress));
     if (!pJob->pCommand) {
         // The factory said why; the client still gets its answer.
         const Requester& first = **pJob->requesters.begin();
@@ -213,9 +214,8 @@ bool CMOXEngineImp::m_Execute(mox::UniqueLock& lock, IMOXCommand* pCommand, cons
     return true;
 }
 
-bool CMOXEngineImp::m_JoinOrStart(mox::UniqueLock& lock, EMOXCommandKind eKind,
-                                  const std::string& strKey, const std::string& strCommand, guint32 nHandleId,
-                                  const connect_info_s& caller) {
+bool CMOXEngineImp::m_JoinOrStart(mox::UniqueLock& lock, EMOXCommandKind eKind, const std::string& strKey,
+                                  const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
     const bool bJoin = m_workers.count(strKey) != 0;
     if (!m_ShareAllows(caller, !bJoin, false)) {
         m_EmitFailure(eKind, caller, nHandleId, strCommand, MOX_ERROR_GENERIC);
@@ -254,7 +254,8 @@ void CMOXEngineImp::m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& c
             payload.Set("act_command_and_return_data", "{}");
             break;
         case EMOXCommandKind::kAct:
-            m_EmitActEnd(caller, nHandleId, strCommand, CJsonValue(strCommand).StringOr("mox_act_request_times"), nError);
+            m_EmitActEnd(caller, nHandleId, strCommand, CJsonValue(strCommand).StringOr("mox_act_request_times"),
+                         nError);
             return;
     }
     m_Emit(caller, szSignal, payload.ToString());

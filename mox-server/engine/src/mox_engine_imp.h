@@ -42,8 +42,8 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <map>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -209,15 +209,15 @@ private:
     // after the call. False (failure signal sent) when the request was
     // refused.
     bool m_JoinOrStart(mox::UniqueLock& lock, EMOXCommandKind eKind, const std::string& strKey,
-                       const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller)
-        NO_THREAD_SAFETY_ANALYSIS;
+                       const std::string& strCommand, guint32 nHandleId,
+                       const connect_info_s& caller) NO_THREAD_SAFETY_ANALYSIS;
     // Makes the job's command and inserts the job; the command to execute,
     // or NULL (job freed, failure signal sent) when none can be made.
     IMOXCommand* m_StartJob(std::unique_ptr<WorkerThreadJob> pJob) REQUIRES(m_mutex);
     // Unlocks `lock` (on m_mutex) and executes pCommand; false for NULL.
     // Unchecked for the reason given at m_JoinOrStart.
-    bool m_Execute(mox::UniqueLock& lock, IMOXCommand* pCommand, const std::string& strCommand)
-        NO_THREAD_SAFETY_ANALYSIS;
+    bool m_Execute(mox::UniqueLock& lock, IMOXCommand* pCommand,
+                   const std::string& strCommand) NO_THREAD_SAFETY_ANALYSIS;
     // Frees the job's requesters and removes the job.
     void m_ReleaseJob(WorkerThreadJob* pJob) REQUIRES(m_mutex);
     // Stops the job's command when none of its requesters waits any more.
@@ -236,7 +236,7 @@ private:
                       const std::string& strTimes, int nError);
     // The failure signal of a refused request of eKind (code 23, or nError).
     void m_EmitFailure(EMOXCommandKind eKind, const connect_info_s& caller, guint32 nHandleId,
-                              const std::string& strCommand, int nError);
+                       const std::string& strCommand, int nError);
 
     IMOXSignalSink& m_sink;
     guint32 m_nHandleCounter = 0;  // main loop only

@@ -132,8 +132,8 @@ guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleI
     }
     MOX_DEBUG("Stop send act request[%s]", strCommand.c_str());
     // A command of its own, never stored: the stop touches no running job.
-    std::unique_ptr<IMOXCommand> pCommand = CMOXCommandFactory::GetCommand(
-        EMOXCommandKind::kAct, strText, [](std::string, mox_error_code_e) {}, {});
+    std::unique_ptr<IMOXCommand> pCommand =
+        CMOXCommandFactory::GetCommand(EMOXCommandKind::kAct, strText, [](std::string, mox_error_code_e) {}, {});
     auto* pActCommand = dynamic_cast<CMOXActCommand*>(pCommand.get());
     if (pActCommand == nullptr) return MOX_ERROR_GENERIC;
     pActCommand->Execute(strText);
@@ -157,8 +157,8 @@ void CMOXEngineImp::m_OnActDone(WorkerThreadJob* pJob, const std::string& strRes
     m_ReleaseJob(pJob);
 }
 
-void CMOXEngineImp::m_OnActProgress(WorkerThreadJob* pJob, const char* szParam,
-                                    mox_transfer_progress_data_s* pProgress, mox_error_code_e eError) {
+void CMOXEngineImp::m_OnActProgress(WorkerThreadJob* pJob, const char* szParam, mox_transfer_progress_data_s* pProgress,
+                                    mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_ActProgressCb().");
     if (NULL == pProgress) {
         MOX_WARN("NULL == pMoxActProgressData");

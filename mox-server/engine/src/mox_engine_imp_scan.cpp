@@ -14,8 +14,8 @@
 #include <vector>
 
 #include <mox/json_value.h>
-#include <mox/mox_events.h>
 #include <mox/mox_confined_path.h>
+#include <mox/mox_events.h>
 #include <mox/mox_singleton.h>
 #include <mox_host_paths.h>
 #include <mox_unique_fd.h>
@@ -54,7 +54,9 @@ SMOXScanCallbackData* NewCallbackData(int nScannerId, const connect_info_s& call
     return data;
 }
 
-CMOXScanManager* Manager() { return CMOXSingleton<CMOXScanManager>::Get(); }
+CMOXScanManager* Manager() {
+    return CMOXSingleton<CMOXScanManager>::Get();
+}
 
 std::string StripTrailingSlashes(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -201,8 +203,8 @@ void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
         // nothing outside the root is ever described.
         struct stat st;
         media_info_s info;
-        mox_util::UniqueFd folder(entry.strName.empty() ? -1
-                                      : CMOXConfinedPath(mox_host::UsbRoot()).OpenPath(entry.strBasePath));
+        mox_util::UniqueFd folder(
+            entry.strName.empty() ? -1 : CMOXConfinedPath(mox_host::UsbRoot()).OpenPath(entry.strBasePath));
         if (folder.IsValid() && fstatat(folder.Get(), entry.strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISREG(st.st_mode)) {
             CMOXExtractor extractor(entry.strBasePath, entry.strName, entry.nExtensionGroup, true,
@@ -220,9 +222,8 @@ void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
     int nCode = CMOXScanManager::ConvertScannerResult(nScannerResult);
     MOX_INFO("Emit signal[%s|%d|%d|%d|%s|%s|%s]", "mox_scanner_done", client.nScannerId, nCode, nMediaType,
              strBasePath.c_str(), strName.c_str(), mox_bus::ForLog(strMediaText).c_str());
-    client.pSink->EmitScannerDone(client.client, static_cast<uint32_t>(client.nScannerId),
-                                  static_cast<uint32_t>(nCode), static_cast<uint32_t>(nMediaType), strBasePath,
-                                  strName, strMediaText);
+    client.pSink->EmitScannerDone(client.client, static_cast<uint32_t>(client.nScannerId), static_cast<uint32_t>(nCode),
+                                  static_cast<uint32_t>(nMediaType), strBasePath, strName, strMediaText);
 }
 
 bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
@@ -243,8 +244,7 @@ bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char
              mox_bus::ForLog(category).c_str(), static_cast<int>(count), pid);
     std::string prefix = StripTrailingSlashes(mox_host::UsbRoot()) + "/";
     std::string strFolder;
-    if (std::string(folderPath).compare(0, prefix.size(), prefix) != 0 ||
-        !ConfineToUsbRoot(folderPath, strFolder)) {
+    if (std::string(folderPath).compare(0, prefix.size(), prefix) != 0 || !ConfineToUsbRoot(folderPath, strFolder)) {
         MOX_WARN("Checking path:%s error ", mox_bus::ForLog(folderPath).c_str());
         return false;
     }
@@ -345,7 +345,7 @@ void CMOXEngineImp::RemoveScannerOfDevice(const char* mountPath) {
 }
 
 bool CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
-                                           const std::string& sender, const std::function<bool()>& callerIsRoot) {
+                                          const std::string& sender, const std::function<bool()>& callerIsRoot) {
     if (folderPath == nullptr || category == nullptr) return true;
     // Requests hold the folder as resolved when they were queued.
     std::string strFolder;

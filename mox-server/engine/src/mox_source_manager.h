@@ -81,8 +81,8 @@ private:
     void m_DestroySource(const std::string& strSourceName, IWebSource* pSource);
 
     mox::Mutex m_mutex;
-    std::map<std::string, IWebSource*> m_sources GUARDED_BY(m_mutex);  // owned, released by Destroy()
-    std::map<std::string, void*> m_plugins GUARDED_BY(m_mutex);  // source name -> library
-    std::map<std::string, int> m_abis GUARDED_BY(m_mutex);       // source name -> its library's ABI
+    std::map<std::string, IWebSource*> m_sources GUARDED_BY(m_mutex);      // owned, released by Destroy()
+    std::map<std::string, void*> m_plugins GUARDED_BY(m_mutex);            // source name -> library
+    std::map<std::string, int> m_abis GUARDED_BY(m_mutex);                 // source name -> its library's ABI
     std::map<std::string, LibraryHandle> m_libraries GUARDED_BY(m_mutex);  // path -> library
 };

@@ -28,8 +28,7 @@ public:
     // non-zero code on failure; MOX_UHD_SERVICE_UNAVAILABLE (bAvailable
     // false) when there is no usable provider.
     int UpdateUHDMetadata(std::string strUuid, std::string strAccessToken, std::string strLangId,
-                          std::string strCountryId, std::string strVersion, std::string& strResult,
-                          bool& bAvailable);
+                          std::string strCountryId, std::string strVersion, std::string& strResult, bool& bAvailable);
 
 private:
     struct SLibraryCloser {

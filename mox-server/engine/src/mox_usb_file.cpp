@@ -58,9 +58,8 @@ UniqueFd OpenClientObject(const std::string& shmName, uid_t callerUid, struct st
     const std::string logName = CMOXUtil::CutForLog(shmName);
     // The engine's own data blocks and result lists are read by other
     // clients: nobody, root included, consumes them through this method.
-    const std::string bare = shmName.substr(shmName.find_first_not_of('/') == std::string::npos
-                                                ? shmName.size()
-                                                : shmName.find_first_not_of('/'));
+    const std::string bare = shmName.substr(
+        shmName.find_first_not_of('/') == std::string::npos ? shmName.size() : shmName.find_first_not_of('/'));
     if (bare.rfind("mox_datablock_", 0) == 0 || bare.rfind("mox_resultlist_", 0) == 0) {
         MOX_WARN("CMOXUtil: shm [%s] is one of the engine's own objects: refused.", logName.c_str());
         return UniqueFd();
@@ -75,8 +74,8 @@ UniqueFd OpenClientObject(const std::string& shmName, uid_t callerUid, struct st
         return UniqueFd();
     }
     if (callerUid != 0 && st.st_uid != callerUid) {
-        MOX_WARN("CMOXUtil: shm [%s] belongs to uid %u, not to the caller (uid %u): refused.",
-                 logName.c_str(), static_cast<unsigned>(st.st_uid), static_cast<unsigned>(callerUid));
+        MOX_WARN("CMOXUtil: shm [%s] belongs to uid %u, not to the caller (uid %u): refused.", logName.c_str(),
+                 static_cast<unsigned>(st.st_uid), static_cast<unsigned>(callerUid));
         return UniqueFd();
     }
     // The object is consumed whether or not the file gets written.
@@ -98,16 +97,15 @@ bool CMOXUsbFile::Write(const std::string& path, const std::string& shmName, uid
 
     const long long objectSize = static_cast<long long>(st.st_size);
     int32_t length = 0;
-    if (objectSize < static_cast<long long>(sizeof(length)) ||
-        !ReadExactly(object.Get(), &length, sizeof(length), 0)) {
+    if (objectSize < static_cast<long long>(sizeof(length)) || !ReadExactly(object.Get(), &length, sizeof(length), 0)) {
         MOX_WARN("CMOXUtil: shm [%s] has no length field (size %lld).", CMOXUtil::CutForLog(shmName).c_str(),
                  objectSize);
         return false;
     }
     const long long available = objectSize - static_cast<long long>(sizeof(length));
     if (length < 0 || length > available) {
-        MOX_WARN("CMOXUtil: shm [%s] length [%d] out of range [0, %lld].", CMOXUtil::CutForLog(shmName).c_str(),
-                 length, available);
+        MOX_WARN("CMOXUtil: shm [%s] length [%d] out of range [0, %lld].", CMOXUtil::CutForLog(shmName).c_str(), length,
+                 available);
         return false;
     }
     if (length == 0) {

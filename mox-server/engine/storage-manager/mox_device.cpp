@@ -21,13 +21,25 @@ bool StatFs(const std::string& path, struct statfs* out) {
 
 }  // namespace
 
-void CMOXDevice::SetDeviceID(const char* szID) { AssignIfSet(m_strDeviceID, szID); }
-void CMOXDevice::SetDeviceName(const char* szName) { AssignIfSet(m_strDeviceName, szName); }
+void CMOXDevice::SetDeviceID(const char* szID) {
+    AssignIfSet(m_strDeviceID, szID);
+}
+void CMOXDevice::SetDeviceName(const char* szName) {
+    AssignIfSet(m_strDeviceName, szName);
+}
 
-void CMOXUSBDevice::SetManufacturer(const char* szManufacturer) { AssignIfSet(m_strManufacturer, szManufacturer); }
-void CMOXUSBDevice::SetModelName(const char* szModelName) { AssignIfSet(m_strModelName, szModelName); }
-void CMOXUSBDevice::SetSerial(const char* szSerial) { AssignIfSet(m_strSerial, szSerial); }
-void CMOXUSBDevice::SetMountPath(const char* szMountPath) { AssignIfSet(m_strMountPath, szMountPath); }
+void CMOXUSBDevice::SetManufacturer(const char* szManufacturer) {
+    AssignIfSet(m_strManufacturer, szManufacturer);
+}
+void CMOXUSBDevice::SetModelName(const char* szModelName) {
+    AssignIfSet(m_strModelName, szModelName);
+}
+void CMOXUSBDevice::SetSerial(const char* szSerial) {
+    AssignIfSet(m_strSerial, szSerial);
+}
+void CMOXUSBDevice::SetMountPath(const char* szMountPath) {
+    AssignIfSet(m_strMountPath, szMountPath);
+}
 void CMOXUSBDevice::SetPartitionLabel(const char* szPartitionLabel) {
     AssignIfSet(m_strPartitionLabel, szPartitionLabel);
 }

@@ -124,9 +124,13 @@ int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) 
     return MOX_ERROR_NONE;
 }
 
-bool CMOXStorageMgr::m_InitUSBList() { return m_InitList(m_USBList, true); }
+bool CMOXStorageMgr::m_InitUSBList() {
+    return m_InitList(m_USBList, true);
+}
 
-bool CMOXStorageMgr::m_InitPTPList() { return m_InitList(m_PTPList, false); }
+bool CMOXStorageMgr::m_InitPTPList() {
+    return m_InitList(m_PTPList, false);
+}
 
 bool CMOXStorageMgr::m_InitList(std::vector<UsbDevicePtr>& list, bool bUsb) {
     if (!m_pMOXUsbManager) {
@@ -136,8 +140,7 @@ bool CMOXStorageMgr::m_InitList(std::vector<UsbDevicePtr>& list, bool bUsb) {
     // Enumerate first: a failed enumeration leaves the list and its
     // indices as they were.
     std::vector<UsbDevicePtr> fresh;
-    if (!(bUsb ? m_pMOXUsbManager->GetUsbStorages(fresh) : m_pMOXUsbManager->GetPtpStorages(fresh)))
-        return false;
+    if (!(bUsb ? m_pMOXUsbManager->GetUsbStorages(fresh) : m_pMOXUsbManager->GetPtpStorages(fresh))) return false;
     for (UsbDevicePtr& record : list) m_AssignDevIndex(record, false);
     list.swap(fresh);
     m_InitDevIndex(list);
@@ -232,8 +235,7 @@ void CMOXStorageMgr::m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr&
     list.erase(listed);
 }
 
-void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& record, bool bConnected,
-                                        void* userData) {
+void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& record, bool bConnected, void* userData) {
     CMOXStorageMgr* pThis = static_cast<CMOXStorageMgr*>(userData);
     assert(pThis != NULL);
     mox_storage_event_e event = bConnected ? MOX_STORAGE_CONNECTED : MOX_STORAGE_DISCONNECTED;
@@ -299,9 +301,13 @@ std::string CMOXStorageMgr::GetDiskTypeAsString(int nDeviceClass) {
     }
 }
 
-std::string CMOXStorageMgr::ConvertNumberToString(int nNumber) { return std::to_string(nNumber); }
+std::string CMOXStorageMgr::ConvertNumberToString(int nNumber) {
+    return std::to_string(nNumber);
+}
 
-std::string CMOXStorageMgr::ConvertNumberToString(long long llNumber) { return std::to_string(llNumber); }
+std::string CMOXStorageMgr::ConvertNumberToString(long long llNumber) {
+    return std::to_string(llNumber);
+}
 
 namespace {
 

@@ -21,8 +21,8 @@
 // bus and address as well.
 #pragma once
 
-#include <map>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -63,7 +63,6 @@ public:
     // The mox_usb_notification payload of an event, in styled form:
     // {"devices": [...], "event": n}.
     static std::string NotificationDocument(mox_storage_event_e event, const std::string& strStorages);
-
 
 private:
     // All m_ operations below require m_mutex held.

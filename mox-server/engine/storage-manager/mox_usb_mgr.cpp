@@ -49,13 +49,19 @@ bool WalkDeviceList(int usbClass, Take take) {
     return true;
 }
 
-const char* OrNull(const char* text) { return text ? text : "(null)"; }
+const char* OrNull(const char* text) {
+    return text ? text : "(null)";
+}
 
 }  // namespace
 
-CMOXUSBMgr::CMOXUSBMgr() { m_bConnected = m_InitUSB(); }
+CMOXUSBMgr::CMOXUSBMgr() {
+    m_bConnected = m_InitUSB();
+}
 
-CMOXUSBMgr::~CMOXUSBMgr() { m_DeinitUSB(); }
+CMOXUSBMgr::~CMOXUSBMgr() {
+    m_DeinitUSB();
+}
 
 bool CMOXUSBMgr::m_InitUSB() {
     int ret = usb_device_init();

@@ -48,8 +48,8 @@ inline std::string DumpList(const std::string& strName) {
     std::ostringstream out;
     out << "loaded " << list.IsLoaded() << "\n";
     out << "start " << list.StartIndex() << " end " << list.EndIndex() << " section " << list.SectionIndex()
-        << " total " << list.GetTotalCount() << " groups " << list.GetGroupCount() << " blocks "
-        << list.GetBlockCount() << "\n";
+        << " total " << list.GetTotalCount() << " groups " << list.GetGroupCount() << " blocks " << list.GetBlockCount()
+        << "\n";
     for (int i = 0; i < list.GetGroupCount(); ++i) {
         int a = 0, b = 0;
         if (list.GetGroup(i, a, b)) out << "group " << i << " " << a << " " << b << "\n";

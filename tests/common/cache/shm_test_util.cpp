@@ -76,7 +76,9 @@ bool ShmExists(const std::string& strName) {
     return Tracked().count({strName, nInode}) != 0;
 }
 
-std::string ReadShm(const std::string& strName) { return ReadFile("/dev/shm/" + strName); }
+std::string ReadShm(const std::string& strName) {
+    return ReadFile("/dev/shm/" + strName);
+}
 
 bool WriteShm(const std::string& strName, const std::string& bytes) {
     shm_unlink(strName.c_str());
@@ -132,7 +134,9 @@ void TrackShm(const std::string& strName) {
     Tracked().emplace(strName, nInode);
 }
 
-size_t LogMark() { return ReadFile(LogPath()).size(); }
+size_t LogMark() {
+    return ReadFile(LogPath()).size();
+}
 
 std::string LogSince(size_t nMark) {
     std::string text = ReadFile(LogPath());

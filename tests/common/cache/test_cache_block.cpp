@@ -279,19 +279,26 @@ TEST(DataBlockReader, MissingOrCraftedHeadersMakeAnUnloadedReader) {
     EXPECT_EQ(item, "untouched");
 
     ASSERT_TRUE(moxtest::WriteShm(kCrafted, GoodBlockBytes()));
-    EXPECT_EQ(moxtest::DumpBlock(kCrafted), "loaded 1\nstart 0 end 1 count 2 total 2 groups 1\ngroup 0 0 2\n"
-                                            "item 0 ab\nitem 1 cd\n");
+    EXPECT_EQ(moxtest::DumpBlock(kCrafted),
+              "loaded 1\nstart 0 end 1 count 2 total 2 groups 1\ngroup 0 0 2\n"
+              "item 0 ab\nitem 1 cd\n");
     struct Case {
         const char* what;
         size_t offset;
         int32_t value;
     } cases[] = {
-        {"size below the header", 24, 20},          {"size beyond the object", 24, 52},
-        {"negative size", 24, -1},                  {"group offset inside the header", 0, 20},
-        {"negative group count", 20, -1},           {"huge group count", 20, 0x7fffffff},
-        {"length offset not after the groups", 4, 44}, {"length offset before the groups", 4, 0},
-        {"end before start - 1", 12, -5},           {"item table past the end", 12, 5},
-        {"huge item range", 8, -0x7fffffff},        {"group offset past the end", 0, 0x7ffffff0},
+        {"size below the header", 24, 20},
+        {"size beyond the object", 24, 52},
+        {"negative size", 24, -1},
+        {"group offset inside the header", 0, 20},
+        {"negative group count", 20, -1},
+        {"huge group count", 20, 0x7fffffff},
+        {"length offset not after the groups", 4, 44},
+        {"length offset before the groups", 4, 0},
+        {"end before start - 1", 12, -5},
+        {"item table past the end", 12, 5},
+        {"huge item range", 8, -0x7fffffff},
+        {"group offset past the end", 0, 0x7ffffff0},
     };
     for (const Case& c : cases) {
         std::string bytes = GoodBlockBytes();

@@ -105,22 +105,66 @@ CMOXSortFunction MakeFn(const char* key, MOX_VALUETYPE type, MOX_COMPARETYPE com
 // jsoncpp reads but strict JSON does not (comments, trailing text, leading
 // zeros, lone surrogates, a BOM) or that neither reads.
 std::string HostileItem(std::mt19937& rng) {
-    static const char* const keys[] = {"\"FileName\"", "\"FileSize\"", "\"File\\u004eame\"", "\"FileSize\"",
-                                       "\"Title\"", "\"fileName\"", "\"FileName \"", "\"\xc3\xa9t\xc3\xa9\"",
-                                       "\"FileSiz\\u0065\"", "\"File\\u0000Name\"", "\"\\\"FileName\""};
-    static const char* const values[] = {
-        "\"IMG_1.JPG\"", "\"img_1.jpg\"", "\"a\\\"b\"", "\"a\\\\b\\/c\"", "\"\\n\\t\\r\\b\\f\"", "\"caf\\u00e9\"",
-        "\"caf\xc3\xa9\"", "\"\\ud83d\\ude00\"", "\"\xf0\x9f\x98\x80\"", "\"\"", "\"a\\u0000b\"", "\"123\"",
-        "\"-7\"", "0", "-0", "7", "-12", "2147483647", "-2147483648", "2147483648", "-2147483649",
-        "99999999999999999999", "18446744073709551615", "2.0", "1e3", "-1.5", "1e-400", "true", "false",
-        "null", "[1,\"x\"]", "{\"FileName\":\"inner\",\"FileSize\":3}", "[[[[]]]]", "\"\\u00C9\"", "\"\\u00e9\"",
-        "\"\x01\x1f\"", "\"\xff\xfe\"", "\"\\uDBFF\\uDFFF\"", "-0.0", "1E+2", "0.5e-3", "1e300", "1e308",
-        "123456789012345678901234567890", "12345678901", "-9223372036854775808", "[ ]", "{ }",
-        "{\"a\":[1,{\"b\":null}],\"c\":{\"FileSize\":9}}", "[true,false,null,\"\\\\\",-1.25e2]"};
-    static const char* const broken[] = {
-        "/*c*/", " // c\n", "\"\\udc00\"", "\"\\ud800\\u0041\"", "\"\\ud800x\"", "1e400", "1e309",
-        "012", "-01", "-", "1.", "1.e5", "+1", ".5", "\"\\x\"", "\"\\u12\"", "[1,]", "[1 2]", "{\"a\" 1}",
-        "{\"a\":1,}", "tru", "nul", "\"open"};
+    static const char* const keys[] = {
+        "\"FileName\"",       "\"FileSize\"",        "\"File\\u004eame\"", "\"FileSize\"",
+        "\"Title\"",          "\"fileName\"",        "\"FileName \"",      "\"\xc3\xa9t\xc3\xa9\"",
+        "\"FileSiz\\u0065\"", "\"File\\u0000Name\"", "\"\\\"FileName\""};
+    static const char* const values[] = {"\"IMG_1.JPG\"",
+                                         "\"img_1.jpg\"",
+                                         "\"a\\\"b\"",
+                                         "\"a\\\\b\\/c\"",
+                                         "\"\\n\\t\\r\\b\\f\"",
+                                         "\"caf\\u00e9\"",
+                                         "\"caf\xc3\xa9\"",
+                                         "\"\\ud83d\\ude00\"",
+                                         "\"\xf0\x9f\x98\x80\"",
+                                         "\"\"",
+                                         "\"a\\u0000b\"",
+                                         "\"123\"",
+                                         "\"-7\"",
+                                         "0",
+                                         "-0",
+                                         "7",
+                                         "-12",
+                                         "2147483647",
+                                         "-2147483648",
+                                         "2147483648",
+                                         "-2147483649",
+                                         "99999999999999999999",
+                                         "18446744073709551615",
+                                         "2.0",
+                                         "1e3",
+                                         "-1.5",
+                                         "1e-400",
+                                         "true",
+                                         "false",
+                                         "null",
+                                         "[1,\"x\"]",
+                                         "{\"FileName\":\"inner\",\"FileSize\":3}",
+                                         "[[[[]]]]",
+                                         "\"\\u00C9\"",
+                                         "\"\\u00e9\"",
+                                         "\"\x01\x1f\"",
+                                         "\"\xff\xfe\"",
+                                         "\"\\uDBFF\\uDFFF\"",
+                                         "-0.0",
+                                         "1E+2",
+                                         "0.5e-3",
+                                         "1e300",
+                                         "1e308",
+                                         "123456789012345678901234567890",
+                                         "12345678901",
+                                         "-9223372036854775808",
+                                         "[ ]",
+                                         "{ }",
+                                         "{\"a\":[1,{\"b\":null}],\"c\":{\"FileSize\":9}}",
+                                         "[true,false,null,\"\\\\\",-1.25e2]"};
+    static const char* const broken[] = {"/*c*/",        " // c\n", "\"\\udc00\"", "\"\\ud800\\u0041\"",
+                                         "\"\\ud800x\"", "1e400",   "1e309",       "012",
+                                         "-01",          "-",       "1.",          "1.e5",
+                                         "+1",           ".5",      "\"\\x\"",     "\"\\u12\"",
+                                         "[1,]",         "[1 2]",   "{\"a\" 1}",   "{\"a\":1,}",
+                                         "tru",          "nul",     "\"open"};
     static const char* const spaces[] = {"", "", "", " ", "\n", "\t", "\r\n "};
     auto space = [&rng]() { return spaces[rng() % (sizeof(spaces) / sizeof(spaces[0]))]; };
     std::string text = rng() % 8 == 0 ? " \n\t" : "";
@@ -146,7 +190,9 @@ std::string HostileItem(std::mt19937& rng) {
         case 2: text.pop_back(); break;  // cut
         case 3: text = "[" + text + "]"; break;
         case 4: text = std::string(70, '[') + std::string(70, ']'); break;
-        case 5: text = "{\"FileSize\":" + std::string(70, '[') + std::string(70, ']') + ",\"FileName\":\"deep\"}"; break;
+        case 5:
+            text = "{\"FileSize\":" + std::string(70, '[') + std::string(70, ']') + ",\"FileName\":\"deep\"}";
+            break;
         case 6: text += "/* after */"; break;
         case 7: text = ""; break;
         case 8: text += " \r\n"; break;
@@ -225,8 +271,8 @@ TEST(ResultListBuilderArguments, BadRangesMakeNoObjectAndAnEmptyName) {
     size_t mark = moxtest::LogMark();
     struct Args {
         int section, start, end, total, groups, blocks;
-    } bad[] = {{-2, 0, 0, 1, 1, 1}, {0, -1, 0, 1, 1, 1}, {0, 5, 4, 1, 1, 1}, {0, 0, 0, 0, 1, 1},
-               {0, 0, 0, 1, -1, 1}, {0, 0, 0, 1, 1, 0}, {0, 0, 0x7ffffff0, 1, 1, 1}};
+    } bad[] = {{-2, 0, 0, 1, 1, 1}, {0, -1, 0, 1, 1, 1}, {0, 5, 4, 1, 1, 1},         {0, 0, 0, 0, 1, 1},
+               {0, 0, 0, 1, -1, 1}, {0, 0, 0, 1, 1, 0},  {0, 0, 0x7ffffff0, 1, 1, 1}};
     for (const Args& a : bad) {
         CResultListBuilder builder(a.section, a.start, a.end, a.total, a.groups, a.blocks);
         EXPECT_FALSE(builder.IsValid());
@@ -307,11 +353,19 @@ TEST(ResultListReader, ItemsResolveThroughTheirBlocksHereAndInAClient) {
     ASSERT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "list", guard.name}, output), 0);
     const std::string an = a->GetName(), bn = b->GetName();
     // "{"n":2}" is a's last item: 14 bytes of items, 2 padding NULs.
-    EXPECT_EQ(output, "loaded 1\nstart 3 end 5 section 1 total 6 groups 2 blocks 2\ngroup 0 3 2\ngroup 1 5 1\n"
-                      "block 0 " + an + "\nblock 1 " + bn + "\n"
-                      "item 3 " + an + " 1 {\"n\":2}\\x00\\x00\n"
-                      "item 4 " + bn + " 0 {\"m\":3}\\x00\n"
-                      "item 5 " + an + " 0 {\"n\":1}\n");
+    EXPECT_EQ(output,
+              "loaded 1\nstart 3 end 5 section 1 total 6 groups 2 blocks 2\ngroup 0 3 2\ngroup 1 5 1\n"
+              "block 0 " +
+                  an + "\nblock 1 " + bn +
+                  "\n"
+                  "item 3 " +
+                  an +
+                  " 1 {\"n\":2}\\x00\\x00\n"
+                  "item 4 " +
+                  bn +
+                  " 0 {\"m\":3}\\x00\n"
+                  "item 5 " +
+                  an + " 0 {\"n\":1}\n");
     EXPECT_EQ(output, moxtest::DumpList(guard.name));
     EXPECT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "list", "mox_resultlist_does_not_exist"}, output), 2);
 
@@ -351,8 +405,8 @@ TEST(ResultListReader, VanishedBlockFailsTheItemButNamesIt) {
 }
 
 TEST(ResultListSort, ShorterStringsFirstAndMissingOrMistypedNumbersAsZero) {
-    const std::vector<std::vector<std::string>> names = {
-        {R"({"FileName":"abc"})", R"({"FileName":"b"})"}, {R"({"FileName":"ab"})", R"({"Other":1})"}};
+    const std::vector<std::vector<std::string>> names = {{R"({"FileName":"abc"})", R"({"FileName":"b"})"},
+                                                         {R"({"FileName":"ab"})", R"({"Other":1})"}};
     const std::vector<std::string> ascending = {R"({"Other":1})", R"({"FileName":"ab"})", R"({"FileName":"abc"})",
                                                 R"({"FileName":"b"})"};
     for (MOX_COMPARETYPE comparison : {MOX_COMPARE_ASC, MOX_COMPARE_DESC}) {
@@ -386,8 +440,8 @@ TEST(ResultListSort, UnusableSettingsLeaveTheTableAlone) {
         moxtest::TrackShm(builder.GetName());
         builder.AddItem(f.blocks[0]->GetName(), 0);
         builder.AddItem(f.blocks[0]->GetName(), 1);
-        CMOXSortFunction fn = MakeFn("k", static_cast<MOX_VALUETYPE>(settings.second),
-                                     static_cast<MOX_COMPARETYPE>(settings.first));
+        CMOXSortFunction fn =
+            MakeFn("k", static_cast<MOX_VALUETYPE>(settings.second), static_cast<MOX_COMPARETYPE>(settings.first));
         fn.readers = &f.readers;
         size_t mark = moxtest::LogMark();
         EXPECT_FALSE(builder.SortItems(fn));
@@ -405,7 +459,8 @@ TEST(ResultListSort, KeyedSortMatchesThePredicateOnHostileDocuments) {
     std::mt19937 rng(2024);
     std::vector<std::vector<std::string>> items(2);
     for (int i = 0; i < 3000; ++i) items[rng() % 2].push_back(HostileItem(rng));
-    for (auto key : {std::pair<const char*, MOX_VALUETYPE>{"FileName", MOX_VALUE_STRING}, {"FileSize", MOX_VALUE_INT}}) {
+    for (auto key :
+         {std::pair<const char*, MOX_VALUETYPE>{"FileName", MOX_VALUE_STRING}, {"FileSize", MOX_VALUE_INT}}) {
         for (MOX_COMPARETYPE comparison : {MOX_COMPARE_ASC, MOX_COMPARE_DESC}) {
             SortFixture f;
             CMOXSortFunction fn = MakeFn(key.first, key.second, comparison);
@@ -451,7 +506,8 @@ TEST(ResultListSort, KeyReaderReadsStrictObjectsAndLeavesTheRestToJsoncpp) {
     };
     CMOXSortKeyReader reader;
     for (const auto& c : cases) {
-        for (auto key : {std::pair<const char*, MOX_VALUETYPE>{"FileName", MOX_VALUE_STRING}, {"FileSize", MOX_VALUE_INT}}) {
+        for (auto key :
+             {std::pair<const char*, MOX_VALUETYPE>{"FileName", MOX_VALUE_STRING}, {"FileSize", MOX_VALUE_INT}}) {
             SMOXSortKey fast;
             ASSERT_EQ(reader.Read(c.first, key.first, key.second, fast), c.second) << c.first;
             if (!c.second) continue;
@@ -471,12 +527,10 @@ TEST(ResultListCrafted, BadHeadersMakeAnUnloadedListBadSlotsAndEntriesFailAlone)
         size_t offset;
         int32_t value;
     } cases[] = {
-        {"size below the header", 32, 35},    {"size beyond the object", 32, 400},
-        {"negative groups", 24, -1},          {"groups overlap the names", 24, 2},
-        {"negative blocks", 28, -2},          {"huge blocks", 28, 0x7fffffff},
-        {"names before the groups", 0, 40},   {"items overlap the names", 4, 200},
-        {"items past the end", 12, 3},        {"end before start - 1", 12, -2},
-        {"huge range", 8, -0x7fffffff},       {"item offset negative", 4, -8},
+        {"size below the header", 32, 35},   {"size beyond the object", 32, 400}, {"negative groups", 24, -1},
+        {"groups overlap the names", 24, 2}, {"negative blocks", 28, -2},         {"huge blocks", 28, 0x7fffffff},
+        {"names before the groups", 0, 40},  {"items overlap the names", 4, 200}, {"items past the end", 12, 3},
+        {"end before start - 1", 12, -2},    {"huge range", 8, -0x7fffffff},      {"item offset negative", 4, -8},
     };
     for (const Case& c : cases) {
         std::string bytes = GoodListBytes("x", "y");

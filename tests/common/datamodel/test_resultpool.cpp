@@ -196,7 +196,7 @@ TEST(ResultPoolSequential, EachListAsksForTheNextSectionUntilTheLast) {
     EXPECT_EQ(rec.prefetches, (std::vector<Fetch>{{5, 9, 1}}));
     ASSERT_TRUE(pool.Push(sections.Open(2)));
     EXPECT_EQ(rec.prefetches.back(), Fetch(15, 19, 3));
-    ASSERT_TRUE(pool.Push(sections.Open(1)));  // section 2 is held: nothing asked
+    ASSERT_TRUE(pool.Push(sections.Open(1)));              // section 2 is held: nothing asked
     ASSERT_TRUE(pool.Push(sections.Open(kSections - 1)));  // the last: nothing after it
     EXPECT_EQ(rec.prefetches.size(), 2u);
     // A section pushed twice: the second copy is handed back.

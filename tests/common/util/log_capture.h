@@ -5,10 +5,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cstdlib>
+#include <string>
 
 #include "temp_dir.h"
 
@@ -34,8 +34,8 @@ private:
     std::string m_path;
 };
 
-inline LogCaptureEnvironment* const g_logCapture = static_cast<LogCaptureEnvironment*>(
-    ::testing::AddGlobalTestEnvironment(new LogCaptureEnvironment));
+inline LogCaptureEnvironment* const g_logCapture =
+    static_cast<LogCaptureEnvironment*>(::testing::AddGlobalTestEnvironment(new LogCaptureEnvironment));
 
 // Remembers the end of the log file; Text() is what was logged after that.
 class LogMark {

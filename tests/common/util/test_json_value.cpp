@@ -112,8 +112,8 @@ TEST(JsonValueSetGet, RoundTripAndCompactText) {
 }
 
 TEST(JsonValueSetGet, MismatchOrMissingLeavesOutputUntouched) {
-    CJsonValue doc{std::string(
-        "{\"real\": 2.0, \"s\": \"x\", \"neg\": -1, \"arr\": [1], \"mixed\": [1, \"x\"], \"objs\": [{}]}")};
+    CJsonValue doc{
+        std::string("{\"real\": 2.0, \"s\": \"x\", \"neg\": -1, \"arr\": [1], \"mixed\": [1, \"x\"], \"objs\": [{}]}")};
     ASSERT_TRUE(doc.IsValid());
     LogMark mark;
     int n = 99;
@@ -143,9 +143,9 @@ TEST(JsonValueSetGet, MismatchOrMissingLeavesOutputUntouched) {
 }
 
 TEST(JsonValueSetGet, LongLongReadsThroughADoubleAndSaturates) {
-    CJsonValue doc{std::string(
-        "{\"five\": 5, \"big\": 1e300, \"small\": -1e300,"
-        " \"huge\": 123456789012345678901234567890, \"frac\": -2.75}")};
+    CJsonValue doc{
+        std::string("{\"five\": 5, \"big\": 1e300, \"small\": -1e300,"
+                    " \"huge\": 123456789012345678901234567890, \"frac\": -2.75}")};
     ASSERT_TRUE(doc.IsValid());
     const struct {
         const char* key;

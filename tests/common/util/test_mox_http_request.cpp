@@ -87,8 +87,8 @@ TEST_F(Server, AnswersInMemoryAndToFile) {
     // To a file: the body lands there, not in memory; progress is reported.
     Progress progress;
     _mox_progress_param param = progress.Param();
-    MOXHttpRequest toFile(HTTP_REQUEST_GET, Url("/files/a.txt"), MOXHttpHeader(), nullptr, nullptr,
-                          dir.file("out.txt"), &param);
+    MOXHttpRequest toFile(HTTP_REQUEST_GET, Url("/files/a.txt"), MOXHttpHeader(), nullptr, nullptr, dir.file("out.txt"),
+                          &param);
     ASSERT_TRUE(toFile.init());
     EXPECT_EQ(param.pRequest, &toFile);
     EXPECT_EQ(toFile.execute(), 0);
@@ -117,8 +117,8 @@ TEST_F(Server, CancelFromAnotherThreadEndsTheTransfer) {
     moxtest::WriteTextFile(dir.file("slow.bin"), std::string(1 << 20, 's'));
     Progress progress;
     _mox_progress_param param = progress.Param();
-    MOXHttpRequest request(HTTP_REQUEST_GET, Url("/files/slow.bin?chunk=8192&delay_ms=20"), MOXHttpHeader(),
-                           nullptr, nullptr, dir.file("slow.out"), &param);
+    MOXHttpRequest request(HTTP_REQUEST_GET, Url("/files/slow.bin?chunk=8192&delay_ms=20"), MOXHttpHeader(), nullptr,
+                           nullptr, dir.file("slow.out"), &param);
     ASSERT_TRUE(request.init());
     int nResult = -1;
     std::thread worker([&] { nResult = request.execute(); });

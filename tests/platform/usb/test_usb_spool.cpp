@@ -151,8 +151,7 @@ TEST_F(UsbSpool, MalformedFilesAreIgnoredWithAWarningAndTheServiceCarriesOn) {
 
     std::string log = NewLog();
     if (LogPath().empty()) GTEST_SKIP() << "MOX_LOG is not a file: cannot check the warnings";
-    for (const Bad& b : bad)
-        EXPECT_NE(std::string::npos, log.find(std::string(b.name) + ".json ignored")) << b.name;
+    for (const Bad& b : bad) EXPECT_NE(std::string::npos, log.find(std::string(b.name) + ".json ignored")) << b.name;
     EXPECT_NE(std::string::npos, log.find("fifo.json ignored: not a regular file"));
 }
 

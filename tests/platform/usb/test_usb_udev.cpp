@@ -109,7 +109,8 @@ A: dev=8:1
 bool PreloadActive() {
     return dl_iterate_phdr(
                [](struct dl_phdr_info* info, size_t, void*) -> int {
-                   return info->dlpi_name && std::string(info->dlpi_name).find("libumockdev-preload") != std::string::npos;
+                   return info->dlpi_name &&
+                          std::string(info->dlpi_name).find("libumockdev-preload") != std::string::npos;
                },
                nullptr) != 0;
 }

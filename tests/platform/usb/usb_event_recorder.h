@@ -29,7 +29,9 @@ struct UsbEvent {
     std::thread::id thread;
 };
 
-inline std::string UsbText(const char* s) { return s ? s : ""; }
+inline std::string UsbText(const char* s) {
+    return s ? s : "";
+}
 
 inline UsbEvent UsbEventOf(usb_device_h device, const char* action) {
     UsbEvent e;

@@ -39,7 +39,9 @@ void CMOXActCommand::s_Progress(void* pUserData, const char* szParam, mox_transf
 
 CMOXActCommand::~CMOXActCommand() = default;
 
-void CMOXActCommand::Stop() { __atomic_store_n(&m_bStop, true, __ATOMIC_RELAXED); }
+void CMOXActCommand::Stop() {
+    __atomic_store_n(&m_bStop, true, __ATOMIC_RELAXED);
+}
 
 void CMOXActCommand::Execute(std::string strCommand) {
     MOX_INFO("In CMOXActCommand::Execute().");

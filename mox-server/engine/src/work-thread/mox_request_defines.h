@@ -41,8 +41,8 @@ typedef enum : int {
 
 // The sort key of one item, as read by CMOXSortFunction::GetKey.
 struct SMOXSortKey {
-    int nValue = 0;         // MOX_VALUE_INT
-    std::string strValue;   // MOX_VALUE_STRING
+    int nValue = 0;        // MOX_VALUE_INT
+    std::string strValue;  // MOX_VALUE_STRING
 };
 
 class CMOXSortFunction {

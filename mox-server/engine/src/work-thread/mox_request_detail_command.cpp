@@ -14,7 +14,9 @@ CMOXRequestDetailCommand::CMOXRequestDetailCommand(MOXCommandCallback fnDone) : 
 
 CMOXRequestDetailCommand::~CMOXRequestDetailCommand() = default;
 
-void CMOXRequestDetailCommand::Stop() { __atomic_store_n(&m_bStop, true, __ATOMIC_RELAXED); }
+void CMOXRequestDetailCommand::Stop() {
+    __atomic_store_n(&m_bStop, true, __ATOMIC_RELAXED);
+}
 
 void CMOXRequestDetailCommand::Execute(std::string strCommand) {
     MOX_INFO("In CMOXRequestDetailCommand::Execute()");

@@ -177,9 +177,7 @@ bool CMOXRequestListCommand::m_AskValidity(IWebSource* pSource, const std::strin
     // Kept with every cached answer (up to 8192 of them): short.
     const size_t kMaxStampBytes = 256;
     switch (eValidity) {
-        case MOX_ANSWER_KEEP:
-            validity.strStamp.clear();
-            return true;
+        case MOX_ANSWER_KEEP: validity.strStamp.clear(); return true;
         case MOX_ANSWER_STAMPED:
             if (!validity.strStamp.empty() && validity.strStamp.size() <= kMaxStampBytes) return true;
             if (!validity.strStamp.empty())
@@ -187,9 +185,7 @@ bool CMOXRequestListCommand::m_AskValidity(IWebSource* pSource, const std::strin
                          validity.strStamp.size());
             validity.strStamp.clear();
             return false;  // nothing to compare (the folder can not be read, say): ask afresh
-        case MOX_ANSWER_NO_KEEP:
-            validity.strStamp.clear();
-            return false;
+        case MOX_ANSWER_NO_KEEP: validity.strStamp.clear(); return false;
         default:
             MOX_WARN("Source[%s] answered validity %d: its answer is not kept.", strSource.c_str(),
                      static_cast<int>(eValidity));

@@ -9,9 +9,7 @@
 
 #include "mox_uhd_data_mgr.h"
 
-namespace {
-
-}  // namespace
+namespace {}  // namespace
 
 CMOXRequestMetaCommand::CMOXRequestMetaCommand(MOXCommandCallback fnDone) : m_fnDone(std::move(fnDone)) {}
 

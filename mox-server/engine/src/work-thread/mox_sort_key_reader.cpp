@@ -310,8 +310,14 @@ private:
     // The escape at p; returns the position after it.
     const char* Escape(const char* p) const {
         switch (p[1]) {
-            case '"': case '\\': case '/': case 'b': case 'f': case 'n': case 'r': case 't':
-                return p + 2;
+            case '"':
+            case '\\':
+            case '/':
+            case 'b':
+            case 'f':
+            case 'n':
+            case 'r':
+            case 't': return p + 2;
             case 'u': {
                 if (m_pEnd - p < 6) return nullptr;
                 long nUnit = Hex4(p + 2);
@@ -391,7 +397,8 @@ size_t IndexQuotes(const char* p, size_t nLen, uint32_t* pQuotes) {
             nChunkEscapes = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, escape))) >> nShift;
         }
         nEscapes |= nChunkEscapes;
-        for (; nQuotes != 0; nQuotes &= nQuotes - 1) pQuotes[nCount++] = static_cast<uint32_t>(i + __builtin_ctz(nQuotes));
+        for (; nQuotes != 0; nQuotes &= nQuotes - 1)
+            pQuotes[nCount++] = static_cast<uint32_t>(i + __builtin_ctz(nQuotes));
     }
     return nEscapes != 0 ? SIZE_MAX : nCount;
 }

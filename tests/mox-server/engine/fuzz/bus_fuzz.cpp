@@ -184,8 +184,7 @@ private:
 
     // Driving.
     void OneCall();
-    void Send(Client* client, const std::string& interface, const std::string& method, GVariant* params,
-              bool tracked);
+    void Send(Client* client, const std::string& interface, const std::string& method, GVariant* params, bool tracked);
     bool Replay();
     Client* IdleClient();
     void AddClient();
@@ -292,16 +291,34 @@ bool BusFuzzer::Setup() {
 
 std::string BusFuzzer::Path() {
     const std::string root = m_h.UsbRoot();
-    static const std::vector<std::string> kTails = {
-        "", "/", "/photos", "/photos/a.jpg", "/photos/b.png", "/music/song.mp3", "/video/clip.mp4",
-        "/doc.txt", "/deep/1/2/3/4/5/6/7/8/leaf.jpg", "/dir with spaces", "/photos/fifo.jpg",
-        "/photos/link_secret.jpg", "/link_out", "/link_out/secret.txt", "/magic", "/magic/etc",
-        "/../../outside/secret.txt", "/photos/../../sda1/doc.txt", "/no/such/file.jpg", "/.hidden.jpg",
-        "/new_album", "/photos/new.jpg", "/link_out/dir/planted"};
+    static const std::vector<std::string> kTails = {"",
+                                                    "/",
+                                                    "/photos",
+                                                    "/photos/a.jpg",
+                                                    "/photos/b.png",
+                                                    "/music/song.mp3",
+                                                    "/video/clip.mp4",
+                                                    "/doc.txt",
+                                                    "/deep/1/2/3/4/5/6/7/8/leaf.jpg",
+                                                    "/dir with spaces",
+                                                    "/photos/fifo.jpg",
+                                                    "/photos/link_secret.jpg",
+                                                    "/link_out",
+                                                    "/link_out/secret.txt",
+                                                    "/magic",
+                                                    "/magic/etc",
+                                                    "/../../outside/secret.txt",
+                                                    "/photos/../../sda1/doc.txt",
+                                                    "/no/such/file.jpg",
+                                                    "/.hidden.jpg",
+                                                    "/new_album",
+                                                    "/photos/new.jpg",
+                                                    "/link_out/dir/planted"};
     switch (m_rng.Range(0, 9)) {
         case 0: return m_outside + "/secret.txt";
-        case 1: return m_rng.Pick(std::vector<std::string>{root, root + "/", root + "/..", root + "/../outside/dir/x",
-                                                           "/", "", "relative/path", "..", "sda1/doc.txt"});
+        case 1:
+            return m_rng.Pick(std::vector<std::string>{root, root + "/", root + "/..", root + "/../outside/dir/x", "/",
+                                                       "", "relative/path", "..", "sda1/doc.txt"});
         case 2: return m_stick + "/" + std::string(static_cast<size_t>(m_rng.Range(200, 5000)), 'p');
         case 3: return m_stick + "/fuzz_" + std::to_string(m_rng.Range(0, 20)) + ".txt";
         case 4: return m_outside + "/dir/planted_" + std::to_string(m_rng.Range(0, 5));
@@ -310,17 +327,22 @@ std::string BusFuzzer::Path() {
 }
 
 std::string BusFuzzer::Url() {
-    static const std::vector<std::string> kUrls = {
-        "http://127.0.0.1:1/x.jpg", "https://127.0.0.1:1/x.jpg", "file://" + std::string("/etc/hostname"),
-        "ftp://127.0.0.1:1/x", "gopher://127.0.0.1:1/x", "dict://127.0.0.1:1/x", "http://", "https://[::1",
-        "http://user:pw@127.0.0.1:1/" + std::string(3000, 'u')};
+    static const std::vector<std::string> kUrls = {"http://127.0.0.1:1/x.jpg",
+                                                   "https://127.0.0.1:1/x.jpg",
+                                                   "file://" + std::string("/etc/hostname"),
+                                                   "ftp://127.0.0.1:1/x",
+                                                   "gopher://127.0.0.1:1/x",
+                                                   "dict://127.0.0.1:1/x",
+                                                   "http://",
+                                                   "https://[::1",
+                                                   "http://user:pw@127.0.0.1:1/" + std::string(3000, 'u')};
     return m_rng.Chance(0.2) ? "file://" + m_outside + "/secret.txt" : m_rng.Pick(kUrls);
 }
 
 std::string BusFuzzer::ShmName() {
-    std::vector<std::string> names = {"/mox_datablock_0", "mox_datablock_1", "/mox_resultlist_1", "mox_resultlist_2",
-                                      "", "/", "/../../etc/hostname", "mox_no_such_object",
-                                      "/" + std::string(300, 'm')};
+    std::vector<std::string> names = {
+        "/mox_datablock_0",    "mox_datablock_1",    "/mox_resultlist_1",        "mox_resultlist_2", "", "/",
+        "/../../etc/hostname", "mox_no_such_object", "/" + std::string(300, 'm')};
     for (const auto& client : m_clients)
         for (const auto& name : client->resultLists) names.push_back(name), names.push_back("/" + name);
     if (m_rng.Chance(0.3)) {
@@ -330,9 +352,9 @@ std::string BusFuzzer::ShmName() {
         if (fd >= 0) {
             // Never the canary: writing a client's own object is allowed.
             std::string body = m_rng.Chance(0.1) ? std::string(5000, 'o') : "fuzz content";
-            int32_t length = m_rng.Chance(0.7) ? static_cast<int32_t>(body.size())
-                                               : static_cast<int32_t>(m_rng.Pick(std::vector<long>{
-                                                     -1, 0, 1 << 30, INT32_MAX, 4096}));
+            int32_t length = m_rng.Chance(0.7)
+                                 ? static_cast<int32_t>(body.size())
+                                 : static_cast<int32_t>(m_rng.Pick(std::vector<long>{-1, 0, 1 << 30, INT32_MAX, 4096}));
             (void)!write(fd, &length, sizeof(length));
             (void)!write(fd, body.data(), body.size());
             close(fd);
@@ -350,8 +372,9 @@ std::string BusFuzzer::Text() {
             return std::string(static_cast<size_t>(m_rng.Range(1, 64)), static_cast<char>('a' + m_rng.Range(0, 25)));
         case 2: return "%s%s%n%x%p";
         case 3: return "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbd";
-        case 4: return m_rng.Chance(0.3) ? std::string(static_cast<size_t>(m_rng.Range(1 << 20, 2 << 20)), 'H')
-                                         : std::string(static_cast<size_t>(m_rng.Range(4000, 70000)), 'h');
+        case 4:
+            return m_rng.Chance(0.3) ? std::string(static_cast<size_t>(m_rng.Range(1 << 20, 2 << 20)), 'H')
+                                     : std::string(static_cast<size_t>(m_rng.Range(4000, 70000)), 'h');
         case 5: return Path();
         case 6: return std::to_string(m_rng.Next());
         default: return "mox_" + std::to_string(m_rng.Range(0, 99));
@@ -367,9 +390,9 @@ std::string BusFuzzer::JsonString(const std::string& raw, double escapeChance) {
         out += c;
     }
     if (m_rng.Chance(escapeChance)) {
-        static const std::vector<std::string> kEscapes = {"\\ud800", "\\udc00", "\\ud800\\ud800", "\\udbff\\u0041",
-                                                          "\\u0000", "\\uffff", "\\u001b[31m", "\\ufffe", "\\x41",
-                                                          "\\ud83d\\ude00"};
+        static const std::vector<std::string> kEscapes = {
+            "\\ud800", "\\udc00",     "\\ud800\\ud800", "\\udbff\\u0041", "\\u0000",
+            "\\uffff", "\\u001b[31m", "\\ufffe",        "\\x41",          "\\ud83d\\ude00"};
         size_t pos = 1 + static_cast<size_t>(m_rng.Range(0, static_cast<long>(out.size()) - 1));
         // Never inside a multi-byte sequence.
         while (pos < out.size() && (static_cast<unsigned char>(out[pos]) & 0xC0) == 0x80) ++pos;
@@ -379,10 +402,27 @@ std::string BusFuzzer::JsonString(const std::string& raw, double escapeChance) {
 }
 
 std::string BusFuzzer::JsonInt() {
-    static const std::vector<std::string> kInts = {"0", "1", "2", "3", "-1", "5", "15", "7", "2147483647",
-                                                   "-2147483648", "2147483648", "4294967295", "9223372036854775807",
-                                                   "18446744073709551616", "1e308", "-1e400", "1.5", "-0", "0x10",
-                                                   "1024", "100000000"};
+    static const std::vector<std::string> kInts = {"0",
+                                                   "1",
+                                                   "2",
+                                                   "3",
+                                                   "-1",
+                                                   "5",
+                                                   "15",
+                                                   "7",
+                                                   "2147483647",
+                                                   "-2147483648",
+                                                   "2147483648",
+                                                   "4294967295",
+                                                   "9223372036854775807",
+                                                   "18446744073709551616",
+                                                   "1e308",
+                                                   "-1e400",
+                                                   "1.5",
+                                                   "-0",
+                                                   "0x10",
+                                                   "1024",
+                                                   "100000000"};
     return m_rng.Chance(0.5) ? std::to_string(m_rng.Range(-2, 40)) : m_rng.Pick(kInts);
 }
 
@@ -411,17 +451,24 @@ std::string BusFuzzer::JsonValue(int depth) {
 }
 
 std::string BusFuzzer::SourceLibrary() {
-    static const std::vector<std::string> kLibs = {
-        "libmox_local_source.so", "libmox_ra_source.so", "libmox_test_source.so", "libmox_uhd_provider.so",
-        "libnope.so", "../libmox_local_source.so", "/usr/lib/x86_64-linux-gnu/libc.so.6", "libc.so.6",
-        "lib.so", "", "libmox_local_source.so\xc3\xa9"};
+    static const std::vector<std::string> kLibs = {"libmox_local_source.so",
+                                                   "libmox_ra_source.so",
+                                                   "libmox_test_source.so",
+                                                   "libmox_uhd_provider.so",
+                                                   "libnope.so",
+                                                   "../libmox_local_source.so",
+                                                   "/usr/lib/x86_64-linux-gnu/libc.so.6",
+                                                   "libc.so.6",
+                                                   "lib.so",
+                                                   "",
+                                                   "libmox_local_source.so\xc3\xa9"};
     return m_rng.Chance(0.9) ? m_rng.Pick(kLibs) : Text();
 }
 
 // A member with a value of its own type most of the time, any type otherwise.
 std::string BusFuzzer::Member(const std::string& name) {
-    static const std::vector<std::string> kSources = {"mox_local_source", "mox_ra_source", "mox_test_source",
-                                                      "mox_test_source2", "mox_example_source", "nope", ""};
+    static const std::vector<std::string> kSources = {
+        "mox_local_source", "mox_ra_source", "mox_test_source", "mox_test_source2", "mox_example_source", "nope", ""};
     static const std::set<std::string> kPaths = {"mox_folder_path", "FilePath", "mox_transfer_dst", "mox_album_path",
                                                  "FOLDER_PATH"};
     std::string value;
@@ -429,8 +476,8 @@ std::string BusFuzzer::Member(const std::string& name) {
         value = JsonValue(0);
     } else if (name == "mox_command") {
         value = JsonString(m_rng.Pick(std::vector<std::string>{"mox_requestlist", "mox_requestdetail",
-                                                                "mox_requestmeta", "mox_uploadcomment", "mox_setlike",
-                                                                "mox_file_transfer", "mox_create_album"}));
+                                                               "mox_requestmeta", "mox_uploadcomment", "mox_setlike",
+                                                               "mox_file_transfer", "mox_create_album"}));
     } else if (name == "mox_source") {
         if (m_rng.Chance(0.5)) {
             value = JsonString(m_rng.Pick(kSources));
@@ -447,8 +494,8 @@ std::string BusFuzzer::Member(const std::string& name) {
     } else if (name == "SortedKey") {
         value = JsonString(m_rng.Pick(std::vector<std::string>{"FileName", "FileSize", "FileTime", "Title", "Nope"}));
     } else if (name == "test_misbehave") {
-        value = JsonString(m_rng.Pick(std::vector<std::string>{"count_mismatch", "overrun", "huge_range", "offset",
-                                                                "throw"}));
+        value = JsonString(
+            m_rng.Pick(std::vector<std::string>{"count_mismatch", "overrun", "huge_range", "offset", "throw"}));
     } else if (name == "test_delay_ms") {
         value = std::to_string(m_rng.Range(0, 1500));
     } else if (name == "mox_transfer_overwrite" || name == "mox_file_transfer_stop") {
@@ -464,27 +511,32 @@ std::string BusFuzzer::Member(const std::string& name) {
 
 std::string BusFuzzer::Document(const std::string& method) {
     static const std::map<std::string, std::vector<std::string>> kMembers = {
-        {"mox_requestlist", {"mox_source", "mox_sectionindex", "SortedType", "SortedKey", "mox_folder_path",
-                             "mox_media_type", "mox_start_index", "mox_end_index", "test_item_count",
-                             "test_misbehave", "test_delay_ms", "test_error"}},
-        {"mox_requestdetail", {"mox_source", "FilePath", "mox_detail_request_times", "test_misbehave",
-                               "test_delay_ms", "test_error"}},
+        {"mox_requestlist",
+         {"mox_source", "mox_sectionindex", "SortedType", "SortedKey", "mox_folder_path", "mox_media_type",
+          "mox_start_index", "mox_end_index", "test_item_count", "test_misbehave", "test_delay_ms", "test_error"}},
+        {"mox_requestdetail",
+         {"mox_source", "FilePath", "mox_detail_request_times", "test_misbehave", "test_delay_ms", "test_error"}},
         {"mox_requestmeta", {"mox_source", "mox_uhd_request_param", "mox_uuid", "mox_version"}},
-        {"mox_file_transfer", {"mox_source", "mox_transfer_id", "mox_transfer_src", "mox_transfer_dst",
-                               "mox_transfer_overwrite", "mox_file_transfer_stop", "mox_act_request_times"}},
+        {"mox_file_transfer",
+         {"mox_source", "mox_transfer_id", "mox_transfer_src", "mox_transfer_dst", "mox_transfer_overwrite",
+          "mox_file_transfer_stop", "mox_act_request_times"}},
         {"mox_create_album", {"mox_source", "mox_album_path", "mox_act_request_times"}},
         {"mox_setlike", {"mox_source", "mox_accesstoken", "mox_act_request_times"}},
         {"mox_uploadcomment", {"mox_source", "mox_accesstoken", "mox_act_request_times"}},
     };
-    static const std::vector<std::string> kCommon = {"mox_countryid", "mox_langid", "mox_accesstoken", "mox_uuid",
-                                                     "mox_version", "OPERATION_TYPE", "mox_handle_id"};
+    static const std::vector<std::string> kCommon = {"mox_countryid", "mox_langid",     "mox_accesstoken", "mox_uuid",
+                                                     "mox_version",   "OPERATION_TYPE", "mox_handle_id"};
     // The method's own kind half of the time; any kind (or none) otherwise.
     std::string kind;
     if (m_rng.Chance(0.5)) {
-        if (method == "get_partial_list") kind = "mox_requestlist";
-        else if (method == "request_detail") kind = "mox_requestdetail";
-        else if (method == "request_metadata") kind = "mox_requestmeta";
-        else kind = m_rng.Chance(0.7) ? "mox_file_transfer" : "mox_create_album";
+        if (method == "get_partial_list")
+            kind = "mox_requestlist";
+        else if (method == "request_detail")
+            kind = "mox_requestdetail";
+        else if (method == "request_metadata")
+            kind = "mox_requestmeta";
+        else
+            kind = m_rng.Chance(0.7) ? "mox_file_transfer" : "mox_create_album";
     } else {
         auto it = kMembers.begin();
         std::advance(it, m_rng.Range(0, static_cast<long>(kMembers.size()) - 1));
@@ -524,8 +576,8 @@ std::string BusFuzzer::Document(const std::string& method) {
 
 std::string BusFuzzer::FolderDocument() {
     std::string doc = "{";
-    if (m_rng.Chance(0.9)) doc += "\"OPERATION_TYPE\":" + (m_rng.Chance(0.8) ? std::to_string(m_rng.Range(-1, 2))
-                                                                             : JsonValue(0));
+    if (m_rng.Chance(0.9))
+        doc += "\"OPERATION_TYPE\":" + (m_rng.Chance(0.8) ? std::to_string(m_rng.Range(-1, 2)) : JsonValue(0));
     doc += std::string(doc.size() > 1 ? "," : "") + Member("FOLDER_PATH");
     if (m_rng.Chance(0.7)) doc += "," + Member("FOLDER_ID");
     return doc + "}";
@@ -547,8 +599,8 @@ guint32 BusFuzzer::Number(const std::string& argName) {
     if (argName == "scanner_id" && !m_scannerIds.empty() && m_rng.Chance(0.7)) return m_rng.Pick(m_scannerIds);
     if (argName == "client_pid")
         return m_rng.Chance(0.5) ? static_cast<guint32>(getpid()) : static_cast<guint32>(m_rng.Next());
-    static const std::vector<guint32> kNumbers = {0, 1, 2, 3, 4, 1024, 1025, 65535, 2147483647u, 2147483648u,
-                                                  4294967295u};
+    static const std::vector<guint32> kNumbers = {0,    1,     2,           3,           4,          1024,
+                                                  1025, 65535, 2147483647u, 2147483648u, 4294967295u};
     return m_rng.Chance(0.7) ? m_rng.Pick(kNumbers) : static_cast<guint32>(m_rng.Next());
 }
 
@@ -577,8 +629,8 @@ GVariant* BusFuzzer::Arguments(const MethodInfo& method, const Client& client) {
             std::string text = StringArg(method.name, name);
             g_variant_builder_add_value(&builder, g_variant_new_string(text.c_str()));
         } else if (signature == "u") {
-            g_variant_builder_add_value(&builder, g_variant_new_uint32(name == "handle_id" ? Handle(client)
-                                                                                           : Number(name)));
+            g_variant_builder_add_value(&builder,
+                                        g_variant_new_uint32(name == "handle_id" ? Handle(client) : Number(name)));
         } else if (signature == "b") {
             g_variant_builder_add_value(&builder, g_variant_new_boolean(m_rng.Chance(0.5)));
         } else {
@@ -624,9 +676,9 @@ GVariant* BusFuzzer::WrongArguments() {
 void BusFuzzer::AddClient() {
     auto client = std::make_unique<Client>();
     client->conn = m_h.Connect();
-    client->subscription = g_dbus_connection_signal_subscribe(
-        client->conn.get(), nullptr, moxtest::kEngineInterface, nullptr, moxtest::kEnginePath, nullptr,
-        G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, this, nullptr);
+    client->subscription = g_dbus_connection_signal_subscribe(client->conn.get(), nullptr, moxtest::kEngineInterface,
+                                                              nullptr, moxtest::kEnginePath, nullptr,
+                                                              G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, this, nullptr);
     m_clients.push_back(std::move(client));
 }
 
@@ -706,9 +758,9 @@ void BusFuzzer::Remember(const std::string& call) {
 }
 
 std::string BusFuzzer::SanitizerExcerpt(const std::string& output) const {
-    static const char* const kMarkers[] = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
-                                           "-CRITICAL **", "Assertion", "assertion", "ERROR: ThreadSanitizer",
-                                           "terminate called", "MOX_ASSERT"};
+    static const char* const kMarkers[] = {
+        "ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:", "-CRITICAL **", "Assertion", "assertion",
+        "ERROR: ThreadSanitizer",  "terminate called",     "MOX_ASSERT"};
     size_t first = std::string::npos;
     for (const char* marker : kMarkers) first = std::min(first, output.find(marker));
     if (first == std::string::npos) return "";
@@ -842,11 +894,12 @@ void BusFuzzer::Send(Client* client, const std::string& interface, const std::st
         }
         g_free(remote);
         if (timedOut && m_h.Running())
-            m_findings.push_back({"no reply (main loop blocked?)",
-                                  call + " (after " +
-                                      std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                         Clock::now() - started).count()) + " ms: " +
-                                      error->message + ")"});
+            m_findings.push_back(
+                {"no reply (main loop blocked?)",
+                 call + " (after " +
+                     std::to_string(
+                         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count()) +
+                     " ms: " + error->message + ")"});
         g_error_free(error);
         // A refused call is an answer; a tracked request refused by the bus needs no signal.
         if (tracked && client->busy) {
@@ -888,8 +941,8 @@ bool BusFuzzer::Replay() {
         std::string line = all.substr(pos, end - pos);
         pos = end + 1;
         if (line.empty() || line[0] == '#') continue;
-        for (const auto& [token, value] : {std::make_pair(std::string("@USB@"), m_h.UsbRoot()),
-                                           std::make_pair(std::string("@OUTSIDE@"), m_outside)})
+        for (const auto& [token, value] :
+             {std::make_pair(std::string("@USB@"), m_h.UsbRoot()), std::make_pair(std::string("@OUTSIDE@"), m_outside)})
             for (size_t at = line.find(token); at != std::string::npos; at = line.find(token, at + value.size()))
                 line.replace(at, token.size(), value);
         size_t space = line.find(' ');
@@ -912,8 +965,8 @@ bool BusFuzzer::Replay() {
         }
         AddClient();
         Pump();
-        Send(m_clients.back().get(), interface, name, params, interface == moxtest::kEngineInterface &&
-                                                                  kRequests.count(name) > 0);
+        Send(m_clients.back().get(), interface, name, params,
+             interface == moxtest::kEngineInterface && kRequests.count(name) > 0);
     }
     return true;
 }
@@ -983,18 +1036,19 @@ int BusFuzzer::Run() {
     for (const auto& name : EngineObjects())
         if (!m_shmBefore.count(name)) left.push_back(name);
     if (!left.empty() && m_deaths == 0)
-        m_findings.push_back({"objects left in /dev/shm after the stop", left.front() + " and " +
-                                                                            std::to_string(left.size() - 1) + " more"});
+        m_findings.push_back({"objects left in /dev/shm after the stop",
+                              left.front() + " and " + std::to_string(left.size() - 1) + " more"});
     for (const auto& name : left) shm_unlink(("/" + name).c_str());
 
     if (m_opt.requireAnswers)
         for (const auto& [method, count] : m_silentByMethod)
             m_findings.push_back({"request without any signal", method + ": " + std::to_string(count)});
 
-    printf("bus_fuzz: seed %llu: %zu calls in %.1f s (%zu skipped), %zu answered requests, %zu silent requests, "
-           "%zu lost in a crash, %zu restarts, %zu findings\n",
-           static_cast<unsigned long long>(m_opt.seed), m_calls, seconds, m_skipped, m_answered, m_silent, m_lost,
-           m_restarts, m_findings.size());
+    printf(
+        "bus_fuzz: seed %llu: %zu calls in %.1f s (%zu skipped), %zu answered requests, %zu silent requests, "
+        "%zu lost in a crash, %zu restarts, %zu findings\n",
+        static_cast<unsigned long long>(m_opt.seed), m_calls, seconds, m_skipped, m_answered, m_silent, m_lost,
+        m_restarts, m_findings.size());
     printf("calls by method:");
     for (const auto& [method, count] : m_callsByMethod) printf(" %s=%zu", method.c_str(), count);
     printf("\n");
@@ -1004,8 +1058,7 @@ int BusFuzzer::Run() {
         printf("\n");
         for (const auto& sample : m_silentSamples) printf("  silent: %s\n", sample.c_str());
     }
-    for (const auto& finding : m_findings)
-        printf("FINDING: %s\n  %s\n", finding.kind.c_str(), finding.detail.c_str());
+    for (const auto& finding : m_findings) printf("FINDING: %s\n  %s\n", finding.kind.c_str(), finding.detail.c_str());
     printf("reproduce: bus_fuzz --seed %llu %s%s\n", static_cast<unsigned long long>(m_opt.seed),
            m_opt.calls >= 0 ? ("--calls " + std::to_string(m_opt.calls)).c_str()
                             : ("--seconds " + std::to_string(static_cast<long>(m_opt.seconds))).c_str(),

@@ -14,8 +14,12 @@
 
 namespace scantest {
 
-inline void Touch(const std::string& path) { moxtest::WriteTextFile(path, "x"); }
-inline void MakeDir(const std::string& path) { mkdir(path.c_str(), 0755); }
+inline void Touch(const std::string& path) {
+    moxtest::WriteTextFile(path, "x");
+}
+inline void MakeDir(const std::string& path) {
+    mkdir(path.c_str(), 0755);
+}
 
 // Number of descriptors this process has open.
 inline int OpenFds() {

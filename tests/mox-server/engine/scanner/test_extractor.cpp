@@ -65,8 +65,8 @@ std::string ReadBytes(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-#define REQUIRE_TOOLS(...)                                                         \
-    for (const char* tool : {__VA_ARGS__})                                         \
+#define REQUIRE_TOOLS(...)                 \
+    for (const char* tool : {__VA_ARGS__}) \
         if (!HaveTool(tool)) GTEST_SKIP() << tool << " missing (scripts/install-deps.sh)";
 
 }  // namespace
@@ -195,8 +195,9 @@ TEST(Extractor, MusicAndVideoTags) {
     EXPECT_EQ(Here(dir, "v1.mp3", 5)["TITLE"].asString(), "Caf\xC3\xA9!");
 
     // Video: tags from the container; bitrate, duration and size not read.
-    const std::string clip = "ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=10 -t 1 -c:v mpeg4 "
-                             "-metadata title=Clip -metadata artist=Cast -metadata date=2020-05-04 ";
+    const std::string clip =
+        "ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=10 -t 1 -c:v mpeg4 "
+        "-metadata title=Clip -metadata artist=Cast -metadata date=2020-05-04 ";
     ASSERT_TRUE(Shell(clip + "-metadata copyright=Studio " + dir.file("clip.mp4")));
     ASSERT_TRUE(Shell(clip + dir.file("clip.mkv")));
     for (const char* name : {"clip.mp4", "clip.mkv"}) {
@@ -262,12 +263,18 @@ protected:
         setenv("MOX_USB_ROOT", s_dir->path().c_str(), 1);
         if (!HaveTool("convert") || !HaveTool("exiftool") || !HaveTool("ffmpeg")) return;
         s_bMedia = Shell("convert -size 32x24 xc:blue -strip " + s_dir->file("photo.jpg")) &&
-                   Shell("exiftool -q -overwrite_original -Model=Cam -Orientation#=3 '-DateTimeOriginal=2020:01:02 "
-                       "03:04:05' " + s_dir->file("photo.jpg")) &&
-                   Shell("ffmpeg -v error -y -f lavfi -i sine=duration=1 -b:a 64k -metadata title=Tune "
-                       "-metadata track=7 " + s_dir->file("tune.mp3")) &&
-                   Shell("ffmpeg -v error -y -f lavfi -i testsrc=size=64x48:rate=5 -t 1 -c:v mpeg4 "
-                       "-metadata title=Film " + s_dir->file("film.mp4"));
+                   Shell(
+                       "exiftool -q -overwrite_original -Model=Cam -Orientation#=3 '-DateTimeOriginal=2020:01:02 "
+                       "03:04:05' " +
+                       s_dir->file("photo.jpg")) &&
+                   Shell(
+                       "ffmpeg -v error -y -f lavfi -i sine=duration=1 -b:a 64k -metadata title=Tune "
+                       "-metadata track=7 " +
+                       s_dir->file("tune.mp3")) &&
+                   Shell(
+                       "ffmpeg -v error -y -f lavfi -i testsrc=size=64x48:rate=5 -t 1 -c:v mpeg4 "
+                       "-metadata title=Film " +
+                       s_dir->file("film.mp4"));
     }
     static void TearDownTestSuite() {
         delete s_dir;
@@ -348,8 +355,12 @@ TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
     std::mt19937 rng(7);
     std::string noise(64 * 1024, '\0');
     for (char& c : noise) c = static_cast<char>(rng());
-    for (auto [name, type] : {std::pair<const char*, int>{"truncated.jpg", 2}, {"truncated.mp3", 5},
-                              {"noise.jpg", 2}, {"noise.mkv", 3}, {"noise.flac", 5}, {"noise.ogg", 5}}) {
+    for (auto [name, type] : {std::pair<const char*, int>{"truncated.jpg", 2},
+                              {"truncated.mp3", 5},
+                              {"noise.jpg", 2},
+                              {"noise.mkv", 3},
+                              {"noise.flac", 5},
+                              {"noise.ogg", 5}}) {
         if (name[0] == 'n') WriteBytes(s_dir->file(name), noise);
         EXPECT_FALSE(Helper(name, type).empty()) << name;
     }

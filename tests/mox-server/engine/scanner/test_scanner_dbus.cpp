@@ -26,7 +26,9 @@ using moxtest::WriteTextFile;
 
 namespace {
 
-void Touch(const std::string& path) { ASSERT_TRUE(WriteTextFile(path, "x")); }
+void Touch(const std::string& path) {
+    ASSERT_TRUE(WriteTextFile(path, "x"));
+}
 
 // Plugs a mass-storage partition mounted at <usb root>/<name>; returns the
 // mount path.
@@ -35,7 +37,8 @@ std::string Plug(EngineHarness& h, const std::string& name) {
     std::filesystem::create_directories(mount);
     std::string json = R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
                        R"(","fs_type":0,"disk_type":1,"vendor_id":1,"manufacturer":"Acme",)"
-                       R"("product":"Stick","serial":")" + name + R"(","part_label":"D","address":3,"bus":1})";
+                       R"("product":"Stick","serial":")" +
+                       name + R"(","part_label":"D","address":3,"bus":1})";
     std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
     EXPECT_TRUE(WriteTextFile(tmp, json));
     EXPECT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
@@ -126,8 +129,8 @@ TEST(EngineScanner, DeviceCheckAnswers) {
 
     // Paths that do not resolve below the USB root, other kinds, and junk.
     ASSERT_EQ(symlink("/etc", (h.UsbRoot() + "/evil").c_str()), 0);
-    for (const std::string& bad : {std::string("/etc"), h.UsbRoot() + "/evil", h.UsbRoot() + "/sda1/../..",
-                                   h.UsbRoot(), std::string(""), h.UsbRoot() + "/missing"}) {
+    for (const std::string& bad : {std::string("/etc"), h.UsbRoot() + "/evil", h.UsbRoot() + "/sda1/../..", h.UsbRoot(),
+                                   std::string(""), h.UsbRoot() + "/missing"}) {
         auto r = StartScanner(h, "check_device", bad);
         EXPECT_FALSE(r.first) << bad;
         EXPECT_EQ(r.second, 0u);
@@ -225,10 +228,10 @@ std::string GdbusCall(EngineHarness& h, bool asNobody, const std::string& method
                       const std::vector<std::string>& args) {
     std::vector<std::string> argv;
     if (asNobody) argv = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
-    for (const std::string& a : {std::string("gdbus"), std::string("call"), "--address=" + h.BusAddress(),
-                                 std::string("--dest"), std::string(moxtest::kEngineName),
-                                 std::string("--object-path"), std::string(moxtest::kEnginePath),
-                                 std::string("--method"), "com.orvia.mox.engine." + method})
+    for (const std::string& a :
+         {std::string("gdbus"), std::string("call"), "--address=" + h.BusAddress(), std::string("--dest"),
+          std::string(moxtest::kEngineName), std::string("--object-path"), std::string(moxtest::kEnginePath),
+          std::string("--method"), "com.orvia.mox.engine." + method})
         argv.push_back(a);
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<gchar*> raw;
@@ -343,8 +346,8 @@ TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
     for (int i = 0; i < 20; ++i) started += StartScanner(h, "check_device", mount + "/small").first ? 1 : 0;
     EXPECT_EQ(started, 16);
     EXPECT_EQ(h.CountLog("already holds 16 scanners, refused"), 4u);
-    CallResult r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", (mount + "/small").c_str()),
-                          other.get());
+    CallResult r =
+        h.Call("start_scanner", g_variant_new("(ss)", "check_device", (mount + "/small").c_str()), other.get());
     ASSERT_TRUE(r.ok());
     gboolean otherStarted = FALSE;
     guint32 otherId = 0;
@@ -376,9 +379,9 @@ TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
         moxtest::ConnectionPtr greedy = h.Connect();
         int queued = 0;
         for (int i = 0; i < 40; ++i) {
-            CallResult t = h.Call("start_scanner_thumb",
-                                  g_variant_new("(ssuu)", (mount + "/slow").c_str(), "CONTENT-IMAGE", 4u, 500u + i),
-                                  greedy.get());
+            CallResult t =
+                h.Call("start_scanner_thumb",
+                       g_variant_new("(ssuu)", (mount + "/slow").c_str(), "CONTENT-IMAGE", 4u, 500u + i), greedy.get());
             gboolean ok = FALSE;
             if (t.ok()) g_variant_get(t.reply.get(), "(b)", &ok);
             queued += ok ? 1 : 0;

@@ -49,8 +49,10 @@ struct Recorder {
 bool WaitUntil(const std::function<bool()>& pred) {
     auto deadline = std::chrono::steady_clock::now() + 10s;
     while (!pred())
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        else std::this_thread::sleep_for(1ms);
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        else
+            std::this_thread::sleep_for(1ms);
     return true;
 }
 
@@ -177,8 +179,10 @@ TEST(AutoScanner, NormalModeOverflowKeepsEntries) {
         std::vector<SMOXFileInfo> batch;
         n = scanner.GetFileInfoList(3, batch);
         for (const auto& e : batch) {
-            if (e.bParentLink) ++nParentLinks;
-            else if (e.nType < MOX_SCANNER_START_FLAG) seen.insert(e.strName);
+            if (e.bParentLink)
+                ++nParentLinks;
+            else if (e.nType < MOX_SCANNER_START_FLAG)
+                seen.insert(e.strName);
         }
         if (n == -8) std::this_thread::sleep_for(1ms);
     }

@@ -61,8 +61,8 @@ TEST(DirectoryWalk, OrderSkipListAndFilters) {
 
     WalkResult all = Walk(WalkOption(root));
     EXPECT_EQ(all.nEnd, -7);
-    EXPECT_EQ(all.Names(), (std::set<std::string>{".hidden", "in_hidden.jpg", "a", "deep", "deepest.mp4",
-                                                  "top.mp3", "notes.txt"}));
+    EXPECT_EQ(all.Names(),
+              (std::set<std::string>{".hidden", "in_hidden.jpg", "a", "deep", "deepest.mp4", "top.mp3", "notes.txt"}));
     // Breadth first: every entry of the root before any of a sub-directory.
     auto depth = [&](const SMOXFileInfo& e) { return std::count(e.strBasePath.begin(), e.strBasePath.end(), '/'); };
     for (size_t i = 1; i < all.entries.size(); ++i) EXPECT_LE(depth(all.entries[i - 1]), depth(all.entries[i]));

@@ -38,7 +38,9 @@ Json::Value Parse(const std::string& text) {
     return value;
 }
 
-std::string Quote(const std::string& text) { return Json::valueToQuotedString(text.c_str()); }
+std::string Quote(const std::string& text) {
+    return Json::valueToQuotedString(text.c_str());
+}
 
 void WriteBytes(const std::string& path, size_t size, char seed) {
     std::string data(size, '\0');
@@ -107,7 +109,8 @@ protected:
         // self-signed certificate that nobody trusts.
         const std::string d = h.Path("");
         const std::string cmd =
-            "cd " + d + " && printf 'subjectAltName=IP:127.0.0.1\\n' > san.ext && "
+            "cd " + d +
+            " && printf 'subjectAltName=IP:127.0.0.1\\n' > san.ext && "
             "openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj /CN=moxca && "
             "openssl req -newkey rsa:2048 -nodes -keyout srv.key -out srv.csr -subj /CN=127.0.0.1 && "
             "openssl x509 -req -in srv.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out srv.pem -days 2 "
@@ -306,8 +309,7 @@ TEST_F(Acts, BadInputEndsWithCodeAndLeavesNothingHalfWritten) {
     // An existing destination stays unless overwriting is asked for.
     EXPECT_EQ(Run("exists", usb + "/sda1/a.jpg", usb + "/sdb1/keep.jpg"), 10);
     EXPECT_EQ(fs::file_size(usb + "/sdb1/keep.jpg"), 10u);
-    EXPECT_EQ(Run("overwrite", usb + "/sda1/a.jpg", usb + "/sdb1/keep.jpg", R"(,"mox_transfer_overwrite":true)"),
-              0);
+    EXPECT_EQ(Run("overwrite", usb + "/sda1/a.jpg", usb + "/sdb1/keep.jpg", R"(,"mox_transfer_overwrite":true)"), 0);
     EXPECT_EQ(fs::file_size(usb + "/sdb1/keep.jpg"), 5000u);
     EXPECT_EQ(Run("badflag", usb + "/sda1/a.jpg", dst, R"(,"mox_transfer_overwrite":"yes")"), 7);
 

@@ -53,7 +53,9 @@ std::string MakeTextShm(const std::string& content, int32_t declaredLength) {
     return name;
 }
 
-bool ShmExists(const std::string& name) { return Exists("/dev/shm" + name); }
+bool ShmExists(const std::string& name) {
+    return Exists("/dev/shm" + name);
+}
 
 std::string FolderCall(EngineHarness& h, const std::string& json) {
     CallResult r = h.Call("check_folder_path", g_variant_new("(s)", json.c_str()));
@@ -145,14 +147,12 @@ TEST(EngineFolderMap, AddFindBadDocumentsAndDatabaseReset) {
     EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":")" + a + R"("})"), "17");
 
     // Bad documents get an empty answer.
-    for (const char* doc : {R"({"FOLDER_PATH":"/x"})", R"({"OPERATION_TYPE":7})", "{not json", "[1,2,3]",
-                            R"({"OPERATION_TYPE":"0"})"})
+    for (const char* doc :
+         {R"({"FOLDER_PATH":"/x"})", R"({"OPERATION_TYPE":7})", "{not json", "[1,2,3]", R"({"OPERATION_TYPE":"0"})"})
         EXPECT_EQ(FolderCall(h, doc), "") << doc;
     // Members of the wrong type read as empty; the add still "succeeds".
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":5,"FOLDER_ID":[]})"),
-              "AddFolderMapSuccess");
-    EXPECT_EQ(FolderCall(h, std::string(R"({"OPERATION_TYPE":1,"FOLDER_PATH":")") +
-                                std::string(5000, '[') + "\"}"),
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":5,"FOLDER_ID":[]})"), "AddFolderMapSuccess");
+    EXPECT_EQ(FolderCall(h, std::string(R"({"OPERATION_TYPE":1,"FOLDER_PATH":")") + std::string(5000, '[') + "\"}"),
               "");
 
     ASSERT_TRUE(h.SetKey("file/private/mediaserver/db_reset", 1));
@@ -216,8 +216,8 @@ TEST(EngineFiles, ClientPathsStayBelowTheUsbRoot) {
     ASSERT_EQ(symlink(h.Path("").c_str(), (root + "/out").c_str()), 0);
     ASSERT_EQ(symlink(outside.c_str(), (root + "/dir/link").c_str()), 0);
 
-    const std::string escapes[] = {outside, root + "/../secret", root + "/dir/../../secret",
-                                   root + "/out/secret", root, root + "/", "relative"};
+    const std::string escapes[] = {
+        outside, root + "/../secret", root + "/dir/../../secret", root + "/out/secret", root, root + "/", "relative"};
     for (const std::string& path : escapes) {
         std::string shm = MakeTextShm("owned", 5);
         EXPECT_FALSE(Write(h, path, shm)) << path;
@@ -261,14 +261,26 @@ TEST(EngineFiles, ClientPathsStayBelowTheUsbRoot) {
     ASSERT_EQ(chmod(h.Path("").c_str(), 0711), 0);  // lets the other user reach the bus socket
     const std::string address = "--address=" + h.BusAddress();
     const std::string dest = root + "/stolen";
-    const char* argv[] = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "gdbus", "call",
-                          address.c_str(), "--dest", moxtest::kEngineName, "--object-path", moxtest::kEnginePath,
-                          "--method", "com.orvia.mox.engine.usb_file_write", dest.c_str(), rootObject.c_str(),
+    const char* argv[] = {"setpriv",
+                          "--reuid=65534",
+                          "--regid=65534",
+                          "--clear-groups",
+                          "gdbus",
+                          "call",
+                          address.c_str(),
+                          "--dest",
+                          moxtest::kEngineName,
+                          "--object-path",
+                          moxtest::kEnginePath,
+                          "--method",
+                          "com.orvia.mox.engine.usb_file_write",
+                          dest.c_str(),
+                          rootObject.c_str(),
                           nullptr};
     gchar* out = nullptr;
     gint status = -1;
-    ASSERT_TRUE(g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
-                             &out, nullptr, &status, nullptr));
+    ASSERT_TRUE(g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
+                             nullptr, &status, nullptr));
     EXPECT_STREQ(out, "(false,)\n");
     g_free(out);
     EXPECT_TRUE(ShmExists(rootObject));

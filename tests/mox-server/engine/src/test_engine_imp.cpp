@@ -118,9 +118,8 @@ TEST_F(EngineImp, EveryRequestIsAnsweredAndOnlyByItsOwnKind) {
     const connect_info_s c = Client(":1.1", 1000);
     const std::string transfer =
         R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source","mox_transfer_id":"x"})";
-    const std::string album =
-        R"({"mox_command":"mox_create_album","mox_source":"mox_ra_source","mox_album_path":")" +
-        m_dir.file("usb/album") + "\"}";
+    const std::string album = R"({"mox_command":"mox_create_album","mox_source":"mox_ra_source","mox_album_path":")" +
+                              m_dir.file("usb/album") + "\"}";
     m_engine->GetPartialList(transfer, 1, c);
     m_engine->GetPartialList(album, 2, c);
     m_engine->GetPartialList(R"({"mox_command":"mox_requestlist","mox_source":["\ud800"]})", 3, c);
@@ -131,8 +130,8 @@ TEST_F(EngineImp, EveryRequestIsAnsweredAndOnlyByItsOwnKind) {
     m_engine->EmitRequestFailure(EMOXCommandKind::kDetail, 8, c);
     std::vector<Sent> sent = m_sink.WaitFor(c.sender, 8);
     ASSERT_EQ(sent.size(), 8u);
-    const int expected[] = {MOX_EVENT_LIST_FAILED,   MOX_EVENT_LIST_FAILED, MOX_EVENT_LIST_FAILED,
-                            MOX_EVENT_DETAIL_FAILED, MOX_EVENT_META_FAILED, MOX_EVENT_ACT_FAILED,
+    const int expected[] = {MOX_EVENT_LIST_FAILED,   MOX_EVENT_LIST_FAILED,  MOX_EVENT_LIST_FAILED,
+                            MOX_EVENT_DETAIL_FAILED, MOX_EVENT_META_FAILED,  MOX_EVENT_ACT_FAILED,
                             MOX_EVENT_ACT_FAILED,    MOX_EVENT_DETAIL_FAILED};
     for (size_t i = 0; i < sent.size(); ++i) {
         EXPECT_EQ(sent[i].payload["mox_handle_id"].asUInt(), i + 1);
@@ -168,7 +167,8 @@ TEST_F(EngineImp, SharesBoundOneClientAndComeBackWhenItLeaves) {
     m_engine->RemoveClient(hog.sender);
     ASSERT_TRUE(m_engine->WaitIdle(20s));
     EXPECT_TRUE(m_sink.WaitFor(hog.sender, 1, 200ms).empty());
-    for (int i = 0; i < 16; ++i) EXPECT_TRUE(m_engine->GetPartialList(ListDoc(",\"m\":" + std::to_string(i)), 3, sameUser));
+    for (int i = 0; i < 16; ++i)
+        EXPECT_TRUE(m_engine->GetPartialList(ListDoc(",\"m\":" + std::to_string(i)), 3, sameUser));
     ASSERT_TRUE(m_engine->WaitIdle(20s));
     // The joined request of the same user got its list too, then 16 more.
     std::vector<Sent> mine = m_sink.WaitFor(sameUser.sender, 18);

@@ -110,8 +110,9 @@ void Spool(EngineHarness& h, const std::string& name, const std::string& json) {
 void Plug(EngineHarness& h, const std::string& name) {
     const std::string mount = h.UsbRoot() + "/" + name;
     std::filesystem::create_directories(mount);
-    Spool(h, name, R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
-                       R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":"Stick"})");
+    Spool(h, name,
+          R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
+              R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":"Stick"})");
 }
 
 void Unplug(EngineHarness& h, const std::string& name) {
@@ -244,9 +245,9 @@ TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
     EXPECT_EQ(ev["mox_detail_request_times"].asString(), "t");
     EXPECT_EQ(Parse(ev["mox_result_detail_json"].asString())["FileSize"].asInt(), 10);
     EXPECT_EQ(detail(folder + "/nothere.jpg")["mox_event_type"].asInt(), 5);
-    for (const std::string& path : {std::string("/etc/passwd"), folder + "/link.jpg", folder + "/dangling.jpg",
-                                    folder + "/link-rel.jpg", folder + "/dangling-rel.jpg",
-                                    folder + "/link.jpg/x", folder + "/../../../missing-outside.jpg"}) {
+    for (const std::string& path :
+         {std::string("/etc/passwd"), folder + "/link.jpg", folder + "/dangling.jpg", folder + "/link-rel.jpg",
+          folder + "/dangling-rel.jpg", folder + "/link.jpg/x", folder + "/../../../missing-outside.jpg"}) {
         ev = detail(path);
         EXPECT_EQ(ev["mox_event_type"].asInt(), 3) << path;
         EXPECT_EQ(ev["mox_result_detail_json"].asString(), "") << path;
@@ -368,8 +369,8 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     // Plug-in names: nothing outside the plug-in directory, nothing unusable.
     const std::string longName = "lib" + std::string(4096, 'a') + ".so";
     for (const std::string& name :
-         {std::string("../plugins/libmox_test_source.so"), std::string("/etc/libx.so"), std::string("libmox_test_source"),
-          std::string("lib..so"), longName, std::string("libmox_test_bad_abi.so"),
+         {std::string("../plugins/libmox_test_source.so"), std::string("/etc/libx.so"),
+          std::string("libmox_test_source"), std::string("lib..so"), longName, std::string("libmox_test_bad_abi.so"),
           std::string("libmox_test_no_entry.so"), std::string("libmox_test_no_create.so"), std::string("libnothere.so"),
           std::string("")})
         EXPECT_EQ(c.Connect(name), kFailedHandle) << name.substr(0, 60);
@@ -384,7 +385,8 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     const std::string album = h.UsbRoot() + "/made_by_a_list";
     const std::string padded(0x4242, ' ');
     const std::string transfer = R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source",)"
-                                 R"("mox_transfer_id":"x","mox_transfer_src":"/a","mox_transfer_dst":"/b"})" + padded;
+                                 R"("mox_transfer_id":"x","mox_transfer_src":"/a","mox_transfer_dst":"/b"})" +
+                                 padded;
     const std::string createAlbum =
         R"({"mox_command":"mox_create_album","mox_source":"mox_ra_source","mox_album_path":")" + album + R"("})";
     size_t n = 0, nMeta = 0;
@@ -417,9 +419,9 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
         else
             c.Send(r.method, g_variant_new("(us)", handle, r.doc.c_str()));
         Json::Value ev = method == "request_metadata" ? c.Nth("mox_request_metadata", ++nMeta)
-                                                     : c.Nth("mox_request_normal_complete", ++n);
-        const int expected = method == "get_partial_list" ? 2
-                             : method == "request_detail" ? 4
+                                                      : c.Nth("mox_request_normal_complete", ++n);
+        const int expected = method == "get_partial_list"   ? 2
+                             : method == "request_detail"   ? 4
                              : method == "request_metadata" ? 14
                                                             : 7;
         EXPECT_EQ(ev["mox_event_type"].asInt(), expected) << method << " " << r.doc.substr(0, 80);
@@ -544,7 +546,8 @@ TEST_F(Requests, ListShowsAddRemoveGrowRenameAndEngineWrites) {
     Client c(h);
     guint32 handle = c.Connect("libmox_local_source.so");
     const std::string doc = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
-                            R"("mox_folder_path":")" + dcim + R"("})";
+                            R"("mox_folder_path":")" +
+                            dcim + R"("})";
     size_t n = 0;
     using V = std::vector<std::string>;
     EXPECT_EQ(ListNames(c, handle, doc, n), (V{"a.jpg", "b.jpg", "c.jpg"}));
@@ -597,11 +600,12 @@ TEST_F(Requests, StickSwapUnmountAndEngineWritesForgetKeptAnswers) {
     size_t n = 0;
     using V = std::vector<std::string>;
     const std::string localDoc = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
-                                 R"("mox_folder_path":")" + mount + R"(/DCIM"})";
+                                 R"("mox_folder_path":")" +
+                                 mount + R"(/DCIM"})";
     // Kept until something touches the path (the test source says nothing
     // about validity; the ABI-1 one cannot).
-    const std::string keptDoc = ListDoc(R"(["mox_test_source","mox_test_source_v1"])",
-                                        R"(,"mox_folder_path":")" + mount + R"(//DCIM/")");
+    const std::string keptDoc =
+        ListDoc(R"(["mox_test_source","mox_test_source_v1"])", R"(,"mox_folder_path":")" + mount + R"(//DCIM/")");
     auto getData = [&] { return h.CountLog("test source GetData[mox_test_source]"); };
 
     EXPECT_EQ(ListNames(c, local, localDoc, n), (V{"first-1.jpg", "first-2.jpg"}));
@@ -644,8 +648,8 @@ TEST_F(Requests, StickSwapUnmountAndEngineWritesForgetKeptAnswers) {
     ListNames(c, test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:B","q":1)"), n);
     EXPECT_EQ(getData(), nAsked + 6);
     // A stamp above 256 bytes: answered, never kept.
-    const std::string longStamp = ListDoc(R"(["mox_test_source"])",
-                                          R"(,"test_validity":"stamp:)" + std::string(300, 'x') + R"(")");
+    const std::string longStamp =
+        ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:)" + std::string(300, 'x') + R"(")");
     ListNames(c, test, longStamp, n);
     ListNames(c, test, longStamp, n);
     EXPECT_EQ(getData(), nAsked + 8);

@@ -30,8 +30,9 @@ void Spool(EngineHarness& h, const std::string& name, const std::string& json) {
 void Plug(EngineHarness& h, const std::string& name, const std::string& product) {
     std::string mount = h.UsbRoot() + "/" + name;
     std::filesystem::create_directories(mount);
-    Spool(h, name, R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
-                       R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":")" + product + R"("})");
+    Spool(h, name,
+          R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
+              R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":")" + product + R"("})");
 }
 
 void PlugCamera(EngineHarness& h, const std::string& name) {

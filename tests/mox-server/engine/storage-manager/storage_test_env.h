@@ -42,17 +42,18 @@ public:
     // may or may not exist).
     static std::string Stick(const std::string& devname, const std::string& mountPath,
                              const std::string& product = "Cruzer Blade", int fsType = 0) {
-        return R"({"devname": ")" + devname + R"(", "class": 8, "mount_path": ")" + mountPath +
-               R"(", "fs_type": )" + std::to_string(fsType) +
+        return R"({"devname": ")" + devname + R"(", "class": 8, "mount_path": ")" + mountPath + R"(", "fs_type": )" +
+               std::to_string(fsType) +
                R"(, "disk_type": 1, "vendor_id": 1921, "manufacturer": "SanDisk", "product": ")" + product +
                R"(", "serial": "SN-)" + devname.substr(devname.rfind('/') + 1) +
                R"(", "part_label": "HOLIDAY", "address": 5, "bus": 1})";
     }
-    static std::string Camera(const std::string& devname, int address, int bus,
-                              const std::string& product = "D5300") {
-        return R"({"devname": ")" + devname + R"(", "class": 6, "vendor_id": 1200, "manufacturer": "Nikon", )"
-               R"("product": ")" + product + R"(", "serial": "3001", "address": )" + std::to_string(address) +
-               R"(, "bus": )" + std::to_string(bus) + "}";
+    static std::string Camera(const std::string& devname, int address, int bus, const std::string& product = "D5300") {
+        return R"({"devname": ")" + devname +
+               R"(", "class": 6, "vendor_id": 1200, "manufacturer": "Nikon", )"
+               R"("product": ")" +
+               product + R"(", "serial": "3001", "address": )" + std::to_string(address) + R"(, "bus": )" +
+               std::to_string(bus) + "}";
     }
 
 private:

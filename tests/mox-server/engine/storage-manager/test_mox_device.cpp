@@ -10,8 +10,9 @@ namespace {
 
 TEST(MOXDevice, UnknownPlatformCodesAndNullStringsAreSafe) {
     CMOXUSBDevice device;
-    const std::pair<int, int> fileSystems[] = {{0, MOX_USB_FS_VFAT}, {2, MOX_USB_FS_EXT4}, {3, MOX_USB_FS_NTFS},
-                                               {1, MOX_USB_FS_UNKNOWN}, {4, MOX_USB_FS_UNKNOWN}, {-22, MOX_USB_FS_UNKNOWN}};
+    const std::pair<int, int> fileSystems[] = {{0, MOX_USB_FS_VFAT},    {2, MOX_USB_FS_EXT4},
+                                               {3, MOX_USB_FS_NTFS},    {1, MOX_USB_FS_UNKNOWN},
+                                               {4, MOX_USB_FS_UNKNOWN}, {-22, MOX_USB_FS_UNKNOWN}};
     for (auto [platform, record] : fileSystems) {
         device.SetFileSystem(platform);
         EXPECT_EQ(record, device.GetFileSystem()) << platform;

@@ -10,8 +10,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <future>
-#include <mutex>
 #include <map>
+#include <mutex>
 #include <set>
 #include <thread>
 #include <vector>
@@ -253,8 +253,8 @@ TEST_F(StorageManager, UnboundClientsAndCamerasAreHandled) {
 
 TEST_F(StorageManager, HundredAndFirstDeviceOfOneModelGetsNoIndex) {
     for (int i = 0; i < 101; ++i)
-        m_env.Plug("d" + std::to_string(1000 + i),
-                   StorageTestEnv::Stick("/dev/sd" + std::to_string(1000 + i), m_env.MountDir(std::to_string(1000 + i))));
+        m_env.Plug("d" + std::to_string(1000 + i), StorageTestEnv::Stick("/dev/sd" + std::to_string(1000 + i),
+                                                                         m_env.MountDir(std::to_string(1000 + i))));
     auto manager = Start();
     Json::Value doc = Storages(*manager, MOX_STORAGE_DEVICE_USB);
     ASSERT_EQ(101u, doc["devices"].size());

@@ -112,9 +112,27 @@ TEST(StorageDocument, RandomRecordsMatchTheStyledWriter) {
     std::mt19937 rng(12);
     // Device strings come from USB descriptors and labels: any bytes but NUL,
     // including invalid UTF-8, control characters and quotes.
-    const std::vector<std::string> pieces = {"a", "Z", " ", "\"", "\\", "/", "\x01", "\x1f", "\x7f", "\n", "\t",
-                                             "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xff", "\xc3",
-                                             "\xed\xa0\x80", "\xe0\x80\x80", "\xf4\x90\x80\x80", "%s", "{}"};
+    const std::vector<std::string> pieces = {"a",
+                                             "Z",
+                                             " ",
+                                             "\"",
+                                             "\\",
+                                             "/",
+                                             "\x01",
+                                             "\x1f",
+                                             "\x7f",
+                                             "\n",
+                                             "\t",
+                                             "\xc3\xa9",
+                                             "\xe2\x82\xac",
+                                             "\xf0\x9f\x98\x80",
+                                             "\xff",
+                                             "\xc3",
+                                             "\xed\xa0\x80",
+                                             "\xe0\x80\x80",
+                                             "\xf4\x90\x80\x80",
+                                             "%s",
+                                             "{}"};
     auto randomText = [&] {
         std::string s;
         for (int n = static_cast<int>(rng() % 12); n > 0; --n) s += pieces[rng() % pieces.size()];
@@ -123,8 +141,8 @@ TEST(StorageDocument, RandomRecordsMatchTheStyledWriter) {
     for (int round = 0; round < 300; ++round) {
         std::vector<UsbDevicePtr> list;
         for (int n = static_cast<int>(rng() % 5); n > 0; --n) {
-            const std::string id = randomText(), model = randomText(), serial = randomText(),
-                              vendor = randomText(), label = randomText();
+            const std::string id = randomText(), model = randomText(), serial = randomText(), vendor = randomText(),
+                              label = randomText();
             const std::string mount = rng() % 3 ? "/nonexistent/" + randomText() : std::string(MOX_USB_NO_MOUNT_PATH);
             list.push_back(Record(id.c_str(), model.c_str(), mount.c_str(), static_cast<int>(rng() % 5) - 1,
                                   serial.c_str(), vendor.c_str(), static_cast<int>(rng() % 102),
