@@ -204,14 +204,21 @@ void CheckFolderPath(const Call& call) {
     call.Reply(mox_bus::NewStringTuple(strFolderId, "check_folder_path"));
 }
 
-void StartScannerThumb(const Call& call) {
+// The arguments of start_scanner_thumb and stop_scanner_thumb: (ssuu).
+struct ThumbArgs {
     const gchar* szFolderPath = nullptr;
     const gchar* szCategory = nullptr;
     guint32 nCount = 0;
     guint32 nPid = 0;
-    g_variant_get(call.parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
-    gboolean bStarted = call.service->Engine()->FolderThumbnailScan(call.Caller(), szFolderPath, szCategory, nCount,
-                                                                    static_cast<int>(nPid))
+    explicit ThumbArgs(GVariant* parameters) {
+        g_variant_get(parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
+    }
+};
+
+void StartScannerThumb(const Call& call) {
+    const ThumbArgs a(call.parameters);
+    gboolean bStarted = call.service->Engine()->FolderThumbnailScan(call.Caller(), a.szFolderPath, a.szCategory,
+                                                                    a.nCount, static_cast<int>(a.nPid))
                             ? TRUE
                             : FALSE;
     MOX_INFO("start_scanner_thumb return [%d]", bStarted);
@@ -220,13 +227,9 @@ void StartScannerThumb(const Call& call) {
 }
 
 void StopScannerThumb(const Call& call) {
-    const gchar* szFolderPath = nullptr;
-    const gchar* szCategory = nullptr;
-    guint32 nCount = 0;
-    guint32 nPid = 0;
-    g_variant_get(call.parameters, "(&s&suu)", &szFolderPath, &szCategory, &nCount, &nPid);
+    const ThumbArgs a(call.parameters);
     const connect_info_s caller = call.Caller();
-    call.service->Engine()->RemoveScannerOfFolder(szFolderPath, szCategory, nCount, static_cast<int>(nPid),
+    call.service->Engine()->RemoveScannerOfFolder(a.szFolderPath, a.szCategory, a.nCount, static_cast<int>(a.nPid),
                                                   caller.sender, [&caller] { return caller.uid == 0; });
     call.Reply(nullptr);
 }

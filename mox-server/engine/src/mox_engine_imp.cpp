@@ -161,32 +161,21 @@ size_t CMOXEngineImp::m_ListsHeldBy(const std::string& strSender) const {
 IMOXCommand* CMOXEngineImp::m_StartJob(std::unique_ptr<WorkerThreadJob> pJob) {
     // The closures name the job and its kind; the job outlives its command.
     WorkerThreadJob* pRaw = pJob.get();
-    MOXCommandCallback fnDone;
-    MOXProgressCallback fnProgress;
+    using DoneHandler = void (CMOXEngineImp::*)(WorkerThreadJob*, const std::string&, mox_error_code_e);
+    DoneHandler pfnDone = &CMOXEngineImp::m_OnListDone;
     switch (pJob->eKind) {
-        case EMOXCommandKind::kList:
-            fnDone = [this, pRaw](std::string strResult, mox_error_code_e eError) {
-                m_OnListDone(pRaw, strResult, eError);
-            };
-            break;
-        case EMOXCommandKind::kDetail:
-            fnDone = [this, pRaw](std::string strResult, mox_error_code_e eError) {
-                m_OnDetailDone(pRaw, strResult, eError);
-            };
-            break;
-        case EMOXCommandKind::kMeta:
-            fnDone = [this, pRaw](std::string strResult, mox_error_code_e eError) {
-                m_OnMetaDone(pRaw, strResult, eError);
-            };
-            break;
-        case EMOXCommandKind::kAct:
-            fnDone = [this, pRaw](std::string strResult, mox_error_code_e eError) {
-                m_OnActDone(pRaw, strResult, eError);
-            };
-            fnProgress = [this, pRaw](const char* szParam, mox_transfer_progress_data_s* pProgress,
-                                      mox_error_code_e eError) { m_OnActProgress(pRaw, szParam, pProgress, eError); };
-            break;
+        case EMOXCommandKind::kList: pfnDone = &CMOXEngineImp::m_OnListDone; break;
+        case EMOXCommandKind::kDetail: pfnDone = &CMOXEngineImp::m_OnDetailDone; break;
+        case EMOXCommandKind::kMeta: pfnDone = &CMOXEngineImp::m_OnMetaDone; break;
+        case EMOXCommandKind::kAct: pfnDone = &CMOXEngineImp::m_OnActDone; break;
     }
+    MOXCommandCallback fnDone = [this, pRaw, pfnDone](std::string strResult, mox_error_code_e eError) {
+        (this->*pfnDone)(pRaw, strResult, eError);
+    };
+    MOXProgressCallback fnProgress;
+    if (pJob->eKind == EMOXCommandKind::kAct)
+        fnProgress = [this, pRaw](const char* szParam, mox_transfer_progress_data_s* pProgress,
+                                  mox_error_code_e eError) { m_OnActProgress(pRaw, szParam, pProgress, eError); };
     pJob->pCommand =
         CMOXCommandFactory::GetCommand(pJob->eKind, pJob->strQueryCmd, std::move(fnDone), std::move(fnProgress));
     if (!pJob->pCommand) {
