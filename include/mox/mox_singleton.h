@@ -28,7 +28,7 @@ public:
         mox::MutexLock lock(Mutex());
         instance = Slot().load(std::memory_order_relaxed);
         if (instance == nullptr) {
-            instance = new T();
+            instance = new T();  // NOLINT(cppcoreguidelines-owning-memory): owned by Slot(), freed by Destroy()
             Slot().store(instance, std::memory_order_release);
         }
         return instance;
@@ -41,7 +41,7 @@ public:
             instance = Slot().exchange(nullptr, std::memory_order_acq_rel);
         }
         // Deleted outside the lock: T's destructor may use other singletons.
-        delete instance;
+        delete instance;  // NOLINT(cppcoreguidelines-owning-memory): taken out of Slot() above
     }
 
 private:

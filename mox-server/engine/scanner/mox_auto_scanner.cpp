@@ -35,10 +35,10 @@ CMOXAutoScanner::~CMOXAutoScanner() {
 bool CMOXAutoScanner::Create(const char* pszScannerName) {
     assert(pszScannerName != NULL);
     m_strName = pszScannerName;
-    m_pInitState.reset(new CMOXScannerInitState(this));
-    m_pStopState.reset(new CMOXScannerStopState(this));
-    m_pPauseState.reset(new CMOXScannerPauseState(this));
-    m_pScanState.reset(new CMOXScannerScanState(this));
+    m_pInitState = std::make_unique<CMOXScannerInitState>(this);
+    m_pStopState = std::make_unique<CMOXScannerStopState>(this);
+    m_pPauseState = std::make_unique<CMOXScannerPauseState>(this);
+    m_pScanState = std::make_unique<CMOXScannerScanState>(this);
     if (!m_pInitState || !m_pStopState || !m_pPauseState || !m_pScanState) {
         MOX_WARN("Cannot create All States...");
         return false;
@@ -425,7 +425,7 @@ bool CMOXAutoScanner::CreateNewScanner() {
         m_nMediaCount = 0;
         m_heldEntry = SMOXFileInfo();
         m_option.nResult = MOX_SCANNER_RESULT_NONE;
-        m_pDirScanner.reset(new CMOXUsbScanner());
+        m_pDirScanner = std::make_unique<CMOXUsbScanner>();
         if (m_option.nRecursive == 2) m_option.strDevicePath = m_option.strBasePath;
         if (m_pDirScanner->Create(m_option) != MOX_SCAN_OK) {
             MOX_INFO("CreateNewScanner() failed...");

@@ -44,7 +44,7 @@ std::string HelperPath() {
 
 CMOXExtractClient& CMOXExtractClient::Get() {
     // Never destroyed: scanner threads may still call it during exit.
-    static CMOXExtractClient* s_client = new CMOXExtractClient();
+    static CMOXExtractClient* s_client = new CMOXExtractClient();  // NOLINT(cppcoreguidelines-owning-memory)
     return *s_client;
 }
 

@@ -23,7 +23,7 @@ int CMOXScannerBase::Create(const SMOXScannerOption& option) {
     m_option.pfnEndCallback = nullptr;
     m_option.pCallbackData = nullptr;
     m_option.pfnFreeData = nullptr;
-    m_pExtension.reset(new CMOXMediaExtension(option.extensionList));
+    m_pExtension = std::make_unique<CMOXMediaExtension>(option.extensionList);
     m_pendingDirs.clear();
     m_bFinished = false;
     m_nRetryCount = 0;

@@ -202,7 +202,7 @@ void CMOXThumbnailScanner::t_Process() {
             option = m_current;
         }
         m_nLimit = std::min(option.nFileLimit, kMaxFilesPerRequest);
-        m_pDirScanner.reset(new CMOXUsbScanner());
+        m_pDirScanner = std::make_unique<CMOXUsbScanner>();
         m_pDirScanner->Create(option);
         m_nFileCount = 0;
         m_nDirCount = 0;

@@ -169,7 +169,7 @@ IMOXCommand* CMOXEngineImp::m_StartJob(std::unique_ptr<WorkerThreadJob> pJob) {
         case EMOXCommandKind::kMeta: pfnDone = &CMOXEngineImp::m_OnMetaDone; break;
         case EMOXCommandKind::kAct: pfnDone = &CMOXEngineImp::m_OnActDone; break;
     }
-    MOXCommandCallback fnDone = [this, pRaw, pfnDone](std::string strResult, mox_error_code_e eError) {
+    MOXCommandCallback fnDone = [this, pRaw, pfnDone](const std::string& strResult, mox_error_code_e eError) {
         (this->*pfnDone)(pRaw, strResult, eError);
     };
     MOXProgressCallback fnProgress;

@@ -133,7 +133,7 @@ guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleI
     MOX_DEBUG("Stop send act request[%s]", strCommand.c_str());
     // A command of its own, never stored: the stop touches no running job.
     std::unique_ptr<IMOXCommand> pCommand =
-        CMOXCommandFactory::GetCommand(EMOXCommandKind::kAct, strText, [](std::string, mox_error_code_e) {}, {});
+        CMOXCommandFactory::GetCommand(EMOXCommandKind::kAct, strText, [](const std::string&, mox_error_code_e) {}, {});
     auto* pActCommand = dynamic_cast<CMOXActCommand*>(pCommand.get());
     if (pActCommand == nullptr) return MOX_ERROR_GENERIC;
     pActCommand->Execute(strText);

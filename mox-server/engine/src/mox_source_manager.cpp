@@ -72,7 +72,7 @@ bool PluginPath(const std::string& strLibName, std::string& strPath) {
 
 }  // namespace
 
-bool CMOXSourceMgr::InstallPlugin(std::string strLibName) {
+bool CMOXSourceMgr::InstallPlugin(const std::string& strLibName) {
     std::string strPath;
     if (!PluginPath(strLibName, strPath)) return false;
     mox::MutexLock lock(m_mutex);

@@ -48,7 +48,7 @@ public:
 
     // Loads MOX_PLUGIN_DIR/strLibName. False (warning) for a name that is not
     // a plain "lib*.so" file name or a library that cannot be used.
-    bool InstallPlugin(std::string strLibName);
+    bool InstallPlugin(const std::string& strLibName);
     // The source named strSourceName, created and initialised on first use;
     // NULL when no installed library offers it or creation fails.
     IWebSource* GetSource(std::string strSourceName);

@@ -53,9 +53,9 @@ mox_update_uhd_metadata_fn CMOXUHDDataMgr::m_GetProvider() {
     return m_pfnUpdate;
 }
 
-int CMOXUHDDataMgr::UpdateUHDMetadata(std::string strUuid, std::string strAccessToken, std::string strLangId,
-                                      std::string strCountryId, std::string strVersion, std::string& strResult,
-                                      bool& bAvailable) {
+int CMOXUHDDataMgr::UpdateUHDMetadata(const std::string& strUuid, const std::string& strAccessToken,
+                                      const std::string& strLangId, const std::string& strCountryId,
+                                      const std::string& strVersion, std::string& strResult, bool& bAvailable) {
     strResult.clear();
     mox_update_uhd_metadata_fn pfnUpdate = m_GetProvider();
     bAvailable = pfnUpdate != nullptr;

@@ -27,8 +27,9 @@ public:
     // 0 on success with strResult the provider's text; the provider's own
     // non-zero code on failure; MOX_UHD_SERVICE_UNAVAILABLE (bAvailable
     // false) when there is no usable provider.
-    int UpdateUHDMetadata(std::string strUuid, std::string strAccessToken, std::string strLangId,
-                          std::string strCountryId, std::string strVersion, std::string& strResult, bool& bAvailable);
+    int UpdateUHDMetadata(const std::string& strUuid, const std::string& strAccessToken, const std::string& strLangId,
+                          const std::string& strCountryId, const std::string& strVersion, std::string& strResult,
+                          bool& bAvailable);
 
 private:
     struct SLibraryCloser {
