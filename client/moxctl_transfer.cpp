@@ -74,6 +74,14 @@ std::string TransferError(int code) {
     }
 }
 
+// The next act signal (progress or end) of `handle`.
+CMOXCtlBus::Wait WaitActEvent(Context& ctx, guint32 handle, Json::Value& payload) {
+    return WaitCompletion(
+        ctx.bus, "mox_request_normal_complete", handle,
+        [](int e) { return e == MOX_EVENT_ACT_DONE || e == MOX_EVENT_ACT_FAILED || e == MOX_EVENT_ACT_PROGRESS; },
+        payload);
+}
+
 }  // namespace
 
 int RunTransfer(Context& ctx, const TransferArgs& args) {
@@ -110,10 +118,7 @@ int RunTransfer(Context& ctx, const TransferArgs& args) {
     auto started = std::chrono::steady_clock::now();
     for (;;) {
         Json::Value payload;
-        auto w = WaitCompletion(
-            ctx.bus, "mox_request_normal_complete", session.Handle(),
-            [](int e) { return e == MOX_EVENT_ACT_DONE || e == MOX_EVENT_ACT_FAILED || e == MOX_EVENT_ACT_PROGRESS; },
-            payload);
+        auto w = WaitActEvent(ctx, session.Handle(), payload);
         if (w == CMOXCtlBus::Wait::kInterrupted && !stopping) {
             stopping = true;
             progress.Finish();
@@ -235,10 +240,7 @@ int RunAct(Context& ctx, const ActArgs& args) {
     if (!reply) return ctx.Fail(code, error);
     for (;;) {
         Json::Value payload;
-        auto w = WaitCompletion(
-            ctx.bus, "mox_request_normal_complete", session.Handle(),
-            [](int e) { return e == MOX_EVENT_ACT_DONE || e == MOX_EVENT_ACT_FAILED || e == MOX_EVENT_ACT_PROGRESS; },
-            payload);
+        auto w = WaitActEvent(ctx, session.Handle(), payload);
         if (w != CMOXCtlBus::Wait::kGot) {
             // Leaving drops the handle: a request nobody waits for is stopped.
             int rc = CMOXCtlBus::Describe(w, "the act", error);
