@@ -244,10 +244,12 @@ bool parseIntrospectionData() {
 
 // The engine left alive for commands that did not end at shutdown.
 CMOXEngineImp* g_pEngineAtExit = nullptr;
+CMOXBusService* g_pBusAtExit = nullptr;  // likewise: the kept engine's signal sink
 
 // The engine drops the result lists clients still hold; the sources, the
 // cached blocks and the UHD provider go only when no command runs any more.
-void shutDownEngine(std::unique_ptr<CMOXEngineImp> pEngine) {
+// True when the engine had to be kept for a stuck command.
+bool shutDownEngine(std::unique_ptr<CMOXEngineImp> pEngine) {
     if (!pEngine->Shutdown()) {
         // A source stuck in a call: its thread still reaches the engine, the
         // pool and the source when (if) it returns, so they stay; everything
@@ -257,12 +259,13 @@ void shutDownEngine(std::unique_ptr<CMOXEngineImp> pEngine) {
         CMOXRequestListCommand::UnlinkBlocksInProgress();
         CMOXSingleton<CCachePool>::Get()->UnlinkAllAtExit();
         g_pEngineAtExit = pEngine.release();
-        return;
+        return true;
     }
     pEngine.reset();
     CMOXSingleton<CMOXSourceMgr>::Destroy();
     CMOXSingleton<CCachePool>::Destroy();
     CMOXSingleton<CMOXUHDDataMgr>::Destroy();
+    return false;
 }
 
 // Everything main builds, torn down in reverse in one place whatever stage
@@ -283,13 +286,18 @@ struct Daemon {
             pStorage->SetInternalCB(nullptr, nullptr);
             pStorage.reset();
         }
-        if (pEngine) shutDownEngine(std::move(pEngine));
+        const bool bEngineKept = pEngine && shutDownEngine(std::move(pEngine));
         if (bKeyWatched) vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
         // Scanner threads end before the connection their callbacks use goes.
         CMOXSingleton<CMOXScanManager>::Destroy();
         CMOXSingleton<CCacheFolder>::Destroy();
+        // A kept engine still sends through the bus service when its stuck
+        // command returns: the service stays too, until the process ends.
+        if (bEngineKept)
+            g_pBusAtExit = pBus.release();
+        else
+            pBus.reset();
         g_pBus = nullptr;
-        pBus.reset();
         g_introspectionData.reset();
         g_introspectionXml.reset();
         curl_global_cleanup();
