@@ -109,7 +109,7 @@ wait "$PULL_PID"
 step "Errors: one line on stderr and a documented exit status"
 show moxctl list /etc
 moxctl list /etc && status=0 || status=$?
-echo "exit status $status (1: the engine reported a failure)"
+echo "exit status $status (4: not a folder below the USB root)"
 
 step "Stopping mox-engine (SIGTERM)"
 kill -TERM "$ENGINE_PID"
