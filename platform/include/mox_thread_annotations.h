@@ -53,14 +53,17 @@
 
 namespace mox {
 
-// std::mutex the analysis knows. The lower-case members keep it usable with
-// std APIs (std::lock_guard, std::scoped_lock), which the analysis does not see
-// through: use MutexLock and UniqueLock.
-class CAPABILITY("mutex") Mutex {
+// A standard mutex (std::mutex or std::recursive_mutex) the analysis knows.
+// The lower-case members keep it usable with std APIs (std::lock_guard,
+// std::scoped_lock), which the analysis does not see through: use MutexLock
+// and UniqueLock. The analysis does not model re-entry of a recursive one:
+// code it sees must not take that lock twice.
+template <class StdMutex>
+class CAPABILITY("mutex") BasicMutex {
 public:
-    Mutex() = default;
-    Mutex(const Mutex&) = delete;
-    Mutex& operator=(const Mutex&) = delete;
+    BasicMutex() = default;
+    BasicMutex(const BasicMutex&) = delete;
+    BasicMutex& operator=(const BasicMutex&) = delete;
 
     void Lock() ACQUIRE() { m_mutex.lock(); }
     void Unlock() RELEASE() { m_mutex.unlock(); }
@@ -72,57 +75,33 @@ public:
 
     // Tells the analysis the caller holds the mutex, where it cannot see it
     // (code called back under a lock its caller took). Checks nothing at run
-    // time: std::mutex does not know its owner.
+    // time: a standard mutex does not know its owner.
     void AssertHeld() const ASSERT_CAPABILITY(this) {}
 
 private:
     friend class UniqueLock;
-    std::mutex m_mutex;
+    StdMutex m_mutex;
 };
 
-// std::recursive_mutex the analysis knows, for a lock a thread may take again
-// through a callback it runs under that lock. The analysis does not model
-// re-entry: code it sees must not take the lock twice.
-class CAPABILITY("mutex") RecursiveMutex {
-public:
-    RecursiveMutex() = default;
-    RecursiveMutex(const RecursiveMutex&) = delete;
-    RecursiveMutex& operator=(const RecursiveMutex&) = delete;
-
-    void Lock() ACQUIRE() { m_mutex.lock(); }
-    void Unlock() RELEASE() { m_mutex.unlock(); }
-    bool TryLock() TRY_ACQUIRE(true) { return m_mutex.try_lock(); }
-
-    void lock() ACQUIRE() { m_mutex.lock(); }
-    void unlock() RELEASE() { m_mutex.unlock(); }
-    bool try_lock() TRY_ACQUIRE(true) { return m_mutex.try_lock(); }
-
-private:
-    std::recursive_mutex m_mutex;
-};
+using Mutex = BasicMutex<std::mutex>;
+// For a lock a thread may take again through a callback it runs under it.
+using RecursiveMutex = BasicMutex<std::recursive_mutex>;
 
 // Holds the mutex from construction to the end of the scope.
-class SCOPED_CAPABILITY MutexLock {
+template <class M>
+class SCOPED_CAPABILITY BasicMutexLock {
 public:
-    explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.Lock(); }
-    ~MutexLock() RELEASE() { m_mutex.Unlock(); }
-    MutexLock(const MutexLock&) = delete;
-    MutexLock& operator=(const MutexLock&) = delete;
+    explicit BasicMutexLock(M& mutex) ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.Lock(); }
+    ~BasicMutexLock() RELEASE() { m_mutex.Unlock(); }
+    BasicMutexLock(const BasicMutexLock&) = delete;
+    BasicMutexLock& operator=(const BasicMutexLock&) = delete;
 
 private:
-    Mutex& m_mutex;
+    M& m_mutex;
 };
 
-class SCOPED_CAPABILITY RecursiveMutexLock {
-public:
-    explicit RecursiveMutexLock(RecursiveMutex& mutex) ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.Lock(); }
-    ~RecursiveMutexLock() RELEASE() { m_mutex.Unlock(); }
-    RecursiveMutexLock(const RecursiveMutexLock&) = delete;
-    RecursiveMutexLock& operator=(const RecursiveMutexLock&) = delete;
-
-private:
-    RecursiveMutex& m_mutex;
-};
+using MutexLock = BasicMutexLock<Mutex>;
+using RecursiveMutexLock = BasicMutexLock<RecursiveMutex>;
 
 // Holds the mutex like MutexLock, can let go of it for a while (Unlock/Lock)
 // and waits on a std::condition_variable. Waits take no predicate: a predicate
