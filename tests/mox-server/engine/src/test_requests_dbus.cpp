@@ -394,21 +394,16 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
         const char* method;
         std::string doc;
     };
+    // Every kind against every method runs in-process (test_engine_imp);
+    // here the reproductions over the bus, the bound and the parse failure.
     const Refusal refusals[] = {
         {"get_partial_list", "not json"},
-        {"get_partial_list", "[1,2]"},
-        {"get_partial_list", R"({"mox_command":"mox_unknown","mox_source":["mox_test_source"]})"},
         {"get_partial_list", R"({"mox_command":"mox_requestlist","mox_source":["\ud800"]})"},
         {"get_partial_list", transfer},
         {"get_partial_list", createAlbum},
-        {"request_detail", transfer},
-        {"request_detail", createAlbum},
-        {"request_detail", ListDoc(R"(["mox_test_source"])")},
         {"request_detail", std::string(2 << 20, '{')},
         {"request_metadata", transfer},
-        {"request_metadata", ListDoc(R"(["mox_test_source"])")},
         {"request_act", ListDoc(R"(["mox_test_source"])")},
-        {"request_act", R"({"mox_command":"mox_requestdetail","mox_source":"mox_test_source"})"},
     };
     for (const Refusal& r : refusals) {
         const std::string method = r.method;
@@ -430,7 +425,7 @@ TEST_F(Requests, BadNamesDocumentsAndPluginAnswersKeepTheDaemonServing) {
     }
     c.Drain(300);
     EXPECT_EQ(c.Count("mox_request_normal_complete"), n);
-    EXPECT_EQ(h.CountLog("does not belong to this method: refused."), 9u);
+    EXPECT_EQ(h.CountLog("does not belong to this method: refused."), 4u);
     EXPECT_FALSE(std::filesystem::exists(album));
 
     // Each bad list request gets its failure event with its code, no list,
@@ -687,43 +682,32 @@ TEST_F(Requests, SleepingSourceSeesStopWhenNobodyWaits) {
     EXPECT_EQ(c.Count("mox_request_normal_complete"), 2u);
 }
 
-// SIGTERM while a source sleeps in GetData: the source is stopped, the
-// daemon exits well within 5 s and leaves no object behind.
-TEST(RequestsShutdown, SigtermDuringSleepingGetDataIsBounded) {
-    EngineHarness h;
-    Install(h, MOX_TEST_SOURCE_SO);
-    ASSERT_TRUE(h.Start());
-    Client c(h);
-    guint32 handle = c.Connect("libmox_test_source.so");
-    c.List(handle, ListDoc(R"(["mox_test_source"])"));
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 1)["mox_event_type"].asInt(), 0);
-    c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":60000)"));
-    ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]", 2));
-    const auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(h.Stop(std::chrono::seconds(10)), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
-    EXPECT_EQ(h.CountLog("test source stopped[mox_test_source]"), 1u);
-    EXPECT_EQ(MoxObjects(), std::vector<std::string>());
-}
-
-// SIGTERM while a source is stuck in GetData (it never looks at bStop): the
-// daemon still exits within 5 s, closes the other sources, names the stuck
-// one and leaves no object of its own behind.
-TEST(RequestsShutdown, SigtermWithStuckSourceIsBoundedAndClean) {
-    EngineHarness h;
-    Install(h, MOX_TEST_SOURCE_SO);
-    ASSERT_TRUE(h.Start());
-    Client c(h);
-    guint32 handle = c.Connect("libmox_test_source.so");
-    c.List(handle, ListDoc(R"(["mox_test_source2"])"));
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", 1)["mox_event_type"].asInt(), 0);
-    c.List(handle, ListDoc(R"(["mox_test_source"])", R"(,"test_stuck_ms":30000)"));
-    ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]"));
-    const auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(h.Stop(std::chrono::seconds(10)), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
-    EXPECT_EQ(h.CountLog("Source[mox_test_source] is stuck in a call at exit: not closed."), 1u);
-    EXPECT_EQ(MoxObjects(), std::vector<std::string>());
+// SIGTERM while a source is in GetData: one that sleeps polling bStop is
+// stopped; one stuck without looking at it is named and left unclosed. Either
+// way the daemon exits 0 within 5 s, after a first list kept in the cache,
+// and leaves no object of its own behind.
+TEST(RequestsShutdown, SigtermDuringGetDataIsBoundedAndClean) {
+    const struct {
+        const char* extra;
+        const char* log;
+    } cases[] = {{R"(,"test_delay_ms":60000)", "test source stopped[mox_test_source]"},
+                 {R"(,"test_stuck_ms":30000)", "Source[mox_test_source] is stuck in a call at exit: not closed."}};
+    for (const auto& k : cases) {
+        EngineHarness h;
+        Install(h, MOX_TEST_SOURCE_SO);
+        ASSERT_TRUE(h.Start());
+        Client c(h);
+        guint32 handle = c.Connect("libmox_test_source.so");
+        c.List(handle, ListDoc(R"(["mox_test_source2"])"));
+        EXPECT_EQ(c.Nth("mox_request_normal_complete", 1)["mox_event_type"].asInt(), 0);
+        c.List(handle, ListDoc(R"(["mox_test_source"])", k.extra));
+        ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]"));
+        const auto t0 = std::chrono::steady_clock::now();
+        EXPECT_EQ(h.Stop(std::chrono::seconds(10)), 0) << k.extra;
+        EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5)) << k.extra;
+        EXPECT_EQ(h.CountLog(k.log), 1u) << k.extra;
+        EXPECT_EQ(MoxObjects(), std::vector<std::string>()) << k.extra;
+    }
 }
 
 // The example plug-in, built in this tree or (MOX_OUT_OF_TREE_PLUGIN, set by
