@@ -13,6 +13,7 @@ PACKAGES=(
   uuid-dev libsystemd-dev libudev-dev umockdev libumockdev-dev systemd util-linux
   libgtest-dev libgmock-dev libbenchmark-dev valgrind
   libcli11-dev jq python3 bsdutils tmux
+  libfuse3-dev fuse3 e2fsprogs libsqlite3-dev
 )
 
 missing=()

@@ -1,0 +1,225 @@
+// A pass-through FUSE file system for tests that makes chosen operations hang
+// or fail with EIO, the way a dying USB stick does.
+//
+//   mox_faultfs BACKING_DIR MOUNT_POINT CONTROL_FILE
+//
+// CONTROL_FILE holds one rule per line: "ACTION OP SUBSTRING", where ACTION is
+// "hang" or "eio", OP one of getattr, readdir, opendir, open, read, write or
+// "*", and SUBSTRING is matched against the path inside the file system ("*"
+// matches every path). The file is re-read whenever its modification time or
+// size changes; a hung operation returns (passing through) once no rule holds
+// it any more, so a test releases hangs by rewriting the file. Runs in the
+// foreground, multi-threaded, until unmounted.
+#define FUSE_USE_VERSION 35
+#include <dirent.h>
+#include <fcntl.h>
+#include <fuse3/fuse.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct Rule {
+    std::string action;
+    std::string op;
+    std::string needle;
+};
+
+std::string g_backing;
+std::string g_control;
+std::mutex g_mutex;
+std::vector<Rule> g_rules;  // guarded by g_mutex
+struct timespec g_controlMtime = {0, 0};
+off_t g_controlSize = -1;
+
+void ReloadRulesLocked() {
+    struct stat st {};
+    if (stat(g_control.c_str(), &st) != 0) {
+        g_rules.clear();
+        g_controlSize = -1;
+        return;
+    }
+    if (st.st_mtim.tv_sec == g_controlMtime.tv_sec && st.st_mtim.tv_nsec == g_controlMtime.tv_nsec &&
+        st.st_size == g_controlSize)
+        return;
+    g_controlMtime = st.st_mtim;
+    g_controlSize = st.st_size;
+    g_rules.clear();
+    std::ifstream in(g_control);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        Rule rule;
+        if (words >> rule.action >> rule.op >> rule.needle) g_rules.push_back(rule);
+    }
+}
+
+// The action of the first rule matching (op, path), or "" when none does.
+std::string Match(const char* op, const char* path) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    ReloadRulesLocked();
+    for (const Rule& rule : g_rules) {
+        if (rule.op != "*" && rule.op != op) continue;
+        if (rule.needle != "*" && std::strstr(path, rule.needle.c_str()) == nullptr) continue;
+        return rule.action;
+    }
+    return "";
+}
+
+// 0 to pass through, or the negative errno the operation must return. Blocks
+// while a "hang" rule holds.
+int Fault(const char* op, const char* path) {
+    for (;;) {
+        const std::string action = Match(op, path);
+        if (action == "eio") return -EIO;
+        if (action != "hang") return 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+std::string Real(const char* path) { return g_backing + path; }
+
+int FsGetattr(const char* path, struct stat* st, struct fuse_file_info*) {
+    if (int rc = Fault("getattr", path)) return rc;
+    return lstat(Real(path).c_str(), st) == 0 ? 0 : -errno;
+}
+
+int FsReadlink(const char* path, char* buf, size_t size) {
+    ssize_t n = readlink(Real(path).c_str(), buf, size - 1);
+    if (n < 0) return -errno;
+    buf[n] = '\0';
+    return 0;
+}
+
+int FsOpendir(const char* path, struct fuse_file_info*) {
+    if (int rc = Fault("opendir", path)) return rc;
+    DIR* dir = opendir(Real(path).c_str());
+    if (dir == nullptr) return -errno;
+    closedir(dir);
+    return 0;
+}
+
+int FsReaddir(const char* path, void* buf, fuse_fill_dir_t fill, off_t, struct fuse_file_info*,
+              enum fuse_readdir_flags) {
+    if (int rc = Fault("readdir", path)) return rc;
+    DIR* dir = opendir(Real(path).c_str());
+    if (dir == nullptr) return -errno;
+    while (struct dirent* entry = readdir(dir)) {
+        struct stat st {};
+        st.st_ino = entry->d_ino;
+        st.st_mode = static_cast<mode_t>(DTTOIF(entry->d_type));
+        if (fill(buf, entry->d_name, &st, 0, static_cast<fuse_fill_dir_flags>(0)) != 0) break;
+    }
+    closedir(dir);
+    return 0;
+}
+
+int FsOpen(const char* path, struct fuse_file_info* fi) {
+    if (int rc = Fault("open", path)) return rc;
+    int fd = open(Real(path).c_str(), fi->flags);
+    if (fd < 0) return -errno;
+    fi->fh = static_cast<uint64_t>(fd);
+    return 0;
+}
+
+int FsCreate(const char* path, mode_t mode, struct fuse_file_info* fi) {
+    if (int rc = Fault("open", path)) return rc;
+    int fd = open(Real(path).c_str(), fi->flags | O_CREAT, mode);
+    if (fd < 0) return -errno;
+    fi->fh = static_cast<uint64_t>(fd);
+    return 0;
+}
+
+int FsRead(const char* path, char* buf, size_t size, off_t offset, struct fuse_file_info* fi) {
+    if (int rc = Fault("read", path)) return rc;
+    ssize_t n = pread(static_cast<int>(fi->fh), buf, size, offset);
+    return n < 0 ? -errno : static_cast<int>(n);
+}
+
+int FsWrite(const char* path, const char* buf, size_t size, off_t offset, struct fuse_file_info* fi) {
+    if (int rc = Fault("write", path)) return rc;
+    ssize_t n = pwrite(static_cast<int>(fi->fh), buf, size, offset);
+    return n < 0 ? -errno : static_cast<int>(n);
+}
+
+int FsRelease(const char*, struct fuse_file_info* fi) {
+    close(static_cast<int>(fi->fh));
+    return 0;
+}
+
+int FsFsync(const char*, int, struct fuse_file_info* fi) {
+    return fsync(static_cast<int>(fi->fh)) == 0 ? 0 : -errno;
+}
+
+int FsMkdir(const char* path, mode_t mode) { return mkdir(Real(path).c_str(), mode) == 0 ? 0 : -errno; }
+int FsUnlink(const char* path) { return unlink(Real(path).c_str()) == 0 ? 0 : -errno; }
+int FsRmdir(const char* path) { return rmdir(Real(path).c_str()) == 0 ? 0 : -errno; }
+int FsRename(const char* from, const char* to, unsigned int) {
+    return rename(Real(from).c_str(), Real(to).c_str()) == 0 ? 0 : -errno;
+}
+int FsTruncate(const char* path, off_t size, struct fuse_file_info*) {
+    return truncate(Real(path).c_str(), size) == 0 ? 0 : -errno;
+}
+int FsChmod(const char* path, mode_t mode, struct fuse_file_info*) {
+    return chmod(Real(path).c_str(), mode) == 0 ? 0 : -errno;
+}
+int FsUtimens(const char* path, const struct timespec tv[2], struct fuse_file_info*) {
+    return utimensat(AT_FDCWD, Real(path).c_str(), tv, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : -errno;
+}
+int FsStatfs(const char* path, struct statvfs* st) {
+    return statvfs(Real(path).c_str(), st) == 0 ? 0 : -errno;
+}
+
+void* FsInit(struct fuse_conn_info*, struct fuse_config* cfg) {
+    // No kernel caching: every lookup and attribute read must reach the rules.
+    cfg->entry_timeout = 0;
+    cfg->attr_timeout = 0;
+    cfg->negative_timeout = 0;
+    cfg->use_ino = 1;
+    return nullptr;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        fprintf(stderr, "usage: %s BACKING_DIR MOUNT_POINT CONTROL_FILE\n", argv[0]);
+        return 2;
+    }
+    g_backing = argv[1];
+    g_control = argv[3];
+    struct fuse_operations ops {};
+    ops.init = FsInit;
+    ops.getattr = FsGetattr;
+    ops.readlink = FsReadlink;
+    ops.opendir = FsOpendir;
+    ops.readdir = FsReaddir;
+    ops.open = FsOpen;
+    ops.create = FsCreate;
+    ops.read = FsRead;
+    ops.write = FsWrite;
+    ops.release = FsRelease;
+    ops.fsync = FsFsync;
+    ops.mkdir = FsMkdir;
+    ops.unlink = FsUnlink;
+    ops.rmdir = FsRmdir;
+    ops.rename = FsRename;
+    ops.truncate = FsTruncate;
+    ops.chmod = FsChmod;
+    ops.utimens = FsUtimens;
+    ops.statfs = FsStatfs;
+    // -f foreground; allow_other so the daemon's checks as other users pass.
+    std::vector<char*> args = {argv[0], argv[2], const_cast<char*>("-f"), const_cast<char*>("-o"),
+                               const_cast<char*>("allow_other,fsname=mox_faultfs")};
+    return fuse_main(static_cast<int>(args.size()), args.data(), &ops, nullptr);
+}
