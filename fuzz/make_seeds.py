@@ -1,5 +1,8 @@
 #!/usr/bin/env python3
-"""Writes well-formed seed inputs for the fuzz targets into a directory.
+"""Writes seed inputs for the fuzz targets into a directory: well-formed
+objects, and crafted ones (bad headers, truncations, item offsets and list
+entries outside the object) that readers must refuse without reading out of
+bounds. ctest replays every seed under the sanitizers.
 
 Usage: make_seeds.py datablock_reader|resultlist_reader DIR
 """
@@ -42,6 +45,38 @@ def result_list(entries, names, start=0, section=0, total=None, groups=((0, 1),)
     return out
 
 
+def patched(data, offset, value):
+    return data[:offset] + struct.pack("<i", value) + data[offset + 4:]
+
+
+# A two-item block ("ab", "cd") with one group, and offsets into its header.
+GOOD_BLOCK = struct.pack("<12i", 32, 40, 0, 1, 2, 1, 48, 0, 0, 2, 28, 30)
+GOOD_BLOCK = GOOD_BLOCK[:28] + b"abcd" + GOOD_BLOCK[32:]
+CRAFTED_BLOCKS = {
+    "size-below-header": (24, 20), "size-beyond-object": (24, 52), "negative-size": (24, -1),
+    "group-offset-in-header": (0, 20), "negative-groups": (20, -1), "huge-groups": (20, 0x7fffffff),
+    "length-offset-not-after-groups": (4, 44), "length-offset-before-groups": (4, 0),
+    "end-before-start": (12, -5), "items-past-end": (12, 5), "huge-range": (8, -0x7fffffff),
+    "group-offset-past-end": (0, 0x7ffffff0), "item-offset-outside": (40, 1000),
+    "item-offset-negative": (40, -4), "item-overlaps-header": (40, 27), "item-past-size": (44, 33),
+}
+
+# A list of three entries over two name slots (slot 0 names the seed's
+# block), and offsets into its header and entry table.
+def good_list(slot1=b"y"):
+    return result_list([(0, 0), (1, 0), (0, 1)], [b"@", slot1], total=3)
+
+
+CRAFTED_LISTS = {
+    "size-below-header": (32, 35), "size-beyond-object": (32, 400), "negative-groups": (24, -1),
+    "groups-overlap-names": (24, 2), "negative-blocks": (28, -2), "huge-blocks": (28, 0x7fffffff),
+    "names-before-groups": (0, 40), "items-overlap-names": (4, 200), "items-past-end": (12, 3),
+    "end-before-start": (12, -2), "huge-range": (8, -0x7fffffff), "item-offset-negative": (4, -8),
+    "entry-slot-past-table": (300, 2), "entry-slot-negative": (308, -1), "entry-slot-huge": (316, 0x7fffffff),
+    "entry-item-past-block": (304, 9),
+}
+
+
 def main():
     target, directory = sys.argv[1], sys.argv[2]
     os.makedirs(directory, exist_ok=True)
@@ -56,6 +91,10 @@ def main():
     if target == "datablock_reader":
         for i, b in enumerate(blocks):
             seeds["block%d" % i] = b
+        for name, (offset, value) in CRAFTED_BLOCKS.items():
+            seeds["crafted-" + name] = patched(GOOD_BLOCK, offset, value)
+        for keep in (0, 10, 27, 40, 47):
+            seeds["truncated-%d" % keep] = GOOD_BLOCK[:keep]
     elif target == "resultlist_reader":
         lists = [
             (result_list([(0, 0), (0, 1)], [b"@"]), blocks[0]),
@@ -63,6 +102,11 @@ def main():
                          total=20, groups=((5, 2), (7, 1))), blocks[3]),
             (result_list([(0, 0)], [b"@"], groups=()), blocks[2]),
         ]
+        for name, (offset, value) in CRAFTED_LISTS.items():
+            lists.append((patched(good_list(), offset, value), GOOD_BLOCK))
+        lists.append((good_list(b"z" * 128), GOOD_BLOCK))  # a name slot without NUL
+        for keep in (0, 20, 35, 200, 323):
+            lists.append((good_list()[:keep], GOOD_BLOCK))
         for i, (lst, blk) in enumerate(lists):
             seeds["list%d" % i] = struct.pack("<H", len(lst)) + lst + blk
     else:

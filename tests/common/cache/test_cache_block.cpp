@@ -253,6 +253,7 @@ TEST(DataBlockClient, SeparateProcessReadsWhatTheBuilderWrote) {
 namespace {
 
 // A well-formed block of two items "ab" and "cd" with one group, by hand.
+// Crafted variants of it are fuzz seeds (fuzz/make_seeds.py), replayed by ctest.
 std::string GoodBlockBytes() {
     // group offset, length offset, start, end, total, groups, size; items;
     // group (0, 2); item offsets 28 and 30.
@@ -267,82 +268,33 @@ const char kCrafted[] = "mox_test_crafted_block";
 
 }  // namespace
 
-TEST(DataBlockReader, MissingOrCraftedHeadersMakeAnUnloadedReader) {
+TEST(DataBlockReader, MissingHugeOrBadOffsetObjectsFailAndIndicesAreChecked) {
     CCacheReader missing("mox_datablock_does_not_exist");
     EXPECT_FALSE(missing.IsLoaded());
     EXPECT_EQ(missing.EndIndex(), -1);
-    EXPECT_EQ(missing.GetItemCount(), 0);
     std::string item = "untouched";
     int a = 0, b = 0;
-    EXPECT_FALSE(missing.GetItem(0, item));
-    EXPECT_FALSE(missing.GetGroup(0, a, b));
+    EXPECT_FALSE(missing.GetItem(0, item) || missing.GetGroup(0, a, b));
     EXPECT_EQ(item, "untouched");
 
-    ASSERT_TRUE(moxtest::WriteShm(kCrafted, GoodBlockBytes()));
-    EXPECT_EQ(moxtest::DumpBlock(kCrafted),
-              "loaded 1\nstart 0 end 1 count 2 total 2 groups 1\ngroup 0 0 2\n"
-              "item 0 ab\nitem 1 cd\n");
-    struct Case {
-        const char* what;
-        size_t offset;
-        int32_t value;
-    } cases[] = {
-        {"size below the header", 24, 20},
-        {"size beyond the object", 24, 52},
-        {"negative size", 24, -1},
-        {"group offset inside the header", 0, 20},
-        {"negative group count", 20, -1},
-        {"huge group count", 20, 0x7fffffff},
-        {"length offset not after the groups", 4, 44},
-        {"length offset before the groups", 4, 0},
-        {"end before start - 1", 12, -5},
-        {"item table past the end", 12, 5},
-        {"huge item range", 8, -0x7fffffff},
-        {"group offset past the end", 0, 0x7ffffff0},
-    };
-    for (const Case& c : cases) {
-        std::string bytes = GoodBlockBytes();
-        moxtest::PutInt32(bytes, c.offset, c.value);
-        ASSERT_TRUE(moxtest::WriteShm(kCrafted, bytes));
-        CCacheReader reader(kCrafted);
-        EXPECT_FALSE(reader.IsLoaded()) << c.what;
-        EXPECT_EQ(reader.EndIndex(), -1) << c.what;
-    }
-    // Shorter than the header, empty, and truncated below the stated size.
-    for (size_t nKeep : {size_t(0), size_t(10), size_t(27), size_t(40), size_t(47)}) {
-        ASSERT_TRUE(moxtest::WriteShm(kCrafted, GoodBlockBytes().substr(0, nKeep)));
-        EXPECT_FALSE(CCacheReader(kCrafted).IsLoaded()) << nKeep;
-    }
     // A sparse object claiming more than readers accept is not copied.
     std::string head = GoodBlockBytes();
     moxtest::PutInt32(head, 24, MOX_SHM_OBJECT_MAX_SIZE + 4);
     ASSERT_TRUE(moxtest::WriteSparseShm(kCrafted, head, int64_t(MOX_SHM_OBJECT_MAX_SIZE) + 4));
     EXPECT_FALSE(CCacheReader(kCrafted).IsLoaded());
-    shm_unlink(kCrafted);
-}
 
-TEST(DataBlockReader, CraftedItemOffsetsFailAloneAndIndicesAreChecked) {
+    // An item starting outside the object fails alone.
     std::string bytes = GoodBlockBytes();
-    moxtest::PutInt32(bytes, 40, 1000);  // item 0 starts outside the object
+    moxtest::PutInt32(bytes, 40, 1000);
     ASSERT_TRUE(moxtest::WriteShm(kCrafted, bytes));
     CCacheReader reader(kCrafted);
     ASSERT_TRUE(reader.IsLoaded());
-    std::string item = "untouched";
     EXPECT_FALSE(reader.GetItem(0, item));
     EXPECT_EQ(item, "untouched");
     EXPECT_TRUE(reader.GetItem(1, item));
     EXPECT_EQ(item, "cd");
     // Indices from a result list's content.
-    int a = 0, b = 0;
     EXPECT_FALSE(reader.GetItem(2, item) || reader.GetItem(-1, item));
     EXPECT_FALSE(reader.GetGroup(1, a, b) || reader.GetGroup(-1, a, b));
-    for (auto offsets : {std::pair<int32_t, int32_t>{30, 29}, {27, 30}, {28, 33}, {-4, 30}}) {
-        bytes = GoodBlockBytes();
-        moxtest::PutInt32(bytes, 40, offsets.first);
-        moxtest::PutInt32(bytes, 44, offsets.second);
-        ASSERT_TRUE(moxtest::WriteShm(kCrafted, bytes));
-        CCacheReader bad(kCrafted);
-        EXPECT_FALSE(bad.GetItem(0, item) && bad.GetItem(1, item)) << offsets.first << " " << offsets.second;
-    }
     shm_unlink(kCrafted);
 }

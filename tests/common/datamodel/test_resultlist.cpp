@@ -521,33 +521,11 @@ TEST(ResultListSort, KeyReaderReadsStrictObjectsAndLeavesTheRestToJsoncpp) {
     }
 }
 
-TEST(ResultListCrafted, BadHeadersMakeAnUnloadedListBadSlotsAndEntriesFailAlone) {
-    struct Case {
-        const char* what;
-        size_t offset;
-        int32_t value;
-    } cases[] = {
-        {"size below the header", 32, 35},   {"size beyond the object", 32, 400}, {"negative groups", 24, -1},
-        {"groups overlap the names", 24, 2}, {"negative blocks", 28, -2},         {"huge blocks", 28, 0x7fffffff},
-        {"names before the groups", 0, 40},  {"items overlap the names", 4, 200}, {"items past the end", 12, 3},
-        {"end before start - 1", 12, -2},    {"huge range", 8, -0x7fffffff},      {"item offset negative", 4, -8},
-    };
-    for (const Case& c : cases) {
-        std::string bytes = GoodListBytes("x", "y");
-        moxtest::PutInt32(bytes, c.offset, c.value);
-        ASSERT_TRUE(moxtest::WriteShm(kCrafted, bytes));
-        CResultList list(kCrafted);
-        EXPECT_FALSE(list.IsLoaded()) << c.what;
-        EXPECT_EQ(list.EndIndex(), -1) << c.what;
-        EXPECT_EQ(list.GetBlockCount(), 0) << c.what;
-    }
-    for (size_t nKeep : {size_t(0), size_t(20), size_t(35), size_t(200), size_t(323)}) {
-        ASSERT_TRUE(moxtest::WriteShm(kCrafted, GoodListBytes("x", "y").substr(0, nKeep)));
-        EXPECT_FALSE(CResultList(kCrafted).IsLoaded()) << nKeep;
-    }
-
+TEST(ResultListCrafted, SlotsWithoutEndAndEntriesOutsideTheBlockFailAlone) {
+    // Crafted headers are fuzz seeds (fuzz/make_seeds.py), replayed by ctest;
+    // here a loaded list whose slot 1 has no NUL and whose entry 2 names
+    // item 9 of a two-item block.
     auto block = MakeBlock({"i0", "i1"}, 0, 2, {});
-    // Slot 1 has no NUL; entry 1 points at it; entry 2 names item 9 of slot 0.
     std::string bytes = GoodListBytes(block->GetName(), std::string(128, 'z'));
     moxtest::PutInt32(bytes, 320, 9);
     ASSERT_TRUE(moxtest::WriteShm(kCrafted, bytes));
@@ -562,14 +540,5 @@ TEST(ResultListCrafted, BadHeadersMakeAnUnloadedListBadSlotsAndEntriesFailAlone)
     EXPECT_FALSE(list.GetItem(1, item, shm, nItemIndex));
     EXPECT_FALSE(list.GetItem(2, item, shm, nItemIndex));
     EXPECT_EQ(nItemIndex, 9);
-
-    // Entries naming slots outside the table, negative or huge.
-    bytes = GoodListBytes(block->GetName(), "y");
-    moxtest::PutInt32(bytes, 300, 2);
-    moxtest::PutInt32(bytes, 308, -1);
-    moxtest::PutInt32(bytes, 316, 0x7fffffff);
-    ASSERT_TRUE(moxtest::WriteShm(kCrafted, bytes));
-    CResultList list2(kCrafted);
-    for (int n = 0; n < 3; ++n) EXPECT_FALSE(list2.GetItem(n, item, shm, nItemIndex)) << n;
     shm_unlink(kCrafted);
 }
