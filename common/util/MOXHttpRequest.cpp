@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 #include <mox/mox_log.h>
 #include <mox/platform/mox_host_paths.h>
@@ -59,17 +60,21 @@ bool MOXHttpHeader::getValue(int index, std::string& out) const {
     return true;
 }
 
-MOXHttpRequest::MOXHttpRequest(HTTP_REQUEST_TYPE type, const std::string& url, const MOXHttpHeader& header,
-                               const std::string& payload, HttpCallback callback, void* arg)
-    : m_eType(type), m_strURL(url), m_header(header), m_strPayload(payload), m_pfnCallback(callback), m_pArg(arg) {}
-
-MOXHttpRequest::MOXHttpRequest(HTTP_REQUEST_TYPE type, const std::string& url, const MOXHttpHeader& header,
-                               HttpCallback callback, void* arg, const std::string& fileName,
-                               _mox_progress_param* pProgress)
+MOXHttpRequest::MOXHttpRequest(HTTP_REQUEST_TYPE type, std::string url, const MOXHttpHeader& header,
+                               std::string payload, HttpCallback callback, void* arg)
     : m_eType(type),
-      m_strURL(url),
+      m_strURL(std::move(url)),
       m_header(header),
-      m_strFileName(fileName),
+      m_strPayload(std::move(payload)),
+      m_pfnCallback(callback),
+      m_pArg(arg) {}
+
+MOXHttpRequest::MOXHttpRequest(HTTP_REQUEST_TYPE type, std::string url, const MOXHttpHeader& header,
+                               HttpCallback callback, void* arg, std::string fileName, _mox_progress_param* pProgress)
+    : m_eType(type),
+      m_strURL(std::move(url)),
+      m_header(header),
+      m_strFileName(std::move(fileName)),
       m_pfnCallback(callback),
       m_pArg(arg),
       m_pProgressParam(pProgress) {}

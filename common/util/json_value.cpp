@@ -52,7 +52,7 @@ CJsonValue::CJsonValue() : m_root(Json::nullValue), m_bValid(true) {
     m_root.clear();
 }
 
-CJsonValue::CJsonValue(std::string strText) : m_root(Json::nullValue), m_bValid(false) {
+CJsonValue::CJsonValue(const std::string& strText) : m_root(Json::nullValue), m_bValid(false) {
     bool bParsed = false;
     try {
 #pragma GCC diagnostic push
@@ -118,7 +118,7 @@ std::string CJsonValue::ToStyledString() const {
     }
 }
 
-bool CJsonValue::Has(std::string strKey) const {
+bool CJsonValue::Has(const std::string& strKey) const {
     try {
         // Throws on an array or scalar root, which an invalid document may hold.
         return m_root.isMember(strKey);
@@ -142,7 +142,7 @@ bool CJsonValue::GetKeys(std::vector<std::string>& keys) const {
     }
 }
 
-bool CJsonValue::Remove(std::string strKey) {
+bool CJsonValue::Remove(const std::string& strKey) {
     if (!m_bValid) {
         // Shares the GetKeys text on purpose: log readers grep for it.
         MOX_WARN("GetKeys fail. jsonvalue is invalid type[%d].", m_root.type());
@@ -157,7 +157,7 @@ bool CJsonValue::Remove(std::string strKey) {
     }
 }
 
-bool CJsonValue::IsInt(std::string strKey) const {
+bool CJsonValue::IsInt(const std::string& strKey) const {
     try {
         return IsIntValue(m_root.get(strKey, Json::Value(Json::nullValue)));
     } catch (const std::exception& e) {
@@ -166,7 +166,7 @@ bool CJsonValue::IsInt(std::string strKey) const {
     }
 }
 
-bool CJsonValue::IsString(std::string strKey) const {
+bool CJsonValue::IsString(const std::string& strKey) const {
     try {
         return m_root.get(strKey, Json::Value(Json::nullValue)).isString();
     } catch (const std::exception& e) {
@@ -175,7 +175,7 @@ bool CJsonValue::IsString(std::string strKey) const {
     }
 }
 
-bool CJsonValue::SetValue(std::string strKey, const Json::Value& value) {
+bool CJsonValue::SetValue(const std::string& strKey, const Json::Value& value) {
     if (!m_bValid) {
         MOX_WARN("Set fail. jsonvalue is invalid type[%d].", m_root.type());
         return false;
@@ -189,35 +189,35 @@ bool CJsonValue::SetValue(std::string strKey, const Json::Value& value) {
     }
 }
 
-bool CJsonValue::Set(std::string strKey, bool bValue) {
+bool CJsonValue::Set(const std::string& strKey, bool bValue) {
     return SetValue(strKey, Json::Value(bValue));
 }
 
-bool CJsonValue::Set(std::string strKey, int nValue) {
+bool CJsonValue::Set(const std::string& strKey, int nValue) {
     return SetValue(strKey, Json::Value(nValue));
 }
 
-bool CJsonValue::Set(std::string strKey, unsigned int nValue) {
+bool CJsonValue::Set(const std::string& strKey, unsigned int nValue) {
     return SetValue(strKey, Json::Value(nValue));
 }
 
-bool CJsonValue::Set(std::string strKey, long long llValue) {
+bool CJsonValue::Set(const std::string& strKey, long long llValue) {
     return SetValue(strKey, Json::Value(static_cast<Json::Int64>(llValue)));
 }
 
-bool CJsonValue::Set(std::string strKey, unsigned long long ullValue) {
+bool CJsonValue::Set(const std::string& strKey, unsigned long long ullValue) {
     return SetValue(strKey, Json::Value(static_cast<Json::UInt64>(ullValue)));
 }
 
-bool CJsonValue::Set(std::string strKey, double dValue) {
+bool CJsonValue::Set(const std::string& strKey, double dValue) {
     return SetValue(strKey, Json::Value(dValue));
 }
 
-bool CJsonValue::Set(std::string strKey, std::string strValue) {
+bool CJsonValue::Set(const std::string& strKey, const std::string& strValue) {
     return SetValue(strKey, Json::Value(strValue));
 }
 
-bool CJsonValue::Set(std::string strKey, const char* szValue) {
+bool CJsonValue::Set(const std::string& strKey, const char* szValue) {
     if (szValue == nullptr) {
         MOX_WARN("Set fail. value of strKey[%s] is NULL.", strKey.c_str());
         return false;
@@ -225,7 +225,7 @@ bool CJsonValue::Set(std::string strKey, const char* szValue) {
     return SetValue(strKey, Json::Value(szValue));
 }
 
-bool CJsonValue::Set(std::string strKey, const std::vector<std::string>& values) {
+bool CJsonValue::Set(const std::string& strKey, const std::vector<std::string>& values) {
     if (!m_bValid) {
         MOX_WARN("Set fail. jsonvalue is invalid type[%d].", m_root.type());
         return false;
@@ -261,7 +261,7 @@ bool CJsonValue::m_Fetch(const std::string& strKey, Json::Value& value) const {
     }
 }
 
-bool CJsonValue::Get(std::string strKey, bool& bValue) const {
+bool CJsonValue::Get(const std::string& strKey, bool& bValue) const {
     Json::Value value;
     if (!m_Fetch(strKey, value)) return false;
     if (!value.isBool()) {
@@ -272,7 +272,7 @@ bool CJsonValue::Get(std::string strKey, bool& bValue) const {
     return true;
 }
 
-bool CJsonValue::Get(std::string strKey, int& nValue) const {
+bool CJsonValue::Get(const std::string& strKey, int& nValue) const {
     Json::Value value;
     if (!m_Fetch(strKey, value)) return false;
     if (!IsIntValue(value)) {
@@ -283,7 +283,7 @@ bool CJsonValue::Get(std::string strKey, int& nValue) const {
     return true;
 }
 
-bool CJsonValue::Get(std::string strKey, double& dValue) const {
+bool CJsonValue::Get(const std::string& strKey, double& dValue) const {
     Json::Value value;
     if (!m_Fetch(strKey, value)) return false;
     if (!value.isDouble()) {
@@ -294,7 +294,7 @@ bool CJsonValue::Get(std::string strKey, double& dValue) const {
     return true;
 }
 
-bool CJsonValue::Get(std::string strKey, std::string& strValue) const {
+bool CJsonValue::Get(const std::string& strKey, std::string& strValue) const {
     Json::Value value;
     if (!m_Fetch(strKey, value)) return false;
     if (!value.isString()) {
@@ -305,7 +305,7 @@ bool CJsonValue::Get(std::string strKey, std::string& strValue) const {
     return true;
 }
 
-bool CJsonValue::Get(std::string strKey, long long& llValue) const {
+bool CJsonValue::Get(const std::string& strKey, long long& llValue) const {
     Json::Value value;
     if (!m_Fetch(strKey, value)) return false;
     // Read through a double: writers store 64-bit values with the long long
@@ -318,7 +318,7 @@ bool CJsonValue::Get(std::string strKey, long long& llValue) const {
     return true;
 }
 
-bool CJsonValue::Get(std::string strKey, unsigned int& nValue) const {
+bool CJsonValue::Get(const std::string& strKey, unsigned int& nValue) const {
     Json::Value value;
     if (!m_Fetch(strKey, value)) return false;
     if (!IsUIntValue(value)) {
@@ -329,7 +329,7 @@ bool CJsonValue::Get(std::string strKey, unsigned int& nValue) const {
     return true;
 }
 
-bool CJsonValue::Get(std::string strKey, std::vector<int>& values) const {
+bool CJsonValue::Get(const std::string& strKey, std::vector<int>& values) const {
     Json::Value value;
     if (!m_Fetch(strKey, value)) return false;
     if (!value.isArray()) {
@@ -349,7 +349,7 @@ bool CJsonValue::Get(std::string strKey, std::vector<int>& values) const {
     return true;
 }
 
-bool CJsonValue::Get(std::string strKey, std::vector<std::string>& values) const {
+bool CJsonValue::Get(const std::string& strKey, std::vector<std::string>& values) const {
     Json::Value value;
     if (!m_Fetch(strKey, value)) return false;
     if (!value.isArray()) {

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <mox/mox_log.h>
 #include <mox_unique_fd.h>
@@ -46,7 +47,7 @@ std::atomic<unsigned> g_tempCounter{0};
 
 }  // namespace
 
-CMOXConfinedPath::CMOXConfinedPath(const std::string& root) : m_strRoot(root) {
+CMOXConfinedPath::CMOXConfinedPath(std::string root) : m_strRoot(std::move(root)) {
     while (m_strRoot.size() > 1 && m_strRoot.back() == '/') m_strRoot.pop_back();
     m_rootFd = open(m_strRoot.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (m_rootFd < 0) {

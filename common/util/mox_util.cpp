@@ -24,6 +24,7 @@
 #include <boost/uuid/uuid.hpp>
 #include <boost/uuid/uuid_generators.hpp>
 #include <boost/uuid/uuid_io.hpp>
+#include <utility>
 
 #include <system_info.h>
 #include <vconf.h>
@@ -141,7 +142,7 @@ std::string CMOXUtil::GetFileNameWithoutExt(const std::string& strName) {
 bool CMOXUtil::CompareExtension(std::string strExt, const char** list, int count) {
     if (count < 1) return false;
     assert(list != NULL);
-    std::string lower = ToLower(strExt);
+    std::string lower = ToLower(std::move(strExt));
     for (int i = 0; i < count; ++i)
         if (list[i] != nullptr && lower == list[i]) return true;
     return false;
@@ -158,7 +159,7 @@ bool CMOXUtil::CompareField(std::string strField, const char** list, int count) 
 }
 
 bool CMOXUtil::CompareMediaExtension(const std::vector<std::string>& list, std::string strExt) {
-    std::string lower = ToLower(strExt);
+    std::string lower = ToLower(std::move(strExt));
     for (const std::string& ext : list)
         if (ext == lower) return true;
     return false;
@@ -213,7 +214,7 @@ void CMOXUtil::SplitToDouble(const char* szText, double* out, int* count) {
     *count = stored;
 }
 
-int CMOXUtil::str2int(std::string str) {
+int CMOXUtil::str2int(const std::string& str) {
     std::istringstream ss(str);
     int n = 0;
     ss >> n;

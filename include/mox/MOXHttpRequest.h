@@ -91,13 +91,13 @@ public:
     static const size_t kMaxHeaderBytes = 1u << 20;
 
     // A request with an in-memory body (the answer lands in response()).
-    MOXHttpRequest(HTTP_REQUEST_TYPE type, const std::string& url, const MOXHttpHeader& header,
-                   const std::string& payload, HttpCallback callback, void* arg);
+    MOXHttpRequest(HTTP_REQUEST_TYPE type, std::string url, const MOXHttpHeader& header, std::string payload,
+                   HttpCallback callback, void* arg);
     // A request that writes a GET answer to fileName, or uploads fileName with
     // PUT, and reports progress through pProgress (not owned, may be NULL;
     // must outlive execute()).
-    MOXHttpRequest(HTTP_REQUEST_TYPE type, const std::string& url, const MOXHttpHeader& header, HttpCallback callback,
-                   void* arg, const std::string& fileName, _mox_progress_param* pProgress);
+    MOXHttpRequest(HTTP_REQUEST_TYPE type, std::string url, const MOXHttpHeader& header, HttpCallback callback,
+                   void* arg, std::string fileName, _mox_progress_param* pProgress);
     virtual ~MOXHttpRequest();
     MOXHttpRequest(const MOXHttpRequest&) = delete;
     MOXHttpRequest& operator=(const MOXHttpRequest&) = delete;

@@ -17,7 +17,7 @@
 class CJsonValue {
 public:
     CJsonValue();
-    explicit CJsonValue(std::string strText);
+    explicit CJsonValue(const std::string& strText);
     ~CJsonValue();
     CJsonValue(const CJsonValue&) = default;
     CJsonValue& operator=(const CJsonValue&) = default;
@@ -29,31 +29,31 @@ public:
     // Indented multi-line text; empty when invalid.
     std::string ToStyledString() const;
 
-    bool Has(std::string strKey) const;
+    bool Has(const std::string& strKey) const;
     bool GetKeys(std::vector<std::string>& keys) const;
-    bool Remove(std::string strKey);
-    bool IsInt(std::string strKey) const;
-    bool IsString(std::string strKey) const;
+    bool Remove(const std::string& strKey);
+    bool IsInt(const std::string& strKey) const;
+    bool IsString(const std::string& strKey) const;
 
-    bool Set(std::string strKey, bool bValue);
-    bool Set(std::string strKey, int nValue);
-    bool Set(std::string strKey, unsigned int nValue);
-    bool Set(std::string strKey, long long llValue);
-    bool Set(std::string strKey, unsigned long long ullValue);
-    bool Set(std::string strKey, double dValue);
-    bool Set(std::string strKey, std::string strValue);
-    bool Set(std::string strKey, const char* szValue);
+    bool Set(const std::string& strKey, bool bValue);
+    bool Set(const std::string& strKey, int nValue);
+    bool Set(const std::string& strKey, unsigned int nValue);
+    bool Set(const std::string& strKey, long long llValue);
+    bool Set(const std::string& strKey, unsigned long long ullValue);
+    bool Set(const std::string& strKey, double dValue);
+    bool Set(const std::string& strKey, const std::string& strValue);
+    bool Set(const std::string& strKey, const char* szValue);
     // Appends to the array under strKey (created when absent).
-    bool Set(std::string strKey, const std::vector<std::string>& values);
+    bool Set(const std::string& strKey, const std::vector<std::string>& values);
 
-    bool Get(std::string strKey, bool& bValue) const;
-    bool Get(std::string strKey, int& nValue) const;
-    bool Get(std::string strKey, double& dValue) const;
-    bool Get(std::string strKey, std::string& strValue) const;
-    bool Get(std::string strKey, long long& llValue) const;
-    bool Get(std::string strKey, unsigned int& nValue) const;
-    bool Get(std::string strKey, std::vector<int>& values) const;
-    bool Get(std::string strKey, std::vector<std::string>& values) const;
+    bool Get(const std::string& strKey, bool& bValue) const;
+    bool Get(const std::string& strKey, int& nValue) const;
+    bool Get(const std::string& strKey, double& dValue) const;
+    bool Get(const std::string& strKey, std::string& strValue) const;
+    bool Get(const std::string& strKey, long long& llValue) const;
+    bool Get(const std::string& strKey, unsigned int& nValue) const;
+    bool Get(const std::string& strKey, std::vector<int>& values) const;
+    bool Get(const std::string& strKey, std::vector<std::string>& values) const;
     // The string member strKey, or strDefault when the document is invalid or
     // the member is absent or not a string; never warns (optional members).
     std::string StringOr(const std::string& strKey, const std::string& strDefault = std::string()) const;
@@ -62,7 +62,7 @@ public:
     // (nested objects, arrays of objects).
     const Json::Value& Root() const { return m_root; }
     // Replaces a member with an arbitrary JSON value; false when invalid.
-    bool SetValue(std::string strKey, const Json::Value& value);
+    bool SetValue(const std::string& strKey, const Json::Value& value);
 
 private:
     // Copies the member strKey into value; false (with its warning) when the

@@ -20,7 +20,7 @@ class CMOXConfinedPath {
 public:
     // `root` is an absolute directory, trusted (it comes from the daemon's
     // configuration, not from a client); it may itself be a symbolic link.
-    explicit CMOXConfinedPath(const std::string& root);
+    explicit CMOXConfinedPath(std::string root);
     ~CMOXConfinedPath();
     CMOXConfinedPath(const CMOXConfinedPath&) = delete;
     CMOXConfinedPath& operator=(const CMOXConfinedPath&) = delete;

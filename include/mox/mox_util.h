@@ -67,7 +67,7 @@ public:
     // most three numbers in out (which holds three); *count gets how many.
     // An empty, blank-only or null text stores one 0.0.
     static void SplitToDouble(const char* szText, double* out, int* count);
-    static int str2int(std::string str);
+    static int str2int(const std::string& str);
     static std::string int2str(int n);
     static std::string long2str(long long n);
     static std::string double2str(double d);

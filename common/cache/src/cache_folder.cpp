@@ -8,7 +8,7 @@
 #include <mox/mox_log.h>
 #include <mox/mox_util.h>
 
-bool CCacheFolder::Find(std::string strFolderPath, std::string& strFolderId) {
+bool CCacheFolder::Find(const std::string& strFolderPath, std::string& strFolderId) {
     MOX_INFO("Find: strFolderPath[%s].", CMOXUtil::CutForLog(strFolderPath).c_str());
     mox::MutexLock lock(m_mutex);
     auto it = m_folders.find(strFolderPath);
@@ -33,7 +33,7 @@ bool CCacheFolder::Add(std::string strFolderPath, std::string strFolderId) {
     return true;
 }
 
-bool CCacheFolder::Clear(std::string strMountPath) {
+bool CCacheFolder::Clear(const std::string& strMountPath) {
     MOX_INFO("Clear: strMountPath[%s].", CMOXUtil::CutForLog(strMountPath).c_str());
     mox::MutexLock lock(m_mutex);
     std::vector<std::string> doomed;

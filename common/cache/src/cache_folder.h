@@ -18,12 +18,12 @@ public:
     static constexpr size_t kMaxBytes = 16u << 20;
 
     // Sets strFolderId when the path is known; leaves it untouched otherwise.
-    bool Find(std::string strFolderPath, std::string& strFolderId);
+    bool Find(const std::string& strFolderPath, std::string& strFolderId);
     // Inserts the pair unless the path is already known (the first id stays);
     // false when the map is full.
     bool Add(std::string strFolderPath, std::string strFolderId);
     // Forgets every path that contains strMountPath anywhere (substring match).
-    bool Clear(std::string strMountPath);
+    bool Clear(const std::string& strMountPath);
     // Forgets everything (media database reset).
     bool Clear();
 

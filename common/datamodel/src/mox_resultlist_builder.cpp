@@ -192,6 +192,6 @@ void CResultListBuilder::Drop() {
     m_Unlink(m_strShmName);
 }
 
-bool CResultListBuilder::Drop(std::string strShmName) {
+bool CResultListBuilder::Drop(const std::string& strShmName) {
     return m_Unlink(strShmName);
 }

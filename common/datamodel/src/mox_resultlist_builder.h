@@ -52,7 +52,7 @@ public:
     // that a builder of this process created and that was not dropped yet is
     // unlinked: neither a client nor an object planted under a list name can
     // make the engine remove anything else. False when refused or failed.
-    static bool Drop(std::string strShmName);
+    static bool Drop(const std::string& strShmName);
 
 private:
     // Names "mox_resultlist_N" (see CShmNamer: never a name someone else holds).

@@ -26,7 +26,7 @@ void CMOXRequestMetaCommand::Execute(std::string strCommand) {
     }
 }
 
-void CMOXRequestMetaCommand::GetRequestMetaThreadProc(std::string strCommand) {
+void CMOXRequestMetaCommand::GetRequestMetaThreadProc(const std::string& strCommand) {
     MOXCommandCallback fnDone = m_fnDone;
     std::string strResult;
     mox_error_code_e eError = MOX_ERROR_GENERIC;

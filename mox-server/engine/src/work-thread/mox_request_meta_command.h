@@ -20,7 +20,7 @@ public:
     void Execute(std::string strCommand) override;
     void Stop() override {}
 
-    void GetRequestMetaThreadProc(std::string strCommand);
+    void GetRequestMetaThreadProc(const std::string& strCommand);
 
 private:
     MOXCommandCallback m_fnDone;
