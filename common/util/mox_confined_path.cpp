@@ -55,9 +55,8 @@ CMOXConfinedPath::CMOXConfinedPath(std::string root) : m_strRoot(std::move(root)
         return;
     }
     // Paths that callers resolved themselves start with the resolved root.
-    if (char* szReal = realpath(m_strRoot.c_str(), nullptr)) {
-        if (m_strRoot != szReal) m_strRealRoot = szReal;
-        free(szReal);
+    if (mox_util::UniqueBuffer real{realpath(m_strRoot.c_str(), nullptr)}) {
+        if (m_strRoot != real.get()) m_strRealRoot = real.get();
     }
 }
 

@@ -131,8 +131,9 @@ bool CMOXDir::Next(std::string& strName) {
 
 void CMOXDir::m_FreeList() {
     if (m_ppEntries != nullptr) {
-        for (int i = 0; i < m_nCount; ++i) free(m_ppEntries[i]);
-        free(m_ppEntries);
+        // scandir's arrays: this class is their owner.
+        for (int i = 0; i < m_nCount; ++i) free(m_ppEntries[i]);  // NOLINT(cppcoreguidelines-owning-memory)
+        free(m_ppEntries);                                        // NOLINT(cppcoreguidelines-owning-memory)
     }
     m_ppEntries = nullptr;
     m_nCount = 0;

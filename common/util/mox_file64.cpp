@@ -207,7 +207,7 @@ void CMOXFile64::Destroy() {
 
 void CMOXFile64::m_CloseLocked() {
     // The stream owns the descriptor: closing it closes both.
-    int ret = m_pStream != nullptr ? fclose(m_pStream) : close(m_fd);
+    int ret = m_pStream != nullptr ? fclose(m_pStream) : close(m_fd);  // NOLINT(cppcoreguidelines-owning-memory)
     if (ret != 0) {
         int err = errno;
         MOX_WARN("CMOXFile64::Destroy : close failed.");

@@ -97,8 +97,8 @@ void CMOXUtil::AssignValue(char** dst, const char* src) {
     assert(dst != NULL);
     if (src == nullptr || *src == '\0') return;
     size_t len = strlen(src);
-    char* copy = new char[len + 1]();
-    memcpy(copy, src, len);
+    char* copy = new char[len + 1];  // NOLINT(cppcoreguidelines-owning-memory): a C buffer for the caller
+    memcpy(copy, src, len + 1);
     *dst = copy;
 }
 
@@ -110,13 +110,13 @@ void CMOXUtil::AssignValueByCStyle(char** dst, const char* src) {
     }
     if (*src == '\0') return;
     size_t len = strlen(src);
-    char* copy = static_cast<char*>(calloc(len + 1, 1));
+    char* copy = static_cast<char*>(malloc(len + 1));  // NOLINT(cppcoreguidelines-owning-memory): for the caller
     if (copy == nullptr) {
         // src may be as large as a client made it: not an assertion.
         MOX_WARN("FAILED TO ALLOC MEMORY! %lld", static_cast<long long>(len + 1));
         return;
     }
-    memcpy(copy, src, len);
+    memcpy(copy, src, len + 1);
     *dst = copy;
 }
 
@@ -400,7 +400,8 @@ bool ReadShmContent(FILE* stream, const char* szShmName, UniqueBuffer& content, 
         return false;
     }
     if (length == 0) return true;
-    content.reset(static_cast<char*>(calloc(static_cast<size_t>(length), 1)));
+    content.reset(static_cast<char*>(
+        calloc(static_cast<size_t>(length), 1)));  // NOLINT(cppcoreguidelines-owning-memory): into its owner
     if (!content) {
         MOX_WARN("FAILED TO ALLOC MEMORY! %lld", static_cast<long long>(length));
         return false;

@@ -47,12 +47,12 @@ private:
 };
 
 struct FileCloser {
-    void operator()(FILE* fp) const { fclose(fp); }
+    void operator()(FILE* fp) const { fclose(fp); }  // NOLINT(cppcoreguidelines-owning-memory): the owner
 };
 using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
 struct FreeDeleter {
-    void operator()(void* p) const { free(p); }
+    void operator()(void* p) const { free(p); }  // NOLINT(cppcoreguidelines-owning-memory): the owner
 };
 using UniqueBuffer = std::unique_ptr<char, FreeDeleter>;
 

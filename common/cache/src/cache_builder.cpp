@@ -21,7 +21,7 @@ const char kNamePrefix[] = "mox_datablock_";
 }  // namespace
 
 void CCacheBuilder::SStreamCloser::operator()(FILE* pStream) const {
-    if (fclose(pStream) != 0) MOX_WARN("fclose failed.");
+    if (fclose(pStream) != 0) MOX_WARN("fclose failed.");  // NOLINT(cppcoreguidelines-owning-memory): the owner
 }
 
 mox_shm::CShmNamer& CCacheBuilder::m_Namer() {

@@ -171,7 +171,7 @@ bool CResultList::GetItem(int nListIndex, std::string& strItem, std::string& str
         // Kept even when the block is gone, so a vanished block is looked up
         // once; a crafted list repeating one name in many slots loads it once.
         std::unique_ptr<CCacheReader>& pOwned = m_readersByName[strName];
-        if (!pOwned) pOwned.reset(new CCacheReader(strName));
+        if (!pOwned) pOwned = std::make_unique<CCacheReader>(strName);
         pReader = pOwned.get();
         m_readers.emplace(nSlot, pReader);
     }

@@ -113,7 +113,7 @@ class CMOXDLNADevice : public CMOXDevice {
 public:
     CMOXDLNADevice() = default;
 
-    std::string GetDeviceIP() const { return m_strDeviceIP; }
+    std::string GetDeviceIP() const { return m_strDeviceIP; }  // NOLINT(bugprone-virtual-near-miss): not an ID
     void SetDeviceIP(std::string strDeviceIP) { m_strDeviceIP = std::move(strDeviceIP); }
     // Whether the server is one of the maker's own devices.
     bool IsNorvellDev() const { return m_bNorvellDevice; }
