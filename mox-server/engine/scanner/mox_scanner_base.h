@@ -34,6 +34,9 @@ public:
     int GetKind() const { return m_nKind; }
     const SMOXScannerOption& GetOption() const { return m_option; }
     size_t PendingDirs() const { return m_pendingDirs.size(); }
+    // True once the storage failed a read (EIO and the like): the walk ended
+    // early, so what it saw is no answer about the whole storage.
+    bool HadReadError() const { return m_bReadError; }
 
     // Most directories waiting in the queue; more are skipped with a warning,
     // so a storage cannot grow the queue without bound (at most some 50 MB
@@ -68,6 +71,7 @@ protected:
     bool m_bFinished = false;
     int m_nRetryCount = 0;
     bool m_bQueueFullLogged = false;
+    bool m_bReadError = false;
 
 private:
     int m_nKind;

@@ -149,7 +149,10 @@ int CMOXUsbScanner::t_ReadFile(SMOXFileInfo& info) {
             bDetailRead = true;
             break;
         }
-        default: break;  // links, FIFOs, devices: the caller's preset type
+        default:
+            // Links, FIFOs, devices and sockets are no media and no folders:
+            // a link named "x.jpg" is not a photo of this storage.
+            return MOX_SCAN_SKIPPED;
     }
     if (!t_DoFilter(info)) {
         MOX_SCAN_INFO("Ignore %s(%s/%s), Do Again...", info.nType == MOX_SCANNER_TYPE_FILE ? "FILE" : "DIR",
@@ -172,7 +175,8 @@ int CMOXUsbScanner::t_MoveNextDir() {
         int nResult = t_OpenDir(path.c_str());
         MOX_SCAN_INFO("Enter DIR : %s", path.c_str());
         if (nResult == MOX_SCAN_OK) return MOX_SCAN_OK;
-        if (nResult == MOX_SCAN_DEVICE_ERROR) break;
+        // A folder the storage cannot read ends the walk as a failure.
+        if (nResult == MOX_SCAN_DEVICE_ERROR || nResult == MOX_SCAN_NFS_ERROR) return nResult;
     }
     MOX_DEBUG("No More DIRs...");
     return MOX_SCAN_END;
@@ -210,7 +214,10 @@ int CMOXUsbScanner::m_GetDetailFileInfo(SMOXFileInfo& info, bool bSetType) {
     if (!m_pDir) return MOX_SCAN_NO_DIR;
     if (fstatat64(dirfd(m_pDir.get()), info.strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
         return m_ConvertError(errno, __LINE__);
-    if (bSetType) info.nType = S_ISDIR(st.st_mode) ? MOX_SCANNER_TYPE_DIR : MOX_SCANNER_TYPE_FILE;
+    if (bSetType) {
+        if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) return MOX_SCAN_SKIPPED;
+        info.nType = S_ISDIR(st.st_mode) ? MOX_SCANNER_TYPE_DIR : MOX_SCANNER_TYPE_FILE;
+    }
     info.llFileSize = st.st_size;
     info.tModified = static_cast<int32_t>(st.st_mtime);
     info.tCreated = static_cast<int32_t>(st.st_ctime);

@@ -5,8 +5,9 @@
 // (RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS, O_NOFOLLOW | O_NONBLOCK), never by a
 // path name: a folder swapped for a link after the walk started is refused,
 // never followed, so every entry handed out lies really below the top. Entry
-// types come from d_type or fstatat(AT_SYMLINK_NOFOLLOW); FIFOs or device
-// nodes are never opened. Two descriptors at most are open at a time. Not
+// types come from d_type or fstatat(AT_SYMLINK_NOFOLLOW); only folders and
+// regular files are handed out (links, FIFOs, devices are skipped, never
+// opened). A read error (EIO) ends the walk and marks it failed. Two descriptors at most are open at a time. Not
 // thread-safe (see CMOXScannerBase).
 #pragma once
 
