@@ -363,8 +363,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     // Objects of an instance that died without cleaning up (kill -9, a
-    // watchdog abort) are nobody's any more.
+    // watchdog abort) are nobody's any more, and so are the temporary files
+    // it was writing on the storages mounted now.
     mox_shm::RemoveStaleObjects();
+    mox_temp_sweep::SweepMountedInBackground(mox_host::UsbRoot());
     MOX_DEBUG("curl_global_init.");
     curl_global_init(CURL_GLOBAL_ALL);
     MOX_DEBUG("curl_global_init end.");

@@ -121,18 +121,44 @@ int Sweep(const std::string& usbRoot, const std::string& mountPath) {
     return walk.nRemoved;
 }
 
-void SweepInBackground(const std::string& usbRoot, const std::string& mountPath) {
+namespace {
+
+void SweepPathsInBackground(const std::string& usbRoot, std::vector<std::string> paths) {
     try {
-        std::thread([usbRoot, mountPath] {
-            try {
-                Sweep(usbRoot, mountPath);
-            } catch (const std::exception& e) {
-                MOX_WARN("Temporary-file sweep of [%s] failed: %s.", mountPath.c_str(), e.what());
+        std::thread([usbRoot, paths = std::move(paths)] {
+            for (const std::string& path : paths) {
+                try {
+                    Sweep(usbRoot, path);
+                } catch (const std::exception& e) {
+                    MOX_WARN("Temporary-file sweep of [%s] failed: %s.", path.c_str(), e.what());
+                }
             }
         }).detach();
     } catch (const std::exception& e) {
-        MOX_WARN("No thread for the temporary-file sweep of [%s]: %s.", mountPath.c_str(), e.what());
+        MOX_WARN("No thread for the temporary-file sweep below [%s]: %s.", usbRoot.c_str(), e.what());
     }
+}
+
+}  // namespace
+
+void SweepInBackground(const std::string& usbRoot, const std::string& mountPath) {
+    SweepPathsInBackground(usbRoot, {mountPath});
+}
+
+void SweepMountedInBackground(const std::string& usbRoot) {
+    std::string root = usbRoot;
+    while (root.size() > 1 && root.back() == '/') root.pop_back();
+    // Only the root's own entries are read here: it is the engine's
+    // directory, not a storage.
+    std::unique_ptr<DIR, SDirCloser> dir(opendir(root.c_str()));
+    if (!dir) return;
+    std::vector<std::string> paths;
+    while (struct dirent* pEntry = readdir(dir.get())) {
+        const std::string strName = pEntry->d_name;
+        if (strName == "." || strName == ".." || pEntry->d_type == DT_LNK) continue;
+        if (pEntry->d_type == DT_DIR || pEntry->d_type == DT_UNKNOWN) paths.push_back(root + "/" + strName);
+    }
+    if (!paths.empty()) SweepPathsInBackground(usbRoot, std::move(paths));
 }
 
 }  // namespace mox_temp_sweep

@@ -20,6 +20,9 @@ int Sweep(const std::string& usbRoot, const std::string& mountPath);
 // Runs Sweep on a thread of its own, so that a slow or hung storage delays
 // nobody; a sweep still stuck at exit is abandoned.
 void SweepInBackground(const std::string& usbRoot, const std::string& mountPath);
+// The same at start for every folder directly below the USB root (the
+// storages mounted before the engine started), one after the other.
+void SweepMountedInBackground(const std::string& usbRoot);
 
 constexpr int kMaxFolders = 100000;
 constexpr int kMaxDepth = 64;
