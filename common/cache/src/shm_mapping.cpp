@@ -199,11 +199,12 @@ int CShmNamer::m_NextId() {
 
 int CShmNamer::CreateExclusive(std::string& strName, int& nId) {
     const uint64_t nRange = static_cast<uint64_t>(kMaxId - m_nFirst) + 1;
+    const std::string strPrefix = m_strPrefix + InstanceTag() + "_";
     std::string strFirstTaken;
     int nTaken = 0;
     for (int nAttempt = 0; nAttempt < kMaxAttempts; ++nAttempt) {
         nId = m_NextId();
-        strName = m_strPrefix + InstanceTag() + "_" + std::to_string(nId);
+        strName = strPrefix + std::to_string(nId);
         int fd = shm_open(strName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
         if (fd >= 0) {
             // Clients read these objects; only the daemon writes them, whatever the umask.
@@ -230,7 +231,7 @@ int CShmNamer::CreateExclusive(std::string& strName, int& nId) {
         m_nNext.store(m_random() % nRange);
     }
     MOX_WARN("No free name for [%sN]: %d names in a row already exist (first [%s]), object not created.",
-             m_strPrefix.c_str(), nTaken, strFirstTaken.c_str());
+             strPrefix.c_str(), nTaken, strFirstTaken.c_str());
     strName.clear();
     nId = -1;
     errno = EEXIST;

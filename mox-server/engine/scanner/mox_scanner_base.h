@@ -1,4 +1,4 @@
-// CMOXScannerBase: one breadth-first walk of a storage, handing out one entry
+// CMOXScannerBase: one depth-first walk of a storage, handing out one entry
 // per ReadFileInfo() call. Owns the accepted option, the extension table and
 // the queue of directories still to read; a subclass supplies the file-system
 // hooks (t_*). Not thread-safe: one thread at a time (the auto or thumbnail
@@ -8,6 +8,8 @@
 #include <deque>
 #include <memory>
 #include <string>
+
+#include <mox_unique_fd.h>
 
 #include "mox_media_extension.h"
 #include "mox_scanner_defines.h"
@@ -63,6 +65,12 @@ protected:
     struct PendingDir {
         std::string strParent;
         std::string strName;
+        // Where the folder is opened from: its parent's descriptor and its
+        // name or, below the depth whose descriptors are kept, the deepest
+        // kept ancestor and the path from there.
+        std::shared_ptr<const mox_util::UniqueFd> base;
+        std::string strRelative;
+        int nDepth = 0;
     };
 
     SMOXScannerOption m_option;

@@ -198,9 +198,9 @@ TEST(DataBlockNames, PlantedObjectsAreSkippedAndLeftAlone) {
 // The retries are bounded: with every name tried taken, creation fails with
 // one warning and touches nothing.
 TEST(ShmNamer, RetriesAreBoundedAndTakenNamesUntouched) {
-    const std::string prefix = "mox_test_namer_" + std::to_string(getpid()) + "_";
+    const std::string prefix = "mox_test_namer_" + mox_shm::InstanceTag() + "_";
     int nNextJump = 500;
-    mox_shm::CShmNamer namer(prefix, 0, [&nNextJump]() { return static_cast<uint32_t>(nNextJump++); });
+    mox_shm::CShmNamer namer("mox_test_namer_", 0, [&nNextJump]() { return static_cast<uint32_t>(nNextJump++); });
     std::vector<std::string> planted;
     auto plant = [&](int nId) {
         planted.push_back(prefix + std::to_string(nId));
