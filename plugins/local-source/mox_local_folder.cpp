@@ -224,13 +224,24 @@ std::string CMOXLocalFolder::Stamp(const std::string& strFolderPath) {
     }
     // Unwatched: the directory's times cover added, removed and renamed
     // entries; a file rewritten in place changes only its own.
+    // A folder the storage cannot read has no stamp: nothing kept is served
+    // for it, the list itself reports the error.
     size_t nEntries = 0;
-    while (struct dirent* pEntry = readdir(dir.get())) {
+    for (;;) {
+        errno = 0;
+        struct dirent* pEntry = readdir(dir.get());
+        if (pEntry == nullptr) {
+            if (errno != 0) return std::string();
+            break;
+        }
         if (pEntry->d_name[0] == '.') continue;
         if (++nEntries > kMaxEntries) break;
         hash.Add(pEntry->d_name, strlen(pEntry->d_name) + 1);
         hash.AddValue(static_cast<uint64_t>(pEntry->d_ino));
-        if (fstatat(dirFd, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (fstatat(dirFd, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno != ENOENT) return std::string();
+            continue;
+        }
         hash.AddValue(static_cast<uint32_t>(st.st_mode));
         hash.AddValue(static_cast<int64_t>(st.st_size));
         AddTimes(hash, st);

@@ -95,9 +95,21 @@ public:
 
 private:
     static int m_Create(const std::string& strTag) {
-        int fd = open(kShmDir, O_TMPFILE | O_RDWR | O_CLOEXEC, 0644);
-        if (fd < 0) return -1;
         const std::string strPath = std::string(kShmDir) + "/" + kLockPrefix + strTag;
+        int fd = open(kShmDir, O_TMPFILE | O_RDWR | O_CLOEXEC, 0644);
+        if (fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
+            // No unnamed files here: created under its name, then locked (a
+            // cleaner may see it unlocked for a moment, before any object).
+            fd = shm_open((std::string(kLockPrefix) + strTag).c_str(),
+                          O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+            if (fd >= 0 && (flock(fd, LOCK_EX | LOCK_NB) != 0 || fchmod(fd, 0644) != 0)) {
+                close(fd);
+                shm_unlink((std::string(kLockPrefix) + strTag).c_str());  // created just now: ours
+                return -1;
+            }
+            return fd;
+        }
+        if (fd < 0) return -1;
         const std::string strSelf = "/proc/self/fd/" + std::to_string(fd);
         if (flock(fd, LOCK_EX | LOCK_NB) != 0 || fchmod(fd, 0644) != 0 ||
             linkat(AT_FDCWD, strSelf.c_str(), AT_FDCWD, strPath.c_str(), AT_SYMLINK_FOLLOW) != 0) {
@@ -125,7 +137,6 @@ const std::string& InstanceTag() {
 }
 
 int RemoveStaleObjects() {
-    const std::string& strOwnTag = InstanceTag();  // ours is locked before anyone looks
     int dirFd = open(kShmDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (dirFd < 0) {
         MOX_WARN("Cannot read %s for objects of dead instances: %s.", kShmDir, strerror(errno));
@@ -144,7 +155,8 @@ int RemoveStaleObjects() {
         const std::string strName = pEntry->d_name;
         if (strName.compare(0, nLockPrefix, kLockPrefix) == 0) {
             const std::string strTag = strName.substr(nLockPrefix);
-            if (IsDecimal(strTag) && strTag != strOwnTag) locks.push_back(strTag);
+            // Our own lock, if made yet, is held: flock refuses it below.
+            if (IsDecimal(strTag)) locks.push_back(strTag);
             continue;
         }
         for (const char* szPrefix : kObjectPrefixes) {
