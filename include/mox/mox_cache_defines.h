@@ -1,6 +1,6 @@
 // Records shared between the engine, the source plug-ins and client processes
-// that read data blocks ("mox_datablock_N") and result lists
-// ("mox_resultlist_N") in POSIX shared memory. The layouts of both objects are
+// that read data blocks ("mox_datablock_T_N") and result lists
+// ("mox_resultlist_T_N") in POSIX shared memory. The layouts of both objects are
 // little-endian 32-bit integers; the records below are their table entries and
 // are copied byte for byte, so their size and field order are fixed.
 //
