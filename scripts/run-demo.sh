@@ -66,7 +66,7 @@ moxctl status
 step "list: the stick's photos sorted by name, read from shared memory (the list is dropped after)"
 show moxctl list "$STICK/DCIM" --type photo --sort FileName
 moxctl list "$STICK/DCIM" --type photo --sort FileName
-for name in $(grep -o 'Generate Id\[[0-9]*\], Name\[mox_resultlist_[0-9]*' "$WORK/engine.log" | sed 's/.*Name\[//'); do
+for name in $(grep -o 'Generate Id\[[0-9]*\], Name\[mox_resultlist_[0-9_]*' "$WORK/engine.log" | sed 's/.*Name\[//'); do
   echo "the engine made $name; in /dev/shm now: $([ -e "/dev/shm/$name" ] && echo yes || echo 'no (dropped)')"
 done
 

@@ -1,4 +1,4 @@
-// CCacheReader: read access to one data block ("mox_datablock_N") by name, in
+// CCacheReader: read access to one data block ("mox_datablock_T_N") by name, in
 // the engine and in client processes.
 //
 // Block layout (32-bit little-endian integers, offsets from the start):

@@ -1,14 +1,15 @@
 // Records shared between the engine, the source plug-ins and client processes
-// that read data blocks ("mox_datablock_N") and result lists
-// ("mox_resultlist_N") in POSIX shared memory. The layouts of both objects are
+// that read data blocks ("mox_datablock_T_N") and result lists
+// ("mox_resultlist_T_N") in POSIX shared memory. The layouts of both objects are
 // little-endian 32-bit integers; the records below are their table entries and
 // are copied byte for byte, so their size and field order are fixed.
 //
-// Names: "mox_datablock_" or "mox_resultlist_" followed by a decimal number of
-// at most nine digits, the object's id (the number after the last "_"). Take
-// names from the engine's signals and lists rather than predicting them: the
-// engine creates each object exclusively and moves on to another (random)
-// number when a name is taken, so numbers need not be consecutive.
+// Names: "mox_datablock_T_N" or "mox_resultlist_T_N": T the engine instance's
+// tag, N a decimal number of at most nine digits, the object's id (the number
+// after the last "_"). Take names from the engine's signals and lists rather
+// than predicting them: the engine creates each object exclusively and moves
+// on to another (random) number when a name is taken, so numbers need not be
+// consecutive.
 #pragma once
 
 // Exported from the shared library, which hides everything else.

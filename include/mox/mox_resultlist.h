@@ -1,4 +1,4 @@
-// CResultList: read access to one result list ("mox_resultlist_N") by name,
+// CResultList: read access to one result list ("mox_resultlist_T_N") by name,
 // in client processes and in the engine (which reads the block names of a
 // list a client drops).
 //

@@ -19,6 +19,9 @@ typedef enum {
     // A source's list answer broke the plug-in contract (negative counts or
     // lengths, lengths beyond the bytes written, bytes written beyond nLen).
     MOX_ERROR_SOURCE_CONTRACT = 32,
+    // The storage failed a read (EIO from stat, readdir or open): the answer
+    // would have been incomplete, so there is none.
+    MOX_ERROR_IO = 33,
     // Sources may return any int: these bounds make every one of them a value
     // of the type, so passing a source's code along is never undefined.
     MOX_ERROR_SOURCE_CODE_MIN = -2147483647 - 1,

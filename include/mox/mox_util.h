@@ -18,6 +18,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Time-based and random identifiers in lower-case 8-4-4-4-12 text form. out
@@ -63,6 +64,12 @@ public:
     // Text cut to nMax bytes (not splitting a UTF-8 character) and marked
     // "...(N bytes)", so that client-sized strings cost little in the log.
     static std::string CutForLog(const std::string& str, size_t nMax = 4096);
+    // A file name or path as UTF-8 that still tells names apart (the
+    // engine's rule for names in bus texts and in list items): valid UTF-8
+    // without a backslash is returned unchanged; otherwise every byte that is
+    // not part of valid UTF-8, every NUL and every backslash becomes "\xNN"
+    // (upper-case hex).
+    static std::string FileNameToUtf8(std::string_view name);
     // Splits text at runs of blanks (trailing blanks ignored) and stores at
     // most three numbers in out (which holds three); *count gets how many.
     // An empty, blank-only or null text stores one 0.0.

@@ -87,6 +87,10 @@ mox_error_code_e CMOXLocalFolder::m_Resolve(const std::string& strPath, std::str
     mox_util::UniqueFd fd(CMOXConfinedPath(mox_host::UsbRoot()).OpenPath(strPath));
     if (!fd.IsValid()) {
         if (errno == ENOENT) return MOX_ERROR_DETAIL_NOT_FOUND;
+        if (errno == EIO) {
+            if (!bQuiet) MOX_WARN("Path[%.256s] unreadable: %s.", strPath.c_str(), strerror(errno));
+            return MOX_ERROR_IO;
+        }
         if (!bQuiet) MOX_WARN("Refused path[%.256s]: not below the USB root.", strPath.c_str());
         return MOX_ERROR_INVALID_PARAMETER;
     }
@@ -103,14 +107,16 @@ mox_error_code_e CMOXLocalFolder::List(const std::string& strFolderPath, const b
     mox_error_code_e eError = m_Resolve(strFolderPath, strRoot, strResolved);
     if (eError != MOX_ERROR_NONE) {
         if (eError == MOX_ERROR_DETAIL_NOT_FOUND) MOX_WARN("Folder[%.256s] does not exist.", strFolderPath.c_str());
-        return MOX_ERROR_INVALID_PARAMETER;
+        return eError == MOX_ERROR_IO ? MOX_ERROR_IO : MOX_ERROR_INVALID_PARAMETER;
     }
     // Opened beneath the root again: a link swapped in since the path was
     // resolved cannot lead out.
     int fd = CMOXConfinedPath(strRoot).OpenDirectoryForRead(strResolved);
     if (fd < 0) {
-        MOX_WARN("Can not open folder[%.256s]: %s.", strFolderPath.c_str(), strerror(errno));
-        return errno == ENOTDIR || errno == ELOOP ? MOX_ERROR_INVALID_PARAMETER : MOX_ERROR_GENERIC;
+        const int nErrno = errno;
+        MOX_WARN("Can not open folder[%.256s]: %s.", strFolderPath.c_str(), strerror(nErrno));
+        if (nErrno == EIO) return MOX_ERROR_IO;
+        return nErrno == ENOTDIR || nErrno == ELOOP ? MOX_ERROR_INVALID_PARAMETER : MOX_ERROR_GENERIC;
     }
     std::unique_ptr<DIR, SDirCloser> dir(fdopendir(fd));
     if (!dir) {
@@ -119,12 +125,26 @@ mox_error_code_e CMOXLocalFolder::List(const std::string& strFolderPath, const b
         return MOX_ERROR_GENERIC;
     }
     const int dirFd = dirfd(dir.get());
-    while (struct dirent* pEntry = readdir(dir.get())) {
+    // A folder read only in part is no answer: a shorter list would look
+    // complete, an empty one would look like an empty folder.
+    for (;;) {
+        errno = 0;
+        struct dirent* pEntry = readdir(dir.get());
+        if (pEntry == nullptr) {
+            if (errno == 0) break;
+            MOX_WARN("Folder[%.256s] not read completely: %s.", strFolderPath.c_str(), strerror(errno));
+            return MOX_ERROR_IO;
+        }
         if (__atomic_load_n(&bStop, __ATOMIC_RELAXED)) return MOX_ERROR_GENERIC;
         // Hidden entries, "." and ".." are not media a browser shows.
         if (pEntry->d_name[0] == '.') continue;
         struct stat st;
-        if (fstatat(dirFd, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (fstatat(dirFd, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno == ENOENT) continue;  // removed since it was listed
+            MOX_WARN("Entry[%.256s] of folder[%.256s] unreadable: %s.", CMOXUtil::CutForLog(pEntry->d_name).c_str(),
+                     strFolderPath.c_str(), strerror(errno));
+            return MOX_ERROR_IO;
+        }
         SMOXLocalEntry entry;
         if (S_ISDIR(st.st_mode)) {
             entry.bIsFolder = true;
@@ -204,13 +224,24 @@ std::string CMOXLocalFolder::Stamp(const std::string& strFolderPath) {
     }
     // Unwatched: the directory's times cover added, removed and renamed
     // entries; a file rewritten in place changes only its own.
+    // A folder the storage cannot read has no stamp: nothing kept is served
+    // for it, the list itself reports the error.
     size_t nEntries = 0;
-    while (struct dirent* pEntry = readdir(dir.get())) {
+    for (;;) {
+        errno = 0;
+        struct dirent* pEntry = readdir(dir.get());
+        if (pEntry == nullptr) {
+            if (errno != 0) return std::string();
+            break;
+        }
         if (pEntry->d_name[0] == '.') continue;
         if (++nEntries > kMaxEntries) break;
         hash.Add(pEntry->d_name, strlen(pEntry->d_name) + 1);
         hash.AddValue(static_cast<uint64_t>(pEntry->d_ino));
-        if (fstatat(dirFd, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (fstatat(dirFd, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno != ENOENT) return std::string();
+            continue;
+        }
         hash.AddValue(static_cast<uint32_t>(st.st_mode));
         hash.AddValue(static_cast<int64_t>(st.st_size));
         AddTimes(hash, st);

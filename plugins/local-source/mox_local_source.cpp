@@ -21,6 +21,7 @@
 
 #include <mox/json_value.h>
 #include <mox/mox_log.h>
+#include <mox/mox_util.h>
 #include <mox/mox_web_source.h>
 
 #include "mox_local_folder.h"
@@ -35,10 +36,12 @@ std::string TitleOf(const std::string& strName) {
     return nDot == std::string::npos || nDot == 0 ? strName : strName.substr(0, nDot);
 }
 
-// Appends text as a JSON string literal. Bytes from 0x80 up pass unchanged,
-// as the JSON writer of the engine does with UTF-8 names.
-void AppendQuoted(std::string& out, const std::string& text) {
+// Appends a name as a JSON string literal, in the engine's UTF-8 rule for
+// names (CMOXUtil::FileNameToUtf8: stray bytes and backslashes as "\xNN"),
+// so that items in shared memory read like the bus texts.
+void AppendQuoted(std::string& out, const std::string& name) {
     static const char kHex[] = "0123456789abcdef";
+    const std::string text = CMOXUtil::FileNameToUtf8(name);
     out += '"';
     for (unsigned char c : text) {
         if (c == '"' || c == '\\') {

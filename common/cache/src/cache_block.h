@@ -10,7 +10,7 @@
 
 class CCacheBlock {
 public:
-    // strName must be a name made by CCacheBuilder ("mox_datablock_N").
+    // strName must be a name made by CCacheBuilder ("mox_datablock_T_N").
     CCacheBlock(std::string strName, int nSize, mox_cache_block_type eType);
     ~CCacheBlock();
     CCacheBlock(const CCacheBlock&) = delete;

@@ -1,4 +1,4 @@
-// CCacheBuilder: writes one data block ("mox_datablock_N", layout in
+// CCacheBuilder: writes one data block ("mox_datablock_T_N", layout in
 // <mox/cache_reader.h>) into POSIX shared memory.
 //
 // Used by one thread (a request-list worker): construct (the object is
@@ -64,7 +64,7 @@ private:
     struct SStreamCloser {
         void operator()(FILE* pStream) const;
     };
-    // Names "mox_datablock_N" (see CShmNamer: never a name someone else holds).
+    // Names "mox_datablock_T_N" (see CShmNamer: never a name someone else holds).
     static mox_shm::CShmNamer& m_Namer();
 
     bool m_bReleased = false;

@@ -20,8 +20,28 @@ inline void PutInt32(char* pBase, size_t nOffset, int32_t nValue) {
     memcpy(pBase + nOffset, &nValue, sizeof(nValue));
 }
 
-// The names of one kind of object the engine creates: prefix + decimal id
-// ("mox_datablock_N", "mox_resultlist_N"). Ids count up from nFirst. Anyone may
+// Every object this process creates carries its instance tag:
+// prefix + tag + "_" + decimal id ("mox_datablock_T_N", "mox_resultlist_T_N").
+// The tag (decimal, normally the pid) is held by the lock object
+// "mox_lock_T", created already locked (flock) and kept open for the life of
+// the process, so the lock goes with the process however it ends (kill -9
+// included). A normal exit unlinks the lock object after the process's own
+// objects.
+constexpr char kLockPrefix[] = "mox_lock_";
+// This process's tag; the first call creates and locks "mox_lock_T". When no
+// lock can be made (warning) the tag is the pid, unguarded: such objects are
+// never taken for a dead instance's.
+const std::string& InstanceTag();
+// Removes the objects ("mox_datablock_T_*", "mox_resultlist_T_*") and the lock
+// of every instance T no living process holds: its "mox_lock_T" exists, is a
+// regular object of our user and can be locked. Objects of live instances,
+// of other users, links and names of another shape are left alone. Returns
+// the number of objects removed (-1 when /dev/shm cannot be read) and logs one
+// line when it removed any.
+int RemoveStaleObjects();
+
+// The names of one kind of object the engine creates: prefix + tag + "_" +
+// decimal id (see InstanceTag). Ids count up from nFirst. Anyone may
 // create objects in /dev/shm, so an object is only ever created exclusively
 // (O_CREAT | O_EXCL | O_NOFOLLOW): a name that exists already belongs to
 // someone else and is never opened, written or unlinked by us. On such a name
@@ -42,6 +62,7 @@ public:
 
     // Creates a new, empty object of mode 0644 (whatever the umask) under a
     // free name. Returns its descriptor with the name and id, or -1.
+    // strPrefix is the kind ("mox_datablock_"); the instance tag follows it.
     int CreateExclusive(std::string& strName, int& nId);
 
 private:

@@ -1,4 +1,4 @@
-// CResultListBuilder: writes one result list ("mox_resultlist_N", layout in
+// CResultListBuilder: writes one result list ("mox_resultlist_T_N", layout in
 // <mox/mox_resultlist.h>) for a request-list worker thread.
 //
 // Construct with the list's range and table sizes (the object is created,
@@ -55,7 +55,7 @@ public:
     static bool Drop(const std::string& strShmName);
 
 private:
-    // Names "mox_resultlist_N" (see CShmNamer: never a name someone else holds).
+    // Names "mox_resultlist_T_N" (see CShmNamer: never a name someone else holds).
     static mox_shm::CShmNamer& m_Namer();
     // The lists created and not yet unlinked, process-wide.
     static mox::Mutex& m_CreatedMutex();

@@ -345,7 +345,12 @@ int CMOXAutoScanner::DoCheckAction() {
         MOX_SCAN_DEBUG("%s : %s/%s", info.TypeName(), info.strBasePath.c_str(), info.strName.c_str());
     } else if (nResult == MOX_SCAN_SKIPPED) {
     } else if (nResult == MOX_SCAN_END) {
-        if (m_nMediaCount == 1) {
+        if (m_pDirScanner->HadReadError()) {
+            // "No media" or "one media" would be a wrong answer about a
+            // storage that could not be read to the end.
+            MOX_WARN("Device(%s) could not be read completely: check failed.", m_option.strDevicePath.c_str());
+            m_option.nResult = MOX_SCANNER_RESULT_NONE;
+        } else if (m_nMediaCount == 1) {
             MOX_INFO("Device(%s) has one media(%s/%s).", m_option.strDevicePath.c_str(),
                      m_heldEntry.strBasePath.c_str(), m_heldEntry.strName.c_str());
             m_option.nResult = MOX_SCANNER_RESULT_ONE_MEDIA;

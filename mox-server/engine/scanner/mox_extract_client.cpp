@@ -12,9 +12,12 @@
 
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include <mox/mox_log.h>
 
@@ -39,6 +42,72 @@ std::string HelperPath() {
     size_t slash = dir.find_last_of('/');
     return (slash == std::string::npos ? std::string(".") : dir.substr(0, slash)) + "/mox-extract";
 }
+
+// Runs the helper's posix_spawn on one thread that never ends: the helper's
+// parent-death signal fires when the thread that spawned it ends, so its
+// parent must live as long as the process. A forked child gets a thread of
+// its own.
+class CSpawnThread {
+public:
+    static CSpawnThread& Get() {
+        // Never destroyed: its thread waits for work until the process ends.
+        static CSpawnThread* s_thread = new CSpawnThread();  // NOLINT(cppcoreguidelines-owning-memory)
+        return *s_thread;
+    }
+
+    // fn's result, fn run on the spawning thread; -1 without such a thread.
+    int Run(const std::function<int()>& fn) {
+        SJob job{fn};
+        mox::UniqueLock lock(m_mutex);
+        if (m_threadPid != getpid()) {
+            try {
+                std::thread([this] { m_Loop(); }).detach();
+            } catch (const std::exception& e) {
+                MOX_WARN("mox-extract: no spawning thread: %s", e.what());
+                return -1;
+            }
+            m_threadPid = getpid();
+            m_pJob = nullptr;  // a forked child's copy of a parent's request
+        }
+        while (m_pJob != nullptr) lock.Wait(m_cond);
+        m_pJob = &job;
+        m_cond.notify_all();
+        while (!job.bDone) lock.Wait(m_cond);
+        return job.nResult;
+    }
+
+private:
+    struct SJob {
+        const std::function<int()>& fn;
+        int nResult = -1;
+        bool bDone = false;
+    };
+
+    void m_Loop() {
+        mox::UniqueLock lock(m_mutex);
+        for (;;) {
+            while (m_pJob == nullptr) lock.Wait(m_cond);
+            SJob* pJob = m_pJob;
+            lock.Unlock();
+            int nResult = -1;
+            try {
+                nResult = pJob->fn();
+            } catch (...) {
+                MOX_WARN("mox-extract: spawning threw.");
+            }
+            lock.Lock();
+            pJob->nResult = nResult;
+            pJob->bDone = true;
+            m_pJob = nullptr;
+            m_cond.notify_all();
+        }
+    }
+
+    mox::Mutex m_mutex;
+    std::condition_variable m_cond;
+    SJob* m_pJob GUARDED_BY(m_mutex) = nullptr;
+    pid_t m_threadPid GUARDED_BY(m_mutex) = -1;
+};
 
 }  // namespace
 
@@ -84,7 +153,8 @@ bool CMOXExtractClient::m_Start() {
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     char* argv[] = {const_cast<char*>("mox-extract"), nullptr};
     pid_t pid = -1;
-    int err = posix_spawn(&pid, path.c_str(), &actions, &attr, argv, environ);
+    int err = CSpawnThread::Get().Run([&] { return posix_spawn(&pid, path.c_str(), &actions, &attr, argv, environ); });
+    if (err < 0) err = EAGAIN;
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attr);
     if (err != 0) {
@@ -107,8 +177,9 @@ void CMOXExtractClient::m_Stop(bool bKill) {
     m_pid = -1;
 }
 
-std::string CMOXExtractClient::m_Reap(bool* pbSetupFailed) {
+std::string CMOXExtractClient::m_Reap(bool* pbSetupFailed, int* pnSignal) {
     if (pbSetupFailed) *pbSetupFailed = false;
+    if (pnSignal) *pnSignal = 0;
     m_socket.Reset();
     if (m_pid <= 0) return "gone";
     int status = 0;
@@ -118,10 +189,27 @@ std::string CMOXExtractClient::m_Reap(bool* pbSetupFailed) {
     }
     m_pid = -1;
     if (r < 0) return "lost";
-    if (WIFSIGNALED(status)) return std::string("killed by signal ") + std::to_string(WTERMSIG(status));
+    if (WIFSIGNALED(status)) {
+        if (pnSignal) *pnSignal = WTERMSIG(status);
+        return std::string("killed by signal ") + std::to_string(WTERMSIG(status));
+    }
     if (WIFEXITED(status) && WEXITSTATUS(status) == kExitSetupFailed && pbSetupFailed) *pbSetupFailed = true;
     if (WIFEXITED(status)) return std::string("exited with status ") + std::to_string(WEXITSTATUS(status));
     return "ended";
+}
+
+bool CMOXExtractClient::m_WaitsForStorage() {
+    if (m_pid <= 0) return false;
+    // /proc/PID/stat: "PID (COMM) STATE ..."; COMM may hold anything but the
+    // last ')' ends it.
+    mox_util::UniqueFd fd(open(("/proc/" + std::to_string(m_pid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.IsValid()) return false;
+    char text[512];
+    ssize_t n = read(fd.Get(), text, sizeof(text) - 1);
+    if (n <= 0) return false;
+    text[n] = '\0';
+    const char* close = strrchr(text, ')');
+    return close != nullptr && close[1] == ' ' && close[2] == 'D';
 }
 
 void CMOXExtractClient::m_Remember(const FileKey& key) {
@@ -168,6 +256,16 @@ bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, 
     for (;;) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
+            if (m_WaitsForStorage()) {
+                // The storage, not the file, holds the parse: the file is
+                // parsed again once the storage answers.
+                MOX_WARN(
+                    "mox-extract: reading (%s) took more than %lld ms (the storage does not answer); helper "
+                    "killed, file skipped this time.",
+                    logName.c_str(), static_cast<long long>(kDeadline.count()));
+                m_Stop(true);
+                return false;
+            }
             MOX_WARN("mox-extract: (%s) took more than %lld ms; helper killed, file skipped.", logName.c_str(),
                      static_cast<long long>(kDeadline.count()));
             m_Stop(true);
@@ -190,11 +288,18 @@ bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, 
     long n = mox_extract_wire::Receive(m_socket.Get(), answer, nullptr);
     if (n <= 0) {
         bool bSetupFailed = false;
-        std::string how = m_Reap(&bSetupFailed);
+        int nSignal = 0;
+        std::string how = m_Reap(&bSetupFailed, &nSignal);
         if (bSetupFailed) {
             MOX_WARN("mox-extract: helper could not drop privileges or set its limits; contents of (%s) not read.",
                      logName.c_str());
             return true;
+        }
+        // Signals a parse does not raise itself: someone stopped the helper.
+        if (nSignal == SIGKILL || nSignal == SIGTERM || nSignal == SIGINT || nSignal == SIGHUP) {
+            MOX_WARN("mox-extract: helper %s from outside while parsing (%s); file skipped this time.", how.c_str(),
+                     logName.c_str());
+            return false;
         }
         MOX_WARN("mox-extract: helper %s while parsing (%s); file skipped, helper restarts for the next file.",
                  how.c_str(), logName.c_str());

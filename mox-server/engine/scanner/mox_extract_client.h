@@ -1,13 +1,18 @@
 // CMOXExtractClient: the daemon's side of the mox-extract helper process.
 //
-// The helper is started on first use and reused for the following files. One
-// file at a time: Extract() holds the client mutex for the whole round trip,
-// so any number of scanner threads may call it. A file whose parse crashes
-// the helper or passes the per-file deadline fails with a warning naming it;
-// the helper is killed and started again for the next file, and the file is
+// The helper is started on first use and reused for the following files. It
+// is spawned by one thread that lives as long as the process: its
+// parent-death signal (which fires when the spawning *thread* ends) thus
+// means the daemon died, never that a scanner thread finished. One file at
+// a time: Extract() holds the client mutex for the whole round trip, so any
+// number of scanner threads may call it. A file whose parse crashes the
+// helper or passes the per-file deadline fails with a warning naming it; the
+// helper is killed and started again for the next file, and the file is
 // remembered by (path, size, modification time) so that it is not parsed
-// again. Helper binary: $MOX_EXTRACT_HELPER, else "mox-extract" next to the
-// running executable.
+// again -- unless the file was not to blame: a helper killed from outside
+// (SIGKILL, SIGTERM, ...) or stuck in a read the storage does not answer
+// (uninterruptible sleep at the deadline) fails the file this time only. Helper binary: $MOX_EXTRACT_HELPER, else
+// "mox-extract" next to the running executable.
 #pragma once
 
 #include <sys/types.h>
@@ -57,7 +62,9 @@ private:
     void m_Stop(bool bKill) REQUIRES(m_mutex);  // reaps the helper
     // Reaps a helper that closed its socket and describes how it ended;
     // *pbSetupFailed tells a helper that could not confine itself.
-    std::string m_Reap(bool* pbSetupFailed = nullptr) REQUIRES(m_mutex);
+    std::string m_Reap(bool* pbSetupFailed = nullptr, int* pnSignal = nullptr) REQUIRES(m_mutex);
+    // True when the helper sleeps in an uninterruptible wait (a storage read).
+    bool m_WaitsForStorage() REQUIRES(m_mutex);
     void m_Remember(const FileKey& key) REQUIRES(m_mutex);
 
     mox::Mutex m_mutex;

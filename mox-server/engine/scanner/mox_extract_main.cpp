@@ -75,7 +75,9 @@ bool DropRoot() {
 
 bool Confine(pid_t daemon) {
     if (!DropRoot()) return false;
-    // After the credential change, which clears the parent-death signal.
+    // After the credential change, which clears the parent-death signal. The
+    // parent is the daemon's spawning thread, which lives as long as the
+    // daemon (CMOXExtractClient), so this fires when the daemon dies.
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return false;
     if (getppid() != daemon) return false;  // the daemon is already gone
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return false;

@@ -23,6 +23,7 @@
 #include <mox/json_value.h>
 #include <mox/mox_confined_path.h>
 #include <mox/mox_log.h>
+#include <mox/mox_util.h>
 #include <mox_host_paths.h>
 #include <mox_unique_fd.h>
 
@@ -485,29 +486,5 @@ std::string CMOXExtractor::TextToUtf8(std::string_view text, size_t maxBytes) {
 }
 
 std::string CMOXExtractor::FileNameToUtf8(std::string_view name) {
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(name.size());
-    auto escape = [&](unsigned char c) {
-        out += "\\x";
-        out.push_back(kHex[c >> 4]);
-        out.push_back(kHex[c & 0xF]);
-    };
-    std::string_view rest = name;
-    while (!rest.empty()) {
-        const gchar* end = nullptr;
-        bool bValid = g_utf8_validate_len(rest.data(), rest.size(), &end);
-        size_t good = bValid ? rest.size() : static_cast<size_t>(end - rest.data());
-        for (size_t i = 0; i < good; ++i) {
-            if (rest[i] == '\\')
-                escape('\\');
-            else
-                out.push_back(rest[i]);
-        }
-        if (bValid) break;
-        // g_utf8_validate stops at a NUL too: it is escaped like any bad byte.
-        escape(static_cast<unsigned char>(rest[good]));
-        rest.remove_prefix(good + 1);
-    }
-    return out;
+    return CMOXUtil::FileNameToUtf8(name);
 }

@@ -82,9 +82,8 @@ public:
     // Text that may not be UTF-8 (tags): returned as is when valid, else read
     // as Latin-1; NULs dropped; cut to `maxBytes` on a character boundary.
     static std::string TextToUtf8(std::string_view text, size_t maxBytes = kMaxTextBytes);
-    // A file name or path as UTF-8 that still tells names apart: valid UTF-8
-    // without backslashes is unchanged; every byte that is not part of valid
-    // UTF-8, and every backslash, becomes "\xNN" (upper-case hex).
+    // CMOXUtil::FileNameToUtf8: a file name or path as UTF-8 that still tells
+    // names apart ("\xNN" for stray bytes and backslashes).
     static std::string FileNameToUtf8(std::string_view name);
 
     // Longest tag text kept.

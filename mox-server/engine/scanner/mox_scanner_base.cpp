@@ -28,6 +28,7 @@ int CMOXScannerBase::Create(const SMOXScannerOption& option) {
     m_bFinished = false;
     m_nRetryCount = 0;
     m_bQueueFullLogged = false;
+    m_bReadError = false;
     MOX_INFO("Scanner Option : %d|%s|%s|%s|%d|%d|%d", m_nKind, m_option.strDevicePath.c_str(),
              m_option.strBasePath.c_str(), m_option.strThirdPath.c_str(), m_option.nScanMode, m_option.nRecursive,
              m_option.nListSize);
@@ -55,13 +56,21 @@ int CMOXScannerBase::ReadFileInfo(SMOXFileInfo& info) {
             if (info.nType == MOX_SCANNER_TYPE_DIR && m_option.nRecursive != 0) t_AddDir(info);
             return MOX_SCAN_OK;
         case MOX_SCAN_DEVICE_ERROR:
-        case MOX_SCAN_NFS_ERROR: m_bFinished = true; return MOX_SCAN_END;
+        case MOX_SCAN_NFS_ERROR:
+            m_bReadError = true;
+            m_bFinished = true;
+            return MOX_SCAN_END;
         case MOX_SCAN_SKIPPED: return MOX_SCAN_SKIPPED;
         case MOX_SCAN_END:
         case MOX_SCAN_NO_DIR: {
             if (m_option.nRecursive != 0) {
                 int nMove = t_MoveNextDir();
                 if (nMove == MOX_SCAN_OK) return MOX_SCAN_SKIPPED;
+                if (nMove == MOX_SCAN_DEVICE_ERROR || nMove == MOX_SCAN_NFS_ERROR) {
+                    m_bReadError = true;
+                    m_bFinished = true;
+                    return MOX_SCAN_END;
+                }
                 if (nMove != MOX_SCAN_END && nMove != MOX_SCAN_NO_DIR) return nMove;
                 m_bFinished = true;
                 return nMove;

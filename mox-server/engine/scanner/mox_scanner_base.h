@@ -1,4 +1,4 @@
-// CMOXScannerBase: one breadth-first walk of a storage, handing out one entry
+// CMOXScannerBase: one depth-first walk of a storage, handing out one entry
 // per ReadFileInfo() call. Owns the accepted option, the extension table and
 // the queue of directories still to read; a subclass supplies the file-system
 // hooks (t_*). Not thread-safe: one thread at a time (the auto or thumbnail
@@ -8,6 +8,8 @@
 #include <deque>
 #include <memory>
 #include <string>
+
+#include <mox_unique_fd.h>
 
 #include "mox_media_extension.h"
 #include "mox_scanner_defines.h"
@@ -34,6 +36,9 @@ public:
     int GetKind() const { return m_nKind; }
     const SMOXScannerOption& GetOption() const { return m_option; }
     size_t PendingDirs() const { return m_pendingDirs.size(); }
+    // True once the storage failed a read (EIO and the like): the walk ended
+    // early, so what it saw is no answer about the whole storage.
+    bool HadReadError() const { return m_bReadError; }
 
     // Most directories waiting in the queue; more are skipped with a warning,
     // so a storage cannot grow the queue without bound (at most some 50 MB
@@ -60,6 +65,12 @@ protected:
     struct PendingDir {
         std::string strParent;
         std::string strName;
+        // Where the folder is opened from: its parent's descriptor and its
+        // name or, below the depth whose descriptors are kept, the deepest
+        // kept ancestor and the path from there.
+        std::shared_ptr<const mox_util::UniqueFd> base;
+        std::string strRelative;
+        int nDepth = 0;
     };
 
     SMOXScannerOption m_option;
@@ -68,6 +79,7 @@ protected:
     bool m_bFinished = false;
     int m_nRetryCount = 0;
     bool m_bQueueFullLogged = false;
+    bool m_bReadError = false;
 
 private:
     int m_nKind;

@@ -203,9 +203,15 @@ void CMOXThumbnailScanner::t_Process() {
         }
         m_nLimit = std::min(option.nFileLimit, kMaxFilesPerRequest);
         m_pDirScanner = std::make_unique<CMOXUsbScanner>();
-        m_pDirScanner->Create(option);
         m_nFileCount = 0;
         m_nDirCount = 0;
+        if (m_pDirScanner->Create(option) != MOX_SCAN_OK) {
+            // A folder that cannot be opened is a failure, not an empty folder.
+            MOX_WARN("folder(%s) cannot be read: thumbnail scan failed.", option.strDevicePath.c_str());
+            OnCallback();
+            m_FinishCurrent();
+            continue;
+        }
         while (m_bThreadRun && !m_bCancel) {
             int nResult = m_DoFolderThumbnailAction();
             if (nResult == MOX_SCAN_END) {
@@ -243,7 +249,10 @@ int CMOXThumbnailScanner::m_DoFolderThumbnailAction() {
             ++m_nDirCount;
         }
     } else if (nResult == MOX_SCAN_END) {
-        if (m_nFileCount > 0 && m_nFileCount < m_nLimit) {
+        if (m_pDirScanner->HadReadError()) {
+            MOX_WARN("folder(%s) could not be read completely: thumbnail scan failed.", folder);
+            m_current.nResult = MOX_SCANNER_RESULT_NONE;
+        } else if (m_nFileCount > 0 && m_nFileCount < m_nLimit) {
             MOX_INFO("folder(%s) has %d files.", folder, m_nFileCount);
             m_current.nResult = MOX_SCANNER_RESULT_FOLDER_FILES;
         } else if (m_nFileCount == 0) {

@@ -25,13 +25,11 @@ CMOXUsbScanner::CMOXUsbScanner() : CMOXScannerBase(kKindUsb) {}
 
 CMOXUsbScanner::~CMOXUsbScanner() {
     t_CloseDir();
-    if (m_topFd >= 0) close(m_topFd);
 }
 
 int CMOXUsbScanner::t_Create() {
     t_CloseDir();
-    if (m_topFd >= 0) close(m_topFd);
-    m_topFd = -1;
+    m_topFd.reset();
     m_strTopPath = m_option.strDevicePath;
     while (m_strTopPath.size() > 1 && m_strTopPath.back() == '/') m_strTopPath.pop_back();
     if (m_strTopPath.empty()) {
@@ -39,50 +37,71 @@ int CMOXUsbScanner::t_Create() {
         return MOX_SCAN_BAD_ARGUMENT;
     }
     // The top is resolved once, by descriptor, beneath the confine root; all
-    // later opens are relative to it.
+    // later opens are relative to it and to the folders below it.
+    int fd = -1;
     if (!m_option.strConfineRoot.empty())
-        m_topFd = CMOXConfinedPath(m_option.strConfineRoot).OpenDirectoryForRead(m_strTopPath);
+        fd = CMOXConfinedPath(m_option.strConfineRoot).OpenDirectoryForRead(m_strTopPath);
     else
-        m_topFd = open(m_strTopPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (m_topFd < 0) return m_ConvertError(errno, __LINE__);
+        fd = open(m_strTopPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return m_ConvertError(errno, __LINE__);
+    m_topFd = std::make_shared<const mox_util::UniqueFd>(fd);
     return t_OpenDir(m_strTopPath.c_str());
 }
 
 void CMOXUsbScanner::t_Destroy() {
     MOX_INFO("current dir : %s", m_strCurDirName.c_str());
     t_CloseDir();
-    if (m_topFd >= 0) close(m_topFd);
-    m_topFd = -1;
+    m_topFd.reset();
 }
 
-int CMOXUsbScanner::m_OpenBelowTop(const std::string& path) {
-    if (m_topFd < 0) {
-        errno = EBADF;
-        return -1;
-    }
-    std::string relative;
-    if (path == m_strTopPath) {
-        relative = ".";
-    } else if (path.size() > m_strTopPath.size() + 1 && path.compare(0, m_strTopPath.size(), m_strTopPath) == 0 &&
-               (m_strTopPath == "/" || path[m_strTopPath.size()] == '/')) {
-        relative = path.substr(m_strTopPath == "/" ? 1 : m_strTopPath.size() + 1);
-    } else {
+int CMOXUsbScanner::m_OpenFrom(const mox_util::UniqueFd& base, const std::string& relative) {
+    const int nFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    if (relative.empty() || relative == "." || relative == "..") {
         errno = EXDEV;
         return -1;
     }
+    // One name: relative to the parent's descriptor. O_NONBLOCK: should the
+    // name now be a FIFO, O_DIRECTORY fails instead of blocking.
+    if (relative.find('/') == std::string::npos) return openat(base.Get(), relative.c_str(), nFlags);
+    // Deeper than the kept descriptors: beneath the deepest kept ancestor,
+    // no link followed in any component.
     struct open_how how;
     memset(&how, 0, sizeof(how));
-    // O_NONBLOCK: should a name now be a FIFO, O_DIRECTORY fails instead of
-    // blocking. No link is followed in any component, not even one that would
-    // stay below the top: the walk itself never meets links as folders.
-    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    how.flags = nFlags;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     for (;;) {
-        long fd = syscall(SYS_openat2, m_topFd, relative.c_str(), &how, sizeof(how));
+        long fd = syscall(SYS_openat2, base.Get(), relative.c_str(), &how, sizeof(how));
         if (fd >= 0) return static_cast<int>(fd);
         // The kernel asks for a retry when a rename raced with the lookup.
         if (errno != EAGAIN && errno != EINTR) return -1;
     }
+}
+
+int CMOXUsbScanner::m_Enter(int fd, const std::string& path, const PendingDir* pFrom) {
+    m_nCurDepth = pFrom ? pFrom->nDepth : 0;
+    m_curBase.reset();
+    m_strCurRelative.clear();
+    if (pFrom == nullptr) {
+        m_curBase = m_topFd;
+    } else if (m_nCurDepth <= kMaxHeldDepth) {
+        int held = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        if (held >= 0) m_curBase = std::make_shared<const mox_util::UniqueFd>(held);
+    }
+    if (!m_curBase) {
+        // Subfolders open from the ancestor this folder was opened from.
+        m_curBase = pFrom->base;
+        m_strCurRelative = pFrom->strRelative;
+    }
+    DIR* dir = fdopendir(fd);
+    if (dir == nullptr) {
+        int err = errno;
+        close(fd);
+        m_curBase.reset();
+        return m_ConvertError(err, __LINE__);
+    }
+    m_pDir.reset(dir);
+    m_strCurDirName = path;
+    return MOX_SCAN_OK;
 }
 
 int CMOXUsbScanner::t_OpenDir(const char* pszPathName) {
@@ -95,29 +114,20 @@ int CMOXUsbScanner::t_OpenDir(const char* pszPathName) {
         return MOX_SCAN_BAD_ARGUMENT;
     }
     m_nRetryCount = 0;
-    int fd = m_OpenBelowTop(pszPathName);
-    if (fd < 0) {
-        int err = errno;
-        // A folder swapped for a link (or moved out) is skipped, not followed.
-        if (err == ELOOP || err == EXDEV) {
-            MOX_WARN("DIR(%s) refused: it is no longer a folder below %s", pszPathName, m_strTopPath.c_str());
-            return MOX_SCAN_FAIL;
-        }
-        return m_ConvertError(err, __LINE__);
+    // Only the top opens by its path (again, from its own descriptor).
+    if (!m_topFd || pszPathName != m_strTopPath) {
+        MOX_WARN("DIR(%s) refused: not the top of the walk %s", pszPathName, m_strTopPath.c_str());
+        return MOX_SCAN_FAIL;
     }
-    DIR* dir = fdopendir(fd);
-    if (dir == nullptr) {
-        int err = errno;
-        close(fd);
-        return m_ConvertError(err, __LINE__);
-    }
-    m_pDir.reset(dir);
-    m_strCurDirName = pszPathName;
-    return MOX_SCAN_OK;
+    int fd = openat(m_topFd->Get(), ".", O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return m_ConvertError(errno, __LINE__);
+    return m_Enter(fd, m_strTopPath, nullptr);
 }
 
 void CMOXUsbScanner::t_CloseDir() {
     m_pDir.reset();
+    m_curBase.reset();
+    m_strCurRelative.clear();
     m_strCurDirName.clear();
     m_nRetryCount = 0;
 }
@@ -149,7 +159,10 @@ int CMOXUsbScanner::t_ReadFile(SMOXFileInfo& info) {
             bDetailRead = true;
             break;
         }
-        default: break;  // links, FIFOs, devices: the caller's preset type
+        default:
+            // Links, FIFOs, devices and sockets are no media and no folders:
+            // a link named "x.jpg" is not a photo of this storage.
+            return MOX_SCAN_SKIPPED;
     }
     if (!t_DoFilter(info)) {
         MOX_SCAN_INFO("Ignore %s(%s/%s), Do Again...", info.nType == MOX_SCANNER_TYPE_FILE ? "FILE" : "DIR",
@@ -161,18 +174,32 @@ int CMOXUsbScanner::t_ReadFile(SMOXFileInfo& info) {
 }
 
 int CMOXUsbScanner::t_MoveNextDir() {
+    // Depth-first: the last folder queued is a subfolder of the current one
+    // (or of its nearest ancestor with folders left), so only the chain of
+    // descriptors above it stays open.
     while (!m_pendingDirs.empty()) {
-        PendingDir pending = std::move(m_pendingDirs.front());
-        m_pendingDirs.pop_front();
+        PendingDir pending = std::move(m_pendingDirs.back());
+        m_pendingDirs.pop_back();
         if (pending.strParent.size() + pending.strName.size() >= kMoxScanMaxPath) return MOX_SCAN_FAIL;
         std::string path = pending.strParent;
         if (pending.strParent.size() > 1) path += '/';
         path += pending.strName;
         t_CloseDir();
-        int nResult = t_OpenDir(path.c_str());
         MOX_SCAN_INFO("Enter DIR : %s", path.c_str());
+        int nResult = MOX_SCAN_FAIL;
+        int fd = pending.base ? m_OpenFrom(*pending.base, pending.strRelative) : -1;
+        if (fd >= 0) {
+            m_nRetryCount = 0;
+            nResult = m_Enter(fd, path, &pending);
+        } else if (errno == ELOOP || errno == EXDEV || errno == ENOTDIR) {
+            // A folder swapped for a link (or moved out) is skipped, not followed.
+            MOX_WARN("DIR(%s) refused: it is no longer a folder below %s", path.c_str(), m_strTopPath.c_str());
+        } else {
+            nResult = m_ConvertError(errno, __LINE__);
+        }
         if (nResult == MOX_SCAN_OK) return MOX_SCAN_OK;
-        if (nResult == MOX_SCAN_DEVICE_ERROR) break;
+        // A folder the storage cannot read ends the walk as a failure.
+        if (nResult == MOX_SCAN_DEVICE_ERROR || nResult == MOX_SCAN_NFS_ERROR) return nResult;
     }
     MOX_DEBUG("No More DIRs...");
     return MOX_SCAN_END;
@@ -192,7 +219,13 @@ int CMOXUsbScanner::t_AddDir(const SMOXFileInfo& info) {
         m_bQueueFullLogged = true;
         return MOX_SCAN_BAD_ARGUMENT;
     }
-    m_pendingDirs.push_back(PendingDir{m_strCurDirName, info.strName});
+    PendingDir pending;
+    pending.strParent = m_strCurDirName;
+    pending.strName = info.strName;
+    pending.base = m_curBase;
+    pending.strRelative = m_strCurRelative.empty() ? info.strName : m_strCurRelative + "/" + info.strName;
+    pending.nDepth = m_nCurDepth + 1;
+    m_pendingDirs.push_back(std::move(pending));
     return MOX_SCAN_OK;
 }
 
@@ -210,7 +243,10 @@ int CMOXUsbScanner::m_GetDetailFileInfo(SMOXFileInfo& info, bool bSetType) {
     if (!m_pDir) return MOX_SCAN_NO_DIR;
     if (fstatat64(dirfd(m_pDir.get()), info.strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
         return m_ConvertError(errno, __LINE__);
-    if (bSetType) info.nType = S_ISDIR(st.st_mode) ? MOX_SCANNER_TYPE_DIR : MOX_SCANNER_TYPE_FILE;
+    if (bSetType) {
+        if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) return MOX_SCAN_SKIPPED;
+        info.nType = S_ISDIR(st.st_mode) ? MOX_SCANNER_TYPE_DIR : MOX_SCANNER_TYPE_FILE;
+    }
     info.llFileSize = st.st_size;
     info.tModified = static_cast<int32_t>(st.st_mtime);
     info.tCreated = static_cast<int32_t>(st.st_ctime);

@@ -1,13 +1,17 @@
 // CMOXUsbScanner: the directory scanner of a mounted file system. Reads with
 // readdir64 and never opens anything but directories. The top directory is
 // opened once, beneath the option's confine root (CMOXConfinedPath); every
-// directory below it is opened relative to that descriptor with openat2
-// (RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS, O_NOFOLLOW | O_NONBLOCK), never by a
-// path name: a folder swapped for a link after the walk started is refused,
-// never followed, so every entry handed out lies really below the top. Entry
-// types come from d_type or fstatat(AT_SYMLINK_NOFOLLOW); FIFOs or device
-// nodes are never opened. Two descriptors at most are open at a time. Not
-// thread-safe (see CMOXScannerBase).
+// directory below it is opened relative to its parent's descriptor with
+// openat(O_NOFOLLOW | O_DIRECTORY | O_NONBLOCK), never by a path name: a
+// folder swapped for a link after the walk started is refused, never
+// followed, so every entry handed out lies really below the top. The walk is
+// depth-first, so the parents' descriptors kept are those of the current
+// chain; below kMaxHeldDepth levels a folder opens from its deepest kept
+// ancestor with openat2(RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS), so at most
+// kMaxHeldDepth + 2 descriptors are open. Entry types come from d_type or
+// fstatat(AT_SYMLINK_NOFOLLOW); only folders and regular files are handed
+// out (links, FIFOs, devices are skipped, never opened). A read error (EIO)
+// ends the walk and marks it failed. Not thread-safe (see CMOXScannerBase).
 #pragma once
 
 #include <dirent.h>
@@ -41,13 +45,25 @@ private:
     struct DirCloser {
         void operator()(DIR* dir) const { closedir(dir); }
     };
-    // Opens the directory `path` (the top or a path below it) relative to
-    // m_topFd; -1 and errno on failure.
-    int m_OpenBelowTop(const std::string& path);
+    // Opens `relative` (one name, or a path below kMaxHeldDepth) from `base`;
+    // -1 and errno on failure (EXDEV for "." or "..").
+    static int m_OpenFrom(const mox_util::UniqueFd& base, const std::string& relative);
+    // Makes the open folder `fd` the current one (path, depth, where its
+    // subfolders open from). Takes `fd`.
+    int m_Enter(int fd, const std::string& path, const PendingDir* pFrom);
 
-    std::string m_strTopPath;  // the device path as the walk spells it
-    int m_topFd = -1;          // the top directory, open for the whole walk
+    std::string m_strTopPath;                           // the device path as the walk spells it
+    std::shared_ptr<const mox_util::UniqueFd> m_topFd;  // the top, open for the whole walk
+    // Where the current folder's subfolders open from (see PendingDir).
+    std::shared_ptr<const mox_util::UniqueFd> m_curBase;
+    std::string m_strCurRelative;
+    int m_nCurDepth = 0;
     std::string m_strCurDirName;
     std::unique_ptr<DIR, DirCloser> m_pDir;
     bool m_bUnknownTypeLogged = false;
+
+public:
+    // Levels below the top whose descriptors the walk keeps for their
+    // subfolders.
+    static constexpr int kMaxHeldDepth = 16;
 };

@@ -40,7 +40,9 @@
 #include "mox_scanner_manager.h"
 #include "mox_source_manager.h"
 #include "mox_storage_manager.h"
+#include "mox_temp_sweep.h"
 #include "mox_uhd_data_mgr.h"
+#include "shm_mapping.h"
 
 namespace {
 
@@ -201,8 +203,10 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) 
     // case the unmount was never reported).
     CMOXSingleton<CCachePool>::Get()->ForgetTouching(strMountPath);
     if (event == MOX_STORAGE_CONNECTED) {
-        // Scanning is requested by clients; nothing to do on a mount.
+        // Scanning is requested by clients; on a mount only what a dead
+        // engine left half-written goes.
         MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());
+        mox_temp_sweep::SweepInBackground(mox_host::UsbRoot(), strMountPath);
     } else if (event == MOX_STORAGE_DISCONNECTED) {
         MOX_INFO("USB UNMOUNTED : %s", strMountPath.c_str());
         auto* pEngine = static_cast<CMOXEngineImp*>(engine);
@@ -358,6 +362,11 @@ int main(int argc, char** argv) {
         fprintf(stderr, "mox-engine: unknown argument '%s' (try --help)\n", argv[1]);
         return 2;
     }
+    // Objects of an instance that died without cleaning up (kill -9, a
+    // watchdog abort) are nobody's any more, and so are the temporary files
+    // it was writing on the storages mounted now.
+    mox_shm::RemoveStaleObjects();
+    mox_temp_sweep::SweepMountedInBackground(mox_host::UsbRoot());
     MOX_DEBUG("curl_global_init.");
     curl_global_init(CURL_GLOBAL_ALL);
     MOX_DEBUG("curl_global_init end.");

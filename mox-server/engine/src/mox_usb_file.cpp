@@ -20,6 +20,7 @@
 #include <mox_unique_fd.h>
 
 #include "cache_pool.h"
+#include "shm_mapping.h"
 
 using mox_util::UniqueFd;
 
@@ -57,10 +58,12 @@ bool WriteAll(int fd, const char* p, size_t len) {
 UniqueFd OpenClientObject(const std::string& shmName, uid_t callerUid, struct stat& st) {
     const std::string logName = CMOXUtil::CutForLog(shmName);
     // The engine's own data blocks and result lists are read by other
-    // clients: nobody, root included, consumes them through this method.
+    // clients, its instance locks guard them: nobody, root included,
+    // consumes them through this method.
     const std::string bare = shmName.substr(
         shmName.find_first_not_of('/') == std::string::npos ? shmName.size() : shmName.find_first_not_of('/'));
-    if (bare.rfind("mox_datablock_", 0) == 0 || bare.rfind("mox_resultlist_", 0) == 0) {
+    if (bare.rfind("mox_datablock_", 0) == 0 || bare.rfind("mox_resultlist_", 0) == 0 ||
+        bare.rfind(mox_shm::kLockPrefix, 0) == 0) {
         MOX_WARN("CMOXUtil: shm [%s] is one of the engine's own objects: refused.", logName.c_str());
         return UniqueFd();
     }

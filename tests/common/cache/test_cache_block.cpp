@@ -103,7 +103,7 @@ TEST(DataBlockNames, NamesCountUpAndCarryTheCacheId) {
     int n1 = -1, n2 = -1;
     ASSERT_TRUE(CCacheBuilder::GetCacheId(first.GetName(), n1));
     ASSERT_TRUE(CCacheBuilder::GetCacheId(second.GetName(), n2));
-    EXPECT_EQ(first.GetName(), "mox_datablock_" + std::to_string(n1));
+    EXPECT_EQ(first.GetName(), "mox_datablock_" + mox_shm::InstanceTag() + "_" + std::to_string(n1));
     EXPECT_GT(n2, n1);
     first.Free();
     second.Free();
@@ -129,9 +129,10 @@ TEST(DataBlockNames, FirstBuilderOfAProcessTakesNumberZeroOrMovesOnOnce) {
         moxtest::TrackShm(builder.GetName());
         const std::string log = moxtest::LogSince(mark);
         // Parallel tests may hold mox_datablock_0 at this moment.
-        if (builder.GetName() != "mox_datablock_0") {
+        const std::string zero = "mox_datablock_" + mox_shm::InstanceTag() + "_0";
+        if (builder.GetName() != zero) {
             EXPECT_EQ(moxtest::CountWarnings(log, "already exists"), 1u) << log;
-            EXPECT_NE(log.find("ShmName[mox_datablock_0]"), std::string::npos) << log;
+            EXPECT_NE(log.find("ShmName[" + zero + "]"), std::string::npos) << log;
         } else {
             EXPECT_EQ(moxtest::CountWarnings(log, "already exists"), 0u) << log;
         }
@@ -159,10 +160,11 @@ TEST(DataBlockNames, PlantedObjectsAreSkippedAndLeftAlone) {
     // More planted names than a builder may try one after the other.
     std::set<std::string> planted;
     for (int i = 1; i <= 2 * mox_shm::CShmNamer::kMaxAttempts; ++i) {
-        const std::string name = "mox_datablock_" + std::to_string(nId + i);
+        const std::string name = "mox_datablock_" + mox_shm::InstanceTag() + "_" + std::to_string(nId + i);
         if (moxtest::PlantShm(name, "planted")) planted.insert(name);
     }
-    const std::string link = "mox_datablock_" + std::to_string(nId + 2 * mox_shm::CShmNamer::kMaxAttempts + 1);
+    const std::string link = "mox_datablock_" + mox_shm::InstanceTag() + "_" +
+                             std::to_string(nId + 2 * mox_shm::CShmNamer::kMaxAttempts + 1);
     const std::string target = "/tmp/mox-planted-target-" + std::to_string(getpid());
     ASSERT_EQ(symlink(target.c_str(), ("/dev/shm/" + link).c_str()), 0);
 
@@ -174,7 +176,7 @@ TEST(DataBlockNames, PlantedObjectsAreSkippedAndLeftAlone) {
         EXPECT_NE(builder.GetName(), link);
         int nNew = -1;
         EXPECT_TRUE(CCacheBuilder::GetCacheId(builder.GetName(), nNew));
-        EXPECT_EQ(builder.GetName(), "mox_datablock_" + std::to_string(nNew));
+        EXPECT_EQ(builder.GetName(), "mox_datablock_" + mox_shm::InstanceTag() + "_" + std::to_string(nNew));
         std::vector<mox_data_group_s> groups;
         std::vector<mox_data_length_s> lengths = {{4}};
         ASSERT_EQ(fwrite("item", 1, 4, builder.GetStream()), 4u);
@@ -196,9 +198,9 @@ TEST(DataBlockNames, PlantedObjectsAreSkippedAndLeftAlone) {
 // The retries are bounded: with every name tried taken, creation fails with
 // one warning and touches nothing.
 TEST(ShmNamer, RetriesAreBoundedAndTakenNamesUntouched) {
-    const std::string prefix = "mox_test_namer_" + std::to_string(getpid()) + "_";
+    const std::string prefix = "mox_test_namer_" + mox_shm::InstanceTag() + "_";
     int nNextJump = 500;
-    mox_shm::CShmNamer namer(prefix, 0, [&nNextJump]() { return static_cast<uint32_t>(nNextJump++); });
+    mox_shm::CShmNamer namer("mox_test_namer_", 0, [&nNextJump]() { return static_cast<uint32_t>(nNextJump++); });
     std::vector<std::string> planted;
     auto plant = [&](int nId) {
         planted.push_back(prefix + std::to_string(nId));

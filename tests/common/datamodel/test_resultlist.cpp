@@ -21,6 +21,7 @@
 #include "mox_resultlist_builder.h"
 #include "mox_sort_key_reader.h"
 #include "shm_dump.h"
+#include "shm_mapping.h"
 #include "shm_test_util.h"
 
 using moxtest::Int32At;
@@ -233,7 +234,7 @@ TEST(ResultListLayout, HeaderTablesAndSlots) {
     CResultListBuilder builder(3, 7, 7, 40, 1, 1);
     ASSERT_TRUE(builder.IsValid());
     ListGuard guard(builder.GetName());
-    EXPECT_EQ(builder.GetName(), "mox_resultlist_" + std::to_string(builder.GetId()));
+    EXPECT_EQ(builder.GetName(), "mox_resultlist_" + mox_shm::InstanceTag() + "_" + std::to_string(builder.GetId()));
     builder.AddGroup(0, 5, 9);
     builder.AddItem("mox_datablock_12", 4);
     EXPECT_EQ(builder.Release(), guard.name);
@@ -307,7 +308,7 @@ TEST(ResultListDrop, OnlyListsOfThisProcessAreUnlinkedPlantedOnesAreSkipped) {
     builder.Release();
     std::vector<std::string> planted;
     for (int i = 1; i <= 100; ++i) {
-        const std::string next = "mox_resultlist_" + std::to_string(builder.GetId() + i);
+        const std::string next = "mox_resultlist_" + mox_shm::InstanceTag() + "_" + std::to_string(builder.GetId() + i);
         if (moxtest::PlantShm(next, "planted")) planted.push_back(next);
     }
     ASSERT_FALSE(planted.empty());
@@ -315,7 +316,7 @@ TEST(ResultListDrop, OnlyListsOfThisProcessAreUnlinkedPlantedOnesAreSkipped) {
     ASSERT_TRUE(skipping.IsValid());
     ListGuard guard(skipping.GetName());
     EXPECT_EQ(std::count(planted.begin(), planted.end(), skipping.GetName()), 0);
-    EXPECT_EQ(skipping.GetName(), "mox_resultlist_" + std::to_string(skipping.GetId()));
+    EXPECT_EQ(skipping.GetName(), "mox_resultlist_" + mox_shm::InstanceTag() + "_" + std::to_string(skipping.GetId()));
     skipping.AddItem("b", 0);
     skipping.Release();
     EXPECT_TRUE(CResultList(guard.name).IsLoaded());

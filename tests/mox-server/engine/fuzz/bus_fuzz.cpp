@@ -710,7 +710,7 @@ void BusFuzzer::HandleSignal(GDBusConnection* conn, const std::string& name, GVa
     for (size_t pos = text.find("mox_resultlist_"); pos != std::string::npos;
          pos = text.find("mox_resultlist_", pos + 1)) {
         size_t end = pos + 15;
-        while (end < text.size() && isdigit(static_cast<unsigned char>(text[end]))) ++end;
+        while (end < text.size() && (isdigit(static_cast<unsigned char>(text[end])) || text[end] == '_')) ++end;
         if (client->resultLists.size() < 32) client->resultLists.push_back(text.substr(pos, end - pos));
     }
     if (client->busy) {

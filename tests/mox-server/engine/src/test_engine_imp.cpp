@@ -72,7 +72,10 @@ private:
 std::vector<std::string> MoxObjects() {
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator("/dev/shm"))
-        if (entry.path().filename().string().rfind("mox_", 0) == 0) names.push_back(entry.path().filename());
+        // Instance locks (mox_lock_T) live as long as their process.
+        if (entry.path().filename().string().rfind("mox_", 0) == 0 &&
+            entry.path().filename().string().rfind("mox_lock_", 0) != 0)
+            names.push_back(entry.path().filename());
     return names;
 }
 

@@ -1,0 +1,267 @@
+// A stick's worst day, end to end against the real daemon: killed with
+// SIGKILL and started again on the same paths; storages (a FUSE file system)
+// that fail reads with EIO; folders holding links, FIFOs and names that are
+// not UTF-8.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <mox/mox_resultlist.h>
+
+#include "engine_fixture.h"
+#include "fault_mounts.h"
+
+using moxtest::EngineHarness;
+using moxtest::SignalCollector;
+using moxtest::WriteTextFile;
+
+namespace {
+
+Json::Value Parse(const std::string& text) {
+    Json::Value v;
+    std::istringstream in(text);
+    Json::parseFromStream(Json::CharReaderBuilder(), in, &v, nullptr);
+    return v;
+}
+
+std::string Plug(EngineHarness& h, const std::string& name) {
+    const std::string mount = h.UsbRoot() + "/" + name;
+    std::filesystem::create_directories(mount);
+    const std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
+    EXPECT_TRUE(WriteTextFile(tmp, R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
+                                       R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":"Stick"})"));
+    EXPECT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
+    return mount;
+}
+
+// Engine objects in /dev/shm whose names start with `prefix`.
+std::set<std::string> Objects(const std::string& prefix) {
+    std::set<std::string> names;
+    for (const auto& e : std::filesystem::directory_iterator("/dev/shm")) {
+        const std::string name = e.path().filename();
+        if (name.rfind(prefix, 0) == 0) names.insert(name);
+    }
+    return names;
+}
+
+// One client with the local source: lists a folder, returns the completion.
+class Lister {
+public:
+    explicit Lister(EngineHarness& h) : m_h(h), m_signals(h.Client()) {
+        moxtest::CallResult r = h.Call("connect", g_variant_new("(s)", "libmox_local_source.so"));
+        EXPECT_TRUE(r.ok()) << r.error;
+        if (r.ok()) g_variant_get(r.reply.get(), "(u)", &m_handle);
+    }
+    Json::Value List(const std::string& folder) {
+        const std::string doc =
+            R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],"mox_folder_path":")" + folder +
+            R"("})";
+        moxtest::CallResult r = m_h.Call("get_partial_list", g_variant_new("(uuus)", m_handle, 0u, 0u, doc.c_str()));
+        EXPECT_TRUE(r.ok()) << r.error;
+        ++m_nSent;
+        EXPECT_TRUE(m_signals.WaitFor("mox_request_normal_complete", m_nSent));
+        auto all = m_signals.Named("mox_request_normal_complete");
+        return all.size() >= m_nSent ? Parse(all[m_nSent - 1]->text()) : Json::Value();
+    }
+
+private:
+    EngineHarness& m_h;
+    SignalCollector m_signals;
+    guint32 m_handle = 0;
+    size_t m_nSent = 0;
+};
+
+std::vector<std::string> ItemNames(const std::string& list) {
+    std::vector<std::string> names;
+    CResultList result(list);
+    for (int i = result.StartIndex(); result.IsLoaded() && i <= result.EndIndex(); ++i) {
+        std::string item, block;
+        int index = -1;
+        if (result.GetItem(i, item, block, index)) names.push_back(Parse(item)["FileName"].asString());
+    }
+    return names;
+}
+
+void Install(EngineHarness& h) {
+    std::filesystem::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
+}
+
+}  // namespace
+
+// kill -9 leaves the dead instance's objects and half-written temporary files;
+// the next start removes exactly those, lists work again and a clean stop
+// leaves nothing.
+TEST(RestartFaults, KilledEngineLeavesNothingForTheNext) {
+    EngineHarness h;
+    Install(h);
+    const std::string stick = Plug(h, "sda1");
+    for (int i = 0; i < 30; ++i) ASSERT_TRUE(WriteTextFile(stick + "/p" + std::to_string(i) + ".jpg", "x"));
+    std::filesystem::create_directories(stick + "/a/b");
+    ASSERT_TRUE(h.Start());
+    const std::string tag = std::to_string(h.Pid());
+    {
+        Lister client(h);
+        for (int i = 0; i < 20; ++i) {
+            Json::Value ev = client.List(stick);
+            ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
+        }
+    }
+    // What an interrupted transfer and write leave, next to what is not ours.
+    const std::string dead = std::to_string(h.Pid());
+    const std::string live = std::to_string(getpid());
+    const std::vector<std::string> stale = {stick + "/.mox-transfer-" + dead + "-3",
+                                            stick + "/a/b/.p1.jpg.mox-" + dead + "-0"};
+    const std::vector<std::string> kept = {stick + "/.mox-transfer-" + live + "-1", stick + "/.p2.jpg.mox-x-1",
+                                           stick + "/a/.mox-transfer-" + dead + "-"};
+    for (const auto& f : stale) ASSERT_TRUE(WriteTextFile(f, "partial"));
+    for (const auto& f : kept) ASSERT_TRUE(WriteTextFile(f, "partial"));
+    ASSERT_EQ(mkfifo((stick + "/.fifo.mox-" + dead + "-2").c_str(), 0600), 0);
+    // A living instance's objects (its lock held) stay.
+    ASSERT_TRUE(WriteTextFile("/dev/shm/mox_datablock_4000000000_1", "live"));
+    int liveLock = open("/dev/shm/mox_lock_4000000000", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(liveLock, 0);
+    ASSERT_EQ(flock(liveLock, LOCK_EX), 0);
+
+    kill(h.Pid(), SIGKILL);
+    while (h.Running()) usleep(10000);
+    const size_t nLeft = Objects("mox_datablock_" + tag + "_").size() + Objects("mox_resultlist_" + tag + "_").size();
+    EXPECT_GE(nLeft, 20u);  // the lists nobody dropped and their blocks
+    EXPECT_TRUE(std::filesystem::exists("/dev/shm/mox_lock_" + tag));
+    std::printf("objects of the killed engine: %zu before the restart\n", nLeft);
+
+    ASSERT_TRUE(h.Start());
+    ASSERT_TRUE(h.WaitForLog("Removed 2 temporary files of dead writers"))
+        << h.Log().substr(h.Log().size() > 6000 ? h.Log().size() - 6000 : 0);
+    for (const auto& f : stale) EXPECT_FALSE(std::filesystem::exists(f)) << f;
+    for (const auto& f : kept) EXPECT_TRUE(std::filesystem::exists(f)) << f;
+    EXPECT_TRUE(std::filesystem::exists(stick + "/.fifo.mox-" + dead + "-2"));
+    const size_t nAfter = Objects("mox_datablock_" + tag + "_").size() + Objects("mox_resultlist_" + tag + "_").size() +
+                          std::filesystem::exists("/dev/shm/mox_lock_" + tag);
+    EXPECT_EQ(nAfter, 0u);
+    std::printf("objects of the killed engine: %zu after the restart\n", nAfter);
+    EXPECT_EQ(Objects("mox_datablock_4000000000_").size(), 1u);
+    close(liveLock);
+    std::filesystem::remove("/dev/shm/mox_lock_4000000000");
+    std::filesystem::remove("/dev/shm/mox_datablock_4000000000_1");
+
+    {
+        Lister client(h);
+        Json::Value ev = client.List(stick);
+        EXPECT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
+        EXPECT_EQ(ItemNames(ev["mox_result_list_block_name"].asString()).size(), 31u);
+    }
+    const std::string tag2 = std::to_string(h.Pid());
+    EXPECT_TRUE(std::filesystem::exists("/dev/shm/mox_lock_" + tag2));
+    EXPECT_EQ(h.Stop(), 0);
+    EXPECT_FALSE(std::filesystem::exists("/dev/shm/mox_lock_" + tag2));
+    EXPECT_TRUE(Objects("mox_resultlist_" + tag2 + "_").empty());
+}
+
+// A storage that fails reads: lists end with event 2 and MOX_ERROR_IO (33),
+// the device check with 27, the thumbnail scan with its failure; with the
+// fault gone, the same calls answer in full.
+TEST(RestartFaults, ReadErrorsAreFailuresNotShorterAnswers) {
+    EngineHarness h;
+    Install(h);
+    std::filesystem::create_directories(h.Path("backing/dir/sub"));
+    for (int i = 0; i < 10; ++i)
+        ASSERT_TRUE(WriteTextFile(h.Path("backing/dir/file" + std::to_string(i) + ".jpg"), "x"));
+    const std::string mount = h.UsbRoot() + "/fuse1";
+    std::filesystem::create_directories(mount);
+    moxtest::FaultFs fs(h.Path("backing"), mount);
+    if (!fs.Mounted()) GTEST_SKIP() << "FUSE not usable here: " << fs.Why();
+    Plug(h, "fuse1");
+    ASSERT_TRUE(h.Start());
+    Lister client(h);
+    SignalCollector signals(h.Client());
+    const std::string dir = mount + "/dir";
+    size_t nChecks = 0, nThumbs = 0;
+    auto check = [&] {
+        moxtest::CallResult r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", mount.c_str()));
+        EXPECT_TRUE(r.ok()) << r.error;
+        EXPECT_TRUE(signals.WaitFor("mox_scanner_done", ++nChecks));
+        guint32 id, code, type;
+        const gchar *base, *name, *media;
+        g_variant_get(signals.Named("mox_scanner_done").back()->params.get(), "(uuu&s&s&s)", &id, &code, &type, &base,
+                      &name, &media);
+        return code;
+    };
+    auto thumbs = [&] {
+        moxtest::CallResult r =
+            h.Call("start_scanner_thumb", g_variant_new("(ssuu)", dir.c_str(), "CONTENT-IMAGE", 4u, 7u));
+        EXPECT_TRUE(r.ok()) << r.error;
+        EXPECT_TRUE(signals.WaitFor("mox_folder_thumb_done", ++nThumbs));
+        Json::Value outer = Parse(signals.Named("mox_folder_thumb_done").back()->text());
+        return Parse(outer["mox_folder_thumbnail_data"].asString());
+    };
+
+    for (const char* rule : {"eio getattr /dir/file7", "eio readdir /dir"}) {
+        SCOPED_TRACE(rule);
+        fs.SetRules(rule);
+        Json::Value ev = client.List(dir);
+        EXPECT_EQ(ev["mox_event_type"].asInt(), 2) << ev.toStyledString();
+        EXPECT_EQ(ev["mox_error_code"].asInt(), 33);
+        EXPECT_EQ(ev["mox_result_list_block_name"].asString(), "");
+    }
+    fs.SetRules("eio readdir /dir");
+    EXPECT_EQ(check(), 27u);
+    Json::Value failed = thumbs();
+    EXPECT_EQ(failed["mox_folder_thumbnail_error_code"].asInt(), 1) << failed.toStyledString();
+    EXPECT_FALSE(failed.isMember("mox_folder_thumbnail_type"));
+    fs.SetRules("eio opendir /dir");  // the folder itself cannot be opened
+    EXPECT_EQ(thumbs()["mox_folder_thumbnail_error_code"].asInt(), 1);
+
+    fs.SetRules("");
+    Json::Value ev = client.List(dir);
+    ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
+    EXPECT_EQ(ItemNames(ev["mox_result_list_block_name"].asString()).size(), 11u);
+    EXPECT_EQ(check(), 26u);
+    Json::Value full = thumbs();
+    EXPECT_EQ(full["mox_folder_thumbnail_type"].asInt(), 0) << full.toStyledString();
+    EXPECT_EQ(full["mox_folder_thumbnail_items"].size(), 4u);
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// Thumbnail answers hold regular files only, as lists do; names that are not
+// UTF-8 read the same ("\xNN") in list items in shared memory and on the bus.
+TEST(RestartFaults, OnlyRegularFilesAndEscapedNames) {
+    EngineHarness h;
+    Install(h);
+    const std::string stick = Plug(h, "sdb1");
+    const std::string odd = "caf\xe9\\.jpg";
+    ASSERT_TRUE(WriteTextFile(stick + "/a.jpg", "x"));
+    ASSERT_TRUE(WriteTextFile(stick + "/" + odd, "x"));
+    std::filesystem::create_symlink("/etc/passwd", stick + "/passwd.jpg");
+    ASSERT_EQ(mkfifo((stick + "/pipe.jpg").c_str(), 0600), 0);
+    ASSERT_EQ(mknod((stick + "/null.jpg").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+    ASSERT_TRUE(h.Start());
+    SignalCollector signals(h.Client());
+    moxtest::CallResult r =
+        h.Call("start_scanner_thumb", g_variant_new("(ssuu)", stick.c_str(), "CONTENT-IMAGE", 10u, 1u));
+    ASSERT_TRUE(r.ok()) << r.error;
+    ASSERT_TRUE(signals.WaitFor("mox_folder_thumb_done", 1));
+    Json::Value inner =
+        Parse(Parse(signals.Named("mox_folder_thumb_done")[0]->text())["mox_folder_thumbnail_data"].asString());
+    std::set<std::string> thumbs;
+    for (const auto& item : inner["mox_folder_thumbnail_items"]) thumbs.insert(item.asString());
+    const std::string escaped = "caf\\xE9\\x5C.jpg";
+    EXPECT_EQ(thumbs, (std::set<std::string>{stick + "/a.jpg", stick + "/" + escaped}));
+
+    Lister client(h);
+    Json::Value ev = client.List(stick);
+    ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
+    std::vector<std::string> names = ItemNames(ev["mox_result_list_block_name"].asString());
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), (std::set<std::string>{"a.jpg", escaped}));
+    EXPECT_EQ(h.Stop(), 0);
+}
