@@ -1,5 +1,6 @@
 #include "mox_media_extension.h"
 
+#include <algorithm>
 #include <cctype>
 
 namespace MOXMEDIAEXTENSION {
@@ -64,12 +65,43 @@ CMOXMediaExtension::CMOXMediaExtension(const std::vector<EMOXMediaExtension>& li
 
 void CMOXMediaExtension::m_Insert(EMOXMediaExtension id, const std::string& name) {
     m_idToName.emplace(id, name);
-    m_nameToId.emplace(name, id);
+    if (!m_nameToId.emplace(name, id).second) return;
+    uint64_t nKey = 0;
+    if (!m_Pack(name.data(), name.size(), nKey)) return;
+    auto at = std::lower_bound(m_packed.begin(), m_packed.end(), std::make_pair(nKey, EMOXMediaExtension(0)));
+    m_packed.insert(at, std::make_pair(nKey, id));
+}
+
+bool CMOXMediaExtension::m_Pack(const char* pText, size_t nLength, uint64_t& nKey) {
+    if (nLength == 0 || nLength > 7) return false;
+    nKey = static_cast<uint64_t>(nLength) << 56;
+    for (size_t i = 0; i < nLength; ++i) {
+        unsigned char c = static_cast<unsigned char>(pText[i]);
+        if (c >= 'A' && c <= 'Z') c = static_cast<unsigned char>(c | 0x20);
+        nKey |= static_cast<uint64_t>(c) << (8 * i);
+    }
+    return true;
+}
+
+EMOXMediaExtension CMOXMediaExtension::Classify(const char* szName, size_t nLength) const {
+    // The extension is at most 7 bytes: look for the dot among the last 8.
+    const size_t nFloor = nLength > 8 ? nLength - 8 : 0;
+    size_t i = nLength;
+    while (i > nFloor && szName[i - 1] != '.') {
+        if (szName[i - 1] == '/' || szName[i - 1] == '\\') return 0;
+        --i;
+    }
+    if (i == nFloor || i == nLength) return 0;  // no dot near the end, or a trailing one
+    uint64_t nKey = 0;
+    if (!m_Pack(szName + i, nLength - i, nKey)) return 0;
+    auto at = std::lower_bound(m_packed.begin(), m_packed.end(), std::make_pair(nKey, EMOXMediaExtension(0)));
+    return at != m_packed.end() && at->first == nKey ? at->second : 0;
 }
 
 void CMOXMediaExtension::m_MakeDefaultList() {
     m_idToName.clear();
     m_nameToId.clear();
+    m_packed.clear();
     for (size_t g = 0; g < kDefaultGroups; ++g) {
         const Group& group = kGroups[g];
         for (size_t i = 0; i < group.list->size(); ++i)
@@ -80,6 +112,7 @@ void CMOXMediaExtension::m_MakeDefaultList() {
 void CMOXMediaExtension::m_MakeUserList(const std::vector<EMOXMediaExtension>& list) {
     m_idToName.clear();
     m_nameToId.clear();
+    m_packed.clear();
     for (EMOXMediaExtension id : list) {
         const Group* group = GroupOf(id);
         if (group == nullptr) continue;  // not an extension id: skipped silently

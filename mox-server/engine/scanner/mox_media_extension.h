@@ -1,8 +1,12 @@
 // CMOXMediaExtension: file-name extensions <-> extension ids <-> media groups.
-// Two ordered maps built together and kept in step. Built once, then only
-// read: concurrent const use is safe.
+// Two ordered maps built together and kept in step, and for the walk's look-up
+// per entry a sorted table of extensions packed, lower-case, into integers
+// (Classify: no copy, no allocation, no case-folded string). Built once, then
+// only read: concurrent const use is safe.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -33,6 +37,10 @@ public:
     // Id of the extension of `path` (text after the last dot of the last
     // component, lower-cased into `ext`); 0 when there is none or it is unknown.
     EMOXMediaExtension ExtractExtension(const std::string& path, std::string& ext) const;
+    // Id of the extension of the file name szName (nLength bytes: text after
+    // its last dot, letters in any case); 0 when there is none or it is
+    // unknown. Reads the name in place: the walk calls it for every entry.
+    EMOXMediaExtension Classify(const char* szName, size_t nLength) const;
     // Group of an id by the fixed ranges, whether or not this table holds it.
     static mox_media_type_e GetMediaTypeFromExtension(EMOXMediaExtension id);
     // Ids of this table in group `type` (15: every group 2-14), ascending.
@@ -44,6 +52,12 @@ private:
     void m_MakeDefaultList();
     void m_MakeUserList(const std::vector<EMOXMediaExtension>& list);
 
+    // An extension of 1 to 7 bytes, ASCII letters lower-cased, as one
+    // integer (bytes in order, the length in the top byte); false for any
+    // other length, which no table entry has.
+    static bool m_Pack(const char* pText, size_t nLength, uint64_t& nKey);
+
     std::map<EMOXMediaExtension, std::string> m_idToName;
     std::map<std::string, EMOXMediaExtension> m_nameToId;
+    std::vector<std::pair<uint64_t, EMOXMediaExtension>> m_packed;  // sorted by key
 };
