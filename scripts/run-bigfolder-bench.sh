@@ -135,7 +135,7 @@ if [[ $parts == *" 3 "* ]]; then
   echo "== 3. device-check walk instructions (goal <= 5x the raw walk)"
   load
   mkdir -p "$WORK/cg"
-  (cd "$WORK/cg" && valgrind --tool=callgrind --collect-atstart=no --callgrind-out-file=cg.out \
+  (cd "$WORK/cg" && valgrind --tool=callgrind --instr-atstart=no --callgrind-out-file=cg.out \
     "$build/bench/bench_walk_instructions" "$trees/walk" >/dev/null 2>"$WORK/cg/valgrind.err") ||
     { cat "$WORK/cg/valgrind.err"; exit 1; }
   total() { awk '/^totals:|^summary:/ {print $2; exit}' "$1"; }

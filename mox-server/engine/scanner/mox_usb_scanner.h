@@ -50,4 +50,9 @@ private:
     std::string m_strCurDirName;
     std::unique_ptr<DIR, DirCloser> m_pDir;
     bool m_bUnknownTypeLogged = false;
+    // The record t_ReadFile filled last and the folder it holds (counted by
+    // t_OpenDir): a record read again in the same folder keeps its copy.
+    uint64_t m_nDirSerial = 0;
+    const SMOXFileInfo* m_pFilled = nullptr;
+    uint64_t m_nFilledSerial = 0;
 };
