@@ -288,9 +288,9 @@ int main(int argc, char** argv) {
     Stats dropStats = Summarise(withDrop), rawDrop = Summarise(rawWithDrop);
     printf(
         "  with the drop: median %.0f us [range %.0f-%.0f], p99 %.0f us (p99/median %.2f); raw with a second "
-        "call+signal %.0f us; ratio %.2fx\n",
+        "call+signal %.0f us [range %.0f-%.0f], p99 %.0f us (p99/median %.2f); ratio %.2fx\n",
         dropStats.median, dropStats.min, dropStats.max, dropStats.p99, dropStats.p99 / dropStats.median, rawDrop.median,
-        dropStats.median / rawDrop.median);
+        rawDrop.min, rawDrop.max, rawDrop.p99, rawDrop.p99 / rawDrop.median, dropStats.median / rawDrop.median);
 
     // 2. Uncached list of 10,000 files against readdir + stat.
     std::vector<double> engine, plain;

@@ -4,6 +4,7 @@
 #include "mox_thread_annotations.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -157,6 +158,9 @@ private:
 // it, so that no block comes near MOX_SHM_OBJECT_MAX_SIZE and a reader maps
 // (and copies) one part at a time.
 constexpr int64_t kMaxBlockBytes = 16 * 1024 * 1024;
+
+// A sorted list of more items than this read and keyed some ten megabytes.
+constexpr int64_t kTrimAfterItems = 50000;
 
 int64_t BlockBytes(int64_t nItemBytes, size_t nGroups, size_t nItems) {
     return MOX_DATABLOCK_HEADER_SIZE + nItemBytes + 3 + 8 * static_cast<int64_t>(nGroups) +
@@ -618,6 +622,9 @@ std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, BlockM
         builder.SortItems(fn);
     }
     owned.clear();
+    // Copies and keys of a big answer are gone: give their pages back now
+    // rather than keep them as free heap for the daemon's lifetime.
+    if (bSort && nItems > kTrimAfterItems) malloc_trim(0);
     std::string strShmName = builder.Release();
     MOX_DEBUG("release resultlist[%s].", strShmName.c_str());
     MOX_DEBUG("release resultlist end");
