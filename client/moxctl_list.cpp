@@ -1,6 +1,9 @@
 // list, detail and meta: requests through a source plug-in, answered by
 // completion signals; list answers are result lists in shared memory.
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <deque>
 #include <set>
@@ -174,6 +177,123 @@ private:
     std::vector<std::string> m_toDrop;
 };
 
+// What a table row shows of an item.
+struct SRow {
+    bool bFolder = false;
+    int nMediaType = 0;
+    bool bHasSize = false;
+    double dSize = 0;
+    bool bHasTime = false;
+    long long llTime = 0;
+    bool bHasName = false;
+    std::string strName;
+};
+
+// Reads a row from a flat JSON object of strings, integers and booleans in
+// one pass (what sources answer, 10,000 of them for a folder): a full JSON
+// document per item cost more than the rest of the listing. False for any
+// other text (nesting, fractions, \u escapes, ...): the caller parses it
+// fully then, so the row is the same either way.
+bool ReadFlatRow(const std::string& text, SRow& row) {
+    const char* p = text.c_str();
+    const char* const pEnd = p + text.size();
+    auto skip = [&] {
+        while (p < pEnd && (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r')) ++p;
+    };
+    auto readString = [&](std::string& out) {
+        out.clear();
+        for (++p; p < pEnd && *p != '"'; ++p) {
+            if (static_cast<unsigned char>(*p) < 0x20) return false;
+            if (*p != '\\') {
+                out += *p;
+                continue;
+            }
+            if (++p == pEnd) return false;
+            switch (*p) {
+                case '"': out += '"'; break;
+                case '\\': out += '\\'; break;
+                case '/': out += '/'; break;
+                case 'b': out += '\b'; break;
+                case 'f': out += '\f'; break;
+                case 'n': out += '\n'; break;
+                case 'r': out += '\r'; break;
+                case 't': out += '\t'; break;
+                default: return false;  // \u and anything else: the full parser
+            }
+        }
+        if (p == pEnd) return false;
+        ++p;
+        return true;
+    };
+    skip();
+    if (p == pEnd || *p != '{') return false;
+    ++p;
+    std::string key, value;
+    skip();
+    if (p < pEnd && *p == '}') {
+        ++p;
+    } else {
+        for (;;) {
+            skip();
+            if (p == pEnd || *p != '"' || !readString(key)) return false;
+            skip();
+            if (p == pEnd || *p != ':') return false;
+            ++p;
+            skip();
+            if (p == pEnd) return false;
+            if (*p == '"') {
+                if (!readString(value)) return false;
+                if (key == "FileName") {
+                    row.bHasName = true;
+                    row.strName = value;
+                } else if (key == "FileSize" || key == "FileTime" || key == "IsFolder" || key == "MediaType") {
+                    return false;  // shown only when numeric or boolean: let the parser say
+                }
+            } else if (*p == '-' || (*p >= '0' && *p <= '9')) {
+                const char* pNumber = p;
+                if (*p == '-') ++p;
+                while (p < pEnd && *p >= '0' && *p <= '9') ++p;
+                if (p - pNumber > 18 || p == pEnd || *p == '.' || *p == 'e' || *p == 'E') return false;
+                const long long llValue = strtoll(pNumber, nullptr, 10);
+                if (key == "FileSize") {
+                    row.bHasSize = true;
+                    row.dSize = static_cast<double>(llValue);
+                } else if (key == "FileTime") {
+                    row.bHasTime = true;
+                    row.llTime = llValue;
+                } else if (key == "IsFolder") {
+                    if (llValue < INT32_MIN || llValue > INT32_MAX) return false;
+                    row.bFolder = llValue != 0;
+                } else if (key == "MediaType") {
+                    row.nMediaType = llValue >= INT32_MIN && llValue <= INT32_MAX ? static_cast<int>(llValue) : 0;
+                } else if (key == "FileName") {
+                    return false;
+                }
+            } else if (pEnd - p >= 4 && (strncmp(p, "true", 4) == 0 || strncmp(p, "null", 4) == 0)) {
+                if (key == "IsFolder") row.bFolder = *p == 't';
+                if (key == "FileName" || key == "FileSize" || key == "FileTime" || key == "MediaType") return false;
+                p += 4;
+            } else if (pEnd - p >= 5 && strncmp(p, "false", 5) == 0) {
+                if (key == "IsFolder") row.bFolder = false;
+                if (key == "FileName" || key == "FileSize" || key == "FileTime" || key == "MediaType") return false;
+                p += 5;
+            } else {
+                return false;  // objects, arrays
+            }
+            skip();
+            if (p == pEnd) return false;
+            if (*p == '}') {
+                ++p;
+                break;
+            }
+            if (*p != ',') return false;
+            ++p;
+        }
+    }
+    skip();
+    return p == pEnd && row.bHasName;
+}
+
 // Writes items as they come: table rows, or collected for one JSON document.
 class ItemPrinter {
 public:
@@ -183,7 +303,14 @@ public:
         text.erase(text.find_last_not_of('\0') + 1);
         Json::Value item;
         std::string error;
-        if (!CMOXCtlOutput::Parse(CMOXCtlOutput::Utf8(text), item, error) || !item.isObject()) {
+        if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) text = CMOXCtlOutput::Utf8(text);
+        SRow row;
+        if (!m_bJson && ReadFlatRow(text, row)) {
+            if (m_nCount++ == 0) m_Header();
+            m_PrintRow(row);
+            return;
+        }
+        if (!CMOXCtlOutput::Parse(text, item, error) || !item.isObject()) {
             item = Json::Value(Json::objectValue);
             item["unparsed"] = CMOXCtlOutput::Utf8(text);
         }
@@ -192,18 +319,16 @@ public:
             m_items.append(item);
             return;
         }
-        bool folder = item["IsFolder"].isBool() ? item["IsFolder"].asBool() : IntMember(item, "IsFolder", 0) != 0;
-        std::string type = folder ? "folder" : MediaTypeName(IntMember(item, "MediaType", 0));
-        std::string size =
-            folder || !item["FileSize"].isNumeric() ? "-" : CMOXCtlOutput::HumanBytes(item["FileSize"].asDouble());
-        char when[32] = "-";
-        if (item["FileTime"].isIntegral()) {
-            time_t t = static_cast<time_t>(item["FileTime"].asLargestInt());
-            struct tm tm {};
-            if (localtime_r(&t, &tm)) strftime(when, sizeof when, "%Y-%m-%d %H:%M", &tm);
-        }
-        std::string name = item["FileName"].isString() ? item["FileName"].asString() : CompactJson(item);
-        printf("%-9s %10s  %-16s  %s\n", type.c_str(), size.c_str(), when, CMOXCtlOutput::Printable(name).c_str());
+        SRow parsed;
+        parsed.bFolder = item["IsFolder"].isBool() ? item["IsFolder"].asBool() : IntMember(item, "IsFolder", 0) != 0;
+        parsed.nMediaType = IntMember(item, "MediaType", 0);
+        parsed.bHasSize = item["FileSize"].isNumeric();
+        if (parsed.bHasSize) parsed.dSize = item["FileSize"].asDouble();
+        parsed.bHasTime = item["FileTime"].isIntegral();
+        if (parsed.bHasTime) parsed.llTime = item["FileTime"].asLargestInt();
+        parsed.bHasName = true;
+        parsed.strName = item["FileName"].isString() ? item["FileName"].asString() : CompactJson(item);
+        m_PrintRow(parsed);
     }
     void Finish(const std::string& folder, int total) {
         if (m_bJson) {
@@ -221,6 +346,18 @@ public:
 
 private:
     static void m_Header() { printf("%-9s %10s  %-16s  %s\n", "TYPE", "SIZE", "MODIFIED", "NAME"); }
+    static void m_PrintRow(const SRow& row) {
+        std::string type = row.bFolder ? "folder" : MediaTypeName(row.nMediaType);
+        std::string size = row.bFolder || !row.bHasSize ? "-" : CMOXCtlOutput::HumanBytes(row.dSize);
+        char when[32] = "-";
+        if (row.bHasTime) {
+            time_t t = static_cast<time_t>(row.llTime);
+            struct tm tm {};
+            if (localtime_r(&t, &tm)) strftime(when, sizeof when, "%Y-%m-%d %H:%M", &tm);
+        }
+        printf("%-9s %10s  %-16s  %s\n", type.c_str(), size.c_str(), when,
+               CMOXCtlOutput::Printable(row.strName).c_str());
+    }
 
     bool m_bJson;
     Json::Value m_items;
@@ -282,8 +419,11 @@ int RunList(Context& ctx, const ListArgs& args) {
         }
         if (status == kExitOk && !ctx.bus.Interrupted()) printer.Finish(folder, list ? list->GetTotalCount() : 0);
     } else {
+        // A window of about two sections around the cursor: sections left
+        // behind are dropped as the listing goes on, so a folder of any size
+        // holds a few lists at a time (the engine allows 256 per client).
         const int section = std::max(1, args.sectionSize);
-        CResultPool pool(1, section, MOX_PREFETCH_SEQUENTIAL);
+        CResultPool pool(std::max(1, 2 * section / 5), section, MOX_PREFETCH_WINDOWED);
         pool.SetCallBack(&Lister::s_Prefetch, &lister, &Lister::s_Drop, &lister);
         std::unique_ptr<CResultList> first;
         status = lister.Request(0, section - 1, 0, first);
@@ -301,7 +441,9 @@ int RunList(Context& ctx, const ListArgs& args) {
                 }
                 printer.Add(item);
                 if (printer.Count() % 256 == 0 && (ctx.bus.Poll(), ctx.bus.Interrupted())) break;
-                while ((rc = pool.MoveToNext()) == MOX_ERROR_NOT_READY && status == kExitOk) {
+                rc = pool.MoveToNext();
+                status = lister.DropReleased();  // lists the window left behind
+                while (rc == MOX_ERROR_NOT_READY && status == kExitOk) {
                     if (lister.Pending().empty()) {
                         status = ctx.Fail(kExitFailed, "the folder changed while it was listed");
                         break;
@@ -315,6 +457,7 @@ int RunList(Context& ctx, const ListArgs& args) {
                     if (status != kExitOk) break;
                     pool.Push(next.release());
                     status = lister.DropReleased();
+                    if (status == kExitOk) rc = pool.MoveToNext();
                 }
             }
         }

@@ -104,9 +104,12 @@ bool CMOXCtlOutput::Parse(const std::string& text, Json::Value& value, std::stri
         return false;
     }
     try {
-        Json::CharReaderBuilder builder;
-        builder["collectComments"] = false;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        // One reader for every text: a listing parses one item after another.
+        thread_local std::unique_ptr<Json::CharReader> reader = [] {
+            Json::CharReaderBuilder builder;
+            builder["collectComments"] = false;
+            return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+        }();
         std::string errs;
         if (!reader->parse(text.data(), text.data() + text.size(), &value, &errs)) {
             error = "not JSON: " + errs.substr(0, errs.find('\n'));

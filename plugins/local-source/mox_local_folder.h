@@ -24,7 +24,7 @@ struct SMOXLocalEntry {
 class CMOXLocalFolder {
 public:
     // Upper bound on the entries read from one folder.
-    static const size_t kMaxEntries = 200000;
+    static const size_t kMaxEntries = 1000000;
     // Upper bound on a client path.
     static const size_t kMaxPathBytes = 4096;
 

@@ -38,6 +38,8 @@ CCachePool::~CCachePool() {
     m_cacheIdToQueryMap.clear();
     m_queryToCacheIdMap.clear();
     m_unkeptIds.clear();
+    m_servedOnlyIds.clear();
+    m_nServedSize = 0;
     m_nQueryTextBytes = 0;
     m_persistantBlockMap.clear();
     m_cachePoolBlockMap.clear();
@@ -233,6 +235,17 @@ int CCachePool::GetUsedSize() {
     return m_nUsedSize;
 }
 
+int64_t CCachePool::GetServedSize() {
+    mox::MutexLock lock(m_mutex);
+    return m_nServedSize;
+}
+
+int64_t CCachePool::m_CachedSize() const {
+    int64_t nSize = 0;
+    for (const auto& entry : m_cachePoolBlockMap) nSize += entry.second->GetSize();
+    return nSize;
+}
+
 int CCachePool::GetEntryCount() {
     mox::MutexLock lock(m_mutex);
     return m_EntryCount();
@@ -355,13 +368,20 @@ bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock
     assert(pBlock != nullptr);
     const int nSize = pBlock->GetSize();
     const int nCacheId = pBlock->GetCacheId();
+    // The limit bounds what is kept for reuse, not what is served: a block
+    // that does not fit beside the held ones (evicting released ones would
+    // not make the room) answers this request and goes when released.
     // Sizes are bounded by MOX_SHM_OBJECT_MAX_SIZE, the used size by the
     // limit: no overflow in the sum.
-    while (m_nUsedSize + nSize > kMemoryLimit) {
-        if (!m_EvictOldest()) {
-            MOX_POOL_LIMIT(m_bMemoryLimitWarned, "memory still over limitation.");
-            return false;  // pBlock is destroyed, its object unlinked
-        }
+    bool bServeOnly =
+        m_nUsedSize + nSize > kMemoryLimit && m_nUsedSize - m_CachedSize() + static_cast<int64_t>(nSize) > kMemoryLimit;
+    while (!bServeOnly && m_nUsedSize + nSize > kMemoryLimit)
+        if (!m_EvictOldest()) bServeOnly = true;
+    if (bServeOnly && m_nServedSize + nSize > kMaxServedBytes) {
+        MOX_POOL_LIMIT(m_bMemoryLimitWarned,
+                       "Answers too big to keep hold %lld bytes (limit %lld): block[%d] of %d bytes refused.",
+                       static_cast<long long>(m_nServedSize), static_cast<long long>(kMaxServedBytes), nCacheId, nSize);
+        return false;  // pBlock is destroyed, its object unlinked
     }
     if (!m_MakeRoomForEntry()) {
         MOX_POOL_LIMIT(m_bEntryLimitWarned, "Cache pool holds %d blocks, all in use by clients: block[%d] refused.",
@@ -374,7 +394,9 @@ bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock
     // The block answers this request in any case; only a query text within
     // the bounds is kept for later identical queries.
     bool bKeep = false;
-    if (!bKeepQuery) {
+    if (bServeOnly) {
+        MOX_DEBUG("Block[%d] of %d bytes does not fit the %d kept: served, not kept.", nCacheId, nSize, kMemoryLimit);
+    } else if (!bKeepQuery) {
         // Answers this request only.
     } else if (strQuery.size() > static_cast<size_t>(kMaxQueryTextSize)) {
         MOX_POOL_LIMIT(m_bQueryTooLongWarned, "Query text of %zu bytes is above %d: its answer[%d] is not cached.",
@@ -390,7 +412,12 @@ bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock
     if (!bKeep) m_unkeptIds.insert(nCacheId);
     m_committedBlockMap.emplace(nCacheId, std::move(pBlock));
     m_refCountMap.emplace(nCacheId, 1);
-    m_nUsedSize += nSize;
+    if (bServeOnly) {
+        m_servedOnlyIds.insert(nCacheId);
+        m_nServedSize += nSize;
+    } else {
+        m_nUsedSize += nSize;
+    }
     m_Print();
     return true;
 }
@@ -451,7 +478,10 @@ void CCachePool::m_DeactiveCacheBlock(int nCacheId) {
     const bool bUnkept = m_unkeptIds.erase(nCacheId) != 0;
     if (pBlock->GetType() == MOX_CACHE_BLOCK_TEMPORARY || bUnkept) {
         MOX_DEBUG("Block[%d] is temporary. deleting it.", nCacheId);
-        m_nUsedSize -= pBlock->GetSize();
+        if (m_servedOnlyIds.erase(nCacheId) != 0)
+            m_nServedSize -= pBlock->GetSize();
+        else
+            m_nUsedSize -= pBlock->GetSize();
         pBlock.reset();
         if (m_EraseQueryOf(nCacheId)) MOX_DEBUG("Find block[%d], remove it from querytoId map.", nCacheId);
         return;

@@ -11,9 +11,13 @@
 // blocks; a block that a client still holds is never evicted. A query text
 // above kMaxQueryTextSize, or one that does not fit while the kept texts
 // belong to held blocks, is not kept: its block answers this request and is
-// destroyed when released (a later identical query misses). A block that
-// does not fit under the entry or memory bound is refused. Each bound logs
-// one warning when it starts to bite (debug lines until it is relieved).
+// destroyed when released (a later identical query misses). The memory limit
+// bounds what is kept, never what is served: a block that does not fit
+// beside the held blocks (a folder of 100,000 files answers some 18 MB) is
+// served the same way, not kept, as long as such blocks held at once total
+// at most kMaxServedBytes. A block beyond that or beyond the entry bound is
+// refused. Each bound logs one warning when it starts to bite (debug lines
+// until it is relieved).
 //
 // Validity: an answer is kept with what keeps it valid (SCacheValidity): the
 // source's stamp, checked on every hit, and the storage paths its query
@@ -58,6 +62,9 @@ public:
     static constexpr int kMaxEntries = 8192;
     static constexpr int kMaxQueryTextSize = 16 * 1024;
     static constexpr int kMaxQueryTextBytes = 4 * 1024 * 1024;
+    // Blocks served but too big to keep, held at once (a list of 1,000,000
+    // files takes some 180 MB of shared memory, not of the daemon's).
+    static constexpr int64_t kMaxServedBytes = 512LL * 1024 * 1024;
 
     CCachePool();
     ~CCachePool();
@@ -98,6 +105,7 @@ public:
     EBlockState GetBlockState(int nCacheId);
     int GetRefCount(int nCacheId);  // 0 when the id has no count
     int GetUsedSize();
+    int64_t GetServedSize();           // blocks served but not counted as kept
     int GetEntryCount();               // committed, cached and persistent blocks
     int64_t GetQueryTextBytes();       // bytes of the query texts kept
     std::vector<int> GetLRUIndexes();  // oldest release first
@@ -114,6 +122,7 @@ private:
     bool m_MakeRoomForEntry() REQUIRES(m_mutex);
     bool m_MakeRoomForText(size_t nTextSize) REQUIRES(m_mutex);
     int m_EntryCount() const REQUIRES(m_mutex);
+    int64_t m_CachedSize() const REQUIRES(m_mutex);  // released blocks kept
     // Maps strQuery to nCacheId and counts its text; false if already mapped.
     bool m_KeepQuery(const std::string& strQuery, int nCacheId) REQUIRES(m_mutex);
     void m_DeletePersistant(std::string strQuery) REQUIRES(m_mutex);
@@ -146,6 +155,9 @@ private:
     uint64_t m_nGeneration GUARDED_BY(m_mutex) = 0;
     // Committed blocks without a kept query: destroyed when released.
     std::set<int> m_unkeptIds GUARDED_BY(m_mutex);
+    // Those of them counted in m_nServedSize, not m_nUsedSize (too big to keep).
+    std::set<int> m_servedOnlyIds GUARDED_BY(m_mutex);
+    int64_t m_nServedSize GUARDED_BY(m_mutex) = 0;
     bool m_bMemoryLimitWarned GUARDED_BY(m_mutex) = false;
     bool m_bEntryLimitWarned GUARDED_BY(m_mutex) = false;
     bool m_bTextLimitWarned GUARDED_BY(m_mutex) = false;

@@ -335,36 +335,50 @@ int CMOXAutoScanner::DoCheckAction() {
         MOX_INFO("No ... Scanner.");
         return MOX_SCAN_BAD_ARGUMENT;
     }
+    // Entries in runs: the gate and this lock are taken once per run, not
+    // per entry, and one record serves the run (its strings keep their
+    // buffers). Stop and Pause wait at most one run.
     SMOXFileInfo info;
-    int nResult = m_pDirScanner->ReadFileInfo(info);
-    if (nResult == MOX_SCAN_OK) {
-        if (info.nType == MOX_SCANNER_TYPE_FILE) {
-            ++m_nMediaCount;
-            m_heldEntry = info;
+    int nResult = MOX_SCAN_SKIPPED;
+    for (int n = 0; n < kCheckRun && (nResult == MOX_SCAN_OK || nResult == MOX_SCAN_SKIPPED); ++n) {
+        // What the walk presets for each entry (a link keeps the file type).
+        info.nType = MOX_SCANNER_TYPE_FILE;
+        info.nExtensionGroup = 0;
+        info.eExtension = 0;
+        info.strExtensionName.clear();
+        info.bDetailFilled = false;
+        info.llFileSize = 0;
+        info.tModified = info.tCreated = 0;
+        nResult = m_pDirScanner->ReadFileInfo(info);
+        if (nResult == MOX_SCAN_OK) {
+            if (info.nType == MOX_SCANNER_TYPE_FILE) {
+                ++m_nMediaCount;
+                m_heldEntry = info;
+            }
+            MOX_SCAN_DEBUG("%s : %s/%s", info.TypeName(), info.strBasePath.c_str(), info.strName.c_str());
+        } else if (nResult == MOX_SCAN_SKIPPED) {
+        } else if (nResult == MOX_SCAN_END) {
+            if (m_pDirScanner->HadReadError()) {
+                // "No media" or "one media" would be a wrong answer about a
+                // storage that could not be read to the end.
+                MOX_WARN("Device(%s) could not be read completely: check failed.", m_option.strDevicePath.c_str());
+                m_option.nResult = MOX_SCANNER_RESULT_NONE;
+            } else if (m_nMediaCount == 1) {
+                MOX_INFO("Device(%s) has one media(%s/%s).", m_option.strDevicePath.c_str(),
+                         m_heldEntry.strBasePath.c_str(), m_heldEntry.strName.c_str());
+                m_option.nResult = MOX_SCANNER_RESULT_ONE_MEDIA;
+            } else if (m_nMediaCount == 0) {
+                MOX_INFO("Device(%s) has no media.", m_option.strDevicePath.c_str());
+                m_option.nResult = MOX_SCANNER_RESULT_NO_MEDIA;
+            }
+        } else {
+            MOX_WARN("NOT handle(%d)...", nResult);
         }
-        MOX_SCAN_DEBUG("%s : %s/%s", info.TypeName(), info.strBasePath.c_str(), info.strName.c_str());
-    } else if (nResult == MOX_SCAN_SKIPPED) {
-    } else if (nResult == MOX_SCAN_END) {
-        if (m_pDirScanner->HadReadError()) {
-            // "No media" or "one media" would be a wrong answer about a
-            // storage that could not be read to the end.
-            MOX_WARN("Device(%s) could not be read completely: check failed.", m_option.strDevicePath.c_str());
-            m_option.nResult = MOX_SCANNER_RESULT_NONE;
-        } else if (m_nMediaCount == 1) {
-            MOX_INFO("Device(%s) has one media(%s/%s).", m_option.strDevicePath.c_str(),
-                     m_heldEntry.strBasePath.c_str(), m_heldEntry.strName.c_str());
-            m_option.nResult = MOX_SCANNER_RESULT_ONE_MEDIA;
-        } else if (m_nMediaCount == 0) {
-            MOX_INFO("Device(%s) has no media.", m_option.strDevicePath.c_str());
-            m_option.nResult = MOX_SCANNER_RESULT_NO_MEDIA;
+        if (m_nMediaCount > 1) {
+            MOX_INFO("Device(%s) has multi-media, break out.", m_option.strDevicePath.c_str());
+            m_option.nResult = MOX_SCANNER_RESULT_MULTI_MEDIA;
+            return MOX_SCAN_END;
         }
-    } else {
-        MOX_WARN("NOT handle(%d)...", nResult);
-    }
-    if (m_nMediaCount > 1) {
-        MOX_INFO("Device(%s) has multi-media, break out.", m_option.strDevicePath.c_str());
-        m_option.nResult = MOX_SCANNER_RESULT_MULTI_MEDIA;
-        return MOX_SCAN_END;
     }
     return nResult;
 }

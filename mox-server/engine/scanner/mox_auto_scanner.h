@@ -69,7 +69,10 @@ private:
     friend class CMOXScannerPauseState;
     friend class CMOXScannerScanState;
 
+    // Up to kCheckRun entries of a device check (its walk stops at the
+    // second media file); the result of the last one.
     int DoCheckAction();
+    static constexpr int kCheckRun = 256;
     int DoNormalAction();
     bool IsBasePathChanged(const std::string& path) REQUIRES(m_scannerMutex);
     // Called by the states with m_stateMutex held.

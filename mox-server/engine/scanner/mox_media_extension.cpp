@@ -1,6 +1,8 @@
 #include "mox_media_extension.h"
 
+#include <algorithm>
 #include <cctype>
+#include <cstring>
 
 namespace MOXMEDIAEXTENSION {
 const std::vector<std::string> g_MusicExtensionList = {"mp3",   "wma",   "m4a",  "aac",  "mpa", "flac",  "ogg",
@@ -64,12 +66,52 @@ CMOXMediaExtension::CMOXMediaExtension(const std::vector<EMOXMediaExtension>& li
 
 void CMOXMediaExtension::m_Insert(EMOXMediaExtension id, const std::string& name) {
     m_idToName.emplace(id, name);
-    m_nameToId.emplace(name, id);
+    if (!m_nameToId.emplace(name, id).second) return;
+    uint64_t nKey = 0;
+    if (!m_Pack(name.data(), name.size(), nKey)) return;
+    // Open addressing; the table is at most a quarter full (asserted by size).
+    for (size_t nSlot = m_Hash(nKey);; nSlot = (nSlot + 1) % kSlots) {
+        if (m_table[nSlot].first == 0) {
+            m_table[nSlot] = std::make_pair(nKey, id);
+            return;
+        }
+    }
+}
+
+EMOXMediaExtension CMOXMediaExtension::Classify(const char* szName, size_t nLength) const {
+    // The extension is at most 7 bytes: the dot is among the last 8. A
+    // separator after it leaves a text that no table entry has.
+    uint64_t nKey = 0;
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    if (nLength >= 8) {
+        // The last 8 bytes at once: the last dot is the highest byte equal
+        // to '.', found without a carry crossing bytes.
+        uint64_t nBytes;
+        memcpy(&nBytes, szName + nLength - 8, 8);
+        const uint64_t nDots = nBytes ^ 0x2E2E2E2E2E2E2E2Eull;
+        const uint64_t nZero =
+            ~(((nDots & 0x7F7F7F7F7F7F7F7Full) + 0x7F7F7F7F7F7F7F7Full) | nDots | 0x7F7F7F7F7F7F7F7Full);
+        if (nZero == 0) return 0;
+        const int nDot = (63 - __builtin_clzll(nZero)) / 8;  // byte index of the last dot
+        if (nDot == 7) return 0;                             // a trailing dot
+        nKey = m_Key(nBytes >> (8 * (nDot + 1)), static_cast<size_t>(7 - nDot));
+    } else
+#endif
+    {
+        size_t i = nLength;
+        while (i > 0 && szName[i - 1] != '.') --i;
+        if (i == 0 || !m_Pack(szName + i, nLength - i, nKey)) return 0;  // no extension
+    }
+    for (size_t nSlot = m_Hash(nKey);; nSlot = (nSlot + 1) % kSlots) {
+        if (m_table[nSlot].first == nKey) return m_table[nSlot].second;
+        if (m_table[nSlot].first == 0) return 0;
+    }
 }
 
 void CMOXMediaExtension::m_MakeDefaultList() {
     m_idToName.clear();
     m_nameToId.clear();
+    m_table.fill(std::make_pair(uint64_t(0), EMOXMediaExtension(0)));
     for (size_t g = 0; g < kDefaultGroups; ++g) {
         const Group& group = kGroups[g];
         for (size_t i = 0; i < group.list->size(); ++i)
@@ -80,6 +122,7 @@ void CMOXMediaExtension::m_MakeDefaultList() {
 void CMOXMediaExtension::m_MakeUserList(const std::vector<EMOXMediaExtension>& list) {
     m_idToName.clear();
     m_nameToId.clear();
+    m_table.fill(std::make_pair(uint64_t(0), EMOXMediaExtension(0)));
     for (EMOXMediaExtension id : list) {
         const Group* group = GroupOf(id);
         if (group == nullptr) continue;  // not an extension id: skipped silently

@@ -85,8 +85,11 @@ int CMOXScannerBase::ReadFileInfo(SMOXFileInfo& info) {
 bool CMOXScannerBase::t_FilterExtension(SMOXFileInfo& info) {
     if (!m_option.bFilterByExtension) return true;
     if (!m_pExtension) return false;
-    info.eExtension = m_pExtension->ExtractExtension(info.strName, info.strExtensionName);
+    // Classified in place; the name of the extension is written only for the
+    // media kept (most entries of a walk are not).
+    info.eExtension = m_pExtension->Classify(info.strName.data(), info.strName.size());
     if (info.eExtension == 0) return false;
+    info.strExtensionName = m_pExtension->FindExtensionName(info.eExtension);
     info.nExtensionGroup = static_cast<int16_t>(CMOXMediaExtension::GetMediaTypeFromExtension(info.eExtension));
     return true;
 }

@@ -101,6 +101,7 @@ int CMOXUsbScanner::m_Enter(int fd, const std::string& path, const PendingDir* p
     }
     m_pDir.reset(dir);
     m_strCurDirName = path;
+    ++m_nDirSerial;
     return MOX_SCAN_OK;
 }
 
@@ -140,8 +141,17 @@ int CMOXUsbScanner::t_ReadFile(SMOXFileInfo& info) {
     errno = 0;
     struct dirent64* entry = readdir64(m_pDir.get());
     if (entry == nullptr) return m_ConvertError(errno, __LINE__);
-    info.strBasePath = m_strCurDirName;
-    info.strName = entry->d_name;
+    // A record reused for the entries of one folder keeps its buffers: its
+    // folder is copied only when it changed (or the record is another one,
+    // or its copy was touched), the name into the same buffer.
+    if (&info != m_pFilled || m_nFilledSerial != m_nDirSerial || info.strBasePath.size() != m_strCurDirName.size()) {
+        info.strBasePath = m_strCurDirName;
+        m_pFilled = &info;
+        m_nFilledSerial = m_nDirSerial;
+    }
+    const size_t nNameLength = strlen(entry->d_name);
+    info.strName.resize(nNameLength);
+    memcpy(&info.strName[0], entry->d_name, nNameLength);
     bool bDetailRead = false;
     switch (entry->d_type) {
         case DT_DIR: info.nType = MOX_SCANNER_TYPE_DIR; break;

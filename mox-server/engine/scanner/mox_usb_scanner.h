@@ -61,6 +61,11 @@ private:
     std::string m_strCurDirName;
     std::unique_ptr<DIR, DirCloser> m_pDir;
     bool m_bUnknownTypeLogged = false;
+    // The record t_ReadFile filled last and the folder it holds (counted by
+    // t_OpenDir): a record read again in the same folder keeps its copy.
+    uint64_t m_nDirSerial = 0;
+    const SMOXFileInfo* m_pFilled = nullptr;
+    uint64_t m_nFilledSerial = 0;
 
 public:
     // Levels below the top whose descriptors the walk keeps for their

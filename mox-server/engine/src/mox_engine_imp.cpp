@@ -14,6 +14,7 @@
 #include "cache_pool.h"
 #include "mox_bus_text.h"
 #include "mox_command_factory.h"
+#include "mox_request_list_command.h"
 #include "mox_resultlist_builder.h"
 #include "mox_source_manager.h"
 
@@ -323,6 +324,13 @@ bool CMOXEngineImp::Disconnect(guint32 nHandleId, const connect_info_s& caller) 
 }
 
 bool CMOXEngineImp::m_DropList(const std::string& strShmName) {
+    // A list this engine built: its blocks are known without reading it.
+    std::vector<int> cacheIds;
+    if (CMOXRequestListCommand::TakeBlocksOfList(strShmName, cacheIds)) {
+        for (int nCacheId : cacheIds) CMOXSingleton<CCachePool>::Get()->Delete(nCacheId);
+        CResultListBuilder::Drop(strShmName);
+        return true;
+    }
     CResultList* pResultPool = new CResultList(strShmName);
     const int nBlockCount = pResultPool->GetBlockCount();
     MOX_DEBUG("BlockCount[%d] in shm[%s]", nBlockCount, strShmName.c_str());

@@ -102,7 +102,7 @@ TEST(CachePoolAdmission, SecondBlockForAMappedQueryOrUnbuiltBuilderIsDestroyed) 
     EXPECT_FALSE(pool.HitCache("u", name));
 }
 
-TEST(CachePoolLimit, BlockAboveTheLimitEvictsEverythingThenIsRefused) {
+TEST(CachePoolLimit, BlockAboveTheLimitIsServedNotKeptAndEvictsNothing) {
     CCachePool pool;
     const std::string a = AddBlock(pool, "a", 2 * kMiB);
     const std::string b = AddBlock(pool, "b", 2 * kMiB);
@@ -110,13 +110,18 @@ TEST(CachePoolLimit, BlockAboveTheLimitEvictsEverythingThenIsRefused) {
     CCacheBuilder big(MOX_CACHE_BLOCK_LRU);
     BuildBlockOfSize(big, 11 * kMiB);
     std::string name;
-    EXPECT_FALSE(pool.Add("big", big, name));
-    EXPECT_FALSE(moxtest::ShmExists(big.GetName()));
-    // The released block went on the way; the committed one stays.
-    EXPECT_FALSE(moxtest::ShmExists(a));
-    EXPECT_FALSE(pool.HitCache("a", name));
+    // The limit bounds what is kept: served, and no kept block goes for it.
+    EXPECT_TRUE(pool.Add("big", big, name));
+    EXPECT_EQ(name, big.GetName());
+    EXPECT_TRUE(moxtest::ShmExists(a));
     EXPECT_TRUE(moxtest::ShmExists(b));
-    EXPECT_EQ(pool.GetUsedSize(), 2 * kMiB);
+    EXPECT_EQ(pool.GetUsedSize(), 4 * kMiB);
+    EXPECT_EQ(pool.GetServedSize(), 11 * kMiB);
+    pool.Delete(IdOf(name));
+    EXPECT_FALSE(moxtest::ShmExists(name));
+    EXPECT_FALSE(pool.HitCache("big", name));
+    EXPECT_TRUE(pool.HitCache("a", name));
+    pool.Delete(IdOf(a));
     pool.Delete(IdOf(b));
 }
 

@@ -1,14 +1,13 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_request_detail_command.h"
 
-#include <boost/thread/thread.hpp>
-
 #include <mox/json_value.h>
 #include <mox/mox_log.h>
 #include <mox/mox_singleton.h>
 
 #include "mox_bus_text.h"
 #include "mox_source_manager.h"
+#include "mox_worker_pool.h"
 
 CMOXRequestDetailCommand::CMOXRequestDetailCommand(MOXCommandCallback fnDone) : m_fnDone(std::move(fnDone)) {}
 
@@ -20,11 +19,12 @@ void CMOXRequestDetailCommand::Stop() {
 
 void CMOXRequestDetailCommand::Execute(std::string strCommand) {
     MOX_INFO("In CMOXRequestDetailCommand::Execute()");
-    try {
-        boost::thread worker(&CMOXRequestDetailCommand::GetRequestDetailThreadProc, this, std::move(strCommand));
-        worker.detach();
-    } catch (...) {
-        MOX_WARN("Can not start the detail thread.");
+    // A pool thread, not one of its own: starting a thread per request cost
+    // more than answering a cached one.
+    if (!CMOXWorkerPool::Get().Submit([this, strCommand = std::move(strCommand)]() mutable {
+            GetRequestDetailThreadProc(std::move(strCommand));
+        })) {
+        // Saturated: answer on the caller's thread so that the job ends.
         m_fnDone(std::string(), MOX_ERROR_GENERIC);
     }
 }

@@ -3,9 +3,16 @@
 
 #include "mox_thread_annotations.h"
 
+#include <fcntl.h>
+#include <malloc.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -16,12 +23,14 @@
 #include <mox/cache_reader.h>
 #include <mox/mox_log.h>
 #include <mox/mox_singleton.h>
+#include <mox_unique_fd.h>
 
 #include "cache_builder.h"
 #include "cache_pool.h"
 #include "mox_bus_text.h"
 #include "mox_resultlist_builder.h"
 #include "mox_source_manager.h"
+#include "mox_worker_pool.h"
 
 namespace {
 
@@ -145,6 +154,104 @@ private:
     std::string m_strBlock;
 };
 
+// An answer above this size is served as several data blocks, each within
+// it, so that no block comes near MOX_SHM_OBJECT_MAX_SIZE and a reader maps
+// (and copies) one part at a time.
+constexpr int64_t kMaxBlockBytes = 16 * 1024 * 1024;
+
+// A sorted list of more items than this read and keyed some ten megabytes.
+constexpr int64_t kTrimAfterItems = 50000;
+
+int64_t BlockBytes(int64_t nItemBytes, size_t nGroups, size_t nItems) {
+    return MOX_DATABLOCK_HEADER_SIZE + nItemBytes + 3 + 8 * static_cast<int64_t>(nGroups) +
+           4 * static_cast<int64_t>(nItems);
+}
+
+// Copies items [nFirst, nLast] of the answer written at the stream's item
+// data (fd, offset nOffset from the item data) into a block of its own.
+bool CopyPart(int fd, int64_t nOffset, int64_t nBytes, CCacheBuilder& part) {
+    FILE* pOut = part.GetStream();
+    if (pOut == nullptr) return false;
+    std::vector<char> buffer(static_cast<size_t>(std::min<int64_t>(nBytes, 1 << 20)));
+    while (nBytes > 0) {
+        const size_t nChunk = static_cast<size_t>(std::min<int64_t>(nBytes, static_cast<int64_t>(buffer.size())));
+        const ssize_t nRead = pread(fd, buffer.data(), nChunk, MOX_DATABLOCK_HEADER_SIZE + nOffset);
+        if (nRead <= 0 || fwrite(buffer.data(), 1, static_cast<size_t>(nRead), pOut) != static_cast<size_t>(nRead)) {
+            MOX_WARN("Can not copy a part of block[%s]: %s.", part.GetName().c_str(), strerror(errno));
+            return false;
+        }
+        nOffset += nRead;
+        nBytes -= nRead;
+    }
+    return true;
+}
+
+// The blocks of each result list built and not dropped yet, so that a drop
+// lets go of them without opening the list again. Bounded: a list beyond
+// kMaxRemembered is not remembered and its drop reads the list instead.
+struct SListBlocks {
+    static constexpr size_t kMaxRemembered = 65536;
+    mox::Mutex mutex;
+    std::map<std::string, std::vector<int>> lists GUARDED_BY(mutex);
+};
+
+SListBlocks& ListBlocks() {
+    static SListBlocks* s_pLists = new SListBlocks();  // never destroyed, as above
+    return *s_pLists;
+}
+
+int32_t LittleInt32(const char* pData, size_t nOffset) {
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(pData) + nOffset;
+    return static_cast<int32_t>(static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+                                static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24);
+}
+
+// What a result list needs of a data block unless it is sorted: its range
+// and its groups, read in place (a reader would copy every item).
+struct SBlockHead {
+    std::string strName;
+    int nStart = 0;
+    int nEnd = -1;
+    int nTotal = 0;
+    std::vector<mox_data_group_s> groups;
+    int ItemCount() const { return nEnd - nStart + 1; }
+};
+
+// Reads the header and group table of a block this engine built; checked as
+// a reader checks them. False (warning) when it can not be read.
+bool ReadBlockHead(const std::string& strName, SBlockHead& head) {
+    mox_util::UniqueFd fd(shm_open(strName.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC, 0));
+    struct stat st;
+    char header[MOX_DATABLOCK_HEADER_SIZE];
+    if (!fd.IsValid() || fstat(fd.Get(), &st) != 0 ||
+        pread(fd.Get(), header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) {
+        MOX_WARN("Can not read the header of block[%s]: %s.", strName.c_str(), strerror(errno));
+        return false;
+    }
+    const int32_t nGroupOffset = LittleInt32(header, 0);
+    const int32_t nLengthOffset = LittleInt32(header, 4);
+    head.nStart = LittleInt32(header, 8);
+    head.nEnd = LittleInt32(header, 12);
+    head.nTotal = LittleInt32(header, 16);
+    const int32_t nGroups = LittleInt32(header, 20);
+    const int32_t nSize = LittleInt32(header, 24);
+    const int64_t nItems = static_cast<int64_t>(head.nEnd) - head.nStart + 1;
+    const int64_t nGroupEnd = static_cast<int64_t>(nGroupOffset) + 8 * static_cast<int64_t>(nGroups);
+    if (nItems < 0 || nGroups < 0 || nGroupOffset < MOX_DATABLOCK_HEADER_SIZE || nLengthOffset != nGroupEnd ||
+        nLengthOffset + 4 * nItems > nSize || nSize > st.st_size) {
+        MOX_WARN("Data block[%s] has a bad header.", strName.c_str());
+        return false;
+    }
+    head.groups.resize(static_cast<size_t>(nGroups));
+    const size_t nBytes = 8 * head.groups.size();
+    if (nBytes > 0 && pread(fd.Get(), head.groups.data(), nBytes, nGroupOffset) != static_cast<ssize_t>(nBytes)) {
+        MOX_WARN("Can not read the groups of block[%s].", strName.c_str());
+        return false;
+    }
+    head.strName = strName;
+    return true;
+}
+
 }  // namespace
 
 void CMOXRequestListCommand::UnlinkBlocksInProgress() {
@@ -155,6 +262,16 @@ void CMOXRequestListCommand::UnlinkBlocksInProgress() {
         shm_unlink(strBlock.c_str());
     }
     blocks.names.clear();
+}
+
+bool CMOXRequestListCommand::TakeBlocksOfList(const std::string& strList, std::vector<int>& cacheIds) {
+    SListBlocks& lists = ListBlocks();
+    mox::MutexLock lock(lists.mutex);
+    auto found = lists.lists.find(strList);
+    if (found == lists.lists.end()) return false;
+    cacheIds = std::move(found->second);
+    lists.lists.erase(found);
+    return true;
 }
 
 std::vector<std::string> CMOXRequestListCommand::PathsOfDocument(const std::string& strDocument) {
@@ -200,12 +317,12 @@ CMOXRequestListCommand::~CMOXRequestListCommand() = default;
 
 void CMOXRequestListCommand::Execute(std::string strCommand) {
     MOX_INFO("In CMOXRequestListCommand::Execute().");
-    try {
-        boost::thread worker(&CMOXRequestListCommand::GetRequestListThreadProc, this, std::move(strCommand));
-        worker.detach();
-    } catch (...) {
-        // No thread: answer on the caller's thread so that the job ends.
-        MOX_WARN("Can not start the request thread.");
+    // A pool thread, not one of its own: starting a thread per request cost
+    // more than answering a cached one.
+    if (!CMOXWorkerPool::Get().Submit([this, strCommand = std::move(strCommand)]() mutable {
+            GetRequestListThreadProc(std::move(strCommand));
+        })) {
+        // Saturated: answer on the caller's thread so that the job ends.
         m_fnDone(std::string(), MOX_ERROR_GENERIC);
     }
 }
@@ -277,7 +394,7 @@ std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, 
     doc.Remove("mox_source");
     // One slot per source, created before any thread starts: the threads
     // write only their own slot, the map itself never changes under them.
-    std::map<std::string, std::string> blocks;
+    BlockMap blocks;
     for (const std::string& strSource : sources) blocks[strSource];
 
     // One source (the common case) runs on this thread: no thread to start.
@@ -317,12 +434,25 @@ std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, 
     MOX_DEBUG("End to build resultList.");
     // Without a list nobody will ever drop the blocks: let go of them now
     // (cached blocks stay in the pool for later requests).
-    if (strShmName.empty()) m_ReleaseBlocks(blocks);
+    if (strShmName.empty()) {
+        m_ReleaseBlocks(blocks);
+        return strShmName;
+    }
+    std::vector<int> cacheIds;
+    for (const auto& entry : blocks) {
+        for (const std::string& strBlock : entry.second) {
+            int nCacheId = -1;
+            if (CCacheBuilder::GetCacheId(strBlock, nCacheId)) cacheIds.push_back(nCacheId);
+        }
+    }
+    SListBlocks& lists = ListBlocks();
+    mox::MutexLock lock(lists.mutex);
+    if (lists.lists.size() < SListBlocks::kMaxRemembered) lists.lists[strShmName] = std::move(cacheIds);
     return strShmName;
 }
 
 void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std::string strSource,
-                                                   std::string* pShmName) {
+                                                   std::vector<std::string>* pNames) {
     try {
         MOX_INFO("In CMOXRequestListCommand::GetListFromSourceProc.");
         IWebSource* pSource = CMOXSingleton<CMOXSourceMgr>::Get()->GetSource(strSource);
@@ -339,9 +469,13 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
         validity.paths = QueryPaths(strQueryCmd);
         if (!m_AskValidity(pSource, strSource, strQueryCmd, validity)) {
             validity.bKeep = false;
-        } else if (pPool->HitCache(strQueryCmd, *pShmName, validity.strStamp)) {
-            MOX_DEBUG("Hit success, get data from cache.");
-            return;
+        } else {
+            std::string strHit;
+            if (pPool->HitCache(strQueryCmd, strHit, validity.strStamp)) {
+                MOX_DEBUG("Hit success, get data from cache.");
+                pNames->push_back(std::move(strHit));
+                return;
+            }
         }
         MOX_DEBUG("Hit fail, request data from network.");
         CCacheBuilder builder(MOX_CACHE_BLOCK_LRU);
@@ -385,16 +519,24 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
             return;
         }
         MOX_INFO("GetData success,begin to build resultBlock.");
+        if (BlockBytes(nLen, groups.size(), lengths.size()) > kMaxBlockBytes) {
+            // Too big for one block (and for the cache): served in parts.
+            if (!m_ServeInParts(builder, nLen, nStartIndex, nTotalCount, groups, lengths, *pNames)) {
+                m_eError = MOX_ERROR_GENERIC;
+            }
+            return;  // the guard frees the whole answer's object
+        }
         if (!builder.Build(nLen, nStartIndex, nEndIndex, nTotalCount, groups, lengths)) {
             m_eError = MOX_ERROR_GENERIC;
             return;
         }
         MOX_INFO("End to build resultBlock.");
         guard.HandOver();  // the pool releases or frees the builder
-        if (!pPool->Add(strQueryCmd, builder, *pShmName, validity)) {
-            pShmName->clear();
+        std::string strName;
+        if (pPool->Add(strQueryCmd, builder, strName, validity))
+            pNames->push_back(std::move(strName));
+        else
             m_eError = MOX_ERROR_GENERIC;
-        }
         MOX_DEBUG("Sub thread working done.");
     } catch (...) {
         MOX_WARN("Source thread of [%s] failed with an exception.", strSource.c_str());
@@ -402,30 +544,51 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
     }
 }
 
-std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, std::map<std::string, std::string>& blocks,
-                                                         mox_error_code_e& eError) {
+std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, BlockMap& blocks, mox_error_code_e& eError) {
     MOX_DEBUG("Enter...");
+    CMOXSortFunction fn;
+    const bool bSort = m_GetComandKeyTypeInfo(doc, fn);
+    // Items are read (copied) only to sort them; otherwise the headers do.
     std::vector<std::unique_ptr<CCacheReader>> owned;
     std::vector<CCacheReader*> readers;
+    std::vector<SBlockHead> heads;
     int nStart = 0, nEnd = -1, nTotal = 0, nGroups = 0;
     int64_t nItems = 0;
     for (const auto& entry : blocks) {
-        if (entry.second.empty()) continue;
-        auto pReader = std::make_unique<CCacheReader>(entry.second);
-        if (!pReader->IsLoaded()) {
-            MOX_WARN("Can not read block[%s] of source[%s].", entry.second.c_str(), entry.first.c_str());
-            eError = MOX_ERROR_GENERIC;
-            return std::string();
+        // A source's answer is one block, or several consecutive parts.
+        for (size_t nPart = 0; nPart < entry.second.size(); ++nPart) {
+            const std::string& strBlock = entry.second[nPart];
+            SBlockHead head;
+            if (bSort) {
+                auto pReader = std::make_unique<CCacheReader>(strBlock);
+                if (pReader->IsLoaded()) {
+                    head.strName = strBlock;
+                    head.nStart = pReader->StartIndex();
+                    head.nEnd = pReader->EndIndex();
+                    head.nTotal = pReader->GetTotalCount();
+                    head.groups.resize(static_cast<size_t>(pReader->GetGroupCount()));
+                    for (size_t k = 0; k < head.groups.size(); ++k)
+                        pReader->GetGroup(static_cast<int>(k), head.groups[k].nStartIndex, head.groups[k].nCount);
+                    readers.push_back(pReader.get());
+                    owned.push_back(std::move(pReader));
+                }
+            } else {
+                ReadBlockHead(strBlock, head);
+            }
+            if (head.strName.empty()) {
+                MOX_WARN("Can not read block[%s] of source[%s].", strBlock.c_str(), entry.first.c_str());
+                eError = MOX_ERROR_GENERIC;
+                return std::string();
+            }
+            if (nPart == 0) nStart = head.nStart;
+            nGroups = static_cast<int>(head.groups.size());
+            nItems += head.ItemCount();
+            if (blocks.size() < 2) {
+                nEnd = head.nEnd;
+                nTotal = head.nTotal;
+            }
+            heads.push_back(std::move(head));
         }
-        nStart = pReader->StartIndex();
-        nGroups = pReader->GetGroupCount();
-        nItems += pReader->GetItemCount();
-        if (blocks.size() < 2) {
-            nEnd = pReader->EndIndex();
-            nTotal = pReader->GetTotalCount();
-        }
-        readers.push_back(pReader.get());
-        owned.push_back(std::move(pReader));
     }
     if (blocks.size() >= 2) {
         if (nItems > INT32_MAX) nItems = INT32_MAX;
@@ -435,34 +598,33 @@ std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, std::m
     int nSection = -1;
     if (doc.IsInt("mox_sectionindex")) doc.Get("mox_sectionindex", nSection);
     MOX_DEBUG("Get item[section = %d][start = %d][edn = %d][total = %d][group = %d], [read size = %d]", nSection,
-              nStart, nEnd, nTotal, nGroups, static_cast<int>(readers.size()));
+              nStart, nEnd, nTotal, nGroups, static_cast<int>(heads.size()));
     // The list's range must hold exactly the items added below; with several
     // sources whose windows do not start at 0 it does not.
-    if (readers.empty() || static_cast<int64_t>(nEnd) - nStart + 1 != nItems) {
+    if (heads.empty() || static_cast<int64_t>(nEnd) - nStart + 1 != nItems) {
         MOX_WARN("Result range [%d..%d] can not hold %lld items.", nStart, nEnd, static_cast<long long>(nItems));
         eError = MOX_ERROR_GENERIC;
         return std::string();
     }
-    CResultListBuilder builder(nSection, nStart, nEnd, nTotal, nGroups, static_cast<int>(readers.size()));
+    CResultListBuilder builder(nSection, nStart, nEnd, nTotal, nGroups, static_cast<int>(heads.size()));
     if (!builder.IsValid()) {
         eError = MOX_ERROR_GENERIC;
         return std::string();
     }
-    for (CCacheReader* pReader : readers)
-        for (int j = 0; j < pReader->GetItemCount(); ++j) builder.AddItem(pReader->GetName(), j);
-    for (CCacheReader* pReader : readers) {
-        for (int k = 0; k < pReader->GetGroupCount() && k < nGroups; ++k) {
-            int a = 0, b = 0;
-            if (pReader->GetGroup(k, a, b)) builder.AddGroup(k, a, b);
-        }
-    }
-    CMOXSortFunction fn;
-    fn.readers = &readers;
-    if (m_GetComandKeyTypeInfo(doc, fn)) {
+    for (const SBlockHead& head : heads)
+        for (int j = 0; j < head.ItemCount(); ++j) builder.AddItem(head.strName, j);
+    for (const SBlockHead& head : heads)
+        for (int k = 0; k < static_cast<int>(head.groups.size()) && k < nGroups; ++k)
+            builder.AddGroup(k, head.groups[k].nStartIndex, head.groups[k].nCount);
+    if (bSort) {
+        fn.readers = &readers;
         MOX_DEBUG("comparison[%d], key[%s].", fn.comparison, fn.key.c_str());
         builder.SortItems(fn);
     }
     owned.clear();
+    // Copies and keys of a big answer are gone: give their pages back now
+    // rather than keep them as free heap for the daemon's lifetime.
+    if (bSort && nItems > kTrimAfterItems) malloc_trim(0);
     std::string strShmName = builder.Release();
     MOX_DEBUG("release resultlist[%s].", strShmName.c_str());
     MOX_DEBUG("release resultlist end");
@@ -489,10 +651,49 @@ void CMOXRequestListCommand::m_getSortValueType(std::string& strKey, MOX_VALUETY
         eType = MOX_VALUE_INT;
 }
 
-void CMOXRequestListCommand::m_ReleaseBlocks(const std::map<std::string, std::string>& blocks) {
+void CMOXRequestListCommand::m_ReleaseBlocks(const BlockMap& blocks) {
     for (const auto& entry : blocks) {
-        int nCacheId = -1;
-        if (!entry.second.empty() && CCacheBuilder::GetCacheId(entry.second, nCacheId))
-            CMOXSingleton<CCachePool>::Get()->Delete(nCacheId);
+        for (const std::string& strBlock : entry.second) {
+            int nCacheId = -1;
+            if (CCacheBuilder::GetCacheId(strBlock, nCacheId)) CMOXSingleton<CCachePool>::Get()->Delete(nCacheId);
+        }
     }
+}
+
+bool CMOXRequestListCommand::m_ServeInParts(CCacheBuilder& whole, int nLen, int nStartIndex, int nTotalCount,
+                                            std::vector<mox_data_group_s>& groups,
+                                            std::vector<mox_data_length_s>& lengths, std::vector<std::string>& names) {
+    FILE* pWhole = whole.GetStream();
+    if (pWhole == nullptr) return false;
+    const int fd = fileno(pWhole);
+    CCachePool* pPool = CMOXSingleton<CCachePool>::Get();
+    SCacheValidity once;
+    once.bKeep = false;  // one query maps to one block: parts answer this request only
+    size_t nFirst = 0;
+    int64_t nOffset = 0;
+    while (nFirst < lengths.size()) {
+        size_t nLast = nFirst;
+        int64_t nBytes = lengths[nFirst].nLength;
+        while (nLast + 1 < lengths.size() &&
+               BlockBytes(nBytes + lengths[nLast + 1].nLength, groups.size(), nLast + 2 - nFirst) <= kMaxBlockBytes)
+            nBytes += lengths[++nLast].nLength;
+        // The answer's last item runs to the end of what was written.
+        if (nLast + 1 == lengths.size()) nBytes = nLen - nOffset;
+        std::vector<mox_data_length_s> partLengths(lengths.begin() + static_cast<std::ptrdiff_t>(nFirst),
+                                                   lengths.begin() + static_cast<std::ptrdiff_t>(nLast) + 1);
+        CCacheBuilder part(MOX_CACHE_BLOCK_LRU);
+        BuilderGuard guard(part);
+        if (!CopyPart(fd, nOffset, nBytes, part) ||
+            !part.Build(static_cast<int>(nBytes), nStartIndex + static_cast<int>(nFirst),
+                        nStartIndex + static_cast<int>(nLast), nTotalCount, groups, partLengths))
+            return false;
+        guard.HandOver();
+        std::string strName;
+        if (!pPool->Add(std::string(), part, strName, once)) return false;
+        names.push_back(std::move(strName));
+        nOffset += nBytes;
+        nFirst = nLast + 1;
+    }
+    MOX_INFO("Answer of %zu items served in %zu parts.", lengths.size(), names.size());
+    return true;
 }

@@ -1,13 +1,12 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_request_meta_command.h"
 
-#include <boost/thread/thread.hpp>
-
 #include <mox/json_value.h>
 #include <mox/mox_log.h>
 #include <mox/mox_singleton.h>
 
 #include "mox_uhd_data_mgr.h"
+#include "mox_worker_pool.h"
 
 namespace {}  // namespace
 
@@ -17,11 +16,12 @@ CMOXRequestMetaCommand::~CMOXRequestMetaCommand() = default;
 
 void CMOXRequestMetaCommand::Execute(std::string strCommand) {
     MOX_INFO("In CMOXRequestMetaCommand::Execute()");
-    try {
-        boost::thread worker(&CMOXRequestMetaCommand::GetRequestMetaThreadProc, this, std::move(strCommand));
-        worker.detach();
-    } catch (...) {
-        MOX_WARN("Can not start the meta thread.");
+    // A pool thread, not one of its own: starting a thread per request cost
+    // more than answering a cached one.
+    if (!CMOXWorkerPool::Get().Submit([this, strCommand = std::move(strCommand)]() mutable {
+            GetRequestMetaThreadProc(std::move(strCommand));
+        })) {
+        // Saturated: answer on the caller's thread so that the job ends.
         m_fnDone(std::string(), MOX_ERROR_GENERIC);
     }
 }

@@ -1,0 +1,87 @@
+// The worker pool: threads reused, its bounds, and what it does saturated.
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "mox_engine_imp.h"
+#include "mox_worker_pool.h"
+
+namespace {
+
+// Tasks that block until opened.
+class Gate {
+public:
+    void Wait() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_nWaiting;
+        m_cv.notify_all();
+        m_cv.wait(lock, [this] { return m_bOpen; });
+        --m_nWaiting;
+    }
+    void Open() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_bOpen = true;
+        m_cv.notify_all();
+    }
+    bool WaitForWaiting(int n) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cv.wait_for(lock, std::chrono::seconds(10), [&] { return m_nWaiting == n; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    int m_nWaiting = 0;
+    bool m_bOpen = false;
+};
+
+bool Eventually(const std::function<bool()>& fnDone) {
+    for (int i = 0; i < 1000 && !fnDone(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return fnDone();
+}
+
+TEST(WorkerPool, ReusesThreadsBoundsThemAndRefusesWhenSaturated) {
+    // Every job the engine admits finds a thread of the engine's pool.
+    static_assert(CMOXWorkerPool::kMaxThreads >= CMOXEngineImp::kMaxJobs, "a running job without a thread");
+
+    std::atomic<int> nRan{0};
+    {
+        CMOXWorkerPool pool(2, 1, 2);
+        // Sequential tasks: one thread, reused.
+        for (int i = 0; i < 20; ++i) {
+            ASSERT_TRUE(pool.Submit([&] { ++nRan; }));
+            ASSERT_TRUE(Eventually([&] { return nRan == i + 1 && pool.IdleCount() == 1; }));
+        }
+        EXPECT_EQ(pool.StartedCount(), 1u);
+
+        // Saturated: two busy threads, two tasks queued, the next refused
+        // (not run, now or later); the queued ones run once a thread is free.
+        Gate gate;
+        ASSERT_TRUE(pool.Submit([&] { gate.Wait(); }));
+        ASSERT_TRUE(pool.Submit([&] { gate.Wait(); }));
+        ASSERT_TRUE(gate.WaitForWaiting(2));
+        EXPECT_EQ(pool.ThreadCount(), 2u);
+        ASSERT_TRUE(pool.Submit([&] { ++nRan; }));
+        ASSERT_TRUE(pool.Submit([&] { ++nRan; }));
+        EXPECT_EQ(pool.QueuedCount(), 2u);
+        EXPECT_FALSE(pool.Submit([&] { nRan += 1000; }));
+        EXPECT_EQ(pool.ThreadCount(), 2u);
+        gate.Open();
+        EXPECT_TRUE(Eventually([&] { return nRan == 22 && pool.QueuedCount() == 0; }));
+        // At most one thread stays idle; the other left.
+        EXPECT_TRUE(Eventually([&] { return pool.ThreadCount() == 1 && pool.IdleCount() == 1; }));
+        EXPECT_EQ(pool.StartedCount(), 2u);
+
+        // A task that throws does not take its thread down with it.
+        ASSERT_TRUE(pool.Submit([] { throw std::runtime_error("task failed"); }));
+        ASSERT_TRUE(pool.Submit([&] { ++nRan; }));
+        EXPECT_TRUE(Eventually([&] { return nRan == 23; }));
+    }  // the pool's threads are joined here
+    EXPECT_EQ(nRan, 23);
+}
+
+}  // namespace
