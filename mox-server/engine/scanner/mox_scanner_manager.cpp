@@ -21,13 +21,29 @@ bool IsSameOrBelow(const std::string& path, const std::string& top) {
 CMOXScanManager::CMOXScanManager() : m_reaper(&CMOXScanManager::m_ReaperBody, this) {}
 
 CMOXScanManager::~CMOXScanManager() {
+    std::vector<std::shared_ptr<SMOXScannerInfo>> all;
+    {
+        Lock lock(m_mutex);
+        all.swap(m_scanners);
+    }
+    for (const auto& info : all) m_Retire(info);
+    std::deque<std::shared_ptr<SMOXScannerInfo>> left;
     {
         Lock lock(m_reapMutex);
         m_bReaperStop = true;
     }
     m_reapCond.notify_all();
     if (m_reaper.joinable()) m_reaper.join();
-    m_RemoveAllScanners();
+    {
+        Lock lock(m_reapMutex);
+        left.swap(m_reapQueue);
+    }
+    // Whoever destroys the manager has seen Shutdown() succeed (the daemon)
+    // or runs no scan on a hung storage (tests): waiting here is bounded.
+    for (const auto& info : left) {
+        Lock recordLock(info->mutex);
+        info->pScanner->Destroy();
+    }
     CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.exchange(nullptr);
     if (pThumb != nullptr) pThumb->Destroy();
     Lock lock(m_thumbMutex);
@@ -59,11 +75,7 @@ int CMOXScanManager::CreateScanner(int& id, const std::string& owner, const std:
     }
     ++m_nLastID;
     auto info = std::make_shared<SMOXScannerInfo>();
-    {
-        // Not listed yet, so uncontended; the lock keeps the rule simple.
-        Lock recordLock(info->mutex);
-        info->pScanner = std::move(pScanner);
-    }
+    info->pScanner = std::move(pScanner);  // before listing: never changed after
     info->strName = szName;
     info->strOwner = owner;
     info->strShare = share;
@@ -77,8 +89,8 @@ int CMOXScanManager::GetScanner(const char* path, int& id) {
     if (path != nullptr) {
         Lock lock(m_mutex);
         for (const auto& info : m_scanners) {
-            Lock recordLock(info->mutex);
-            if (info->pScanner && info->pScanner->GetDevicePath() == path) {
+            Lock pathLock(info->pathMutex);
+            if (info->strDevicePath == path) {
                 id = info->nScannerID;
                 return 0;
             }
@@ -108,7 +120,7 @@ int CMOXScanManager::m_Forward(int id, Call call) {
     if (!info) return MOX_SCAN_RETRY;
     Lock lock(info->mutex);
     // Removed between the search and now.
-    if (!info->pScanner) return MOX_SCAN_RETRY;
+    if (info->bRetired) return MOX_SCAN_RETRY;
     return call(*info->pScanner);
 }
 
@@ -118,7 +130,15 @@ int CMOXScanManager::ResetScanner(int id) {
 
 int CMOXScanManager::SetScannerOption(int id, const SMOXScannerOption& option) {
     if (!m_IsValidScannerOption(option)) return MOX_SCAN_BAD_ARGUMENT;
-    return m_Forward(id, [&](CMOXAutoScanner& s) { return s.SetScannerOption(option); });
+    std::shared_ptr<SMOXScannerInfo> info = m_FindScanner(id);
+    int nResult = m_Forward(id, [&](CMOXAutoScanner& s) { return s.SetScannerOption(option); });
+    if (nResult == MOX_SCAN_OK && info) {
+        Lock pathLock(info->pathMutex);
+        // As the walk will see them (a folder scan walks from its base).
+        info->strBasePath = option.strBasePath;
+        info->strDevicePath = option.nRecursive == 2 ? option.strBasePath : option.strDevicePath;
+    }
+    return nResult;
 }
 
 int CMOXScanManager::GetScannerOption(int id, SMOXScannerOption& option) {
@@ -188,43 +208,81 @@ int CMOXScanManager::ConvertScannerResult(EMOXScannerResult nResult) {
 }
 
 void CMOXScanManager::m_Retire(const std::shared_ptr<SMOXScannerInfo>& info) {
-    std::unique_ptr<CMOXAutoScanner> pScanner;
-    {
-        Lock lock(info->mutex);
-        pScanner = std::move(info->pScanner);
-    }
-    if (!pScanner) return;
+    if (info->bRetired.exchange(true)) return;
+    info->pScanner->RequestEnd();
     {
         Lock lock(m_reapMutex);
-        m_reapQueue.push_back(std::move(pScanner));
+        m_reapQueue.push_back(info);
     }
     m_reapCond.notify_all();
 }
 
+bool CMOXScanManager::m_TryDestroy(SMOXScannerInfo& info) {
+    if (!info.pScanner->BodyReturned()) return false;
+    // A call that reached the record before it was retired may still run
+    // (e.g. a start opening a folder on a hung storage): try again later.
+    if (!info.mutex.TryLock()) return false;
+    try {
+        info.pScanner->Destroy();
+    } catch (const std::exception& e) {
+        MOX_WARN("Exception Handled by[%s]: [%s] \n", "m_ReaperBody", e.what());
+    }
+    info.mutex.Unlock();
+    return true;
+}
+
 void CMOXScanManager::m_ReaperBody() {
+    // How often scanners that have not ended yet are looked at again.
+    constexpr std::chrono::milliseconds kRecheck{20};
     mox::UniqueLock lock(m_reapMutex);
-    while (true) {
-        while (!m_bReaperStop && m_reapQueue.empty()) lock.Wait(m_reapCond);
-        if (m_reapQueue.empty()) break;  // stop requested and nothing left
-        std::unique_ptr<CMOXAutoScanner> pScanner = std::move(m_reapQueue.front());
-        m_reapQueue.pop_front();
-        ++m_nReaping;
-        lock.Unlock();
-        try {
-            pScanner->Destroy();
-            pScanner.reset();
-        } catch (const std::exception& e) {
-            MOX_WARN("Exception Handled by[%s]: [%s] \n", "m_ReaperBody", e.what());
+    while (!m_bReaperStop) {
+        if (m_reapQueue.empty()) {
+            lock.Wait(m_reapCond);
+            continue;
         }
+        std::deque<std::shared_ptr<SMOXScannerInfo>> pending;
+        pending.swap(m_reapQueue);
+        m_nReaping += pending.size();
+        lock.Unlock();
+        std::deque<std::shared_ptr<SMOXScannerInfo>> left;
+        for (auto& info : pending)
+            if (!m_TryDestroy(*info)) left.push_back(std::move(info));
+        const size_t nPending = pending.size();
+        pending.clear();  // the destroyed ones are freed here, outside the lock
         lock.Lock();
-        --m_nReaping;
+        m_nReaping -= nPending;
+        for (auto& info : left) m_reapQueue.push_back(std::move(info));
         m_reapCond.notify_all();
+        if (!m_reapQueue.empty() && !m_bReaperStop) lock.WaitFor(m_reapCond, kRecheck);
     }
 }
 
 void CMOXScanManager::WaitForRemovals() {
     mox::UniqueLock lock(m_reapMutex);
     while (!m_reapQueue.empty() || m_nReaping != 0) lock.Wait(m_reapCond);
+}
+
+bool CMOXScanManager::Shutdown(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    std::vector<std::shared_ptr<SMOXScannerInfo>> all;
+    {
+        Lock lock(m_mutex);
+        all.swap(m_scanners);
+    }
+    for (const auto& info : all) m_Retire(info);
+    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
+    if (pThumb != nullptr) pThumb->RequestEnd();
+    mox::UniqueLock lock(m_reapMutex);
+    // The reaper notifies at least every few ms while something is queued.
+    while (!m_reapQueue.empty() || m_nReaping != 0 || (pThumb != nullptr && !pThumb->BodyReturned())) {
+        if (lock.WaitUntil(m_reapCond, deadline) == std::cv_status::timeout) break;
+    }
+    size_t nStuck = m_reapQueue.size() + m_nReaping;
+    const bool bThumbStuck = pThumb != nullptr && !pThumb->BodyReturned();
+    if (nStuck == 0 && !bThumbStuck) return true;
+    MOX_WARN("%zu scanner(s)%s stuck in a system call at shutdown: left running, never freed", nStuck,
+             bThumbStuck ? " and the thumbnail scan" : "");
+    return false;
 }
 
 void CMOXScanManager::RemoveScanner(int id) {
@@ -250,9 +308,9 @@ void CMOXScanManager::RemoveScanner(const char* path) {
         for (auto it = m_scanners.begin(); it != m_scanners.end();) {
             bool bMatch;
             {
-                Lock recordLock((*it)->mutex);
+                Lock pathLock((*it)->pathMutex);
                 // Scanners of folders below the storage go with it too.
-                bMatch = (*it)->pScanner && IsSameOrBelow((*it)->pScanner->GetBasePath(), path);
+                bMatch = IsSameOrBelow((*it)->strBasePath, path);
             }
             if (bMatch) {
                 removed.push_back(*it);
@@ -297,22 +355,6 @@ void CMOXScanManager::PrintAllScanner() {
 size_t CMOXScanManager::GetScannerCount() {
     Lock lock(m_mutex);
     return m_scanners.size();
-}
-
-void CMOXScanManager::m_RemoveAllScanners() {
-    std::vector<std::shared_ptr<SMOXScannerInfo>> all;
-    {
-        Lock lock(m_mutex);
-        all.swap(m_scanners);
-    }
-    for (const auto& info : all) {
-        std::unique_ptr<CMOXAutoScanner> pScanner;
-        {
-            Lock lock(info->mutex);
-            pScanner = std::move(info->pScanner);
-        }
-        if (pScanner) pScanner->Destroy();
-    }
 }
 
 int CMOXScanManager::AddThumbnailScanner(const SMOXScannerOption& option) {

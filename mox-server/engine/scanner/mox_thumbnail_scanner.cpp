@@ -32,13 +32,17 @@ bool CMOXThumbnailScanner::Create() {
     return true;
 }
 
-void CMOXThumbnailScanner::Destroy() {
+void CMOXThumbnailScanner::RequestEnd() {
     {
         Lock lock(m_mutex);
         m_bThreadRun = false;
         m_bCancel = true;
     }
     m_cond.notify_all();
+}
+
+void CMOXThumbnailScanner::Destroy() {
+    RequestEnd();
     CMOXThread::Destroy();
     Lock lock(m_mutex);
     for (SMOXScannerOption& option : m_queue) option.FreeCallbackData();
@@ -71,29 +75,18 @@ int CMOXThumbnailScanner::AddScanner(const SMOXScannerOption& option) {
 void CMOXThumbnailScanner::RemoveScannerByDevice(const char* device) {
     if (device == nullptr) return;
     MOX_INFO("device remove :%s", device);
-    mox::UniqueLock lock(m_mutex);
-    auto drop = [&]() REQUIRES(m_mutex) {
-        for (auto it = m_queue.begin(); it != m_queue.end();) {
-            if (it->strBasePath == device) {
-                it->FreeCallbackData();
-                it = m_queue.erase(it);
-            } else {
-                ++it;
-            }
+    Lock lock(m_mutex);
+    for (auto it = m_queue.begin(); it != m_queue.end();) {
+        if (it->strBasePath == device) {
+            it->FreeCallbackData();
+            it = m_queue.erase(it);
+        } else {
+            ++it;
         }
-    };
-    // Queued ones first, so the thread cannot pick one up while we wait.
-    drop();
-    if (m_bBusy && m_current.strBasePath == device) {
-        uint64_t nSeq = m_nCurrentSeq;
-        m_bCancel = true;
-        while (m_bBusy && m_nCurrentSeq == nSeq) {
-            lock.Unlock();
-            g_usleep(kCancelPollUs);
-            lock.Lock();
-        }
-        drop();
     }
+    // The thread may be stuck reading the storage that went: it drops the
+    // request when (if) the read returns.
+    if (m_bBusy && m_current.strBasePath == device) m_bCancel = true;
 }
 
 size_t CMOXThumbnailScanner::m_CountOwnedLocked(const std::string& share) const {
@@ -176,7 +169,6 @@ bool CMOXThumbnailScanner::m_PopScanner() {
     m_queue.pop_front();
     m_files.clear();
     m_bBusy = true;
-    ++m_nCurrentSeq;
     m_bCancel = false;
     return true;
 }
@@ -208,6 +200,8 @@ void CMOXThumbnailScanner::t_Process() {
         m_nDirCount = 0;
         while (m_bThreadRun && !m_bCancel) {
             int nResult = m_DoFolderThumbnailAction();
+            // Withdrawn while the entry was read: no answer.
+            if (m_bCancel) break;
             if (nResult == MOX_SCAN_END) {
                 MOX_INFO("End of Scan --->>> Stop");
                 OnCallback();

@@ -2,7 +2,9 @@
 // thread. Requests are queued by client threads (AddScanner) and removed by
 // them (RemoveScanner*); the thread runs one request at a time and calls its
 // end callback without holding m_mutex. A running request is withdrawn only
-// through the cancel flag that the thread polls between two entries.
+// through the cancel flag that the thread polls between two entries: nobody
+// waits for it, since an entry may take as long as a hung storage does, and
+// a cancelled request never calls back.
 // Lock order: the scan manager's locks, then m_mutex.
 #pragma once
 
@@ -37,16 +39,20 @@ public:
     // Starts the thread; false when it cannot start.
     bool Create();
     // Ends the thread (the running request is abandoned without callback)
-    // and frees the callback data of every request left.
+    // and frees the callback data of every request left. Waits for the
+    // thread: see RequestEnd().
     void Destroy() override;
+    // Tells the thread to end after its current entry, without waiting
+    // (BodyReturned() then says when it has).
+    void RequestEnd();
 
     // Queues a copy of the option; the scanner owns its callback data from
     // here on (also on failure, when it frees it). 0, or -1 (warned) when the
     // thread does not run, the queue is full or the option's owner (when not
     // empty) already has kMaxRequestsPerClient requests.
     int AddScanner(const SMOXScannerOption& option);
-    // Drops every request whose base path is `device`, and waits until the
-    // running one, when it is such a request, has ended.
+    // Drops every request whose base path is `device` and cancels the
+    // running one when it is such a request, without waiting.
     void RemoveScannerByDevice(const char* device);
     // Drops the requests matching all four values and, unless pOwner is null,
     // owned by *pOwner; a running one is cancelled without waiting (the
@@ -79,7 +85,6 @@ private:
     SMOXScannerOption m_current GUARDED_BY(m_mutex);  // written by the thread only
     std::vector<SMOXFileInfo> m_files GUARDED_BY(m_mutex);
     bool m_bBusy GUARDED_BY(m_mutex) = false;
-    uint64_t m_nCurrentSeq GUARDED_BY(m_mutex) = 0;  // id of the running request
     std::atomic<bool> m_bThreadRun{false};
     std::atomic<bool> m_bCancel{false};
 
@@ -89,6 +94,4 @@ private:
     int m_nDirCount = 0;
     int m_nLimit = 0;
     int m_nDelayUs = 0;  // between two entries: none, a thumbnail is wanted now
-
-    static constexpr int kCancelPollUs = 1000;
 };
