@@ -54,12 +54,16 @@ void CMOXPathJobs::s_Body(const std::shared_ptr<SState>& state, const std::strin
         if (bFinish) ++state->nFinishing;
     } catch (const std::exception& e) {
         MOX_WARN("path job failed: %s", e.what());
+    } catch (...) {
+        MOX_WARN("path job failed: unknown exception");
     }
     if (bFinish) {
         try {
             finish();
         } catch (const std::exception& e) {
             MOX_WARN("path job failed: %s", e.what());
+        } catch (...) {
+            MOX_WARN("path job failed: unknown exception");
         }
     }
     Lock lock(state->mutex);
