@@ -6,7 +6,8 @@
 // bound client.
 //
 // Threads and locks: one mutex guards the lists, the index pools, the
-// clients and the callbacks. Queries run on the caller's thread; hot-plug
+// clients and the callbacks; it is never held while a storage is asked for
+// anything (sizes are read after it). Queries run on the caller's thread; hot-plug
 // events arrive on the USB service's thread. Both callbacks run with the
 // mutex held: they must not call back into the storage manager. The
 // destructor stops the USB service first (waiting for an event in flight),
@@ -65,6 +66,8 @@ public:
     static std::string NotificationDocument(mox_storage_event_e event, const std::string& strStorages);
 
 private:
+    // The list of `type` enumerated afresh (GetStorages), copied out.
+    int m_RefreshAndCopy(mox_storage_device_type type, std::vector<UsbDevicePtr>& listed) EXCLUDES(m_mutex);
     // All m_ operations below require m_mutex held.
     bool m_Create() REQUIRES(m_mutex);
     bool m_InitUSBList() REQUIRES(m_mutex);

@@ -112,8 +112,8 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     auto slow = h.Connect();
     SignalCollector slowSignals(slow.get());
 
-    // Path lookups that hang.
-    s.fs->SetRules("hang getattr /chk\nhang getattr /thm\n");
+    // Path lookups that hang, and the stick's size (get_usb_storages asks).
+    s.fs->SetRules("hang getattr /chk\nhang getattr /thm\nhang statfs *\n");
     CallAndForget(slow.get(), "start_scanner", g_variant_new("(ss)", "check_device", (s.mount + "/chk").c_str()));
     std::this_thread::sleep_for(milliseconds(200));
     const long checkDelay = SlowestQuickCall(h, "check lookup hung");
