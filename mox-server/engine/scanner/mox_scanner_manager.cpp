@@ -233,7 +233,7 @@ bool CMOXScanManager::m_TryDestroy(SMOXScannerInfo& info) {
 
 void CMOXScanManager::m_ReaperBody() {
     // How often scanners that have not ended yet are looked at again.
-    constexpr std::chrono::milliseconds kRecheck{20};
+    constexpr std::chrono::milliseconds kRecheck{50};
     mox::UniqueLock lock(m_reapMutex);
     while (!m_bReaperStop) {
         if (m_reapQueue.empty()) {
@@ -273,7 +273,7 @@ bool CMOXScanManager::Shutdown(std::chrono::milliseconds timeout) {
     CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
     if (pThumb != nullptr) pThumb->RequestEnd();
     mox::UniqueLock lock(m_reapMutex);
-    // The reaper notifies at least every few ms while something is queued.
+    // The reaper notifies at least every 50 ms while something is queued.
     while (!m_reapQueue.empty() || m_nReaping != 0 || (pThumb != nullptr && !pThumb->BodyReturned())) {
         if (lock.WaitUntil(m_reapCond, deadline) == std::cv_status::timeout) break;
     }
