@@ -77,9 +77,10 @@ bool CMOXPathJobs::Close(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     mox::UniqueLock lock(m_state->mutex);
     m_state->bClosed = true;
-    while (m_state->nFinishing != 0)
+    while (m_state->nRunning != 0)
         if (lock.WaitUntil(m_state->cond, deadline) == std::cv_status::timeout) break;
-    if (m_state->nFinishing == 0) return true;
-    MOX_WARN("%zu path job(s) stuck on a storage at shutdown: left running", m_state->nFinishing);
+    if (m_state->nRunning == 0) return true;
+    MOX_WARN("%zu path job(s) stuck on a storage at shutdown (%zu using the engine): left running", m_state->nRunning,
+             m_state->nFinishing);
     return false;
 }

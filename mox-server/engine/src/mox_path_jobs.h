@@ -37,8 +37,9 @@ public:
     // Starts the job on a new thread; false (warned, nothing run) beyond the
     // bounds, after Close() or when no thread can be made.
     bool Run(const std::string& share, std::function<void()> resolve, std::function<void()> finish);
-    // No finish starts from now on; waits at most `timeout` for the running
-    // ones. False when one still runs: what it uses must then stay alive.
+    // No finish starts from now on; waits at most `timeout` for the jobs
+    // still running. False when one still runs: what it uses must then stay
+    // alive, and its thread is left stuck in a system call.
     bool Close(std::chrono::milliseconds timeout);
 
 private:

@@ -185,8 +185,8 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     EXPECT_EQ(h.Stop(), 0) << h.Output();
 }
 
-// SIGTERM while a check, a thumbnail scan and a list hang in readdir and a
-// transfer hangs reading its source: the daemon exits 0 within 5 s (under
+// SIGTERM while a check, a thumbnail scan and a list hang in readdir, a
+// check's folder lookup hangs and a transfer hangs reading its source: the daemon exits 0 within 5 s (under
 // ASan: with no report, also when the stick wakes up during the teardown)
 // and leaves none of its shared-memory objects behind.
 TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
@@ -211,8 +211,9 @@ TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
                                s.mount + R"(/ok"})";
     CallAndForget(c.get(), "get_partial_list", g_variant_new("(uuus)", handle, 0u, 50u, okList.c_str()));
     ASSERT_TRUE(signals.WaitFor("mox_request_normal_complete", 1));
-    s.fs->SetRules("hang readdir /deep\nhang readdir /lst\nhang read /big.bin\n");
+    s.fs->SetRules("hang readdir /deep\nhang readdir /lst\nhang read /big.bin\nhang getattr /chk\n");
     CallAndForget(c.get(), "start_scanner", g_variant_new("(ss)", "check_device", (s.mount + "/deep").c_str()));
+    CallAndForget(c.get(), "start_scanner", g_variant_new("(ss)", "check_device", (s.mount + "/chk").c_str()));
     CallAndForget(c.get(), "start_scanner_thumb",
                   g_variant_new("(ssuu)", (s.mount + "/deep2").c_str(), "CONTENT-IMAGE", 4u, 2u));
     const std::string list = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
@@ -228,7 +229,7 @@ TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
 
     // The list and the transfer return during the teardown, after the
     // bounded wait for stuck commands: what they touch must still be alive.
-    // The check and the thumbnail scan return only once the daemon has
+    // The checks and the thumbnail scan return only once the daemon has
     // ended: until then the kernel keeps its threads stuck in the stick's
     // requests (the process stays a zombie), so the end is when its main
     // thread is gone.
@@ -237,7 +238,7 @@ TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
     long stopMs = -1;
     std::thread watch([&] {
         std::this_thread::sleep_for(milliseconds(2700));
-        s.fs->SetRules("hang readdir /deep\n");
+        s.fs->SetRules("hang readdir /deep\nhang getattr /chk\n");
         while (stopMs < 0 && Clock::now() - start < std::chrono::seconds(20)) {
             std::string stat = moxtest::ReadTextFile("/proc/" + std::to_string(pid) + "/stat");
             size_t close = stat.rfind(')');
