@@ -44,10 +44,12 @@ CMOXScanManager::~CMOXScanManager() {
         Lock recordLock(info->mutex);
         info->pScanner->Destroy();
     }
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.exchange(nullptr);
-    if (pThumb != nullptr) pThumb->Destroy();
+    m_pThumbnailScanner = nullptr;
     Lock lock(m_thumbMutex);
+    if (m_pThumbnailOwner) m_pThumbnailOwner->Destroy();
     m_pThumbnailOwner.reset();
+    for (const auto& pRetired : m_retiredThumbs) pRetired->Destroy();
+    m_retiredThumbs.clear();
 }
 
 int CMOXScanManager::CreateScanner(int& id, const std::string& owner, const std::string& shareIn) {
@@ -270,18 +272,33 @@ bool CMOXScanManager::Shutdown(std::chrono::milliseconds timeout) {
         all.swap(m_scanners);
     }
     for (const auto& info : all) m_Retire(info);
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
-    if (pThumb != nullptr) pThumb->RequestEnd();
-    mox::UniqueLock lock(m_reapMutex);
-    // The reaper notifies at least every 50 ms while something is queued.
-    while (!m_reapQueue.empty() || m_nReaping != 0 || (pThumb != nullptr && !pThumb->BodyReturned())) {
-        if (lock.WaitUntil(m_reapCond, deadline) == std::cv_status::timeout) break;
+    // The thumbnail threads: no request or replacement from now on, so the
+    // ones listed here stay (freed only with the manager).
+    std::vector<CMOXThumbnailScanner*> thumbs;
+    {
+        Lock lock(m_thumbMutex);
+        m_bThumbsClosed = true;
+        if (m_pThumbnailOwner) thumbs.push_back(m_pThumbnailOwner.get());
+        for (const auto& pRetired : m_retiredThumbs) thumbs.push_back(pRetired.get());
     }
-    size_t nStuck = m_reapQueue.size() + m_nReaping;
-    const bool bThumbStuck = pThumb != nullptr && !pThumb->BodyReturned();
-    if (nStuck == 0 && !bThumbStuck) return true;
-    MOX_WARN("%zu scanner(s)%s stuck in a system call at shutdown: left running, never freed", nStuck,
-             bThumbStuck ? " and the thumbnail scan" : "");
+    for (CMOXThumbnailScanner* pThumb : thumbs) pThumb->RequestEnd();
+    auto thumbsStuck = [&thumbs] {
+        size_t n = 0;
+        for (CMOXThumbnailScanner* pThumb : thumbs) n += pThumb->BodyReturned() ? 0 : 1;
+        return n;
+    };
+    mox::UniqueLock lock(m_reapMutex);
+    // The reaper notifies at least every 50 ms while something is queued;
+    // thumbnail threads are looked at as often.
+    while (!m_reapQueue.empty() || m_nReaping != 0 || thumbsStuck() != 0) {
+        if (std::chrono::steady_clock::now() >= deadline) break;
+        lock.WaitFor(m_reapCond, std::chrono::milliseconds(50));
+    }
+    const size_t nStuck = m_reapQueue.size() + m_nReaping;
+    const size_t nThumbsStuck = thumbsStuck();
+    if (nStuck == 0 && nThumbsStuck == 0) return true;
+    MOX_WARN("%zu scanner(s) and %zu thumbnail scan(s) stuck in a system call at shutdown: left running, never freed",
+             nStuck, nThumbsStuck);
     return false;
 }
 
@@ -338,8 +355,11 @@ void CMOXScanManager::RemoveScannersOfOwner(const std::string& owner) {
         }
     }
     for (const auto& info : removed) m_Retire(info);
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
-    size_t nThumbs = pThumb == nullptr ? 0 : pThumb->RemoveScannersOfOwner(owner);
+    size_t nThumbs = 0;
+    {
+        Lock lock(m_thumbMutex);
+        if (m_pThumbnailOwner) nThumbs = m_pThumbnailOwner->RemoveScannersOfOwner(owner);
+    }
     if (!removed.empty() || nThumbs != 0)
         MOX_INFO("client %s left: %zu scanners and %zu thumbnail requests removed", owner.c_str(), removed.size(),
                  nThumbs);
@@ -357,25 +377,59 @@ size_t CMOXScanManager::GetScannerCount() {
     return m_scanners.size();
 }
 
+void CMOXScanManager::m_ReplaceStuckThumbnailScanner() {
+    // Retired ones whose thread has come back are freed now.
+    for (auto it = m_retiredThumbs.begin(); it != m_retiredThumbs.end();) {
+        if ((*it)->BodyReturned()) {
+            (*it)->Destroy();
+            it = m_retiredThumbs.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    if (!m_pThumbnailOwner || !m_pThumbnailOwner->IsStuck(kThumbnailStuckAfter)) return;
+    if (m_retiredThumbs.size() >= kMaxStuckThumbnailThreads) {
+        MOX_DEBUG("thumbnail scan stuck, %zu stuck already: the queue waits", m_retiredThumbs.size());
+        return;
+    }
+    std::unique_ptr<CMOXThumbnailScanner> pNew(new CMOXThumbnailScanner());
+    if (!pNew->Create()) return;
+    // Readers (the new thread's callbacks) see the new scanner before it
+    // runs anything.
+    m_pThumbnailScanner = pNew.get();
+    std::deque<SMOXScannerOption> queue = m_pThumbnailOwner->TakeQueue();
+    m_pThumbnailOwner->RequestEnd();
+    MOX_WARN(
+        "thumbnail scan stuck on a storage after its request was withdrawn: %zu queued request(s) go to a new "
+        "thread",
+        queue.size());
+    pNew->AdoptQueue(std::move(queue));
+    m_retiredThumbs.push_back(std::move(m_pThumbnailOwner));
+    m_pThumbnailOwner = std::move(pNew);
+}
+
 int CMOXScanManager::AddThumbnailScanner(const SMOXScannerOption& option) {
     MOX_INFO("add thumbnail scanner ");
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
-    if (pThumb == nullptr) {
-        Lock lock(m_thumbMutex);
-        if (!m_pThumbnailOwner) {
-            std::unique_ptr<CMOXThumbnailScanner> pNew(new CMOXThumbnailScanner());
-            if (!pNew->Create()) {
-                MOX_WARN("thumbnail scanner create failed ");
-                SMOXScannerOption copy = option;
-                copy.FreeCallbackData();
-                return -1;
-            }
-            m_pThumbnailOwner = std::move(pNew);
-            m_pThumbnailScanner = m_pThumbnailOwner.get();
-        }
-        pThumb = m_pThumbnailOwner.get();
+    Lock lock(m_thumbMutex);
+    if (m_bThumbsClosed) {
+        MOX_WARN("thumbnail scanner ended, request refused");
+        SMOXScannerOption copy = option;
+        copy.FreeCallbackData();
+        return -1;
     }
-    if (pThumb->AddScanner(option) != 0) {
+    if (!m_pThumbnailOwner) {
+        std::unique_ptr<CMOXThumbnailScanner> pNew(new CMOXThumbnailScanner());
+        if (!pNew->Create()) {
+            MOX_WARN("thumbnail scanner create failed ");
+            SMOXScannerOption copy = option;
+            copy.FreeCallbackData();
+            return -1;
+        }
+        m_pThumbnailOwner = std::move(pNew);
+        m_pThumbnailScanner = m_pThumbnailOwner.get();
+    }
+    m_ReplaceStuckThumbnailScanner();
+    if (m_pThumbnailOwner->AddScanner(option) != 0) {
         MOX_INFO("thumbnail scanner add scanner failed ");
         return -1;
     }
@@ -384,21 +438,21 @@ int CMOXScanManager::AddThumbnailScanner(const SMOXScannerOption& option) {
 
 size_t CMOXScanManager::RemoveScanner(const char* device, const char* path, unsigned int limit, int value,
                                       const std::string* pOwner) {
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
-    if (pThumb == nullptr) {
+    Lock lock(m_thumbMutex);
+    if (!m_pThumbnailOwner) {
         MOX_INFO("m_pThumbnailScanner == NULL ");
         return 0;
     }
-    return pThumb->RemoveScanner(device, path, limit, value, pOwner);
+    return m_pThumbnailOwner->RemoveScanner(device, path, limit, value, pOwner);
 }
 
 void CMOXScanManager::RemoveThumbnailByDevice(const char* device) {
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
-    if (pThumb == nullptr) {
+    Lock lock(m_thumbMutex);
+    if (!m_pThumbnailOwner) {
         MOX_INFO("m_pThumbnailScanner == NULL ");
         return;
     }
-    pThumb->RemoveScannerByDevice(device);
+    m_pThumbnailOwner->RemoveScannerByDevice(device);
 }
 
 int CMOXScanManager::GetCurrentFileInfoList(std::vector<SMOXFileInfo>& out) {

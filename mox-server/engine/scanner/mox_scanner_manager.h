@@ -131,11 +131,24 @@ private:
     std::vector<std::shared_ptr<SMOXScannerInfo>> m_scanners GUARDED_BY(m_mutex);
     int m_nLastID GUARDED_BY(m_mutex) = 0;
 
-    // Created once, on the first request, and kept until the manager goes:
-    // readers load the pointer without a lock (the thumbnail thread's own
-    // callback reads through it).
-    mox::Mutex m_thumbMutex;  // serialises creation
+    // Replaces the thumbnail scanner when its thread is stuck on a storage
+    // with a withdrawn request (kThumbnailStuckAfter after the withdrawal):
+    // the queue moves to a new thread, so the other clients' requests run;
+    // the stuck one is told to end and freed once its call returns. At most
+    // kMaxStuckThumbnailThreads are left stuck; then the queue waits.
+    void m_ReplaceStuckThumbnailScanner() REQUIRES(m_thumbMutex);
+    static constexpr std::chrono::milliseconds kThumbnailStuckAfter{200};
+    static constexpr size_t kMaxStuckThumbnailThreads = 4;
+
+    // Created on the first request; requests and removals go to it under
+    // m_thumbMutex (never held while a thread is waited for). Readers of
+    // the current request (the thumbnail thread's own callback) load the
+    // pointer without a lock: a replaced scanner is kept while its thread
+    // runs, and a new one is published before it runs anything.
+    mox::Mutex m_thumbMutex;
     std::unique_ptr<CMOXThumbnailScanner> m_pThumbnailOwner GUARDED_BY(m_thumbMutex);
+    std::vector<std::unique_ptr<CMOXThumbnailScanner>> m_retiredThumbs GUARDED_BY(m_thumbMutex);
+    bool m_bThumbsClosed GUARDED_BY(m_thumbMutex) = false;  // Shutdown() ran
     std::atomic<CMOXThumbnailScanner*> m_pThumbnailScanner{nullptr};
 
     mox::Mutex m_reapMutex;

@@ -86,7 +86,7 @@ void CMOXThumbnailScanner::RemoveScannerByDevice(const char* device) {
     }
     // The thread may be stuck reading the storage that went: it drops the
     // request when (if) the read returns.
-    if (m_bBusy && m_current.strBasePath == device) m_bCancel = true;
+    if (m_bBusy && m_current.strBasePath == device) m_CancelCurrentLocked();
 }
 
 size_t CMOXThumbnailScanner::m_CountOwnedLocked(const std::string& share) const {
@@ -120,7 +120,7 @@ size_t CMOXThumbnailScanner::RemoveScanner(const char* device, const char* path,
     }
     if (m_bBusy && matches(m_current)) {
         if (mine(m_current))
-            m_bCancel = true;
+            m_CancelCurrentLocked();
         else
             ++nOthers;
     }
@@ -141,10 +141,34 @@ size_t CMOXThumbnailScanner::RemoveScannersOfOwner(const std::string& owner) {
         }
     }
     if (m_bBusy && m_current.strOwner == owner) {
-        m_bCancel = true;
+        m_CancelCurrentLocked();
         ++nDropped;
     }
     return nDropped;
+}
+
+void CMOXThumbnailScanner::m_CancelCurrentLocked() {
+    if (!m_bCancel.exchange(true)) m_cancelledAt = std::chrono::steady_clock::now();
+}
+
+bool CMOXThumbnailScanner::IsStuck(std::chrono::milliseconds after) {
+    Lock lock(m_mutex);
+    return m_bBusy && m_bCancel && std::chrono::steady_clock::now() - m_cancelledAt >= after;
+}
+
+std::deque<SMOXScannerOption> CMOXThumbnailScanner::TakeQueue() {
+    Lock lock(m_mutex);
+    std::deque<SMOXScannerOption> queue;
+    queue.swap(m_queue);
+    return queue;
+}
+
+void CMOXThumbnailScanner::AdoptQueue(std::deque<SMOXScannerOption> queue) {
+    {
+        Lock lock(m_mutex);
+        for (SMOXScannerOption& option : queue) m_queue.push_back(std::move(option));
+    }
+    m_cond.notify_all();
 }
 
 int CMOXThumbnailScanner::GetFileInfoList(std::vector<SMOXFileInfo>& out) {

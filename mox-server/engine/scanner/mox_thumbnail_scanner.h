@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -63,6 +64,13 @@ public:
     // Drops every request of `owner` and cancels its running one, without
     // waiting and without its callback. The number of requests dropped.
     size_t RemoveScannersOfOwner(const std::string& owner);
+    // True while a withdrawn request has been running for `after` or longer
+    // since it was withdrawn: the thread is stuck on a storage.
+    bool IsStuck(std::chrono::milliseconds after);
+    // Hands the queued requests (and their callback data) over to another
+    // thumbnail scanner: TakeQueue empties this queue, AdoptQueue appends.
+    std::deque<SMOXScannerOption> TakeQueue();
+    void AdoptQueue(std::deque<SMOXScannerOption> queue);
     // Files collected for the current request; 0, or -1 when none runs.
     int GetFileInfoList(std::vector<SMOXFileInfo>& out);
     // The current request; 0, or -1 when none runs.
@@ -74,6 +82,7 @@ protected:
 private:
     // Requests of `owner`, queued or running.
     size_t m_CountOwnedLocked(const std::string& owner) const REQUIRES(m_mutex);
+    void m_CancelCurrentLocked() REQUIRES(m_mutex);
     bool m_PopScanner();
     int m_DoFolderThumbnailAction();
     void OnCallback();
@@ -85,6 +94,7 @@ private:
     SMOXScannerOption m_current GUARDED_BY(m_mutex);  // written by the thread only
     std::vector<SMOXFileInfo> m_files GUARDED_BY(m_mutex);
     bool m_bBusy GUARDED_BY(m_mutex) = false;
+    std::chrono::steady_clock::time_point m_cancelledAt GUARDED_BY(m_mutex);
     std::atomic<bool> m_bThreadRun{false};
     std::atomic<bool> m_bCancel{false};
 

@@ -171,9 +171,17 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     EXPECT_TRUE(r.ok()) << r.error;
     Unplug(h, "sdf1");
     const long hungUnplugDelay = SlowestQuickCall(h, "hung stick pulled", milliseconds(800));
-    // The USB thread is free again: the next plug is seen.
+    // The USB thread is free again: the next plug is seen. The thumbnail
+    // scan stuck on the pulled stick holds nobody else's thumbnails.
     Plug(h, "sdb1");
     EXPECT_TRUE(h.WaitForLog("USB MOUNTED : " + h.UsbRoot() + "/sdb1"));
+    std::filesystem::create_directories(h.UsbRoot() + "/sdc1/pics");
+    WriteTextFile(h.UsbRoot() + "/sdc1/pics/a.jpg", "x");
+    SignalCollector otherSignals(other.get());
+    r = h.Call("start_scanner_thumb",
+               g_variant_new("(ssuu)", (h.UsbRoot() + "/sdc1/pics").c_str(), "CONTENT-IMAGE", 4u, 3u), other.get());
+    EXPECT_TRUE(r.ok()) << r.error;
+    EXPECT_TRUE(otherSignals.WaitFor("mox_folder_thumb_done", 1, std::chrono::seconds(5)));
     r = h.Call("stop_scanner", g_variant_new("(u)", hungId), slow.get(), 5000);
     EXPECT_TRUE(r.ok()) << r.error;
 
