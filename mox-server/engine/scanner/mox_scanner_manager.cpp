@@ -264,16 +264,14 @@ void CMOXScanManager::WaitForRemovals() {
     while (!m_reapQueue.empty() || m_nReaping != 0) lock.Wait(m_reapCond);
 }
 
-bool CMOXScanManager::Shutdown(std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
+void CMOXScanManager::BeginShutdown() {
     std::vector<std::shared_ptr<SMOXScannerInfo>> all;
     {
         Lock lock(m_mutex);
         all.swap(m_scanners);
     }
     for (const auto& info : all) m_Retire(info);
-    // The thumbnail threads: no request or replacement from now on, so the
-    // ones listed here stay (freed only with the manager).
+    // No thumbnail request or replacement from now on.
     std::vector<CMOXThumbnailScanner*> thumbs;
     {
         Lock lock(m_thumbMutex);
@@ -282,6 +280,19 @@ bool CMOXScanManager::Shutdown(std::chrono::milliseconds timeout) {
         for (const auto& pRetired : m_retiredThumbs) thumbs.push_back(pRetired.get());
     }
     for (CMOXThumbnailScanner* pThumb : thumbs) pThumb->RequestEnd();
+}
+
+bool CMOXScanManager::Shutdown(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    BeginShutdown();
+    // Closed above: the thumbnail scanners listed here stay until the
+    // manager goes.
+    std::vector<CMOXThumbnailScanner*> thumbs;
+    {
+        Lock lock(m_thumbMutex);
+        if (m_pThumbnailOwner) thumbs.push_back(m_pThumbnailOwner.get());
+        for (const auto& pRetired : m_retiredThumbs) thumbs.push_back(pRetired.get());
+    }
     auto thumbsStuck = [&thumbs] {
         size_t n = 0;
         for (CMOXThumbnailScanner* pThumb : thumbs) n += pThumb->BodyReturned() ? 0 : 1;

@@ -98,7 +98,10 @@ public:
     size_t GetScannerCount();
     // Waits until every removed scanner has been destroyed (tests).
     void WaitForRemovals();
-    // Removes every scanner and ends the thumbnail thread, waiting at most
+    // Removes every scanner and tells the thumbnail threads to end, without
+    // waiting; no thumbnail request is taken any more. Shutdown() follows.
+    void BeginShutdown();
+    // Removes every scanner and ends the thumbnail threads, waiting at most
     // `timeout`. True when all ended; otherwise those stuck in a system call
     // are left running (warned) and the manager must never be destroyed.
     bool Shutdown(std::chrono::milliseconds timeout);

@@ -49,9 +49,10 @@ constexpr const char* kResetStatusKey = "db/mox/reset_status";
 constexpr const char* kDbResetKey = "file/private/mediaserver/db_reset";
 constexpr guint kHeartbeatMs = 5000;
 constexpr int kWatchdogPeriodSec = 60;
-// How long shutdown waits for scanners to end after the engine's own wait:
-// one that is not stuck in a system call ends within a step.
-constexpr std::chrono::milliseconds kScanShutdownWait{500};
+// How long shutdown waits for scanners to end after the engine's own wait;
+// they were told to end before it, and one that is not stuck in a system
+// call ends within a step.
+constexpr std::chrono::milliseconds kScanShutdownWait{300};
 
 struct GFreeDeleter {
     void operator()(gchar* p) const { g_free(p); }
@@ -292,6 +293,8 @@ struct Daemon {
             pStorage->SetInternalCB(nullptr, nullptr);
             pStorage.reset();
         }
+        // Scans end while the engine waits for its commands.
+        CMOXSingleton<CMOXScanManager>::Get()->BeginShutdown();
         const bool bEngineKept = pEngine && shutDownEngine(std::move(pEngine));
         if (bKeyWatched) vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
         // Scanner threads end before the connection their callbacks use goes.
