@@ -112,6 +112,7 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     auto slow = h.Connect();
     SignalCollector slowSignals(slow.get());
 
+    SlowestQuickCall(h, "idle");  // the baseline scripts/bench-storage-faults.sh compares with
     // Path lookups that hang, and the stick's size (get_usb_storages asks).
     s.fs->SetRules("hang getattr /chk\nhang getattr /thm\nhang statfs *\n");
     CallAndForget(slow.get(), "start_scanner", g_variant_new("(ss)", "check_device", (s.mount + "/chk").c_str()));
