@@ -6,8 +6,9 @@
 // storage does; it touches only what it captured by value. `finish` runs
 // after it, on the same thread, only while the jobs are open, and may use
 // the engine's objects: Close() (shutdown) stops new finishes and waits,
-// bounded, for running ones. A job whose resolve returns after Close() ends
-// without finishing; its thread touches nothing shared any more.
+// bounded, for every running job. A job whose resolve returns after Close()
+// ends without finishing (and without a reply); its thread touches nothing
+// shared any more.
 //
 // Bounds: at most kMaxJobs jobs run at once and one share (see
 // CMOXEngineImp::ShareOf) holds at most kMaxJobsPerShare of them; a job
