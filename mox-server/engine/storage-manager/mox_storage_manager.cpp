@@ -275,11 +275,12 @@ void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& recor
         pInternalUserData = pThis->m_pInternalUserData;
         notificationCb = pThis->m_storage_notification_cb;
         clients = pThis->m_clients;
-        // One document per event, whatever the number of clients.
-        if (notificationCb && !clients.empty()) {
-            std::vector<UsbDevicePtr> changed{record};
-            strPayload = NotificationDocument(event, ConvertStoragesToJson(changed));
-        }
+    }
+    // One document per event, whatever the number of clients; built after
+    // the lock, as it asks the storage for its sizes.
+    if (notificationCb && !clients.empty()) {
+        std::vector<UsbDevicePtr> changed{record};
+        strPayload = NotificationDocument(event, ConvertStoragesToJson(changed));
     }
     if (internalCb) internalCb(usb_device_ref(device), event, pInternalUserData);
     if (notificationCb)
