@@ -30,6 +30,7 @@ CMOXThread::~CMOXThread() = default;
 bool CMOXThread::Create(const char* szName) {
     if (szName == nullptr) return false;
     GError* error = nullptr;
+    m_bBodyReturned.store(false);
     GThread* thread = g_thread_try_new(szName, s_ThreadEntry, this, &error);
     if (thread == nullptr) {
         if (error != nullptr) {
@@ -56,6 +57,7 @@ gpointer CMOXThread::s_ThreadEntry(gpointer data) {
     } catch (...) {
         MOX_WARN("Exception Handled by[%s]: [%s] \n", "t_Process", "unknown");
     }
+    self->m_bBodyReturned.store(true);
     self->m_endSem.Post();
     return nullptr;
 }

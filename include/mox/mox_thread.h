@@ -58,6 +58,10 @@ public:
     bool Create(const char* szName);
     // 1 between a successful Create and Destroy, else 0.
     int FlagCreate() const { return m_nCreated.load(); }
+    // True once t_Process() has returned, or when no thread runs: Destroy()
+    // would not wait then. Never blocks (an owner polls it rather than wait
+    // on a body stuck in a system call).
+    bool BodyReturned() const { return m_nCreated.load() == 0 || m_bBodyReturned.load(); }
 
     // Waits until the body has returned, then drops the thread. Call it once
     // per successful Create; without a running Create it returns at once.
@@ -77,6 +81,7 @@ private:
     // Atomic: the new thread may read them while Create stores them.
     std::atomic<GThread*> m_hThread;
     std::atomic<int> m_nCreated;
+    std::atomic<bool> m_bBodyReturned{false};
     CMOXSemphore m_startSem;  // posted by the new thread as its first act
     CMOXSemphore m_endSem;    // posted after t_Process() returned
 };

@@ -4,8 +4,8 @@
 //   mox_faultfs BACKING_DIR MOUNT_POINT CONTROL_FILE
 //
 // CONTROL_FILE holds one rule per line: "ACTION OP SUBSTRING", where ACTION is
-// "hang" or "eio", OP one of getattr, readdir, opendir, open, read, write or
-// "*", and SUBSTRING is matched against the path inside the file system ("*"
+// "hang" or "eio", OP one of getattr, readdir, opendir, open, read, write,
+// statfs or "*", and SUBSTRING is matched against the path inside the file system ("*"
 // matches every path). The file is re-read whenever its modification time or
 // size changes; a hung operation returns (passing through) once no rule holds
 // it any more, so a test releases hangs by rewriting the file. Runs in the
@@ -177,6 +177,7 @@ int FsUtimens(const char* path, const struct timespec tv[2], struct fuse_file_in
     return utimensat(AT_FDCWD, Real(path).c_str(), tv, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : -errno;
 }
 int FsStatfs(const char* path, struct statvfs* st) {
+    if (int rc = Fault("statfs", path)) return rc;
     return statvfs(Real(path).c_str(), st) == 0 ? 0 : -errno;
 }
 

@@ -7,6 +7,7 @@
 #include <sys/random.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <cstring>
@@ -75,7 +76,8 @@ public:
                      m_strTag.c_str());
         }
     }
-    ~CInstanceLock() {
+    ~CInstanceLock() { Release(); }
+    void Release() {
         // A forked child that exits does not own the parent's lock.
         if (m_fd < 0 || getpid() != m_pid) return;
         // Only the object we locked, not one that replaced it.
@@ -87,6 +89,7 @@ public:
             mine.st_dev == named.st_dev && mine.st_ino == named.st_ino)
             shm_unlink(strName.c_str());
         close(m_fd);
+        m_fd = -1;
     }
     CInstanceLock(const CInstanceLock&) = delete;
     CInstanceLock& operator=(const CInstanceLock&) = delete;
@@ -125,12 +128,19 @@ private:
     const pid_t m_pid = getpid();
 };
 
+std::atomic<bool> g_bLockMade{false};
+
 CInstanceLock& InstanceLock() {
     static CInstanceLock s_lock;
+    g_bLockMade.store(true, std::memory_order_release);
     return s_lock;
 }
 
 }  // namespace
+
+void ReleaseInstanceLock() {
+    if (g_bLockMade.load(std::memory_order_acquire)) InstanceLock().Release();
+}
 
 const std::string& InstanceTag() {
     return InstanceLock().Tag();

@@ -32,6 +32,9 @@ constexpr char kLockPrefix[] = "mox_lock_";
 // lock can be made (warning) the tag is the pid, unguarded: such objects are
 // never taken for a dead instance's.
 const std::string& InstanceTag();
+// Unlinks and closes this process's lock object now, as a normal exit would;
+// for a process that ends with _exit. Nothing when no object was made.
+void ReleaseInstanceLock();
 // Removes the objects ("mox_datablock_T_*", "mox_resultlist_T_*") and the lock
 // of every instance T no living process holds: its "mox_lock_T" exists, is a
 // regular object of our user and can be locked. Objects of live instances,

@@ -75,6 +75,12 @@ void CMOXAutoScanner::Destroy() {
     m_visitedDirs.clear();
 }
 
+void CMOXAutoScanner::RequestEnd() {
+    m_bAlive = false;
+    // Wakes the thread wherever it waits for the gate; it sees the end.
+    m_gate.Post();
+}
+
 void CMOXAutoScanner::t_Process() {
     MOX_INFO("Thread(%s) t_Process created...", m_strName.c_str());
     {
@@ -109,6 +115,9 @@ void CMOXAutoScanner::t_Process() {
             MOX_WARN("NOT Define(%d)...", nMode);
         }
         m_gate.Post();
+        // Removed during a step (which may have waited long on a storage):
+        // nobody wants the answer any more.
+        if (!m_bAlive) continue;
         if (nResult == MOX_SCAN_END) {
             MOX_INFO("End of Scan --->>> Stop");
             if (Stop() != MOX_SCAN_ALREADY_STOPPED) OnCallback();

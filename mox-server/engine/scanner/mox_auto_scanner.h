@@ -33,8 +33,13 @@ public:
     // must not be null). false when the thread cannot start.
     bool Create(const char* pszScannerName);
     // Ends the thread and frees the directory scanner, the states and the
-    // callback data. Call once, from a thread other than the scanner's.
+    // callback data. Call once, from a thread other than the scanner's. It
+    // waits for the thread: callers that must not wait on a storage first
+    // call RequestEnd() and Destroy() only once BodyReturned().
     void Destroy() override;
+    // Tells the thread to end after its current step, without waiting; the
+    // end callback no longer runs.
+    void RequestEnd();
 
     int Start();
     int Stop();

@@ -21,17 +21,35 @@ bool IsSameOrBelow(const std::string& path, const std::string& top) {
 CMOXScanManager::CMOXScanManager() : m_reaper(&CMOXScanManager::m_ReaperBody, this) {}
 
 CMOXScanManager::~CMOXScanManager() {
+    std::vector<std::shared_ptr<SMOXScannerInfo>> all;
+    {
+        Lock lock(m_mutex);
+        all.swap(m_scanners);
+    }
+    for (const auto& info : all) m_Retire(info);
+    std::deque<std::shared_ptr<SMOXScannerInfo>> left;
     {
         Lock lock(m_reapMutex);
         m_bReaperStop = true;
     }
     m_reapCond.notify_all();
     if (m_reaper.joinable()) m_reaper.join();
-    m_RemoveAllScanners();
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.exchange(nullptr);
-    if (pThumb != nullptr) pThumb->Destroy();
+    {
+        Lock lock(m_reapMutex);
+        left.swap(m_reapQueue);
+    }
+    // Whoever destroys the manager has seen Shutdown() succeed (the daemon)
+    // or runs no scan on a hung storage (tests): waiting here is bounded.
+    for (const auto& info : left) {
+        Lock recordLock(info->mutex);
+        info->pScanner->Destroy();
+    }
+    m_pThumbnailScanner = nullptr;
     Lock lock(m_thumbMutex);
+    if (m_pThumbnailOwner) m_pThumbnailOwner->Destroy();
     m_pThumbnailOwner.reset();
+    for (const auto& pRetired : m_retiredThumbs) pRetired->Destroy();
+    m_retiredThumbs.clear();
 }
 
 int CMOXScanManager::CreateScanner(int& id, const std::string& owner, const std::string& shareIn) {
@@ -59,11 +77,7 @@ int CMOXScanManager::CreateScanner(int& id, const std::string& owner, const std:
     }
     ++m_nLastID;
     auto info = std::make_shared<SMOXScannerInfo>();
-    {
-        // Not listed yet, so uncontended; the lock keeps the rule simple.
-        Lock recordLock(info->mutex);
-        info->pScanner = std::move(pScanner);
-    }
+    info->pScanner = std::move(pScanner);  // before listing: never changed after
     info->strName = szName;
     info->strOwner = owner;
     info->strShare = share;
@@ -77,8 +91,8 @@ int CMOXScanManager::GetScanner(const char* path, int& id) {
     if (path != nullptr) {
         Lock lock(m_mutex);
         for (const auto& info : m_scanners) {
-            Lock recordLock(info->mutex);
-            if (info->pScanner && info->pScanner->GetDevicePath() == path) {
+            Lock pathLock(info->pathMutex);
+            if (info->strDevicePath == path) {
                 id = info->nScannerID;
                 return 0;
             }
@@ -108,7 +122,7 @@ int CMOXScanManager::m_Forward(int id, Call call) {
     if (!info) return MOX_SCAN_RETRY;
     Lock lock(info->mutex);
     // Removed between the search and now.
-    if (!info->pScanner) return MOX_SCAN_RETRY;
+    if (info->bRetired) return MOX_SCAN_RETRY;
     return call(*info->pScanner);
 }
 
@@ -118,7 +132,15 @@ int CMOXScanManager::ResetScanner(int id) {
 
 int CMOXScanManager::SetScannerOption(int id, const SMOXScannerOption& option) {
     if (!m_IsValidScannerOption(option)) return MOX_SCAN_BAD_ARGUMENT;
-    return m_Forward(id, [&](CMOXAutoScanner& s) { return s.SetScannerOption(option); });
+    std::shared_ptr<SMOXScannerInfo> info = m_FindScanner(id);
+    int nResult = m_Forward(id, [&](CMOXAutoScanner& s) { return s.SetScannerOption(option); });
+    if (nResult == MOX_SCAN_OK && info) {
+        Lock pathLock(info->pathMutex);
+        // As the walk will see them (a folder scan walks from its base).
+        info->strBasePath = option.strBasePath;
+        info->strDevicePath = option.nRecursive == 2 ? option.strBasePath : option.strDevicePath;
+    }
+    return nResult;
 }
 
 int CMOXScanManager::GetScannerOption(int id, SMOXScannerOption& option) {
@@ -188,43 +210,107 @@ int CMOXScanManager::ConvertScannerResult(EMOXScannerResult nResult) {
 }
 
 void CMOXScanManager::m_Retire(const std::shared_ptr<SMOXScannerInfo>& info) {
-    std::unique_ptr<CMOXAutoScanner> pScanner;
-    {
-        Lock lock(info->mutex);
-        pScanner = std::move(info->pScanner);
-    }
-    if (!pScanner) return;
+    if (info->bRetired.exchange(true)) return;
+    info->pScanner->RequestEnd();
     {
         Lock lock(m_reapMutex);
-        m_reapQueue.push_back(std::move(pScanner));
+        m_reapQueue.push_back(info);
     }
     m_reapCond.notify_all();
 }
 
+bool CMOXScanManager::m_TryDestroy(SMOXScannerInfo& info) {
+    if (!info.pScanner->BodyReturned()) return false;
+    // A call that reached the record before it was retired may still run
+    // (e.g. a start opening a folder on a hung storage): try again later.
+    if (!info.mutex.TryLock()) return false;
+    try {
+        info.pScanner->Destroy();
+    } catch (const std::exception& e) {
+        MOX_WARN("Exception Handled by[%s]: [%s] \n", "m_ReaperBody", e.what());
+    }
+    info.mutex.Unlock();
+    return true;
+}
+
 void CMOXScanManager::m_ReaperBody() {
+    // How often scanners that have not ended yet are looked at again.
+    constexpr std::chrono::milliseconds kRecheck{50};
     mox::UniqueLock lock(m_reapMutex);
-    while (true) {
-        while (!m_bReaperStop && m_reapQueue.empty()) lock.Wait(m_reapCond);
-        if (m_reapQueue.empty()) break;  // stop requested and nothing left
-        std::unique_ptr<CMOXAutoScanner> pScanner = std::move(m_reapQueue.front());
-        m_reapQueue.pop_front();
-        ++m_nReaping;
-        lock.Unlock();
-        try {
-            pScanner->Destroy();
-            pScanner.reset();
-        } catch (const std::exception& e) {
-            MOX_WARN("Exception Handled by[%s]: [%s] \n", "m_ReaperBody", e.what());
+    while (!m_bReaperStop) {
+        if (m_reapQueue.empty()) {
+            lock.Wait(m_reapCond);
+            continue;
         }
+        std::deque<std::shared_ptr<SMOXScannerInfo>> pending;
+        pending.swap(m_reapQueue);
+        m_nReaping += pending.size();
+        lock.Unlock();
+        std::deque<std::shared_ptr<SMOXScannerInfo>> left;
+        for (auto& info : pending)
+            if (!m_TryDestroy(*info)) left.push_back(std::move(info));
+        const size_t nPending = pending.size();
+        pending.clear();  // the destroyed ones are freed here, outside the lock
         lock.Lock();
-        --m_nReaping;
+        m_nReaping -= nPending;
+        for (auto& info : left) m_reapQueue.push_back(std::move(info));
         m_reapCond.notify_all();
+        if (!m_reapQueue.empty() && !m_bReaperStop) lock.WaitFor(m_reapCond, kRecheck);
     }
 }
 
 void CMOXScanManager::WaitForRemovals() {
     mox::UniqueLock lock(m_reapMutex);
     while (!m_reapQueue.empty() || m_nReaping != 0) lock.Wait(m_reapCond);
+}
+
+void CMOXScanManager::BeginShutdown() {
+    std::vector<std::shared_ptr<SMOXScannerInfo>> all;
+    {
+        Lock lock(m_mutex);
+        all.swap(m_scanners);
+    }
+    for (const auto& info : all) m_Retire(info);
+    // No thumbnail request or replacement from now on.
+    std::vector<CMOXThumbnailScanner*> thumbs;
+    {
+        Lock lock(m_thumbMutex);
+        m_bThumbsClosed = true;
+        if (m_pThumbnailOwner) thumbs.push_back(m_pThumbnailOwner.get());
+        for (const auto& pRetired : m_retiredThumbs) thumbs.push_back(pRetired.get());
+    }
+    for (CMOXThumbnailScanner* pThumb : thumbs) pThumb->RequestEnd();
+}
+
+bool CMOXScanManager::Shutdown(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    BeginShutdown();
+    // Closed above: the thumbnail scanners listed here stay until the
+    // manager goes.
+    std::vector<CMOXThumbnailScanner*> thumbs;
+    {
+        Lock lock(m_thumbMutex);
+        if (m_pThumbnailOwner) thumbs.push_back(m_pThumbnailOwner.get());
+        for (const auto& pRetired : m_retiredThumbs) thumbs.push_back(pRetired.get());
+    }
+    auto thumbsStuck = [&thumbs] {
+        size_t n = 0;
+        for (CMOXThumbnailScanner* pThumb : thumbs) n += pThumb->BodyReturned() ? 0 : 1;
+        return n;
+    };
+    mox::UniqueLock lock(m_reapMutex);
+    // The reaper notifies at least every 50 ms while something is queued;
+    // thumbnail threads are looked at as often.
+    while (!m_reapQueue.empty() || m_nReaping != 0 || thumbsStuck() != 0) {
+        if (std::chrono::steady_clock::now() >= deadline) break;
+        lock.WaitFor(m_reapCond, std::chrono::milliseconds(50));
+    }
+    const size_t nStuck = m_reapQueue.size() + m_nReaping;
+    const size_t nThumbsStuck = thumbsStuck();
+    if (nStuck == 0 && nThumbsStuck == 0) return true;
+    MOX_WARN("%zu scanner(s) and %zu thumbnail scan(s) stuck in a system call at shutdown: left running, never freed",
+             nStuck, nThumbsStuck);
+    return false;
 }
 
 void CMOXScanManager::RemoveScanner(int id) {
@@ -250,9 +336,9 @@ void CMOXScanManager::RemoveScanner(const char* path) {
         for (auto it = m_scanners.begin(); it != m_scanners.end();) {
             bool bMatch;
             {
-                Lock recordLock((*it)->mutex);
+                Lock pathLock((*it)->pathMutex);
                 // Scanners of folders below the storage go with it too.
-                bMatch = (*it)->pScanner && IsSameOrBelow((*it)->pScanner->GetBasePath(), path);
+                bMatch = IsSameOrBelow((*it)->strBasePath, path);
             }
             if (bMatch) {
                 removed.push_back(*it);
@@ -280,8 +366,11 @@ void CMOXScanManager::RemoveScannersOfOwner(const std::string& owner) {
         }
     }
     for (const auto& info : removed) m_Retire(info);
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
-    size_t nThumbs = pThumb == nullptr ? 0 : pThumb->RemoveScannersOfOwner(owner);
+    size_t nThumbs = 0;
+    {
+        Lock lock(m_thumbMutex);
+        if (m_pThumbnailOwner) nThumbs = m_pThumbnailOwner->RemoveScannersOfOwner(owner);
+    }
     if (!removed.empty() || nThumbs != 0)
         MOX_INFO("client %s left: %zu scanners and %zu thumbnail requests removed", owner.c_str(), removed.size(),
                  nThumbs);
@@ -299,41 +388,59 @@ size_t CMOXScanManager::GetScannerCount() {
     return m_scanners.size();
 }
 
-void CMOXScanManager::m_RemoveAllScanners() {
-    std::vector<std::shared_ptr<SMOXScannerInfo>> all;
-    {
-        Lock lock(m_mutex);
-        all.swap(m_scanners);
-    }
-    for (const auto& info : all) {
-        std::unique_ptr<CMOXAutoScanner> pScanner;
-        {
-            Lock lock(info->mutex);
-            pScanner = std::move(info->pScanner);
+void CMOXScanManager::m_ReplaceStuckThumbnailScanner() {
+    // Retired ones whose thread has come back are freed now.
+    for (auto it = m_retiredThumbs.begin(); it != m_retiredThumbs.end();) {
+        if ((*it)->BodyReturned()) {
+            (*it)->Destroy();
+            it = m_retiredThumbs.erase(it);
+        } else {
+            ++it;
         }
-        if (pScanner) pScanner->Destroy();
     }
+    if (!m_pThumbnailOwner || !m_pThumbnailOwner->IsStuck(kThumbnailStuckAfter)) return;
+    if (m_retiredThumbs.size() >= kMaxStuckThumbnailThreads) {
+        MOX_DEBUG("thumbnail scan stuck, %zu stuck already: the queue waits", m_retiredThumbs.size());
+        return;
+    }
+    std::unique_ptr<CMOXThumbnailScanner> pNew(new CMOXThumbnailScanner());
+    if (!pNew->Create()) return;
+    // Readers (the new thread's callbacks) see the new scanner before it
+    // runs anything.
+    m_pThumbnailScanner = pNew.get();
+    std::deque<SMOXScannerOption> queue = m_pThumbnailOwner->TakeQueue();
+    m_pThumbnailOwner->RequestEnd();
+    MOX_WARN(
+        "thumbnail scan stuck on a storage after its request was withdrawn: %zu queued request(s) go to a new "
+        "thread",
+        queue.size());
+    pNew->AdoptQueue(std::move(queue));
+    m_retiredThumbs.push_back(std::move(m_pThumbnailOwner));
+    m_pThumbnailOwner = std::move(pNew);
 }
 
 int CMOXScanManager::AddThumbnailScanner(const SMOXScannerOption& option) {
     MOX_INFO("add thumbnail scanner ");
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
-    if (pThumb == nullptr) {
-        Lock lock(m_thumbMutex);
-        if (!m_pThumbnailOwner) {
-            std::unique_ptr<CMOXThumbnailScanner> pNew(new CMOXThumbnailScanner());
-            if (!pNew->Create()) {
-                MOX_WARN("thumbnail scanner create failed ");
-                SMOXScannerOption copy = option;
-                copy.FreeCallbackData();
-                return -1;
-            }
-            m_pThumbnailOwner = std::move(pNew);
-            m_pThumbnailScanner = m_pThumbnailOwner.get();
-        }
-        pThumb = m_pThumbnailOwner.get();
+    Lock lock(m_thumbMutex);
+    if (m_bThumbsClosed) {
+        MOX_WARN("thumbnail scanner ended, request refused");
+        SMOXScannerOption copy = option;
+        copy.FreeCallbackData();
+        return -1;
     }
-    if (pThumb->AddScanner(option) != 0) {
+    if (!m_pThumbnailOwner) {
+        std::unique_ptr<CMOXThumbnailScanner> pNew(new CMOXThumbnailScanner());
+        if (!pNew->Create()) {
+            MOX_WARN("thumbnail scanner create failed ");
+            SMOXScannerOption copy = option;
+            copy.FreeCallbackData();
+            return -1;
+        }
+        m_pThumbnailOwner = std::move(pNew);
+        m_pThumbnailScanner = m_pThumbnailOwner.get();
+    }
+    m_ReplaceStuckThumbnailScanner();
+    if (m_pThumbnailOwner->AddScanner(option) != 0) {
         MOX_INFO("thumbnail scanner add scanner failed ");
         return -1;
     }
@@ -342,21 +449,21 @@ int CMOXScanManager::AddThumbnailScanner(const SMOXScannerOption& option) {
 
 size_t CMOXScanManager::RemoveScanner(const char* device, const char* path, unsigned int limit, int value,
                                       const std::string* pOwner) {
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
-    if (pThumb == nullptr) {
+    Lock lock(m_thumbMutex);
+    if (!m_pThumbnailOwner) {
         MOX_INFO("m_pThumbnailScanner == NULL ");
         return 0;
     }
-    return pThumb->RemoveScanner(device, path, limit, value, pOwner);
+    return m_pThumbnailOwner->RemoveScanner(device, path, limit, value, pOwner);
 }
 
 void CMOXScanManager::RemoveThumbnailByDevice(const char* device) {
-    CMOXThumbnailScanner* pThumb = m_pThumbnailScanner.load();
-    if (pThumb == nullptr) {
+    Lock lock(m_thumbMutex);
+    if (!m_pThumbnailOwner) {
         MOX_INFO("m_pThumbnailScanner == NULL ");
         return;
     }
-    pThumb->RemoveScannerByDevice(device);
+    m_pThumbnailOwner->RemoveScannerByDevice(device);
 }
 
 int CMOXScanManager::GetCurrentFileInfoList(std::vector<SMOXFileInfo>& out) {

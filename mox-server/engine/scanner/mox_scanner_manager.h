@@ -1,20 +1,25 @@
 // CMOXScanManager: the process-wide registry of auto scanners (reached through
 // CMOXSingleton) and owner of the one folder thumbnail scanner.
 //
-// Locking, two levels: m_mutex guards the list and the id counter and is held
-// only while the list is searched or changed; each record's own mutex is held
-// for the duration of a call forwarded to its scanner, so different scanners
-// run in parallel and calls on one scanner are serialised. Order: m_mutex,
-// then a record's mutex; never the other way round.
+// Locking: m_mutex guards the list and the id counter and is held only while
+// the list is searched or changed; it is never held while a record's mutex
+// or anything of a scanner is waited for. Each record's own mutex is held for
+// the duration of a call forwarded to its scanner, so different scanners run
+// in parallel and calls on one scanner are serialised. Paths are matched on
+// the record's copies (pathMutex, held briefly), never by asking the scanner,
+// whose own locks a step stuck on a storage holds.
 //
-// Removal takes a record out of the list, then (under its mutex) takes the
-// scanner out of it; a call still holding the record finds no scanner and
-// answers -6. The scanner is told to end and destroyed on the manager's
-// reaper thread, so no caller (the main loop, the USB thread) waits for a
-// scan step on a slow storage.
+// Removal takes a record out of the list, marks it retired (a call that then
+// reaches it answers -6) and tells the scanner to end, without waiting. The
+// reaper thread destroys a retired scanner once its thread has returned and
+// no call holds the record: a scanner stuck in a system call stays until the
+// call returns, and no caller (the main loop, the USB thread) ever waits for
+// it. Shutdown() waits a bounded time; what is still stuck then is left
+// running and the manager is never destroyed.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -28,8 +33,14 @@
 #include "mox_thumbnail_scanner.h"
 
 struct SMOXScannerInfo {
-    mox::Mutex mutex;
-    std::unique_ptr<CMOXAutoScanner> pScanner GUARDED_BY(mutex);
+    mox::Mutex mutex;  // held by a forwarded call
+    // Set before the record is listed and never changed; calls go through
+    // `mutex` while the record is not retired, RequestEnd() at any time.
+    std::unique_ptr<CMOXAutoScanner> pScanner;
+    std::atomic<bool> bRetired{false};
+    mox::Mutex pathMutex;
+    std::string strDevicePath GUARDED_BY(pathMutex);  // of the accepted option
+    std::string strBasePath GUARDED_BY(pathMutex);
     std::string strName;
     std::string strOwner;  // set once, before the record is listed
     std::string strShare;  // likewise: the share it counts against
@@ -85,8 +96,15 @@ public:
     void RemoveScannersOfOwner(const std::string& owner);
     void PrintAllScanner();
     size_t GetScannerCount();
-    // Waits until every removed scanner has been destroyed (tests, shutdown).
+    // Waits until every removed scanner has been destroyed (tests).
     void WaitForRemovals();
+    // Removes every scanner and tells the thumbnail threads to end, without
+    // waiting; no thumbnail request is taken any more. Shutdown() follows.
+    void BeginShutdown();
+    // Removes every scanner and ends the thumbnail threads, waiting at most
+    // `timeout`. True when all ended; otherwise those stuck in a system call
+    // are left running (warned) and the manager must never be destroyed.
+    bool Shutdown(std::chrono::milliseconds timeout);
 
     // Queues a folder thumbnail request; the option's callback data is owned
     // from here on (freed on failure). 0 or -1.
@@ -105,26 +123,40 @@ private:
     static bool m_IsValidScannerOption(const SMOXScannerOption&) { return true; }
     template <typename Call>
     int m_Forward(int id, Call call);
-    // Takes the scanner out of a record already out of the list and hands it
-    // to the reaper.
+    // Retires a record already out of the list and hands it to the reaper.
     void m_Retire(const std::shared_ptr<SMOXScannerInfo>& info);
     void m_ReaperBody();
-    void m_RemoveAllScanners();
+    // Destroys a retired record's scanner when its thread has returned and no
+    // call holds the record; false (nothing done) otherwise.
+    static bool m_TryDestroy(SMOXScannerInfo& info);
 
     mox::Mutex m_mutex;
     std::vector<std::shared_ptr<SMOXScannerInfo>> m_scanners GUARDED_BY(m_mutex);
     int m_nLastID GUARDED_BY(m_mutex) = 0;
 
-    // Created once, on the first request, and kept until the manager goes:
-    // readers load the pointer without a lock (the thumbnail thread's own
-    // callback reads through it).
-    mox::Mutex m_thumbMutex;  // serialises creation
+    // Replaces the thumbnail scanner when its thread is stuck on a storage
+    // with a withdrawn request (kThumbnailStuckAfter after the withdrawal):
+    // the queue moves to a new thread, so the other clients' requests run;
+    // the stuck one is told to end and freed once its call returns. At most
+    // kMaxStuckThumbnailThreads are left stuck; then the queue waits.
+    void m_ReplaceStuckThumbnailScanner() REQUIRES(m_thumbMutex);
+    static constexpr std::chrono::milliseconds kThumbnailStuckAfter{200};
+    static constexpr size_t kMaxStuckThumbnailThreads = 4;
+
+    // Created on the first request; requests and removals go to it under
+    // m_thumbMutex (never held while a thread is waited for). Readers of
+    // the current request (the thumbnail thread's own callback) load the
+    // pointer without a lock: a replaced scanner is kept while its thread
+    // runs, and a new one is published before it runs anything.
+    mox::Mutex m_thumbMutex;
     std::unique_ptr<CMOXThumbnailScanner> m_pThumbnailOwner GUARDED_BY(m_thumbMutex);
+    std::vector<std::unique_ptr<CMOXThumbnailScanner>> m_retiredThumbs GUARDED_BY(m_thumbMutex);
+    bool m_bThumbsClosed GUARDED_BY(m_thumbMutex) = false;  // Shutdown() ran
     std::atomic<CMOXThumbnailScanner*> m_pThumbnailScanner{nullptr};
 
     mox::Mutex m_reapMutex;
     std::condition_variable m_reapCond;
-    std::deque<std::unique_ptr<CMOXAutoScanner>> m_reapQueue GUARDED_BY(m_reapMutex);
+    std::deque<std::shared_ptr<SMOXScannerInfo>> m_reapQueue GUARDED_BY(m_reapMutex);
     size_t m_nReaping GUARDED_BY(m_reapMutex) = 0;
     bool m_bReaperStop GUARDED_BY(m_reapMutex) = false;
     std::thread m_reaper;  // started by the constructor

@@ -32,13 +32,17 @@ bool CMOXThumbnailScanner::Create() {
     return true;
 }
 
-void CMOXThumbnailScanner::Destroy() {
+void CMOXThumbnailScanner::RequestEnd() {
     {
         Lock lock(m_mutex);
         m_bThreadRun = false;
         m_bCancel = true;
     }
     m_cond.notify_all();
+}
+
+void CMOXThumbnailScanner::Destroy() {
+    RequestEnd();
     CMOXThread::Destroy();
     Lock lock(m_mutex);
     for (SMOXScannerOption& option : m_queue) option.FreeCallbackData();
@@ -71,29 +75,18 @@ int CMOXThumbnailScanner::AddScanner(const SMOXScannerOption& option) {
 void CMOXThumbnailScanner::RemoveScannerByDevice(const char* device) {
     if (device == nullptr) return;
     MOX_INFO("device remove :%s", device);
-    mox::UniqueLock lock(m_mutex);
-    auto drop = [&]() REQUIRES(m_mutex) {
-        for (auto it = m_queue.begin(); it != m_queue.end();) {
-            if (it->strBasePath == device) {
-                it->FreeCallbackData();
-                it = m_queue.erase(it);
-            } else {
-                ++it;
-            }
+    Lock lock(m_mutex);
+    for (auto it = m_queue.begin(); it != m_queue.end();) {
+        if (it->strBasePath == device) {
+            it->FreeCallbackData();
+            it = m_queue.erase(it);
+        } else {
+            ++it;
         }
-    };
-    // Queued ones first, so the thread cannot pick one up while we wait.
-    drop();
-    if (m_bBusy && m_current.strBasePath == device) {
-        uint64_t nSeq = m_nCurrentSeq;
-        m_bCancel = true;
-        while (m_bBusy && m_nCurrentSeq == nSeq) {
-            lock.Unlock();
-            g_usleep(kCancelPollUs);
-            lock.Lock();
-        }
-        drop();
     }
+    // The thread may be stuck reading the storage that went: it drops the
+    // request when (if) the read returns.
+    if (m_bBusy && m_current.strBasePath == device) m_CancelCurrentLocked();
 }
 
 size_t CMOXThumbnailScanner::m_CountOwnedLocked(const std::string& share) const {
@@ -127,7 +120,7 @@ size_t CMOXThumbnailScanner::RemoveScanner(const char* device, const char* path,
     }
     if (m_bBusy && matches(m_current)) {
         if (mine(m_current))
-            m_bCancel = true;
+            m_CancelCurrentLocked();
         else
             ++nOthers;
     }
@@ -148,10 +141,34 @@ size_t CMOXThumbnailScanner::RemoveScannersOfOwner(const std::string& owner) {
         }
     }
     if (m_bBusy && m_current.strOwner == owner) {
-        m_bCancel = true;
+        m_CancelCurrentLocked();
         ++nDropped;
     }
     return nDropped;
+}
+
+void CMOXThumbnailScanner::m_CancelCurrentLocked() {
+    if (!m_bCancel.exchange(true)) m_cancelledAt = std::chrono::steady_clock::now();
+}
+
+bool CMOXThumbnailScanner::IsStuck(std::chrono::milliseconds after) {
+    Lock lock(m_mutex);
+    return m_bBusy && m_bCancel && std::chrono::steady_clock::now() - m_cancelledAt >= after;
+}
+
+std::deque<SMOXScannerOption> CMOXThumbnailScanner::TakeQueue() {
+    Lock lock(m_mutex);
+    std::deque<SMOXScannerOption> queue;
+    queue.swap(m_queue);
+    return queue;
+}
+
+void CMOXThumbnailScanner::AdoptQueue(std::deque<SMOXScannerOption> queue) {
+    {
+        Lock lock(m_mutex);
+        for (SMOXScannerOption& option : queue) m_queue.push_back(std::move(option));
+    }
+    m_cond.notify_all();
 }
 
 int CMOXThumbnailScanner::GetFileInfoList(std::vector<SMOXFileInfo>& out) {
@@ -176,7 +193,6 @@ bool CMOXThumbnailScanner::m_PopScanner() {
     m_queue.pop_front();
     m_files.clear();
     m_bBusy = true;
-    ++m_nCurrentSeq;
     m_bCancel = false;
     return true;
 }
@@ -214,6 +230,8 @@ void CMOXThumbnailScanner::t_Process() {
         }
         while (m_bThreadRun && !m_bCancel) {
             int nResult = m_DoFolderThumbnailAction();
+            // Withdrawn while the entry was read: no answer.
+            if (m_bCancel) break;
             if (nResult == MOX_SCAN_END) {
                 MOX_INFO("End of Scan --->>> Stop");
                 OnCallback();

@@ -215,40 +215,54 @@ struct ThumbArgs {
     }
 };
 
+// A reply given later, possibly on another thread (GDBus sends from any
+// thread): the engine answers the calls that name a storage path once a path
+// job has resolved it, so the main loop never waits on the storage.
+class CDeferredReply {
+public:
+    explicit CDeferredReply(GDBusMethodInvocation* invocation)
+        : m_invocation(G_DBUS_METHOD_INVOCATION(g_object_ref(invocation)), g_object_unref) {}
+    void operator()(GVariant* value) const {
+        g_dbus_method_invocation_return_value(G_DBUS_METHOD_INVOCATION(g_object_ref(m_invocation.get())), value);
+    }
+
+private:
+    std::shared_ptr<GDBusMethodInvocation> m_invocation;  // copies share it
+};
+
 void StartScannerThumb(const Call& call) {
     const ThumbArgs a(call.parameters);
-    gboolean bStarted = call.service->Engine()->FolderThumbnailScan(call.Caller(), a.szFolderPath, a.szCategory,
-                                                                    a.nCount, static_cast<int>(a.nPid))
-                            ? TRUE
-                            : FALSE;
-    MOX_INFO("start_scanner_thumb return [%d]", bStarted);
-    call.Reply(g_variant_new("(b)", bStarted));
-    MOX_INFO("start_scanner_thumb return end[%d]", bStarted);
+    CDeferredReply reply(call.invocation);
+    call.service->Engine()->FolderThumbnailScan(call.Caller(), a.szFolderPath, a.szCategory, a.nCount,
+                                                static_cast<int>(a.nPid), [reply](bool bStarted) {
+                                                    MOX_INFO("start_scanner_thumb return [%d]", bStarted);
+                                                    reply(g_variant_new("(b)", bStarted));
+                                                });
 }
 
 void StopScannerThumb(const Call& call) {
     const ThumbArgs a(call.parameters);
     const connect_info_s caller = call.Caller();
-    call.service->Engine()->RemoveScannerOfFolder(a.szFolderPath, a.szCategory, a.nCount, static_cast<int>(a.nPid),
-                                                  caller.sender, [&caller] { return caller.uid == 0; });
-    call.Reply(nullptr);
+    const bool bRoot = caller.uid == 0;
+    CDeferredReply reply(call.invocation);
+    call.service->Engine()->RemoveScannerOfFolder(
+        a.szFolderPath, a.szCategory, a.nCount, static_cast<int>(a.nPid), caller, [bRoot] { return bRoot; },
+        [reply](bool) { reply(nullptr); });
 }
 
 void StartScanner(const Call& call) {
     const gchar* szKind = nullptr;
     const gchar* szParam = nullptr;
     g_variant_get(call.parameters, "(&s&s)", &szKind, &szParam);
-    gboolean bStarted = FALSE;
-    int nScannerId = 0;
     if (g_strcmp0(szKind, "check_device") == 0) {
-        if (call.service->Engine()->StartCheckingDevice(call.Caller(), szParam, nScannerId))
-            bStarted = TRUE;
-        else
-            nScannerId = 0;
-    } else if (g_strcmp0(szKind, "scan_folder") == 0) {
-        MOX_WARN("unsupport yet, method(%s).", szKind);
+        CDeferredReply reply(call.invocation);
+        call.service->Engine()->StartCheckingDevice(call.Caller(), szParam, [reply](bool bStarted, int nScannerId) {
+            reply(g_variant_new("(bu)", bStarted ? TRUE : FALSE, static_cast<guint32>(bStarted ? nScannerId : 0)));
+        });
+        return;
     }
-    call.Reply(g_variant_new("(bu)", bStarted, static_cast<guint32>(nScannerId)));
+    if (g_strcmp0(szKind, "scan_folder") == 0) MOX_WARN("unsupport yet, method(%s).", szKind);
+    call.Reply(g_variant_new("(bu)", FALSE, 0u));
 }
 
 void StopScanner(const Call& call) {

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstdio>
@@ -50,6 +51,10 @@ constexpr const char* kResetStatusKey = "db/mox/reset_status";
 constexpr const char* kDbResetKey = "file/private/mediaserver/db_reset";
 constexpr guint kHeartbeatMs = 5000;
 constexpr int kWatchdogPeriodSec = 60;
+// How long shutdown waits for scanners to end after the engine's own wait;
+// they were told to end before it, and one that is not stuck in a system
+// call ends within a step.
+constexpr std::chrono::milliseconds kScanShutdownWait{300};
 
 struct GFreeDeleter {
     void operator()(gchar* p) const { g_free(p); }
@@ -248,6 +253,8 @@ bool parseIntrospectionData() {
 
 // The engine left alive for commands that did not end at shutdown.
 CMOXEngineImp* g_pEngineAtExit = nullptr;
+// Set when a thread was left stuck in a system call at shutdown.
+bool g_bThreadsAbandoned = false;
 CMOXBusService* g_pBusAtExit = nullptr;  // likewise: the kept engine's signal sink
 
 // The engine drops the result lists clients still hold; the sources, the
@@ -290,14 +297,25 @@ struct Daemon {
             pStorage->SetInternalCB(nullptr, nullptr);
             pStorage.reset();
         }
+        // Scans end while the engine waits for its commands.
+        CMOXSingleton<CMOXScanManager>::Get()->BeginShutdown();
         const bool bEngineKept = pEngine && shutDownEngine(std::move(pEngine));
         if (bKeyWatched) vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
         // Scanner threads end before the connection their callbacks use goes.
-        CMOXSingleton<CMOXScanManager>::Destroy();
+        // One stuck in a system call (a hung storage) is abandoned, never
+        // freed under it: the manager it uses stays, and so does the bus
+        // service its end callback would send through. A kept engine may
+        // still start scanners (a path job stuck in its last step).
+        const bool bScansEnded = CMOXSingleton<CMOXScanManager>::Get()->Shutdown(kScanShutdownWait);
+        if (bScansEnded && !bEngineKept)
+            CMOXSingleton<CMOXScanManager>::Destroy();
+        else
+            MOX_WARN("Scans still running: the scan manager kept until exit.");
         CMOXSingleton<CCacheFolder>::Destroy();
         // A kept engine still sends through the bus service when its stuck
         // command returns: the service stays too, until the process ends.
-        if (bEngineKept)
+        g_bThreadsAbandoned = bEngineKept || !bScansEnded;
+        if (g_bThreadsAbandoned)
             g_pBusAtExit = pBus.release();
         else
             pBus.reset();
@@ -393,6 +411,16 @@ int main(int argc, char** argv) {
     g_source_remove(nTermId);
     signal(SIGTERM, SIG_IGN);  // the process is ending in order anyway
     signal(SIGINT, SIG_IGN);
+    if (g_bThreadsAbandoned) {
+        // The exit-time destructors and handlers would run under threads
+        // still inside a storage's or a source's call (and a leak check
+        // would wait for them forever): everything of ours is closed, so the
+        // process ends here. The kernel lets it go once those calls return.
+        MOX_WARN("mox engine stopped, leaving threads stuck in system calls.");
+        mox_shm::ReleaseInstanceLock();
+        fflush(nullptr);
+        _exit(nStatus);
+    }
     MOX_INFO("mox engine stopped.");
     return nStatus;
 }

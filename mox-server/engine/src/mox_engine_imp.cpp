@@ -1,6 +1,7 @@
 #define MOX_LOG_TAG "MOX-ENGINE"
 #include "mox_engine_imp.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -43,11 +44,15 @@ bool CMOXEngineImp::Shutdown() {
             if (entry.second->pCommand) entry.second->pCommand->Stop();
     }
     // Bounded: a source stuck in a call must not hold the daemon's exit.
+    const auto start = std::chrono::steady_clock::now();
     const bool bIdle = WaitIdle(kShutdownWait);
+    const auto left =
+        kShutdownWait - std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    const bool bJobsDone = m_pathJobs.Close(std::max(left, std::chrono::milliseconds(0)));
     mox::MutexLock lock(m_mutex);
     for (const auto& entry : m_deliveredLists) m_DropList(entry.first);
     m_deliveredLists.clear();
-    return bIdle;
+    return bIdle && bJobsDone;
 }
 
 bool CMOXEngineImp::WaitIdle(std::chrono::milliseconds timeout) {

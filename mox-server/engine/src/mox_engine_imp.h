@@ -50,6 +50,7 @@
 #include <string>
 
 #include "mox_command.h"
+#include "mox_path_jobs.h"
 #include "mox_signal_sink.h"
 #include "mox_thread_annotations.h"
 
@@ -142,8 +143,10 @@ public:
     // True once no job is running (waits up to `timeout`).
     bool WaitIdle(std::chrono::milliseconds timeout);
     // Shutdown: asks every command to stop, waits at most kShutdownWait for
-    // them and drops the result lists clients still hold. False when some
-    // command still runs: the engine must then outlive it (never destroyed).
+    // them and for path jobs already using the engine (new ones no longer
+    // do), and drops the result lists clients still hold. False when some
+    // command or path job still runs: the engine must then outlive it
+    // (never destroyed).
     bool Shutdown();
 
     // Device checks and folder thumbnails (mox_engine_imp_scan.cpp). Start
@@ -151,6 +154,13 @@ public:
     // USB service's thread); the end callbacks run on scanner threads and take
     // no engine lock. Paths must resolve below the USB root (by descriptor,
     // CMOXConfinedPath), and the walks open every folder beneath it.
+    //
+    // Nothing here touches a storage on the caller's thread: the calls that
+    // name a path (checks, thumbnail starts and stops) resolve it and start
+    // or withdraw the work on a path job (CMOXPathJobs), which then answers
+    // through `reply`, on its own thread; a call refused at once (bounds, a
+    // null argument) answers before it returns. A lookup hanging on a storage
+    // delays only that caller's answer.
     //
     // Work belongs to the client (unique bus name) that started it: only that
     // client, or root, stops a scanner or withdraws a thumbnail request;
@@ -160,18 +170,21 @@ public:
     // CMOXThumbnailScanner::kMaxRequestsPerClient (32 of 256) thumbnail
     // requests; further starts get the failure reply and a warning. What a
     // client held goes when it leaves the bus (RemoveScannersOfClient).
-    bool StartCheckingDevice(const connect_info_s& caller, const char* mountPath, int& scannerId);
-    bool FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
-                             unsigned int count, int pid);
+    // reply(started, scanner id); the id is 0 when not started.
+    void StartCheckingDevice(const connect_info_s& caller, const char* mountPath, std::function<void(bool, int)> reply);
+    void FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
+                             unsigned int count, int pid, std::function<void(bool)> reply);
     static void cb_scannerEnd(void* pUserData, int nScannerResult);
     static void cb_scanFolderThumbEnd(void* pUserData, int nScannerResult);
     // false when the scanner is another client's and the caller is not root.
     bool RemoveScanner(int id, const std::string& sender, const std::function<bool()>& callerIsRoot);
     void RemoveScannerOfDevice(const char* mountPath);
-    // false when a matching request is another client's and the caller is
-    // not root (the caller's own ones are withdrawn all the same).
-    bool RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
-                               const std::string& sender, const std::function<bool()>& callerIsRoot);
+    // reply(false) when a matching request is another client's and the
+    // caller is not root (the caller's own ones are withdrawn all the same).
+    // callerIsRoot runs on the path job's thread.
+    void RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
+                               const connect_info_s& caller, std::function<bool()> callerIsRoot,
+                               std::function<void(bool)> reply);
     // The scanners and thumbnail requests of a client that left the bus.
     void RemoveScannersOfClient(const std::string& sender);
     void RemoveThumbnailByDevice(const char* mountPath);
@@ -229,6 +242,11 @@ private:
     bool m_DropList(const std::string& strShmName);
     size_t m_ListsHeldBy(const std::string& strSender) const REQUIRES(m_mutex);
 
+    // Gives scanner `id` its checking option for the resolved folder and
+    // starts it (on a path job: opening the folder may block); false (said
+    // why) when it was removed meanwhile or cannot start.
+    bool m_StartChecking(const connect_info_s& caller, int id, const std::string& strMountPath);
+
     void m_Emit(const connect_info_s& client, const char* szSignal, const std::string& strPayload);
     void m_EmitEvent(const connect_info_s& client, int nEventType, guint32 nHandleId);
     // The final act signal (event 6 for code 0, else 7) to one requester.
@@ -239,6 +257,7 @@ private:
                        const std::string& strCommand, int nError);
 
     IMOXSignalSink& m_sink;
+    CMOXPathJobs m_pathJobs;
     guint32 m_nHandleCounter = 0;  // main loop only
     mox::Mutex m_mutex;
     std::condition_variable m_idle;  // signalled when a job ends

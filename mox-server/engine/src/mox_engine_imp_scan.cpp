@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -126,24 +127,47 @@ std::string MountPathOf(const std::string& folder) {
 
 }  // namespace
 
-bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char* mountPath, int& scannerId) {
+void CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char* mountPath,
+                                        std::function<void(bool, int)> reply) {
     if (mountPath == nullptr) {
         MOX_WARN("mount_path is null.");
-        return false;
+        reply(false, 0);
+        return;
     }
     MOX_INFO("Checking %s.", mox_bus::ForLog(mountPath).c_str());
-    std::string strMountPath;
-    if (!ConfineToUsbRoot(mountPath, strMountPath)) return false;
-
+    // The scanner is made now (no storage touched), so that it counts against
+    // the client's share and goes with the client at once; the path job gives
+    // it its folder and starts it.
     CMOXScanManager* pManager = Manager();
     int id = -1;
     if (pManager->CreateScanner(id, caller.sender, ShareOf(caller)) != 0) {
         // The manager has said why, once.
         MOX_INFO("CreateScanner failed.");
-        return false;
+        reply(false, 0);
+        return;
     }
     MOX_INFO("Got Scanner(%d).", id);
+    auto pResolved = std::make_shared<std::string>();
+    auto pConfined = std::make_shared<bool>(false);
+    std::string strPath = mountPath;
+    auto resolve = [strPath, pResolved, pConfined] { *pConfined = ConfineToUsbRoot(strPath.c_str(), *pResolved); };
+    auto finish = [this, caller, id, pManager, pResolved, pConfined, reply] {
+        if (!*pConfined || !m_StartChecking(caller, id, *pResolved)) {
+            pManager->RemoveScanner(id);
+            reply(false, 0);
+            return;
+        }
+        MOX_INFO("Start Scanner(%d) success.", id);
+        reply(true, id);
+    };
+    if (!m_pathJobs.Run(ShareOf(caller), std::move(resolve), std::move(finish))) {
+        pManager->RemoveScanner(id);
+        reply(false, 0);
+    }
+}
 
+bool CMOXEngineImp::m_StartChecking(const connect_info_s& caller, int id, const std::string& strMountPath) {
+    CMOXScanManager* pManager = Manager();
     SMOXScannerOption option;
     option.strDevicePath = strMountPath;
     option.strConfineRoot = mox_host::UsbRoot();
@@ -167,19 +191,16 @@ bool CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char
     option.pfnFreeData = FreeCallbackData;
     option.nResult = MOX_SCANNER_RESULT_NONE;
     if (pManager->SetScannerOption(id, option) != 0) {
+        // Removed meanwhile (its client left, its stick went) or refused.
         MOX_WARN("SetScannerOption failed, Scanner(%d).", id);
         // Not accepted: the data is still ours.
         option.FreeCallbackData();
-        pManager->RemoveScanner(id);
         return false;
     }
     if (pManager->StartScanner(id) != 0) {
         MOX_WARN("StartScanner failed, Scanner(%d).", id);
-        pManager->RemoveScanner(id);
         return false;
     }
-    scannerId = id;
-    MOX_INFO("Start Scanner(%d) success.", id);
     return true;
 }
 
@@ -226,34 +247,35 @@ void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
                                   static_cast<uint32_t>(nMediaType), strBasePath, strName, strMediaText);
 }
 
-bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
-                                        unsigned int count, int pid) {
+void CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
+                                        unsigned int count, int pid, std::function<void(bool)> reply) {
     if (folderPath == nullptr) {
         MOX_WARN("folder_path is null.");
-        return false;
+        reply(false);
+        return;
     }
     if (category == nullptr) {
         MOX_WARN("SortCategory is null.");
-        return false;
+        reply(false);
+        return;
     }
     if (count == 0) {
         MOX_WARN("nFileCount i<= 0.");
-        return false;
+        reply(false);
+        return;
     }
     MOX_INFO("Checking path:%s content:%s count:%d. nPID:%d ", mox_bus::ForLog(folderPath).c_str(),
              mox_bus::ForLog(category).c_str(), static_cast<int>(count), pid);
     std::string prefix = StripTrailingSlashes(mox_host::UsbRoot()) + "/";
-    std::string strFolder;
-    if (std::string(folderPath).compare(0, prefix.size(), prefix) != 0 || !ConfineToUsbRoot(folderPath, strFolder)) {
+    if (std::string(folderPath).compare(0, prefix.size(), prefix) != 0) {
         MOX_WARN("Checking path:%s error ", mox_bus::ForLog(folderPath).c_str());
-        return false;
+        reply(false);
+        return;
     }
     SMOXScannerOption option;
-    option.strDevicePath = strFolder;
     option.strConfineRoot = mox_host::UsbRoot();
     option.strOwner = caller.sender;
     option.strShare = ShareOf(caller);
-    option.strBasePath = MountPathOf(strFolder);
     option.strFourthPath = category;
     option.nMediaGroup = static_cast<int16_t>(MediaGroupOfCategory(category));
     option.bFilterByExtension = true;
@@ -270,16 +292,33 @@ bool CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char
     option.nPriority = 2;
     option.nRequestTag = pid;
     option.pfnEndCallback = cb_scanFolderThumbEnd;
-    option.pCallbackData = NewCallbackData(0, caller, m_sink);
     option.pfnFreeData = FreeCallbackData;
     option.nResult = MOX_SCANNER_RESULT_NONE;
-    // The thumbnail scanner owns the data from here on, also on failure.
-    if (Manager()->AddThumbnailScanner(option) != 0) {
-        // The thumbnail scanner has said why, once.
-        MOX_INFO("SetScannerOption failed");
-        return false;
-    }
-    return true;
+    auto pOption = std::make_shared<SMOXScannerOption>(std::move(option));
+    auto pConfined = std::make_shared<bool>(false);
+    std::string strPath = folderPath;
+    auto resolve = [strPath, pOption, pConfined] {
+        *pConfined = ConfineToUsbRoot(strPath.c_str(), pOption->strDevicePath);
+        if (!*pConfined) MOX_WARN("Checking path:%s error ", mox_bus::ForLog(strPath).c_str());
+    };
+    auto finish = [this, caller, pOption, pConfined, reply] {
+        if (!*pConfined) {
+            reply(false);
+            return;
+        }
+        SMOXScannerOption& request = *pOption;
+        request.strBasePath = MountPathOf(request.strDevicePath);
+        request.pCallbackData = NewCallbackData(0, caller, m_sink);
+        // The thumbnail scanner owns the data from here on, also on failure.
+        if (Manager()->AddThumbnailScanner(request) != 0) {
+            // The thumbnail scanner has said why, once.
+            MOX_INFO("SetScannerOption failed");
+            reply(false);
+            return;
+        }
+        reply(true);
+    };
+    if (!m_pathJobs.Run(ShareOf(caller), std::move(resolve), std::move(finish))) reply(false);
 }
 
 void CMOXEngineImp::cb_scanFolderThumbEnd(void* pUserData, int nScannerResult) {
@@ -344,24 +383,40 @@ void CMOXEngineImp::RemoveScannerOfDevice(const char* mountPath) {
     Manager()->RemoveScanner(mountPath);
 }
 
-bool CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
-                                          const std::string& sender, const std::function<bool()>& callerIsRoot) {
-    if (folderPath == nullptr || category == nullptr) return true;
-    // Requests hold the folder as resolved when they were queued.
-    std::string strFolder;
-    if (!ConfineToUsbRoot(folderPath, strFolder)) strFolder = folderPath;
-    unsigned int limit = count > static_cast<unsigned int>(INT_MAX) ? static_cast<unsigned int>(INT_MAX) : count;
-    CMOXScanManager* pManager = Manager();
-    // The caller's own requests first; the bus is asked about root only when
-    // another client's request matches.
-    if (pManager->RemoveScanner(strFolder.c_str(), category, limit, pid, &sender) == 0) return true;
-    if (!callerIsRoot()) {
-        MOX_WARN("stop_scanner_thumb(%s) from %s refused: the request is another client's",
-                 mox_bus::ForLog(folderPath).c_str(), sender.c_str());
-        return false;
+void CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
+                                          const connect_info_s& caller, std::function<bool()> callerIsRoot,
+                                          std::function<void(bool)> reply) {
+    if (folderPath == nullptr || category == nullptr) {
+        reply(true);
+        return;
     }
-    pManager->RemoveScanner(strFolder.c_str(), category, limit, pid, nullptr);
-    return true;
+    // Requests hold the folder as resolved when they were queued.
+    auto pFolder = std::make_shared<std::string>();
+    std::string strPath = folderPath;
+    auto resolve = [strPath, pFolder] {
+        if (!ConfineToUsbRoot(strPath.c_str(), *pFolder)) *pFolder = strPath;
+    };
+    std::string strCategory = category;
+    unsigned int limit = count > static_cast<unsigned int>(INT_MAX) ? static_cast<unsigned int>(INT_MAX) : count;
+    const std::string sender = caller.sender;
+    auto finish = [pFolder, strPath, strCategory, limit, pid, sender, callerIsRoot, reply] {
+        CMOXScanManager* pManager = Manager();
+        // The caller's own requests first; the bus is asked about root only
+        // when another client's request matches.
+        if (pManager->RemoveScanner(pFolder->c_str(), strCategory.c_str(), limit, pid, &sender) == 0) {
+            reply(true);
+            return;
+        }
+        if (!callerIsRoot()) {
+            MOX_WARN("stop_scanner_thumb(%s) from %s refused: the request is another client's",
+                     mox_bus::ForLog(strPath).c_str(), sender.c_str());
+            reply(false);
+            return;
+        }
+        pManager->RemoveScanner(pFolder->c_str(), strCategory.c_str(), limit, pid, nullptr);
+        reply(true);
+    };
+    if (!m_pathJobs.Run(ShareOf(caller), std::move(resolve), std::move(finish))) reply(false);
 }
 
 void CMOXEngineImp::RemoveScannersOfClient(const std::string& sender) {

@@ -5,7 +5,14 @@
 
 #include <sys/statfs.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <map>
+#include <system_error>
+#include <thread>
+
+#include "mox_thread_annotations.h"
 
 namespace {
 
@@ -13,10 +20,63 @@ void AssignIfSet(std::string& field, const char* value) {
     if (value) field = value;
 }
 
-// statfs of path into *out; false when it fails (the record then reports 0).
+// statfs without waiting on a hung storage: the call runs on a thread of its
+// own, waited for at most kStatFsWait; a path whose earlier call is still
+// stuck starts no other. Until an answer comes the last one seen stands in.
+constexpr std::chrono::milliseconds kStatFsWait{50};
+
+struct SStatFsProbe {
+    bool bBusy = false;
+    bool bKnown = false;
+    struct statfs last;
+};
+
+struct SStatFsProbes {
+    mox::Mutex mutex;
+    std::condition_variable cond;
+    std::map<std::string, SStatFsProbe> byPath GUARDED_BY(mutex);
+};
+
+// Never destroyed: a thread stuck in statfs may return after exit began.
+SStatFsProbes& Probes() {
+    static SStatFsProbes* s_probes = new SStatFsProbes();  // NOLINT(cppcoreguidelines-owning-memory)
+    return *s_probes;
+}
+
+// statfs of path into *out; false when it fails or does not answer in time
+// with nothing seen before (the record then reports 0).
 bool StatFs(const std::string& path, struct statfs* out) {
     memset(out, 0, sizeof(*out));
-    return statfs(path.c_str(), out) == 0;
+    SStatFsProbes& probes = Probes();
+    mox::UniqueLock lock(probes.mutex);
+    if (!probes.byPath[path].bBusy) {
+        probes.byPath[path].bBusy = true;
+        try {
+            std::thread([path, &probes] {
+                struct statfs st;
+                memset(&st, 0, sizeof(st));
+                const bool bOk = statfs(path.c_str(), &st) == 0;
+                mox::MutexLock done(probes.mutex);
+                SStatFsProbe& probe = probes.byPath[path];
+                probe.bBusy = false;
+                probe.bKnown = bOk;
+                probe.last = st;
+                probes.cond.notify_all();
+            }).detach();
+        } catch (const std::system_error& e) {
+            probes.byPath[path].bBusy = false;
+            MOX_WARN("no thread for the size of %s: %s", path.c_str(), e.what());
+            return false;
+        }
+    }
+    const auto deadline = std::chrono::steady_clock::now() + kStatFsWait;
+    while (probes.byPath[path].bBusy)
+        if (lock.WaitUntil(probes.cond, deadline) == std::cv_status::timeout) break;
+    const SStatFsProbe& probe = probes.byPath[path];
+    if (probe.bBusy) MOX_DEBUG("size of %s: the storage does not answer", path.c_str());
+    if (!probe.bKnown) return false;
+    *out = probe.last;
+    return true;
 }
 
 }  // namespace

@@ -98,6 +98,16 @@ void CMOXStorageMgr::RemoveNotificationClientsOf(const std::string& sender) {
 
 int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) {
     MOX_INFO("Calling GetStoraes...");
+    // The document asks each storage for its sizes: built from a copy of the
+    // list, after the lock, so hot-plug events never wait on a slow storage.
+    std::vector<UsbDevicePtr> listed;
+    const bool bListed = type == MOX_STORAGE_DEVICE_USB || type == MOX_STORAGE_DEVICE_PTP;
+    int nResult = m_RefreshAndCopy(type, listed);
+    if (nResult == MOX_ERROR_NONE && bListed) out = ConvertStoragesToJson(listed);
+    return nResult;
+}
+
+int CMOXStorageMgr::m_RefreshAndCopy(mox_storage_device_type type, std::vector<UsbDevicePtr>& listed) {
     mox::MutexLock lock(m_mutex);
     if (!m_InitFinishFlag) {
         MOX_WARN("m_InitFinishFlag is false, retry init");
@@ -118,9 +128,9 @@ int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) 
         }
     }
     if (type == MOX_STORAGE_DEVICE_USB)
-        out = ConvertStoragesToJson(m_USBList);
+        listed = m_USBList;
     else if (type == MOX_STORAGE_DEVICE_PTP)
-        out = ConvertStoragesToJson(m_PTPList);
+        listed = m_PTPList;
     return MOX_ERROR_NONE;
 }
 
@@ -265,11 +275,12 @@ void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& recor
         pInternalUserData = pThis->m_pInternalUserData;
         notificationCb = pThis->m_storage_notification_cb;
         clients = pThis->m_clients;
-        // One document per event, whatever the number of clients.
-        if (notificationCb && !clients.empty()) {
-            std::vector<UsbDevicePtr> changed{record};
-            strPayload = NotificationDocument(event, ConvertStoragesToJson(changed));
-        }
+    }
+    // One document per event, whatever the number of clients; built after
+    // the lock, as it asks the storage for its sizes.
+    if (notificationCb && !clients.empty()) {
+        std::vector<UsbDevicePtr> changed{record};
+        strPayload = NotificationDocument(event, ConvertStoragesToJson(changed));
     }
     if (internalCb) internalCb(usb_device_ref(device), event, pInternalUserData);
     if (notificationCb)

@@ -6,12 +6,14 @@
 // bound client.
 //
 // Threads and locks: one mutex guards the lists, the index pools, the
-// clients and the callbacks. Queries run on the caller's thread; hot-plug
-// events arrive on the USB service's thread. Both callbacks run with the
-// mutex held: they must not call back into the storage manager. The
-// destructor stops the USB service first (waiting for an event in flight),
-// so it must not run on the USB service's thread or under a lock the
-// callbacks take.
+// clients and the callbacks. It is never held while a storage is asked for
+// anything (sizes, read with a bounded wait, come after it) nor while a
+// callback runs: what an event needs is collected under it and the
+// callbacks run after, so that the engine's clean-up never holds the
+// queries. Queries run on the caller's thread; hot-plug events arrive on the
+// USB service's thread. The destructor stops the USB service first (waiting
+// for an event in flight), so it must not run on the USB service's thread or
+// under a lock the callbacks take.
 //
 // Device index: a device of a model already holding all 100 indices gets
 // index 0 ("no index") and a warning; index 0 is never returned to the pool.
@@ -65,6 +67,8 @@ public:
     static std::string NotificationDocument(mox_storage_event_e event, const std::string& strStorages);
 
 private:
+    // The list of `type` enumerated afresh (GetStorages), copied out.
+    int m_RefreshAndCopy(mox_storage_device_type type, std::vector<UsbDevicePtr>& listed) EXCLUDES(m_mutex);
     // All m_ operations below require m_mutex held.
     bool m_Create() REQUIRES(m_mutex);
     bool m_InitUSBList() REQUIRES(m_mutex);

