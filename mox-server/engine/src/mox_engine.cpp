@@ -36,6 +36,7 @@
 #include "cache_pool.h"
 #include "mox_bus_service.h"
 #include "mox_engine_imp.h"
+#include "mox_library.h"
 #include "mox_request_list_command.h"
 #include "mox_scanner_manager.h"
 #include "mox_source_manager.h"
@@ -68,6 +69,8 @@ std::unique_ptr<GDBusNodeInfo, NodeInfoDeleter> g_introspectionData;
 GMainLoop* g_mainLoop = nullptr;  // owned by main
 // The signal sink of the storage notifications (a plain C callback).
 CMOXBusService* g_pBus = nullptr;  // owned by main
+// The media library the storage events feed (owned by main).
+CMOXLibrary* g_pLibrary = nullptr;
 int g_nExitStatus = 0;
 
 // Reads the introspection XML; the daemon cannot serve without it.
@@ -201,10 +204,11 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) 
     // case the unmount was never reported).
     CMOXSingleton<CCachePool>::Get()->ForgetTouching(strMountPath);
     if (event == MOX_STORAGE_CONNECTED) {
-        // Scanning is requested by clients; nothing to do on a mount.
         MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());
+        if (g_pLibrary) g_pLibrary->OnMounted(device);
     } else if (event == MOX_STORAGE_DISCONNECTED) {
         MOX_INFO("USB UNMOUNTED : %s", strMountPath.c_str());
+        if (g_pLibrary) g_pLibrary->OnUnmounted(strMountPath);
         auto* pEngine = static_cast<CMOXEngineImp*>(engine);
         assert(pEngine != NULL);
         pEngine->RemoveScannerOfDevice(strMountPath.c_str());
@@ -274,6 +278,7 @@ struct Daemon {
     std::unique_ptr<CMOXBusService> pBus;
     std::unique_ptr<CMOXEngineImp> pEngine;
     std::unique_ptr<CMOXStorageMgr> pStorage;
+    std::unique_ptr<CMOXLibrary> pLibrary;
     bool bKeyWatched = false;
 
     ~Daemon() {
@@ -286,6 +291,9 @@ struct Daemon {
             pStorage->SetInternalCB(nullptr, nullptr);
             pStorage.reset();
         }
+        // Indexers stop before the engine and the bus they report through.
+        g_pLibrary = nullptr;
+        pLibrary.reset();
         const bool bEngineKept = pEngine && shutDownEngine(std::move(pEngine));
         if (bKeyWatched) vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
         // Scanner threads end before the connection their callbacks use goes.
@@ -317,9 +325,13 @@ int Serve(Daemon& daemon, GMainLoop* loop) {
     g_pBus = daemon.pBus.get();
     daemon.pEngine = std::make_unique<CMOXEngineImp>(*daemon.pBus);
     daemon.pStorage = std::make_unique<CMOXStorageMgr>();
+    CMOXStorageMgr* pStorage = daemon.pStorage.get();
+    daemon.pLibrary = std::make_unique<CMOXLibrary>(*daemon.pBus, [pStorage] { return pStorage->GetNotificationClients(); });
+    g_pLibrary = daemon.pLibrary.get();
     daemon.pStorage->SetNotificationCB(notify_storages);
     MOX_DEBUG("SetInternalCB in mox_engine.cpp...");
     daemon.pStorage->SetInternalCB(cb_dealUsbEvent, daemon.pEngine.get());
+    daemon.pLibrary->IndexMounted();
     daemon.pBus->Attach(daemon.pEngine.get(), daemon.pStorage.get());
 
     mox_engine_deal_reset_status();
