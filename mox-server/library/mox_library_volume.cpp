@@ -13,6 +13,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -361,7 +362,10 @@ bool CMOXLibraryVolume::m_Commit(int& rc) {
 
 bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::string& strParent,
                                      const std::string& strName, bool bFolder, int nMediaType, int64_t nSize,
-                                     int64_t nTime, bool bCheckRegular, int& rc) {
+                                     int64_t nTime, bool bCheckRegular, int& rc, bool* pbIndexed) {
+    bool bIndexed = false;
+    if (pbIndexed == nullptr) pbIndexed = &bIndexed;
+    *pbIndexed = false;
     SMOXLibraryRow row;
     rc = m_db.Lookup(strRel, row);
     if (rc != SQLITE_ROW && rc != SQLITE_DONE) return m_Fail(rc, "lookup");
@@ -374,6 +378,7 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
         }
         const bool bSame = row.bFolder == bFolder && row.nTime == nTime && (bFolder || row.nSize == nSize);
         if (bSame) {
+            *pbIndexed = true;
             if (!bFolder && row.nState != 0) {
                 mox::MutexLock lock(m_mutex);
                 ++m_status.nDone;
@@ -391,6 +396,7 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
     if (!m_Change(rc)) return false;
     const int nState = bFolder ? 3 : 0;
     if (bFound && row.bFolder == bFolder) {
+        *pbIndexed = true;
         rc = m_db.UpdateBasic(row.nId, nSize, nTime, nState, m_nNextGeneration);
         return rc == SQLITE_OK || m_Fail(rc, "update");
     }
@@ -422,6 +428,7 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
     rc = m_db.Insert(strRel, strParent, CMOXExtractor::FileNameToUtf8(strName), bFolder, nMediaType, nSize, nTime,
                      nState, m_nNextGeneration, nId);
     if (rc != SQLITE_OK) return m_Fail(rc, "insert");
+    *pbIndexed = true;
     ++m_nRows;
     if (nId < kMaxSeenId) {
         if (static_cast<size_t>(nId) >= m_seen.size()) m_seen.resize(static_cast<size_t>(nId) + 4096);
@@ -495,10 +502,11 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
             const bool bFolder = info.nType == MOX_SCANNER_TYPE_DIR;
             if (!bFolder && info.nExtensionGroup == 0) continue;
             const std::string strRel = JoinRel(strParent, info.strName);
-            if (!bFolder) ++nFiles;
+            bool bIndexed = false;
             bOk = m_WriteEntry(strRel, strParent, info.strName, bFolder, bFolder ? 0 : info.nExtensionGroup,
-                               bFolder ? 0 : info.llFileSize, info.tModified, true, rc);
+                               bFolder ? 0 : info.llFileSize, info.tModified, true, rc, &bIndexed);
             if (!bOk) break;
+            if (!bFolder && bIndexed) ++nFiles;
             if (bFolder) m_Watch(strRel);
         }
         if (bOk) bOk = m_Commit(rc);
@@ -708,6 +716,13 @@ void CMOXLibraryVolume::m_ProcessNotices() {
         notices.swap(m_notices);
     }
     if (notices.empty()) return;
+    // A change in a folder changes the folder's time too.
+    const size_t nNamed = notices.size();
+    for (size_t i = 0; i < nNamed; ++i) {
+        const std::string strParent = ParentOf(notices[i]);
+        if (!strParent.empty() && std::find(notices.begin(), notices.end(), strParent) == notices.end())
+            notices.push_back(strParent);
+    }
     const int64_t nBefore = m_db.Generation();
     CMOXMediaExtension table;
     int rc = SQLITE_OK;

@@ -90,7 +90,8 @@ private:
     EScan m_ExtractPending();
     EScan m_DropVanished();
     bool m_WriteEntry(const std::string& strRel, const std::string& strParent, const std::string& strName, bool bFolder,
-                      int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, int& rc);
+                      int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, int& rc,
+                      bool* pbIndexed = nullptr);
     void m_ProcessNotices();
     bool m_Extract(const SMOXLibraryPending& pending, SMOXLibraryFields& fields, bool& bGone, int& nState);
     // A transaction of changes: begins lazily, commits with a new generation.
