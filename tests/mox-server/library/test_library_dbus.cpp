@@ -235,6 +235,18 @@ TEST(Library, IndexesIncrementallyAndFollowsChanges) {
         lib.Act(R"({"mox_command":"mox_library_rescan","mox_library_mount":")" + b + R"("})")["mox_error_code"].asInt(),
         0);
     EXPECT_EQ(lib.WaitState("b", "ready", seen)["generation"], live["generation"]);
+
+    // moxctl: one JSON document per volume; wait returns at once when ready.
+    const std::string moxctl = std::string(MOXCTL_BINARY) + " --address '" + h.BusAddress() + "' library ";
+    std::string out;
+    {
+        std::unique_ptr<FILE, int (*)(FILE*)> p(popen((moxctl + "status --json " + b).c_str(), "r"), pclose);
+        char buf[4096];
+        while (p && fgets(buf, sizeof(buf), p.get())) out += buf;
+    }
+    EXPECT_EQ(Parse(out)["generation"], live["generation"]) << out;
+    EXPECT_TRUE(Shell(moxctl + "wait " + b));
+    EXPECT_FALSE(Shell(moxctl + "rescan " + h.UsbRoot() + "/none"));
     EXPECT_EQ(h.Stop(), 0);
 }
 
