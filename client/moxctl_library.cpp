@@ -16,7 +16,9 @@ namespace moxctl {
 namespace {
 
 // The library's answer to one document: kExitOk with its "volumes".
-int Ask(Context& ctx, const std::string& command, const std::string& mount, Json::Value& volumes) {
+// With bMissingOk a storage not (yet) indexed gives kExitNoFolder quietly.
+int Ask(Context& ctx, const std::string& command, const std::string& mount, Json::Value& volumes,
+        bool bMissingOk = false) {
     Json::Value doc;
     doc["mox_command"] = command;
     if (!mount.empty()) doc["mox_library_mount"] = mount;
@@ -38,6 +40,7 @@ int Ask(Context& ctx, const std::string& command, const std::string& mount, Json
         return ctx.Fail(rc, error);
     }
     const int result = IntMember(payload, "mox_error_code", -1);
+    if (result == 7 && bMissingOk) return kExitNoFolder;
     if (result == 7) return ctx.Fail(kExitFailed, mount + " is not a mounted, indexed storage");
     if (result != 0) return ctx.Fail(kExitFailed, "the engine answered with error code " + std::to_string(result));
     Json::Value answer;
@@ -104,8 +107,15 @@ int RunLibrary(Context& ctx, const LibraryArgs& args) {
     std::string error;
     int code = 0;
     if (!ctx.bus.Call("bind_usb_event", g_variant_new("(u)", 1u), "(u)", error, code)) return ctx.Fail(code, error);
-    if (int rc = Ask(ctx, "mox_library_status", mount, volumes)) return rc;
+    // A storage not mounted yet is waited for: its notifications start when
+    // it is.
+    const int asked = Ask(ctx, "mox_library_status", mount, volumes, true);
+    if (asked != kExitOk && asked != kExitNoFolder) return asked;
     Json::Value state = volumes.empty() ? Json::Value() : volumes[0];
+    if (state.isNull()) {
+        state["mount_path"] = mount;
+        state["state"] = "waiting";
+    }
     const bool tty = !ctx.out.Json() && isatty(STDOUT_FILENO) == 1;
     for (;;) {
         const std::string s = state["state"].asString();

@@ -279,7 +279,9 @@ void CMOXLibraryVolume::m_Run() {
             bScan = m_bRescan;
             m_bRescan = false;
         }
-        if (!bScan) m_ProcessNotices();
+        // A full disk waits for a rescan (or the next mount) to try again.
+        if (bScan) m_bFull = false;
+        if (!bScan && !m_bFull) m_ProcessNotices();
     }
 }
 
@@ -306,9 +308,15 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
 
 bool CMOXLibraryVolume::m_WaitWhileBusy() {
     if (!m_rUsersBusy.load()) return true;
-    m_SetState("paused", false);
+    std::string strBefore;
+    {
+        mox::MutexLock lock(m_mutex);
+        strBefore = m_status.strState;
+        m_status.strState = "paused";
+    }
     while (m_rUsersBusy.load() && !Stopping()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    m_SetState("indexing", false);
+    mox::MutexLock lock(m_mutex);
+    m_status.strState = strBefore;
     return !Stopping();
 }
 
@@ -329,6 +337,8 @@ bool CMOXLibraryVolume::m_Fail(int rc, const char* szWhat) {
         m_db.Rollback();
         m_bInTransaction = false;
     }
+    if ((rc & 0xff) == SQLITE_FULL && m_bFull) return false;
+    if ((rc & 0xff) == SQLITE_FULL) m_bFull = true;
     if ((rc & 0xff) == SQLITE_FULL)
         MOX_WARN("library %s: the index's file system is full (%s): indexing stops, what was committed stays.",
                  m_strMountPath.c_str(), szWhat);

@@ -137,5 +137,6 @@ private:
     int64_t m_nRows = 0;
     bool m_bRowsFullLogged = false;
     bool m_bBudgetLogged = false;
+    bool m_bFull = false;  // the index's file system was full
     int m_nInsertsSinceBudget = 0;
 };

@@ -289,11 +289,13 @@ struct Daemon {
         if (pStorage) {
             pStorage->SetNotificationCB(nullptr);
             pStorage->SetInternalCB(nullptr, nullptr);
-            pStorage.reset();
         }
-        // Indexers stop before the engine and the bus they report through.
+        // No storage event reaches the library any more; its indexers stop
+        // while the storage manager (their list of bound clients), the
+        // engine and the bus are still there.
         g_pLibrary = nullptr;
         pLibrary.reset();
+        pStorage.reset();
         const bool bEngineKept = pEngine && shutDownEngine(std::move(pEngine));
         if (bKeyWatched) vconf_ignore_key_changed(kDbResetKey, OnVconfKeyChangedCB);
         // Scanner threads end before the connection their callbacks use goes.
