@@ -91,7 +91,7 @@ std::string CMOXLibrary::VolumeIdOf(const char* szFsUuid, const char* szSerial, 
 
 CMOXLibrary::CMOXLibrary(IMOXSignalSink& sink, ClientsFn clients)
     : m_sink(sink), m_clients(std::move(clients)), m_strDir(mox_host::LibraryDir()) {
-    if (g_mkdir_with_parents(m_strDir.c_str(), 0755) != 0)
+    if (g_mkdir_with_parents(m_strDir.c_str(), 0700) != 0)
         MOX_WARN("library directory %s cannot be made (%s): volumes will not be indexed.", m_strDir.c_str(),
                  strerror(errno));
     m_ticker = std::thread([this] {
