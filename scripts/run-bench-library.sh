@@ -95,8 +95,10 @@ for ((r = 0; r < rounds; r++)); do
   rm -f "$MOX_LIBRARY_DIR"/*.db*
   t0=$(now); plug
   probe 4 >>"$WORK/busy" &
+  probe_pid=$!
   moxctl library wait "$WORK/usb/stick" >/dev/null
-  t1=$(now); wait
+  t1=$(now)
+  wait "$probe_pid"
   echo "$files / ($t1 - $t0)" | bc -l >>"$WORK/first"
   gen=$(moxctl --json library status "$WORK/usb/stick" | "$py" -c 'import json,sys; print(json.load(sys.stdin)["generation"])')
   unplug

@@ -496,7 +496,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
             break;
         }
         if (batch.empty()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
             continue;
         }
         bool bOk = true;
