@@ -9,6 +9,8 @@
 #     of the tree, and the generation (unchanged = nothing extracted);
 #   - get_usb_storages p99 while indexing against idle;
 #   - the daemon's RSS growth over the index.
+# The tree's files are hard links of three samples (no disk for big trees);
+# both sides read the same bytes.
 # Medians and ranges of MOX_BENCH_ROUNDS runs (default 3).
 #   scripts/run-bench-library.sh
 # MOX_BENCH_LIBRARY_FILES (default 10000) sizes the tree; build directory
@@ -40,9 +42,9 @@ if [ ! -f "$tree/.done" ]; then
     d=$tree/folder$((i % 100))
     mkdir -p "$d"
     case $((i % 3)) in
-      0) cp "$s/p.jpg" "$d/p$i.jpg" ;;
-      1) cp "$s/s.mp3" "$d/s$i.mp3" ;;
-      2) cp "$s/v.mp4" "$d/v$i.mp4" ;;
+      0) ln "$s/p.jpg" "$d/p$i.jpg" ;;
+      1) ln "$s/s.mp3" "$d/s$i.mp3" ;;
+      2) ln "$s/v.mp4" "$d/v$i.mp4" ;;
     esac
   done
   touch "$tree/.done"
