@@ -9,8 +9,8 @@
 #     of the tree, and the generation (unchanged = nothing extracted);
 #   - get_usb_storages p99 while indexing against idle;
 #   - the daemon's RSS growth over the index.
-# The tree's files are hard links of three samples (no disk for big trees);
-# both sides read the same bytes.
+# The tree's files are hard links of three samples per folder (no disk for
+# big trees); both sides read the same bytes.
 # Medians and ranges of MOX_BENCH_ROUNDS runs (default 3).
 #   scripts/run-bench-library.sh
 # MOX_BENCH_LIBRARY_FILES (default 10000) sizes the tree; build directory
@@ -38,15 +38,25 @@ if [ ! -f "$tree/.done" ]; then
   ffmpeg -v error -y -f lavfi -i sine=duration=3 -b:a 128k -metadata artist=Artist -metadata album=Album \
     -metadata title=Song -metadata track=1 "$s/s.mp3"
   ffmpeg -v error -y -f lavfi -i testsrc=size=320x240:rate=10 -t 1 -c:v mpeg4 "$s/v.mp4"
-  for ((i = 0; i < files; i++)); do
-    d=$tree/folder$((i % 100))
-    mkdir -p "$d"
-    case $((i % 3)) in
-      0) ln "$s/p.jpg" "$d/p$i.jpg" ;;
-      1) ln "$s/s.mp3" "$d/s$i.mp3" ;;
-      2) ln "$s/v.mp4" "$d/v$i.mp4" ;;
-    esac
-  done
+  # Each folder links its own copies of the samples: an inode stays far
+  # below the file system's link limit, also after the copy below.
+  "$py" - "$tree" "$files" <<'PY'
+import os, shutil, sys
+tree, files = sys.argv[1], int(sys.argv[2])
+names = ("p.jpg", "s.mp3", "v.mp4")
+for f in range(100):
+    d = "%s/folder%d" % (tree, f)
+    os.makedirs(d, exist_ok=True)
+    for n in names:
+        shutil.copy(os.path.join(tree, ".samples", n), os.path.join(d, "." + n))
+for i in range(files):
+    d = "%s/folder%d" % (tree, i % 100)
+    n = names[i % 3]
+    os.link(os.path.join(d, "." + n), os.path.join(d, "%s%d.%s" % (n[0], i, n.split(".")[1])))
+for f in range(100):
+    for n in names:
+        os.remove("%s/folder%d/.%s" % (tree, f, n))
+PY
   touch "$tree/.done"
 fi
 
