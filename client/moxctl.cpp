@@ -143,6 +143,28 @@ int main(int argc, char** argv) {
     find->add_option("PATH", folderPath, "folder path")->required();
     find->callback([&] { run = [&](Context& c) { return RunFolderFind(c, folderPath); }; });
 
+    LibraryArgs library;
+    auto* lib = app.add_subcommand("library", "the media library index of the mounted storages");
+    lib->require_subcommand(1);
+    auto* libStatus = lib->add_subcommand("status", "state, progress, files per type, generation, database size");
+    libStatus->add_option("MOUNT", library.mount, "mount path (default: every indexed storage)");
+    libStatus->callback([&] {
+        library.action = "status";
+        run = [&](Context& c) { return RunLibrary(c, library); };
+    });
+    auto* libWait = lib->add_subcommand("wait", "wait until a storage is indexed, with a progress bar");
+    libWait->add_option("MOUNT", library.mount, "mount path")->required();
+    libWait->callback([&] {
+        library.action = "wait";
+        run = [&](Context& c) { return RunLibrary(c, library); };
+    });
+    auto* libRescan = lib->add_subcommand("rescan", "walk a storage again (unchanged files are not re-read)");
+    libRescan->add_option("MOUNT", library.mount, "mount path")->required();
+    libRescan->callback([&] {
+        library.action = "rescan";
+        run = [&](Context& c) { return RunLibrary(c, library); };
+    });
+
     auto* ping = app.add_subcommand("ping", "check that the engine answers");
     ping->callback([&] { run = [](Context& c) { return RunPing(c); }; });
 

@@ -78,6 +78,11 @@ int RunDetail(Context& ctx, const DetailArgs& args);
 int RunMeta(Context& ctx, const MetaArgs& args);
 int RunTransfer(Context& ctx, const TransferArgs& args);
 int RunAct(Context& ctx, const ActArgs& args);
+struct LibraryArgs {
+    std::string action;  // status, wait or rescan
+    std::string mount;   // optional for status
+};
+int RunLibrary(Context& ctx, const LibraryArgs& args);
 
 // Helpers shared by the command files.
 // "photo" for 2 and so on; the number itself when unknown.

@@ -32,6 +32,9 @@ std::string CaBundlePath() {
 std::string VconfDir() {
     return EnvOr("MOX_VCONF_DIR", "/var/lib/mox/vconf");
 }
+std::string LibraryDir() {
+    return EnvOr("MOX_LIBRARY_DIR", "/var/lib/mox/library");
+}
 std::string FeaturesFile() {
     return EnvOr("MOX_FEATURES_FILE", "/etc/mox/features");
 }

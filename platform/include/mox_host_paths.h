@@ -18,6 +18,7 @@ std::string UsbRoot();         // MOX_USB_ROOT      /opt/storage/usb
 std::string CaBundlePath();    // MOX_CA_BUNDLE     /opt/down/cert/ca.pem
 std::string VconfDir();        // MOX_VCONF_DIR     /var/lib/mox/vconf
 std::string FeaturesFile();    // MOX_FEATURES_FILE /etc/mox/features
+std::string LibraryDir();      // MOX_LIBRARY_DIR   /var/lib/mox/library
 
 }  // namespace mox_host
 

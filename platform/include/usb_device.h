@@ -111,6 +111,9 @@ const char* usb_device_get_product(usb_device_h device);
 const char* usb_device_get_serial(usb_device_h device);
 const char* usb_device_get_mountpath(usb_device_h device);
 const char* usb_device_get_partlabel(usb_device_h device);
+// The file system's UUID (udev ID_FS_UUID, spool member "fs_uuid"); NULL when
+// unknown.
+const char* usb_device_get_fs_uuid(usb_device_h device);
 
 // Integer properties: the value (0 when unknown), -EINVAL for a NULL handle.
 int usb_device_get_vendor_id(usb_device_h device);

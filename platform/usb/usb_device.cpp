@@ -28,7 +28,7 @@
 bool UsbDeviceInfo::operator==(const UsbDeviceInfo& o) const {
     return devname == o.devname && usbClass == o.usbClass && mountPath == o.mountPath && fsType == o.fsType &&
            diskType == o.diskType && vendorId == o.vendorId && manufacturer == o.manufacturer && product == o.product &&
-           serial == o.serial && partLabel == o.partLabel && address == o.address && bus == o.bus;
+           serial == o.serial && partLabel == o.partLabel && fsUuid == o.fsUuid && address == o.address && bus == o.bus;
 }
 
 struct usb_device_list_s {
@@ -212,6 +212,7 @@ MOX_USB_STRING_GETTER(usb_device_get_product, product)
 MOX_USB_STRING_GETTER(usb_device_get_serial, serial)
 MOX_USB_STRING_GETTER(usb_device_get_mountpath, mountPath)
 MOX_USB_STRING_GETTER(usb_device_get_partlabel, partLabel)
+MOX_USB_STRING_GETTER(usb_device_get_fs_uuid, fsUuid)
 #undef MOX_USB_STRING_GETTER
 
 const char* usb_device_get_devname(usb_device_h device) {

@@ -23,6 +23,7 @@ struct UsbDeviceInfo {
     std::optional<std::string> product;
     std::optional<std::string> serial;
     std::optional<std::string> partLabel;
+    std::optional<std::string> fsUuid;
     int address = 0;
     int bus = 0;
 

@@ -139,6 +139,7 @@ bool UsbUdevBackend::ReadPartition(struct udev_device* dev, Partition& part) {
     const char* label = udev_device_get_property_value(dev, "ID_FS_LABEL");
     if (!label) label = udev_device_get_property_value(dev, "ID_PART_ENTRY_NAME");
     part.info.partLabel = OptText(label);
+    part.info.fsUuid = OptText(udev_device_get_property_value(dev, "ID_FS_UUID"));
     const char* devtype = udev_device_get_devtype(dev);
     struct udev_device* disk = (devtype && !strcmp(devtype, "disk"))
                                    ? dev

@@ -37,6 +37,7 @@
 #include "cache_pool.h"
 #include "mox_bus_service.h"
 #include "mox_engine_imp.h"
+#include "mox_library.h"
 #include "mox_request_list_command.h"
 #include "mox_scanner_manager.h"
 #include "mox_source_manager.h"
@@ -75,6 +76,8 @@ std::unique_ptr<GDBusNodeInfo, NodeInfoDeleter> g_introspectionData;
 GMainLoop* g_mainLoop = nullptr;  // owned by main
 // The signal sink of the storage notifications (a plain C callback).
 CMOXBusService* g_pBus = nullptr;  // owned by main
+// The media library the storage events feed (owned by main).
+CMOXLibrary* g_pLibrary = nullptr;
 int g_nExitStatus = 0;
 
 // Reads the introspection XML; the daemon cannot serve without it.
@@ -212,8 +215,10 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) 
         // engine left half-written goes.
         MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());
         mox_temp_sweep::SweepInBackground(mox_host::UsbRoot(), strMountPath);
+        if (g_pLibrary) g_pLibrary->OnMounted(device);
     } else if (event == MOX_STORAGE_DISCONNECTED) {
         MOX_INFO("USB UNMOUNTED : %s", strMountPath.c_str());
+        if (g_pLibrary) g_pLibrary->OnUnmounted(strMountPath);
         auto* pEngine = static_cast<CMOXEngineImp*>(engine);
         assert(pEngine != NULL);
         pEngine->RemoveScannerOfDevice(strMountPath.c_str());
@@ -285,6 +290,7 @@ struct Daemon {
     std::unique_ptr<CMOXBusService> pBus;
     std::unique_ptr<CMOXEngineImp> pEngine;
     std::unique_ptr<CMOXStorageMgr> pStorage;
+    std::unique_ptr<CMOXLibrary> pLibrary;
     bool bKeyWatched = false;
 
     ~Daemon() {
@@ -295,8 +301,13 @@ struct Daemon {
         if (pStorage) {
             pStorage->SetNotificationCB(nullptr);
             pStorage->SetInternalCB(nullptr, nullptr);
-            pStorage.reset();
         }
+        // No storage event reaches the library any more; its indexers stop
+        // while the storage manager (their list of bound clients), the
+        // engine and the bus are still there.
+        g_pLibrary = nullptr;
+        pLibrary.reset();
+        pStorage.reset();
         // Scans end while the engine waits for its commands.
         CMOXSingleton<CMOXScanManager>::Get()->BeginShutdown();
         const bool bEngineKept = pEngine && shutDownEngine(std::move(pEngine));
@@ -339,9 +350,13 @@ int Serve(Daemon& daemon, GMainLoop* loop) {
     g_pBus = daemon.pBus.get();
     daemon.pEngine = std::make_unique<CMOXEngineImp>(*daemon.pBus);
     daemon.pStorage = std::make_unique<CMOXStorageMgr>();
+    CMOXStorageMgr* pStorage = daemon.pStorage.get();
+    daemon.pLibrary = std::make_unique<CMOXLibrary>(*daemon.pBus, [pStorage] { return pStorage->GetNotificationClients(); });
+    g_pLibrary = daemon.pLibrary.get();
     daemon.pStorage->SetNotificationCB(notify_storages);
     MOX_DEBUG("SetInternalCB in mox_engine.cpp...");
     daemon.pStorage->SetInternalCB(cb_dealUsbEvent, daemon.pEngine.get());
+    daemon.pLibrary->IndexMounted();
     daemon.pBus->Attach(daemon.pEngine.get(), daemon.pStorage.get());
 
     mox_engine_deal_reset_status();

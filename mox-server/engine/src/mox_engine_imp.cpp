@@ -15,6 +15,7 @@
 #include "cache_pool.h"
 #include "mox_bus_text.h"
 #include "mox_command_factory.h"
+#include "mox_library_hooks.h"
 #include "mox_request_list_command.h"
 #include "mox_resultlist_builder.h"
 #include "mox_source_manager.h"
@@ -196,6 +197,7 @@ IMOXCommand* CMOXEngineImp::m_StartJob(std::unique_ptr<WorkerThreadJob> pJob) {
     if (pJob->bTransfer) ++share.nTransfers;
     for (const auto& pRequester : pJob->requesters) m_AddToShare(*pRequester);
     m_workers.emplace(pJob->strKey, std::move(pJob));
+    mox_library::SetUsersBusy(true);  // the indexers yield while users are served
     return pCommand;
 }
 
@@ -446,6 +448,7 @@ void CMOXEngineImp::m_ReleaseJob(WorkerThreadJob* pJob) {
         m_workers.erase(found);  // destroys the command and the job
     }
     MOX_DEBUG("m_workers.size() after delete: %d", static_cast<int>(m_workers.size()));
+    mox_library::SetUsersBusy(!m_workers.empty());
     m_idle.notify_all();
 }
 

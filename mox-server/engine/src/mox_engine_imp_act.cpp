@@ -13,6 +13,7 @@
 #include "mox_act_command.h"
 #include "mox_bus_text.h"
 #include "mox_command_factory.h"
+#include "mox_library_hooks.h"
 #include "mox_request_list_command.h"
 
 namespace {
@@ -69,6 +70,14 @@ bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelec
         MOX_WARN("A transfer stop sent with request_act: refused.");
         m_EmitActEnd(caller, nHandleId, strParam, strTimes, MOX_ERROR_INVALID_PARAMETER);
         return false;
+    }
+    if (strCommand.rfind("mox_library_", 0) == 0) {
+        // The media library's status and rescan documents: answered at once,
+        // no job (and no pause of the indexers they ask about).
+        std::string strResult;
+        const int nCode = mox_library::HandleCommand(strParam, strResult);
+        m_EmitActEnd(caller, nHandleId, strResult, strTimes, nCode);
+        return nCode == MOX_ERROR_NONE;
     }
     const std::string strText = doc.IsValid() ? Compact(doc) : strParam;
     const std::string strKey = kActKey + strText;
@@ -147,8 +156,10 @@ void CMOXEngineImp::m_OnActDone(WorkerThreadJob* pJob, const std::string& strRes
     if (eError != MOX_ERROR_NONE) MOX_WARN("Act ended with code[%d].", static_cast<int>(eError));
     // Transfers and created albums change the folders the act names, even
     // when it failed half-way: their listed answers go at once.
-    for (const std::string& strPath : CMOXRequestListCommand::PathsOfDocument(pJob->strQueryCmd))
+    for (const std::string& strPath : CMOXRequestListCommand::PathsOfDocument(pJob->strQueryCmd)) {
         CMOXSingleton<CCachePool>::Get()->ForgetTouching(strPath);
+        mox_library::NotePathChanged(strPath);
+    }
     mox::MutexLock lock(m_mutex);
     for (const auto& pRequester : pJob->requesters) {
         if (pRequester->nCancelled != 0) continue;

@@ -20,6 +20,7 @@
 #include <mox_unique_fd.h>
 
 #include "cache_pool.h"
+#include "mox_library_hooks.h"
 #include "shm_mapping.h"
 
 using mox_util::UniqueFd;
@@ -139,6 +140,7 @@ bool CMOXUsbFile::Write(const std::string& path, const std::string& shmName, uid
     const bool bReplaced = root.Replace(path, 0644, fill, error);
     // Listed answers of the folder show what was there before.
     CMOXSingleton<CCachePool>::Get()->ForgetTouching(path);
+    if (bReplaced) mox_library::NotePathChanged(path);
     if (!bReplaced) {
         MOX_WARN("CMOXUtil: fopen [%s] failed. (%s)", logPath.c_str(),
                  error == EXDEV ? "leads out of the USB root" : strerror(error));
@@ -156,6 +158,7 @@ bool CMOXUsbFile::Remove(const std::string& path) {
         error = EXDEV;
     } else if (root.Remove(path, error)) {
         CMOXSingleton<CCachePool>::Get()->ForgetTouching(path);
+        mox_library::NotePathChanged(path);
         return true;
     }
     MOX_WARN("CMOXUtil: remove [%s] failed. (%s)", logPath.c_str(),

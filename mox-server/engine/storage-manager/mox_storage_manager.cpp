@@ -85,6 +85,11 @@ void CMOXStorageMgr::RemoveNotificationClient(dbus_connection_info_s& client) {
     if (it != m_clients.end()) m_clients.erase(it);
 }
 
+std::vector<dbus_connection_info_s> CMOXStorageMgr::GetNotificationClients() {
+    mox::MutexLock lock(m_mutex);
+    return m_clients;
+}
+
 void CMOXStorageMgr::RemoveNotificationClientsOf(const std::string& sender) {
     mox::MutexLock lock(m_mutex);
     size_t nBefore = m_clients.size();

@@ -48,6 +48,8 @@ public:
     void RemoveNotificationClient(dbus_connection_info_s& client);
     // Forgets every binding of a client that left the bus (unique name).
     void RemoveNotificationClientsOf(const std::string& sender);
+    // A copy of the clients bound now (the media library's signals go to them).
+    std::vector<dbus_connection_info_s> GetNotificationClients();
 
     // The storage document of the storages of one type present now (the
     // list is enumerated afresh). 0, or 23 when enumeration fails; a type

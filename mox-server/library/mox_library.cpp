@@ -1,0 +1,328 @@
+#define MOX_LOG_TAG "MOX-LIBRARY"
+#include <mox/mox_log.h>
+
+#include "mox_library.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+
+#include <glib.h>
+#include <json/json.h>
+
+#include <mox/mox_types.h>
+#include <mox_host_paths.h>
+
+#include "mox_extractor.h"
+#include "mox_library_hooks.h"
+
+namespace {
+
+mox::Mutex g_hookMutex;
+CMOXLibrary* g_pLibrary GUARDED_BY(g_hookMutex) = nullptr;
+
+std::string TrimSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+bool EndsWith(const std::string& text, const char* szSuffix) {
+    const size_t n = strlen(szSuffix);
+    return text.size() >= n && text.compare(text.size() - n, n, szSuffix) == 0;
+}
+
+std::string Sha256Prefix(const std::string& text) {
+    gchar* szHex = g_compute_checksum_for_string(G_CHECKSUM_SHA256, text.data(), static_cast<gssize>(text.size()));
+    std::string hex = szHex ? std::string(szHex, 32) : std::string();
+    g_free(szHex);
+    return hex;
+}
+
+}  // namespace
+
+namespace mox_library {
+
+void NotePathChanged(const std::string& strPath) {
+    mox::MutexLock lock(g_hookMutex);
+    if (g_pLibrary) g_pLibrary->NoteChanged(strPath);
+}
+
+void SetUsersBusy(bool bBusy) {
+    CMOXLibrary::UsersBusy().store(bBusy);
+}
+
+int HandleCommand(const std::string& strDocument, std::string& strResult) {
+    mox::MutexLock lock(g_hookMutex);
+    if (!g_pLibrary) {
+        MOX_WARN("library command while no library runs.");
+        return MOX_ERROR_NOT_READY;
+    }
+    return g_pLibrary->HandleCommand(strDocument, strResult);
+}
+
+}  // namespace mox_library
+
+std::atomic<bool>& CMOXLibrary::UsersBusy() {
+    static std::atomic<bool> s_bBusy{false};
+    return s_bBusy;
+}
+
+std::string CMOXLibrary::VolumeIdOf(const char* szFsUuid, const char* szSerial, const char* szLabel, uint64_t nBytes) {
+    const std::string uuid = szFsUuid ? szFsUuid : "";
+    if (!uuid.empty()) {
+        const bool bPlain = uuid.size() <= 64 && std::all_of(uuid.begin(), uuid.end(), [](char c) {
+                                return std::isalnum(static_cast<unsigned char>(c)) || c == '-';
+                            });
+        if (!bPlain) return "uuid-" + Sha256Prefix(uuid);
+        std::string lower = uuid;
+        for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return "uuid-" + lower;
+    }
+    std::ostringstream key;
+    key << (szSerial ? szSerial : "") << '\n' << (szLabel ? szLabel : "") << '\n' << nBytes;
+    return "sls-" + Sha256Prefix(key.str());
+}
+
+CMOXLibrary::CMOXLibrary(IMOXSignalSink& sink, ClientsFn clients)
+    : m_sink(sink), m_clients(std::move(clients)), m_strDir(mox_host::LibraryDir()) {
+    if (g_mkdir_with_parents(m_strDir.c_str(), 0700) != 0)
+        MOX_WARN("library directory %s cannot be made (%s): volumes will not be indexed.", m_strDir.c_str(),
+                 strerror(errno));
+    m_ticker = std::thread([this] {
+        try {
+            m_Ticker();
+        } catch (const std::exception& e) {
+            MOX_WARN("library ticker ended by an exception (%s).", e.what());
+        }
+    });
+    mox::MutexLock lock(g_hookMutex);
+    g_pLibrary = this;
+}
+
+CMOXLibrary::~CMOXLibrary() {
+    {
+        mox::MutexLock lock(g_hookMutex);
+        g_pLibrary = nullptr;
+    }
+    std::vector<std::unique_ptr<CMOXLibraryVolume>> volumes;
+    {
+        mox::MutexLock lock(m_mutex);
+        m_bQuit = true;
+        for (auto& entry : m_volumes) volumes.push_back(std::move(entry.second));
+        m_volumes.clear();
+        for (auto& pVolume : m_stopping) volumes.push_back(std::move(pVolume));
+        m_stopping.clear();
+    }
+    m_wake.notify_all();
+    if (m_ticker.joinable()) m_ticker.join();
+    for (auto& pVolume : volumes) pVolume->RequestStop();
+    volumes.clear();  // joins each
+}
+
+void CMOXLibrary::OnMounted(usb_device_h device) {
+    const char* szMount = usb_device_get_mountpath(device);
+    if (!szMount || !*szMount) return;
+    const std::string strMount = TrimSlashes(szMount);
+    const char* szUuid = usb_device_get_fs_uuid(device);
+    uint64_t nBytes = 0;
+    struct statvfs vfs;
+    if ((!szUuid || !*szUuid) && statvfs(strMount.c_str(), &vfs) == 0)
+        nBytes = static_cast<uint64_t>(vfs.f_blocks) * vfs.f_frsize;
+    const std::string strId =
+        VolumeIdOf(szUuid, usb_device_get_serial(device), usb_device_get_partlabel(device), nBytes);
+    auto pVolume = std::make_unique<CMOXLibraryVolume>(
+        strMount, strId, m_strDir + "/" + strId + ".db", UsersBusy(),
+        [this](const SMOXLibraryStatus& status) { m_Emit(status); }, [this] { return m_FitBudget(); });
+    mox::MutexLock lock(m_mutex);
+    if (m_bQuit) return;
+    for (const auto& entry : m_volumes) {
+        if (entry.second->VolumeId() == strId && entry.first != strMount) {
+            MOX_WARN("library: %s has the identity %s of %s, which is indexed already: not indexed.", strMount.c_str(),
+                     strId.c_str(), entry.first.c_str());
+            return;
+        }
+    }
+    auto found = m_volumes.find(strMount);
+    if (found != m_volumes.end() && found->second->VolumeId() == strId) return;  // reported twice
+    if (found != m_volumes.end()) {
+        // Mounted again without an unmount in between: the new volume wins.
+        found->second->RequestStop();
+        m_stopping.push_back(std::move(found->second));
+        m_volumes.erase(found);
+    }
+    MOX_INFO("library: indexing %s as volume %s.", strMount.c_str(), strId.c_str());
+    if (!pVolume->Start()) return;
+    m_volumes[strMount] = std::move(pVolume);
+}
+
+void CMOXLibrary::IndexMounted() {
+    usb_device_list_h list = nullptr;
+    if (usb_device_get_device_list(USB_DEVICE_CLASS_MASS_STORAGE, &list) != 0 || !list) return;
+    usb_device_h device = nullptr;
+    for (int rc = usb_device_list_get_first(list, &device); rc == 0 && device;
+         rc = usb_device_list_get_next(list, &device))
+        OnMounted(device);
+    usb_device_free_device_list(list);
+}
+
+void CMOXLibrary::OnUnmounted(const std::string& strMountPath) {
+    const std::string strMount = TrimSlashes(strMountPath);
+    {
+        mox::MutexLock lock(m_mutex);
+        auto found = m_volumes.find(strMount);
+        if (found == m_volumes.end()) return;
+        // Stopped now, joined by the ticker: the USB service never waits.
+        found->second->RequestStop();
+        m_stopping.push_back(std::move(found->second));
+        m_volumes.erase(found);
+    }
+    m_wake.notify_all();
+}
+
+void CMOXLibrary::NoteChanged(const std::string& strPath) {
+    mox::MutexLock lock(m_mutex);
+    for (auto& entry : m_volumes) {
+        const std::string& strMount = entry.first;
+        if (strPath.size() > strMount.size() && strPath.compare(0, strMount.size(), strMount) == 0 &&
+            strPath[strMount.size()] == '/') {
+            entry.second->NoteChanged(strPath);
+            return;
+        }
+    }
+}
+
+std::vector<SMOXLibraryStatus> CMOXLibrary::Statuses(const std::string& strMount) {
+    std::vector<SMOXLibraryStatus> out;
+    mox::MutexLock lock(m_mutex);
+    for (auto& entry : m_volumes)
+        if (strMount.empty() || entry.first == strMount) out.push_back(entry.second->Status());
+    return out;
+}
+
+int CMOXLibrary::HandleCommand(const std::string& strDocument, std::string& strResult) {
+    Json::Value doc;
+    Json::CharReaderBuilder reader;
+    std::string errors;
+    std::istringstream in(strDocument);
+    if (!Json::parseFromStream(reader, in, &doc, &errors) || !doc.isObject()) {
+        MOX_WARN("library command: not a JSON object.");
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    const std::string strCommand = doc["mox_command"].isString() ? doc["mox_command"].asString() : "";
+    const Json::Value& mount = doc["mox_library_mount"];
+    if (!mount.isNull() && !mount.isString()) {
+        MOX_WARN("library command: \"mox_library_mount\" is not a string.");
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    const std::string strMount = mount.isString() ? TrimSlashes(mount.asString()) : "";
+    const bool bRescan = strCommand == "mox_library_rescan";
+    if (!bRescan && strCommand != "mox_library_status") {
+        MOX_WARN("library command: unknown command.");
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    if (bRescan && strMount.empty()) {
+        MOX_WARN("library rescan without \"mox_library_mount\".");
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
+    std::vector<SMOXLibraryStatus> statuses;
+    {
+        mox::MutexLock lock(m_mutex);
+        if (!strMount.empty() && m_volumes.count(strMount) == 0) {
+            MOX_WARN("library command: %s is not an indexed mount.",
+                     CMOXExtractor::FileNameToUtf8(strMount.substr(0, 256)).c_str());
+            return MOX_ERROR_INVALID_PARAMETER;
+        }
+        if (bRescan) m_volumes[strMount]->Rescan();
+    }
+    statuses = Statuses(strMount);
+    Json::Value result(Json::objectValue);
+    result["volumes"] = Json::Value(Json::arrayValue);
+    for (const SMOXLibraryStatus& status : statuses) {
+        Json::Value item;
+        Json::CharReaderBuilder r;
+        std::istringstream s(status.ToJson(true));
+        if (Json::parseFromStream(r, s, &item, &errors)) result["volumes"].append(item);
+    }
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    strResult = Json::writeString(writer, result);
+    return MOX_ERROR_NONE;
+}
+
+void CMOXLibrary::m_Emit(const SMOXLibraryStatus& status) {
+    const std::string strPayload = status.ToJson(false);
+    for (const connect_info_s& client : m_clients()) m_sink.Emit(client, "mox_library_notification", strPayload);
+}
+
+void CMOXLibrary::m_Ticker() {
+    for (;;) {
+        std::vector<std::unique_ptr<CMOXLibraryVolume>> stopped;
+        std::vector<SMOXLibraryStatus> busy;
+        {
+            mox::UniqueLock lock(m_mutex);
+            if (m_bQuit) return;
+            lock.WaitFor(m_wake, kTick);
+            if (m_bQuit) return;
+            stopped.swap(m_stopping);
+            for (auto& entry : m_volumes) {
+                SMOXLibraryStatus status = entry.second->Status();
+                if (status.strState == "indexing" || status.strState == "paused") busy.push_back(std::move(status));
+            }
+        }
+        stopped.clear();  // joins outside the lock
+        for (const SMOXLibraryStatus& status : busy) m_Emit(status);
+    }
+}
+
+bool CMOXLibrary::m_FitBudget() {
+    mox::MutexLock budgetLock(m_budgetMutex);
+    std::vector<std::string> mounted;
+    {
+        mox::MutexLock lock(m_mutex);
+        for (auto& entry : m_volumes) mounted.push_back(entry.second->DbPath());
+    }
+    struct SFile {
+        std::string strDb;
+        int64_t nBytes = 0;
+        time_t tTime = 0;
+        bool bBroken = false;
+    };
+    std::map<std::string, SFile> files;  // by database path
+    int64_t nTotal = 0;
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(m_strDir.c_str()), closedir);
+    if (!dir) return true;
+    while (struct dirent* entry = readdir(dir.get())) {
+        const std::string strName = entry->d_name;
+        std::string strBase;
+        for (const char* szSuffix : {".db", ".db-wal", ".db-shm", ".db.broken"})
+            if (EndsWith(strName, szSuffix)) strBase = strName.substr(0, strName.size() - strlen(szSuffix));
+        if (strBase.empty()) continue;
+        struct stat st;
+        const std::string strPath = m_strDir + "/" + strName;
+        if (lstat(strPath.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        nTotal += st.st_size;
+        SFile& file = files[m_strDir + "/" + strBase + ".db"];
+        file.strDb = m_strDir + "/" + strBase + ".db";
+        file.nBytes += st.st_size;
+        if (EndsWith(strName, ".db")) file.tTime = st.st_mtime;
+    }
+    if (nTotal <= kMaxTotalBytes) return true;
+    std::vector<SFile> candidates;
+    for (auto& entry : files)
+        if (std::find(mounted.begin(), mounted.end(), entry.first) == mounted.end()) candidates.push_back(entry.second);
+    std::sort(candidates.begin(), candidates.end(), [](const SFile& a, const SFile& b) { return a.tTime < b.tTime; });
+    for (const SFile& file : candidates) {
+        if (nTotal <= kMaxTotalBytes) break;
+        MOX_INFO("library: dropping the index %s (least recently mounted) to stay below %lld bytes.",
+                 file.strDb.c_str(), static_cast<long long>(kMaxTotalBytes));
+        for (const char* szSuffix : {"", "-wal", "-shm", ".broken"}) remove((file.strDb + szSuffix).c_str());
+        nTotal -= file.nBytes;
+    }
+    return nTotal <= kMaxTotalBytes;
+}

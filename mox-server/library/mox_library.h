@@ -1,0 +1,86 @@
+// CMOXLibrary: the media library index of every mounted storage. It starts an
+// indexer (CMOXLibraryVolume) per mounted volume, stops it on unmount, routes
+// the engine's change notices, answers status and rescan documents, keeps the
+// library's byte bound and sends mox_library_notification to the clients bound
+// for storage events.
+//
+// Volume identity: "uuid-" + the file system's UUID (lower case) when the USB
+// service knows it (udev ID_FS_UUID, spool "fs_uuid"); otherwise "sls-" + the
+// first 32 hex digits of SHA-256 over serial, partition label and the file
+// system's size in bytes (one per line). The index is MOX_LIBRARY_DIR/ID.db.
+//
+// Threads and locks: storage events arrive on the USB service's thread with
+// the storage manager's lock held, so nothing here waits for an indexer there:
+// a stopped volume is joined by the library's own ticker thread. m_mutex
+// guards the volume tables and is never held while signals are sent or a
+// thread is joined (lock order: storage manager, then m_mutex, then a
+// volume's own mutex).
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <usb_device.h>
+
+#include "mox_library_volume.h"
+#include "mox_signal_sink.h"
+#include "mox_thread_annotations.h"
+
+class CMOXLibrary {
+public:
+    // The clients bound for storage events now.
+    using ClientsFn = std::function<std::vector<connect_info_s>()>;
+
+    // Total bytes of the index files; least-recently-mounted volumes that
+    // are not mounted go first when a mount or an indexer needs room.
+    static constexpr int64_t kMaxTotalBytes = 256LL * 1024 * 1024;
+    // How often the state of indexing volumes is sent.
+    static constexpr std::chrono::milliseconds kTick{750};
+
+    CMOXLibrary(IMOXSignalSink& sink, ClientsFn clients);
+    // Stops every indexer and waits for them; the hooks do nothing afterwards.
+    ~CMOXLibrary();
+    CMOXLibrary(const CMOXLibrary&) = delete;
+    CMOXLibrary& operator=(const CMOXLibrary&) = delete;
+
+    // Storage events (USB service thread; the device stays the caller's).
+    void OnMounted(usb_device_h device);
+    void OnUnmounted(const std::string& strMountPath);
+    // Starts indexers for the storages mounted before the daemon started
+    // (call once the storage events are wired).
+    void IndexMounted();
+
+    void NoteChanged(const std::string& strPath);
+    int HandleCommand(const std::string& strDocument, std::string& strResult);
+    // The status documents of the mounted volumes (all, or the one at strMount).
+    std::vector<SMOXLibraryStatus> Statuses(const std::string& strMount);
+
+    static std::string VolumeIdOf(const char* szFsUuid, const char* szSerial, const char* szLabel, uint64_t nBytes);
+    static std::atomic<bool>& UsersBusy();
+
+private:
+    void m_Ticker();
+    void m_Emit(const SMOXLibraryStatus& status);
+    // Keeps the index files below kMaxTotalBytes by dropping those of
+    // volumes not mounted, oldest first; false when that is not enough.
+    bool m_FitBudget();
+
+    IMOXSignalSink& m_sink;
+    const ClientsFn m_clients;
+    const std::string m_strDir;
+
+    mox::Mutex m_mutex;
+    std::map<std::string, std::unique_ptr<CMOXLibraryVolume>> m_volumes GUARDED_BY(m_mutex);  // by mount path
+    std::vector<std::unique_ptr<CMOXLibraryVolume>> m_stopping GUARDED_BY(m_mutex);
+    bool m_bQuit GUARDED_BY(m_mutex) = false;
+    std::condition_variable m_wake;
+    mox::Mutex m_budgetMutex;  // one eviction at a time
+    std::thread m_ticker;
+};

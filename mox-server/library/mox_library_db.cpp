@@ -1,0 +1,373 @@
+#define MOX_LOG_TAG "MOX-LIBRARY"
+#include <mox/mox_log.h>
+
+#include "mox_library_db.h"
+
+#include <cstdio>
+
+namespace {
+
+const char* const kSchema = R"SQL(
+CREATE TABLE volume(key TEXT PRIMARY KEY, value) WITHOUT ROWID;
+CREATE TABLE items(
+  id INTEGER PRIMARY KEY,
+  rel_path BLOB NOT NULL UNIQUE,
+  parent BLOB NOT NULL,
+  file_name TEXT NOT NULL,
+  is_folder INTEGER NOT NULL,
+  media_type INTEGER NOT NULL,
+  state INTEGER NOT NULL,
+  file_size INTEGER NOT NULL,
+  file_time INTEGER NOT NULL,
+  mime_type TEXT, title TEXT,
+  width INTEGER, height INTEGER, date_taken INTEGER, orientation INTEGER,
+  latitude REAL, longitude REAL, duration INTEGER,
+  artist TEXT, album TEXT, genre TEXT, track_number INTEGER,
+  generation INTEGER NOT NULL);
+CREATE INDEX items_parent ON items(parent, is_folder, file_name);
+CREATE INDEX items_date ON items(media_type, date_taken);
+CREATE INDEX items_time ON items(media_type, file_time);
+CREATE INDEX items_title ON items(media_type, title);
+CREATE INDEX items_name ON items(media_type, file_name);
+CREATE INDEX items_artist ON items(artist, album, track_number);
+CREATE INDEX items_album ON items(album, track_number, file_name);
+CREATE INDEX items_genre ON items(genre);
+CREATE INDEX items_pending ON items(id) WHERE state = 0;
+CREATE VIRTUAL TABLE items_fts USING fts5(title, artist, album, file_name, content='items',
+  content_rowid='id', tokenize='unicode61 remove_diacritics 2');
+CREATE TRIGGER items_ai AFTER INSERT ON items BEGIN
+  INSERT INTO items_fts(rowid, title, artist, album, file_name)
+    VALUES (new.id, new.title, new.artist, new.album, new.file_name);
+END;
+CREATE TRIGGER items_ad AFTER DELETE ON items BEGIN
+  INSERT INTO items_fts(items_fts, rowid, title, artist, album, file_name)
+    VALUES ('delete', old.id, old.title, old.artist, old.album, old.file_name);
+END;
+CREATE TRIGGER items_au AFTER UPDATE OF title, artist, album, file_name ON items BEGIN
+  INSERT INTO items_fts(items_fts, rowid, title, artist, album, file_name)
+    VALUES ('delete', old.id, old.title, old.artist, old.album, old.file_name);
+  INSERT INTO items_fts(rowid, title, artist, album, file_name)
+    VALUES (new.id, new.title, new.artist, new.album, new.file_name);
+END;
+)SQL";
+
+void BindOptional(mox_sql::CMOXSqliteStmt& stmt, int nIndex, const std::optional<int64_t>& value) {
+    if (value)
+        stmt.BindInt(nIndex, *value);
+    else
+        stmt.BindNull(nIndex);
+}
+
+void BindOptional(mox_sql::CMOXSqliteStmt& stmt, int nIndex, const std::optional<double>& value) {
+    if (value)
+        stmt.BindDouble(nIndex, *value);
+    else
+        stmt.BindNull(nIndex);
+}
+
+void BindText(mox_sql::CMOXSqliteStmt& stmt, int nIndex, const std::string& text) {
+    if (text.empty())
+        stmt.BindNull(nIndex);
+    else
+        stmt.BindText(nIndex, text);
+}
+
+// Runs a prepared statement that returns no rows; SQLITE_DONE becomes OK.
+int Run(mox_sql::CMOXSqliteStmt& stmt) {
+    const int rc = stmt.Step();
+    stmt.Reset();
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+}  // namespace
+
+CMOXLibraryDb::EOpen CMOXLibraryDb::Open(const std::string& path, const std::string& strVolumeId) {
+    bool bCreated = false;
+    std::string why;
+    if (m_OpenChecked(path, strVolumeId, bCreated, why)) return bCreated ? EOpen::kCreated : EOpen::kOpened;
+    Close();
+    // What cannot be read as this volume's index is kept for a look, once,
+    // and rebuilt from the storage.
+    const std::string aside = path + ".broken";
+    MOX_WARN("library index %s unusable (%s): moved aside to %s, rebuilding.", path.c_str(), why.c_str(),
+             aside.c_str());
+    if (rename(path.c_str(), aside.c_str()) != 0 && remove(path.c_str()) != 0) {
+        MOX_WARN("cannot move %s aside.", path.c_str());
+        return EOpen::kFailed;
+    }
+    remove((path + "-wal").c_str());
+    remove((path + "-shm").c_str());
+    if (!m_OpenChecked(path, strVolumeId, bCreated, why)) {
+        MOX_WARN("library index %s cannot be created (%s).", path.c_str(), why.c_str());
+        Close();
+        return EOpen::kFailed;
+    }
+    return EOpen::kRebuilt;
+}
+
+void CMOXLibraryDb::Close() {
+    m_lookup = {};
+    m_insert = {};
+    m_updateBasic = {};
+    m_storeFields = {};
+    m_pending = {};
+    m_deleteId = {};
+    m_setMeta = {};
+    m_ids = {};
+    m_db.Close();
+}
+
+bool CMOXLibraryDb::m_OpenChecked(const std::string& path, const std::string& strVolumeId, bool& bCreated,
+                                  std::string& why) {
+    Close();
+    if (m_db.Open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX) !=
+        SQLITE_OK) {
+        why = m_db.LastError();
+        return false;
+    }
+    sqlite3_busy_timeout(m_db.Get(), 2000);
+    int64_t nAppId = 0, nVersion = 0, nTables = 0;
+    // Reading the header is where garbage and truncation show first.
+    if (!m_db.QueryInt("PRAGMA application_id", nAppId) || !m_db.QueryInt("PRAGMA user_version", nVersion) ||
+        !m_db.QueryInt("SELECT count(*) FROM sqlite_schema", nTables)) {
+        why = m_db.LastError();
+        return false;
+    }
+    bCreated = nTables == 0 && nAppId == 0 && nVersion == 0;
+    if (!bCreated && (nAppId != kApplicationId || nVersion != kSchemaVersion)) {
+        why = "not a library index of version " + std::to_string(kSchemaVersion);
+        return false;
+    }
+    if (m_db.Exec("PRAGMA journal_mode=WAL") != SQLITE_OK || m_db.Exec("PRAGMA synchronous=NORMAL") != SQLITE_OK) {
+        why = m_db.LastError();
+        return false;
+    }
+    if (bCreated) {
+        if (!m_CreateSchema(strVolumeId)) {
+            why = m_db.LastError();
+            return false;
+        }
+    } else {
+        mox_sql::CMOXSqliteStmt check;
+        if (m_db.Prepare("PRAGMA quick_check", check) != SQLITE_OK || check.Step() != SQLITE_ROW ||
+            check.Bytes(0) != "ok") {
+            why = "integrity check failed";
+            return false;
+        }
+    }
+    if (!m_Prepare()) {
+        why = m_db.LastError();
+        return false;
+    }
+    mox_sql::CMOXSqliteStmt meta;
+    if (m_db.Prepare("SELECT value FROM volume WHERE key = 'volume_id'", meta) != SQLITE_OK ||
+        meta.Step() != SQLITE_ROW || meta.Bytes(0) != strVolumeId) {
+        why = "index of another volume";
+        return false;
+    }
+    if (!m_db.QueryInt("SELECT value FROM volume WHERE key = 'generation'", m_nGeneration)) {
+        why = "no generation";
+        return false;
+    }
+    return true;
+}
+
+bool CMOXLibraryDb::m_CreateSchema(const std::string& strVolumeId) {
+    // The schema is only trusted once the whole script committed.
+    if (m_db.Exec("BEGIN") != SQLITE_OK) return false;
+    if (m_db.Exec(kSchema) != SQLITE_OK) {
+        m_db.Exec("ROLLBACK");
+        return false;
+    }
+    char szPragmas[128];
+    snprintf(szPragmas, sizeof(szPragmas), "PRAGMA application_id=%d; PRAGMA user_version=%d;", kApplicationId,
+             kSchemaVersion);
+    mox_sql::CMOXSqliteStmt id;
+    bool bOk = m_db.Exec(szPragmas) == SQLITE_OK &&
+               m_db.Exec("INSERT INTO volume VALUES ('generation', 0)") == SQLITE_OK &&
+               m_db.Prepare("INSERT INTO volume VALUES ('volume_id', ?1)", id) == SQLITE_OK;
+    if (bOk) {
+        id.BindText(1, strVolumeId);
+        bOk = Run(id) == SQLITE_OK;
+    }
+    if (!bOk) {
+        m_db.Exec("ROLLBACK");
+        return false;
+    }
+    return m_db.Exec("COMMIT") == SQLITE_OK;
+}
+
+bool CMOXLibraryDb::m_Prepare() {
+    if (m_db.Prepare("INSERT INTO volume(key, value) VALUES (?1, ?2) ON CONFLICT(key) DO UPDATE SET value = ?2",
+                     m_setMeta) != SQLITE_OK)
+        return false;
+    return m_db.Prepare("SELECT id, file_size, file_time, state, media_type, is_folder FROM items WHERE rel_path = ?1",
+                        m_lookup) == SQLITE_OK &&
+           m_db.Prepare(
+               "INSERT INTO items(rel_path, parent, file_name, is_folder, media_type, file_size, file_time, "
+               "state, generation, mime_type, title) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)",
+               m_insert) == SQLITE_OK &&
+           m_db.Prepare("UPDATE items SET file_size = ?2, file_time = ?3, state = ?4, generation = ?5 WHERE id = ?1",
+                        m_updateBasic) == SQLITE_OK &&
+           m_db.Prepare(
+               "UPDATE items SET state = ?2, generation = ?3, mime_type = ?4, title = ?5, width = ?6, "
+               "height = ?7, date_taken = ?8, orientation = ?9, latitude = ?10, longitude = ?11, "
+               "duration = ?12, artist = ?13, album = ?14, genre = ?15, track_number = ?16 WHERE id = ?1",
+               m_storeFields) == SQLITE_OK &&
+           m_db.Prepare(
+               "SELECT id, rel_path, file_name, media_type, file_size, file_time FROM items "
+               "WHERE state = 0 AND id > ?1 ORDER BY id LIMIT ?2",
+               m_pending) == SQLITE_OK &&
+           m_db.Prepare("DELETE FROM items WHERE id = ?1", m_deleteId) == SQLITE_OK &&
+           m_db.Prepare("SELECT id, rel_path FROM items WHERE id > ?1 ORDER BY id LIMIT ?2", m_ids) == SQLITE_OK;
+}
+
+int CMOXLibraryDb::SetGeneration(int64_t nGeneration) {
+    m_setMeta.BindText(1, "generation");
+    m_setMeta.BindInt(2, nGeneration);
+    return Run(m_setMeta);
+}
+
+int CMOXLibraryDb::SetMeta(const char* szKey, const std::string& strValue) {
+    m_setMeta.BindText(1, szKey);
+    m_setMeta.BindText(2, strValue);
+    return Run(m_setMeta);
+}
+
+int CMOXLibraryDb::Lookup(const std::string& strRelPath, SMOXLibraryRow& row) {
+    m_lookup.BindBlob(1, strRelPath);
+    const int rc = m_lookup.Step();
+    if (rc == SQLITE_ROW) {
+        row.nId = m_lookup.Int(0);
+        row.nSize = m_lookup.Int(1);
+        row.nTime = m_lookup.Int(2);
+        row.nState = static_cast<int>(m_lookup.Int(3));
+        row.nMediaType = static_cast<int>(m_lookup.Int(4));
+        row.bFolder = m_lookup.Int(5) != 0;
+    }
+    m_lookup.Reset();
+    return rc;
+}
+
+int CMOXLibraryDb::Insert(const std::string& strRelPath, const std::string& strParent, const std::string& strFileName,
+                          bool bFolder, int nMediaType, int64_t nSize, int64_t nTime, int nState, int64_t nGeneration,
+                          int64_t& nId) {
+    m_insert.BindBlob(1, strRelPath);
+    m_insert.BindBlob(2, strParent);
+    m_insert.BindText(3, strFileName);
+    m_insert.BindInt(4, bFolder ? 1 : 0);
+    m_insert.BindInt(5, nMediaType);
+    m_insert.BindInt(6, nSize);
+    m_insert.BindInt(7, nTime);
+    m_insert.BindInt(8, nState);
+    m_insert.BindInt(9, nGeneration);
+    const std::string strMime = bFolder ? std::string() : mox_library::MimeTypeOf(strFileName);
+    BindText(m_insert, 10, strMime);
+    // Until the tags are read the title is the name without extension.
+    const size_t nDot = strFileName.rfind('.');
+    BindText(m_insert, 11,
+             (bFolder || nDot == std::string::npos || nDot == 0) ? strFileName : strFileName.substr(0, nDot));
+    const int rc = Run(m_insert);
+    if (rc == SQLITE_OK) nId = m_db.LastInsertRowId();
+    return rc;
+}
+
+int CMOXLibraryDb::UpdateBasic(int64_t nId, int64_t nSize, int64_t nTime, int nState, int64_t nGeneration) {
+    m_updateBasic.BindInt(1, nId);
+    m_updateBasic.BindInt(2, nSize);
+    m_updateBasic.BindInt(3, nTime);
+    m_updateBasic.BindInt(4, nState);
+    m_updateBasic.BindInt(5, nGeneration);
+    return Run(m_updateBasic);
+}
+
+int CMOXLibraryDb::StoreFields(int64_t nId, const SMOXLibraryFields& f, int nState, int64_t nGeneration) {
+    m_storeFields.BindInt(1, nId);
+    m_storeFields.BindInt(2, nState);
+    m_storeFields.BindInt(3, nGeneration);
+    BindText(m_storeFields, 4, f.strMimeType);
+    BindText(m_storeFields, 5, f.strTitle);
+    BindOptional(m_storeFields, 6, f.width);
+    BindOptional(m_storeFields, 7, f.height);
+    BindOptional(m_storeFields, 8, f.dateTaken);
+    BindOptional(m_storeFields, 9, f.orientation);
+    BindOptional(m_storeFields, 10, f.latitude);
+    BindOptional(m_storeFields, 11, f.longitude);
+    BindOptional(m_storeFields, 12, f.duration);
+    BindText(m_storeFields, 13, f.strArtist);
+    BindText(m_storeFields, 14, f.strAlbum);
+    BindText(m_storeFields, 15, f.strGenre);
+    BindOptional(m_storeFields, 16, f.trackNumber);
+    return Run(m_storeFields);
+}
+
+int CMOXLibraryDb::NextPending(int64_t nAfter, int nMax, std::vector<SMOXLibraryPending>& out) {
+    out.clear();
+    m_pending.BindInt(1, nAfter);
+    m_pending.BindInt(2, nMax);
+    int rc;
+    while ((rc = m_pending.Step()) == SQLITE_ROW) {
+        SMOXLibraryPending p;
+        p.nId = m_pending.Int(0);
+        p.strRelPath = m_pending.Bytes(1);
+        p.strFileName = m_pending.Bytes(2);
+        p.nMediaType = static_cast<int>(m_pending.Int(3));
+        p.nSize = m_pending.Int(4);
+        p.nTime = m_pending.Int(5);
+        out.push_back(std::move(p));
+    }
+    m_pending.Reset();
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+int CMOXLibraryDb::DeleteId(int64_t nId) {
+    m_deleteId.BindInt(1, nId);
+    return Run(m_deleteId);
+}
+
+int CMOXLibraryDb::DeleteTree(const std::string& strRelPath, int64_t& nDeleted) {
+    mox_sql::CMOXSqliteStmt stmt;
+    // Below "a/b": every path from "a/b/" up to (not including) "a/b0",
+    // '0' being the byte after '/'.
+    int rc = m_db.Prepare("DELETE FROM items WHERE rel_path = ?1 OR (rel_path >= ?2 AND rel_path < ?3)", stmt);
+    if (rc != SQLITE_OK) return rc;
+    stmt.BindBlob(1, strRelPath);
+    stmt.BindBlob(2, strRelPath + "/");
+    stmt.BindBlob(3, strRelPath + "0");
+    rc = Run(stmt);
+    nDeleted = rc == SQLITE_OK ? sqlite3_changes64(m_db.Get()) : 0;
+    return rc;
+}
+
+int CMOXLibraryDb::RowsAfter(int64_t nAfter, int nMax, std::vector<std::pair<int64_t, std::string>>& out) {
+    out.clear();
+    m_ids.BindInt(1, nAfter);
+    m_ids.BindInt(2, nMax);
+    int rc;
+    while ((rc = m_ids.Step()) == SQLITE_ROW) out.emplace_back(m_ids.Int(0), m_ids.Bytes(1));
+    m_ids.Reset();
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+bool CMOXLibraryDb::Counts(int64_t counts[4]) {
+    counts[0] = counts[1] = counts[2] = counts[3] = 0;
+    mox_sql::CMOXSqliteStmt stmt;
+    if (m_db.Prepare("SELECT media_type, count(*) FROM items WHERE is_folder = 0 GROUP BY media_type", stmt) !=
+        SQLITE_OK)
+        return false;
+    int rc;
+    while ((rc = stmt.Step()) == SQLITE_ROW) {
+        const int64_t nType = stmt.Int(0);
+        const int nSlot = nType == 2 ? 0 : nType == 3 ? 1 : nType == 5 ? 2 : 3;
+        counts[nSlot] += stmt.Int(1);
+    }
+    return rc == SQLITE_DONE;
+}
+
+bool CMOXLibraryDb::RowCount(int64_t& nRows) {
+    return m_db.QueryInt("SELECT count(*) FROM items", nRows);
+}
+
+bool CMOXLibraryDb::PendingCount(int64_t& nRows) {
+    return m_db.QueryInt("SELECT count(*) FROM items WHERE state = 0", nRows);
+}

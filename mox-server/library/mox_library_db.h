@@ -1,0 +1,99 @@
+// CMOXLibraryDb: one volume's index file (SQLite, WAL). Paths are stored
+// relative to the volume's mount point, as raw bytes, so the same volume
+// mounted elsewhere keeps its rows; display names are UTF-8 (stray bytes as
+// "\xNN", the engine's file-name rule).
+//
+// Tables (schema version kSchemaVersion, application id kApplicationId):
+//   volume(key, value)  "volume_id", "generation", "mount_path",
+//                       "last_mounted" (seconds since the epoch)
+//   items               one row per media file and per folder; "state" 0
+//                       waits for extraction, 1 extracted, 2 the helper
+//                       failed on it (not retried while size and time stay),
+//                       3 nothing to extract (folders, groups without tags)
+//   items_fts           FTS5 over title, artist, album and file name
+//                       (unicode61, remove_diacritics 2), kept by triggers
+// Indices serve the views of a read-only reader (by folder, date taken, file
+// time, title, file name, artist, album and track, genre).
+//
+// One thread uses an object at a time; readers open their own connections.
+// Errors are return values (SQLite codes or false); Open() logs them once.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "mox_library_extract.h"
+#include "mox_sqlite.h"
+
+struct SMOXLibraryRow {
+    int64_t nId = 0;
+    int64_t nSize = 0;
+    int64_t nTime = 0;
+    int nState = 0;
+    int nMediaType = 0;
+    bool bFolder = false;
+};
+
+struct SMOXLibraryPending {
+    int64_t nId = 0;
+    std::string strRelPath;
+    std::string strFileName;
+    int nMediaType = 0;
+    int64_t nSize = 0;
+    int64_t nTime = 0;
+};
+
+class CMOXLibraryDb {
+public:
+    static constexpr int kSchemaVersion = 1;
+    static constexpr int kApplicationId = 0x4D4F584C;  // "MOXL"
+
+    enum class EOpen { kOpened, kCreated, kRebuilt, kFailed };
+    // Opens or creates the file; a file that is not a library of this
+    // version, or fails the quick check, is moved aside to PATH.broken (one
+    // warning) and a fresh one made.
+    EOpen Open(const std::string& path, const std::string& strVolumeId);
+    void Close();
+
+    int Begin() { return m_db.Exec("BEGIN IMMEDIATE"); }
+    int Commit() { return m_db.Exec("COMMIT"); }
+    void Rollback() { m_db.Exec("ROLLBACK"); }
+
+    int64_t Generation() const { return m_nGeneration; }
+    // Inside a transaction: the generation becomes nGeneration at commit.
+    int SetGeneration(int64_t nGeneration);
+    // Commit succeeded: the new generation is current.
+    void GenerationCommitted(int64_t nGeneration) { m_nGeneration = nGeneration; }
+    int SetMeta(const char* szKey, const std::string& strValue);
+
+    // SQLITE_ROW (row filled), SQLITE_DONE (absent) or an error.
+    int Lookup(const std::string& strRelPath, SMOXLibraryRow& row);
+    int Insert(const std::string& strRelPath, const std::string& strParent, const std::string& strFileName,
+               bool bFolder, int nMediaType, int64_t nSize, int64_t nTime, int nState, int64_t nGeneration,
+               int64_t& nId);
+    // New size and time; the row waits for extraction again (nState).
+    int UpdateBasic(int64_t nId, int64_t nSize, int64_t nTime, int nState, int64_t nGeneration);
+    int StoreFields(int64_t nId, const SMOXLibraryFields& fields, int nState, int64_t nGeneration);
+    // Up to nMax rows waiting for extraction, after id nAfter.
+    int NextPending(int64_t nAfter, int nMax, std::vector<SMOXLibraryPending>& out);
+    int DeleteId(int64_t nId);
+    // The row of strRelPath and every row below it; nDeleted counts them.
+    int DeleteTree(const std::string& strRelPath, int64_t& nDeleted);
+    // Id and path of every row, ascending by id, after nAfter (streamed in
+    // pieces).
+    int RowsAfter(int64_t nAfter, int nMax, std::vector<std::pair<int64_t, std::string>>& out);
+    // Media files by group: photo, video, music, other.
+    bool Counts(int64_t counts[4]);
+    bool RowCount(int64_t& nRows);
+    bool PendingCount(int64_t& nRows);
+
+private:
+    bool m_OpenChecked(const std::string& path, const std::string& strVolumeId, bool& bCreated, std::string& why);
+    bool m_CreateSchema(const std::string& strVolumeId);
+    bool m_Prepare();
+
+    mox_sql::CMOXSqliteDb m_db;
+    mox_sql::CMOXSqliteStmt m_lookup, m_insert, m_updateBasic, m_storeFields, m_pending, m_deleteId, m_setMeta, m_ids;
+    int64_t m_nGeneration = 0;
+};

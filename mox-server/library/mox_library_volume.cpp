@@ -1,0 +1,793 @@
+#define MOX_LOG_TAG "MOX-LIBRARY"
+#include <mox/mox_log.h>
+
+#include "mox_library_volume.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include <json/json.h>
+
+#include <mox/mox_confined_path.h>
+#include <mox_host_paths.h>
+
+#include "mox_auto_scanner.h"
+#include "mox_extractor.h"
+#include "mox_library_extract.h"
+#include "mox_scanner_defines.h"
+
+namespace {
+
+constexpr int kWalkBatch = 128;                     // entries drained from the scan list at once
+constexpr int kScanListSize = 1024;                 // the scan list's bound
+constexpr int kExtractBatch = 16;                   // files extracted between two commits
+constexpr int kDropBatch = 1024;                    // rows checked at once after a walk
+constexpr int kBudgetEvery = 512;                   // inserts between two checks of the byte bound
+constexpr int64_t kMaxSeenId = 64LL * 1024 * 1024;  // 8 MiB of "seen" bits at most
+constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB |
+                                IN_DONT_FOLLOW | IN_ONLYDIR | IN_EXCL_UNLINK;
+using Clock = std::chrono::steady_clock;
+
+std::string JoinRel(const std::string& strParent, const std::string& strName) {
+    return strParent.empty() ? strName : strParent + "/" + strName;
+}
+
+std::string ParentOf(const std::string& strRel) {
+    const size_t nSlash = strRel.rfind('/');
+    return nSlash == std::string::npos ? std::string() : strRel.substr(0, nSlash);
+}
+
+std::string NameOf(const std::string& strRel) {
+    const size_t nSlash = strRel.rfind('/');
+    return nSlash == std::string::npos ? strRel : strRel.substr(nSlash + 1);
+}
+
+int CountSlot(int nMediaType) {
+    return nMediaType == MOX_MEDIA_TYPE_PHOTO   ? 0
+           : nMediaType == MOX_MEDIA_TYPE_VIDEO ? 1
+           : nMediaType == MOX_MEDIA_TYPE_MUSIC ? 2
+                                                : 3;
+}
+
+bool IsMissing(int nErrno) {
+    return nErrno == ENOENT || nErrno == ENOTDIR || nErrno == ELOOP || nErrno == EXDEV;
+}
+
+}  // namespace
+
+std::string SMOXLibraryStatus::ToJson(bool bWithSize) const {
+    Json::Value doc(Json::objectValue);
+    doc["mount_path"] = CMOXExtractor::FileNameToUtf8(strMountPath);
+    doc["volume_id"] = strVolumeId;
+    doc["state"] = strState;
+    doc["done"] = Json::Int64(nDone);
+    doc["total"] = Json::Int64(nTotal);
+    doc["generation"] = Json::Int64(nGeneration);
+    Json::Value jc(Json::objectValue);
+    jc["photo"] = Json::Int64(counts[0]);
+    jc["video"] = Json::Int64(counts[1]);
+    jc["music"] = Json::Int64(counts[2]);
+    jc["other"] = Json::Int64(counts[3]);
+    doc["counts"] = jc;
+    if (bWithSize) doc["db_bytes"] = Json::Int64(nDbBytes);
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, doc);
+}
+
+CMOXLibraryVolume::CMOXLibraryVolume(std::string strMountPath, std::string strVolumeId, std::string strDbPath,
+                                     const std::atomic<bool>& rUsersBusy, Reporter reporter, BudgetCheck budget,
+                                     SMOXLibraryBounds bounds)
+    : m_strMountPath(std::move(strMountPath)),
+      m_strVolumeId(std::move(strVolumeId)),
+      m_strDbPath(std::move(strDbPath)),
+      m_rUsersBusy(rUsersBusy),
+      m_reporter(std::move(reporter)),
+      m_budget(std::move(budget)),
+      m_bounds(bounds) {
+    mox::MutexLock lock(m_mutex);
+    m_status.strMountPath = m_strMountPath;
+    m_status.strVolumeId = m_strVolumeId;
+    m_status.strState = "indexing";
+}
+
+CMOXLibraryVolume::~CMOXLibraryVolume() {
+    RequestStop();
+    Join();
+}
+
+bool CMOXLibraryVolume::Start() {
+    m_wakeFd = mox_util::UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!m_wakeFd.IsValid()) {
+        MOX_WARN("library %s: no eventfd (%s).", m_strMountPath.c_str(), strerror(errno));
+        return false;
+    }
+    try {
+        m_thread = std::thread([this] { m_Thread(); });
+    } catch (const std::exception& e) {
+        MOX_WARN("library %s: cannot start its thread (%s).", m_strMountPath.c_str(), e.what());
+        return false;
+    }
+    return true;
+}
+
+void CMOXLibraryVolume::RequestStop() {
+    m_bStop = true;
+    if (m_wakeFd.IsValid()) {
+        const uint64_t one = 1;
+        (void)!write(m_wakeFd.Get(), &one, sizeof(one));
+    }
+}
+
+void CMOXLibraryVolume::Join() {
+    if (m_thread.joinable()) m_thread.join();
+}
+
+void CMOXLibraryVolume::Rescan() {
+    {
+        mox::MutexLock lock(m_mutex);
+        m_bRescan = true;
+    }
+    const uint64_t one = 1;
+    (void)!write(m_wakeFd.Get(), &one, sizeof(one));
+}
+
+void CMOXLibraryVolume::NoteChanged(const std::string& strPath) {
+    const std::string strRel = m_Relative(strPath);
+    if (strRel.empty()) return;
+    {
+        mox::MutexLock lock(m_mutex);
+        if (m_notices.size() >= m_bounds.nMaxNotices) {
+            // Too many at once: one rescan covers them all.
+            m_notices.clear();
+            m_bRescan = true;
+        } else {
+            m_notices.push_back(strRel);
+        }
+    }
+    const uint64_t one = 1;
+    (void)!write(m_wakeFd.Get(), &one, sizeof(one));
+}
+
+SMOXLibraryStatus CMOXLibraryVolume::Status() {
+    SMOXLibraryStatus status;
+    {
+        mox::MutexLock lock(m_mutex);
+        status = m_status;
+    }
+    struct stat st;
+    status.nDbBytes = 0;
+    for (const char* szSuffix : {"", "-wal"})
+        if (stat((m_strDbPath + szSuffix).c_str(), &st) == 0) status.nDbBytes += st.st_size;
+    return status;
+}
+
+std::string CMOXLibraryVolume::m_Relative(const std::string& strAbsolute) const {
+    if (strAbsolute.size() <= m_strMountPath.size() + 1 ||
+        strAbsolute.compare(0, m_strMountPath.size(), m_strMountPath) != 0 || strAbsolute[m_strMountPath.size()] != '/')
+        return std::string();
+    std::string strRel = strAbsolute.substr(m_strMountPath.size() + 1);
+    while (!strRel.empty() && strRel.back() == '/') strRel.pop_back();
+    // Only plain names: the engine's paths are confined, but a notice is
+    // never trusted to climb.
+    if (strRel.find("/../") != std::string::npos || strRel.rfind("../", 0) == 0 || strRel == ".." ||
+        strRel.find("//") != std::string::npos)
+        return std::string();
+    return strRel;
+}
+
+void CMOXLibraryVolume::m_Thread() {
+    try {
+        // The lowest priority: users never wait for the index.
+        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 19);
+        m_Run();
+    } catch (const std::exception& e) {
+        MOX_WARN("library %s: indexer ended by an exception (%s).", m_strMountPath.c_str(), e.what());
+        m_SetState("failed", true);
+    } catch (...) {
+        MOX_WARN("library %s: indexer ended by an unknown exception.", m_strMountPath.c_str());
+        m_SetState("failed", true);
+    }
+    if (m_bInTransaction) m_db.Rollback();
+    m_db.Close();
+}
+
+void CMOXLibraryVolume::m_SetState(const char* szState, bool bReport) {
+    {
+        mox::MutexLock lock(m_mutex);
+        m_status.strState = szState;
+    }
+    if (bReport) m_Report();
+}
+
+void CMOXLibraryVolume::m_Report() {
+    if (m_reporter) m_reporter(Status());
+}
+
+void CMOXLibraryVolume::m_UpdateCounts() {
+    int64_t counts[4];
+    if (!m_db.Counts(counts)) return;
+    mox::MutexLock lock(m_mutex);
+    for (int i = 0; i < 4; ++i) m_status.counts[i] = counts[i];
+    m_status.nGeneration = m_db.Generation();
+}
+
+void CMOXLibraryVolume::m_Run() {
+    // Room for this index first: the least recently mounted ones go.
+    if (m_budget && !m_budget())
+        MOX_WARN("library %s: the library's byte bound is exceeded by mounted volumes.", m_strMountPath.c_str());
+    if (m_db.Open(m_strDbPath, m_strVolumeId) == CMOXLibraryDb::EOpen::kFailed) {
+        m_SetState("failed", true);
+        return;
+    }
+    m_db.SetMeta("mount_path", m_strMountPath);
+    m_db.SetMeta("last_mounted", std::to_string(time(nullptr)));
+    m_db.RowCount(m_nRows);
+    m_UpdateCounts();
+    std::string strRel;
+    CMOXConfinedPath root(mox_host::UsbRoot());
+    if (!root.Relative(m_strMountPath, strRel)) {
+        MOX_WARN("library %s: not below the USB root, not indexed.", m_strMountPath.c_str());
+        m_SetState("failed", true);
+        return;
+    }
+    m_mountFd = mox_util::UniqueFd(root.OpenDirectory(strRel));
+    if (!m_mountFd.IsValid()) {
+        MOX_WARN("library %s: cannot open the mount (%s).", m_strMountPath.c_str(), strerror(errno));
+        m_SetState("failed", true);
+        return;
+    }
+    m_inotifyFd = mox_util::UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!m_inotifyFd.IsValid())
+        MOX_WARN("library %s: no inotify (%s): changes by others wait for a rescan.", m_strMountPath.c_str(),
+                 strerror(errno));
+    bool bScan = true;
+    while (!Stopping()) {
+        if (bScan) {
+            bScan = false;
+            const EScan eResult = m_Scan();
+            if (eResult == EScan::kStopped) break;
+            m_UpdateCounts();
+            m_SetState(eResult == EScan::kFailed ? "failed" : "ready", true);
+        }
+        struct pollfd fds[2] = {{m_wakeFd.Get(), POLLIN, 0}, {m_inotifyFd.Get(), POLLIN, 0}};
+        const int nReady = poll(fds, m_inotifyFd.IsValid() ? 2 : 1, 1000);
+        if (nReady < 0 && errno != EINTR) {
+            MOX_WARN("library %s: poll failed (%s).", m_strMountPath.c_str(), strerror(errno));
+            break;
+        }
+        if (fds[0].revents & POLLIN) {
+            uint64_t nValue;
+            (void)!read(m_wakeFd.Get(), &nValue, sizeof(nValue));
+        }
+        if (m_inotifyFd.IsValid() && (fds[1].revents & POLLIN)) m_ReadInotify();
+        if (Stopping()) break;
+        {
+            mox::MutexLock lock(m_mutex);
+            bScan = m_bRescan;
+            m_bRescan = false;
+        }
+        // A full disk waits for a rescan (or the next mount) to try again.
+        if (bScan) m_bFull = false;
+        if (!bScan && !m_bFull) m_ProcessNotices();
+    }
+}
+
+CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
+    {
+        mox::MutexLock lock(m_mutex);
+        m_status.strState = "indexing";
+        m_status.nDone = 0;
+        m_status.nTotal = 0;
+        m_notices.clear();  // the walk sees what they name
+    }
+    m_Report();
+    m_seen.clear();
+    bool bWalkComplete = false;
+    EScan eResult = m_Walk(bWalkComplete);
+    if (eResult != EScan::kComplete) return eResult;
+    eResult = m_ExtractPending();
+    if (eResult != EScan::kComplete) return eResult;
+    if (bWalkComplete) eResult = m_DropVanished();
+    m_seen.clear();
+    m_seen.shrink_to_fit();
+    return eResult;
+}
+
+bool CMOXLibraryVolume::m_WaitWhileBusy() {
+    if (!m_rUsersBusy.load()) return true;
+    std::string strBefore;
+    {
+        mox::MutexLock lock(m_mutex);
+        strBefore = m_status.strState;
+        m_status.strState = "paused";
+    }
+    while (m_rUsersBusy.load() && !Stopping()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    mox::MutexLock lock(m_mutex);
+    m_status.strState = strBefore;
+    return !Stopping();
+}
+
+int CMOXLibraryVolume::m_OpenBeneath(const std::string& strRel, int nFlags) {
+    struct open_how how;
+    memset(&how, 0, sizeof(how));
+    how.flags = static_cast<uint64_t>(nFlags | O_NOFOLLOW | O_CLOEXEC);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    for (;;) {
+        const long fd = syscall(SYS_openat2, m_mountFd.Get(), strRel.c_str(), &how, sizeof(how));
+        if (fd >= 0) return static_cast<int>(fd);
+        if (errno != EAGAIN && errno != EINTR) return -1;
+    }
+}
+
+bool CMOXLibraryVolume::m_Fail(int rc, const char* szWhat) {
+    if (m_bInTransaction) {
+        m_db.Rollback();
+        m_bInTransaction = false;
+    }
+    if ((rc & 0xff) == SQLITE_FULL && m_bFull) return false;
+    if ((rc & 0xff) == SQLITE_FULL) m_bFull = true;
+    if ((rc & 0xff) == SQLITE_FULL)
+        MOX_WARN("library %s: the index's file system is full (%s): indexing stops, what was committed stays.",
+                 m_strMountPath.c_str(), szWhat);
+    else
+        MOX_WARN("library %s: index %s failed (%s).", m_strMountPath.c_str(), szWhat, sqlite3_errstr(rc));
+    return false;
+}
+
+bool CMOXLibraryVolume::m_Change(int& rc) {
+    rc = SQLITE_OK;
+    if (m_bInTransaction) return true;
+    rc = m_db.Begin();
+    if (rc != SQLITE_OK) return m_Fail(rc, "begin");
+    m_bInTransaction = true;
+    m_nNextGeneration = m_db.Generation() + 1;
+    return true;
+}
+
+bool CMOXLibraryVolume::m_Commit(int& rc) {
+    rc = SQLITE_OK;
+    if (!m_bInTransaction) return true;
+    rc = m_db.SetGeneration(m_nNextGeneration);
+    if (rc == SQLITE_OK) rc = m_db.Commit();
+    if (rc != SQLITE_OK) return m_Fail(rc, "commit");
+    m_bInTransaction = false;
+    m_db.GenerationCommitted(m_nNextGeneration);
+    mox::MutexLock lock(m_mutex);
+    m_status.nGeneration = m_nNextGeneration;
+    return true;
+}
+
+bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::string& strParent,
+                                     const std::string& strName, bool bFolder, int nMediaType, int64_t nSize,
+                                     int64_t nTime, bool bCheckRegular, int& rc, bool* pbIndexed) {
+    bool bIndexed = false;
+    if (pbIndexed == nullptr) pbIndexed = &bIndexed;
+    *pbIndexed = false;
+    SMOXLibraryRow row;
+    rc = m_db.Lookup(strRel, row);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) return m_Fail(rc, "lookup");
+    const bool bFound = rc == SQLITE_ROW;
+    rc = SQLITE_OK;
+    if (bFound) {
+        if (row.nId < kMaxSeenId) {
+            if (static_cast<size_t>(row.nId) >= m_seen.size()) m_seen.resize(static_cast<size_t>(row.nId) + 4096);
+            m_seen[static_cast<size_t>(row.nId)] = true;
+        }
+        const bool bSame = row.bFolder == bFolder && row.nTime == nTime && (bFolder || row.nSize == nSize);
+        if (bSame) {
+            *pbIndexed = true;
+            if (!bFolder && row.nState != 0) {
+                mox::MutexLock lock(m_mutex);
+                ++m_status.nDone;
+            }
+            return true;
+        }
+    }
+    if (bCheckRegular && !bFolder) {
+        // Only regular files are indexed: a link or FIFO named like a photo
+        // is not (the walk reports them without following them).
+        mox_util::UniqueFd fd(m_OpenBeneath(strRel, O_PATH));
+        struct stat st;
+        if (!fd.IsValid() || fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode)) return true;
+    }
+    if (!m_Change(rc)) return false;
+    const int nState = bFolder ? 3 : 0;
+    if (bFound && row.bFolder == bFolder) {
+        *pbIndexed = true;
+        rc = m_db.UpdateBasic(row.nId, nSize, nTime, nState, m_nNextGeneration);
+        return rc == SQLITE_OK || m_Fail(rc, "update");
+    }
+    if (bFound) {
+        int64_t nDeleted = 0;
+        rc = m_db.DeleteTree(strRel, nDeleted);
+        if (rc != SQLITE_OK) return m_Fail(rc, "delete");
+        m_nRows -= nDeleted;
+    }
+    if (m_nRows >= m_bounds.nMaxRows) {
+        if (!m_bRowsFullLogged)
+            MOX_WARN("library %s: %lld rows, the bound: further files are not indexed.", m_strMountPath.c_str(),
+                     static_cast<long long>(m_nRows));
+        m_bRowsFullLogged = true;
+        return true;
+    }
+    if (++m_nInsertsSinceBudget >= kBudgetEvery) {
+        m_nInsertsSinceBudget = 0;
+        if (m_budget && !m_budget()) {
+            if (!m_bBudgetLogged)
+                MOX_WARN("library %s: the library's byte bound is reached: further files are not indexed.",
+                         m_strMountPath.c_str());
+            m_bBudgetLogged = true;
+            m_nRows = m_bounds.nMaxRows;  // no more inserts in this run
+            return true;
+        }
+    }
+    int64_t nId = 0;
+    rc = m_db.Insert(strRel, strParent, CMOXExtractor::FileNameToUtf8(strName), bFolder, nMediaType, nSize, nTime,
+                     nState, m_nNextGeneration, nId);
+    if (rc != SQLITE_OK) return m_Fail(rc, "insert");
+    *pbIndexed = true;
+    ++m_nRows;
+    if (nId < kMaxSeenId) {
+        if (static_cast<size_t>(nId) >= m_seen.size()) m_seen.resize(static_cast<size_t>(nId) + 4096);
+        m_seen[static_cast<size_t>(nId)] = true;
+    }
+    if (!bFolder) {
+        mox::MutexLock lock(m_mutex);
+        ++m_status.counts[CountSlot(nMediaType)];
+    }
+    return true;
+}
+
+CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
+    CMOXAutoScanner scanner;
+    if (!scanner.Create("mox-library")) return EScan::kFailed;
+    SMOXScannerOption option;
+    option.strDevicePath = m_strMountPath;
+    option.strBasePath = m_strMountPath;
+    option.strConfineRoot = mox_host::UsbRoot();
+    option.nScanMode = MOX_SCAN_MODE_NORMAL;
+    option.nRecursive = 1;
+    option.nDetail = 1;  // size and time of every entry
+    option.bFilterByExtension = true;
+    option.nListSize = kScanListSize;
+    option.nPriority = 2;
+    EScan eResult = EScan::kComplete;
+    if (scanner.SetScannerOption(option) != MOX_SCAN_OK || scanner.Start() != MOX_SCAN_OK) {
+        MOX_WARN("library %s: the walk cannot start.", m_strMountPath.c_str());
+        scanner.Destroy();
+        return EScan::kFailed;
+    }
+    m_Watch(std::string());
+    std::vector<SMOXFileInfo> batch;
+    batch.reserve(kWalkBatch);
+    bool bPaused = false;
+    int rc = SQLITE_OK;
+    for (;;) {
+        if (Stopping()) {
+            eResult = EScan::kStopped;
+            break;
+        }
+        if (m_rUsersBusy.load()) {
+            if (!bPaused) scanner.Pause();
+            bPaused = true;
+            if (!m_WaitWhileBusy()) continue;
+        }
+        if (bPaused) {
+            scanner.Resume();
+            bPaused = false;
+        }
+        batch.clear();
+        const int nPop = scanner.GetFileInfoList(kWalkBatch, batch);
+        if (nPop == MOX_SCAN_END) {
+            bWalkComplete = true;
+            break;
+        }
+        if (batch.empty()) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+            continue;
+        }
+        bool bOk = true;
+        int64_t nFiles = 0;
+        for (const SMOXFileInfo& info : batch) {
+            if (info.nType != MOX_SCANNER_TYPE_DIR && info.nType != MOX_SCANNER_TYPE_FILE) continue;
+            if (info.bParentLink) continue;
+            std::string strParent;
+            if (info.strBasePath != m_strMountPath) {
+                strParent = m_Relative(info.strBasePath);
+                if (strParent.empty()) continue;  // never outside the mount
+            }
+            const bool bFolder = info.nType == MOX_SCANNER_TYPE_DIR;
+            if (!bFolder && info.nExtensionGroup == 0) continue;
+            const std::string strRel = JoinRel(strParent, info.strName);
+            bool bIndexed = false;
+            bOk = m_WriteEntry(strRel, strParent, info.strName, bFolder, bFolder ? 0 : info.nExtensionGroup,
+                               bFolder ? 0 : info.llFileSize, info.tModified, true, rc, &bIndexed);
+            if (!bOk) break;
+            if (!bFolder && bIndexed) ++nFiles;
+            if (bFolder) m_Watch(strRel);
+        }
+        if (bOk) bOk = m_Commit(rc);
+        {
+            mox::MutexLock lock(m_mutex);
+            m_status.nTotal += nFiles;
+        }
+        if (!bOk) {
+            eResult = EScan::kFailed;
+            break;
+        }
+    }
+    scanner.Stop();
+    scanner.Destroy();
+    return eResult;
+}
+
+bool CMOXLibraryVolume::m_Extract(const SMOXLibraryPending& pending, SMOXLibraryFields& fields, bool& bGone,
+                                  int& nState) {
+    bGone = false;
+    mox_util::UniqueFd fd(m_OpenBeneath(pending.strRelPath, O_RDONLY | O_NONBLOCK));
+    struct stat st;
+    if (!fd.IsValid()) {
+        if (IsMissing(errno)) {
+            bGone = true;
+            return true;
+        }
+        MOX_WARN("library %s: cannot open a file (%s): the storage may be gone.", m_strMountPath.c_str(),
+                 strerror(errno));
+        return false;
+    }
+    if (fstat(fd.Get(), &st) != 0) return false;
+    if (!S_ISREG(st.st_mode)) {
+        bGone = true;
+        return true;
+    }
+    const std::string strPath = m_strMountPath + "/" + pending.strRelPath;
+    const bool bParsed = mox_library::ExtractFields(fd.Get(), strPath, NameOf(pending.strRelPath), pending.nMediaType,
+                                                    st.st_size, st.st_mtime, fields);
+    nState = !bParsed ? 2 : mox_library::HasContent(pending.nMediaType) ? 1 : 3;
+    return true;
+}
+
+CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
+    int64_t nAfter = 0;
+    std::vector<SMOXLibraryPending> pending;
+    std::vector<SMOXLibraryFields> fields;
+    std::vector<int> states;
+    std::vector<bool> gone;
+    int rc = SQLITE_OK;
+    for (;;) {
+        rc = m_db.NextPending(nAfter, kExtractBatch, pending);
+        if (rc != SQLITE_OK) {
+            m_Fail(rc, "read");
+            return EScan::kFailed;
+        }
+        if (pending.empty()) return EScan::kComplete;
+        fields.assign(pending.size(), SMOXLibraryFields());
+        states.assign(pending.size(), 0);
+        gone.assign(pending.size(), false);
+        size_t nDone = 0;
+        // Extraction first, outside any transaction: the helper is the slow part.
+        for (; nDone < pending.size(); ++nDone) {
+            if (Stopping() || !m_WaitWhileBusy()) break;
+            bool bGone = false;
+            if (!m_Extract(pending[nDone], fields[nDone], bGone, states[nDone])) break;
+            gone[nDone] = bGone;
+        }
+        if (nDone > 0 && !m_Change(rc)) return EScan::kFailed;
+        for (size_t i = 0; i < nDone; ++i) {
+            if (gone[i]) {
+                rc = m_db.DeleteId(pending[i].nId);
+                if (rc == SQLITE_OK) {
+                    --m_nRows;
+                    mox::MutexLock lock(m_mutex);
+                    --m_status.counts[CountSlot(pending[i].nMediaType)];
+                    --m_status.nTotal;
+                }
+            } else {
+                rc = m_db.StoreFields(pending[i].nId, fields[i], states[i], m_nNextGeneration);
+                if (rc == SQLITE_OK) {
+                    mox::MutexLock lock(m_mutex);
+                    ++m_status.nDone;
+                }
+            }
+            if (rc != SQLITE_OK) {
+                m_Fail(rc, "store");
+                return EScan::kFailed;
+            }
+        }
+        if (!m_Commit(rc)) return EScan::kFailed;
+        if (Stopping()) return EScan::kStopped;
+        if (nDone < pending.size()) return EScan::kFailed;
+        nAfter = pending.back().nId;
+    }
+}
+
+CMOXLibraryVolume::EScan CMOXLibraryVolume::m_DropVanished() {
+    int64_t nAfter = 0;
+    std::vector<std::pair<int64_t, std::string>> rows;
+    std::vector<int64_t> drop;
+    int rc = SQLITE_OK;
+    for (;;) {
+        if (Stopping()) return EScan::kStopped;
+        rc = m_db.RowsAfter(nAfter, kDropBatch, rows);
+        if (rc != SQLITE_OK) {
+            m_Fail(rc, "read");
+            return EScan::kFailed;
+        }
+        if (rows.empty()) return EScan::kComplete;
+        nAfter = rows.back().first;
+        drop.clear();
+        for (const auto& row : rows) {
+            if (row.first >= kMaxSeenId) continue;
+            if (static_cast<size_t>(row.first) < m_seen.size() && m_seen[static_cast<size_t>(row.first)]) continue;
+            // The walk ends quietly on a read error too: a row goes only when
+            // its file is really gone, and a storage that fails to answer
+            // keeps every row.
+            mox_util::UniqueFd fd(m_OpenBeneath(row.second, O_PATH));
+            if (fd.IsValid()) continue;
+            if (!IsMissing(errno)) {
+                MOX_WARN("library %s: cannot check a vanished entry (%s); rows kept.", m_strMountPath.c_str(),
+                         strerror(errno));
+                return EScan::kFailed;
+            }
+            drop.push_back(row.first);
+        }
+        if (drop.empty()) continue;
+        if (!m_Change(rc)) return EScan::kFailed;
+        for (int64_t nId : drop) {
+            rc = m_db.DeleteId(nId);
+            if (rc != SQLITE_OK) {
+                m_Fail(rc, "delete");
+                return EScan::kFailed;
+            }
+            --m_nRows;
+        }
+        if (!m_Commit(rc)) return EScan::kFailed;
+    }
+}
+
+void CMOXLibraryVolume::m_Watch(const std::string& strRel) {
+    if (!m_inotifyFd.IsValid()) return;
+    if (m_watches.size() >= m_bounds.nMaxWatches) {
+        if (!m_bWatchesFullLogged)
+            MOX_WARN(
+                "library %s: %zu folders watched, the bound: changes made by others below further folders "
+                "are picked up on the next mount or rescan.",
+                m_strMountPath.c_str(), m_watches.size());
+        m_bWatchesFullLogged = true;
+        return;
+    }
+    // The folder opened beneath the mount, watched through its descriptor:
+    // a link swapped in for it is never watched.
+    mox_util::UniqueFd fd(m_OpenBeneath(strRel.empty() ? "." : strRel, O_PATH | O_DIRECTORY));
+    if (!fd.IsValid()) return;
+    const std::string strProc = "/proc/self/fd/" + std::to_string(fd.Get());
+    const int wd = inotify_add_watch(m_inotifyFd.Get(), strProc.c_str(), kWatchMask & ~IN_DONT_FOLLOW);
+    if (wd < 0) {
+        if (!m_bWatchesFullLogged)
+            MOX_WARN("library %s: cannot watch more folders (%s): changes by others below them wait for a rescan.",
+                     m_strMountPath.c_str(), strerror(errno));
+        m_bWatchesFullLogged = true;
+        return;
+    }
+    m_watches[wd] = strRel;
+}
+
+void CMOXLibraryVolume::m_ReadInotify() {
+    alignas(struct inotify_event) char buf[16384];
+    for (;;) {
+        const ssize_t n = read(m_inotifyFd.Get(), buf, sizeof(buf));
+        if (n <= 0) return;
+        for (ssize_t off = 0; off < n;) {
+            const auto* ev = reinterpret_cast<const struct inotify_event*>(buf + off);
+            off += static_cast<ssize_t>(sizeof(struct inotify_event) + ev->len);
+            if (ev->mask & IN_Q_OVERFLOW) {
+                mox::MutexLock lock(m_mutex);
+                m_bRescan = true;
+                continue;
+            }
+            auto found = m_watches.find(ev->wd);
+            if (found == m_watches.end()) continue;
+            if (ev->mask & IN_IGNORED) {
+                m_watches.erase(found);
+                continue;
+            }
+            if (ev->len == 0) continue;
+            // A file being created is indexed when it is closed.
+            if ((ev->mask & IN_CREATE) && !(ev->mask & IN_ISDIR)) continue;
+            const std::string strRel = JoinRel(found->second, ev->name);
+            mox::MutexLock lock(m_mutex);
+            if (m_notices.size() >= m_bounds.nMaxNotices) {
+                m_notices.clear();
+                m_bRescan = true;
+            } else {
+                m_notices.push_back(strRel);
+            }
+        }
+    }
+}
+
+void CMOXLibraryVolume::m_ProcessNotices() {
+    std::deque<std::string> notices;
+    {
+        mox::MutexLock lock(m_mutex);
+        notices.swap(m_notices);
+    }
+    if (notices.empty()) return;
+    // A change in a folder changes the folder's time too.
+    const size_t nNamed = notices.size();
+    for (size_t i = 0; i < nNamed; ++i) {
+        const std::string strParent = ParentOf(notices[i]);
+        if (!strParent.empty() && std::find(notices.begin(), notices.end(), strParent) == notices.end())
+            notices.push_back(strParent);
+    }
+    const int64_t nBefore = m_db.Generation();
+    CMOXMediaExtension table;
+    int rc = SQLITE_OK;
+    for (const std::string& strRel : notices) {
+        if (Stopping()) break;
+        mox_util::UniqueFd fd(m_OpenBeneath(strRel, O_PATH));
+        struct stat st;
+        const bool bExists = fd.IsValid() && fstat(fd.Get(), &st) == 0;
+        const std::string strParent = ParentOf(strRel);
+        const std::string strName = NameOf(strRel);
+        std::string strExt;
+        const int nGroup = bExists && S_ISREG(st.st_mode)
+                               ? CMOXMediaExtension::GetMediaTypeFromExtension(table.ExtractExtension(strName, strExt))
+                               : 0;
+        const bool bIndexable = bExists && (S_ISDIR(st.st_mode) || nGroup != 0);
+        if (!bIndexable) {
+            if (bExists || IsMissing(errno)) {
+                int64_t nDeleted = 0;
+                SMOXLibraryRow row;
+                if (m_db.Lookup(strRel, row) != SQLITE_ROW) continue;
+                if (!m_Change(rc)) return;
+                rc = m_db.DeleteTree(strRel, nDeleted);
+                if (rc != SQLITE_OK) {
+                    m_Fail(rc, "delete");
+                    return;
+                }
+                m_nRows -= nDeleted;
+            }
+            continue;
+        }
+        const bool bFolder = S_ISDIR(st.st_mode);
+        SMOXLibraryRow known;
+        if (bFolder && m_db.Lookup(strRel, known) == SQLITE_DONE) {
+            // A folder moved in brings its contents: a rescan (quick for
+            // what did not change) finds them.
+            mox::MutexLock lock(m_mutex);
+            m_bRescan = true;
+        }
+        if (!m_WriteEntry(strRel, strParent, strName, bFolder, nGroup, bFolder ? 0 : st.st_size, st.st_mtime, false,
+                          rc))
+            return;
+        if (bFolder) m_Watch(strRel);
+    }
+    if (!m_Commit(rc)) return;
+    // New and changed files get their tags right away.
+    if (m_ExtractPending() == EScan::kFailed) MOX_WARN("library %s: live update incomplete.", m_strMountPath.c_str());
+    if (m_db.Generation() != nBefore) {
+        m_UpdateCounts();
+        int64_t nPending = 0;
+        m_db.PendingCount(nPending);
+        {
+            mox::MutexLock lock(m_mutex);
+            m_status.nTotal = m_status.counts[0] + m_status.counts[1] + m_status.counts[2] + m_status.counts[3];
+            m_status.nDone = m_status.nTotal - nPending;
+        }
+        m_Report();
+    }
+}

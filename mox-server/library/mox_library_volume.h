@@ -1,0 +1,142 @@
+// CMOXLibraryVolume: the index of one mounted volume, kept by one thread.
+//
+// On start the thread opens (or rebuilds) the volume's database, then walks
+// the volume with a normal-mode auto scanner, draining its scan list in
+// batches: folders and media files (by the extension table) whose size and
+// time are unchanged are only marked seen; new and changed ones are written
+// as rows waiting for extraction. Then the waiting rows are extracted through
+// the mox-extract helper in batches; a walk that finished lets rows of
+// vanished files go. Afterwards the thread follows live changes (notices of
+// the engine's own file operations, inotify on a bounded number of folders)
+// and rescans on request.
+//
+// Each committed transaction that changed rows raises the volume's generation
+// by one and stamps the rows it changed. Work stops at once when Stop() is
+// called (the helper round trip of one file at most), and waits while users
+// are served (the shared busy flag): the scanner is paused.
+//
+// Threads and locks: public operations are called from any thread and take
+// m_mutex only briefly; the status callback runs on the volume's thread with
+// no lock held.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include <mox_unique_fd.h>
+
+#include "mox_library_db.h"
+#include "mox_thread_annotations.h"
+
+struct SMOXLibraryStatus {
+    std::string strMountPath;
+    std::string strVolumeId;
+    std::string strState;  // "indexing", "ready", "paused", "failed"
+    int64_t nDone = 0;
+    int64_t nTotal = 0;
+    int64_t nGeneration = 0;
+    int64_t counts[4] = {0, 0, 0, 0};  // photo, video, music, other
+    int64_t nDbBytes = 0;
+    // The mox_library_notification document (db_bytes only when bWithSize).
+    std::string ToJson(bool bWithSize) const;
+};
+
+// Bounds of one volume (documented in the README).
+struct SMOXLibraryBounds {
+    int64_t nMaxRows = 2000000;
+    size_t nMaxWatches = 4096;
+    size_t nMaxNotices = 1024;
+};
+
+class CMOXLibraryVolume {
+public:
+    using Reporter = std::function<void(const SMOXLibraryStatus&)>;
+    // True while the database files of the library fit their byte bound
+    // (the library drops least-recently-mounted volumes to make room).
+    using BudgetCheck = std::function<bool()>;
+
+    CMOXLibraryVolume(std::string strMountPath, std::string strVolumeId, std::string strDbPath,
+                      const std::atomic<bool>& rUsersBusy, Reporter reporter, BudgetCheck budget,
+                      SMOXLibraryBounds bounds = SMOXLibraryBounds());
+    ~CMOXLibraryVolume();  // stops and joins
+    CMOXLibraryVolume(const CMOXLibraryVolume&) = delete;
+    CMOXLibraryVolume& operator=(const CMOXLibraryVolume&) = delete;
+
+    bool Start();
+    // Asks the thread to end (no wait); Join() waits for it.
+    void RequestStop();
+    void Join();
+    void Rescan();
+    // A path below the mount changed (absolute).
+    void NoteChanged(const std::string& strPath);
+    SMOXLibraryStatus Status();
+    const std::string& MountPath() const { return m_strMountPath; }
+    const std::string& VolumeId() const { return m_strVolumeId; }
+    const std::string& DbPath() const { return m_strDbPath; }
+
+private:
+    enum class EScan { kComplete, kStopped, kFailed };
+
+    void m_Thread();
+    void m_Run();
+    EScan m_Scan();
+    EScan m_Walk(bool& bWalkComplete);
+    EScan m_ExtractPending();
+    EScan m_DropVanished();
+    bool m_WriteEntry(const std::string& strRel, const std::string& strParent, const std::string& strName, bool bFolder,
+                      int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, int& rc,
+                      bool* pbIndexed = nullptr);
+    void m_ProcessNotices();
+    bool m_Extract(const SMOXLibraryPending& pending, SMOXLibraryFields& fields, bool& bGone, int& nState);
+    // A transaction of changes: begins lazily, commits with a new generation.
+    bool m_Change(int& rc);
+    bool m_Commit(int& rc);
+    bool m_Fail(int rc, const char* szWhat);
+    void m_Watch(const std::string& strRel);
+    void m_ReadInotify();
+    bool m_WaitWhileBusy();
+    void m_SetState(const char* szState, bool bReport);
+    void m_Report();
+    void m_UpdateCounts();
+    int m_OpenBeneath(const std::string& strRel, int nFlags);
+    std::string m_Relative(const std::string& strAbsolute) const;
+    bool Stopping() const { return m_bStop.load(); }
+
+    const std::string m_strMountPath;
+    const std::string m_strVolumeId;
+    const std::string m_strDbPath;
+    const std::atomic<bool>& m_rUsersBusy;
+    const Reporter m_reporter;
+    const BudgetCheck m_budget;
+    const SMOXLibraryBounds m_bounds;
+
+    std::atomic<bool> m_bStop{false};
+    std::thread m_thread;
+    mox_util::UniqueFd m_wakeFd;  // eventfd: notices, rescans and stop wake the thread
+
+    mox::Mutex m_mutex;
+    SMOXLibraryStatus m_status GUARDED_BY(m_mutex);
+    std::deque<std::string> m_notices GUARDED_BY(m_mutex);  // relative paths
+    bool m_bRescan GUARDED_BY(m_mutex) = false;
+
+    // The thread's own state (never touched by other threads).
+    CMOXLibraryDb m_db;
+    mox_util::UniqueFd m_mountFd;  // O_PATH of the mount, opened beneath the USB root
+    mox_util::UniqueFd m_inotifyFd;
+    std::unordered_map<int, std::string> m_watches;  // watch descriptor -> relative folder
+    bool m_bWatchesFullLogged = false;
+    std::vector<bool> m_seen;  // by row id, during a scan
+    bool m_bInTransaction = false;
+    int64_t m_nNextGeneration = 0;
+    int64_t m_nRows = 0;
+    bool m_bRowsFullLogged = false;
+    bool m_bBudgetLogged = false;
+    bool m_bFull = false;  // the index's file system was full
+    int m_nInsertsSinceBudget = 0;
+};

@@ -1,0 +1,139 @@
+#!/bin/bash
+# The media library's performance, each figure against a baseline measured in
+# the same run (Release build, private bus, spool USB service):
+#   - first index of a generated tree (JPEG with EXIF, MP3 with ID3, short
+#     MP4, a third each, in 100 folders): files per second against the raw
+#     floor (bench_library_floor: walk, in-process libexif/TagLib/libavformat,
+#     batched SQLite inserts);
+#   - re-plug of the unchanged volume: time to "ready" against a raw walk+stat
+#     of the tree, and the generation (unchanged = nothing extracted);
+#   - get_usb_storages p99 while indexing against idle;
+#   - the daemon's RSS growth over the index.
+# The tree's files are hard links of three samples per folder (no disk for
+# big trees); both sides read the same bytes.
+# Medians and ranges of MOX_BENCH_ROUNDS runs (default 3).
+#   scripts/run-bench-library.sh
+# MOX_BENCH_LIBRARY_FILES (default 10000) sizes the tree; build directory
+# $MOX_BENCH_BUILD_DIR (default build-bench); trees cached in
+# /tmp/mox-bench-library.
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+build=${MOX_BENCH_BUILD_DIR:-$ROOT/build-bench}
+files=${MOX_BENCH_LIBRARY_FILES:-10000}
+rounds=${MOX_BENCH_ROUNDS:-3}
+jobs=${MOX_BUILD_JOBS:-2}
+py=/usr/bin/python3
+
+cmake -S "$ROOT" -B "$build" -DCMAKE_BUILD_TYPE=Release -DMOX_SANITIZE= -DMOX_BUILD_BENCH=ON \
+  -DMOX_BUILD_TESTS=OFF >/dev/null
+cmake --build "$build" -j"$jobs" --target mox-engine mox-extract moxctl bench_library_floor >/dev/null
+
+tree=/tmp/mox-bench-library/$files
+if [ ! -f "$tree/.done" ]; then
+  rm -rf "$tree" && mkdir -p "$tree/.samples"
+  s=$tree/.samples
+  convert -size 640x480 plasma:fractal "$s/p.jpg"
+  exiftool -q -overwrite_original '-DateTimeOriginal=2022:07:08 09:10:11' -Model=Bench "$s/p.jpg"
+  ffmpeg -v error -y -f lavfi -i sine=duration=3 -b:a 128k -metadata artist=Artist -metadata album=Album \
+    -metadata title=Song -metadata track=1 "$s/s.mp3"
+  ffmpeg -v error -y -f lavfi -i testsrc=size=320x240:rate=10 -t 1 -c:v mpeg4 "$s/v.mp4"
+  # Each folder links its own copies of the samples: an inode stays far
+  # below the file system's link limit, also after the copy below.
+  "$py" - "$tree" "$files" <<'PY'
+import os, shutil, sys
+tree, files = sys.argv[1], int(sys.argv[2])
+names = ("p.jpg", "s.mp3", "v.mp4")
+for f in range(100):
+    d = "%s/folder%d" % (tree, f)
+    os.makedirs(d, exist_ok=True)
+    for n in names:
+        shutil.copy(os.path.join(tree, ".samples", n), os.path.join(d, "." + n))
+for i in range(files):
+    d = "%s/folder%d" % (tree, i % 100)
+    n = names[i % 3]
+    os.link(os.path.join(d, "." + n), os.path.join(d, "%s%d.%s" % (n[0], i, n.split(".")[1])))
+for f in range(100):
+    for n in names:
+        os.remove("%s/folder%d/.%s" % (tree, f, n))
+PY
+  touch "$tree/.done"
+fi
+
+WORK=$(mktemp -d /tmp/mox-bench-library.XXXXXX)
+# shellcheck source=lib/engine-env.sh
+. "$ROOT/scripts/lib/engine-env.sh"
+trap engine_env_cleanup EXIT
+engine_env_start_bus
+export MOX_LIBRARY_DIR=$WORK/library MOX_LOG_LEVEL=warning
+mkdir -p "$WORK/usb/stick"
+cp -al "$tree"/folder* "$WORK/usb/stick/"
+"$build/mox-server/engine/src/mox-engine" &
+ENGINE_PID=$!
+engine_env_wait_for_name
+moxctl() { "$build/client/moxctl" --timeout 600 "$@"; }
+
+plug() {
+  printf '{"devname":"/dev/sdz1","class":8,"mount_path":"%s","fs_type":2,"fs_uuid":"BENCH-1"}' \
+    "$WORK/usb/stick" >"$WORK/spool/.s"
+  mv "$WORK/spool/.s" "$WORK/spool/s.json"
+}
+unplug() { rm -f "$WORK/spool/s.json"; sleep 0.5; }
+now() { date +%s.%N; }
+rss() { awk '/VmRSS/ {print $2}' "/proc/$ENGINE_PID/status"; }
+# get_usb_storages latencies (ms), one per line, for $1 seconds.
+probe() {
+  "$py" - "$1" <<'PY'
+import sys, time
+from gi.repository import Gio, GLib
+bus = Gio.bus_get_sync(Gio.BusType.SYSTEM, None)
+end = time.monotonic() + float(sys.argv[1])
+while time.monotonic() < end:
+    t = time.monotonic()
+    bus.call_sync("com.orvia.mox.engine", "/com/orvia/mox/engine", "com.orvia.mox.engine", "get_usb_storages",
+                  GLib.Variant("(u)", (1,)), None, Gio.DBusCallFlags.NONE, 10000, None)
+    print((time.monotonic() - t) * 1000.0)
+    time.sleep(0.005)
+PY
+}
+p99() { sort -n | awk '{a[NR]=$1} END {i=int(NR*0.99); if (i<1) i=1; print a[i]}'; }
+stats() { sort -n | awk '{a[NR]=$1} END {printf "median %.3f (range %.3f-%.3f)", a[int((NR+1)/2)], a[1], a[NR]}'; }
+
+idle_p99=$(probe 3 | p99)
+rss_before=$(rss)
+: >"$WORK/first" ; : >"$WORK/replug"; : >"$WORK/floor"; : >"$WORK/walk"; : >"$WORK/busy"
+for ((r = 0; r < rounds; r++)); do
+  unplug
+  rm -f "$MOX_LIBRARY_DIR"/*.db*
+  t0=$(now); plug
+  probe 4 >>"$WORK/busy" &
+  probe_pid=$!
+  moxctl library wait "$WORK/usb/stick" >/dev/null
+  t1=$(now)
+  wait "$probe_pid"
+  echo "$files / ($t1 - $t0)" | bc -l >>"$WORK/first"
+  gen=$(moxctl --json library status "$WORK/usb/stick" | "$py" -c 'import json,sys; print(json.load(sys.stdin)["generation"])')
+  unplug
+  t0=$(now); plug
+  moxctl library wait "$WORK/usb/stick" >/dev/null
+  t1=$(now)
+  echo "$t1 - $t0" | bc -l >>"$WORK/replug"
+  gen2=$(moxctl --json library status "$WORK/usb/stick" | "$py" -c 'import json,sys; print(json.load(sys.stdin)["generation"])')
+  [ "$gen" = "$gen2" ] || echo "re-plug changed the generation ($gen -> $gen2): files were extracted again" >&2
+  read -r n s < <("$build/bench/bench_library_floor" "$tree" "$WORK/floor.db")
+  echo "$n / $s" | bc -l >>"$WORK/floor"
+  read -r n s < <("$build/bench/bench_library_floor" "$tree" "$WORK/floor.db" --walk-only)
+  echo "$s" >>"$WORK/walk"
+done
+rss_after=$(rss)
+first=$(sort -n "$WORK/first" | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
+floor=$(sort -n "$WORK/floor" | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
+replug=$(sort -n "$WORK/replug" | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
+walk=$(sort -n "$WORK/walk" | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
+busy_p99=$(p99 <"$WORK/busy")
+echo "first index of $files files: $(stats <"$WORK/first") files/s"
+echo "  raw floor: $(stats <"$WORK/floor") files/s -> $(echo "$first / $floor" | bc -l | cut -c1-5)x the floor (goal >= 0.5)"
+echo "re-plug unchanged: $(stats <"$WORK/replug") s to ready (includes moxctl and the bus)"
+echo "  raw walk+stat: $(stats <"$WORK/walk") s -> $(echo "$replug / $walk" | bc -l | cut -c1-6)x (goal <= 1.5)"
+echo "get_usb_storages p99: idle $idle_p99 ms, while indexing $busy_p99 ms -> $(echo "$busy_p99 / $idle_p99" | bc -l | cut -c1-5)x (goal <= 2)"
+echo "daemon RSS: $rss_before KiB before, $rss_after KiB after $rounds indexes of $files files"
