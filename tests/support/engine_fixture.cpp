@@ -134,6 +134,8 @@ void EngineHarness::Prepare() {
     m_env["MOX_APP_DATA_DIR"] = AppDataDir();
     m_env["MOX_USB_ROOT"] = UsbRoot();
     m_env["MOX_VCONF_DIR"] = VconfDir();
+    // Never the system's index: every daemon of a test indexes into its own.
+    m_env["MOX_LIBRARY_DIR"] = m_dir.file("library");
     m_env["MOX_FEATURES_FILE"] = FeaturesFile();
     m_env["MOX_CA_BUNDLE"] = m_dir.file("ca.pem");
     m_env["MOX_USB_BACKEND"] = "spool:" + SpoolDir();
