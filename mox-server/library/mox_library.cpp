@@ -105,24 +105,42 @@ CMOXLibrary::CMOXLibrary(IMOXSignalSink& sink, ClientsFn clients)
     g_pLibrary = this;
 }
 
-CMOXLibrary::~CMOXLibrary() {
+bool CMOXLibrary::Stop(std::chrono::milliseconds wait) {
     {
         mox::MutexLock lock(g_hookMutex);
         g_pLibrary = nullptr;
     }
-    std::vector<std::unique_ptr<CMOXLibraryVolume>> volumes;
     {
         mox::MutexLock lock(m_mutex);
         m_bQuit = true;
-        for (auto& entry : m_volumes) volumes.push_back(std::move(entry.second));
+        for (auto& entry : m_volumes) m_final.push_back(std::move(entry.second));
         m_volumes.clear();
-        for (auto& pVolume : m_stopping) volumes.push_back(std::move(pVolume));
+        for (auto& pVolume : m_stopping) m_final.push_back(std::move(pVolume));
         m_stopping.clear();
     }
     m_wake.notify_all();
+    // The ticker never waits on an indexer (it destroys finished ones only).
     if (m_ticker.joinable()) m_ticker.join();
-    for (auto& pVolume : volumes) pVolume->RequestStop();
-    volumes.clear();  // joins each
+    for (auto& pVolume : m_final) pVolume->RequestStop();
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    auto allFinished = [this] {
+        for (const auto& pVolume : m_final)
+            if (!pVolume->Finished()) return false;
+        return true;
+    };
+    while (!allFinished()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            MOX_WARN("library: an indexer is stuck on a storage; it is left running.");
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    m_final.clear();  // joins threads that have returned
+    return true;
+}
+
+CMOXLibrary::~CMOXLibrary() {
+    Stop(std::chrono::hours(24 * 365));
 }
 
 void CMOXLibrary::OnMounted(usb_device_h device) {
@@ -275,7 +293,16 @@ void CMOXLibrary::m_Ticker() {
                 if (status.strState == "indexing" || status.strState == "paused") busy.push_back(std::move(status));
             }
         }
-        stopped.clear();  // joins outside the lock
+        // Joined outside the lock, and only once returned: a volume stuck on
+        // a hung storage waits here for its next round.
+        std::vector<std::unique_ptr<CMOXLibraryVolume>> running;
+        for (auto& pVolume : stopped)
+            if (!pVolume->Finished()) running.push_back(std::move(pVolume));
+        stopped.clear();
+        if (!running.empty()) {
+            mox::MutexLock lock(m_mutex);
+            for (auto& pVolume : running) m_stopping.push_back(std::move(pVolume));
+        }
         for (const SMOXLibraryStatus& status : busy) m_Emit(status);
     }
 }

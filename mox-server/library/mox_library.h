@@ -45,7 +45,12 @@ public:
     static constexpr std::chrono::milliseconds kTick{750};
 
     CMOXLibrary(IMOXSignalSink& sink, ClientsFn clients);
-    // Stops every indexer and waits for them; the hooks do nothing afterwards.
+    // Stops every indexer and waits up to `wait` for them; the hooks do
+    // nothing afterwards. false (one warning) when an indexer is still inside
+    // a call on a hung storage: the library must then not be destroyed (its
+    // indexers still use it) and is kept until the process ends.
+    bool Stop(std::chrono::milliseconds wait);
+    // Stop() without a bound, unless Stop() already ended every indexer.
     ~CMOXLibrary();
     CMOXLibrary(const CMOXLibrary&) = delete;
     CMOXLibrary& operator=(const CMOXLibrary&) = delete;
@@ -78,7 +83,10 @@ private:
 
     mox::Mutex m_mutex;
     std::map<std::string, std::unique_ptr<CMOXLibraryVolume>> m_volumes GUARDED_BY(m_mutex);  // by mount path
+    // Stopped, destroyed by the ticker once their thread has returned.
     std::vector<std::unique_ptr<CMOXLibraryVolume>> m_stopping GUARDED_BY(m_mutex);
+    // Every volume, after Stop() took them.
+    std::vector<std::unique_ptr<CMOXLibraryVolume>> m_final;
     bool m_bQuit GUARDED_BY(m_mutex) = false;
     std::condition_variable m_wake;
     mox::Mutex m_budgetMutex;  // one eviction at a time

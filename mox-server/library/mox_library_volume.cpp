@@ -115,7 +115,10 @@ bool CMOXLibraryVolume::Start() {
         return false;
     }
     try {
-        m_thread = std::thread([this] { m_Thread(); });
+        m_thread = std::thread([this] {
+            m_Thread();
+            m_bFinished = true;
+        });
     } catch (const std::exception& e) {
         MOX_WARN("library %s: cannot start its thread (%s).", m_strMountPath.c_str(), e.what());
         return false;

@@ -72,6 +72,8 @@ public:
     // Asks the thread to end (no wait); Join() waits for it.
     void RequestStop();
     void Join();
+    // True once the indexing thread has returned (Join() will not wait).
+    bool Finished() const { return m_bFinished.load(); }
     void Rescan();
     // A path below the mount changed (absolute).
     void NoteChanged(const std::string& strPath);
@@ -117,6 +119,7 @@ private:
     const SMOXLibraryBounds m_bounds;
 
     std::atomic<bool> m_bStop{false};
+    std::atomic<bool> m_bFinished{false};
     std::thread m_thread;
     mox_util::UniqueFd m_wakeFd;  // eventfd: notices, rescans and stop wake the thread
 

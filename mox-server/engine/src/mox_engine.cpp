@@ -56,6 +56,8 @@ constexpr int kWatchdogPeriodSec = 60;
 // they were told to end before it, and one that is not stuck in a system
 // call ends within a step.
 constexpr std::chrono::milliseconds kScanShutdownWait{300};
+// How long the stop waits for library indexers to return from the storage.
+constexpr std::chrono::milliseconds kLibraryStopWait{1000};
 
 struct GFreeDeleter {
     void operator()(gchar* p) const { g_free(p); }
@@ -261,6 +263,10 @@ CMOXEngineImp* g_pEngineAtExit = nullptr;
 // Set when a thread was left stuck in a system call at shutdown.
 bool g_bThreadsAbandoned = false;
 CMOXBusService* g_pBusAtExit = nullptr;  // likewise: the kept engine's signal sink
+// A library whose indexer is stuck on a storage, and the storage manager it
+// reads bound clients from: kept until the process ends.
+CMOXLibrary* g_pLibraryAtExit = nullptr;
+CMOXStorageMgr* g_pStorageAtExit = nullptr;
 
 // The engine drops the result lists clients still hold; the sources, the
 // cached blocks and the UHD provider go only when no command runs any more.
@@ -306,6 +312,13 @@ struct Daemon {
         // while the storage manager (their list of bound clients), the
         // engine and the bus are still there.
         g_pLibrary = nullptr;
+        bool bLibraryKept = false;
+        if (pLibrary && !pLibrary->Stop(kLibraryStopWait)) {
+            // Its stuck indexer still uses it and the storage manager.
+            bLibraryKept = true;
+            g_pLibraryAtExit = pLibrary.release();
+            g_pStorageAtExit = pStorage.release();
+        }
         pLibrary.reset();
         pStorage.reset();
         // Scans end while the engine waits for its commands.
@@ -325,7 +338,7 @@ struct Daemon {
         CMOXSingleton<CCacheFolder>::Destroy();
         // A kept engine still sends through the bus service when its stuck
         // command returns: the service stays too, until the process ends.
-        g_bThreadsAbandoned = bEngineKept || !bScansEnded;
+        g_bThreadsAbandoned = bEngineKept || !bScansEnded || bLibraryKept;
         if (g_bThreadsAbandoned)
             g_pBusAtExit = pBus.release();
         else
@@ -351,7 +364,8 @@ int Serve(Daemon& daemon, GMainLoop* loop) {
     daemon.pEngine = std::make_unique<CMOXEngineImp>(*daemon.pBus);
     daemon.pStorage = std::make_unique<CMOXStorageMgr>();
     CMOXStorageMgr* pStorage = daemon.pStorage.get();
-    daemon.pLibrary = std::make_unique<CMOXLibrary>(*daemon.pBus, [pStorage] { return pStorage->GetNotificationClients(); });
+    daemon.pLibrary =
+        std::make_unique<CMOXLibrary>(*daemon.pBus, [pStorage] { return pStorage->GetNotificationClients(); });
     g_pLibrary = daemon.pLibrary.get();
     daemon.pStorage->SetNotificationCB(notify_storages);
     MOX_DEBUG("SetInternalCB in mox_engine.cpp...");
