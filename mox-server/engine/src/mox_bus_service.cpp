@@ -82,10 +82,11 @@ void StartFileJob(const Call& call, bool bWrite) {
     const gchar* szSecond = nullptr;
     g_variant_get(call.parameters, "(&s&s)", &szPath, &szSecond);
     uid_t uid = bWrite ? call.service->CallerUid(call.invocation) : static_cast<uid_t>(-1);
-    auto* job = new FileJob{G_DBUS_METHOD_INVOCATION(g_object_ref(call.invocation)), bWrite, szPath,
-                            bWrite ? szSecond : "", uid};
+    auto job = std::make_unique<FileJob>(
+        FileJob{G_DBUS_METHOD_INVOCATION(g_object_ref(call.invocation)), bWrite, szPath, bWrite ? szSecond : "", uid});
     GTask* task = g_task_new(nullptr, nullptr, FinishFileJob, nullptr);
-    g_task_set_task_data(task, job, [](gpointer p) { delete static_cast<FileJob*>(p); });
+    // The task owns the job from here.
+    g_task_set_task_data(task, job.release(), [](gpointer p) { std::unique_ptr<FileJob>(static_cast<FileJob*>(p)); });
     g_task_run_in_thread(task, RunFileJob);
     g_object_unref(task);
 }
@@ -360,9 +361,8 @@ struct FilterData {
 };
 
 void FreeFilterData(gpointer data) {
-    auto* filter = static_cast<FilterData*>(data);
+    std::unique_ptr<FilterData> filter(static_cast<FilterData*>(data));
     g_dbus_interface_info_unref(filter->iface);
-    delete filter;
 }
 
 GDBusMessage* FilterUnknownMethods(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
@@ -374,8 +374,8 @@ GDBusMessage* FilterUnknownMethods(GDBusConnection* connection, GDBusMessage* me
         return message;
     const gchar* member = g_dbus_message_get_member(message);
     if (member && g_dbus_interface_info_lookup_method(filter->iface, member)) return message;
-    auto* call = new UnknownCall{G_DBUS_CONNECTION(g_object_ref(connection)), message};
-    g_main_context_invoke(nullptr, AnswerUnknownMethod, call);
+    auto call = std::make_unique<UnknownCall>(UnknownCall{G_DBUS_CONNECTION(g_object_ref(connection)), message});
+    g_main_context_invoke(nullptr, AnswerUnknownMethod, call.release());  // AnswerUnknownMethod owns it
     return nullptr;  // the message's reference now belongs to `call`
 }
 
@@ -450,8 +450,8 @@ void CMOXBusService::Unown() {
 void CMOXBusService::s_OnBusAcquired(GDBusConnection* connection, const gchar*, gpointer self) {
     auto* pThis = static_cast<CMOXBusService*>(self);
     GDBusNodeInfo* node = pThis->m_pNode;
-    auto* filter = new FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])};
-    g_dbus_connection_add_filter(connection, FilterUnknownMethods, filter, FreeFilterData);
+    auto filter = std::make_unique<FilterData>(FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])});
+    g_dbus_connection_add_filter(connection, FilterUnknownMethods, filter.release(), FreeFilterData);
     if (!pThis->m_pConnection) {
         pThis->m_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
         // GDBus's own exit-on-close would raise SIGTERM at any moment, also in

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include <mox/json_value.h>
@@ -338,7 +339,7 @@ bool CMOXEngineImp::m_DropList(const std::string& strShmName) {
         CResultListBuilder::Drop(strShmName);
         return true;
     }
-    CResultList* pResultPool = new CResultList(strShmName);
+    auto pResultPool = std::make_unique<CResultList>(strShmName);
     const int nBlockCount = pResultPool->GetBlockCount();
     MOX_DEBUG("BlockCount[%d] in shm[%s]", nBlockCount, strShmName.c_str());
     MOX_DEBUG("start for loop in tid: %d.", nBlockCount);
@@ -348,7 +349,6 @@ bool CMOXEngineImp::m_DropList(const std::string& strShmName) {
         MOX_DEBUG("sShmName: %s", sShmName.c_str());
         if (sShmName.empty()) {
             MOX_WARN("sShmName.empty()");
-            MOX_SAFE_DELETE_PTR(pResultPool);
             return false;
         }
         MOX_DEBUG("!sShmName.empty()");
@@ -356,9 +356,7 @@ bool CMOXEngineImp::m_DropList(const std::string& strShmName) {
         if (CCacheBuilder::GetCacheId(sShmName, nCacheId)) CMOXSingleton<CCachePool>::Get()->Delete(nCacheId);
     }
     CResultListBuilder::Drop(strShmName);
-    MOX_DEBUG("MOX_SAFE_DELETE_PTR(pResultPool) start...");
-    MOX_SAFE_DELETE_PTR(pResultPool);
-    MOX_DEBUG("MOX_SAFE_DELETE_PTR(pResultPool) end.");
+    pResultPool.reset();
     return true;
 }
 

@@ -40,19 +40,19 @@ struct SMOXScanCallbackData {
 };
 
 void FreeCallbackData(void* pData) {
-    auto* data = static_cast<SMOXScanCallbackData*>(pData);
+    std::unique_ptr<SMOXScanCallbackData> data(static_cast<SMOXScanCallbackData*>(pData));
     if (data->client.connection) g_object_unref(data->client.connection);
-    delete data;
 }
 
+// Handed to the scanner as its C callback data; FreeCallbackData frees it.
 SMOXScanCallbackData* NewCallbackData(int nScannerId, const connect_info_s& caller, IMOXSignalSink& sink) {
-    auto* data = new SMOXScanCallbackData();
+    auto data = std::make_unique<SMOXScanCallbackData>();
     data->nScannerId = nScannerId;
     data->pManager = CMOXSingleton<CMOXScanManager>::Get();
     data->pSink = &sink;
     data->client = caller;
     if (caller.connection) g_object_ref(caller.connection);
-    return data;
+    return data.release();
 }
 
 CMOXScanManager* Manager() {

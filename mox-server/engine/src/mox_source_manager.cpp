@@ -185,7 +185,7 @@ struct SBusySources {
 
 SBusySources& Busy() {
     // Never destroyed: a stuck command thread may still leave its call at exit.
-    static SBusySources* s_pBusy = new SBusySources();
+    static SBusySources* s_pBusy = new SBusySources();  // NOLINT(cppcoreguidelines-owning-memory): never destroyed
     return *s_pBusy;
 }
 

@@ -25,7 +25,7 @@ CMOXStorageMgr::CMOXStorageMgr() {
     // callback in flight; doing it before taking m_mutex keeps the order
     // "platform callback lock, then m_mutex" that events follow. An event
     // arriving meanwhile waits for the first enumeration below.
-    m_pMOXUsbManager = new CMOXUSBMgr();
+    m_pMOXUsbManager = std::make_unique<CMOXUSBMgr>();
     m_pMOXUsbManager->SetNotificationCb(cb_mscNotification, this);
     mox::MutexLock lock(m_mutex);
     m_InitFinishFlag = m_Create();
@@ -33,7 +33,7 @@ CMOXStorageMgr::CMOXStorageMgr() {
 
 CMOXStorageMgr::~CMOXStorageMgr() {
     // Stops the USB service: no event runs or arrives after this.
-    MOX_SAFE_DELETE_PTR(m_pMOXUsbManager);
+    m_pMOXUsbManager.reset();
     {
         mox::MutexLock lock(m_mutex);
         m_DestroyUSBList();
@@ -43,7 +43,7 @@ CMOXStorageMgr::~CMOXStorageMgr() {
 
 bool CMOXStorageMgr::m_Create() {
     if (!m_pMOXUsbManager) {
-        m_pMOXUsbManager = new CMOXUSBMgr();
+        m_pMOXUsbManager = std::make_unique<CMOXUSBMgr>();
         m_pMOXUsbManager->SetNotificationCb(cb_mscNotification, this);
     }
     if (!m_InitUSBList()) {

@@ -128,7 +128,8 @@ struct SBlocksInProgress {
 
 SBlocksInProgress& BlocksInProgress() {
     // Never destroyed: a stuck source thread may still use it at exit.
-    static SBlocksInProgress* s_pBlocks = new SBlocksInProgress();
+    static SBlocksInProgress* s_pBlocks =
+        new SBlocksInProgress();  // NOLINT(cppcoreguidelines-owning-memory): never destroyed
     return *s_pBlocks;
 }
 
@@ -196,7 +197,7 @@ struct SListBlocks {
 };
 
 SListBlocks& ListBlocks() {
-    static SListBlocks* s_pLists = new SListBlocks();  // never destroyed, as above
+    static SListBlocks* s_pLists = new SListBlocks();  // NOLINT(cppcoreguidelines-owning-memory): never destroyed
     return *s_pLists;
 }
 
