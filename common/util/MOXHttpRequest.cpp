@@ -82,7 +82,7 @@ MOXHttpRequest::MOXHttpRequest(HTTP_REQUEST_TYPE type, std::string url, const MO
 MOXHttpRequest::~MOXHttpRequest() {
     if (m_pHeaderList) curl_slist_free_all(static_cast<curl_slist*>(m_pHeaderList));
     if (m_pHandle) curl_easy_cleanup(Handle(m_pHandle));
-    if (m_pFile) fclose(m_pFile);
+    if (m_pFile) fclose(m_pFile);  // NOLINT(cppcoreguidelines-owning-memory): the request owns its file
 }
 
 void MOXHttpRequest::setOutputFd(int fd) {
@@ -112,7 +112,7 @@ bool MOXHttpRequest::makeHttpRequestHeaders() {
 }
 
 bool MOXHttpRequest::setPUTFileUploadOption() {
-    m_pFile = fopen(m_strFileName.c_str(), "rbe");
+    m_pFile = fopen(m_strFileName.c_str(), "rbe");  // NOLINT(cppcoreguidelines-owning-memory): closed above
     struct stat st;
     if (m_pFile == nullptr || fstat(fileno(m_pFile), &st) != 0 || !S_ISREG(st.st_mode)) {
         MOX_WARN("setPUTFileUploadOption Error");
@@ -148,7 +148,7 @@ bool MOXHttpRequest::init() {
     } else {
         if (m_nOutputFd < 0) {
             MOX_TRACE("In init, m_strFileName:%s\n", m_strFileName.c_str());
-            m_pFile = fopen(m_strFileName.c_str(), "wbe");
+            m_pFile = fopen(m_strFileName.c_str(), "wbe");  // NOLINT(cppcoreguidelines-owning-memory)
             if (m_pFile == nullptr) {
                 MOX_TRACE("ERROR: fcntl file:%s\n ", m_strFileName.c_str());
                 return false;

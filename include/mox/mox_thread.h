@@ -50,8 +50,9 @@ public:
     // Handle of a thread that is not running (Thread_id() of a fresh object).
     // A sentinel compared, never dereferenced.
     static GThread* NoThread() {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr)
         return reinterpret_cast<GThread*>(~uintptr_t(0));
-    }  // NOLINT(performance-no-int-to-ptr)
+    }
 
     // Starts t_Process() on a thread named szName. false for a null name or
     // when GLib cannot make the thread (logged). Blocks until the thread runs.

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <utility>
 
 #include <mox/mox_log.h>
 
@@ -56,7 +57,7 @@ bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& 
     return Add(std::move(strQuery), builder, strShmName, validity);
 }
 
-bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& strShmName,
+bool CCachePool::Add(const std::string& strQuery, CCacheBuilder& builder, std::string& strShmName,
                      const SCacheValidity& validity) {
     mox::MutexLock lock(m_mutex);
     if (!builder.IsBuilt()) {
@@ -102,7 +103,7 @@ bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& 
     return true;
 }
 
-bool CCachePool::HitCache(std::string strQuery, std::string& strShmName, const std::string& strStamp) {
+bool CCachePool::HitCache(const std::string& strQuery, std::string& strShmName, const std::string& strStamp) {
     mox::MutexLock lock(m_mutex);
     auto query = m_queryToCacheIdMap.find(strQuery);
     if (query != m_queryToCacheIdMap.end()) {
@@ -200,7 +201,7 @@ void CCachePool::m_Forget(int nCacheId) {
 
 bool CCachePool::HitCache(std::string strQuery, std::string& strShmName) {
     mox::MutexLock lock(m_mutex);
-    CCacheBlock* pBlock = m_HitCache(strQuery);
+    CCacheBlock* pBlock = m_HitCache(std::move(strQuery));
     if (pBlock == nullptr) return false;
     strShmName = pBlock->GetName();
     return true;
@@ -211,7 +212,7 @@ void CCachePool::Delete(int nCacheId) {
     m_Delete(nCacheId);
 }
 
-void CCachePool::Delete(std::string strQuery) {
+void CCachePool::Delete(const std::string& strQuery) {
     mox::MutexLock lock(m_mutex);
     m_DeletePersistant(strQuery);
     m_Delete(strQuery);
@@ -261,7 +262,7 @@ std::vector<int> CCachePool::GetLRUIndexes() {
     return std::vector<int>(m_LRUIndexes.begin(), m_LRUIndexes.end());
 }
 
-CCacheBlock* CCachePool::m_HitCache(std::string strQuery) {
+CCacheBlock* CCachePool::m_HitCache(const std::string& strQuery) {
     auto persistant = m_persistantBlockMap.find(strQuery);
     if (persistant != m_persistantBlockMap.end()) return persistant->second.get();
 
@@ -364,7 +365,7 @@ bool CCachePool::m_MakeRoomForText(size_t nTextSize) {
     return true;
 }
 
-bool CCachePool::m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock, bool bKeepQuery) {
+bool CCachePool::m_Add(const std::string& strQuery, std::unique_ptr<CCacheBlock> pBlock, bool bKeepQuery) {
     assert(pBlock != nullptr);
     const int nSize = pBlock->GetSize();
     const int nCacheId = pBlock->GetCacheId();
@@ -446,7 +447,7 @@ bool CCachePool::m_AddPersistant(std::string strQuery, std::unique_ptr<CCacheBlo
     return true;
 }
 
-void CCachePool::m_DeletePersistant(std::string strQuery) {
+void CCachePool::m_DeletePersistant(const std::string& strQuery) {
     if (m_persistantBlockMap.erase(strQuery) != 0) m_nQueryTextBytes -= static_cast<int64_t>(strQuery.size());
 }
 
@@ -491,7 +492,7 @@ void CCachePool::m_DeactiveCacheBlock(int nCacheId) {
     m_LRUIndexes.push_back(nCacheId);
 }
 
-void CCachePool::m_Delete(std::string strQuery) {
+void CCachePool::m_Delete(const std::string& strQuery) {
     auto query = m_queryToCacheIdMap.find(strQuery);
     if (query == m_queryToCacheIdMap.end()) {
         MOX_DEBUG("There is no block related with url[%s].", UrlForLog(strQuery).c_str());

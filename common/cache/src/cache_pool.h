@@ -78,12 +78,13 @@ public:
     // admitted under the limit (it is destroyed).
     bool Add(std::string strQuery, CCacheBuilder& builder, std::string& strShmName);
     // As above, with what keeps the answer valid.
-    bool Add(std::string strQuery, CCacheBuilder& builder, std::string& strShmName, const SCacheValidity& validity);
+    bool Add(const std::string& strQuery, CCacheBuilder& builder, std::string& strShmName,
+             const SCacheValidity& validity);
     // On a hit, counts one more client of the block and returns its name.
     bool HitCache(std::string strQuery, std::string& strShmName);
     // As above, but a kept answer whose stamp differs from strStamp is
     // forgotten and the lookup misses.
-    bool HitCache(std::string strQuery, std::string& strShmName, const std::string& strStamp);
+    bool HitCache(const std::string& strQuery, std::string& strShmName, const std::string& strStamp);
     // Forgets every kept answer whose query names strPath, a path below it
     // or its parent folder; returns how many.
     int ForgetTouching(const std::string& strPath);
@@ -98,7 +99,7 @@ public:
     // One client lets go of block nCacheId.
     void Delete(int nCacheId);
     // Drops the persistent block of strQuery, then lets go of its other block.
-    void Delete(std::string strQuery);
+    void Delete(const std::string& strQuery);
 
     // Introspection for diagnostics and tests.
     enum EBlockState { kBlockUnknown, kBlockCommitted, kBlockCached };
@@ -112,8 +113,9 @@ public:
 
 private:
     // Every m_ operation requires m_mutex.
-    CCacheBlock* m_HitCache(std::string strQuery) REQUIRES(m_mutex);
-    bool m_Add(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock, bool bKeepQuery = true) REQUIRES(m_mutex);
+    CCacheBlock* m_HitCache(const std::string& strQuery) REQUIRES(m_mutex);
+    bool m_Add(const std::string& strQuery, std::unique_ptr<CCacheBlock> pBlock, bool bKeepQuery = true)
+        REQUIRES(m_mutex);
     bool m_AddPersistant(std::string strQuery, std::unique_ptr<CCacheBlock> pBlock) REQUIRES(m_mutex);
     // Evicts the oldest released block (and its query); false when none is left.
     bool m_EvictOldest() REQUIRES(m_mutex);
@@ -125,11 +127,11 @@ private:
     int64_t m_CachedSize() const REQUIRES(m_mutex);  // released blocks kept
     // Maps strQuery to nCacheId and counts its text; false if already mapped.
     bool m_KeepQuery(const std::string& strQuery, int nCacheId) REQUIRES(m_mutex);
-    void m_DeletePersistant(std::string strQuery) REQUIRES(m_mutex);
+    void m_DeletePersistant(const std::string& strQuery) REQUIRES(m_mutex);
     CCacheBlock* m_ActiveCacheBlock(int nCacheId) REQUIRES(m_mutex);
     void m_DeactiveCacheBlock(int nCacheId) REQUIRES(m_mutex);
     void m_Delete(int nCacheId) REQUIRES(m_mutex);
-    void m_Delete(std::string strQuery) REQUIRES(m_mutex);
+    void m_Delete(const std::string& strQuery) REQUIRES(m_mutex);
     // Erases the query mapped to nCacheId (and its validity); false if none.
     bool m_EraseQueryOf(int nCacheId) REQUIRES(m_mutex);
     // Makes block nCacheId unreachable: a released one is destroyed, a held

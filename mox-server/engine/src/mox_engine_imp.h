@@ -171,9 +171,10 @@ public:
     // requests; further starts get the failure reply and a warning. What a
     // client held goes when it leaves the bus (RemoveScannersOfClient).
     // reply(started, scanner id); the id is 0 when not started.
-    void StartCheckingDevice(const connect_info_s& caller, const char* mountPath, std::function<void(bool, int)> reply);
+    void StartCheckingDevice(const connect_info_s& caller, const char* mountPath,
+                             const std::function<void(bool, int)>& reply);
     void FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
-                             unsigned int count, int pid, std::function<void(bool)> reply);
+                             unsigned int count, int pid, const std::function<void(bool)>& reply);
     static void cb_scannerEnd(void* pUserData, int nScannerResult);
     static void cb_scanFolderThumbEnd(void* pUserData, int nScannerResult);
     // false when the scanner is another client's and the caller is not root.
@@ -183,8 +184,8 @@ public:
     // caller is not root (the caller's own ones are withdrawn all the same).
     // callerIsRoot runs on the path job's thread.
     void RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
-                               const connect_info_s& caller, std::function<bool()> callerIsRoot,
-                               std::function<void(bool)> reply);
+                               const connect_info_s& caller, const std::function<bool()>& callerIsRoot,
+                               const std::function<void(bool)>& reply);
     // The scanners and thumbnail requests of a client that left the bus.
     void RemoveScannersOfClient(const std::string& sender);
     void RemoveThumbnailByDevice(const char* mountPath);

@@ -128,7 +128,7 @@ std::string MountPathOf(const std::string& folder) {
 }  // namespace
 
 void CMOXEngineImp::StartCheckingDevice(const connect_info_s& caller, const char* mountPath,
-                                        std::function<void(bool, int)> reply) {
+                                        const std::function<void(bool, int)>& reply) {
     if (mountPath == nullptr) {
         MOX_WARN("mount_path is null.");
         reply(false, 0);
@@ -248,7 +248,7 @@ void CMOXEngineImp::cb_scannerEnd(void* pUserData, int nScannerResult) {
 }
 
 void CMOXEngineImp::FolderThumbnailScan(const connect_info_s& caller, const char* folderPath, const char* category,
-                                        unsigned int count, int pid, std::function<void(bool)> reply) {
+                                        unsigned int count, int pid, const std::function<void(bool)>& reply) {
     if (folderPath == nullptr) {
         MOX_WARN("folder_path is null.");
         reply(false);
@@ -384,8 +384,8 @@ void CMOXEngineImp::RemoveScannerOfDevice(const char* mountPath) {
 }
 
 void CMOXEngineImp::RemoveScannerOfFolder(const char* folderPath, const char* category, unsigned int count, int pid,
-                                          const connect_info_s& caller, std::function<bool()> callerIsRoot,
-                                          std::function<void(bool)> reply) {
+                                          const connect_info_s& caller, const std::function<bool()>& callerIsRoot,
+                                          const std::function<void(bool)>& reply) {
     if (folderPath == nullptr || category == nullptr) {
         reply(true);
         return;

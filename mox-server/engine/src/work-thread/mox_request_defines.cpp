@@ -45,10 +45,10 @@ void CMOXSortFunction::GetKeys(const ResultItemIndex* items, size_t nCount, std:
     }
 }
 
-void CMOXSortFunction::m_KeyFromDocument(std::string strItem, SMOXSortKey& out) const {
+void CMOXSortFunction::m_KeyFromDocument(const std::string& strItem, SMOXSortKey& out) const {
     // The last item of a block carries its padding NULs; the JSON reader stops
     // after the object and ignores them.
-    CJsonValue doc(std::move(strItem));
+    CJsonValue doc(strItem);
     if (!doc.IsValid()) return;
     // Ask for the type first: a get of a missing or mistyped member would log
     // a warning at every comparison.

@@ -68,5 +68,5 @@ public:
 
 private:
     // The key of one item's text through CJsonValue.
-    void m_KeyFromDocument(std::string strItem, SMOXSortKey& out) const;
+    void m_KeyFromDocument(const std::string& strItem, SMOXSortKey& out) const;
 };

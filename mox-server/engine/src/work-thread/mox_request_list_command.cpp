@@ -128,8 +128,8 @@ struct SBlocksInProgress {
 
 SBlocksInProgress& BlocksInProgress() {
     // Never destroyed: a stuck source thread may still use it at exit.
-    static SBlocksInProgress* s_pBlocks =
-        new SBlocksInProgress();  // NOLINT(cppcoreguidelines-owning-memory): never destroyed
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory)
+    static SBlocksInProgress* s_pBlocks = new SBlocksInProgress();
     return *s_pBlocks;
 }
 
@@ -328,7 +328,7 @@ void CMOXRequestListCommand::Execute(std::string strCommand) {
     }
 }
 
-void CMOXRequestListCommand::GetRequestListThreadProc(std::string strCommand) {
+void CMOXRequestListCommand::GetRequestListThreadProc(const std::string& strCommand) {
     // The callback deletes this command: keep what is needed after it.
     MOXCommandCallback fnDone = m_fnDone;
     std::string strShmName;
@@ -452,7 +452,7 @@ std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, 
     return strShmName;
 }
 
-void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std::string strSource,
+void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, const std::string& strSource,
                                                    std::vector<std::string>* pNames) {
     try {
         MOX_INFO("In CMOXRequestListCommand::GetListFromSourceProc.");

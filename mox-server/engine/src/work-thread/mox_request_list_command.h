@@ -53,10 +53,10 @@ public:
     static std::vector<std::string> PathsOfDocument(const std::string& strDocument);
 
     // The request thread's body.
-    void GetRequestListThreadProc(std::string strCommand);
+    void GetRequestListThreadProc(const std::string& strCommand);
     // One source thread's body: fills *pNames with the source's block name,
     // or the names of its parts when the answer is too big for one block.
-    void GetListFromSourceProc(std::string strQueryCmd, std::string strSource, std::vector<std::string>* pNames);
+    void GetListFromSourceProc(std::string strQueryCmd, const std::string& strSource, std::vector<std::string>* pNames);
 
 private:
     // Source name -> its answer's block names (in item order).

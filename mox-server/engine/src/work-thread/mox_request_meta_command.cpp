@@ -18,9 +18,8 @@ void CMOXRequestMetaCommand::Execute(std::string strCommand) {
     MOX_INFO("In CMOXRequestMetaCommand::Execute()");
     // A pool thread, not one of its own: starting a thread per request cost
     // more than answering a cached one.
-    if (!CMOXWorkerPool::Get().Submit([this, strCommand = std::move(strCommand)]() mutable {
-            GetRequestMetaThreadProc(std::move(strCommand));
-        })) {
+    if (!CMOXWorkerPool::Get().Submit(
+            [this, strCommand = std::move(strCommand)]() mutable { GetRequestMetaThreadProc(strCommand); })) {
         // Saturated: answer on the caller's thread so that the job ends.
         m_fnDone(std::string(), MOX_ERROR_GENERIC);
     }

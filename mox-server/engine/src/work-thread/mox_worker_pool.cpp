@@ -18,8 +18,8 @@ CMOXWorkerPool::~CMOXWorkerPool() {
 
 CMOXWorkerPool& CMOXWorkerPool::Get() {
     // Never destroyed: a thread stuck in a source may still use it at exit.
-    static CMOXWorkerPool* s_pPool = new CMOXWorkerPool(
-        kMaxThreads, kMaxIdle, kMaxQueued);  // NOLINT(cppcoreguidelines-owning-memory): never destroyed
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory)
+    static CMOXWorkerPool* s_pPool = new CMOXWorkerPool(kMaxThreads, kMaxIdle, kMaxQueued);
     return *s_pPool;
 }
 
