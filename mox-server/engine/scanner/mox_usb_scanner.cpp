@@ -152,8 +152,9 @@ int CMOXUsbScanner::t_ReadFile(SMOXFileInfo& info) {
         default: break;  // links, FIFOs, devices: the caller's preset type
     }
     if (!t_DoFilter(info)) {
-        MOX_SCAN_INFO("Ignore %s(%s/%s), Do Again...", info.nType == MOX_SCANNER_TYPE_FILE ? "FILE" : "DIR",
-                      info.strBasePath.c_str(), info.strName.c_str());
+        // Per-entry walk lines are debug lines (info once: millions a day).
+        MOX_SCAN_DEBUG("Ignore %s(%s/%s), Do Again...", info.nType == MOX_SCANNER_TYPE_FILE ? "FILE" : "DIR",
+                       info.strBasePath.c_str(), info.strName.c_str());
         return MOX_SCAN_SKIPPED;
     }
     if ((m_option.nDetail & 1) && !bDetailRead) return m_GetDetailFileInfo(info, false);
@@ -170,7 +171,7 @@ int CMOXUsbScanner::t_MoveNextDir() {
         path += pending.strName;
         t_CloseDir();
         int nResult = t_OpenDir(path.c_str());
-        MOX_SCAN_INFO("Enter DIR : %s", path.c_str());
+        MOX_SCAN_DEBUG("Enter DIR : %s", path.c_str());  // per folder of the walk
         if (nResult == MOX_SCAN_OK) return MOX_SCAN_OK;
         if (nResult == MOX_SCAN_DEVICE_ERROR) break;
     }

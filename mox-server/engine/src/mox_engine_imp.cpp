@@ -255,7 +255,7 @@ void CMOXEngineImp::EmitRequestFailure(EMOXCommandKind eKind, guint32 nHandleId,
 }
 
 bool CMOXEngineImp::GetPartialList(const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::GetPartialList()");
+    MOX_TRACE("In CMOXEngineImp::GetPartialList()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strCommand).c_str());
     mox::UniqueLock lock(m_mutex);
     std::string strKey = kListKey + strCommand;
@@ -268,7 +268,7 @@ bool CMOXEngineImp::GetPartialList(const std::string& strCommand, guint32 nHandl
 }
 
 bool CMOXEngineImp::RequestDetail(const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::RequestDetail()");
+    MOX_TRACE("In CMOXEngineImp::RequestDetail()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strCommand).c_str());
     mox::UniqueLock lock(m_mutex);
     if (!m_ShareAllows(caller, true, false)) {
@@ -283,14 +283,14 @@ bool CMOXEngineImp::RequestDetail(const std::string& strCommand, guint32 nHandle
 }
 
 bool CMOXEngineImp::RequestMetadata(const std::string& strRequest, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::RequestMetadata()");
+    MOX_TRACE("In CMOXEngineImp::RequestMetadata()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strRequest).c_str());
     mox::UniqueLock lock(m_mutex);
     return m_JoinOrStart(lock, EMOXCommandKind::kMeta, kMetaKey + strRequest, strRequest, nHandleId, caller);
 }
 
 bool CMOXEngineImp::CancelDetail(guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::CancelDetail().");
+    MOX_TRACE("In CMOXEngineImp::CancelDetail().");
     mox::MutexLock lock(m_mutex);
     for (auto& entry : m_workers) {
         WorkerThreadJob* pWork = entry.second.get();
@@ -304,7 +304,7 @@ bool CMOXEngineImp::CancelDetail(guint32 nHandleId, const connect_info_s& caller
 }
 
 bool CMOXEngineImp::Disconnect(guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::Disconnect().");
+    MOX_TRACE("In CMOXEngineImp::Disconnect().");
     MOX_INFO("nHandleId[%d].", static_cast<int>(nHandleId));
     mox::MutexLock lock(m_mutex);
     MOX_DEBUG("m_workers.size(): %d", static_cast<int>(m_workers.size()));
@@ -348,7 +348,7 @@ bool CMOXEngineImp::m_DropList(const std::string& strShmName) {
 }
 
 bool CMOXEngineImp::DropPartialList(const std::string& strShmName, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::DropPartialList().");
+    MOX_TRACE("In CMOXEngineImp::DropPartialList().");
     MOX_INFO("szShmName[%s]", mox_bus::ForLog(strShmName).c_str());
     mox::MutexLock lock(m_mutex);
     // Only a list this engine handed to the caller: a client must not make
@@ -482,8 +482,8 @@ void CMOXEngineImp::m_OnDetailDone(WorkerThreadJob* pJob, const std::string& str
                 nEventType = MOX_EVENT_DETAIL_NOT_FOUND;
             else if (eError == MOX_ERROR_NO_SUCH_SOURCE || eError == MOX_ERROR_FAILED_RESULT)
                 nEventType = MOX_EVENT_DETAIL_FAILED;
-            else
-                MOX_WARN("Wrong event type received form engine[%d].", 3);
+            else if (eError != MOX_ERROR_NONE)
+                MOX_WARN("Wrong event type received form engine[%d].", 3);  // never for a found detail
             CJsonValue payload;
             payload.Set("mox_event_type", nEventType);
             payload.Set("mox_handle_id", first.nHandleId);

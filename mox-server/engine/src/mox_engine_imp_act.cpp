@@ -58,7 +58,7 @@ void CMOXEngineImp::m_EmitActEnd(const connect_info_s& client, guint32 nHandleId
 
 bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelectionBlock, guint32 nHandleId,
                         const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::Act()");
+    MOX_TRACE("In CMOXEngineImp::Act()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strParam).c_str());
     (void)strSelectionBlock;  // only logged by the dispatcher
     CJsonValue doc(strParam);
@@ -96,7 +96,7 @@ bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelec
 }
 
 guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::StopActSync()");
+    MOX_TRACE("In CMOXEngineImp::StopActSync()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strParam).c_str());
     (void)nHandleId;  // a transfer is the client's, whichever handle started it
     CJsonValue doc(strParam);

@@ -44,7 +44,7 @@ void CMOXActCommand::Stop() {
 }
 
 void CMOXActCommand::Execute(std::string strCommand) {
-    MOX_INFO("In CMOXActCommand::Execute().");
+    MOX_TRACE("In CMOXActCommand::Execute().");
     CJsonValue doc(strCommand);
     if (StopRequested(doc)) {
         StopActSync(std::move(strCommand));
@@ -104,7 +104,7 @@ int CMOXActCommand::m_Act(std::string& strCommand) {
 }
 
 void CMOXActCommand::ActThreadProc(std::string strCommand) {
-    MOX_INFO("In CMOXActCommand::ActThreadProc().");
+    MOX_TRACE("In CMOXActCommand::ActThreadProc().");
     // The callback deletes this command: keep what is needed after it.
     MOXCommandCallback fnDone = m_fnDone;
     int nResult = MOX_ERROR_GENERIC;
@@ -123,7 +123,7 @@ void CMOXActCommand::ActThreadProc(std::string strCommand) {
 }
 
 int CMOXActCommand::StopActSync(std::string strCommand) {
-    MOX_INFO("In CMOXActCommand::StopActSync()");
+    MOX_TRACE("In CMOXActCommand::StopActSync()");
     m_nStopResult = MOX_ERROR_GENERIC;
     try {
         CJsonValue doc(strCommand);

@@ -19,7 +19,7 @@ void CMOXRequestDetailCommand::Stop() {
 }
 
 void CMOXRequestDetailCommand::Execute(std::string strCommand) {
-    MOX_INFO("In CMOXRequestDetailCommand::Execute()");
+    MOX_TRACE("In CMOXRequestDetailCommand::Execute()");
     try {
         boost::thread worker(&CMOXRequestDetailCommand::GetRequestDetailThreadProc, this, std::move(strCommand));
         worker.detach();
@@ -30,7 +30,7 @@ void CMOXRequestDetailCommand::Execute(std::string strCommand) {
 }
 
 mox_error_code_e CMOXRequestDetailCommand::m_Run(std::string& strCommand, std::string& strResult) {
-    MOX_INFO("In CMOXRequestDetailCommand::GetRequestDetailThreadProc().");
+    MOX_TRACE("In CMOXRequestDetailCommand::GetRequestDetailThreadProc().");
     CJsonValue doc(strCommand);
     std::string strSource;
     if (!doc.IsValid() || !doc.IsString("mox_source")) {

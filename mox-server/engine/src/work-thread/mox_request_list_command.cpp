@@ -199,7 +199,7 @@ CMOXRequestListCommand::CMOXRequestListCommand(MOXCommandCallback fnDone) : m_fn
 CMOXRequestListCommand::~CMOXRequestListCommand() = default;
 
 void CMOXRequestListCommand::Execute(std::string strCommand) {
-    MOX_INFO("In CMOXRequestListCommand::Execute().");
+    MOX_TRACE("In CMOXRequestListCommand::Execute().");
     try {
         boost::thread worker(&CMOXRequestListCommand::GetRequestListThreadProc, this, std::move(strCommand));
         worker.detach();
@@ -264,7 +264,7 @@ bool CMOXRequestListCommand::m_GetSources(const CJsonValue& doc, std::vector<std
 }
 
 std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, mox_error_code_e& eError) {
-    MOX_INFO("In CMOXRequestListCommand::GetRequestListThreadProc().");
+    MOX_TRACE("In CMOXRequestListCommand::GetRequestListThreadProc().");
     CJsonValue doc(strCommand);
     if (!doc.IsValid()) {
         MOX_WARN("The list command is not a JSON object.");
@@ -324,7 +324,7 @@ std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, 
 void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std::string strSource,
                                                    std::string* pShmName) {
     try {
-        MOX_INFO("In CMOXRequestListCommand::GetListFromSourceProc.");
+        MOX_TRACE("In CMOXRequestListCommand::GetListFromSourceProc.");
         IWebSource* pSource = CMOXSingleton<CMOXSourceMgr>::Get()->GetSource(strSource);
         if (pSource == nullptr) {
             MOX_WARN("Can not get source[%s].", strSource.c_str());
@@ -472,7 +472,13 @@ std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, std::m
 bool CMOXRequestListCommand::m_GetComandKeyTypeInfo(CJsonValue& doc, CMOXSortFunction& fn) {
     int nComparison = 0;
     if (!doc.IsInt("SortedType") || !doc.IsString("SortedKey")) {
-        MOX_WARN("Can not get sort info.");
+        // A list asked without sorting is a normal list: this line is an
+        // info line then, not the warning it once was, which is kept for a
+        // half-given or malformed sort.
+        if (doc.Has("SortedType") || doc.Has("SortedKey"))
+            MOX_WARN("Can not get sort info.");
+        else
+            MOX_INFO("Can not get sort info.");
         return false;
     }
     doc.Get("SortedType", nComparison);

@@ -16,7 +16,7 @@ CMOXRequestMetaCommand::CMOXRequestMetaCommand(MOXCommandCallback fnDone) : m_fn
 CMOXRequestMetaCommand::~CMOXRequestMetaCommand() = default;
 
 void CMOXRequestMetaCommand::Execute(std::string strCommand) {
-    MOX_INFO("In CMOXRequestMetaCommand::Execute()");
+    MOX_TRACE("In CMOXRequestMetaCommand::Execute()");
     try {
         boost::thread worker(&CMOXRequestMetaCommand::GetRequestMetaThreadProc, this, std::move(strCommand));
         worker.detach();
@@ -31,7 +31,7 @@ void CMOXRequestMetaCommand::GetRequestMetaThreadProc(std::string strCommand) {
     std::string strResult;
     mox_error_code_e eError = MOX_ERROR_GENERIC;
     try {
-        MOX_INFO("In CMOXRequestMetaCommand::GetRequestMetaThreadProc().");
+        MOX_TRACE("In CMOXRequestMetaCommand::GetRequestMetaThreadProc().");
         CJsonValue doc(strCommand);
         std::string strCountryId = doc.StringOr("mox_countryid");
         std::string strLangId = doc.StringOr("mox_langid");
