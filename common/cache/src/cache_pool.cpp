@@ -96,7 +96,7 @@ bool CCachePool::Add(std::string strQuery, CCacheBuilder& builder, std::string& 
     if (m_cacheIdToQueryMap.count(nCacheId) && (!validity.strStamp.empty() || !validity.paths.empty()))
         m_validityMap[nCacheId] = validity;
     strShmName = strName;
-    MOX_INFO("Add block[%s] success", strName.c_str());
+    MOX_DEBUG("Add block[%s] success", strName.c_str());
     return true;
 }
 

@@ -200,7 +200,7 @@ void CheckFolderPath(const Call& call) {
         MOX_WARN("Invalid eOperationType[%d].", eOperationType);
         MOX_WARN("Find Folder Path failed.");
     }
-    MOX_INFO("strFolderId[%s]", mox_bus::ForLog(strFolderId).c_str());
+    MOX_DEBUG("strFolderId[%s]", mox_bus::ForLog(strFolderId).c_str());
     call.Reply(mox_bus::NewStringTuple(strFolderId, "check_folder_path"));
 }
 
@@ -221,9 +221,9 @@ void StartScannerThumb(const Call& call) {
                                                                     a.nCount, static_cast<int>(a.nPid))
                             ? TRUE
                             : FALSE;
-    MOX_INFO("start_scanner_thumb return [%d]", bStarted);
+    MOX_DEBUG("start_scanner_thumb return [%d]", bStarted);
     call.Reply(g_variant_new("(b)", bStarted));
-    MOX_INFO("start_scanner_thumb return end[%d]", bStarted);
+    MOX_DEBUG("start_scanner_thumb return end[%d]", bStarted);
 }
 
 void StopScannerThumb(const Call& call) {
@@ -328,7 +328,7 @@ struct UnknownCall {
 gboolean AnswerUnknownMethod(gpointer data) {
     std::unique_ptr<UnknownCall> call(static_cast<UnknownCall*>(data));
     const gchar* szMethodName = g_dbus_message_get_member(call->message);
-    MOX_INFO("recive method(%s).", szMethodName);
+    MOX_DEBUG("recive method(%s).", szMethodName);
     MOX_WARN("unkown method(%s).", szMethodName);
     GDBusMessage* reply = g_dbus_message_new_method_reply(call->message);
     g_dbus_connection_send_message(call->connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
@@ -517,7 +517,7 @@ void CMOXBusService::s_OnMethodCall(GDBusConnection*, const gchar*, const gchar*
 }
 
 void CMOXBusService::m_Dispatch(const char* szMethod, GVariant* parameters, GDBusMethodInvocation* invocation) {
-    MOX_INFO("recive method(%s).", szMethod);
+    MOX_DEBUG("recive method(%s).", szMethod);
     const Method* pMethod = nullptr;
     for (const Method& method : kMethods)
         if (strcmp(method.szName, szMethod) == 0) pMethod = &method;

@@ -305,7 +305,7 @@ bool CMOXEngineImp::CancelDetail(guint32 nHandleId, const connect_info_s& caller
 
 bool CMOXEngineImp::Disconnect(guint32 nHandleId, const connect_info_s& caller) {
     MOX_TRACE("In CMOXEngineImp::Disconnect().");
-    MOX_INFO("nHandleId[%d].", static_cast<int>(nHandleId));
+    MOX_DEBUG("nHandleId[%d].", static_cast<int>(nHandleId));
     mox::MutexLock lock(m_mutex);
     MOX_DEBUG("m_workers.size(): %d", static_cast<int>(m_workers.size()));
     for (auto& entry : m_workers) {
@@ -349,7 +349,7 @@ bool CMOXEngineImp::m_DropList(const std::string& strShmName) {
 
 bool CMOXEngineImp::DropPartialList(const std::string& strShmName, guint32 nHandleId, const connect_info_s& caller) {
     MOX_TRACE("In CMOXEngineImp::DropPartialList().");
-    MOX_INFO("szShmName[%s]", mox_bus::ForLog(strShmName).c_str());
+    MOX_DEBUG("szShmName[%s]", mox_bus::ForLog(strShmName).c_str());
     mox::MutexLock lock(m_mutex);
     // Only a list this engine handed to the caller: a client must not make
     // the engine let go of blocks that other clients hold.
@@ -500,8 +500,9 @@ void CMOXEngineImp::m_OnDetailDone(WorkerThreadJob* pJob, const std::string& str
 
 void CMOXEngineImp::m_OnMetaDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_RequestMetaCompeleteCb().");
-    // The service's text, or an empty object when it gave no JSON object.
-    CJsonValue result(strResult);
+    // The service's text, or an empty object when it gave no JSON object. A
+    // failed request has no text at all: nothing to parse (or warn about).
+    CJsonValue result = strResult.empty() ? CJsonValue() : CJsonValue(strResult);
     if (!result.IsValid()) result = CJsonValue();
     result.Set("mox_uhd_request_param", pJob->strQueryCmd);
     std::string strData = result.ToString();

@@ -227,7 +227,7 @@ void CMOXRequestListCommand::GetRequestListThreadProc(std::string strCommand) {
     } catch (...) {
         MOX_WARN("Completion callback failed with an exception.");
     }
-    MOX_INFO("Main thread working done.");
+    MOX_DEBUG("Main thread working done.");
 }
 
 bool CMOXRequestListCommand::m_GetSources(const CJsonValue& doc, std::vector<std::string>& sources,
@@ -355,7 +355,7 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
         std::vector<mox_data_group_s> groups;
         std::vector<mox_data_length_s> lengths;
         mox_error_code_e eRet = MOX_ERROR_GENERIC;
-        MOX_INFO("Begin: pSource->GetData[%s].", mox_bus::ForLog(strQueryCmd).c_str());
+        MOX_DEBUG("Begin: pSource->GetData[%s].", mox_bus::ForLog(strQueryCmd).c_str());
         CInProgressCall call(strSource, builder.GetName());
         try {
             eRet = pSource->GetData(m_bStop, strQueryCmd, pStream, nLen, nStartIndex, nEndIndex, nTotalCount, groups,
@@ -367,7 +367,7 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
             MOX_WARN("Source[%s] threw from GetData.", strSource.c_str());
             eRet = MOX_ERROR_GENERIC;
         }
-        MOX_INFO("End: pSource->GetData");
+        MOX_DEBUG("End: pSource->GetData");
         if (eRet != MOX_ERROR_NONE) {
             m_eError = eRet;
             MOX_DEBUG("GetData fail[%d].", eRet);
@@ -384,12 +384,12 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, std:
             m_eError = MOX_ERROR_FAILED_RESULT;
             return;
         }
-        MOX_INFO("GetData success,begin to build resultBlock.");
+        MOX_DEBUG("GetData success,begin to build resultBlock.");
         if (!builder.Build(nLen, nStartIndex, nEndIndex, nTotalCount, groups, lengths)) {
             m_eError = MOX_ERROR_GENERIC;
             return;
         }
-        MOX_INFO("End to build resultBlock.");
+        MOX_DEBUG("End to build resultBlock.");
         guard.HandOver();  // the pool releases or frees the builder
         if (!pPool->Add(strQueryCmd, builder, *pShmName, validity)) {
             pShmName->clear();
