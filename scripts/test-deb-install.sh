@@ -123,8 +123,10 @@ DEBIAN_FRONTEND=noninteractive dpkg --purge "${PKGS[@]}" > "$T/dpkg-purge.log" 2
 left=""
 while read -r f; do
   [ -z "$f" ] && continue
-  # Directories the packages share with the system stay, files go.
-  if [ -e "$f" ] && [ ! -d "$f" ] || [ -L "$f" ]; then left+="$f"$'\n'; fi
+  # Directories the packages share with the system stay (/lib is one, as a
+  # link), files and links go.
+  [ -d "$f" ] && continue
+  if [ -e "$f" ] || [ -L "$f" ]; then left+="$f"$'\n'; fi
 done < "$T/files.txt"
 for d in /var/lib/mox /usr/share/mox /usr/libexec/mox "$PLUGIN_DIR" /usr/include/mox /tmp/.mox-engine; do
   [ -e "$d" ] && left+="$d"$'\n'
