@@ -4,6 +4,15 @@
 
 #include <mox_host_paths.h>
 
+// Set by the build from the install prefix; these fallbacks serve a build
+// that does not define them.
+#ifndef MOX_DEFAULT_DBUS_CONFIG
+#define MOX_DEFAULT_DBUS_CONFIG "/usr/share/mox/mox_dbus_config.xml"
+#endif
+#ifndef MOX_DEFAULT_PLUGIN_DIR
+#define MOX_DEFAULT_PLUGIN_DIR "/usr/lib/mox/plugins/"
+#endif
+
 namespace mox_host {
 
 std::string EnvOr(const char* name, const char* fallback) {
@@ -12,13 +21,13 @@ std::string EnvOr(const char* name, const char* fallback) {
 }
 
 std::string DbusConfigPath() {
-    return EnvOr("MOX_DBUS_CONFIG", "/usr/bin/mox_dbus_config.xml");
+    return EnvOr("MOX_DBUS_CONFIG", MOX_DEFAULT_DBUS_CONFIG);
 }
 std::string StatusFilePath() {
     return EnvOr("MOX_STATUS_FILE", "/tmp/.mox-engine");
 }
 std::string PluginDir() {
-    return EnvOr("MOX_PLUGIN_DIR", "/usr/lib/");
+    return EnvOr("MOX_PLUGIN_DIR", MOX_DEFAULT_PLUGIN_DIR);
 }
 std::string AppDataDir() {
     return EnvOr("MOX_APP_DATA_DIR", "/opt/usr/apps/moxhub/data");

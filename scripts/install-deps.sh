@@ -14,6 +14,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev valgrind
   libcli11-dev jq python3 bsdutils tmux
   libfuse3-dev fuse3 e2fsprogs libsqlite3-dev
+  debhelper lintian fakeroot dpkg-dev rsync
 )
 
 missing=()

@@ -55,7 +55,7 @@ int mox_uuid_time(char* out) {
     // with other processes; the identifier is still unique enough here.
     (void)uuid_generate_time_safe(uuid);
     uuid_unparse_lower(uuid, out);
-    MOX_INFO("generate uuid=%s\n", out);
+    MOX_DEBUG("generate uuid=%s\n", out);
     uuid_clear(uuid);
     return 0;
 }
@@ -65,7 +65,7 @@ int mox_uuid_random(char* out) {
     uuid_t uuid;
     uuid_generate_random(uuid);
     uuid_unparse_lower(uuid, out);
-    MOX_INFO("generate uuid=%s\n", out);
+    MOX_DEBUG("generate uuid=%s\n", out);
     uuid_clear(uuid);
     return 0;
 }

@@ -8,7 +8,8 @@
 // A line below the sink's level costs one load and a compare: neither the
 // arguments are evaluated nor anything formatted, and no system call is made.
 // Each macro is an expression worth what __dlog_print returns (0 when the
-// line is filtered out).
+// line is filtered out). The sink keeps each call on one line (newlines
+// escaped), cuts it at 4 KiB and masks credential members of documents.
 #pragma once
 
 // Exported from the shared library, which hides everything else.
@@ -41,17 +42,20 @@ constexpr const char* mox_log_basename_(const char* path) {
 #define MOX_LOG_FILE_ mox_log_basename_(__FILE__)
 #endif
 
-#define MOX_LOG_PRINT_(prio, colour, level, fmt, ...)                                                          \
-    (dlog_is_loggable(prio)                                                                                    \
-         ? __dlog_print(LOG_ID_SYSTEM, prio, MOX_LOG_TAG,                                                      \
-                        "%s: %s(%d) > " colour level "[%s:%d] [Thread Id:[%d]] " fmt "\033[0m", MOX_LOG_FILE_, \
-                        __func__, __LINE__, __func__, __LINE__, mox_log_gettid(), ##__VA_ARGS__)               \
+#define MOX_LOG_PRINT_(prio, colour, level, fmt, ...)                                                           \
+    (dlog_is_loggable(prio)                                                                                     \
+         ? dlog_print_at(LOG_ID_SYSTEM, prio, MOX_LOG_TAG, MOX_LOG_FILE_, __LINE__, __func__,                   \
+                         "%s: %s(%d) > " colour level "[%s:%d] [Thread Id:[%d]] " fmt "\033[0m", MOX_LOG_FILE_, \
+                         __func__, __LINE__, __func__, __LINE__, mox_log_gettid(), ##__VA_ARGS__)               \
          : 0)
 
 // Green debug line.
 #define MOX_DEBUG(fmt, ...) MOX_LOG_PRINT_(DLOG_DEBUG, "\033[32m", "", fmt, ##__VA_ARGS__)
-// Yellow trace line (function entry and progress traces), info priority.
-#define MOX_TRACE(fmt, ...) MOX_LOG_PRINT_(DLOG_INFO, "\033[33m", "", fmt, ##__VA_ARGS__)
+// Yellow trace line (function entry and progress traces). Debug priority,
+// not info: traces are one per call or per progress step, and a service's
+// info level says what happened (a list or a copy in a line or two), not
+// which functions ran.
+#define MOX_TRACE(fmt, ...) MOX_LOG_PRINT_(DLOG_DEBUG, "\033[33m", "", fmt, ##__VA_ARGS__)
 // Red info line with the "[INFO]:" word.
 #define MOX_INFO(fmt, ...) MOX_LOG_PRINT_(DLOG_INFO, "\033[31m", " [INFO]:", fmt, ##__VA_ARGS__)
 // Red warning line; "WARNNING" is the system's own spelling.

@@ -1,6 +1,8 @@
 // Platform log service. On the host the sink is chosen by MOX_LOG
 // ("stderr", "journal" or "file:PATH") and filtered by MOX_LOG_LEVEL
-// ("debug", "info", "warning"). Callable from any thread.
+// ("debug", "info", "warning"; default info, warning under systemd). Each
+// call writes one line: newlines escaped, cut at 4 KiB, credential members
+// of logged documents masked. Callable from any thread.
 #pragma once
 
 // Exported from the shared library, which hides everything else.
@@ -33,6 +35,12 @@ typedef enum {
 // the formatted message, 0 when the line was filtered out, -1 on error.
 int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
+
+// Host extension: __dlog_print with the caller's source file, line and
+// function, which the journal sink records as CODE_FILE, CODE_LINE and
+// CODE_FUNC (the tag also as MOX_TAG).
+int dlog_print_at(log_id_t log_id, int prio, const char* tag, const char* file, int line, const char* func,
+                  const char* fmt, ...) __attribute__((format(printf, 7, 8)));
 
 // Host extensions that let a caller skip a filtered-out line before it
 // formats anything or makes a system call.

@@ -10,9 +10,10 @@
 
 namespace mox_host {
 
-std::string DbusConfigPath();  // MOX_DBUS_CONFIG   /usr/bin/mox_dbus_config.xml
+// The first two defaults follow the install prefix given at configure time.
+std::string DbusConfigPath();  // MOX_DBUS_CONFIG   ${datadir}/mox/mox_dbus_config.xml
 std::string StatusFilePath();  // MOX_STATUS_FILE   /tmp/.mox-engine
-std::string PluginDir();       // MOX_PLUGIN_DIR    /usr/lib/
+std::string PluginDir();       // MOX_PLUGIN_DIR    ${libdir}/mox/plugins/
 std::string AppDataDir();      // MOX_APP_DATA_DIR  /opt/usr/apps/moxhub/data
 std::string UsbRoot();         // MOX_USB_ROOT      /opt/storage/usb
 std::string CaBundlePath();    // MOX_CA_BUNDLE     /opt/down/cert/ca.pem

@@ -11,14 +11,24 @@
 
 namespace {
 
+constexpr const char* kUsage = "usage: mox-vconf get KEY\n       mox-vconf set KEY VALUE\n";
+
 int Usage() {
-    fprintf(stderr, "usage: mox-vconf get KEY\n       mox-vconf set KEY VALUE\n");
+    fputs(kUsage, stderr);
     return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+        printf(
+            "%sReads and writes the configuration keys of the MOX content engine: files below\n"
+            "$MOX_VCONF_DIR (default /var/lib/mox/vconf) holding a decimal integer.\n"
+            "Exit status: 0 done, 1 no such key or cannot set it, 2 wrong usage.\n",
+            kUsage);
+        return 0;
+    }
     if (argc == 3 && strcmp(argv[1], "get") == 0) {
         int value = 0;
         if (vconf_get_int(argv[2], &value) != 0) {

@@ -17,6 +17,24 @@ cmake --install "$BUILD" --prefix "$PREFIX" > /dev/null
 "$PREFIX/bin/mox-engine" --version | grep -q '^mox-engine [0-9]' || fail "mox-engine --version"
 "$PREFIX/bin/mox-engine" --help | grep -q 'Usage: mox-engine' || fail "mox-engine --help"
 "$PREFIX/bin/mox-vconf" get no/such/key >/dev/null 2>&1 && fail "mox-vconf get of a missing key"
+"$PREFIX/bin/mox-vconf" --help 2>/dev/null | grep -q '^usage: mox-vconf get KEY' || fail "mox-vconf --help on stdout"
+# The compiled-in defaults follow the prefix the build was configured with;
+# --help names every variable the daemon reads.
+CONFIGURED=$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$BUILD/CMakeCache.txt")
+LIBDIR=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$BUILD/CMakeCache.txt")
+HELP=$(env -u MOX_DBUS_CONFIG -u MOX_PLUGIN_DIR "$PREFIX/bin/mox-engine" --help)
+grep -q "MOX_DBUS_CONFIG *$CONFIGURED/share/mox/mox_dbus_config.xml$" <<< "$HELP" || fail "XML default: $HELP"
+grep -q "MOX_PLUGIN_DIR *$CONFIGURED/$LIBDIR/mox/plugins/$" <<< "$HELP" || fail "plug-in default: $HELP"
+for var in $(cat "$(dirname "$0")/../../platform/host_env.cpp" "$(dirname "$0")/../../platform/dlog.cpp" \
+               "$(dirname "$0")/../../platform/usb/"*.cpp "$(dirname "$0")/../../mox-server/engine/scanner/"*.cpp |
+             grep -o '\(EnvOr\|getenv\)("[A-Z_]*"' | grep -o '[A-Z_]\{4,\}' | sort -u); do
+  grep -q "$var" <<< "$HELP" || fail "--help does not name $var"
+done
+set +e
+"$PREFIX/libexec/mox/mox-extract" 2> "$PREFIX/extract.txt"
+rc=$?
+set -e
+[ "$rc" = 2 ] && grep -q 'internal helper' "$PREFIX/extract.txt" || fail "mox-extract by hand: $rc"
 "$PREFIX/bin/moxctl" --version | grep -q '^moxctl [0-9]' || fail "moxctl --version"
 ldd "$PREFIX/bin/mox-engine" | grep "libmoxcommon.so.0 =>" | grep "$PREFIX/" > /dev/null || fail "libmoxcommon not from the prefix"
 
@@ -37,10 +55,16 @@ grep 'mox_shm::' "$PREFIX/symbols.txt" > /dev/null && fail "internal symbols exp
 
 # Files where the system bus and systemd read them.
 for f in share/dbus-1/system.d/com.orvia.mox.engine.conf share/dbus-1/system-services/com.orvia.mox.engine.service \
-         lib/systemd/system/mox-engine.service lib/tmpfiles.d/mox-engine.conf bin/mox_dbus_config.xml \
-         share/man/man1/moxctl.1 share/bash-completion/completions/moxctl; do
+         lib/systemd/system/mox-engine.service lib/tmpfiles.d/mox-engine.conf share/mox/mox_dbus_config.xml \
+         share/man/man1/moxctl.1 share/man/man1/mox-vconf.1 share/man/man8/mox-engine.8 \
+         share/bash-completion/completions/moxctl libexec/mox/mox-extract \
+         "$LIBDIR/mox/plugins/libmox_local_source.so" "$LIBDIR/mox/plugins/libmox_ra_source.so"; do
   [ -f "$PREFIX/$f" ] || fail "missing $f"
 done
+# Plug-ins only in the private directory; the example is not installed.
+find "$PREFIX" -name 'libmox_*source*.so' | grep -v "/mox/plugins/" && fail "plug-in outside the plug-in directory"
+find "$PREFIX" -name 'libmox_example_source.so' | grep . && fail "example plug-in installed"
+[ -e "$PREFIX/bin/mox_dbus_config.xml" ] && fail "XML in bin/"
 UNIT=$PREFIX/lib/systemd/system/mox-engine.service
 grep -q "^ExecStart=$PREFIX/bin/mox-engine$" "$UNIT" || fail "ExecStart does not point into the prefix"
 

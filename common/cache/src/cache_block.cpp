@@ -13,7 +13,7 @@ CCacheBlock::CCacheBlock(std::string strName, int nSize, mox_cache_block_type eT
     bool bParsed = CCacheBuilder::GetCacheId(m_strName, m_nCacheId);
     assert(bParsed);
     (void)bParsed;
-    MOX_INFO("strCacheId[%s], m_nCacheId[%d].", m_strName.substr(m_strName.rfind('_') + 1).c_str(), m_nCacheId);
+    MOX_DEBUG("strCacheId[%s], m_nCacheId[%d].", m_strName.substr(m_strName.rfind('_') + 1).c_str(), m_nCacheId);
 }
 
 CCacheBlock::~CCacheBlock() {

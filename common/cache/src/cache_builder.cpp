@@ -34,7 +34,7 @@ CCacheBuilder::CCacheBuilder(mox_cache_block_type eType) : m_eType(eType) {
     int nId = -1;
     int fd = m_Namer().CreateExclusive(m_strShmName, nId);
     if (fd < 0) return;
-    MOX_INFO("Generate ShmName[%s].", m_strShmName.c_str());
+    MOX_DEBUG("Generate ShmName[%s].", m_strShmName.c_str());
     FILE* pStream = fdopen(fd, "r+");
     if (pStream == nullptr) {
         MOX_WARN("fdopen failed for [%s]: %s.", m_strShmName.c_str(), strerror(errno));

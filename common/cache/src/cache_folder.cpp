@@ -9,18 +9,18 @@
 #include <mox/mox_util.h>
 
 bool CCacheFolder::Find(const std::string& strFolderPath, std::string& strFolderId) {
-    MOX_INFO("Find: strFolderPath[%s].", CMOXUtil::CutForLog(strFolderPath).c_str());
+    MOX_DEBUG("Find: strFolderPath[%s].", CMOXUtil::CutForLog(strFolderPath).c_str());
     mox::MutexLock lock(m_mutex);
     auto it = m_folders.find(strFolderPath);
     bool bFound = it != m_folders.end();
     if (bFound) strFolderId = it->second;
-    MOX_INFO("Find: strFolderId[%s].", CMOXUtil::CutForLog(strFolderId).c_str());
+    MOX_DEBUG("Find: strFolderId[%s].", CMOXUtil::CutForLog(strFolderId).c_str());
     return bFound;
 }
 
 bool CCacheFolder::Add(std::string strFolderPath, std::string strFolderId) {
-    MOX_INFO("Add: strFolderPath[%s] strFolderId[%s].", CMOXUtil::CutForLog(strFolderPath).c_str(),
-             CMOXUtil::CutForLog(strFolderId).c_str());
+    MOX_DEBUG("Add: strFolderPath[%s] strFolderId[%s].", CMOXUtil::CutForLog(strFolderPath).c_str(),
+              CMOXUtil::CutForLog(strFolderId).c_str());
     mox::MutexLock lock(m_mutex);
     if (m_folders.count(strFolderPath)) return true;
     size_t nBytes = strFolderPath.size() + strFolderId.size();

@@ -99,7 +99,7 @@ bool CCachePool::Add(const std::string& strQuery, CCacheBuilder& builder, std::s
     if (m_cacheIdToQueryMap.count(nCacheId) && (!validity.strStamp.empty() || !validity.paths.empty()))
         m_validityMap[nCacheId] = validity;
     strShmName = strName;
-    MOX_INFO("Add block[%s] success", strName.c_str());
+    MOX_DEBUG("Add block[%s] success", strName.c_str());
     return true;
 }
 
@@ -502,41 +502,9 @@ void CCachePool::m_Delete(const std::string& strQuery) {
 }
 
 void CCachePool::m_Print() {
-    // The dump runs on every operation; skip it when the log drops debug
-    // lines anyway (the first line then reports 0 bytes written), and show
-    // only the first entries of each map so that a full pool costs a bounded
-    // number of lines.
-    if (MOX_DEBUG("===========INFO!!!Begin===========") <= 0) return;
-    constexpr size_t kShown = 8;
-    auto more = [](size_t nSize) {
-        if (nSize > kShown) MOX_DEBUG("... and %zu more.", nSize - kShown);
-    };
-    size_t n = 0;
-    MOX_DEBUG("m_persistantBlockMap detail:");
-    for (auto it = m_persistantBlockMap.begin(); it != m_persistantBlockMap.end() && n < kShown; ++it, ++n)
-        MOX_DEBUG("url[%s], blockName[%s].", UrlForLog(it->first).c_str(), it->second->GetName().c_str());
-    more(m_persistantBlockMap.size());
-    n = 0;
-    MOX_DEBUG("m_queryToCacheIdMap detail:");
-    for (auto it = m_queryToCacheIdMap.begin(); it != m_queryToCacheIdMap.end() && n < kShown; ++it, ++n)
-        MOX_DEBUG("url[%s], blockId[%d].", UrlForLog(it->first).c_str(), it->second);
-    more(m_queryToCacheIdMap.size());
-    auto refCount = [this](int nCacheId) REQUIRES(m_mutex) {
-        auto it = m_refCountMap.find(nCacheId);
-        return it == m_refCountMap.end() ? 0 : it->second;
-    };
-    for (const auto* pMap : {&m_committedBlockMap, &m_cachePoolBlockMap}) {
-        MOX_DEBUG("%s detail:", pMap == &m_committedBlockMap ? "m_committedBlockMap" : "m_cachePoolBlockMap");
-        n = 0;
-        for (auto it = pMap->begin(); it != pMap->end() && n < kShown; ++it, ++n)
-            MOX_DEBUG("blockId[%d], blockName[%s], refCount[%d].", it->first, it->second->GetName().c_str(),
-                      refCount(it->first));
-        more(pMap->size());
-    }
-    MOX_DEBUG("m_LRUIndexes detail:");
-    n = 0;
-    for (auto it = m_LRUIndexes.begin(); it != m_LRUIndexes.end() && n < kShown; ++it, ++n)
-        MOX_DEBUG("blockId[%d].", *it);
-    more(m_LRUIndexes.size());
-    MOX_DEBUG("===========INFO!!!End===========");
+    // One summary line per operation, never a table: a dump of every entry
+    // made the log of one list grow with the pool.
+    MOX_DEBUG("pool: %zu kept queries, %zu query ids, %zu committed, %zu pooled, %zu in LRU.",
+              m_persistantBlockMap.size(), m_queryToCacheIdMap.size(), m_committedBlockMap.size(),
+              m_cachePoolBlockMap.size(), m_LRUIndexes.size());
 }

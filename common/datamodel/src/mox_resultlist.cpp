@@ -167,7 +167,7 @@ bool CResultList::GetItem(int nListIndex, std::string& strItem, std::string& str
     } else {
         std::string strName;
         if (!GetBlockName(nSlot, strName)) return false;
-        MOX_INFO("get shmname[%s].", strName.c_str());
+        MOX_DEBUG("get shmname[%s].", strName.c_str());
         // Kept even when the block is gone, so a vanished block is looked up
         // once; a crafted list repeating one name in many slots loads it once.
         std::unique_ptr<CCacheReader>& pOwned = m_readersByName[strName];

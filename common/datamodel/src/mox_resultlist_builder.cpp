@@ -73,7 +73,7 @@ CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int n
     }
     int fd = m_Namer().CreateExclusive(m_strShmName, m_nId);
     if (fd < 0) return;
-    MOX_INFO("Generate Id[%d], Name[%s].", m_nId, m_strShmName.c_str());
+    MOX_DEBUG("Generate Id[%d], Name[%s].", m_nId, m_strShmName.c_str());
     mox_shm::CShmFd shmFd(fd);
     // Created exclusively just now: ours to unlink, by Drop as well.
     {

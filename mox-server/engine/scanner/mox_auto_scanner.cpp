@@ -400,11 +400,11 @@ int CMOXAutoScanner::DoNormalAction() {
             MOX_SCAN_DEBUG("%s : %s/%s", m_heldEntry.TypeName(), m_heldEntry.strBasePath.c_str(),
                            m_heldEntry.strName.c_str());
         } else {
-            MOX_SCAN_INFO("OverFlow...");
+            MOX_SCAN_DEBUG("OverFlow...");  // per step while the list is full
         }
     }
     if (m_bOverflow) {
-        MOX_SCAN_INFO("No ... ScanState : %s", "SCAN");
+        MOX_SCAN_DEBUG("No ... ScanState : %s", "SCAN");
         m_bDelay = true;
         return MOX_SCAN_BUSY;
     }
@@ -439,7 +439,7 @@ void CMOXAutoScanner::SetState(IMOXScannerState* pState) {
 
 bool CMOXAutoScanner::IsBasePathChanged(const std::string& path) {
     if (path.empty() || path == m_strFirstPath || path == m_strPreviousPath) return false;
-    MOX_SCAN_INFO("Previous Path : %s,  Current Path : %s", m_strPreviousPath.c_str(), path.c_str());
+    MOX_SCAN_DEBUG("Previous Path : %s,  Current Path : %s", m_strPreviousPath.c_str(), path.c_str());
     m_visitedDirs.push_back(path);
     m_strPreviousPath = path;
     return true;

@@ -33,14 +33,23 @@ constexpr int kHelperFd = 3;
 // Exit status of a helper that could not confine itself (see mox_extract_main).
 constexpr int kExitSetupFailed = 3;
 
+// Beside the daemon in the build tree; installed, in the private helper
+// directory of the install prefix (MOX_DEFAULT_EXTRACT_HELPER).
 std::string HelperPath() {
     if (const char* env = getenv("MOX_EXTRACT_HELPER"); env && *env) return env;
     char self[PATH_MAX];
     ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    if (n <= 0) return "mox-extract";
-    std::string dir(self, static_cast<size_t>(n));
-    size_t slash = dir.find_last_of('/');
-    return (slash == std::string::npos ? std::string(".") : dir.substr(0, slash)) + "/mox-extract";
+    if (n > 0) {
+        std::string dir(self, static_cast<size_t>(n));
+        size_t slash = dir.find_last_of('/');
+        std::string beside = (slash == std::string::npos ? std::string(".") : dir.substr(0, slash)) + "/mox-extract";
+        if (access(beside.c_str(), X_OK) == 0) return beside;
+    }
+#ifdef MOX_DEFAULT_EXTRACT_HELPER
+    return MOX_DEFAULT_EXTRACT_HELPER;
+#else
+    return "mox-extract";
+#endif
 }
 
 // Runs the helper's posix_spawn on one thread that never ends: the helper's

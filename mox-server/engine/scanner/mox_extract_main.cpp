@@ -18,6 +18,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -119,7 +120,16 @@ void TestFault(const std::string& name) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char**) {
+    // Run by hand (arguments, or no socket where the daemon puts it): say
+    // what it is instead of waiting on a descriptor that is something else.
+    struct stat st;
+    if (argc > 1 || fstat(kSocketFd, &st) != 0 || !S_ISSOCK(st.st_mode)) {
+        fprintf(stderr,
+                "mox-extract: an internal helper of mox-engine(8), which starts it with a socket on\n"
+                "descriptor 3 to parse media files; it is not a command to run by hand.\n");
+        return 2;
+    }
     const pid_t daemon = getppid();
     // Nothing of the daemon's but the socket is wanted here.
     if (close_range(kSocketFd + 1, ~0U, 0) != 0)

@@ -1,30 +1,16 @@
 #include "mox_scan_log.h"
 
-#include <cstdlib>
-#include <cstring>
+#include <mox/platform/dlog.h>
 
 namespace mox_scan_log {
-namespace {
 
-// 0 debug, 1 info, 2 warning: the same reading the platform log makes.
-int Level() {
-    static const int s_level = [] {
-        const char* value = std::getenv("MOX_LOG_LEVEL");
-        if (value == nullptr) return 0;
-        if (std::strcmp(value, "info") == 0) return 1;
-        if (std::strcmp(value, "warning") == 0) return 2;
-        return 0;
-    }();
-    return s_level;
-}
-
-}  // namespace
-
+// The platform log's own level check (MOX_LOG_LEVEL and its default): one
+// load and a compare once the sink is configured.
 bool DebugOn() {
-    return Level() <= 0;
+    return dlog_is_loggable(DLOG_DEBUG) != 0;
 }
 bool InfoOn() {
-    return Level() <= 1;
+    return dlog_is_loggable(DLOG_INFO) != 0;
 }
 
 }  // namespace mox_scan_log

@@ -261,7 +261,7 @@ int CMOXThumbnailScanner::m_DoFolderThumbnailAction() {
     if (nResult == MOX_SCAN_OK) {
         if (info.nType == MOX_SCANNER_TYPE_FILE) {
             ++m_nFileCount;
-            MOX_SCAN_INFO(" Path:%s, Name:%s ", info.strBasePath.c_str(), info.strName.c_str());
+            MOX_SCAN_DEBUG(" Path:%s, Name:%s ", info.strBasePath.c_str(), info.strName.c_str());
             m_files.push_back(std::move(info));
         } else if (info.nType == MOX_SCANNER_TYPE_DIR) {
             ++m_nDirCount;

@@ -175,8 +175,9 @@ int CMOXUsbScanner::t_ReadFile(SMOXFileInfo& info) {
             return MOX_SCAN_SKIPPED;
     }
     if (!t_DoFilter(info)) {
-        MOX_SCAN_INFO("Ignore %s(%s/%s), Do Again...", info.nType == MOX_SCANNER_TYPE_FILE ? "FILE" : "DIR",
-                      info.strBasePath.c_str(), info.strName.c_str());
+        // Per-entry walk lines are debug lines (info once: millions a day).
+        MOX_SCAN_DEBUG("Ignore %s(%s/%s), Do Again...", info.nType == MOX_SCANNER_TYPE_FILE ? "FILE" : "DIR",
+                       info.strBasePath.c_str(), info.strName.c_str());
         return MOX_SCAN_SKIPPED;
     }
     if ((m_option.nDetail & 1) && !bDetailRead) return m_GetDetailFileInfo(info, false);
@@ -195,7 +196,7 @@ int CMOXUsbScanner::t_MoveNextDir() {
         if (pending.strParent.size() > 1) path += '/';
         path += pending.strName;
         t_CloseDir();
-        MOX_SCAN_INFO("Enter DIR : %s", path.c_str());
+        MOX_SCAN_DEBUG("Enter DIR : %s", path.c_str());
         int nResult = MOX_SCAN_FAIL;
         int fd = pending.base ? m_OpenFrom(*pending.base, pending.strRelative) : -1;
         if (fd >= 0) {

@@ -201,7 +201,7 @@ void CheckFolderPath(const Call& call) {
         MOX_WARN("Invalid eOperationType[%d].", eOperationType);
         MOX_WARN("Find Folder Path failed.");
     }
-    MOX_INFO("strFolderId[%s]", mox_bus::ForLog(strFolderId).c_str());
+    MOX_DEBUG("strFolderId[%s]", mox_bus::ForLog(strFolderId).c_str());
     call.Reply(mox_bus::NewStringTuple(strFolderId, "check_folder_path"));
 }
 
@@ -236,7 +236,7 @@ void StartScannerThumb(const Call& call) {
     CDeferredReply reply(call.invocation);
     call.service->Engine()->FolderThumbnailScan(call.Caller(), a.szFolderPath, a.szCategory, a.nCount,
                                                 static_cast<int>(a.nPid), [reply](bool bStarted) {
-                                                    MOX_INFO("start_scanner_thumb return [%d]", bStarted);
+                                                    MOX_DEBUG("start_scanner_thumb return [%d]", bStarted);
                                                     reply(g_variant_new("(b)", bStarted));
                                                 });
 }
@@ -343,7 +343,7 @@ struct UnknownCall {
 gboolean AnswerUnknownMethod(gpointer data) {
     std::unique_ptr<UnknownCall> call(static_cast<UnknownCall*>(data));
     const gchar* szMethodName = g_dbus_message_get_member(call->message);
-    MOX_INFO("recive method(%s).", szMethodName);
+    MOX_DEBUG("recive method(%s).", szMethodName);
     MOX_WARN("unkown method(%s).", szMethodName);
     GDBusMessage* reply = g_dbus_message_new_method_reply(call->message);
     g_dbus_connection_send_message(call->connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
@@ -531,7 +531,7 @@ void CMOXBusService::s_OnMethodCall(GDBusConnection*, const gchar*, const gchar*
 }
 
 void CMOXBusService::m_Dispatch(const char* szMethod, GVariant* parameters, GDBusMethodInvocation* invocation) {
-    MOX_INFO("recive method(%s).", szMethod);
+    MOX_DEBUG("recive method(%s).", szMethod);
     const Method* pMethod = nullptr;
     for (const Method& method : kMethods)
         if (strcmp(method.szName, szMethod) == 0) pMethod = &method;

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <csignal>
@@ -18,6 +19,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include <curl/curl.h>
 #include <gio/gio.h>
@@ -81,6 +83,9 @@ CMOXBusService* g_pBus = nullptr;  // owned by main
 // The media library the storage events feed (owned by main).
 CMOXLibrary* g_pLibrary = nullptr;
 int g_nExitStatus = 0;
+// The status file this daemon wrote (device, inode; 0 when none): removed at
+// the stop only while it is still that file, not one a later daemon wrote.
+std::pair<dev_t, ino_t> g_statusFileId{0, 0};
 
 // Reads the introspection XML; the daemon cannot serve without it.
 bool initIntrospectionXml() {
@@ -146,6 +151,9 @@ int write_engine_status() {
         return -1;
     }
     fchmod(fd, 0644);
+    struct stat st;
+    const std::pair<dev_t, ino_t> id =
+        fstat(fd, &st) == 0 ? std::make_pair(st.st_dev, st.st_ino) : std::make_pair(dev_t(0), ino_t(0));
     bool bWritten = fputs("MOX_ENGINE OK", fp.get()) >= 0;
     bWritten = fclose(fp.release()) == 0 && bWritten;
     if (!bWritten) MOX_INFO("fputs failed");
@@ -154,13 +162,28 @@ int write_engine_status() {
         unlink(temp.c_str());
         return bWritten ? -1 : 0;
     }
+    g_statusFileId = id;
     return 0;
 }
 
+// The heartbeat's lines are debug lines, not the info lines they once were:
+// at info an idle daemon would write 1,440 lines an hour saying nothing.
+// At the stop: nothing may claim "OK" for a daemon that is gone (the file was
+// once left behind).
+void removeEngineStatus() {
+    if (g_statusFileId.second == 0) return;
+    const std::string path = mox_host::StatusFilePath();
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0 || st.st_dev != g_statusFileId.first || st.st_ino != g_statusFileId.second)
+        return;  // gone, or another daemon's by now
+    if (unlink(path.c_str()) != 0 && errno != ENOENT)
+        MOX_WARN("cannot remove the status file %s: %s", path.c_str(), strerror(errno));
+}
+
 gboolean notify_callback(gpointer) {
-    MOX_INFO("mox engine notify_callback begin");
+    MOX_DEBUG("mox engine notify_callback begin");
     watchdog_notify();
-    MOX_INFO("mox engine notify_callback end");
+    MOX_DEBUG("mox engine notify_callback end");
     return G_SOURCE_CONTINUE;
 }
 
@@ -388,6 +411,35 @@ int Serve(Daemon& daemon, GMainLoop* loop) {
     return g_nExitStatus;
 }
 
+// Every variable the daemon (and its helper) reads, with the value in force.
+void printHelp() {
+    printf(
+        "Usage: mox-engine [--help | --version]\n\n"
+        "The MOX content engine daemon: owns com.orvia.mox.engine on the system bus. It\n"
+        "takes no options and has no configuration file; SIGTERM or SIGINT stops it\n"
+        "(exit status 0; 1 when the introspection XML is unusable or the bus went away).\n\n"
+        "Environment (value in force now; see mox-engine(8)):\n");
+    const std::pair<const char*, std::string> paths[] = {
+        {"MOX_DBUS_CONFIG", mox_host::DbusConfigPath()}, {"MOX_PLUGIN_DIR", mox_host::PluginDir()},
+        {"MOX_STATUS_FILE", mox_host::StatusFilePath()}, {"MOX_USB_ROOT", mox_host::UsbRoot()},
+        {"MOX_VCONF_DIR", mox_host::VconfDir()},         {"MOX_APP_DATA_DIR", mox_host::AppDataDir()},
+        {"MOX_CA_BUNDLE", mox_host::CaBundlePath()},     {"MOX_FEATURES_FILE", mox_host::FeaturesFile()},
+    };
+    for (const auto& [name, value] : paths) printf("  %-24s %s\n", name, value.c_str());
+    printf(
+        "  %-24s udev (default) or spool:DIR, the simulated USB service\n"
+        "  %-24s mount table of the udev backend (default /proc/self/mountinfo)\n"
+        "  %-24s the media parsing helper (default: beside the daemon, else installed)\n"
+        "  %-24s the user the helper becomes (default nobody)\n"
+        "  %-24s test hook of the helper: 1 lets named files crash or stall it\n"
+        "  %-24s stderr (default), journal (default under systemd) or file:PATH\n"
+        "  %-24s debug, info (default) or warning (default under systemd)\n"
+        "  %-24s the system bus (default: the system bus)\n"
+        "  %-24s set by systemd: readiness and watchdog notices, service detection\n",
+        "MOX_USB_BACKEND", "MOX_MOUNTINFO", "MOX_EXTRACT_HELPER", "MOX_EXTRACT_USER", "MOX_EXTRACT_TEST_FAULTS",
+        "MOX_LOG", "MOX_LOG_LEVEL", "DBUS_SYSTEM_BUS_ADDRESS", "NOTIFY_SOCKET, JOURNAL_STREAM, INVOCATION_ID");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -397,13 +449,7 @@ int main(int argc, char** argv) {
             return 0;
         }
         if (strcmp(argv[1], "--help") == 0) {
-            printf(
-                "Usage: mox-engine [--help | --version]\n\n"
-                "The MOX content engine daemon: owns com.orvia.mox.engine on the system bus\n"
-                "(DBUS_SYSTEM_BUS_ADDRESS moves it). It takes no options; its paths move with\n"
-                "MOX_DBUS_CONFIG, MOX_STATUS_FILE, MOX_PLUGIN_DIR, MOX_APP_DATA_DIR, MOX_USB_ROOT,\n"
-                "MOX_CA_BUNDLE, MOX_VCONF_DIR and MOX_FEATURES_FILE; MOX_LOG and MOX_LOG_LEVEL\n"
-                "choose the log sink and level. SIGTERM stops it.\n");
+            printHelp();
             return 0;
         }
         fprintf(stderr, "mox-engine: unknown argument '%s' (try --help)\n", argv[1]);
@@ -440,6 +486,9 @@ int main(int argc, char** argv) {
     g_source_remove(nTermId);
     signal(SIGTERM, SIG_IGN);  // the process is ending in order anyway
     signal(SIGINT, SIG_IGN);
+    // Nothing may claim "OK" for a daemon that is gone: the status file goes
+    // with it (it was once left behind).
+    removeEngineStatus();
     if (g_bThreadsAbandoned) {
         // The exit-time destructors and handlers would run under threads
         // still inside a storage's or a source's call (and a leak check

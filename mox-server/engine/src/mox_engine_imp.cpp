@@ -264,7 +264,7 @@ void CMOXEngineImp::EmitRequestFailure(EMOXCommandKind eKind, guint32 nHandleId,
 }
 
 bool CMOXEngineImp::GetPartialList(const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::GetPartialList()");
+    MOX_TRACE("In CMOXEngineImp::GetPartialList()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strCommand).c_str());
     mox::UniqueLock lock(m_mutex);
     std::string strKey = kListKey + strCommand;
@@ -277,7 +277,7 @@ bool CMOXEngineImp::GetPartialList(const std::string& strCommand, guint32 nHandl
 }
 
 bool CMOXEngineImp::RequestDetail(const std::string& strCommand, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::RequestDetail()");
+    MOX_TRACE("In CMOXEngineImp::RequestDetail()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strCommand).c_str());
     mox::UniqueLock lock(m_mutex);
     if (!m_ShareAllows(caller, true, false)) {
@@ -292,14 +292,14 @@ bool CMOXEngineImp::RequestDetail(const std::string& strCommand, guint32 nHandle
 }
 
 bool CMOXEngineImp::RequestMetadata(const std::string& strRequest, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::RequestMetadata()");
+    MOX_TRACE("In CMOXEngineImp::RequestMetadata()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strRequest).c_str());
     mox::UniqueLock lock(m_mutex);
     return m_JoinOrStart(lock, EMOXCommandKind::kMeta, kMetaKey + strRequest, strRequest, nHandleId, caller);
 }
 
 bool CMOXEngineImp::CancelDetail(guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::CancelDetail().");
+    MOX_TRACE("In CMOXEngineImp::CancelDetail().");
     mox::MutexLock lock(m_mutex);
     for (auto& entry : m_workers) {
         WorkerThreadJob* pWork = entry.second.get();
@@ -313,8 +313,8 @@ bool CMOXEngineImp::CancelDetail(guint32 nHandleId, const connect_info_s& caller
 }
 
 bool CMOXEngineImp::Disconnect(guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::Disconnect().");
-    MOX_INFO("nHandleId[%d].", static_cast<int>(nHandleId));
+    MOX_TRACE("In CMOXEngineImp::Disconnect().");
+    MOX_DEBUG("nHandleId[%d].", static_cast<int>(nHandleId));
     mox::MutexLock lock(m_mutex);
     MOX_DEBUG("m_workers.size(): %d", static_cast<int>(m_workers.size()));
     for (auto& entry : m_workers) {
@@ -361,8 +361,8 @@ bool CMOXEngineImp::m_DropList(const std::string& strShmName) {
 }
 
 bool CMOXEngineImp::DropPartialList(const std::string& strShmName, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::DropPartialList().");
-    MOX_INFO("szShmName[%s]", mox_bus::ForLog(strShmName).c_str());
+    MOX_TRACE("In CMOXEngineImp::DropPartialList().");
+    MOX_DEBUG("szShmName[%s]", mox_bus::ForLog(strShmName).c_str());
     mox::MutexLock lock(m_mutex);
     // Only a list this engine handed to the caller: a client must not make
     // the engine let go of blocks that other clients hold.
@@ -496,8 +496,8 @@ void CMOXEngineImp::m_OnDetailDone(WorkerThreadJob* pJob, const std::string& str
                 nEventType = MOX_EVENT_DETAIL_NOT_FOUND;
             else if (eError == MOX_ERROR_NO_SUCH_SOURCE || eError == MOX_ERROR_FAILED_RESULT)
                 nEventType = MOX_EVENT_DETAIL_FAILED;
-            else
-                MOX_WARN("Wrong event type received form engine[%d].", 3);
+            else if (eError != MOX_ERROR_NONE)
+                MOX_WARN("Wrong event type received form engine[%d].", 3);  // never for a found detail
             CJsonValue payload;
             payload.Set("mox_event_type", nEventType);
             payload.Set("mox_handle_id", first.nHandleId);
@@ -514,8 +514,9 @@ void CMOXEngineImp::m_OnDetailDone(WorkerThreadJob* pJob, const std::string& str
 
 void CMOXEngineImp::m_OnMetaDone(WorkerThreadJob* pJob, const std::string& strResult, mox_error_code_e eError) {
     MOX_TRACE("In CMOXEngineImp::m_RequestMetaCompeleteCb().");
-    // The service's text, or an empty object when it gave no JSON object.
-    CJsonValue result(strResult);
+    // The service's text, or an empty object when it gave no JSON object. A
+    // failed request has no text at all: nothing to parse (or warn about).
+    CJsonValue result = strResult.empty() ? CJsonValue() : CJsonValue(strResult);
     if (!result.IsValid()) result = CJsonValue();
     result.Set("mox_uhd_request_param", pJob->strQueryCmd);
     std::string strData = result.ToString();

@@ -59,7 +59,7 @@ void CMOXEngineImp::m_EmitActEnd(const connect_info_s& client, guint32 nHandleId
 
 bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelectionBlock, guint32 nHandleId,
                         const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::Act()");
+    MOX_TRACE("In CMOXEngineImp::Act()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strParam).c_str());
     (void)strSelectionBlock;  // only logged by the dispatcher
     CJsonValue doc(strParam);
@@ -105,7 +105,7 @@ bool CMOXEngineImp::Act(const std::string& strParam, const std::string& strSelec
 }
 
 guint32 CMOXEngineImp::StopActSync(const std::string& strParam, guint32 nHandleId, const connect_info_s& caller) {
-    MOX_INFO("In CMOXEngineImp::StopActSync()");
+    MOX_TRACE("In CMOXEngineImp::StopActSync()");
     MOX_INFO("szParam[%s].", mox_bus::ForLog(strParam).c_str());
     (void)nHandleId;  // a transfer is the client's, whichever handle started it
     CJsonValue doc(strParam);
@@ -183,10 +183,10 @@ void CMOXEngineImp::m_OnActProgress(WorkerThreadJob* pJob, const char* szParam, 
 
     mox::MutexLock lock(m_mutex);
     const std::string strTimes = CJsonValue(pJob->strQueryCmd).StringOr("mox_act_request_times");
-    MOX_INFO("pMoxTransferProgressData->dlnow:[%lf]", pProgress->dlnow);
-    MOX_INFO("pMoxTransferProgressData->dltotal:[%lf]", pProgress->dltotal);
-    MOX_INFO("pMoxTransferProgressData->ulnow:[%lf]", pProgress->ulnow);
-    MOX_INFO("pMoxTransferProgressData->ultotal:[%lf]", pProgress->ultotal);
+    MOX_DEBUG("pMoxTransferProgressData->dlnow:[%lf]", pProgress->dlnow);
+    MOX_DEBUG("pMoxTransferProgressData->dltotal:[%lf]", pProgress->dltotal);
+    MOX_DEBUG("pMoxTransferProgressData->ulnow:[%lf]", pProgress->ulnow);
+    MOX_DEBUG("pMoxTransferProgressData->ultotal:[%lf]", pProgress->ultotal);
 
     CJsonValue progress;
     progress.Set("mox_file_transter_dlnow", pProgress->dlnow);
@@ -196,11 +196,11 @@ void CMOXEngineImp::m_OnActProgress(WorkerThreadJob* pJob, const char* szParam, 
     const std::string strProgress = Compact(progress);
     MOX_DEBUG("szUserData: %s", strProgress.c_str());
     const std::string strOrigin = szParam ? szParam : "";
-    MOX_INFO("sMoxCommand origin:[%s]", mox_bus::ForLog(strOrigin).c_str());
+    MOX_DEBUG("sMoxCommand origin:[%s]", mox_bus::ForLog(strOrigin).c_str());
     CJsonValue command(strOrigin);
     std::string strWithProgress = strOrigin;
     if (command.IsValid() && command.Set("mox_file_transter_data", strProgress)) strWithProgress = Compact(command);
-    MOX_INFO("szMoxCommandWithProgress:[%s]", mox_bus::ForLog(strWithProgress).c_str());
+    MOX_DEBUG("szMoxCommandWithProgress:[%s]", mox_bus::ForLog(strWithProgress).c_str());
 
     const int nEventType = eError == MOX_ERROR_NONE ? MOX_EVENT_ACT_PROGRESS : MOX_EVENT_ACT_FAILED;
     for (const auto& pRequester : pJob->requesters) {

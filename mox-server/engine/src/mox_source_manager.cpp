@@ -153,7 +153,7 @@ IWebSource* CMOXSourceMgr::GetSource(std::string strSourceName) {
     mox::MutexLock lock(m_mutex);
     auto found = m_sources.find(strSourceName);
     if (found != m_sources.end()) return found->second;
-    MOX_INFO("strSourceName = %.255s", strSourceName.c_str());
+    MOX_DEBUG("strSourceName = %.255s", strSourceName.c_str());
     if (strSourceName == "test") return nullptr;
     IWebSource* pSource = m_CreateSource(strSourceName);
     if (!pSource) return nullptr;

@@ -69,17 +69,17 @@ void CMOXStorageMgr::SetNotificationCB(MOXStorageNotificationCb cb) {
 }
 
 void CMOXStorageMgr::AddNotificationClient(dbus_connection_info_s& client) {
-    MOX_INFO("Calling AddNotificationClient...");
+    MOX_DEBUG("Calling AddNotificationClient...");
     mox::MutexLock lock(m_mutex);
     if (std::find(m_clients.begin(), m_clients.end(), client) != m_clients.end()) {
-        MOX_INFO("Already exist client...");
+        MOX_DEBUG("Already exist client...");
         return;
     }
     m_clients.push_back(client);
 }
 
 void CMOXStorageMgr::RemoveNotificationClient(dbus_connection_info_s& client) {
-    MOX_INFO("Calling RemoveNotificationClient...");
+    MOX_DEBUG("Calling RemoveNotificationClient...");
     mox::MutexLock lock(m_mutex);
     auto it = std::find(m_clients.begin(), m_clients.end(), client);
     if (it != m_clients.end()) m_clients.erase(it);
@@ -102,7 +102,7 @@ void CMOXStorageMgr::RemoveNotificationClientsOf(const std::string& sender) {
 }
 
 int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) {
-    MOX_INFO("Calling GetStoraes...");
+    MOX_DEBUG("Calling GetStoraes...");
     // The document asks each storage for its sizes: built from a copy of the
     // list, after the lock, so hot-plug events never wait on a slow storage.
     std::vector<UsbDevicePtr> listed;
@@ -272,7 +272,7 @@ void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& recor
             pThis->m_UpdateUsbSotrages(record, bConnected);
         record->PrintUSBInfo(bConnected);
         if (pThis->m_clients.empty())
-            MOX_INFO("There is no client...");
+            MOX_DEBUG("There is no client...");
         else
             MOX_INFO("Notify %d client with storage %s", static_cast<int>(pThis->m_clients.size()),
                      bConnected ? "connect" : "disconnect");

@@ -30,9 +30,9 @@ bool WalkDeviceList(int usbClass, Take take) {
     UsbListPtr list(raw);  // m_DestroyUSBList: freed on every path
     int count = usb_device_list_get_count(list.get());
     if (usbClass == USB_DEVICE_CLASS_MASS_STORAGE)
-        MOX_INFO("There are [%d] usb.", count);
+        MOX_DEBUG("There are [%d] usb.", count);
     else
-        MOX_INFO("There are [%d] ptp.", count);
+        MOX_DEBUG("There are [%d] ptp.", count);
     for (int i = 0; i < count; ++i) {
         usb_device_h device = nullptr;
         if (i == 0) {

@@ -44,7 +44,7 @@ void CMOXActCommand::Stop() {
 }
 
 void CMOXActCommand::Execute(std::string strCommand) {
-    MOX_INFO("In CMOXActCommand::Execute().");
+    MOX_TRACE("In CMOXActCommand::Execute().");
     CJsonValue doc(strCommand);
     if (StopRequested(doc)) {
         StopActSync(std::move(strCommand));
@@ -82,29 +82,29 @@ int CMOXActCommand::m_Act(std::string& strCommand) {
     CMOXSourceCall call(strSource);
     int nResult = MOX_ERROR_GENERIC;
     if (!bSend) {
-        MOX_INFO("Begin: pSource->Execute[Normal].[%s].", mox_bus::ForLog(strCommand).c_str());
+        MOX_DEBUG("Begin: pSource->Execute[Normal].[%s].", mox_bus::ForLog(strCommand).c_str());
         try {
             nResult = pSource->Act(m_bStop, strCommand);
         } catch (...) {
             MOX_WARN("Source[%s] threw from Act.", mox_bus::ForLog(strSource).c_str());
             nResult = MOX_ERROR_GENERIC;
         }
-        MOX_INFO("End: pSource->Execute[Normal].returnCode[%d].", nResult);
+        MOX_DEBUG("End: pSource->Execute[Normal].returnCode[%d].", nResult);
         return nResult;
     }
-    MOX_INFO("Begin: pSource->Execute[Send].[%s].", mox_bus::ForLog(strCommand).c_str());
+    MOX_DEBUG("Begin: pSource->Execute[Send].[%s].", mox_bus::ForLog(strCommand).c_str());
     try {
         nResult = pSource->Execute(m_bStop, strCommand, s_Progress, this);
     } catch (...) {
         MOX_WARN("Source[%s] threw from Execute.", mox_bus::ForLog(strSource).c_str());
         nResult = MOX_ERROR_GENERIC;
     }
-    MOX_INFO("End: pSource->Execute[Send].returnCode[%d].", nResult);
+    MOX_DEBUG("End: pSource->Execute[Send].returnCode[%d].", nResult);
     return nResult;
 }
 
 void CMOXActCommand::ActThreadProc(std::string strCommand) {
-    MOX_INFO("In CMOXActCommand::ActThreadProc().");
+    MOX_TRACE("In CMOXActCommand::ActThreadProc().");
     // The callback deletes this command: keep what is needed after it.
     MOXCommandCallback fnDone = m_fnDone;
     int nResult = MOX_ERROR_GENERIC;
@@ -114,7 +114,7 @@ void CMOXActCommand::ActThreadProc(std::string strCommand) {
         MOX_WARN("Act thread failed with an exception.");
         nResult = MOX_ERROR_GENERIC;
     }
-    MOX_INFO("Act thread working done.");
+    MOX_DEBUG("Act thread working done.");
     try {
         fnDone(strCommand, static_cast<mox_error_code_e>(nResult));
     } catch (...) {
@@ -123,7 +123,7 @@ void CMOXActCommand::ActThreadProc(std::string strCommand) {
 }
 
 int CMOXActCommand::StopActSync(std::string strCommand) {
-    MOX_INFO("In CMOXActCommand::StopActSync()");
+    MOX_TRACE("In CMOXActCommand::StopActSync()");
     m_nStopResult = MOX_ERROR_GENERIC;
     try {
         CJsonValue doc(strCommand);
@@ -134,9 +134,9 @@ int CMOXActCommand::StopActSync(std::string strCommand) {
         } else if (IWebSource* pSource = m_GetSource(strSource)) {
             if (doc.StringOr("mox_command") == "mox_file_transfer") {
                 CMOXSourceCall call(strSource);
-                MOX_INFO("Begin: pSource->Execute[StopSendSync][%s].", mox_bus::ForLog(strCommand).c_str());
+                MOX_DEBUG("Begin: pSource->Execute[StopSendSync][%s].", mox_bus::ForLog(strCommand).c_str());
                 m_nStopResult = pSource->Execute(m_bStop, strCommand, s_Progress, this);
-                MOX_INFO("End: pSource->Execute[StopSendSync].returnCode[%d].", m_nStopResult);
+                MOX_DEBUG("End: pSource->Execute[StopSendSync].returnCode[%d].", m_nStopResult);
             }
         } else {
             m_nStopResult = MOX_ERROR_NO_SUCH_SOURCE;
@@ -145,6 +145,6 @@ int CMOXActCommand::StopActSync(std::string strCommand) {
         MOX_WARN("Stop of a transfer failed with an exception.");
         m_nStopResult = MOX_ERROR_GENERIC;
     }
-    MOX_INFO("Stop Act working done.");
+    MOX_DEBUG("Stop Act working done.");
     return m_nStopResult;
 }

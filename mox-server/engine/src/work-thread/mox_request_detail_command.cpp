@@ -18,7 +18,7 @@ void CMOXRequestDetailCommand::Stop() {
 }
 
 void CMOXRequestDetailCommand::Execute(std::string strCommand) {
-    MOX_INFO("In CMOXRequestDetailCommand::Execute()");
+    MOX_TRACE("In CMOXRequestDetailCommand::Execute()");
     // A pool thread, not one of its own: starting a thread per request cost
     // more than answering a cached one.
     if (!CMOXWorkerPool::Get().Submit([this, strCommand = std::move(strCommand)]() mutable {
@@ -30,7 +30,7 @@ void CMOXRequestDetailCommand::Execute(std::string strCommand) {
 }
 
 mox_error_code_e CMOXRequestDetailCommand::m_Run(std::string& strCommand, std::string& strResult) {
-    MOX_INFO("In CMOXRequestDetailCommand::GetRequestDetailThreadProc().");
+    MOX_TRACE("In CMOXRequestDetailCommand::GetRequestDetailThreadProc().");
     CJsonValue doc(strCommand);
     std::string strSource;
     if (!doc.IsValid() || !doc.IsString("mox_source")) {
@@ -43,7 +43,7 @@ mox_error_code_e CMOXRequestDetailCommand::m_Run(std::string& strCommand, std::s
         MOX_WARN("Can not get source[%s].", mox_bus::ForLog(strSource).c_str());
         return MOX_ERROR_NO_SUCH_SOURCE;
     }
-    MOX_INFO("Begin :pSource->GetDetail[%s].", mox_bus::ForLog(strCommand).c_str());
+    MOX_DEBUG("Begin :pSource->GetDetail[%s].", mox_bus::ForLog(strCommand).c_str());
     CMOXSourceCall call(strSource);
     mox_error_code_e eError = MOX_ERROR_GENERIC;
     try {
@@ -53,7 +53,7 @@ mox_error_code_e CMOXRequestDetailCommand::m_Run(std::string& strCommand, std::s
         strResult.clear();
         eError = MOX_ERROR_GENERIC;
     }
-    MOX_INFO("End :pSource->GetDetail.errorCode[%d].", eError);
+    MOX_DEBUG("End :pSource->GetDetail.errorCode[%d].", eError);
     // The answer travels in one signal: bound it like a method argument.
     if (strResult.size() > mox_bus::kMaxArgumentBytes) {
         MOX_WARN("Source[%s] detail of %zu bytes refused.", strSource.c_str(), strResult.size());
@@ -75,7 +75,7 @@ void CMOXRequestDetailCommand::GetRequestDetailThreadProc(std::string strCommand
         strResult.clear();
         eError = MOX_ERROR_GENERIC;
     }
-    MOX_INFO("Get detail result[%d].", eError);
+    MOX_DEBUG("Get detail result[%d].", eError);
     try {
         fnDone(strResult, eError);
     } catch (...) {

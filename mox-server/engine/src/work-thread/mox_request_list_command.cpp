@@ -317,7 +317,7 @@ CMOXRequestListCommand::CMOXRequestListCommand(MOXCommandCallback fnDone) : m_fn
 CMOXRequestListCommand::~CMOXRequestListCommand() = default;
 
 void CMOXRequestListCommand::Execute(std::string strCommand) {
-    MOX_INFO("In CMOXRequestListCommand::Execute().");
+    MOX_TRACE("In CMOXRequestListCommand::Execute().");
     // A pool thread, not one of its own: starting a thread per request cost
     // more than answering a cached one.
     if (!CMOXWorkerPool::Get().Submit([this, strCommand = std::move(strCommand)]() mutable {
@@ -345,7 +345,7 @@ void CMOXRequestListCommand::GetRequestListThreadProc(const std::string& strComm
     } catch (...) {
         MOX_WARN("Completion callback failed with an exception.");
     }
-    MOX_INFO("Main thread working done.");
+    MOX_DEBUG("Main thread working done.");
 }
 
 bool CMOXRequestListCommand::m_GetSources(const CJsonValue& doc, std::vector<std::string>& sources,
@@ -382,7 +382,7 @@ bool CMOXRequestListCommand::m_GetSources(const CJsonValue& doc, std::vector<std
 }
 
 std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, mox_error_code_e& eError) {
-    MOX_INFO("In CMOXRequestListCommand::GetRequestListThreadProc().");
+    MOX_TRACE("In CMOXRequestListCommand::GetRequestListThreadProc().");
     CJsonValue doc(strCommand);
     if (!doc.IsValid()) {
         MOX_WARN("The list command is not a JSON object.");
@@ -455,7 +455,7 @@ std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, 
 void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, const std::string& strSource,
                                                    std::vector<std::string>* pNames) {
     try {
-        MOX_INFO("In CMOXRequestListCommand::GetListFromSourceProc.");
+        MOX_TRACE("In CMOXRequestListCommand::GetListFromSourceProc.");
         IWebSource* pSource = CMOXSingleton<CMOXSourceMgr>::Get()->GetSource(strSource);
         if (pSource == nullptr) {
             MOX_WARN("Can not get source[%s].", strSource.c_str());
@@ -490,7 +490,7 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, cons
         std::vector<mox_data_group_s> groups;
         std::vector<mox_data_length_s> lengths;
         mox_error_code_e eRet = MOX_ERROR_GENERIC;
-        MOX_INFO("Begin: pSource->GetData[%s].", mox_bus::ForLog(strQueryCmd).c_str());
+        MOX_DEBUG("Begin: pSource->GetData[%s].", mox_bus::ForLog(strQueryCmd).c_str());
         CInProgressCall call(strSource, builder.GetName());
         try {
             eRet = pSource->GetData(m_bStop, strQueryCmd, pStream, nLen, nStartIndex, nEndIndex, nTotalCount, groups,
@@ -502,7 +502,7 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, cons
             MOX_WARN("Source[%s] threw from GetData.", strSource.c_str());
             eRet = MOX_ERROR_GENERIC;
         }
-        MOX_INFO("End: pSource->GetData");
+        MOX_DEBUG("End: pSource->GetData");
         if (eRet != MOX_ERROR_NONE) {
             m_eError = eRet;
             MOX_DEBUG("GetData fail[%d].", eRet);
@@ -519,7 +519,7 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, cons
             m_eError = MOX_ERROR_FAILED_RESULT;
             return;
         }
-        MOX_INFO("GetData success,begin to build resultBlock.");
+        MOX_DEBUG("GetData success,begin to build resultBlock.");
         if (BlockBytes(nLen, groups.size(), lengths.size()) > kMaxBlockBytes) {
             // Too big for one block (and for the cache): served in parts.
             if (!m_ServeInParts(builder, nLen, nStartIndex, nTotalCount, groups, lengths, *pNames)) {
@@ -531,7 +531,7 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, cons
             m_eError = MOX_ERROR_GENERIC;
             return;
         }
-        MOX_INFO("End to build resultBlock.");
+        MOX_DEBUG("End to build resultBlock.");
         guard.HandOver();  // the pool releases or frees the builder
         std::string strName;
         if (pPool->Add(strQueryCmd, builder, strName, validity))
@@ -635,7 +635,13 @@ std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, BlockM
 bool CMOXRequestListCommand::m_GetComandKeyTypeInfo(CJsonValue& doc, CMOXSortFunction& fn) {
     int nComparison = 0;
     if (!doc.IsInt("SortedType") || !doc.IsString("SortedKey")) {
-        MOX_WARN("Can not get sort info.");
+        // A list asked without sorting is a normal list: this line is an
+        // info line then, not the warning it once was, which is kept for a
+        // half-given or malformed sort.
+        if (doc.Has("SortedType") || doc.Has("SortedKey"))
+            MOX_WARN("Can not get sort info.");
+        else
+            MOX_INFO("Can not get sort info.");
         return false;
     }
     doc.Get("SortedType", nComparison);

@@ -15,7 +15,7 @@ CMOXRequestMetaCommand::CMOXRequestMetaCommand(MOXCommandCallback fnDone) : m_fn
 CMOXRequestMetaCommand::~CMOXRequestMetaCommand() = default;
 
 void CMOXRequestMetaCommand::Execute(std::string strCommand) {
-    MOX_INFO("In CMOXRequestMetaCommand::Execute()");
+    MOX_TRACE("In CMOXRequestMetaCommand::Execute()");
     // A pool thread, not one of its own: starting a thread per request cost
     // more than answering a cached one.
     if (!CMOXWorkerPool::Get().Submit(
@@ -30,7 +30,7 @@ void CMOXRequestMetaCommand::GetRequestMetaThreadProc(const std::string& strComm
     std::string strResult;
     mox_error_code_e eError = MOX_ERROR_GENERIC;
     try {
-        MOX_INFO("In CMOXRequestMetaCommand::GetRequestMetaThreadProc().");
+        MOX_TRACE("In CMOXRequestMetaCommand::GetRequestMetaThreadProc().");
         CJsonValue doc(strCommand);
         std::string strCountryId = doc.StringOr("mox_countryid");
         std::string strLangId = doc.StringOr("mox_langid");
