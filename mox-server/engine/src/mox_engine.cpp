@@ -424,6 +424,7 @@ void printHelp() {
         {"MOX_STATUS_FILE", mox_host::StatusFilePath()}, {"MOX_USB_ROOT", mox_host::UsbRoot()},
         {"MOX_VCONF_DIR", mox_host::VconfDir()},         {"MOX_APP_DATA_DIR", mox_host::AppDataDir()},
         {"MOX_CA_BUNDLE", mox_host::CaBundlePath()},     {"MOX_FEATURES_FILE", mox_host::FeaturesFile()},
+        {"MOX_LIBRARY_DIR", mox_host::LibraryDir()},
     };
     for (const auto& [name, value] : paths) printf("  %-24s %s\n", name, value.c_str());
     printf(
