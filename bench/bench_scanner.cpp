@@ -17,6 +17,7 @@
 #include <string>
 
 #include "bench_main.h"
+#include "bench_walk.h"
 #include "mox_auto_scanner.h"
 #include "mox_thumbnail_scanner.h"
 #include "mox_usb_scanner.h"
@@ -59,25 +60,7 @@ const std::string& Tree() {
     return root;
 }
 
-struct EndWaiter {
-    std::mutex m;
-    std::condition_variable cv;
-    int result = 0;
-    bool done = false;
-    static void OnEnd(void* data, int result) {
-        auto* self = static_cast<EndWaiter*>(data);
-        std::lock_guard<std::mutex> lock(self->m);
-        self->result = result;
-        self->done = true;
-        self->cv.notify_all();
-    }
-    int Wait() {
-        std::unique_lock<std::mutex> lock(m);
-        cv.wait(lock, [&] { return done; });
-        done = false;
-        return result;
-    }
-};
+using moxbench::EndWaiter;
 
 void BM_DeviceCheck(benchmark::State& state) {
     const std::string root = Tree() + "/deep";
@@ -107,27 +90,7 @@ BENCHMARK(BM_DeviceCheck)->Unit(benchmark::kMillisecond)->UseRealTime();
 // queued by d_type, files counted.
 void BM_RawBfsReaddir(benchmark::State& state) {
     const std::string root = Tree() + "/deep";
-    for (auto _ : state) {
-        std::deque<std::string> queue{root};
-        long files = 0;
-        while (!queue.empty()) {
-            std::string dir = std::move(queue.front());
-            queue.pop_front();
-            DIR* stream = opendir(dir.c_str());
-            if (!stream) continue;
-            while (struct dirent64* e = readdir64(stream)) {
-                if (e->d_type == DT_DIR) {
-                    if (e->d_name[0] == '.' && (e->d_name[1] == 0 || (e->d_name[1] == '.' && e->d_name[2] == 0)))
-                        continue;
-                    queue.push_back(dir + "/" + e->d_name);
-                } else {
-                    ++files;
-                }
-            }
-            closedir(stream);
-        }
-        benchmark::DoNotOptimize(files);
-    }
+    for (auto _ : state) benchmark::DoNotOptimize(moxbench::RawWalk(root));
 }
 BENCHMARK(BM_RawBfsReaddir)->Unit(benchmark::kMillisecond)->UseRealTime();
 
