@@ -446,6 +446,28 @@ std::string CMOXUtil::FileNameToUtf8(std::string_view name) {
     return out;
 }
 
+std::string CMOXUtil::FileNameFromUtf8(std::string_view text) {
+    auto hex = [](char c) -> int {
+        if (c >= '0' && c <= '9') return c - '0';
+        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+        return -1;
+    };
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        // "\x00" stays as it is: no name holds a NUL, and a path must not end early.
+        if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] == 'x' && hex(text[i + 2]) >= 0 &&
+            hex(text[i + 3]) >= 0 && (text[i + 2] != '0' || text[i + 3] != '0')) {
+            out.push_back(static_cast<char>(hex(text[i + 2]) * 16 + hex(text[i + 3])));
+            i += 3;
+        } else {
+            out.push_back(text[i]);
+        }
+    }
+    return out;
+}
+
 std::string CMOXUtil::CutForLog(const std::string& str, size_t nMax) {
     if (str.size() <= nMax) return str;
     size_t cut = nMax;

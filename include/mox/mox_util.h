@@ -70,6 +70,10 @@ public:
     // not part of valid UTF-8, every NUL and every backslash becomes "\xNN"
     // (upper-case hex).
     static std::string FileNameToUtf8(std::string_view name);
+    // The inverse, for paths clients send back: every "\xNN" (hex, either
+    // case) becomes the byte NN; everything else is kept. Names the engine
+    // handed out name the same file again.
+    static std::string FileNameFromUtf8(std::string_view text);
     // Splits text at runs of blanks (trailing blanks ignored) and stores at
     // most three numbers in out (which holds three); *count gets how many.
     // An empty, blank-only or null text stores one 0.0.

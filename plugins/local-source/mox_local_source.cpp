@@ -223,6 +223,7 @@ public:
         CJsonValue doc(strQueryCmd);
         std::string strFolder;
         if (doc.IsValid() && doc.IsString("mox_folder_path") && doc.Get("mox_folder_path", strFolder)) {
+            strFolder = CMOXUtil::FileNameFromUtf8(strFolder);
             strStamp = CMOXLocalFolder::Stamp(strFolder);
             t_lastStamp = SLastStamp{strFolder, strStamp, std::chrono::steady_clock::now()};
         }
@@ -283,6 +284,8 @@ mox_error_code_e CMOXLocalSource::GetData(bool& bStop, std::string& strQueryCmd,
         MOX_WARN("List document without \"mox_folder_path\".");
         return MOX_ERROR_INVALID_PARAMETER;
     }
+    // Paths come back as items named them (the engine's rule for names).
+    strFolder = CMOXUtil::FileNameFromUtf8(strFolder);
     int nMediaType = 0, nStart = 0, nEnd = -1;
     if (!OptionalInt(doc, "mox_media_type", 0, nMediaType) || !OptionalInt(doc, "mox_start_index", 0, nStart) ||
         !OptionalInt(doc, "mox_end_index", -1, nEnd))
@@ -353,6 +356,7 @@ mox_error_code_e CMOXLocalSource::GetDetail(bool&, std::string& strCommand, std:
         MOX_WARN("Detail document without \"FilePath\".");
         return MOX_ERROR_INVALID_PARAMETER;
     }
+    strPath = CMOXUtil::FileNameFromUtf8(strPath);
     SMOXLocalEntry entry;
     std::string strFullPath;
     mox_error_code_e eError = CMOXLocalFolder::Describe(strPath, entry, strFullPath);

@@ -24,6 +24,7 @@
 #include <mox/mox_confined_path.h>
 #include <mox/mox_log.h>
 #include <mox/mox_ra_source.h>
+#include <mox/mox_util.h>
 #include <mox/mox_web_source.h>
 #include <mox_host_paths.h>
 #include <mox_unique_fd.h>
@@ -117,6 +118,9 @@ int CMOXRaSource::Execute(bool& bStop, std::string& strParam, mox_transfer_progr
         return MOX_ERROR_INVALID_PARAMETER;
     }
     const bool bUrl = CMOXRaTransfer::IsUrl(request.strSrc);
+    // Paths come back as items named them (the engine's rule for names).
+    if (!bUrl) request.strSrc = CMOXUtil::FileNameFromUtf8(request.strSrc);
+    request.strDst = CMOXUtil::FileNameFromUtf8(request.strDst);
     if ((!bUrl && (request.strSrc.empty() || request.strSrc[0] != '/')) ||
         request.strSrc.size() > (bUrl ? kMaxUrlBytes : kMaxPathBytes) || request.strDst.empty() ||
         request.strDst[0] != '/' || request.strDst.size() > kMaxPathBytes) {
@@ -159,6 +163,7 @@ int CMOXRaSource::m_CreateAlbum(const CJsonValue& doc) {
         MOX_WARN("\"mox_create_album\" needs an absolute \"mox_album_path\".");
         return MOX_ERROR_INVALID_PARAMETER;
     }
+    strPath = CMOXUtil::FileNameFromUtf8(strPath);
     CMOXConfinedPath root(mox_host::UsbRoot());
     std::string strLeaf;
     mox_util::UniqueFd dir(root.OpenParent(strPath, strLeaf));

@@ -18,6 +18,7 @@
 #include <mox/mox_confined_path.h>
 #include <mox/mox_events.h>
 #include <mox/mox_singleton.h>
+#include <mox/mox_util.h>
 #include <mox_host_paths.h>
 #include <mox_unique_fd.h>
 
@@ -80,11 +81,14 @@ const char* ItemTypeOf(int nGroup) {
 // beneath the root: no link or ".." leads out, and a refusal is the same
 // whatever exists outside), spelt with the USB root as configured; false
 // (logged) otherwise. The walk opens the result beneath the root again.
-bool ConfineToUsbRoot(const char* path, std::string& confined) {
-    if (path == nullptr || *path == '\0' || std::strlen(path) >= PATH_MAX) {
+bool ConfineToUsbRoot(const char* szPath, std::string& confined) {
+    if (szPath == nullptr || *szPath == '\0' || std::strlen(szPath) >= PATH_MAX) {
         MOX_WARN("path refused: empty or too long");
         return false;
     }
+    // Paths come back as the engine's texts named them ("\xNN" for bytes).
+    const std::string decoded = CMOXUtil::FileNameFromUtf8(szPath);
+    const char* path = decoded.c_str();
     std::string root = StripTrailingSlashes(mox_host::UsbRoot());
     std::unique_ptr<char, decltype(&free)> realRoot(realpath(root.c_str(), nullptr), free);
     mox_util::UniqueFd fd(CMOXConfinedPath(root).OpenPath(path));

@@ -93,7 +93,9 @@ UniqueFd OpenClientObject(const std::string& shmName, uid_t callerUid, struct st
 
 }  // namespace
 
-bool CMOXUsbFile::Write(const std::string& path, const std::string& shmName, uid_t callerUid) {
+bool CMOXUsbFile::Write(const std::string& clientPath, const std::string& shmName, uid_t callerUid) {
+    // Paths come back as the engine's texts named them ("\xNN" for bytes).
+    const std::string path = CMOXUtil::FileNameFromUtf8(clientPath);
     const std::string logPath = CMOXUtil::CutForLog(path);
     struct stat st;
     UniqueFd object = OpenClientObject(shmName, callerUid, st);
@@ -149,7 +151,8 @@ bool CMOXUsbFile::Write(const std::string& path, const std::string& shmName, uid
     return true;
 }
 
-bool CMOXUsbFile::Remove(const std::string& path) {
+bool CMOXUsbFile::Remove(const std::string& clientPath) {
+    const std::string path = CMOXUtil::FileNameFromUtf8(clientPath);
     const std::string logPath = CMOXUtil::CutForLog(path);
     CMOXConfinedPath root(mox_host::UsbRoot());
     int error = 0;

@@ -51,6 +51,13 @@ TEST(UtilStrings, PathHelpersAndSplitBoundaries) {
     EXPECT_EQ(1, count);
     EXPECT_EQ(0.0, one[0]);
     EXPECT_EQ(-1, one[1]);
+
+    // Names the engine hands out come back to the same bytes; a NUL is never
+    // decoded (it would cut a path short), stray or short escapes stay.
+    for (std::string name : {std::string("caf\xe9\\x41.jpg"), std::string("d\xff/\\"), std::string("plain")})
+        EXPECT_EQ(CMOXUtil::FileNameFromUtf8(CMOXUtil::FileNameToUtf8(name)), name);
+    EXPECT_EQ(CMOXUtil::FileNameFromUtf8("a\\x00b\\x4\\xzz\\"), "a\\x00b\\x4\\xzz\\");
+    EXPECT_EQ(CMOXUtil::FileNameFromUtf8("\\x2f\\x41"), "/A");
 }
 
 TEST(UtilIdentifiers, UuidsAreVersionFourAndDistinct) {

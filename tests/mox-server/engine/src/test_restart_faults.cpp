@@ -64,9 +64,13 @@ public:
         if (r.ok()) g_variant_get(r.reply.get(), "(u)", &m_handle);
     }
     Json::Value List(const std::string& folder) {
-        const std::string doc =
-            R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],"mox_folder_path":")" + folder +
-            R"("})";
+        Json::Value request;
+        request["mox_command"] = "mox_requestlist";
+        request["mox_source"].append("mox_local_source");
+        request["mox_folder_path"] = folder;
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "";
+        const std::string doc = Json::writeString(writer, request);
         moxtest::CallResult r = m_h.Call("get_partial_list", g_variant_new("(uuus)", m_handle, 0u, 0u, doc.c_str()));
         EXPECT_TRUE(r.ok()) << r.error;
         ++m_nSent;
@@ -242,6 +246,7 @@ TEST(RestartFaults, OnlyRegularFilesAndEscapedNames) {
     const std::string odd = "caf\xe9\\.jpg";
     ASSERT_TRUE(WriteTextFile(stick + "/a.jpg", "x"));
     ASSERT_TRUE(WriteTextFile(stick + "/" + odd, "x"));
+    ASSERT_TRUE(WriteTextFile(stick + "/d\xff/b.jpg", "x"));
     std::filesystem::create_symlink("/etc/passwd", stick + "/passwd.jpg");
     ASSERT_EQ(mkfifo((stick + "/pipe.jpg").c_str(), 0600), 0);
     ASSERT_EQ(mknod((stick + "/null.jpg").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
@@ -262,6 +267,10 @@ TEST(RestartFaults, OnlyRegularFilesAndEscapedNames) {
     Json::Value ev = client.List(stick);
     ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
     std::vector<std::string> names = ItemNames(ev["mox_result_list_block_name"].asString());
-    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), (std::set<std::string>{"a.jpg", escaped}));
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), (std::set<std::string>{"a.jpg", escaped, "d\\xFF"}));
+    // A name handed out names the same place when a client sends it back.
+    ev = client.List(stick + "/d\\xFF");
+    ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
+    EXPECT_EQ(ItemNames(ev["mox_result_list_block_name"].asString()), std::vector<std::string>{"b.jpg"});
     EXPECT_EQ(h.Stop(), 0);
 }
