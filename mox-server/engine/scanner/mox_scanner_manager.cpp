@@ -236,10 +236,20 @@ bool CMOXScanManager::m_TryDestroy(SMOXScannerInfo& info) {
 void CMOXScanManager::m_ReaperBody() {
     // How often scanners that have not ended yet are looked at again.
     constexpr std::chrono::milliseconds kRecheck{50};
+    // How often a thumbnail queue waiting behind a long request is looked at.
+    constexpr std::chrono::seconds kThumbCheck{1};
     mox::UniqueLock lock(m_reapMutex);
     while (!m_bReaperStop) {
         if (m_reapQueue.empty()) {
-            lock.Wait(m_reapCond);
+            lock.WaitFor(m_reapCond, kThumbCheck);
+            if (m_bReaperStop) break;
+            lock.Unlock();
+            {
+                // Not under m_reapMutex: the two locks are never nested.
+                Lock thumbLock(m_thumbMutex);
+                if (!m_bThumbsClosed) m_ReplaceStuckThumbnailScanner();
+            }
+            lock.Lock();
             continue;
         }
         std::deque<std::shared_ptr<SMOXScannerInfo>> pending;
@@ -398,7 +408,7 @@ void CMOXScanManager::m_ReplaceStuckThumbnailScanner() {
             ++it;
         }
     }
-    if (!m_pThumbnailOwner || !m_pThumbnailOwner->IsStuck(kThumbnailStuckAfter)) return;
+    if (!m_pThumbnailOwner || !m_pThumbnailOwner->IsStuck(kThumbnailStuckAfter, kThumbnailQueueWait)) return;
     if (m_retiredThumbs.size() >= kMaxStuckThumbnailThreads) {
         MOX_DEBUG("thumbnail scan stuck, %zu stuck already: the queue waits", m_retiredThumbs.size());
         return;
@@ -411,7 +421,7 @@ void CMOXScanManager::m_ReplaceStuckThumbnailScanner() {
     std::deque<SMOXScannerOption> queue = m_pThumbnailOwner->TakeQueue();
     m_pThumbnailOwner->RequestEnd();
     MOX_WARN(
-        "thumbnail scan stuck on a storage after its request was withdrawn: %zu queued request(s) go to a new "
+        "thumbnail scan stuck on a storage (withdrawn, or others waiting): %zu queued request(s) go to a new "
         "thread",
         queue.size());
     pNew->AdoptQueue(std::move(queue));

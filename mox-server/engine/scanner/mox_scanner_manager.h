@@ -135,12 +135,15 @@ private:
     int m_nLastID GUARDED_BY(m_mutex) = 0;
 
     // Replaces the thumbnail scanner when its thread is stuck on a storage
-    // with a withdrawn request (kThumbnailStuckAfter after the withdrawal):
-    // the queue moves to a new thread, so the other clients' requests run;
-    // the stuck one is told to end and freed once its call returns. At most
-    // kMaxStuckThumbnailThreads are left stuck; then the queue waits.
+    // with a withdrawn request (kThumbnailStuckAfter after the withdrawal), or
+    // has run one request for kThumbnailQueueWait while others wait behind
+    // it: the queue moves to a new thread, so the other clients' requests
+    // run; the old one finishes (or is freed once its call returns). At most
+    // kMaxStuckThumbnailThreads are left behind; then the queue waits. Run on
+    // each new request and by the reaper about once a second.
     void m_ReplaceStuckThumbnailScanner() REQUIRES(m_thumbMutex);
     static constexpr std::chrono::milliseconds kThumbnailStuckAfter{200};
+    static constexpr std::chrono::milliseconds kThumbnailQueueWait{3000};
     static constexpr size_t kMaxStuckThumbnailThreads = 4;
 
     // Created on the first request; requests and removals go to it under

@@ -151,9 +151,11 @@ void CMOXThumbnailScanner::m_CancelCurrentLocked() {
     if (!m_bCancel.exchange(true)) m_cancelledAt = std::chrono::steady_clock::now();
 }
 
-bool CMOXThumbnailScanner::IsStuck(std::chrono::milliseconds after) {
+bool CMOXThumbnailScanner::IsStuck(std::chrono::milliseconds after, std::chrono::milliseconds waited) {
     Lock lock(m_mutex);
-    return m_bBusy && m_bCancel && std::chrono::steady_clock::now() - m_cancelledAt >= after;
+    if (!m_bBusy) return false;
+    const auto now = std::chrono::steady_clock::now();
+    return (m_bCancel && now - m_cancelledAt >= after) || (!m_queue.empty() && now - m_busySince >= waited);
 }
 
 std::deque<SMOXScannerOption> CMOXThumbnailScanner::TakeQueue() {
@@ -193,6 +195,7 @@ bool CMOXThumbnailScanner::m_PopScanner() {
     m_queue.pop_front();
     m_files.clear();
     m_bBusy = true;
+    m_busySince = std::chrono::steady_clock::now();
     m_bCancel = false;
     return true;
 }

@@ -65,8 +65,10 @@ public:
     // waiting and without its callback. The number of requests dropped.
     size_t RemoveScannersOfOwner(const std::string& owner);
     // True while a withdrawn request has been running for `after` or longer
-    // since it was withdrawn: the thread is stuck on a storage.
-    bool IsStuck(std::chrono::milliseconds after);
+    // since it was withdrawn, or while any request has been running for
+    // `waited` or longer with others queued behind it: the thread is (or may
+    // be) stuck on a storage and the queue should not wait for it.
+    bool IsStuck(std::chrono::milliseconds after, std::chrono::milliseconds waited);
     // Hands the queued requests (and their callback data) over to another
     // thumbnail scanner: TakeQueue empties this queue, AdoptQueue appends.
     std::deque<SMOXScannerOption> TakeQueue();
@@ -95,6 +97,7 @@ private:
     std::vector<SMOXFileInfo> m_files GUARDED_BY(m_mutex);
     bool m_bBusy GUARDED_BY(m_mutex) = false;
     std::chrono::steady_clock::time_point m_cancelledAt GUARDED_BY(m_mutex);
+    std::chrono::steady_clock::time_point m_busySince GUARDED_BY(m_mutex);  // the current request's start
     std::atomic<bool> m_bThreadRun{false};
     std::atomic<bool> m_bCancel{false};
 

@@ -158,6 +158,16 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     CallAndForget(slow.get(), "get_partial_list", g_variant_new("(uuus)", handle, 0u, 50u, list.c_str()));
     std::this_thread::sleep_for(milliseconds(300));
     const long walkDelay = SlowestQuickCall(h, "walks hung in readdir");
+    // The thumbnail scan hung on the stick (not withdrawn) holds another
+    // client's thumbnails only for a while: the queue moves to a new thread.
+    std::filesystem::create_directories(h.UsbRoot() + "/sdc1/early");
+    WriteTextFile(h.UsbRoot() + "/sdc1/early/a.jpg", "x");
+    auto waiting = h.Connect();
+    SignalCollector waitingSignals(waiting.get());
+    r = h.Call("start_scanner_thumb",
+               g_variant_new("(ssuu)", (h.UsbRoot() + "/sdc1/early").c_str(), "CONTENT-IMAGE", 4u, 5u), waiting.get());
+    EXPECT_TRUE(r.ok()) << r.error;
+    EXPECT_TRUE(waitingSignals.WaitFor("mox_folder_thumb_done", 1, std::chrono::seconds(10)));
 
     // Another stick is pulled while the check is stuck, then the hung one.
     Unplug(h, "sdb1");
