@@ -388,8 +388,10 @@ TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
             if (t.ok()) g_variant_get(t.reply.get(), "(b)", &ok);
             queued += ok ? 1 : 0;
         }
-        EXPECT_EQ(queued, 32);
-        EXPECT_EQ(h.CountLog("already has 32 thumbnail requests, refused"), 8u);
+        // A request of its own may finish meanwhile and free a place.
+        EXPECT_GE(queued, 32);
+        EXPECT_LT(queued, 40);
+        EXPECT_EQ(h.CountLog("already has 32 thumbnail requests, refused"), static_cast<size_t>(40 - queued));
         EXPECT_TRUE(StartThumb(h, mount + "/small", "CONTENT-IMAGE", 4, 8));
         g_dbus_connection_close_sync(greedy.get(), nullptr, nullptr);
     }
