@@ -221,18 +221,18 @@ bool CMOXStorageMgr::m_IsSameDevice(const UsbDevicePtr& a, const UsbDevicePtr& b
     return a->GetBus() == b->GetBus() && a->GetAddress() == b->GetAddress();
 }
 
-void CMOXStorageMgr::m_UpdateUsbSotrages(UsbDevicePtr& record, bool bConnected) {
-    m_UpdateList(m_USBList, record, bConnected);
+void CMOXStorageMgr::m_UpdateUsbSotrages(UsbDevicePtr& record, mox_storage_event_e event) {
+    m_UpdateList(m_USBList, record, event);
 }
 
-void CMOXStorageMgr::m_UpdatePtpSotrages(UsbDevicePtr& record, bool bConnected) {
-    m_UpdateList(m_PTPList, record, bConnected);
+void CMOXStorageMgr::m_UpdatePtpSotrages(UsbDevicePtr& record, mox_storage_event_e event) {
+    m_UpdateList(m_PTPList, record, event);
 }
 
-void CMOXStorageMgr::m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, bool bConnected) {
+void CMOXStorageMgr::m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, mox_storage_event_e event) {
     auto listed = std::find_if(list.begin(), list.end(),
                                [&](const UsbDevicePtr& entry) { return m_IsSameDevice(entry, record); });
-    if (bConnected) {
+    if (event == MOX_STORAGE_CONNECTED) {
         if (listed != list.end() && (*listed)->GetModelName() == record->GetModelName()) {
             // Already enumerated by a query that ran between the device's
             // appearance and this event: keep its index.
@@ -250,10 +250,10 @@ void CMOXStorageMgr::m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr&
     list.erase(listed);
 }
 
-void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& record, bool bConnected, void* userData) {
+void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& record, mox_storage_event_e event,
+                                        void* userData) {
     CMOXStorageMgr* pThis = static_cast<CMOXStorageMgr*>(userData);
     assert(pThis != NULL);
-    mox_storage_event_e event = bConnected ? MOX_STORAGE_CONNECTED : MOX_STORAGE_DISCONNECTED;
     // What the callbacks need is collected under the lock and they run after
     // it: the engine's clean-up may wait for a scanner stuck on a storage,
     // and nobody else (get_usb_storages on the main loop) must wait with it.
@@ -267,15 +267,15 @@ void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& recor
     {
         mox::MutexLock lock(pThis->m_mutex);
         if (usb_device_get_class(device) == USB_DEVICE_CLASS_STILL_IMAGE)
-            pThis->m_UpdatePtpSotrages(record, bConnected);
+            pThis->m_UpdatePtpSotrages(record, event);
         else
-            pThis->m_UpdateUsbSotrages(record, bConnected);
-        record->PrintUSBInfo(bConnected);
+            pThis->m_UpdateUsbSotrages(record, event);
+        record->PrintUSBInfo(event == MOX_STORAGE_CONNECTED);
         if (pThis->m_clients.empty())
             MOX_DEBUG("There is no client...");
         else
             MOX_INFO("Notify %d client with storage %s", static_cast<int>(pThis->m_clients.size()),
-                     bConnected ? "connect" : "disconnect");
+                     event == MOX_STORAGE_CONNECTED ? "connect" : "disconnect");
         internalCb = pThis->m_storage_internal_cb;
         pInternalUserData = pThis->m_pInternalUserData;
         notificationCb = pThis->m_storage_notification_cb;

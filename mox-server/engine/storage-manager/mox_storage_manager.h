@@ -81,16 +81,18 @@ private:
     void m_AssignDevIndex(UsbDevicePtr& record, bool bAssign) REQUIRES(m_mutex);
     void m_DestroyUSBList() REQUIRES(m_mutex);
     void m_DestroyPTPList() REQUIRES(m_mutex);
-    void m_UpdateUsbSotrages(UsbDevicePtr& record, bool bConnected) REQUIRES(m_mutex);
-    void m_UpdatePtpSotrages(UsbDevicePtr& record, bool bConnected) REQUIRES(m_mutex);
-    void m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, bool bConnected) REQUIRES(m_mutex);
+    void m_UpdateUsbSotrages(UsbDevicePtr& record, mox_storage_event_e event) REQUIRES(m_mutex);
+    void m_UpdatePtpSotrages(UsbDevicePtr& record, mox_storage_event_e event) REQUIRES(m_mutex);
+    void m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, mox_storage_event_e event)
+        REQUIRES(m_mutex);
     // The document through a Json::Value tree: for text the direct writer
     // cannot quote like jsoncpp (an embedded NUL).
     static std::string m_ConvertWithJsonValue(std::vector<UsbDevicePtr>& list);
     static bool m_IsSameDevice(const UsbDevicePtr& a, const UsbDevicePtr& b);
     static void m_PrintList(const std::vector<UsbDevicePtr>& list);
 
-    static void cb_mscNotification(usb_device_h device, UsbDevicePtr& record, bool bConnected, void* userData);
+    static void cb_mscNotification(usb_device_h device, UsbDevicePtr& record, mox_storage_event_e event,
+                                   void* userData);
 
     std::vector<UsbDevicePtr> m_USBList GUARDED_BY(m_mutex);
     std::vector<UsbDevicePtr> m_PTPList GUARDED_BY(m_mutex);

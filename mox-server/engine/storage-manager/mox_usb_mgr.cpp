@@ -169,15 +169,15 @@ void CMOXUSBMgr::s_USBConnctedCallback(usb_device_h device, const char* action, 
     auto* pThis = static_cast<CMOXUSBMgr*>(userData);
     try {
         UsbDevicePtr record = std::make_shared<CMOXUSBDevice>();
-        bool connected;
+        mox_storage_event_e event;
         if (!strcmp(action, "mounted") || !strcmp(action, "blocked")) {
             MOX_INFO("ACTION: %s, PATH: %s, F/S: %d, TYPE: %d", action, OrNull(usb_device_get_mountpath(device)),
                      usb_mass_storage_get_filesystem_type(device), usb_device_get_class(device));
-            connected = action[0] == 'm';
+            event = action[0] == 'm' ? MOX_STORAGE_CONNECTED : MOX_STORAGE_DISCONNECTED;
         } else if ((!strcmp(action, "added") || !strcmp(action, "removed")) &&
                    usb_device_get_class(device) == USB_DEVICE_CLASS_STILL_IMAGE) {
             MOX_INFO("ACTION : [%s], is USB_CAMERA...", action);
-            connected = action[0] == 'a';
+            event = action[0] == 'a' ? MOX_STORAGE_CONNECTED : MOX_STORAGE_DISCONNECTED;
         } else {
             // Mass storage is reported through "mounted"/"blocked" only.
             return;
@@ -195,7 +195,7 @@ void CMOXUSBMgr::s_USBConnctedCallback(usb_device_h device, const char* action, 
             MOX_WARN("no notification callback yet, %s of %s dropped", action, OrNull(usb_device_get_devname(device)));
             return;
         }
-        cb(device, record, connected, cbData);
+        cb(device, record, event, cbData);
     } catch (const std::exception& e) {
         // Nothing may unwind into the platform's C thread.
         MOX_WARN("USB event %s failed: %s", action, e.what());

@@ -15,11 +15,15 @@
 #include <usb_device.h>
 
 #include "mox_device.h"
+#include "mox_storage_defines.h"
 #include "mox_thread_annotations.h"
 
 // device: borrowed for the call (take a reference to keep it); record: the
 // device's filled record; connected: arrival (true) or departure (false).
-typedef void (*MOXUSBNotificationCb)(usb_device_h device, UsbDevicePtr& record, bool connected, void* userData);
+// The platform's action text becomes this event once, here; everything after
+// it carries the enumeration.
+typedef void (*MOXUSBNotificationCb)(usb_device_h device, UsbDevicePtr& record, mox_storage_event_e event,
+                                     void* userData);
 
 class CMOXUSBMgr {
 public:
