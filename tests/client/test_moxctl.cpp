@@ -97,10 +97,7 @@ std::vector<std::string> EngineObjects(const std::string& log, const std::string
     return names;
 }
 
-bool ShmExists(const std::string& name) {
-    struct stat st;
-    return stat(("/dev/shm/" + name).c_str(), &st) == 0;
-}
+using moxtest::ShmExists;
 
 class Moxctl : public ::testing::Test {
 protected:

@@ -1,5 +1,7 @@
 #include "engine_fixture.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
@@ -14,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -535,6 +538,20 @@ bool EngineHarness::WaitForLog(const std::string& needle, size_t count, std::chr
 
 std::string EngineHarness::Output() const {
     return ReadTextFile(m_dir.file("engine.out"));
+}
+
+Json::Value Parse(const std::string& text) {
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::string errors;
+    std::istringstream in(text);
+    EXPECT_TRUE(Json::parseFromStream(builder, in, &value, &errors)) << errors << text;
+    return value;
+}
+
+bool ShmExists(const std::string& name) {
+    struct stat st {};
+    return stat(("/dev/shm/" + name).c_str(), &st) == 0;
 }
 
 }  // namespace moxtest

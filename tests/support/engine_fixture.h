@@ -16,6 +16,7 @@
 #include <vector>
 
 #include <gio/gio.h>
+#include <json/json.h>
 
 #include "temp_dir.h"
 
@@ -190,5 +191,11 @@ private:
 
 // Iterates the default main context for up to `duration`.
 void PumpMainContext(std::chrono::milliseconds duration);
+
+// A JSON document of the daemon (a signal's text, a list item); a text that
+// does not parse fails the test and gives null.
+Json::Value Parse(const std::string& text);
+// Whether a shared-memory object of that name exists now.
+bool ShmExists(const std::string& name);
 
 }  // namespace moxtest

@@ -32,14 +32,7 @@ bool Shell(const std::string& command) {
     return system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-Json::Value Parse(const std::string& text) {
-    Json::Value v;
-    Json::CharReaderBuilder b;
-    std::string errs;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(b, in, &v, &errs)) << text;
-    return v;
-}
+using moxtest::Parse;
 
 // One SQL query's first column of the first row as text ("" when none).
 std::string Query(const std::string& db, const std::string& sql) {

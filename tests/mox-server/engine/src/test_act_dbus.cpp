@@ -32,11 +32,7 @@ namespace {
 
 constexpr const char* kSignal = "mox_request_normal_complete";
 
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    Json::Reader().parse(text, value);
-    return value;
-}
+using moxtest::Parse;
 
 std::string Quote(const std::string& text) {
     return Json::valueToQuotedString(text.c_str());

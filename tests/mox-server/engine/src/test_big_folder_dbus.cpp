@@ -27,16 +27,9 @@ namespace {
 
 constexpr int kFiles = 100000;
 
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    Json::Reader().parse(text, value);
-    return value;
-}
+using moxtest::Parse;
 
-bool ShmExists(const std::string& name) {
-    struct stat st;
-    return stat(("/dev/shm/" + name).c_str(), &st) == 0;
-}
+using moxtest::ShmExists;
 
 std::string FileName(int n) {
     char name[48];

@@ -25,16 +25,9 @@ namespace {
 
 constexpr guint32 kFailedHandle = 4294967295u;
 
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    Json::Reader().parse(text, value);
-    return value;
-}
+using moxtest::Parse;
 
-bool ShmExists(const std::string& name) {
-    struct stat st;
-    return stat(("/dev/shm/" + name).c_str(), &st) == 0;
-}
+using moxtest::ShmExists;
 
 // A client: its own connection, its own signals.
 class Client {

@@ -28,12 +28,7 @@ using moxtest::WriteTextFile;
 
 namespace {
 
-Json::Value Parse(const std::string& text) {
-    Json::Value v;
-    std::istringstream in(text);
-    Json::parseFromStream(Json::CharReaderBuilder(), in, &v, nullptr);
-    return v;
-}
+using moxtest::Parse;
 
 std::string Plug(EngineHarness& h, const std::string& name) {
     const std::string mount = h.UsbRoot() + "/" + name;

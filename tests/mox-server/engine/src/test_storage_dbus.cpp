@@ -43,14 +43,7 @@ void Unplug(EngineHarness& h, const std::string& name) {
     ASSERT_EQ(std::remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
 }
 
-Json::Value Parse(const std::string& text) {
-    Json::Value v;
-    Json::CharReaderBuilder b;
-    std::string errs;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(b, in, &v, &errs)) << text;
-    return v;
-}
+using moxtest::Parse;
 
 std::string StoragesText(EngineHarness& h, guint32 type, guint32* code = nullptr) {
     CallResult r = h.Call("get_usb_storages", g_variant_new("(u)", type));
