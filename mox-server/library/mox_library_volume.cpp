@@ -147,18 +147,21 @@ void CMOXLibraryVolume::Rescan() {
     (void)!write(m_wakeFd.Get(), &one, sizeof(one));
 }
 
+void CMOXLibraryVolume::m_QueueNotice(const std::string& strRel) {
+    if (m_notices.size() >= m_bounds.nMaxNotices) {
+        m_notices.clear();
+        m_bRescan = true;
+    } else {
+        m_notices.push_back(strRel);
+    }
+}
+
 void CMOXLibraryVolume::NoteChanged(const std::string& strPath) {
     const std::string strRel = m_Relative(strPath);
     if (strRel.empty()) return;
     {
         mox::MutexLock lock(m_mutex);
-        if (m_notices.size() >= m_bounds.nMaxNotices) {
-            // Too many at once: one rescan covers them all.
-            m_notices.clear();
-            m_bRescan = true;
-        } else {
-            m_notices.push_back(strRel);
-        }
+        m_QueueNotice(strRel);
     }
     const uint64_t one = 1;
     (void)!write(m_wakeFd.Get(), &one, sizeof(one));
@@ -712,12 +715,7 @@ void CMOXLibraryVolume::m_ReadInotify() {
             if ((ev->mask & IN_CREATE) && !(ev->mask & IN_ISDIR)) continue;
             const std::string strRel = JoinRel(found->second, ev->name);
             mox::MutexLock lock(m_mutex);
-            if (m_notices.size() >= m_bounds.nMaxNotices) {
-                m_notices.clear();
-                m_bRescan = true;
-            } else {
-                m_notices.push_back(strRel);
-            }
+            m_QueueNotice(strRel);
         }
     }
 }

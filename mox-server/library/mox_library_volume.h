@@ -108,6 +108,8 @@ private:
     void m_UpdateCounts();
     int m_OpenBeneath(const std::string& strRel, int nFlags);
     std::string m_Relative(const std::string& strAbsolute) const;
+    // Queues a changed path; past the bound, one rescan covers them all.
+    void m_QueueNotice(const std::string& strRel) REQUIRES(m_mutex);
     bool Stopping() const { return m_bStop.load(); }
 
     const std::string m_strMountPath;
