@@ -18,8 +18,6 @@
 #include <mutex>
 #include <set>
 
-#include <boost/thread/thread.hpp>
-
 #include <mox/cache_reader.h>
 #include <mox/mox_log.h>
 #include <mox/mox_singleton.h>
@@ -398,29 +396,23 @@ std::string CMOXRequestListCommand::m_RunRequest(const std::string& strCommand, 
     BlockMap blocks;
     for (const std::string& strSource : sources) blocks[strSource];
 
-    // One source (the common case) runs on this thread: no thread to start.
-    boost::thread_group group;
+    // One source (the common case) runs on this thread; several share the
+    // worker pool with this thread, which never waits for a queued one.
+    std::vector<std::function<void()>> tasks;
     for (const std::string& strSource : sources) {
         CJsonValue query(doc);
         query.Set("mox_source", strSource);
         std::string strQueryCmd = query.ToString();
         MOX_DEBUG("Request list from source[%s], strQueryCmd[%s].", strSource.c_str(),
                   mox_bus::ForLog(strQueryCmd).c_str());
-        if (sources.size() == 1) {
-            GetListFromSourceProc(strQueryCmd, strSource, &blocks[strSource]);
-            break;
-        }
-        try {
-            group.create_thread([this, strQueryCmd, strSource, pSlot = &blocks[strSource]]() {
-                GetListFromSourceProc(strQueryCmd, strSource, pSlot);
-            });
-        } catch (...) {
-            MOX_WARN("Can not start a thread for source[%s].", strSource.c_str());
-            m_eError = MOX_ERROR_GENERIC;
-            break;
-        }
+        tasks.emplace_back([this, strQueryCmd = std::move(strQueryCmd), strSource, pSlot = &blocks[strSource]]() {
+            GetListFromSourceProc(strQueryCmd, strSource, pSlot);
+        });
     }
-    group.join_all();
+    if (tasks.size() == 1)
+        tasks.front()();
+    else
+        CMOXWorkerPool::Get().RunTogether(std::move(tasks));
     MOX_DEBUG("All subthread working done.");
 
     if (m_eError != MOX_ERROR_NONE) {

@@ -1,14 +1,15 @@
 // CMOXRequestListCommand ("mox_requestlist"): asks one or more sources for a
-// list at once (one thread per source the cache cannot answer), keeps each
+// list at once (the sources the cache cannot answer side by side), keeps each
 // source's answer as a data block in the cache pool, joins the blocks into
 // one result list (sources in name order, optionally sorted) and reports the
 // list's name, or an error code with an empty name, through the callback.
 //
-// Threads: Execute() starts a detached request thread; that thread runs a
-// thread group of source threads and joins them before building the list.
-// The source threads share m_eError (atomic; the last failure wins) and each
-// writes only its own pre-created slot of the block map. Stop() (any thread)
-// raises the bStop every source call of this command sees.
+// Threads: Execute() runs the request on a worker-pool thread, which shares
+// the sources with the pool through CMOXWorkerPool::RunTogether() and builds
+// the list once all have answered. The source calls share m_eError (atomic;
+// the last failure wins) and each writes only its own pre-created slot of
+// the block map. Stop() (any thread) raises the bStop every source call of
+// this command sees.
 //
 // Validity: before the cache is consulted, an ABI-2 source says how its
 // answer stays valid (GetAnswerValidity): a stamp checked against the kept

@@ -2,6 +2,7 @@
 #include "mox_worker_pool.h"
 
 #include <exception>
+#include <memory>
 #include <thread>
 
 #include <mox/mox_log.h>
@@ -49,6 +50,62 @@ bool CMOXWorkerPool::Submit(std::function<void()> fnTask) {
     m_tasks.push_back(std::move(fnTask));
     m_wake.notify_one();
     return true;
+}
+
+namespace {
+
+// The tasks of one RunTogether(); shared with the pool tasks, which may be
+// dequeued after the caller returned (they then find their task claimed).
+struct SFanOut {
+    explicit SFanOut(std::vector<std::function<void()>> fns) : tasks(std::move(fns)), claimed(tasks.size()) {}
+
+    // Claims task i for the calling thread; false when another has it.
+    bool Claim(size_t i, bool bCountRunning) {
+        mox::MutexLock lock(mutex);
+        if (claimed[i]) return false;
+        claimed[i] = true;
+        if (bCountRunning) ++running;
+        return true;
+    }
+    void Run(size_t i) {
+        try {
+            tasks[i]();
+        } catch (...) {
+            MOX_WARN("A worker task ended with an exception.");
+        }
+    }
+
+    mox::Mutex mutex;
+    std::condition_variable done;  // a task on another thread ended
+    // Read by whoever holds a claim; cleared by the caller once all ended.
+    std::vector<std::function<void()>> tasks;
+    std::vector<bool> claimed GUARDED_BY(mutex);
+    size_t running GUARDED_BY(mutex) = 0;  // claimed by pool threads, not ended
+};
+
+}  // namespace
+
+void CMOXWorkerPool::RunTogether(std::vector<std::function<void()>> tasks) {
+    if (tasks.empty()) return;
+    auto state = std::make_shared<SFanOut>(std::move(tasks));
+    const size_t nTasks = state->tasks.size();
+    // The first one is the caller's own; the pool is offered the others.
+    for (size_t i = 1; i < nTasks; ++i) {
+        bool bQueued = Submit([state, i] {
+            if (!state->Claim(i, true)) return;
+            state->Run(i);
+            mox::MutexLock lock(state->mutex);
+            --state->running;
+            state->done.notify_all();
+        });
+        if (!bQueued) break;  // the caller runs the rest
+    }
+    for (size_t i = 0; i < nTasks; ++i) {
+        if (state->Claim(i, false)) state->Run(i);
+    }
+    mox::UniqueLock lock(state->mutex);
+    while (state->running > 0) lock.Wait(state->done);
+    state->tasks.clear();  // every task is claimed: nobody reads them again
 }
 
 void CMOXWorkerPool::m_Run() {

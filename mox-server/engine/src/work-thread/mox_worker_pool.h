@@ -24,6 +24,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <vector>
 
 class CMOXWorkerPool {
 public:
@@ -42,6 +43,14 @@ public:
     // Runs fnTask on a pool thread; false when the pool is saturated (or no
     // thread can be started and none is left), and the task is not run.
     bool Submit(std::function<void()> fnTask) EXCLUDES(m_mutex);
+
+    // Runs every task and returns when all have ended: on pool threads as
+    // far as the pool takes them, the rest on the calling thread. A task the
+    // pool queued but did not start by the time the caller is through its
+    // own share is run by the caller, so the caller waits only for tasks
+    // running on other threads: a pool thread that fans out never waits for
+    // the pool itself, however saturated. Tasks catch their own exceptions.
+    void RunTogether(std::vector<std::function<void()>> tasks) EXCLUDES(m_mutex);
 
     // Introspection for diagnostics and tests.
     size_t ThreadCount() EXCLUDES(m_mutex);

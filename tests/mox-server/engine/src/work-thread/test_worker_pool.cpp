@@ -84,4 +84,33 @@ TEST(WorkerPool, ReusesThreadsBoundsThemAndRefusesWhenSaturated) {
     EXPECT_EQ(nRan, 23);
 }
 
+TEST(WorkerPool, FanOutRunsInParallelAndNeverWaitsForTheSaturatedPool) {
+    CMOXWorkerPool pool(1, 1, 1);
+    // With a free thread the tasks run at the same time: each waits for the
+    // other to have started.
+    Gate both;
+    std::atomic<int> nStarted{0};
+    auto fnMeet = [&] {
+        if (++nStarted == 2) both.Open();
+        both.Wait();
+    };
+    pool.RunTogether({fnMeet, fnMeet});
+    EXPECT_EQ(nStarted, 2);
+
+    // The pool's only thread fans out while the queue holds a task of the
+    // fan-out and nothing else fits: the caller runs the queued and refused
+    // ones itself instead of waiting for a thread that is never free.
+    std::atomic<int> nRan{0};
+    Gate done;
+    ASSERT_TRUE(pool.Submit([&] {
+        pool.RunTogether({[&] { ++nRan; }, [&] { ++nRan; }, [&] { ++nRan; }, [] { throw std::runtime_error("x"); }});
+        done.Open();
+    }));
+    ASSERT_TRUE(Eventually([&] { return nRan == 3; }));
+    done.Wait();
+    // The task left queued by the fan-out finds itself claimed and returns.
+    EXPECT_TRUE(Eventually([&] { return pool.QueuedCount() == 0 && pool.IdleCount() == 1; }));
+    EXPECT_EQ(nRan, 3);
+}
+
 }  // namespace
