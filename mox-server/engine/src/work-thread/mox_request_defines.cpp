@@ -1,6 +1,8 @@
 #define MOX_LOG_TAG "MOX-CACHE"
 #include "mox_request_defines.h"
 
+#include <memory>
+
 #include <mox/json_value.h>
 #include <mox/mox_log.h>
 
@@ -8,7 +10,7 @@
 
 bool CMOXSortFunction::IsValid() const {
     return comparison > MOX_COMPARE_NONE && comparison < MOX_COMPARE_MAX && keyType > MOX_VALUE_NONE &&
-           keyType < MOX_VALUE_MAX && readers != nullptr;
+           keyType < MOX_VALUE_MAX && (readers != nullptr || blockNames != nullptr);
 }
 
 void CMOXSortFunction::GetKey(const ResultItemIndex& item, SMOXSortKey& out) const {
@@ -27,15 +29,28 @@ void CMOXSortFunction::GetKey(const ResultItemIndex& item, SMOXSortKey& out) con
 
 void CMOXSortFunction::GetKeys(const ResultItemIndex* items, size_t nCount, std::vector<SMOXSortKey>& keys) const {
     assert(keyType > MOX_VALUE_NONE && keyType < MOX_VALUE_MAX);
-    assert(readers != nullptr);
+    assert(readers != nullptr || blockNames != nullptr);
+    const size_t nBlocks = readers != nullptr ? readers->size() : blockNames->size();
     keys.assign(nCount, SMOXSortKey());
     CMOXSortKeyReader fast;
     std::string strItem;
     strItem.reserve(4096);
+    std::unique_ptr<CCacheReader> pLoaded;  // the block of blockNames in use
+    int nLoaded = -1;
     for (size_t i = 0; i < nCount; ++i) {
         const ResultItemIndex& item = items[i];
-        assert(item.nDataBlockIndex >= 0 && item.nDataBlockIndex < (int)readers->size());
-        const CCacheReader* pReader = (*readers)[item.nDataBlockIndex];
+        assert(item.nDataBlockIndex >= 0 && static_cast<size_t>(item.nDataBlockIndex) < nBlocks);
+        const CCacheReader* pReader = nullptr;
+        if (readers != nullptr) {
+            pReader = (*readers)[item.nDataBlockIndex];
+        } else {
+            if (item.nDataBlockIndex != nLoaded) {
+                pLoaded.reset();  // one copy at a time
+                pLoaded = std::make_unique<CCacheReader>((*blockNames)[item.nDataBlockIndex]);
+                nLoaded = item.nDataBlockIndex;
+            }
+            pReader = pLoaded.get();
+        }
         assert(pReader != nullptr);
         if (!pReader->GetItem(item.nItemIndex, strItem)) continue;
         if (fast.Read(strItem, key, keyType, keys[i])) continue;

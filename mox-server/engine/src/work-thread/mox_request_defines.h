@@ -49,12 +49,17 @@ class CMOXSortFunction {
 public:
     CMOXSortFunction() = default;
 
-    // Settings usable: comparison and keyType inside their bounds, readers set.
+    // Settings usable: comparison and keyType inside their bounds, readers
+    // (or, for GetKeys() only, blockNames) set.
     bool IsValid() const;
     // Reads item's string from its data-block reader and extracts the key. An
     // item that cannot be read or parsed has the zero key (0 or empty).
     void GetKey(const ResultItemIndex& item, SMOXSortKey& out) const;
     // The keys of items[0 .. nCount - 1], as GetKey() reads them, into keys.
+    // With blockNames set instead of readers, each block is loaded when its
+    // first item comes and let go when another block's item does, so that a
+    // list of many parts holds one part's copy at a time (its items come
+    // grouped by block, as the list builder adds them).
     void GetKeys(const ResultItemIndex* items, size_t nCount, std::vector<SMOXSortKey>& keys) const;
     // True when key1 comes before key2.
     bool Less(const SMOXSortKey& key1, const SMOXSortKey& key2) const;
@@ -65,6 +70,8 @@ public:
     MOX_COMPARETYPE comparison = MOX_COMPARE_NONE;
     // Position = block slot of the list being built. Not owned.
     std::vector<CCacheReader*>* readers = nullptr;
+    // Position = block slot: the blocks' names, for GetKeys(). Not owned.
+    const std::vector<std::string>* blockNames = nullptr;
 
 private:
     // The key of one item's text through CJsonValue.

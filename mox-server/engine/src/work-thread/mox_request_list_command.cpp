@@ -205,8 +205,8 @@ int32_t LittleInt32(const char* pData, size_t nOffset) {
                                 static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24);
 }
 
-// What a result list needs of a data block unless it is sorted: its range
-// and its groups, read in place (a reader would copy every item).
+// What a result list needs of a data block: its range and its groups, read
+// in place (a reader would copy every item).
 struct SBlockHead {
     std::string strName;
     int nStart = 0;
@@ -541,9 +541,8 @@ std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, BlockM
     MOX_DEBUG("Enter...");
     CMOXSortFunction fn;
     const bool bSort = m_GetComandKeyTypeInfo(doc, fn);
-    // Items are read (copied) only to sort them; otherwise the headers do.
-    std::vector<std::unique_ptr<CCacheReader>> owned;
-    std::vector<CCacheReader*> readers;
+    // Only the headers are read here; a sort reads (copies) one block at a
+    // time while it takes the keys.
     std::vector<SBlockHead> heads;
     int nStart = 0, nEnd = -1, nTotal = 0, nGroups = 0;
     int64_t nItems = 0;
@@ -552,22 +551,7 @@ std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, BlockM
         for (size_t nPart = 0; nPart < entry.second.size(); ++nPart) {
             const std::string& strBlock = entry.second[nPart];
             SBlockHead head;
-            if (bSort) {
-                auto pReader = std::make_unique<CCacheReader>(strBlock);
-                if (pReader->IsLoaded()) {
-                    head.strName = strBlock;
-                    head.nStart = pReader->StartIndex();
-                    head.nEnd = pReader->EndIndex();
-                    head.nTotal = pReader->GetTotalCount();
-                    head.groups.resize(static_cast<size_t>(pReader->GetGroupCount()));
-                    for (size_t k = 0; k < head.groups.size(); ++k)
-                        pReader->GetGroup(static_cast<int>(k), head.groups[k].nStartIndex, head.groups[k].nCount);
-                    readers.push_back(pReader.get());
-                    owned.push_back(std::move(pReader));
-                }
-            } else {
-                ReadBlockHead(strBlock, head);
-            }
+            ReadBlockHead(strBlock, head);
             if (head.strName.empty()) {
                 MOX_WARN("Can not read block[%s] of source[%s].", strBlock.c_str(), entry.first.c_str());
                 eError = MOX_ERROR_GENERIC;
@@ -610,13 +594,15 @@ std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, BlockM
         for (int k = 0; k < static_cast<int>(head.groups.size()) && k < nGroups; ++k)
             builder.AddGroup(k, head.groups[k].nStartIndex, head.groups[k].nCount);
     if (bSort) {
-        fn.readers = &readers;
+        std::vector<std::string> names;  // block slot order, as added above
+        names.reserve(heads.size());
+        for (const SBlockHead& head : heads) names.push_back(head.strName);
+        fn.blockNames = &names;
         MOX_DEBUG("comparison[%d], key[%s].", fn.comparison, fn.key.c_str());
         builder.SortItems(fn);
     }
-    owned.clear();
-    // Copies and keys of a big answer are gone: give their pages back now
-    // rather than keep them as free heap for the daemon's lifetime.
+    // The keys of a big answer are gone: give their pages back now rather
+    // than keep them as free heap for the daemon's lifetime.
     if (bSort && nItems > kTrimAfterItems) malloc_trim(0);
     std::string strShmName = builder.Release();
     MOX_DEBUG("release resultlist[%s].", strShmName.c_str());
