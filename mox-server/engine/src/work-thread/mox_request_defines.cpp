@@ -8,6 +8,16 @@
 
 #include "mox_sort_key_reader.h"
 
+// The member strKey of doc when it is an integer in 64-bit signed range
+// (written as an integer, not a real), else null.
+const Json::Value* IntMember(const CJsonValue& doc, const std::string& strKey) {
+    const Json::Value& root = doc.Root();
+    if (!root.isObject()) return nullptr;
+    const Json::Value* pValue = root.find(strKey.data(), strKey.data() + strKey.size());
+    if (pValue == nullptr || !pValue->isInt64() || pValue->type() == Json::realValue) return nullptr;
+    return pValue;
+}
+
 bool CMOXSortFunction::IsValid() const {
     return comparison > MOX_COMPARE_NONE && comparison < MOX_COMPARE_MAX && keyType > MOX_VALUE_NONE &&
            keyType < MOX_VALUE_MAX && (readers != nullptr || blockNames != nullptr);
@@ -68,7 +78,7 @@ void CMOXSortFunction::m_KeyFromDocument(const std::string& strItem, SMOXSortKey
     // Ask for the type first: a get of a missing or mistyped member would log
     // a warning at every comparison.
     if (keyType == MOX_VALUE_INT) {
-        if (doc.IsInt(key)) doc.Get(key, out.nValue);
+        if (const Json::Value* pValue = IntMember(doc, key)) out.nValue = pValue->asInt64();
     } else {
         if (doc.IsString(key)) doc.Get(key, out.strValue);
     }

@@ -3,7 +3,7 @@
 // CMOXSortFunction orders result-list entries by one JSON member ("key") of
 // the items they point at: items are read from the data-block readers whose
 // positions equal the list's block slots, parsed as JSON objects, and compared
-// as integers (a missing or non-integer member is 0) or as byte strings (a
+// as 64-bit integers (a missing or non-integer member is 0) or as byte strings (a
 // missing member is empty; on a common prefix the shorter comes first).
 //
 // operator() is the strict "comes before" predicate and parses both items on
@@ -17,6 +17,7 @@
 // predicate with unusable settings is a programming error (asserted).
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -41,9 +42,18 @@ typedef enum : int {
 
 // The sort key of one item, as read by CMOXSortFunction::GetKey.
 struct SMOXSortKey {
-    int nValue = 0;        // MOX_VALUE_INT
+    int64_t nValue = 0;    // MOX_VALUE_INT
     std::string strValue;  // MOX_VALUE_STRING
 };
+
+class CJsonValue;
+namespace Json {
+class Value;
+}
+
+// The member strKey of doc when it is an integer in 64-bit signed range
+// (written as an integer, not a real): the sort's reading of integer keys.
+const Json::Value* IntMember(const CJsonValue& doc, const std::string& strKey);
 
 class CMOXSortFunction {
 public:

@@ -404,17 +404,18 @@ size_t IndexQuotes(const char* p, size_t nLen, uint32_t* pQuotes) {
 }
 #endif
 
-// The int jsoncpp reads from an integer literal [p, end) in strict syntax:
-// its value when it lies in int range, else 0 (outside int range it is an
-// unsigned, a 64-bit or a double value, none of which IsInt() accepts).
-int IntOfLiteral(const char* p, const char* end) {
+// The integer jsoncpp reads from an integer literal [p, end) in strict
+// syntax: its value when it lies in 64-bit signed range, else 0 (beyond it
+// is an unsigned or a double value, which isInt64() refuses).
+int64_t IntOfLiteral(const char* p, const char* end) {
     const bool bNegative = *p == '-';
     if (bNegative) ++p;
-    if (end - p > 10) return 0;
-    long long llValue = 0;
-    for (; p < end; ++p) llValue = llValue * 10 + (*p - '0');
-    if (bNegative) llValue = -llValue;
-    return llValue >= INT_MIN && llValue <= INT_MAX ? static_cast<int>(llValue) : 0;
+    if (end - p > 19) return 0;
+    uint64_t nMagnitude = 0;  // 19 digits never wrap 64 bits
+    for (; p < end; ++p) nMagnitude = nMagnitude * 10 + static_cast<uint64_t>(*p - '0');
+    const uint64_t nLimit = static_cast<uint64_t>(INT64_MAX) + (bNegative ? 1 : 0);
+    if (nMagnitude > nLimit) return 0;
+    return bNegative ? static_cast<int64_t>(0 - nMagnitude) : static_cast<int64_t>(nMagnitude);
 }
 
 }  // namespace

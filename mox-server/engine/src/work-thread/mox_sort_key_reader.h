@@ -3,7 +3,7 @@
 // building a document.
 //
 // The key must be exactly what CJsonValue gives (the predicate's reading):
-// an integer member in int range, or a string member; 0 or empty otherwise,
+// an integer member in 64-bit range (file sizes pass 2 GiB), or a string member; 0 or empty otherwise,
 // and for a text that is not an object. Read() therefore only answers for
 // texts that jsoncpp's reader provably reads alike: one strict JSON object,
 // surrounded by whitespace only, nesting at most 64 containers,
