@@ -5,11 +5,8 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +18,7 @@
 
 using moxtest::CallResult;
 using moxtest::EngineHarness;
+using moxtest::Parse;
 using moxtest::SignalCollector;
 using moxtest::WriteTextFile;
 
@@ -47,13 +45,6 @@ std::string Plug(EngineHarness& h, const std::string& name) {
 
 void Unplug(EngineHarness& h, const std::string& name) {
     ASSERT_EQ(std::remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
-
-Json::Value Parse(const std::string& text) {
-    Json::Value v;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, nullptr)) << text;
-    return v;
 }
 
 // (started, id) of start_scanner.
@@ -125,7 +116,6 @@ TEST(EngineScanner, DeviceCheckAnswers) {
     EXPECT_EQ(Parse(results[2].media)["MEDIA_TYPE"].asInt(), 2);
     EXPECT_EQ(results[3].code, 26u);
     EXPECT_EQ(results[3].base + results[3].name, "");
-    EXPECT_EQ(h.CountLog("has multi-media, break out."), 1u);
 
     // Paths that do not resolve below the USB root, other kinds, and junk.
     ASSERT_EQ(symlink("/etc", (h.UsbRoot() + "/evil").c_str()), 0);
@@ -141,7 +131,6 @@ TEST(EngineScanner, DeviceCheckAnswers) {
     // Stopped scanners go; ids are never reused.
     for (guint32 stopped : {1u, 2u, 3u, 77u, 4294967295u})
         EXPECT_TRUE(h.Call("stop_scanner", g_variant_new("(u)", stopped)).ok());
-    EXPECT_TRUE(h.WaitForLog("Thread(MOX_SCANNER_3) t_Process end..."));
     // (Refused starts had ids of their own: the scanner is made before its
     // folder is looked up, off the main loop.)
     EXPECT_GT(StartScanner(h, "check_device", one).second, 3u);
@@ -194,6 +183,9 @@ TEST(EngineScanner, UnmountMidScan) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     SignalCollector signals(h.Client());
+    // Storage events reach a bound client after the engine let go of the
+    // storage's scanners.
+    ASSERT_TRUE(h.Call("bind_usb_event", g_variant_new("(u)", 1u)).ok());
     std::string mount = Plug(h, "sde1");
     for (int d = 0; d < 200; ++d) {
         std::string dir = mount + "/d" + std::to_string(d);
@@ -204,9 +196,7 @@ TEST(EngineScanner, UnmountMidScan) {
     ASSERT_TRUE(check.first);
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(StartThumb(h, mount + "/d" + std::to_string(i), "CONTENT-IMAGE", 4, 9));
     Unplug(h, "sde1");
-    ASSERT_TRUE(h.WaitForLog("USB UNMOUNTED : " + mount));
-    EXPECT_TRUE(h.WaitForLog("Thread(MOX_SCANNER_1) t_Process end..."));
-    EXPECT_TRUE(h.WaitForLog("device remove :" + mount));
+    ASSERT_TRUE(signals.WaitFor("mox_usb_notification", 2));
     std::filesystem::remove_all(mount);
 
     // Still serving: a new stick is checked with the next id.
@@ -311,9 +301,11 @@ TEST(EngineScannerSecurity, LinksSwappedInMidScanLeadNowhere) {
     EXPECT_EQ(h.Stop(), 0);
 }
 
-// Work belongs to the client that started it; one client's share is bounded
-// and comes back when it leaves the bus.
-TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
+// Work belongs to the client that started it (as the bus tells who calls):
+// another user may not stop it, root may. A client leaving the bus gives its
+// slots back at once. (The shares themselves are the scan manager's and the
+// thumbnail scanner's, in test_scanner_threads.)
+TEST(EngineScannerSecurity, OwnershipAndClientsLeaving) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     SignalCollector signals(h.Client());
@@ -323,7 +315,7 @@ TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
     std::filesystem::create_directories(mount + "/small");
     Touch(mount + "/small/p.jpg");
 
-    // Another user may neither stop a scanner nor withdraw a request: the
+    // Another user's stops are refused, each with one warning, and the
     // owner's answers still come. Root may stop anyone's.
     for (int i = 0; i < 2; ++i) ASSERT_TRUE(StartThumb(h, mount + "/slow", "CONTENT-IMAGE", 4, 100 + i));
     ASSERT_TRUE(StartThumb(h, mount + "/small", "CONTENT-IMAGE", 4, 7));
@@ -340,24 +332,10 @@ TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
     EXPECT_EQ(ScanResults(signals)[check.second].code, 25u);
     moxtest::ConnectionPtr other = h.Connect();  // root, another client
     EXPECT_TRUE(h.Call("stop_scanner", g_variant_new("(u)", check.second), other.get()).ok());
-    EXPECT_TRUE(h.WaitForLog("Thread(MOX_SCANNER_" + std::to_string(check.second) + ") t_Process end..."));
     EXPECT_EQ(h.CountLog("refused: the scanner is another client's"), 1u);
 
-    // One client: 16 scanners, never all 64; another still gets one.
-    int started = 0;
-    for (int i = 0; i < 20; ++i) started += StartScanner(h, "check_device", mount + "/small").first ? 1 : 0;
-    EXPECT_EQ(started, 16);
-    EXPECT_EQ(h.CountLog("already holds 16 scanners, refused"), 4u);
-    CallResult r =
-        h.Call("start_scanner", g_variant_new("(ss)", "check_device", (mount + "/small").c_str()), other.get());
-    ASSERT_TRUE(r.ok());
-    gboolean otherStarted = FALSE;
-    guint32 otherId = 0;
-    g_variant_get(r.reply.get(), "(bu)", &otherStarted, &otherId);
-    EXPECT_TRUE(otherStarted);
-
-    // 70 clients that leave right after start_scanner: each gives its slot
-    // back, so the slots never run out.
+    // 70 clients that leave right after start_scanner, more than the 64
+    // scanners there may be: each gives its slot back, so none is refused.
     std::vector<std::thread> leavers;
     for (int t = 0; t < 7; ++t)
         leavers.emplace_back([&h, &mount] {
@@ -367,42 +345,6 @@ TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
             }
         });
     for (std::thread& t : leavers) t.join();
-    EXPECT_TRUE(h.WaitForLog("left: 1 scanners and 0 thumbnail requests removed", 70));
-    moxtest::ConnectionPtr late = h.Connect();
-    r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", mount.c_str()), late.get());
-    ASSERT_TRUE(r.ok());
-    g_variant_get(r.reply.get(), "(bu)", &otherStarted, &otherId);
-    EXPECT_TRUE(otherStarted);
-
-    // One client fills its share of the thumbnail queue (32 of 256) while
-    // the thread is held; others, root included, still get in; what the
-    // client queued goes when it leaves.
-    {
-        moxtest::ConnectionPtr greedy = h.Connect();
-        int queued = 0;
-        for (int i = 0; i < 40; ++i) {
-            CallResult t =
-                h.Call("start_scanner_thumb",
-                       g_variant_new("(ssuu)", (mount + "/slow").c_str(), "CONTENT-IMAGE", 4u, 500u + i), greedy.get());
-            gboolean ok = FALSE;
-            if (t.ok()) g_variant_get(t.reply.get(), "(b)", &ok);
-            queued += ok ? 1 : 0;
-        }
-        // A request of its own may finish meanwhile and free a place.
-        EXPECT_GE(queued, 32);
-        EXPECT_LT(queued, 40);
-        EXPECT_EQ(h.CountLog("already has 32 thumbnail requests, refused"), static_cast<size_t>(40 - queued));
-        EXPECT_TRUE(StartThumb(h, mount + "/small", "CONTENT-IMAGE", 4, 8));
-        g_dbus_connection_close_sync(greedy.get(), nullptr, nullptr);
-    }
-    EXPECT_TRUE(h.WaitForLog("thumbnail requests removed", 71));
-    // Those still queued or running when it left (some may have run by then).
-    std::string log = h.Log();
-    size_t at = log.find("left: 0 scanners and ");
-    ASSERT_NE(at, std::string::npos);
-    int nWithdrawn = std::atoi(log.c_str() + at + std::strlen("left: 0 scanners and "));
-    EXPECT_GE(nWithdrawn, 20);
-    EXPECT_LE(nWithdrawn, 32);
-    ASSERT_TRUE(signals.WaitFor("mox_folder_thumb_done", 4));
+    EXPECT_TRUE(StartScanner(h, "check_device", mount).first);
     EXPECT_EQ(h.Stop(), 0);
 }
