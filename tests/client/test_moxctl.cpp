@@ -22,6 +22,7 @@
 #include "engine_fixture.h"
 
 using moxtest::EngineHarness;
+using moxtest::Parse;
 using moxtest::WriteTextFile;
 
 namespace {
@@ -30,15 +31,6 @@ struct Outcome {
     int status = -1;  // exit status, or 128 + signal
     std::string out, err;
 };
-
-Json::Value Parse(const std::string& text) {
-    Json::Value v;
-    Json::CharReaderBuilder b;
-    std::string errs;
-    std::unique_ptr<Json::CharReader> r(b.newCharReader());
-    EXPECT_TRUE(r->parse(text.data(), text.data() + text.size(), &v, &errs)) << errs << " in: " << text;
-    return v;
-}
 
 // Runs a command; `onOutput` sees stdout as it grows and may signal `pid`.
 Outcome Exec(const std::vector<std::string>& argv,
@@ -102,9 +94,9 @@ using moxtest::ShmExists;
 class Moxctl : public ::testing::Test {
 protected:
     void SetUp() override {
-        Install(MOX_LOCAL_SOURCE_SO);
+        h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
 #ifdef MOX_RA_SOURCE_SO
-        Install(MOX_RA_SOURCE_SO);
+        h.InstallPlugin(MOX_RA_SOURCE_SO);
 #endif
         ASSERT_TRUE(h.Start());
     }
@@ -125,24 +117,9 @@ protected:
             EXPECT_FALSE(ShmExists(name)) << name;
         }
     }
-    void Install(const std::string& so) {
-        std::filesystem::create_symlink(so, h.PluginDir() + "/" + std::filesystem::path(so).filename().string());
-    }
     Outcome Ctl(std::vector<std::string> args, const std::function<void(pid_t, const std::string&)>& onOutput = {}) {
         args.insert(args.begin(), {MOXCTL_BINARY, "--address", h.BusAddress()});
         return Exec(args, onOutput);
-    }
-    // A stick in the spool, mounted at USB_ROOT/NAME.
-    std::string Plug(const std::string& name) {
-        std::string mount = h.UsbRoot() + "/" + name;
-        std::filesystem::create_directories(mount);
-        std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
-        WriteTextFile(tmp, "{\"devname\":\"/dev/" + name + "\",\"class\":8,\"mount_path\":\"" + mount +
-                               "\",\"fs_type\":1,\"disk_type\":1,\"vendor_id\":1921,\"manufacturer\":\"SanDisk\","
-                               "\"product\":\"Cruzer\",\"serial\":\"42\",\"part_label\":\"HOLIDAY\",\"address\":4,"
-                               "\"bus\":1}");
-        EXPECT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-        return mount;
     }
     EngineHarness h;
 };
@@ -154,7 +131,7 @@ TEST_F(Moxctl, StoragesMonitorAndFolderMap) {
     Outcome mon = Ctl({"--json", "monitor", "--count", "2"}, [&](pid_t, const std::string& out) {
         if (!plugged && out.find("\"bound\"") != std::string::npos) {
             plugged = true;
-            mount = Plug("sdb1");
+            mount = h.Plug("sdb1");
         } else if (plugged && !pulled && out.find("mox_usb_notification") != std::string::npos) {
             pulled = true;
             Outcome st = Ctl({"--json", "status"});
@@ -182,7 +159,7 @@ TEST_F(Moxctl, StoragesMonitorAndFolderMap) {
 }
 
 TEST_F(Moxctl, ListDetailCheckThumbsLeaveNoResultList) {
-    std::string mount = Plug("sdc1");
+    std::string mount = h.Plug("sdc1");
     std::string photos = mount + "/Photos";
     std::filesystem::create_directories(photos + "/Album");
     WriteTextFile(photos + "/b.jpg", std::string(300, 'b'));
@@ -239,7 +216,7 @@ TEST_F(Moxctl, ListDetailCheckThumbsLeaveNoResultList) {
 }
 
 TEST_F(Moxctl, CtrlCDuringALongListDropsEveryList) {
-    std::string folder = Plug("sde1") + "/Many";
+    std::string folder = h.Plug("sde1") + "/Many";
     std::filesystem::create_directories(folder);
     for (int i = 0; i < 3000; ++i) WriteTextFile(folder + "/f" + std::to_string(i) + ".jpg", "x");
     bool sent = false;
@@ -324,7 +301,7 @@ struct PacedServer {
 };
 
 TEST_F(Moxctl, CopyDownloadAndStop) {
-    std::string mount = Plug("sdf1");
+    std::string mount = h.Plug("sdf1");
     std::string src = mount + "/movie.bin";
     WriteTextFile(src, std::string(3 << 20, 'm'));
     EXPECT_EQ(Parse(Ctl({"--json", "list", mount}).out)["items"].size(), 1u);
@@ -383,7 +360,7 @@ TEST_F(Moxctl, CopyDownloadAndStop) {
 }
 
 TEST_F(Moxctl, ProgressBarOnATerminal) {
-    std::string mount = Plug("sdg1");
+    std::string mount = h.Plug("sdg1");
     PacedServer server(h.Path("web"), 2 << 20, 20);
     std::string dst = mount + "/bar.bin";
     // script(1) runs the tool on a pseudo-terminal and copies what it drew.

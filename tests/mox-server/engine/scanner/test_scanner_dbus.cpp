@@ -28,25 +28,6 @@ void Touch(const std::string& path) {
     ASSERT_TRUE(WriteTextFile(path, "x"));
 }
 
-// Plugs a mass-storage partition mounted at <usb root>/<name>; returns the
-// mount path.
-std::string Plug(EngineHarness& h, const std::string& name) {
-    std::string mount = h.UsbRoot() + "/" + name;
-    std::filesystem::create_directories(mount);
-    std::string json = R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
-                       R"(","fs_type":0,"disk_type":1,"vendor_id":1,"manufacturer":"Acme",)"
-                       R"("product":"Stick","serial":")" +
-                       name + R"(","part_label":"D","address":3,"bus":1})";
-    std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
-    EXPECT_TRUE(WriteTextFile(tmp, json));
-    EXPECT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-    return mount;
-}
-
-void Unplug(EngineHarness& h, const std::string& name) {
-    ASSERT_EQ(std::remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
-
 // (started, id) of start_scanner.
 std::pair<bool, guint32> StartScanner(EngineHarness& h, const char* kind, const std::string& param) {
     CallResult r = h.Call("start_scanner", g_variant_new("(ss)", kind, param.c_str()));
@@ -88,15 +69,15 @@ TEST(EngineScanner, DeviceCheckAnswers) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     SignalCollector signals(h.Client());
-    std::string none = Plug(h, "sda1");
+    std::string none = h.Plug("sda1");
     Touch(none + "/readme.txt");
     std::filesystem::create_directories(none + "/System Volume Information");
     Touch(none + "/System Volume Information/skipped.mp3");
-    std::string one = Plug(h, "sdb1");
+    std::string one = h.Plug("sdb1");
     std::filesystem::create_directories(one + "/DCIM/100");
     const std::string oddName = "caf\xe9-\xff.jpg";  // not UTF-8
     Touch(one + "/DCIM/100/" + oddName);
-    std::string several = Plug(h, "sdc1");
+    std::string several = h.Plug("sdc1");
     for (int i = 0; i < 500; ++i) Touch(several + "/m" + std::to_string(i) + ".mp3");
 
     guint32 id = 1;
@@ -142,7 +123,7 @@ TEST(EngineScanner, FolderThumbnails) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     SignalCollector signals(h.Client());
-    std::string mount = Plug(h, "sdd1");
+    std::string mount = h.Plug("sdd1");
     std::filesystem::create_directories(mount + "/Photos/2015");
     for (int i = 0; i < 30; ++i) Touch(mount + "/Photos/2015/p" + std::to_string(i) + ".jpg");
     Touch(mount + "/Photos/2015/song.mp3");
@@ -186,7 +167,7 @@ TEST(EngineScanner, UnmountMidScan) {
     // Storage events reach a bound client after the engine let go of the
     // storage's scanners.
     ASSERT_TRUE(h.Call("bind_usb_event", g_variant_new("(u)", 1u)).ok());
-    std::string mount = Plug(h, "sde1");
+    std::string mount = h.Plug("sde1");
     for (int d = 0; d < 200; ++d) {
         std::string dir = mount + "/d" + std::to_string(d);
         std::filesystem::create_directories(dir);
@@ -195,12 +176,12 @@ TEST(EngineScanner, UnmountMidScan) {
     auto check = StartScanner(h, "check_device", mount);
     ASSERT_TRUE(check.first);
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(StartThumb(h, mount + "/d" + std::to_string(i), "CONTENT-IMAGE", 4, 9));
-    Unplug(h, "sde1");
+    h.Unplug("sde1");
     ASSERT_TRUE(signals.WaitFor("mox_usb_notification", 2));
     std::filesystem::remove_all(mount);
 
     // Still serving: a new stick is checked with the next id.
-    std::string next = Plug(h, "sdf1");
+    std::string next = h.Plug("sdf1");
     Touch(next + "/one.mkv");
     EXPECT_EQ(StartScanner(h, "check_device", next), std::make_pair(true, 2u));
     ASSERT_TRUE(signals.WaitFor("mox_scanner_done", 1));
@@ -262,7 +243,7 @@ TEST(EngineScannerSecurity, LinksSwappedInMidScanLeadNowhere) {
     std::filesystem::create_directories(outside + "/y");
     ASSERT_TRUE(WriteTextFile(outside + "/b/secret.jpg", std::string(12345, 's')));
     ASSERT_TRUE(WriteTextFile(outside + "/y/secret.jpg", "s"));
-    std::string mount = Plug(h, "sdg1");
+    std::string mount = h.Plug("sdg1");
 
     // Device check: "a" is read through its descriptor while it is renamed
     // away and replaced by a link; its subfolder "b", found in the real "a",
@@ -310,7 +291,7 @@ TEST(EngineScannerSecurity, OwnershipAndClientsLeaving) {
     ASSERT_TRUE(h.Start());
     SignalCollector signals(h.Client());
     ASSERT_EQ(chmod(h.Path("").c_str(), 0711), 0);  // lets the other user reach the bus socket
-    std::string mount = Plug(h, "sdh1");
+    std::string mount = h.Plug("sdh1");
     FillWithNonMedia(mount + "/slow", 25000);
     std::filesystem::create_directories(mount + "/small");
     Touch(mount + "/small/p.jpg");

@@ -65,11 +65,6 @@ private:
     SignalCollector m_signals;
 };
 
-void Install(EngineHarness& h, const char* path) {
-    std::string target = h.PluginDir() + "/" + std::filesystem::path(path).filename().string();
-    std::filesystem::create_symlink(path, target);
-}
-
 std::string ListDoc(const std::string& sources, const std::string& extra = "") {
     return R"({"mox_command":"mox_requestlist","mox_source":)" + sources + extra + "}";
 }
@@ -92,25 +87,6 @@ std::vector<std::string> Names(const std::vector<Json::Value>& items) {
     std::vector<std::string> names;
     for (const auto& item : items) names.push_back(item["FileName"].asString());
     return names;
-}
-
-// Writes a spool file (temporary name, then rename): a stick is plugged.
-void Spool(EngineHarness& h, const std::string& name, const std::string& json) {
-    std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
-    ASSERT_TRUE(WriteTextFile(tmp, json));
-    ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
-
-void Plug(EngineHarness& h, const std::string& name) {
-    const std::string mount = h.UsbRoot() + "/" + name;
-    std::filesystem::create_directories(mount);
-    Spool(h, name,
-          R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
-              R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":"Stick"})");
-}
-
-void Unplug(EngineHarness& h, const std::string& name) {
-    ASSERT_EQ(std::remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
 }
 
 // The objects in /dev/shm named with `prefix` (the tests run with a private
@@ -138,12 +114,12 @@ std::set<std::string> Blocks(const std::string& list) {
 class Requests : public ::testing::Test {
 protected:
     void SetUp() override {
-        Install(h, MOX_LOCAL_SOURCE_SO);
-        Install(h, MOX_TEST_SOURCE_SO);
-        Install(h, MOX_TEST_BAD_ABI_SO);
-        Install(h, MOX_TEST_NO_ENTRY_SO);
-        Install(h, MOX_TEST_NO_CREATE_SO);
-        Install(h, MOX_TEST_ABI1_SO);
+        h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
+        h.InstallPlugin(MOX_TEST_SOURCE_SO);
+        h.InstallPlugin(MOX_TEST_BAD_ABI_SO);
+        h.InstallPlugin(MOX_TEST_NO_ENTRY_SO);
+        h.InstallPlugin(MOX_TEST_NO_CREATE_SO);
+        h.InstallPlugin(MOX_TEST_ABI1_SO);
         ASSERT_TRUE(h.Start());
     }
     void TearDown() override {
@@ -280,7 +256,7 @@ TEST_F(Requests, MetadataWithAndWithoutProvider) {
     const std::string meta = R"({"mox_command":"mox_requestmeta","mox_uuid":"u1","mox_accesstoken":"tok"})";
     c.Send("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
     EXPECT_EQ(c.Nth("mox_request_metadata", 1)["mox_event_type"].asInt(), 14);
-    Install(h, MOX_UHD_PROVIDER_SO);
+    h.InstallPlugin(MOX_UHD_PROVIDER_SO);
     c.Send("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
     Json::Value ev = c.Nth("mox_request_metadata", 2);
     EXPECT_EQ(ev["mox_event_type"].asInt(), 13);
@@ -438,7 +414,7 @@ TEST_F(Requests, StickSwapUnmountAndEngineWritesForgetKeptAnswers) {
     Client c(h);
     c.Send("bind_usb_event", g_variant_new("(u)", 1u));
     size_t nEvents = 0;
-    Plug(h, "sdb1");
+    h.Plug("sdb1");
     c.Nth("mox_usb_notification", ++nEvents);
     const std::string mount = h.UsbRoot() + "/sdb1";
     std::filesystem::create_directories(mount + "/DCIM");
@@ -472,12 +448,12 @@ TEST_F(Requests, StickSwapUnmountAndEngineWritesForgetKeptAnswers) {
     EXPECT_EQ(lastBlocks, before);
 
     // The stick is pulled and another one is mounted at the same path.
-    Unplug(h, "sdb1");
+    h.Unplug("sdb1");
     c.Nth("mox_usb_notification", ++nEvents);
     std::filesystem::rename(mount, h.UsbRoot() + "/first-stick");
     std::filesystem::create_directories(mount + "/DCIM");
     WriteTextFile(mount + "/DCIM/second.jpg", "2");
-    Plug(h, "sdb1");
+    h.Plug("sdb1");
     c.Nth("mox_usb_notification", ++nEvents);
     EXPECT_EQ(ListNames(c, local, localDoc, n), (V{"second.jpg"}));
     EXPECT_EQ(ListNames(c, test, keptDoc, n).size(), 6u);
@@ -519,7 +495,7 @@ TEST(RequestsShutdown, SigtermDuringGetDataIsBoundedAndClean) {
                  {R"(,"test_stuck_ms":30000)", "Source[mox_test_source] is stuck in a call at exit: not closed."}};
     for (const auto& k : cases) {
         EngineHarness h;
-        Install(h, MOX_TEST_SOURCE_SO);
+        h.InstallPlugin(MOX_TEST_SOURCE_SO);
         ASSERT_TRUE(h.Start());
         Client c(h);
         guint32 handle = c.Connect("libmox_test_source.so");
@@ -539,7 +515,7 @@ TEST(RequestsShutdown, SigtermDuringGetDataIsBoundedAndClean) {
 // tests/plugins/out_of_tree.sh) on its own against an installed engine.
 TEST_F(Requests, ExamplePluginIsLoadedAndListed) {
     const char* env = getenv("MOX_OUT_OF_TREE_PLUGIN");
-    Install(h, env ? env : MOX_EXAMPLE_SOURCE_SO);
+    h.InstallPlugin(env ? env : MOX_EXAMPLE_SOURCE_SO);
     Client c(h);
     guint32 handle = c.Connect("libmox_example_source.so");
     ASSERT_NE(handle, kFailedHandle);

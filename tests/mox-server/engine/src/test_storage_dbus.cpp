@@ -21,30 +21,6 @@ using moxtest::WriteTextFile;
 
 namespace {
 
-// Writes a spool file the way the spool contract asks: temporary name, then rename.
-void Spool(EngineHarness& h, const std::string& name, const std::string& json) {
-    std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
-    ASSERT_TRUE(WriteTextFile(tmp, json));
-    ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
-
-// Plugs a mass-storage partition of model `product` mounted at <usb root>/<name>.
-void Plug(EngineHarness& h, const std::string& name, const std::string& product) {
-    std::string mount = h.UsbRoot() + "/" + name;
-    std::filesystem::create_directories(mount);
-    Spool(h, name,
-          R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
-              R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":")" + product + R"("})");
-}
-
-void PlugCamera(EngineHarness& h, const std::string& name) {
-    Spool(h, name, R"({"devname":"/dev/bus/usb/001/009","class":6,"product":"EOS","address":9,"bus":1})");
-}
-
-void Unplug(EngineHarness& h, const std::string& name) {
-    ASSERT_EQ(std::remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
-
 using moxtest::Parse;
 
 std::string StoragesText(EngineHarness& h, guint32 type, guint32* code = nullptr) {
@@ -76,9 +52,11 @@ guint32 Bind(EngineHarness& h, GDBusConnection* c, guint32 how) {
 // unmount forgets the folder map of that storage only.
 TEST(EngineStorage, ListsNotifiesBoundClientsAndForgetsUnmounted) {
     EngineHarness h;
-    Plug(h, "sdb1", "Cruzer");
-    Plug(h, "sdc1", "Ultra");
-    PlugCamera(h, "cam");
+    h.Plug("sdb1", "Cruzer");
+    h.Plug("sdc1", "Ultra");
+    // A camera, there before the daemon starts.
+    WriteTextFile(h.SpoolDir() + "/cam.json",
+                  R"({"devname":"/dev/bus/usb/001/009","class":6,"product":"EOS","address":9,"bus":1})");
     ASSERT_TRUE(h.Start());
     guint32 code = 99;
     Json::Value doc = Storages(h, 1, &code);
@@ -111,11 +89,11 @@ TEST(EngineStorage, ListsNotifiesBoundClientsAndForgetsUnmounted) {
     EXPECT_EQ(Bind(h, other.get(), 1), 0u);
     // Each event reaches a bound client after the engine forgot what it
     // knew of the storage.
-    Unplug(h, "sdb1");
+    h.Unplug("sdb1");
     ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 1));
     EXPECT_EQ(folder(1, b, ""), "");
     EXPECT_EQ(folder(1, c, ""), "2");
-    Plug(h, "sdb1", "Cruzer");
+    h.Plug("sdb1", "Cruzer");
     ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 2));
     ASSERT_TRUE(so.WaitFor("mox_usb_notification", 2));
     EXPECT_EQ(folder(1, c, ""), "2");
@@ -127,7 +105,7 @@ TEST(EngineStorage, ListsNotifiesBoundClientsAndForgetsUnmounted) {
 
     // Unbinding (any value but 1) stops the notifications.
     EXPECT_EQ(Bind(h, a.get(), 2), 0u);
-    Unplug(h, "cam");
+    h.Unplug("cam");
     ASSERT_TRUE(so.WaitFor("mox_usb_notification", 3));
     EXPECT_EQ(Parse(so.Named("mox_usb_notification")[2]->text())["devices"][0]["type"].asString(), "ptp");
     sa.Drain(std::chrono::milliseconds(300));
@@ -151,7 +129,7 @@ TEST(EngineStorage, BusGoneWhileClientsAreBound) {
     EXPECT_EQ(Bind(h, a.get(), 1), 0u);
     ASSERT_EQ(kill(h.BusPid(), SIGKILL), 0);
     for (int i = 0; i < 3; ++i) {
-        Plug(h, "sd" + std::string(1, char('b' + i)) + "1", "Cruzer");
+        h.Plug("sd" + std::string(1, char('b' + i)) + "1", "Cruzer");
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     // Status 1 once it noticed the bus was gone (the service manager restarts
