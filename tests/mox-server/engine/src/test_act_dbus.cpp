@@ -376,7 +376,6 @@ TEST_F(Acts, OneClientsTransfersLeaveRoomAndEndWhenItLeaves) {
     // The hog leaves: its transfers stop, so their ids are free again at the
     // source and their slots come back.
     g_dbus_connection_close_sync(hog.get(), nullptr, nullptr);
-    ASSERT_TRUE(h.WaitForLog("left the bus"));
     // Until the source has let go of the hog's id, a transfer under it is
     // refused with 15; then it runs (first event: progress).
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
