@@ -20,6 +20,7 @@
 #include <json/json.h>
 
 #include "engine_fixture.h"
+#include "http_server.h"
 
 using moxtest::EngineHarness;
 using moxtest::Parse;
@@ -277,24 +278,16 @@ TEST_F(Moxctl, ExitStatusesAndHelp) {
 // The test web server, serving `size` bytes as /files/file.bin in 64 KiB
 // pieces `delayMs` apart: a download long enough to watch and to stop.
 struct PacedServer {
-    PacedServer(const std::string& dir, size_t size, int delayMs) {
-        std::filesystem::create_directories(dir + "/www");
-        WriteTextFile(dir + "/www/file.bin", std::string(size, 'x'));
-        if ((pid = fork()) == 0) {
-            execlp("python3", "python3", MOX_HTTP_TEST_SERVER, (dir + "/www").c_str(), (dir + "/port").c_str(),
-                   nullptr);
-            _exit(127);
-        }
-        std::string port;
-        for (int i = 0; i < 200 && port.empty(); ++i, usleep(25000)) port = moxtest::ReadTextFile(dir + "/port");
-        EXPECT_FALSE(port.empty()) << "the test web server did not start";
-        url = "http://127.0.0.1:" + port + "/files/file.bin?chunk=65536&delay_ms=" + std::to_string(delayMs);
+    PacedServer(const std::string& dir, size_t size, int delayMs)
+        : made(std::filesystem::create_directories(dir + "/www") &&
+               WriteTextFile(dir + "/www/file.bin", std::string(size, 'x'))),
+          server(dir + "/www", dir + "/port"),
+          url("http://127.0.0.1:" + std::to_string(server.port) +
+              "/files/file.bin?chunk=65536&delay_ms=" + std::to_string(delayMs)) {
+        EXPECT_TRUE(made && server.port != 0) << "the test web server did not start";
     }
-    ~PacedServer() {
-        kill(pid, SIGTERM);
-        waitpid(pid, nullptr, 0);
-    }
-    pid_t pid = -1;
+    bool made;
+    moxtest::HttpServer server;
     std::string url;
 };
 

@@ -2,14 +2,11 @@
 // transfer source on a private bus, real HTTP and HTTPS servers (certificates
 // made by openssl here), real files below a temporary USB root.
 #include <netinet/in.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 #include <thread>
@@ -20,10 +17,12 @@
 #include <mox/mox_events.h>
 
 #include "engine_fixture.h"
+#include "http_server.h"
 
 using moxtest::CallResult;
 using moxtest::ConnectionPtr;
 using moxtest::EngineHarness;
+using moxtest::HttpServer;
 using moxtest::ReadTextFile;
 using moxtest::SignalCollector;
 namespace fs = std::filesystem;
@@ -51,37 +50,6 @@ std::vector<std::string> Leftovers(const std::string& dir) {
         if (entry.path().filename().string().rfind(".mox-transfer-", 0) == 0) names.push_back(entry.path());
     return names;
 }
-
-// A python server process serving `root`; TLS when cert/key are given.
-class HttpServer {
-public:
-    HttpServer(const std::string& root, const std::string& portFile, const std::string& cert = "",
-               const std::string& key = "") {
-        m_pid = fork();
-        if (m_pid == 0) {
-            if (cert.empty())
-                execlp("python3", "python3", MOX_HTTP_TEST_SERVER, root.c_str(), portFile.c_str(), nullptr);
-            else
-                execlp("python3", "python3", MOX_HTTP_TEST_SERVER, root.c_str(), portFile.c_str(), cert.c_str(),
-                       key.c_str(), nullptr);
-            _exit(127);
-        }
-        for (int i = 0; i < 200 && port == 0; ++i) {
-            std::ifstream in(portFile);
-            if (!(in >> port)) std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-    }
-    ~HttpServer() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGTERM);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-    int port = 0;
-
-private:
-    pid_t m_pid = -1;
-};
 
 // A port with nobody listening: bound, then released.
 int RefusingPort() {
