@@ -67,8 +67,8 @@ int RefusingPort() {
 class Acts : public ::testing::Test {
 protected:
     void SetUp() override {
-        fs::create_symlink(MOX_RA_SOURCE_SO, h.PluginDir() + "/libmox_ra_source.so");
-        fs::create_symlink(MOX_TEST_SOURCE_SO, h.PluginDir() + "/libmox_test_source.so");
+        h.InstallPlugin(MOX_RA_SOURCE_SO);
+        h.InstallPlugin(MOX_TEST_SOURCE_SO);
         // A CA that the engine trusts, a server certificate it signed, and a
         // self-signed certificate that nobody trusts.
         const std::string d = h.Path("");

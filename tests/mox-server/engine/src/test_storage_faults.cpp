@@ -132,8 +132,7 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     EXPECT_TRUE(started);
     CallAndForget(slow.get(), "start_scanner_thumb",
                   g_variant_new("(ssuu)", (s.mount + "/deep2").c_str(), "CONTENT-IMAGE", 4u, 2u));
-    std::filesystem::create_directories(h.PluginDir());
-    std::filesystem::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
+    h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
     r = h.Call("connect", g_variant_new("(s)", "libmox_local_source.so"), slow.get());
     ASSERT_TRUE(r.ok()) << r.error;
     guint32 handle = 0;
@@ -198,9 +197,8 @@ TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
     FaultyStick s;
     if (!s.Mount()) GTEST_SKIP() << "FUSE stick not available: " << s.fs->Why();
     EngineHarness& h = s.h;
-    std::filesystem::create_directories(h.PluginDir());
-    std::filesystem::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
-    std::filesystem::create_symlink(MOX_RA_SOURCE_SO, h.PluginDir() + "/libmox_ra_source.so");
+    h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
+    h.InstallPlugin(MOX_RA_SOURCE_SO);
     h.Plug("sdb1");
     const std::set<std::string> before = ShmObjects();
     ASSERT_TRUE(h.Start());
