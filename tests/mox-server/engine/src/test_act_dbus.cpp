@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -311,13 +310,12 @@ TEST_F(Acts, BadInputEndsWithCodeAndLeavesNothingHalfWritten) {
     EXPECT_TRUE(h.Call("start_server", nullptr, m_conn.get()).ok());
 }
 
-// One client's transfers are bounded below the source's own limit, so that
-// another client still gets its copy; a client that leaves the bus gets its
-// share back at once, its transfers stopped.
-TEST_F(Acts, OneClientsTransfersLeaveRoomAndEndWhenItLeaves) {
+// A client that leaves the bus has its transfers stopped at the source, so
+// that their ids are free there again. (The per-client bound of transfers,
+// and their stop on leaving, in-process in test_engine_imp.)
+TEST_F(Acts, TransfersOfAClientThatLeavesStopAtTheSource) {
     const std::string usb = h.UsbRoot();
     WriteBytes(h.Path("www/slow.bin"), 4 << 20, 's');
-    WriteBytes(usb + "/sda1/a.jpg", 5000, 'a');
     HttpServer http(h.Path("www"), h.Path("http.port"));
     ASSERT_NE(http.port, 0);
     const std::string url = "http://127.0.0.1:" + std::to_string(http.port) + "/files/slow.bin?chunk=32768&delay_ms=50";
@@ -326,23 +324,10 @@ TEST_F(Acts, OneClientsTransfersLeaveRoomAndEndWhenItLeaves) {
     };
     ConnectionPtr hog = h.Connect();
     SignalCollector hogSignals(hog.get());
-    for (int i = 0; i < 9; ++i)
-        EXPECT_TRUE(h.Call("request_act", g_variant_new("(uss)", m_handle, "", slow(i).c_str()), hog.get()).ok());
-    // The ninth is refused at once with code 23; the others run.
-    hogSignals.Drain(std::chrono::milliseconds(500));
-    std::map<std::string, Json::Value> finals;
-    for (const auto* s : hogSignals.Named(kSignal)) {
-        Json::Value ev = Parse(s->text());
-        if (ev["mox_file_transfer_signal"].asInt() == 0)
-            finals[Parse(ev["act_command_and_return_data"].asString())["mox_transfer_id"].asString()] = ev;
-    }
-    ASSERT_EQ(finals.size(), 1u);
-    EXPECT_EQ(finals["slow8"]["mox_event_type"].asInt(), 7);
-    EXPECT_EQ(finals["slow8"]["mox_error_code"].asInt(), 23);
-    EXPECT_EQ(Run("copy", usb + "/sda1/a.jpg", usb + "/sdb1/a.jpg"), 0);
+    EXPECT_TRUE(h.Call("request_act", g_variant_new("(uss)", m_handle, "", slow(0).c_str()), hog.get()).ok());
+    ASSERT_TRUE(hogSignals.WaitFor(kSignal, 1));  // under way
 
-    // The hog leaves: its transfers stop, so their ids are free again at the
-    // source and their slots come back.
+    // The hog leaves: its transfer stops, so its id is free again.
     g_dbus_connection_close_sync(hog.get(), nullptr, nullptr);
     // Until the source has let go of the hog's id, a transfer under it is
     // refused with 15; then it runs (first event: progress).

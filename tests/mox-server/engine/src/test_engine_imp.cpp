@@ -382,4 +382,29 @@ TEST_F(EngineImp, JoinedRequestsShareOneJobAndLeaveItOneByOne) {
                                         "mox_test_source2-0"}));
 }
 
+// A client's file transfers are bounded below its share of jobs, so that
+// another client still gets its own; when it leaves, its transfers stop at
+// once and the share comes back.
+TEST_F(EngineImp, TransfersOfOneClientAreBoundedAndEndWhenItLeaves) {
+    const connect_info_s hog = Client(":1.11", 1000), sameUser = Client(":1.12", 1000), other = Client(":1.13", 1001);
+    auto transfer = [](const std::string& id, int delayMs) {
+        return R"({"mox_command":"mox_file_transfer","mox_source":"mox_test_source","mox_transfer_id":")" + id +
+               R"(","test_delay_ms":)" + std::to_string(delayMs) + "}";
+    };
+    for (int i = 0; i < 8; ++i) EXPECT_TRUE(m_engine->Act(transfer("h" + std::to_string(i), 30000), "", 1, hog)) << i;
+    EXPECT_FALSE(m_engine->Act(transfer("h8", 30000), "", 1, hog));
+    Json::Value refused = Nth(hog, 1);
+    EXPECT_EQ(refused["mox_event_type"].asInt(), MOX_EVENT_ACT_FAILED);
+    EXPECT_EQ(refused["mox_error_code"].asInt(), 23);
+    EXPECT_TRUE(m_engine->Act(transfer("o", 0), "", 2, other));
+    EXPECT_EQ(Nth(other, 2)["mox_event_type"].asInt(), MOX_EVENT_ACT_DONE);
+
+    m_engine->RemoveClient(hog.sender);
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_TRUE(m_engine->WaitIdle(5s));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 3s);
+    EXPECT_EQ(SettledCount(hog), 1u);
+    for (int i = 0; i < 8; ++i) EXPECT_TRUE(m_engine->Act(transfer("s" + std::to_string(i), 0), "", 3, sameUser)) << i;
+}
+
 }  // namespace
