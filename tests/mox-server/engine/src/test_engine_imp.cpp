@@ -1,7 +1,8 @@
 // The engine in-process, against a recording signal sink: kinds of commands,
-// refusals with their failure signals, per-client shares, ownership of
-// transfers and a client leaving. The bus suites keep one real-bus scenario
-// per family of methods.
+// refusals with their failure signals, what source answers become, joined
+// requests and cancellation, per-client shares of requests and transfers,
+// ownership of work and a client leaving. The bus suites keep one real-bus
+// scenario per family of methods.
 #include <unistd.h>
 
 #include <chrono>
@@ -241,10 +242,6 @@ TEST_F(EngineImp, WorkBelongsToItsClient) {
     EXPECT_NE(m_engine->StopActSync(stop, 9, root), static_cast<guint32>(MOX_ERROR_INVALID_PARAMETER));
     EXPECT_NE(m_engine->StopActSync(stop, 2, owner), static_cast<guint32>(MOX_ERROR_INVALID_PARAMETER));
 }
-
-}  // namespace
-
-namespace {
 
 // What a source answers becomes the event and code of the answer: its own
 // code 6 (or no items) is event 1, other codes event 2; an answer breaking
