@@ -234,6 +234,26 @@ void EngineHarness::StartBus(BusPolicy policy) {
     }
 }
 
+std::string EngineHarness::Plug(const std::string& name, const std::string& product) {
+    const std::string mount = UsbRoot() + "/" + name;
+    std::filesystem::create_directories(mount);
+    // The spool's contract: written under a temporary name, then renamed.
+    const std::string tmp = SpoolDir() + "/." + name + ".tmp";
+    EXPECT_TRUE(WriteTextFile(tmp, R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
+                                       R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":")" + product +
+                                       R"("})"));
+    EXPECT_EQ(rename(tmp.c_str(), (SpoolDir() + "/" + name + ".json").c_str()), 0);
+    return mount;
+}
+
+void EngineHarness::Unplug(const std::string& name) {
+    EXPECT_EQ(std::remove((SpoolDir() + "/" + name + ".json").c_str()), 0) << name;
+}
+
+void EngineHarness::InstallPlugin(const std::string& so) {
+    std::filesystem::create_symlink(so, PluginDir() + "/" + std::filesystem::path(so).filename().string());
+}
+
 bool EngineHarness::SetKey(const std::string& key, int value) {
     std::string path = VconfDir() + "/" + key;
     std::string tmp = path + ".test-tmp";

@@ -129,6 +129,14 @@ public:
     std::string Path(const std::string& name) const { return m_dir.file(name); }
     const std::string& BusAddress() const { return m_busAddress; }
 
+    // A mass-storage stick of model `product` in the spool, mounted at
+    // UsbRoot()/name (the directory is made); its mount path.
+    std::string Plug(const std::string& name, const std::string& product = "Stick");
+    // The stick's spool file is removed: it is pulled.
+    void Unplug(const std::string& name);
+    // Links a plug-in into PluginDir().
+    void InstallPlugin(const std::string& so);
+
     // Extra or replaced environment of the daemon (before Start).
     void SetEnv(const std::string& name, const std::string& value) { m_env[name] = value; }
     // Writes a configuration key the way mox-vconf does.

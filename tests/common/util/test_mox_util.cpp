@@ -228,29 +228,4 @@ TEST(UtilWriteFile, CopiesValidObjectsAndRefusesCraftedOnes) {
     EXPECT_TRUE(mark.Contains("CMOXUtil: shm_open [/moxtest_util_none] failed."));
 }
 
-// The key store and features file have their own suite; these pin what the
-// wrappers add: argument checks and the silent missing key.
-TEST(UtilPlatform, KeyStoreAndFeatureWrappers) {
-    TempDir store;
-    ASSERT_EQ(0, setenv("MOX_VCONF_DIR", store.path().c_str(), 1));
-    ASSERT_EQ(0, setenv("MOX_FEATURES_FILE", store.file("features").c_str(), 1));
-    int value = 99;
-    LogMark mark;
-    EXPECT_FALSE(CMOXUtil::GetVConfigValueInt("db/mox/reset_status", &value));
-    EXPECT_EQ(99, value);
-    EXPECT_TRUE(mark.Text().empty()) << mark.Text();
-    ASSERT_TRUE(CMOXUtil::SetVConfigValueInt("db/mox/reset_status", 7));
-    EXPECT_TRUE(CMOXUtil::GetVConfigValueInt("db/mox/reset_status", &value));
-    EXPECT_EQ(7, value);
-    EXPECT_FALSE(CMOXUtil::GetVConfigValueInt(nullptr, &value));
-    EXPECT_FALSE(CMOXUtil::GetVConfigValueInt("db/mox/reset_status", nullptr));
-    EXPECT_FALSE(CMOXUtil::SetVConfigValueInt(nullptr, 1));
-    EXPECT_TRUE(mark.Contains("Arguments key is NULL"));
-    EXPECT_FALSE(CMOXUtil::IsSupportKinview());  // no file
-    ASSERT_TRUE(WriteTextFile(store.file("features"), "524=true\n"));
-    EXPECT_TRUE(CMOXUtil::IsSupportKinview());
-    unsetenv("MOX_VCONF_DIR");
-    unsetenv("MOX_FEATURES_FILE");
-}
-
 }  // namespace

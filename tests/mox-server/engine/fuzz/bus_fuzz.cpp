@@ -259,7 +259,7 @@ bool BusFuzzer::Setup() {
     }
 
     for (const char* so : {MOX_LOCAL_SOURCE_SO, MOX_RA_SOURCE_SO, MOX_TEST_SOURCE_SO, MOX_UHD_PROVIDER_SO})
-        fs::create_symlink(so, m_h.PluginDir() + "/" + fs::path(so).filename().string());
+        m_h.InstallPlugin(so);
 
     // Outside the USB root: a secret the daemon must neither read, change nor
     // remove for a client, and a directory where nothing may appear.
@@ -269,7 +269,7 @@ bool BusFuzzer::Setup() {
     chmod((m_outside + "/secret.txt").c_str(), 0600);
 
     // One mounted stick with media, folders, links out, a FIFO and odd names.
-    m_stick = m_h.UsbRoot() + "/sda1";
+    m_stick = m_h.Plug("sda1");
     for (const char* name : {"photos/a.jpg", "photos/b.png", "music/song.mp3", "video/clip.mp4", "doc.txt",
                              "deep/1/2/3/4/5/6/7/8/leaf.jpg", "dir with spaces/\xc3\xa9t\xc3\xa9.jpg", ".hidden.jpg"})
         WriteTextFile(m_stick + "/" + name, "not really media\n");
@@ -277,10 +277,6 @@ bool BusFuzzer::Setup() {
     symlink((m_outside + "/secret.txt").c_str(), (m_stick + "/photos/link_secret.jpg").c_str());
     symlink("/proc/self/root", (m_stick + "/magic").c_str());
     mkfifo((m_stick + "/photos/fifo.jpg").c_str(), 0666);
-    std::string spool = R"({"devname":"/dev/sda1","class":8,"mount_path":")" + m_stick +
-                        R"(","fs_type":0,"disk_type":1,"manufacturer":"Fuzz","product":"Stick","serial":"F1"})";
-    WriteTextFile(m_h.SpoolDir() + "/.sda1.tmp", spool);
-    rename((m_h.SpoolDir() + "/.sda1.tmp").c_str(), (m_h.SpoolDir() + "/sda1.json").c_str());
 
     for (const auto& entry : fs::recursive_directory_iterator(m_outside)) m_outsideBefore.insert(entry.path());
     m_shmBefore = EngineObjects();

@@ -5,13 +5,9 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <map>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -21,6 +17,7 @@
 
 using moxtest::CallResult;
 using moxtest::EngineHarness;
+using moxtest::Parse;
 using moxtest::SignalCollector;
 using moxtest::WriteTextFile;
 
@@ -28,32 +25,6 @@ namespace {
 
 void Touch(const std::string& path) {
     ASSERT_TRUE(WriteTextFile(path, "x"));
-}
-
-// Plugs a mass-storage partition mounted at <usb root>/<name>; returns the
-// mount path.
-std::string Plug(EngineHarness& h, const std::string& name) {
-    std::string mount = h.UsbRoot() + "/" + name;
-    std::filesystem::create_directories(mount);
-    std::string json = R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
-                       R"(","fs_type":0,"disk_type":1,"vendor_id":1,"manufacturer":"Acme",)"
-                       R"("product":"Stick","serial":")" +
-                       name + R"(","part_label":"D","address":3,"bus":1})";
-    std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
-    EXPECT_TRUE(WriteTextFile(tmp, json));
-    EXPECT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-    return mount;
-}
-
-void Unplug(EngineHarness& h, const std::string& name) {
-    ASSERT_EQ(std::remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
-
-Json::Value Parse(const std::string& text) {
-    Json::Value v;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, nullptr)) << text;
-    return v;
 }
 
 // (started, id) of start_scanner.
@@ -97,15 +68,15 @@ TEST(EngineScanner, DeviceCheckAnswers) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     SignalCollector signals(h.Client());
-    std::string none = Plug(h, "sda1");
+    std::string none = h.Plug("sda1");
     Touch(none + "/readme.txt");
     std::filesystem::create_directories(none + "/System Volume Information");
     Touch(none + "/System Volume Information/skipped.mp3");
-    std::string one = Plug(h, "sdb1");
+    std::string one = h.Plug("sdb1");
     std::filesystem::create_directories(one + "/DCIM/100");
     const std::string oddName = "caf\xe9-\xff.jpg";  // not UTF-8
     Touch(one + "/DCIM/100/" + oddName);
-    std::string several = Plug(h, "sdc1");
+    std::string several = h.Plug("sdc1");
     for (int i = 0; i < 500; ++i) Touch(several + "/m" + std::to_string(i) + ".mp3");
 
     guint32 id = 1;
@@ -125,7 +96,6 @@ TEST(EngineScanner, DeviceCheckAnswers) {
     EXPECT_EQ(Parse(results[2].media)["MEDIA_TYPE"].asInt(), 2);
     EXPECT_EQ(results[3].code, 26u);
     EXPECT_EQ(results[3].base + results[3].name, "");
-    EXPECT_EQ(h.CountLog("has multi-media, break out."), 1u);
 
     // Paths that do not resolve below the USB root, other kinds, and junk.
     ASSERT_EQ(symlink("/etc", (h.UsbRoot() + "/evil").c_str()), 0);
@@ -141,7 +111,6 @@ TEST(EngineScanner, DeviceCheckAnswers) {
     // Stopped scanners go; ids are never reused.
     for (guint32 stopped : {1u, 2u, 3u, 77u, 4294967295u})
         EXPECT_TRUE(h.Call("stop_scanner", g_variant_new("(u)", stopped)).ok());
-    EXPECT_TRUE(h.WaitForLog("Thread(MOX_SCANNER_3) t_Process end..."));
     // (Refused starts had ids of their own: the scanner is made before its
     // folder is looked up, off the main loop.)
     EXPECT_GT(StartScanner(h, "check_device", one).second, 3u);
@@ -153,7 +122,7 @@ TEST(EngineScanner, FolderThumbnails) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     SignalCollector signals(h.Client());
-    std::string mount = Plug(h, "sdd1");
+    std::string mount = h.Plug("sdd1");
     std::filesystem::create_directories(mount + "/Photos/2015");
     for (int i = 0; i < 30; ++i) Touch(mount + "/Photos/2015/p" + std::to_string(i) + ".jpg");
     Touch(mount + "/Photos/2015/song.mp3");
@@ -194,7 +163,10 @@ TEST(EngineScanner, UnmountMidScan) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     SignalCollector signals(h.Client());
-    std::string mount = Plug(h, "sde1");
+    // Storage events reach a bound client after the engine let go of the
+    // storage's scanners.
+    ASSERT_TRUE(h.Call("bind_usb_event", g_variant_new("(u)", 1u)).ok());
+    std::string mount = h.Plug("sde1");
     for (int d = 0; d < 200; ++d) {
         std::string dir = mount + "/d" + std::to_string(d);
         std::filesystem::create_directories(dir);
@@ -203,14 +175,12 @@ TEST(EngineScanner, UnmountMidScan) {
     auto check = StartScanner(h, "check_device", mount);
     ASSERT_TRUE(check.first);
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(StartThumb(h, mount + "/d" + std::to_string(i), "CONTENT-IMAGE", 4, 9));
-    Unplug(h, "sde1");
-    ASSERT_TRUE(h.WaitForLog("USB UNMOUNTED : " + mount));
-    EXPECT_TRUE(h.WaitForLog("Thread(MOX_SCANNER_1) t_Process end..."));
-    EXPECT_TRUE(h.WaitForLog("device remove :" + mount));
+    h.Unplug("sde1");
+    ASSERT_TRUE(signals.WaitFor("mox_usb_notification", 2));
     std::filesystem::remove_all(mount);
 
     // Still serving: a new stick is checked with the next id.
-    std::string next = Plug(h, "sdf1");
+    std::string next = h.Plug("sdf1");
     Touch(next + "/one.mkv");
     EXPECT_EQ(StartScanner(h, "check_device", next), std::make_pair(true, 2u));
     ASSERT_TRUE(signals.WaitFor("mox_scanner_done", 1));
@@ -222,31 +192,6 @@ TEST(EngineScanner, UnmountMidScan) {
 }
 
 namespace {
-
-// Runs `gdbus call` on the engine in a process of its own (its own unique
-// name, gone when it exits), as root or, with asNobody, as user 65534. Its
-// standard output.
-std::string GdbusCall(EngineHarness& h, bool asNobody, const std::string& method,
-                      const std::vector<std::string>& args) {
-    std::vector<std::string> argv;
-    if (asNobody) argv = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
-    for (const std::string& a :
-         {std::string("gdbus"), std::string("call"), "--address=" + h.BusAddress(), std::string("--dest"),
-          std::string(moxtest::kEngineName), std::string("--object-path"), std::string(moxtest::kEnginePath),
-          std::string("--method"), "com.orvia.mox.engine." + method})
-        argv.push_back(a);
-    argv.insert(argv.end(), args.begin(), args.end());
-    std::vector<gchar*> raw;
-    for (std::string& a : argv) raw.push_back(a.data());
-    raw.push_back(nullptr);
-    gchar* out = nullptr;
-    gint status = -1;
-    EXPECT_TRUE(g_spawn_sync(nullptr, raw.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out, nullptr,
-                             &status, nullptr));
-    std::string text = out ? out : "";
-    g_free(out);
-    return text;
-}
 
 // A folder of many files that are no media: a walk spends a while in it.
 void FillWithNonMedia(const std::string& dir, int count) {
@@ -272,7 +217,7 @@ TEST(EngineScannerSecurity, LinksSwappedInMidScanLeadNowhere) {
     std::filesystem::create_directories(outside + "/y");
     ASSERT_TRUE(WriteTextFile(outside + "/b/secret.jpg", std::string(12345, 's')));
     ASSERT_TRUE(WriteTextFile(outside + "/y/secret.jpg", "s"));
-    std::string mount = Plug(h, "sdg1");
+    std::string mount = h.Plug("sdg1");
 
     // Device check: "a" is read through its descriptor while it is renamed
     // away and replaced by a link; its subfolder "b", found in the real "a",
@@ -311,28 +256,35 @@ TEST(EngineScannerSecurity, LinksSwappedInMidScanLeadNowhere) {
     EXPECT_EQ(h.Stop(), 0);
 }
 
-// Work belongs to the client that started it; one client's share is bounded
-// and comes back when it leaves the bus.
-TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
+// Work belongs to the client that started it (as the bus tells who calls):
+// another user may not stop it, root may. A client leaving the bus gives its
+// slots back at once. (The shares themselves are the scan manager's and the
+// thumbnail scanner's, in test_scanner_threads.)
+TEST(EngineScannerSecurity, OwnershipAndClientsLeaving) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     SignalCollector signals(h.Client());
     ASSERT_EQ(chmod(h.Path("").c_str(), 0711), 0);  // lets the other user reach the bus socket
-    std::string mount = Plug(h, "sdh1");
+    std::string mount = h.Plug("sdh1");
     FillWithNonMedia(mount + "/slow", 25000);
     std::filesystem::create_directories(mount + "/small");
     Touch(mount + "/small/p.jpg");
 
-    // Another user may neither stop a scanner nor withdraw a request: the
+    // Another user's stops are refused, each with one warning, and the
     // owner's answers still come. Root may stop anyone's.
     for (int i = 0; i < 2; ++i) ASSERT_TRUE(StartThumb(h, mount + "/slow", "CONTENT-IMAGE", 4, 100 + i));
     ASSERT_TRUE(StartThumb(h, mount + "/small", "CONTENT-IMAGE", 4, 7));
     auto check = StartScanner(h, "check_device", mount);
     ASSERT_TRUE(check.first);
-    EXPECT_EQ(GdbusCall(h, true, "stop_scanner_thumb", {mount + "/small", "CONTENT-IMAGE", "4", "7"}), "()\n");
-    EXPECT_EQ(GdbusCall(h, true, "stop_scanner", {std::to_string(check.second)}), "()\n");
-    EXPECT_EQ(h.CountLog("refused: the request is another client's"), 1u);
-    EXPECT_EQ(h.CountLog("refused: the scanner is another client's"), 1u);
+    if (EngineHarness::CanCallAsUser()) {
+        EXPECT_TRUE(h.CallAsUser(65534, "stop_scanner_thumb",
+                                 g_variant_new("(ssuu)", (mount + "/small").c_str(), "CONTENT-IMAGE", 4u, 7u))
+                        .ok());
+        EXPECT_TRUE(h.CallAsUser(65534, "stop_scanner", g_variant_new("(u)", check.second)).ok());
+    }
+    const size_t nRefused = EngineHarness::CanCallAsUser() ? 1 : 0;
+    EXPECT_EQ(h.CountLog("refused: the request is another client's"), nRefused);
+    EXPECT_EQ(h.CountLog("refused: the scanner is another client's"), nRefused);
     ASSERT_TRUE(signals.WaitFor("mox_folder_thumb_done", 3));
     EXPECT_EQ(Parse(signals.Named("mox_folder_thumb_done")[2]->text())["mox_folder_thumbnail_path"].asString(),
               mount + "/small");
@@ -340,69 +292,20 @@ TEST(EngineScannerSecurity, OwnershipSharesAndClientsLeaving) {
     EXPECT_EQ(ScanResults(signals)[check.second].code, 25u);
     moxtest::ConnectionPtr other = h.Connect();  // root, another client
     EXPECT_TRUE(h.Call("stop_scanner", g_variant_new("(u)", check.second), other.get()).ok());
-    EXPECT_TRUE(h.WaitForLog("Thread(MOX_SCANNER_" + std::to_string(check.second) + ") t_Process end..."));
-    EXPECT_EQ(h.CountLog("refused: the scanner is another client's"), 1u);
+    EXPECT_EQ(h.CountLog("refused: the scanner is another client's"), nRefused);
 
-    // One client: 16 scanners, never all 64; another still gets one.
-    int started = 0;
-    for (int i = 0; i < 20; ++i) started += StartScanner(h, "check_device", mount + "/small").first ? 1 : 0;
-    EXPECT_EQ(started, 16);
-    EXPECT_EQ(h.CountLog("already holds 16 scanners, refused"), 4u);
-    CallResult r =
-        h.Call("start_scanner", g_variant_new("(ss)", "check_device", (mount + "/small").c_str()), other.get());
-    ASSERT_TRUE(r.ok());
-    gboolean otherStarted = FALSE;
-    guint32 otherId = 0;
-    g_variant_get(r.reply.get(), "(bu)", &otherStarted, &otherId);
-    EXPECT_TRUE(otherStarted);
-
-    // 70 clients that leave right after start_scanner: each gives its slot
-    // back, so the slots never run out.
-    std::vector<std::thread> leavers;
-    for (int t = 0; t < 7; ++t)
-        leavers.emplace_back([&h, &mount] {
-            for (int i = 0; i < 10; ++i) {
-                std::string out = GdbusCall(h, false, "start_scanner", {"check_device", mount + "/small"});
-                EXPECT_EQ(out.rfind("(true, ", 0), 0u) << out;
-            }
-        });
-    for (std::thread& t : leavers) t.join();
-    EXPECT_TRUE(h.WaitForLog("left: 1 scanners and 0 thumbnail requests removed", 70));
-    moxtest::ConnectionPtr late = h.Connect();
-    r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", mount.c_str()), late.get());
-    ASSERT_TRUE(r.ok());
-    g_variant_get(r.reply.get(), "(bu)", &otherStarted, &otherId);
-    EXPECT_TRUE(otherStarted);
-
-    // One client fills its share of the thumbnail queue (32 of 256) while
-    // the thread is held; others, root included, still get in; what the
-    // client queued goes when it leaves.
-    {
-        moxtest::ConnectionPtr greedy = h.Connect();
-        int queued = 0;
-        for (int i = 0; i < 40; ++i) {
-            CallResult t =
-                h.Call("start_scanner_thumb",
-                       g_variant_new("(ssuu)", (mount + "/slow").c_str(), "CONTENT-IMAGE", 4u, 500u + i), greedy.get());
-            gboolean ok = FALSE;
-            if (t.ok()) g_variant_get(t.reply.get(), "(b)", &ok);
-            queued += ok ? 1 : 0;
-        }
-        // A request of its own may finish meanwhile and free a place.
-        EXPECT_GE(queued, 32);
-        EXPECT_LT(queued, 40);
-        EXPECT_EQ(h.CountLog("already has 32 thumbnail requests, refused"), static_cast<size_t>(40 - queued));
-        EXPECT_TRUE(StartThumb(h, mount + "/small", "CONTENT-IMAGE", 4, 8));
-        g_dbus_connection_close_sync(greedy.get(), nullptr, nullptr);
+    // 70 clients that leave right after start_scanner, more than the 64
+    // scanners there may be: each gives its slot back, so none is refused.
+    for (int i = 0; i < 70; ++i) {
+        moxtest::ConnectionPtr leaver = h.Connect();
+        CallResult r =
+            h.Call("start_scanner", g_variant_new("(ss)", "check_device", (mount + "/small").c_str()), leaver.get());
+        gboolean started = FALSE;
+        guint32 id = 0;
+        if (r.ok()) g_variant_get(r.reply.get(), "(bu)", &started, &id);
+        EXPECT_TRUE(started) << i << " " << r.error;
+        g_dbus_connection_close_sync(leaver.get(), nullptr, nullptr);
     }
-    EXPECT_TRUE(h.WaitForLog("thumbnail requests removed", 71));
-    // Those still queued or running when it left (some may have run by then).
-    std::string log = h.Log();
-    size_t at = log.find("left: 0 scanners and ");
-    ASSERT_NE(at, std::string::npos);
-    int nWithdrawn = std::atoi(log.c_str() + at + std::strlen("left: 0 scanners and "));
-    EXPECT_GE(nWithdrawn, 20);
-    EXPECT_LE(nWithdrawn, 32);
-    ASSERT_TRUE(signals.WaitFor("mox_folder_thumb_done", 4));
+    EXPECT_TRUE(StartScanner(h, "check_device", mount).first);
     EXPECT_EQ(h.Stop(), 0);
 }

@@ -39,7 +39,7 @@ std::string FileName(int n) {
 
 TEST(BigFolderDbus, HundredThousandFilesListSortedInSectionsAndDrop) {
     EngineHarness h;
-    std::filesystem::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
+    h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
     const std::string folder = h.UsbRoot() + "/sda1/big";
     std::filesystem::create_directories(folder + "/a-folder");
     for (int i = 0; i < kFiles; ++i) {

@@ -72,7 +72,6 @@ TEST(EngineStartup, MissingOrMalformedIntrospectionXmlEndsWithStatusOne) {
         h.SetEnv("MOX_DBUS_CONFIG", h.Path("bus.xml"));
         EXPECT_EQ(h.RunToExit(), 1) << xml;
         EXPECT_FALSE(Exists(h.StatusFile()));
-        EXPECT_EQ(h.CountLog("NameAcquired."), 0u);
     }
 }
 
@@ -122,43 +121,9 @@ TEST(EngineReset, PendingResetRemovesUhdFilesAndClearsTheKey) {
         if (reset || stored == "3\n") {
             ASSERT_TRUE(h.GetKey("db/mox/reset_status", &value));
             EXPECT_EQ(value, reset ? 0 : 3);
-        } else {
-            EXPECT_EQ(h.CountLog("get db/mox/reset_status failed"), 1u) << stored;
         }
         EXPECT_EQ(h.Stop(), 0);
     }
-}
-
-TEST(EngineFolderMap, AddFindBadDocumentsAndDatabaseReset) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
-    const std::string a = h.UsbRoot() + "/sda1/Photos";
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":")" + a + R"(","FOLDER_ID":"17"})"),
-              "AddFolderMapSuccess");
-    // A second add keeps the first id and still reports success.
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":")" + a + R"(","FOLDER_ID":"99"})"),
-              "AddFolderMapSuccess");
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":")" + a + R"("})"), "17");
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/nowhere"})"), "");
-
-    // Setting the key to 0 is a change but not a reset.
-    ASSERT_TRUE(h.SetKey("file/private/mediaserver/db_reset", 0));
-    ASSERT_TRUE(h.WaitForLog("OnVconfKeyChangedCB vconf key changed!"));
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":")" + a + R"("})"), "17");
-
-    // Bad documents get an empty answer.
-    for (const char* doc :
-         {R"({"FOLDER_PATH":"/x"})", R"({"OPERATION_TYPE":7})", "{not json", "[1,2,3]", R"({"OPERATION_TYPE":"0"})"})
-        EXPECT_EQ(FolderCall(h, doc), "") << doc;
-    // Members of the wrong type read as empty; the add still "succeeds".
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":5,"FOLDER_ID":[]})"), "AddFolderMapSuccess");
-    EXPECT_EQ(FolderCall(h, std::string(R"({"OPERATION_TYPE":1,"FOLDER_PATH":")") + std::string(5000, '[') + "\"}"),
-              "");
-
-    ASSERT_TRUE(h.SetKey("file/private/mediaserver/db_reset", 1));
-    ASSERT_TRUE(h.WaitForLog("Clear: after DB Reset."));
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":")" + a + R"("})"), "");
-    EXPECT_EQ(h.Stop(), 0);
 }
 
 bool Write(EngineHarness& h, const std::string& path, const std::string& shm) {
@@ -171,6 +136,57 @@ bool Remove(EngineHarness& h, const std::string& path) {
     CallResult r = h.Call("usb_file_remove", g_variant_new("(ss)", path.c_str(), ""));
     EXPECT_TRUE(r.ok()) << r.error;
     return r.ok() && ReplyBool(r);
+}
+
+// The folder map: add and find, bad documents, texts and sizes a client
+// controls (what goes back on the bus is valid UTF-8, oversized arguments
+// are refused, the log stays small), and the database reset key.
+TEST(EngineFolderMap, AddFindBoundsAndDatabaseReset) {
+    EngineHarness h;
+    ASSERT_TRUE(h.Start());
+    const std::string a = h.UsbRoot() + "/sda1/Photos";
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":")" + a + R"(","FOLDER_ID":"17"})"),
+              "AddFolderMapSuccess");
+    // A second add keeps the first id and still reports success.
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":")" + a + R"(","FOLDER_ID":"99"})"),
+              "AddFolderMapSuccess");
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":")" + a + R"("})"), "17");
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/nowhere"})"), "");
+
+    // Bad documents get an empty answer.
+    for (const char* doc :
+         {R"({"FOLDER_PATH":"/x"})", R"({"OPERATION_TYPE":7})", "{not json", "[1,2,3]", R"({"OPERATION_TYPE":"0"})"})
+        EXPECT_EQ(FolderCall(h, doc), "") << doc;
+    // Members of the wrong type read as empty; the add still "succeeds".
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":5,"FOLDER_ID":[]})"), "AddFolderMapSuccess");
+    EXPECT_EQ(FolderCall(h, std::string(R"({"OPERATION_TYPE":1,"FOLDER_PATH":")") + std::string(5000, '[') + "\"}"),
+              "");
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":"/u/a","FOLDER_ID":"x\udc00y"})"),
+              "AddFolderMapSuccess");
+    std::string id = FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/u/a"})");
+    EXPECT_TRUE(g_utf8_validate(id.data(), static_cast<gssize>(id.size()), nullptr));
+    EXPECT_EQ(id, "x\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBDy");
+    std::string huge(2u << 20, 'a');
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":"/u/b","FOLDER_ID":")" + huge + "\"}"), "");
+    EXPECT_FALSE(Write(h, h.UsbRoot() + "/" + huge, "/x"));
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/u/b"})"), "");
+    std::string big(512u << 10, 'b');
+    FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":"/u/c","FOLDER_ID":")" + big + "\"}");
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/u/c"})"), big);
+    EXPECT_LT(h.Log().size(), 256u << 10) << "arguments are cut in the log";
+    EXPECT_EQ(h.Output().find("g_utf8_validate"), std::string::npos);
+
+    // Setting the key to 0 is a change but not a reset (the change has no
+    // other trace than its log line); 1 clears the map.
+    ASSERT_TRUE(h.SetKey("file/private/mediaserver/db_reset", 0));
+    ASSERT_TRUE(h.WaitForLog("OnVconfKeyChangedCB vconf key changed!"));
+    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":")" + a + R"("})"), "17");
+    ASSERT_TRUE(h.SetKey("file/private/mediaserver/db_reset", 1));
+    std::string found = "17";
+    for (int i = 0; i < 200 && !found.empty(); ++i, moxtest::PumpMainContext(std::chrono::milliseconds(20)))
+        found = FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":")" + a + R"("})");
+    EXPECT_EQ(found, "");
+    EXPECT_EQ(h.Stop(), 0);
 }
 
 TEST(EngineFiles, WriteAndRemoveThroughSharedMemory) {
@@ -257,59 +273,17 @@ TEST(EngineFiles, ClientPathsStayBelowTheUsbRoot) {
     EXPECT_EQ(ReadTextFile(outside), "root only");
 
     // Another user's call may not consume or copy root's object.
-    const std::string rootObject = MakeTextShm("root data", 9);
-    ASSERT_EQ(chmod(h.Path("").c_str(), 0711), 0);  // lets the other user reach the bus socket
-    const std::string address = "--address=" + h.BusAddress();
-    const std::string dest = root + "/stolen";
-    const char* argv[] = {"setpriv",
-                          "--reuid=65534",
-                          "--regid=65534",
-                          "--clear-groups",
-                          "gdbus",
-                          "call",
-                          address.c_str(),
-                          "--dest",
-                          moxtest::kEngineName,
-                          "--object-path",
-                          moxtest::kEnginePath,
-                          "--method",
-                          "com.orvia.mox.engine.usb_file_write",
-                          dest.c_str(),
-                          rootObject.c_str(),
-                          nullptr};
-    gchar* out = nullptr;
-    gint status = -1;
-    ASSERT_TRUE(g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
-                             nullptr, &status, nullptr));
-    EXPECT_STREQ(out, "(false,)\n");
-    g_free(out);
-    EXPECT_TRUE(ShmExists(rootObject));
-    EXPECT_FALSE(Exists(root + "/stolen"));
-    shm_unlink(rootObject.c_str());
-    EXPECT_EQ(h.Stop(), 0);
-}
-
-// Texts and sizes a client controls: what goes back on the bus is valid
-// UTF-8, oversized arguments are refused, and the log stays small.
-TEST(EngineBounds, StringsAndSizesFromClients) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":"/u/a","FOLDER_ID":"x\udc00y"})"),
-              "AddFolderMapSuccess");
-    std::string id = FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/u/a"})");
-    EXPECT_TRUE(g_utf8_validate(id.data(), static_cast<gssize>(id.size()), nullptr));
-    EXPECT_EQ(id, "x\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBDy");
-
-    std::string huge(2u << 20, 'a');
-    std::string doc = R"({"OPERATION_TYPE":0,"FOLDER_PATH":"/u/b","FOLDER_ID":")" + huge + "\"}";
-    EXPECT_EQ(FolderCall(h, doc), "");
-    EXPECT_FALSE(Write(h, h.UsbRoot() + "/" + huge, "/x"));
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/u/b"})"), "");
-    std::string big(512u << 10, 'b');
-    FolderCall(h, R"({"OPERATION_TYPE":0,"FOLDER_PATH":"/u/c","FOLDER_ID":")" + big + "\"}");
-    EXPECT_EQ(FolderCall(h, R"({"OPERATION_TYPE":1,"FOLDER_PATH":"/u/c"})"), big);
-    EXPECT_LT(h.Log().size(), 256u << 10) << "arguments are cut in the log";
-    EXPECT_EQ(h.Output().find("g_utf8_validate"), std::string::npos);
+    if (EngineHarness::CanCallAsUser()) {
+        const std::string rootObject = MakeTextShm("root data", 9);
+        ASSERT_EQ(chmod(h.Path("").c_str(), 0711), 0);  // lets the other user reach the bus socket
+        CallResult r = h.CallAsUser(65534, "usb_file_write",
+                                    g_variant_new("(ss)", (root + "/stolen").c_str(), rootObject.c_str()));
+        ASSERT_TRUE(r.ok()) << r.error;
+        EXPECT_FALSE(ReplyBool(r));
+        EXPECT_TRUE(ShmExists(rootObject));
+        EXPECT_FALSE(Exists(root + "/stolen"));
+        shm_unlink(rootObject.c_str());
+    }
     EXPECT_EQ(h.Stop(), 0);
 }
 
@@ -345,12 +319,15 @@ TEST(EngineDispatch, EveryMethodAnswersAndTheDaemonKeepsServing) {
 }
 
 // Under the installed bus policy another user reaches the engine's interface
-// and nothing else, and the engine's own checks still hold for that user: a
-// root-only file outside the USB root cannot be removed, by name or by "..".
-TEST(EnginePolicy, OtherUserCallsTheInterfaceOnlyAndStaysBelowTheUsbRoot) {
+// and nothing else, and the engine's own checks still hold for that user,
+// who the bus says it is: a root-only file outside the USB root cannot be
+// removed, and another client's work can neither be stopped nor withdrawn.
+// (Ownership and cross-kind refusals in detail: test_engine_imp.)
+TEST(EnginePolicy, OtherUserReachesTheInterfaceOnlyAndOnlyItsOwnWork) {
     if (!EngineHarness::CanCallAsUser()) GTEST_SKIP() << "needs root to run a client as uid 65534";
     EngineHarness h(moxtest::BusPolicy::kInstalled);
-    std::filesystem::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
+    h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
+    h.InstallPlugin(MOX_TEST_SOURCE_SO);
     ASSERT_TRUE(h.Start()) << h.Output();
     const uid_t nobody = 65534;
     const std::string secret = h.Path("secret");
@@ -379,40 +356,7 @@ TEST(EnginePolicy, OtherUserCallsTheInterfaceOnlyAndStaysBelowTheUsbRoot) {
     CallResult introspect = h.CallAsUser(nobody, "Introspect", nullptr, "org.freedesktop.DBus.Introspectable");
     EXPECT_TRUE(introspect.ok()) << introspect.error;
 
-    // A sequence on one connection: the handle of its connect is used by the
-    // request, and the completion signal reaches that user's connection.
-    std::vector<moxtest::UserCall> calls(2);
-    calls[0].method = "connect";
-    calls[0].params = g_variant_new("(s)", "libmox_local_source.so");
-    calls[1].method = "request_detail";
-    const std::string doc = R"({"mox_command":"mox_requestdetail","mox_source":"mox_local_source","FilePath":")" +
-                            h.UsbRoot() + R"(/a.jpg"})";
-    calls[1].params = g_variant_new("(us)", 0u, doc.c_str());
-    calls[1].useHandle = true;
-    moxtest::UserCallResults results = h.CallAsUser(nobody, std::move(calls), std::chrono::seconds(3));
-    ASSERT_TRUE(results.error.empty()) << results.error;
-    EXPECT_EQ(results.uid, nobody);
-    EXPECT_EQ(results.gid, 65534u);
-    ASSERT_TRUE(results.calls[0].ok()) << results.calls[0].error;
-    guint32 handle = 0;
-    g_variant_get(results.calls[0].reply.get(), "(u)", &handle);
-    EXPECT_NE(handle, 4294967295u);
-    EXPECT_TRUE(results.calls[1].ok()) << results.calls[1].error;
-    auto done = results.Named("mox_request_normal_complete");
-    ASSERT_EQ(done.size(), 1u);
-    EXPECT_NE(done[0]->text().find("\"mox_handle_id\":" + std::to_string(handle)), std::string::npos)
-        << done[0]->text();
-    EXPECT_EQ(h.Stop(), 0);
-}
-
-// Another user can neither steer the engine with a document of another kind,
-// nor withdraw or stop what a client started: each attempt is refused with an
-// answer, and the owner's work ends as it would have.
-TEST(EnginePolicy, AnotherUserCannotWithdrawOrSteerWork) {
-    if (!EngineHarness::CanCallAsUser()) GTEST_SKIP() << "needs root to run a client as uid 65534";
-    EngineHarness h(moxtest::BusPolicy::kInstalled);
-    std::filesystem::create_symlink(MOX_TEST_SOURCE_SO, h.PluginDir() + "/libmox_test_source.so");
-    ASSERT_TRUE(h.Start()) << h.Output();
+    // Root's transfer, which the other user tries to stop and withdraw.
     moxtest::SignalCollector owner(h.Client());
     CallResult c = h.Call("connect", g_variant_new("(s)", "libmox_test_source.so"));
     ASSERT_TRUE(c.ok()) << c.error;
@@ -422,30 +366,38 @@ TEST(EnginePolicy, AnotherUserCannotWithdrawOrSteerWork) {
                                  R"("mox_transfer_id":"mine","test_delay_ms":1500})";
     ASSERT_TRUE(h.Call("request_act", g_variant_new("(uss)", handle, "", transfer.c_str())).ok());
 
+    // A sequence on one connection: the handle of its connect is used by the
+    // requests, and the completion signal reaches that user's connection.
+    const std::string detail = R"({"mox_command":"mox_requestdetail","mox_source":"mox_local_source","FilePath":")" +
+                               h.UsbRoot() + R"(/a.jpg"})";
     const std::string stop = R"({"mox_command":"mox_file_transfer","mox_source":"mox_test_source",)"
                              R"("mox_file_transfer_stop":true,"mox_transfer_id":"mine"})";
-    const std::string crossKind = R"({"mox_command":"mox_file_transfer","mox_source":"mox_test_source"})";
-    moxtest::UserCallResults r = h.CallAsUser(
-        65534,
-        {{"connect", g_variant_new("(s)", "libmox_test_source.so")},
-         {"stop_act", g_variant_new("(us)", 0u, stop.c_str()), moxtest::kEngineInterface, true},
-         {"get_partial_list", g_variant_new("(uuus)", 0u, 0u, 0u, crossKind.c_str()), moxtest::kEngineInterface, true},
-         {"request_detail", g_variant_new("(us)", 0u, crossKind.c_str()), moxtest::kEngineInterface, true},
-         {"request_cancel_detail", g_variant_new("(u)", handle)},
-         {"disconnect", g_variant_new("(u)", handle)}},
-        std::chrono::milliseconds(1500));
+    moxtest::UserCallResults r =
+        h.CallAsUser(nobody,
+                     {{"connect", g_variant_new("(s)", "libmox_local_source.so")},
+                      {"request_detail", g_variant_new("(us)", 0u, detail.c_str()), moxtest::kEngineInterface, true},
+                      {"stop_act", g_variant_new("(us)", 0u, stop.c_str()), moxtest::kEngineInterface, true},
+                      {"request_cancel_detail", g_variant_new("(u)", handle)},
+                      {"disconnect", g_variant_new("(u)", handle)}},
+                     std::chrono::milliseconds(1500));
     ASSERT_TRUE(r.error.empty()) << r.error;
-    ASSERT_EQ(r.calls.size(), 6u);
+    EXPECT_EQ(r.uid, nobody);
+    EXPECT_EQ(r.gid, 65534u);
+    ASSERT_EQ(r.calls.size(), 5u);
     for (const CallResult& call : r.calls) EXPECT_TRUE(call.ok()) << call.error;
-    guint32 code = 0;
-    g_variant_get(r.calls[1].reply.get(), "(u)", &code);
+    guint32 userHandle = 0, code = 0;
+    g_variant_get(r.calls[0].reply.get(), "(u)", &userHandle);
+    EXPECT_NE(userHandle, 4294967295u);
+    g_variant_get(r.calls[2].reply.get(), "(u)", &code);
     EXPECT_EQ(code, 7u);  // the answer of an unknown id
-    // Both cross-kind requests got their failure signal with code 23, and
-    // the disconnect of someone else's handle was only acknowledged.
-    int refusals = 0;
-    for (const auto* s : r.Named("mox_request_normal_complete"))
-        refusals += s->text().find("\"mox_error_code\":23") != std::string::npos;
-    EXPECT_EQ(refusals, 2);
+    // Its detail answered it; the disconnect of root's handle was only
+    // acknowledged.
+    bool detailed = false;
+    for (const auto* done : r.Named("mox_request_normal_complete")) {
+        Json::Value ev = moxtest::Parse(done->text());
+        detailed = detailed || (ev["mox_event_type"].asInt() == 3 && ev["mox_handle_id"].asUInt() == userHandle);
+    }
+    EXPECT_TRUE(detailed);
 
     // The owner's transfer ran to its end: event 6, not a stop.
     ASSERT_TRUE(owner.WaitFor("mox_request_normal_complete", 2, std::chrono::seconds(15)));

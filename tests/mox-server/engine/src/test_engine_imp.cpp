@@ -1,11 +1,13 @@
 // The engine in-process, against a recording signal sink: kinds of commands,
-// refusals with their failure signals, per-client shares, ownership of
-// transfers and a client leaving. The bus suites keep one real-bus scenario
-// per family of methods.
+// refusals with their failure signals, what source answers become, joined
+// requests and cancellation, per-client shares of requests and transfers,
+// ownership of work and a client leaving. The bus suites keep one real-bus
+// scenario per family of methods.
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <filesystem>
 #include <mutex>
 #include <string>
@@ -86,8 +88,28 @@ connect_info_s Client(const std::string& sender, uid_t uid) {
     return client;
 }
 
-std::string ListDoc(const std::string& extra = "") {
-    return R"({"mox_command":"mox_requestlist","mox_source":["mox_test_source"])" + extra + "}";
+std::string ListDoc(const std::string& extra = "", const std::string& sources = R"(["mox_test_source"])") {
+    return R"({"mox_command":"mox_requestlist","mox_source":)" + sources + extra + "}";
+}
+
+std::string DetailDoc(const std::string& extra) {
+    return R"({"mox_command":"mox_requestdetail","mox_source":"mox_test_source")" + extra + "}";
+}
+
+// The file names of a result list's items, in order.
+std::vector<std::string> Names(const std::string& name) {
+    CResultList list(name);
+    EXPECT_TRUE(list.IsLoaded()) << name;
+    std::vector<std::string> names;
+    for (int i = list.StartIndex(); list.IsLoaded() && i <= list.EndIndex(); ++i) {
+        std::string item, block;
+        int index = -1;
+        EXPECT_TRUE(list.GetItem(i, item, block, index)) << i;
+        Json::Value value;
+        Json::Reader().parse(item.c_str(), value);
+        names.push_back(value["FileName"].asString());
+    }
+    return names;
 }
 
 class EngineImp : public ::testing::Test {
@@ -108,6 +130,18 @@ protected:
         CMOXSingleton<CCachePool>::Destroy();
         CMOXSingleton<CMOXSourceMgr>::Destroy();
         EXPECT_EQ(MoxObjects(), std::vector<std::string>());
+    }
+
+    // The n-th (1-based) payload sent to `client`, waiting for it.
+    Json::Value Nth(const connect_info_s& client, size_t n) {
+        std::vector<Sent> sent = m_sink.WaitFor(client.sender, n);
+        EXPECT_GE(sent.size(), n) << "no signal #" << n << " for " << client.sender;
+        return sent.size() >= n ? sent[n - 1].payload : Json::Value();
+    }
+    // The signals `client` got, once nothing is running any more.
+    size_t SettledCount(const connect_info_s& client) {
+        EXPECT_TRUE(m_engine->WaitIdle(20s));
+        return m_sink.WaitFor(client.sender, SIZE_MAX, 100ms).size();
     }
 
     moxtest::TempDir m_dir;
@@ -207,6 +241,167 @@ TEST_F(EngineImp, WorkBelongsToItsClient) {
     EXPECT_EQ(m_engine->StopActSync(stop, 9, thief), static_cast<guint32>(MOX_ERROR_INVALID_PARAMETER));
     EXPECT_NE(m_engine->StopActSync(stop, 9, root), static_cast<guint32>(MOX_ERROR_INVALID_PARAMETER));
     EXPECT_NE(m_engine->StopActSync(stop, 2, owner), static_cast<guint32>(MOX_ERROR_INVALID_PARAMETER));
+}
+
+// What a source answers becomes the event and code of the answer: its own
+// code 6 (or no items) is event 1, other codes event 2; an answer breaking
+// the contract is 32, an exception 23; none leaves a list behind. The same
+// for details, and a cancelled detail answers nobody.
+TEST_F(EngineImp, SourceAnswersBecomeEventsAndCodes) {
+    const connect_info_s c = Client(":1.8", 1000);
+    std::string many = "[";
+    for (int i = 0; i < 10000; ++i) many += (i ? ",\"s" : "\"s") + std::to_string(i) + "\"";
+    many += "]";
+    const struct {
+        std::string doc;
+        int event, code;
+    } lists[] = {
+        {ListDoc(R"(,"test_error":6)"), MOX_EVENT_LIST_SOURCE_ERROR, 6},
+        {ListDoc(R"(,"test_item_count":0)"), MOX_EVENT_LIST_SOURCE_ERROR, 6},
+        {ListDoc(R"(,"test_error":9)"), MOX_EVENT_LIST_FAILED, 9},
+        {ListDoc("", R"(["mox_nobody"])"), MOX_EVENT_LIST_FAILED, 4},
+        {ListDoc("", R"("mox_test_source")"), MOX_EVENT_LIST_FAILED, 7},
+        {ListDoc("", "[1,2]"), MOX_EVENT_LIST_FAILED, 7},
+        {ListDoc("", "[]"), MOX_EVENT_LIST_FAILED, 4},
+        {ListDoc("", many), MOX_EVENT_LIST_FAILED, 7},
+        {ListDoc(R"(,"test_misbehave":"count_mismatch")"), MOX_EVENT_LIST_FAILED, 32},
+        {ListDoc(R"(,"test_misbehave":"overrun")"), MOX_EVENT_LIST_FAILED, 32},
+        {ListDoc(R"(,"test_misbehave":"huge_range")"), MOX_EVENT_LIST_FAILED, 32},
+        {ListDoc(R"(,"test_misbehave":"extra_bytes")"), MOX_EVENT_LIST_FAILED, 32},
+        {ListDoc(R"(,"test_misbehave":"negative_total")"), MOX_EVENT_LIST_FAILED, 32},
+        {ListDoc(R"(,"test_misbehave":"negative_length")"), MOX_EVENT_LIST_FAILED, 32},
+        {ListDoc(R"(,"test_misbehave":"throw")"), MOX_EVENT_LIST_FAILED, 23},
+        {ListDoc(R"(,"test_misbehave":"offset")", R"(["mox_test_source","mox_test_source2"])"), MOX_EVENT_LIST_FAILED,
+         23},
+    };
+    size_t n = 0;
+    for (const auto& l : lists) {
+        m_engine->GetPartialList(l.doc, 1, c);
+        Json::Value ev = Nth(c, ++n);
+        EXPECT_EQ(ev["mox_event_type"].asInt(), l.event) << l.doc.substr(0, 120);
+        EXPECT_EQ(ev["mox_error_code"].asInt(), l.code) << l.doc.substr(0, 120);
+        EXPECT_EQ(ev["mox_result_list_block_name"].asString(), "") << l.doc.substr(0, 120);
+    }
+    // A single source whose window does not start at 0 is a fine list.
+    m_engine->GetPartialList(ListDoc(R"(,"test_misbehave":"offset")"), 1, c);
+    const std::string offset = Nth(c, ++n)["mox_result_list_block_name"].asString();
+    EXPECT_EQ(CResultList(offset).StartIndex(), 5);
+    EXPECT_EQ(CResultList(offset).EndIndex(), 7);
+    // Unbalanced drops.
+    EXPECT_TRUE(m_engine->DropPartialList(offset, 1, c));
+    EXPECT_EQ(Nth(c, ++n)["mox_event_type"].asInt(), MOX_EVENT_LIST_DROPPED);
+    for (const std::string& name : {offset, std::string("../../etc/passwd")}) {
+        EXPECT_FALSE(m_engine->DropPartialList(name, 1, c));
+        EXPECT_EQ(Nth(c, ++n)["mox_event_type"].asInt(), MOX_EVENT_DROP_FAILED);
+    }
+
+    // Details: the source's code is the event; a throwing source answers
+    // like a refusal; no source at all is event 4.
+    const std::pair<std::string, int> details[] = {{DetailDoc(R"(,"test_error":4)"), MOX_EVENT_DETAIL_FAILED},
+                                                   {DetailDoc(R"(,"test_error":5)"), MOX_EVENT_DETAIL_NOT_FOUND},
+                                                   {DetailDoc(""), MOX_EVENT_DETAIL},
+                                                   {DetailDoc(R"(,"test_misbehave":"throw")"), MOX_EVENT_DETAIL},
+                                                   {R"({"mox_command":"mox_requestdetail"})", MOX_EVENT_DETAIL_FAILED}};
+    for (const auto& [doc, event] : details) {
+        m_engine->RequestDetail(doc, 2, c);
+        EXPECT_EQ(Nth(c, ++n)["mox_event_type"].asInt(), event) << doc;
+    }
+    EXPECT_EQ(Nth(c, n - 2)["mox_result_detail_json"].asString(), R"({"detail_of":"mox_test_source"})");
+    // Cancelled before it completes: no signal; the job still ends.
+    m_engine->RequestDetail(DetailDoc(R"(,"test_delay_ms":1000)"), 3, c);
+    m_engine->CancelDetail(3, c);
+    EXPECT_EQ(SettledCount(c), n);
+}
+
+// Requests for the same list share one job: one list, one answer per
+// requester under its own handle, dropped by each holder in turn. Leaving a
+// shared job answers only the one who left; when nobody waits any more the
+// source sees its stop flag at once.
+TEST_F(EngineImp, JoinedRequestsShareOneJobAndLeaveItOneByOne) {
+    const connect_info_s a = Client(":1.9", 1000), b = Client(":1.10", 1001);
+    const std::string slow = ListDoc(R"(,"test_delay_ms":1000)");
+    m_engine->GetPartialList(slow, 1, a);
+    m_engine->GetPartialList(slow, 2, b);
+    m_engine->GetPartialList(slow, 2, b);
+    Json::Value ea = Nth(a, 1), eb = Nth(b, 1);
+    EXPECT_EQ(SettledCount(b), 1u);
+    EXPECT_EQ(ea["mox_handle_id"].asUInt(), 1u);
+    EXPECT_EQ(eb["mox_handle_id"].asUInt(), 2u);
+    const std::string shared = ea["mox_result_list_block_name"].asString();
+    ASSERT_FALSE(shared.empty());
+    EXPECT_EQ(eb["mox_result_list_block_name"].asString(), shared);
+    EXPECT_TRUE(m_engine->DropPartialList(shared, 1, a));
+    EXPECT_EQ(Names(shared).size(), 3u);
+    EXPECT_TRUE(m_engine->DropPartialList(shared, 2, b));
+    EXPECT_FALSE(CResultList(shared).IsLoaded());
+    EXPECT_EQ(Nth(b, 2)["mox_event_type"].asInt(), MOX_EVENT_LIST_DROPPED);
+
+    // A disconnect suppresses only the disconnected requester's answer.
+    const std::string slow2 = ListDoc(R"(,"test_delay_ms":1000,"round":2)");
+    m_engine->GetPartialList(slow2, 1, a);
+    m_engine->GetPartialList(slow2, 2, b);
+    m_engine->Disconnect(1, a);
+    EXPECT_EQ(Nth(a, 3)["mox_event_type"].asInt(), MOX_EVENT_DISCONNECTED);
+    Json::Value answer = Nth(b, 3);
+    EXPECT_EQ(answer["mox_event_type"].asInt(), MOX_EVENT_LIST_READY);
+    EXPECT_EQ(SettledCount(a), 3u);
+    m_engine->DropPartialList(answer["mox_result_list_block_name"].asString(), 2, b);
+
+    // Two handles on one job: one leaving keeps it running, both stop it.
+    const std::string sleepy = ListDoc(R"(,"test_delay_ms":30000)");
+    m_engine->GetPartialList(sleepy, 5, a);
+    m_engine->GetPartialList(sleepy, 6, a);
+    m_engine->Disconnect(5, a);
+    EXPECT_FALSE(m_engine->WaitIdle(300ms));
+    m_engine->Disconnect(6, a);
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_TRUE(m_engine->WaitIdle(5s));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 3s);
+    // Only the two disconnect events: a stopped request answers nobody.
+    EXPECT_EQ(SettledCount(a), 5u);
+    // A client leaving stops what only it waited for, just as fast.
+    m_engine->GetPartialList(ListDoc(R"(,"test_delay_ms":30000,"s":3)"), 7, a);
+    EXPECT_FALSE(m_engine->WaitIdle(200ms));
+    m_engine->RemoveClient(a.sender);
+    EXPECT_TRUE(m_engine->WaitIdle(3s));
+    EXPECT_EQ(SettledCount(a), 5u);
+
+    // Two sources: the items of the name that sorts first come first, unless
+    // an integer key sorts them across both.
+    const std::string both = R"(["mox_test_source2","mox_test_source"])";
+    m_engine->GetPartialList(ListDoc(R"(,"test_item_count":2)", both), 2, b);
+    EXPECT_EQ(Names(Nth(b, 5)["mox_result_list_block_name"].asString()),
+              (std::vector<std::string>{"mox_test_source-0", "mox_test_source-1", "mox_test_source2-0",
+                                        "mox_test_source2-1"}));
+    m_engine->GetPartialList(ListDoc(R"(,"test_item_count":2,"SortedType":1,"SortedKey":"FileTime")", both), 2, b);
+    EXPECT_EQ(Names(Nth(b, 6)["mox_result_list_block_name"].asString()),
+              (std::vector<std::string>{"mox_test_source-1", "mox_test_source2-1", "mox_test_source-0",
+                                        "mox_test_source2-0"}));
+}
+
+// A client's file transfers are bounded below its share of jobs, so that
+// another client still gets its own; when it leaves, its transfers stop at
+// once and the share comes back.
+TEST_F(EngineImp, TransfersOfOneClientAreBoundedAndEndWhenItLeaves) {
+    const connect_info_s hog = Client(":1.11", 1000), sameUser = Client(":1.12", 1000), other = Client(":1.13", 1001);
+    auto transfer = [](const std::string& id, int delayMs) {
+        return R"({"mox_command":"mox_file_transfer","mox_source":"mox_test_source","mox_transfer_id":")" + id +
+               R"(","test_delay_ms":)" + std::to_string(delayMs) + "}";
+    };
+    for (int i = 0; i < 8; ++i) EXPECT_TRUE(m_engine->Act(transfer("h" + std::to_string(i), 30000), "", 1, hog)) << i;
+    EXPECT_FALSE(m_engine->Act(transfer("h8", 30000), "", 1, hog));
+    Json::Value refused = Nth(hog, 1);
+    EXPECT_EQ(refused["mox_event_type"].asInt(), MOX_EVENT_ACT_FAILED);
+    EXPECT_EQ(refused["mox_error_code"].asInt(), 23);
+    EXPECT_TRUE(m_engine->Act(transfer("o", 0), "", 2, other));
+    EXPECT_EQ(Nth(other, 2)["mox_event_type"].asInt(), MOX_EVENT_ACT_DONE);
+
+    m_engine->RemoveClient(hog.sender);
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_TRUE(m_engine->WaitIdle(5s));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 3s);
+    EXPECT_EQ(SettledCount(hog), 1u);
+    for (int i = 0; i < 8; ++i) EXPECT_TRUE(m_engine->Act(transfer("s" + std::to_string(i), 0), "", 3, sameUser)) << i;
 }
 
 }  // namespace

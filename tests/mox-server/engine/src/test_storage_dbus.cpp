@@ -1,5 +1,7 @@
 // Storages and their notifications end to end: the daemon on a private bus
 // with the simulated (spool) USB service, devices plugged by writing files.
+// The storage manager's own rules (order, indices per model, cameras,
+// malformed spool files) are its unit suite's; here what needs the bus.
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -18,30 +20,6 @@ using moxtest::SignalCollector;
 using moxtest::WriteTextFile;
 
 namespace {
-
-// Writes a spool file the way the spool contract asks: temporary name, then rename.
-void Spool(EngineHarness& h, const std::string& name, const std::string& json) {
-    std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
-    ASSERT_TRUE(WriteTextFile(tmp, json));
-    ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
-
-// Plugs a mass-storage partition of model `product` mounted at <usb root>/<name>.
-void Plug(EngineHarness& h, const std::string& name, const std::string& product) {
-    std::string mount = h.UsbRoot() + "/" + name;
-    std::filesystem::create_directories(mount);
-    Spool(h, name,
-          R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
-              R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":")" + product + R"("})");
-}
-
-void PlugCamera(EngineHarness& h, const std::string& name) {
-    Spool(h, name, R"({"devname":"/dev/bus/usb/001/009","class":6,"product":"EOS","address":9,"bus":1})");
-}
-
-void Unplug(EngineHarness& h, const std::string& name) {
-    ASSERT_EQ(std::remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
 
 using moxtest::Parse;
 
@@ -69,78 +47,75 @@ guint32 Bind(EngineHarness& h, GDBusConnection* c, guint32 how) {
 
 }  // namespace
 
-TEST(EngineStorage, ListsSizedStoragesAndCamerasAndUnknownTypesAsEmptyText) {
+// Lists over the bus, one notification per event to each bound client
+// (bound twice or not), none after unbinding or leaving the bus, and an
+// unmount forgets the folder map of that storage only.
+TEST(EngineStorage, ListsNotifiesBoundClientsAndForgetsUnmounted) {
     EngineHarness h;
-    Plug(h, "sdb1", "Cruzer");
-    PlugCamera(h, "cam");
+    h.Plug("sdb1", "Cruzer");
+    h.Plug("sdc1", "Ultra");
+    // A camera, there before the daemon starts.
+    WriteTextFile(h.SpoolDir() + "/cam.json",
+                  R"({"devname":"/dev/bus/usb/001/009","class":6,"product":"EOS","address":9,"bus":1})");
     ASSERT_TRUE(h.Start());
     guint32 code = 99;
     Json::Value doc = Storages(h, 1, &code);
     EXPECT_EQ(code, 0u);
-    ASSERT_EQ(doc["devices"].size(), 1u);
+    ASSERT_EQ(doc["devices"].size(), 2u);
     EXPECT_GT(std::stoll(doc["devices"][0]["totalSize"].asString()), 0);
     EXPECT_EQ(Storages(h, 2)["devices"][0]["deviceAddress"].asString(), "9");
-
     code = 99;
     EXPECT_EQ(StoragesText(h, 7, &code), "");  // an unknown type
     EXPECT_EQ(code, 0u);
-    EXPECT_EQ(h.Stop(), 0);
-}
 
-TEST(EngineStorage, BoundClientsGetOneNotificationPerEvent) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
+    auto folder = [&](int op, const std::string& path, const std::string& id) {
+        std::string json = "{\"OPERATION_TYPE\":" + std::to_string(op) + ",\"FOLDER_PATH\":\"" + path +
+                           "\",\"FOLDER_ID\":\"" + id + "\"}";
+        CallResult r = h.Call("check_folder_path", g_variant_new("(s)", json.c_str()));
+        const gchar* s = "<error>";
+        if (r.ok()) g_variant_get(r.reply.get(), "(&s)", &s);
+        return std::string(s);
+    };
+    const std::string b = h.UsbRoot() + "/sdb1/DCIM", c = h.UsbRoot() + "/sdc1/Music";
+    folder(0, b, "1");
+    folder(0, c, "2");
+
     auto a = h.Connect();
-    auto b = h.Connect();
+    auto other = h.Connect();
     auto unbound = h.Connect();
-    SignalCollector sa(a.get()), sb(b.get()), su(unbound.get());
+    SignalCollector sa(a.get()), so(other.get()), su(unbound.get());
     EXPECT_EQ(Bind(h, a.get(), 1), 0u);
     EXPECT_EQ(Bind(h, a.get(), 1), 0u);  // bound twice: still one entry
-    EXPECT_EQ(Bind(h, b.get(), 1), 0u);
-    EXPECT_TRUE(h.WaitForLog("Already exist client..."));
-
-    Plug(h, "sdb1", "Cruzer");
+    EXPECT_EQ(Bind(h, other.get(), 1), 0u);
+    // Each event reaches a bound client after the engine forgot what it
+    // knew of the storage.
+    h.Unplug("sdb1");
     ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 1));
-    ASSERT_TRUE(sb.WaitFor("mox_usb_notification", 1));
-    Plug(h, "sdc1", "Cruzer");
+    EXPECT_EQ(folder(1, b, ""), "");
+    EXPECT_EQ(folder(1, c, ""), "2");
+    h.Plug("sdb1", "Cruzer");
     ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 2));
-    Unplug(h, "sdb1");
-    ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 3));
-    Plug(h, "sdd1", "Cruzer");
-    ASSERT_TRUE(sa.WaitFor("mox_usb_notification", 4));
-    ASSERT_TRUE(sb.WaitFor("mox_usb_notification", 4));
-    sa.Drain(std::chrono::milliseconds(300));
-
+    ASSERT_TRUE(so.WaitFor("mox_usb_notification", 2));
+    EXPECT_EQ(folder(1, c, ""), "2");
     auto got = sa.Named("mox_usb_notification");
-    ASSERT_EQ(got.size(), 4u);
-    EXPECT_EQ(sb.Named("mox_usb_notification").size(), 4u);
-    EXPECT_TRUE(su.Named("mox_usb_notification").empty());
-
-    // Indices per model: 1, 2; the first leaves carrying its index; the next gets 1.
-    const std::pair<int, int> eventAndIndex[] = {{1, 1}, {1, 2}, {2, 1}, {1, 1}};
-    for (size_t i = 0; i < 4; ++i) {
-        Json::Value n = Parse(got[i]->text());
-        EXPECT_EQ(n["event"].asInt(), eventAndIndex[i].first) << i;
-        EXPECT_EQ(n["devices"][0]["deviceIndex"].asInt(), eventAndIndex[i].second) << i;
-    }
-    EXPECT_EQ(Parse(got[0]->text())["devices"][0]["mountPath"].asString(), h.UsbRoot() + "/sdb1");
+    EXPECT_EQ(Parse(got[0]->text())["event"].asInt(), 2);
+    Json::Value plugged = Parse(got[1]->text());
+    EXPECT_EQ(plugged["event"].asInt(), 1);
+    EXPECT_EQ(plugged["devices"][0]["mountPath"].asString(), h.UsbRoot() + "/sdb1");
 
     // Unbinding (any value but 1) stops the notifications.
     EXPECT_EQ(Bind(h, a.get(), 2), 0u);
-    PlugCamera(h, "cam");
-    ASSERT_TRUE(sb.WaitFor("mox_usb_notification", 5));
+    h.Unplug("cam");
+    ASSERT_TRUE(so.WaitFor("mox_usb_notification", 3));
+    EXPECT_EQ(Parse(so.Named("mox_usb_notification")[2]->text())["devices"][0]["type"].asString(), "ptp");
     sa.Drain(std::chrono::milliseconds(300));
-    EXPECT_EQ(sa.Named("mox_usb_notification").size(), 4u);
-    Json::Value cam = Parse(sb.Named("mox_usb_notification")[4]->text());
-    EXPECT_EQ(cam["devices"][0]["type"].asString(), "ptp");
+    EXPECT_EQ(sa.Named("mox_usb_notification").size(), 2u);
+    EXPECT_TRUE(su.Named("mox_usb_notification").empty());
 
-    // A bound client that leaves the bus without unbinding is forgotten: the
-    // next event is sent to nobody.
-    b.reset();
-    ASSERT_TRUE(h.WaitForLog("left the bus, 1 binding(s) removed."));
-    size_t nNoClient = h.CountLog("There is no client...");
-    Unplug(h, "cam");
-    ASSERT_TRUE(h.WaitForLog("There is no client...", nNoClient + 1));
+    // A bound client that leaves the bus without unbinding is forgotten (the
+    // log line is the only trace of a binding).
+    other.reset();
+    EXPECT_TRUE(h.WaitForLog("left the bus, 1 binding(s) removed."));
     EXPECT_EQ(h.Stop(), 0);
 }
 
@@ -149,11 +124,12 @@ TEST(EngineStorage, BoundClientsGetOneNotificationPerEvent) {
 TEST(EngineStorage, BusGoneWhileClientsAreBound) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
+    EXPECT_EQ(StoragesText(h, 1), "null\n");  // no storage yet
     auto a = h.Connect();
     EXPECT_EQ(Bind(h, a.get(), 1), 0u);
     ASSERT_EQ(kill(h.BusPid(), SIGKILL), 0);
     for (int i = 0; i < 3; ++i) {
-        Plug(h, "sd" + std::string(1, char('b' + i)) + "1", "Cruzer");
+        h.Plug("sd" + std::string(1, char('b' + i)) + "1", "Cruzer");
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     // Status 1 once it noticed the bus was gone (the service manager restarts
@@ -161,47 +137,4 @@ TEST(EngineStorage, BusGoneWhileClientsAreBound) {
     int status = h.Stop();
     EXPECT_TRUE(status == 0 || status == 1) << status;
     EXPECT_EQ(h.Output().find("Assertion"), std::string::npos) << h.Output();
-}
-
-TEST(EngineStorage, UnmountClearsOnlyThatStoragesFolders) {
-    EngineHarness h;
-    Plug(h, "sdb1", "Cruzer");
-    Plug(h, "sdc1", "Ultra");
-    ASSERT_TRUE(h.Start());
-    auto folder = [&](int op, const std::string& path, const std::string& id) {
-        std::string json = "{\"OPERATION_TYPE\":" + std::to_string(op) + ",\"FOLDER_PATH\":\"" + path +
-                           "\",\"FOLDER_ID\":\"" + id + "\"}";
-        CallResult r = h.Call("check_folder_path", g_variant_new("(s)", json.c_str()));
-        const gchar* s = nullptr;
-        g_variant_get(r.reply.get(), "(&s)", &s);
-        return std::string(s);
-    };
-    const std::string b = h.UsbRoot() + "/sdb1/DCIM";
-    const std::string c = h.UsbRoot() + "/sdc1/Music";
-    folder(0, b, "1");
-    folder(0, c, "2");
-    Unplug(h, "sdb1");
-    ASSERT_TRUE(h.WaitForLog("USB UNMOUNTED : " + h.UsbRoot() + "/sdb1"));
-    ASSERT_TRUE(h.WaitForLog("Clear: strMountPath[" + h.UsbRoot() + "/sdb1]."));
-    EXPECT_EQ(folder(1, b, ""), "");
-    EXPECT_EQ(folder(1, c, ""), "2");
-    Plug(h, "sdb1", "Cruzer");
-    ASSERT_TRUE(h.WaitForLog("USB MOUNTED : " + h.UsbRoot() + "/sdb1"));
-    EXPECT_EQ(folder(1, c, ""), "2");
-    EXPECT_EQ(h.Stop(), 0);
-}
-
-// Garbage in the spool is ignored with a warning; the daemon keeps serving.
-TEST(EngineStorage, BadSpoolFilesAreIgnored) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
-    auto bound = h.Connect();
-    SignalCollector signals(bound.get());
-    EXPECT_EQ(Bind(h, bound.get(), 1), 0u);
-    WriteTextFile(h.SpoolDir() + "/broken.json", "{\"devname\": ");
-    WriteTextFile(h.SpoolDir() + "/types.json", R"({"devname":5,"class":"eight"})");
-    signals.Drain(std::chrono::milliseconds(300));
-    EXPECT_TRUE(signals.Named("mox_usb_notification").empty());
-    EXPECT_EQ(StoragesText(h, 1), "null\n");
-    EXPECT_EQ(h.Stop(), 0);
 }

@@ -27,20 +27,6 @@ using std::chrono::milliseconds;
 
 namespace {
 
-void Plug(EngineHarness& h, const std::string& name) {
-    const std::string mount = h.UsbRoot() + "/" + name;
-    std::filesystem::create_directories(mount);
-    const std::string tmp = h.SpoolDir() + "/." + name + ".tmp";
-    ASSERT_TRUE(WriteTextFile(tmp, R"({"devname":"/dev/)" + name + R"(","class":8,"mount_path":")" + mount +
-                                       R"(","fs_type":0,"disk_type":1,"manufacturer":"Acme","product":")" + name +
-                                       R"("})"));
-    ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
-
-void Unplug(EngineHarness& h, const std::string& name) {
-    ASSERT_EQ(std::remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-}
-
 // A call whose reply nobody waits for (it may hang on the stick).
 void CallAndForget(GDBusConnection* c, const char* method, GVariant* params) {
     g_dbus_connection_call(c, moxtest::kEngineName, moxtest::kEnginePath, moxtest::kEngineInterface, method, params,
@@ -104,10 +90,10 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     FaultyStick s;
     if (!s.Mount()) GTEST_SKIP() << "FUSE stick not available: " << s.fs->Why();
     EngineHarness& h = s.h;
-    Plug(h, "sdb1");
-    Plug(h, "sdc1");
+    h.Plug("sdb1");
+    h.Plug("sdc1");
     ASSERT_TRUE(h.Start());
-    Plug(h, "sdf1");
+    h.Plug("sdf1");
     ASSERT_TRUE(h.WaitForLog("USB MOUNTED : " + s.mount));
     auto slow = h.Connect();
     SignalCollector slowSignals(slow.get());
@@ -146,8 +132,7 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     EXPECT_TRUE(started);
     CallAndForget(slow.get(), "start_scanner_thumb",
                   g_variant_new("(ssuu)", (s.mount + "/deep2").c_str(), "CONTENT-IMAGE", 4u, 2u));
-    std::filesystem::create_directories(h.PluginDir());
-    std::filesystem::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
+    h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
     r = h.Call("connect", g_variant_new("(s)", "libmox_local_source.so"), slow.get());
     ASSERT_TRUE(r.ok()) << r.error;
     guint32 handle = 0;
@@ -170,7 +155,7 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     EXPECT_TRUE(waitingSignals.WaitFor("mox_folder_thumb_done", 1, std::chrono::seconds(10)));
 
     // Another stick is pulled while the check is stuck, then the hung one.
-    Unplug(h, "sdb1");
+    h.Unplug("sdb1");
     const long unplugDelay = SlowestQuickCall(h, "another stick pulled", milliseconds(800));
     ASSERT_TRUE(h.WaitForLog("USB UNMOUNTED : " + h.UsbRoot() + "/sdb1"));
     auto other = h.Connect();
@@ -180,11 +165,11 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     const long otherStart = std::chrono::duration_cast<milliseconds>(Clock::now() - startedAt).count();
     printf("check start on a healthy stick meanwhile: %ld ms\n", otherStart);
     EXPECT_TRUE(r.ok()) << r.error;
-    Unplug(h, "sdf1");
+    h.Unplug("sdf1");
     const long hungUnplugDelay = SlowestQuickCall(h, "hung stick pulled", milliseconds(800));
     // The USB thread is free again: the next plug is seen. The thumbnail
     // scan stuck on the pulled stick holds nobody else's thumbnails.
-    Plug(h, "sdb1");
+    h.Plug("sdb1");
     EXPECT_TRUE(h.WaitForLog("USB MOUNTED : " + h.UsbRoot() + "/sdb1"));
     std::filesystem::create_directories(h.UsbRoot() + "/sdc1/pics");
     WriteTextFile(h.UsbRoot() + "/sdc1/pics/a.jpg", "x");
@@ -212,10 +197,9 @@ TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
     FaultyStick s;
     if (!s.Mount()) GTEST_SKIP() << "FUSE stick not available: " << s.fs->Why();
     EngineHarness& h = s.h;
-    std::filesystem::create_directories(h.PluginDir());
-    std::filesystem::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
-    std::filesystem::create_symlink(MOX_RA_SOURCE_SO, h.PluginDir() + "/libmox_ra_source.so");
-    Plug(h, "sdb1");
+    h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
+    h.InstallPlugin(MOX_RA_SOURCE_SO);
+    h.Plug("sdb1");
     const std::set<std::string> before = ShmObjects();
     ASSERT_TRUE(h.Start());
     auto c = h.Connect();
