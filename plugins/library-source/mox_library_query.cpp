@@ -3,11 +3,13 @@
 
 #include <sqlite3.h>
 
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <string_view>
 
 #include <json/json.h>
 
@@ -106,7 +108,13 @@ void AppendJsonText(std::string& out, const char* pText, size_t n) {
     }
 }
 
-void AppendString(std::string& out, const char* szKey, const std::string& text) {
+// A path as items name it: the engine's rule for names (stray bytes and
+// backslashes as "\xNN").
+std::string PathText(const std::string& strMount, const std::string& strRel) {
+    return CMOXUtil::FileNameToUtf8(strRel.empty() ? strMount : strMount + "/" + strRel);
+}
+
+void AppendString(std::string& out, const char* szKey, std::string_view text) {
     out += ",\"";
     out += szKey;
     out += "\":\"";
@@ -115,15 +123,40 @@ void AppendString(std::string& out, const char* szKey, const std::string& text) 
 }
 
 void AppendInt(std::string& out, const char* szKey, int64_t nValue) {
-    char sz[48];
-    const int n = snprintf(sz, sizeof(sz), ",\"%s\":%" PRId64, szKey, nValue);
-    out.append(sz, static_cast<size_t>(n));
+    out += ",\"";
+    out += szKey;
+    out += "\":";
+    char sz[24];
+    const auto result = std::to_chars(sz, sz + sizeof(sz), nValue);
+    out.append(sz, static_cast<size_t>(result.ptr - sz));
 }
 
-// A path as items name it: the engine's rule for names (stray bytes and
-// backslashes as "\xNN").
-std::string PathText(const std::string& strMount, const std::string& strRel) {
-    return CMOXUtil::FileNameToUtf8(strRel.empty() ? strMount : strMount + "/" + strRel);
+// Appends mount + "/" + rel as a JSON string's inside, in the engine's rule
+// for names. The common case (plain UTF-8, no backslash) is not copied first.
+void AppendPath(std::string& out, const std::string& strMount, std::string_view rel) {
+    bool bPlain = true;
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(rel.data());
+    for (size_t i = 0; i < rel.size() && bPlain;) {
+        if (p[i] == '\\' || p[i] == 0) {
+            bPlain = false;
+        } else if (p[i] < 0x80) {
+            ++i;
+        } else {
+            const size_t n = Utf8Sequence(p + i, rel.size() - i);
+            bPlain = n > 0;
+            i += n;
+        }
+    }
+    if (!bPlain || strMount.find('\\') != std::string::npos) {
+        const std::string text = PathText(strMount, std::string(rel));
+        AppendJsonText(out, text.data(), text.size());
+        return;
+    }
+    const std::string mount = CMOXUtil::FileNameToUtf8(strMount);  // short, once per item
+    AppendJsonText(out, mount.data(), mount.size());
+    if (rel.empty()) return;
+    out += '/';
+    AppendJsonText(out, rel.data(), rel.size());
 }
 
 // A path's components are plain names (no "", "." or "..").
@@ -291,6 +324,13 @@ std::string Column(sqlite3_stmt* pStmt, int nColumn) {
     const void* p = sqlite3_column_blob(pStmt, nColumn);
     const int n = sqlite3_column_bytes(pStmt, nColumn);
     return p == nullptr ? std::string() : std::string(static_cast<const char*>(p), static_cast<size_t>(n));
+}
+
+// The same without a copy: valid until the statement moves on.
+std::string_view ColumnView(sqlite3_stmt* pStmt, int nColumn) {
+    const void* p = sqlite3_column_blob(pStmt, nColumn);
+    const int n = sqlite3_column_bytes(pStmt, nColumn);
+    return p == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(p), static_cast<size_t>(n));
 }
 
 bool IsNull(sqlite3_stmt* pStmt, int nColumn) {
@@ -466,21 +506,22 @@ std::string ItemSelectList(size_t nVolume) {
 // The item object of the row pStmt is on (columns as kItemColumns, after vol).
 std::string ItemJson(sqlite3_stmt* pStmt, const std::string& strMount) {
     std::string item;
-    item.reserve(512);
-    const std::string strName = Column(pStmt, kColFileName);
+    item.reserve(384);
+    const std::string_view name = ColumnView(pStmt, kColFileName);
     item += "{\"FileName\":\"";
-    AppendJsonText(item, strName.data(), strName.size());
+    AppendJsonText(item, name.data(), name.size());
+    item += "\",\"FilePath\":\"";
+    AppendPath(item, strMount, ColumnView(pStmt, kColRelPath));
     item += '"';
-    AppendString(item, "FilePath", PathText(strMount, Column(pStmt, kColRelPath)));
     AppendInt(item, "FileSize", sqlite3_column_int64(pStmt, kColFileSize));
     AppendInt(item, "FileTime", sqlite3_column_int64(pStmt, kColFileTime));
     const bool bFolder = sqlite3_column_int64(pStmt, kColIsFolder) != 0;
-    std::string strTitle = Column(pStmt, kColTitle);
+    std::string_view title = ColumnView(pStmt, kColTitle);
     if (IsNull(pStmt, kColTitle)) {
-        const size_t nDot = strName.rfind('.');
-        strTitle = (bFolder || nDot == std::string::npos || nDot == 0) ? strName : strName.substr(0, nDot);
+        const size_t nDot = name.rfind('.');
+        title = (bFolder || nDot == std::string_view::npos || nDot == 0) ? name : name.substr(0, nDot);
     }
-    AppendString(item, "Title", strTitle);
+    AppendString(item, "Title", title);
     AppendInt(item, "MediaType", sqlite3_column_int64(pStmt, kColMediaType));
     item += bFolder ? ",\"IsFolder\":true" : ",\"IsFolder\":false";
     static const struct {
@@ -508,9 +549,9 @@ std::string ItemJson(sqlite3_stmt* pStmt, const std::string& strMount) {
         const char* szKey;
     } kTexts[] = {{kColArtist, "Artist"}, {kColAlbum, "Album"}, {kColGenre, "Genre"}};
     for (const auto& field : kTexts)
-        if (!IsNull(pStmt, field.nColumn)) AppendString(item, field.szKey, Column(pStmt, field.nColumn));
+        if (!IsNull(pStmt, field.nColumn)) AppendString(item, field.szKey, ColumnView(pStmt, field.nColumn));
     if (!IsNull(pStmt, kColTrackNumber)) AppendInt(item, "TrackNumber", sqlite3_column_int64(pStmt, kColTrackNumber));
-    if (!IsNull(pStmt, kColMimeType)) AppendString(item, "MimeType", Column(pStmt, kColMimeType));
+    if (!IsNull(pStmt, kColMimeType)) AppendString(item, "MimeType", ColumnView(pStmt, kColMimeType));
     AppendInt(item, "Generation", sqlite3_column_int64(pStmt, kColGeneration));
     item += '}';
     return item;
@@ -590,16 +631,20 @@ mox_error_code_e ListItems(CReadConnection& db, const SMOXLibraryQuery& query, c
     if (strList.empty()) return MOX_ERROR_NONE;  // nothing indexed yet
     // Ties are broken the same way every time, so windows read one after
     // another neither repeat nor skip an item.
-    std::string order;
+    // With one volume "vol" is a constant, which SQLite would still sort by
+    // (the index gives key, then row id, order by itself).
+    const bool bSeveral = db.Usable().size() > 1;
     const char* szDir = query.bDescending ? " DESC" : "";
+    const std::string tie = bSeveral ? std::string(", vol") + szDir + ", id" + szDir : std::string(", id") + szDir;
+    std::string order;
     if (!query.strSortKey.empty())
-        order = std::string(SortColumn(query.eView, query.strSortKey)) + szDir + ", vol" + szDir + ", id" + szDir;
+        order = std::string(SortColumn(query.eView, query.strSortKey)) + szDir + tie;
     else if (query.bSearch)
-        order = "rank, vol, id";
+        order = bSeveral ? "rank, vol, id" : "rank, id";
     else if (query.album)
-        order = "track_number, file_name, vol, id";
+        order = bSeveral ? "track_number, file_name, vol, id" : "track_number, file_name, id";
     else
-        order = "file_name, vol, id";
+        order = bSeveral ? "file_name, vol, id" : "file_name, id";
     strList += " ORDER BY " + order + " LIMIT ?9 OFFSET ?10";
     StmtPtr count;
     mox_error_code_e eError = db.Prepare(strCount, count);
@@ -727,7 +772,7 @@ mox_error_code_e ListGroups(CReadConnection& db, const SMOXLibraryQuery& query, 
 
 }  // namespace
 
-std::string MoxLibraryMatchExpression(const std::string& strText) {
+std::string MoxLibraryMatchExpression(const std::string& strText, size_t& nWords) {
     // Words: runs of letters and digits; every byte of a valid multi-byte
     // character counts as a letter (the tokenizer decides the rest inside
     // the quotes). Invalid bytes, ASCII punctuation and blanks separate.
@@ -748,10 +793,11 @@ std::string MoxLibraryMatchExpression(const std::string& strText) {
             i += nSeq;
             continue;
         }
-        if (!token.empty() && tokens.size() < kMaxTokens) tokens.push_back(token);
+        if (!token.empty()) tokens.push_back(token);
         token.clear();
         ++i;
     }
+    nWords = tokens.size();
     std::string expression;
     for (const std::string& word : tokens) {
         if (!expression.empty()) expression += ' ';
@@ -831,8 +877,10 @@ mox_error_code_e SMOXLibraryQuery::Parse(const std::string& strDocument, SMOXLib
         if (query.eView == EMOXLibraryView::kVolumes) return Bad("the \"volumes\" view takes no search");
         if (!search.isString()) return Bad("\"mox_library_search\" is not a string");
         if (search.asString().size() > kMaxText) return Bad("\"mox_library_search\" above 4096 bytes");
-        query.strMatch = MoxLibraryMatchExpression(search.asString());
+        size_t nWords = 0;
+        query.strMatch = MoxLibraryMatchExpression(search.asString(), nWords);
         query.bSearch = true;
+        if (nWords > kMaxTokens) return Bad("\"mox_library_search\" above 32 words");
         if (query.strMatch.empty()) {
             if (!t_bQuiet) MOX_INFO("Library search without a word: nothing matches.");
             return MOX_ERROR_FAILED_RESULT;

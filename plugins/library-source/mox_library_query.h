@@ -42,9 +42,10 @@ struct SMOXLibraryQuery {
 };
 
 // The FTS5 expression of a search text: each word a quoted prefix token,
-// all of them required. Empty when the text holds no word. Never client
-// syntax: quotes, operators and column filters are only separators.
-std::string MoxLibraryMatchExpression(const std::string& strText);
+// all of them required; nWords counts them. Empty when the text holds no
+// word. Never client syntax: quotes, operators and column filters are only
+// separators.
+std::string MoxLibraryMatchExpression(const std::string& strText, size_t& nWords);
 
 class CMOXLibraryReader {
 public:

@@ -291,6 +291,9 @@ TEST(LibrarySource, ViewsFiltersSearchOrderWindowsFreshnessAndBadInput) {
     EXPECT_EQ(c.List(R"(,"mox_library_search":"wat\")\"")").items.size(), 1u);
     EXPECT_EQ(c.Fails(R"(,"mox_library_search":"\"*:^-")"), 6);
     EXPECT_EQ(c.Fails(R"(,"mox_library_search":")" + std::string(600000, 'x') + R"(")"), 7);
+    std::string words;
+    for (int i = 0; i < 33; ++i) words += "w ";
+    EXPECT_EQ(c.Fails(R"(,"mox_library_search":")" + words + R"(")"), 7);
 
     // Detail: the whole record of one file.
     int event = -1;
