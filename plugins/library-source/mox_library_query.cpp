@@ -504,9 +504,7 @@ std::string ItemSelectList(size_t nVolume) {
 }
 
 // The item object of the row pStmt is on (columns as kItemColumns, after vol).
-std::string ItemJson(sqlite3_stmt* pStmt, const std::string& strMount) {
-    std::string item;
-    item.reserve(384);
+void AppendItemJson(std::string& item, sqlite3_stmt* pStmt, const std::string& strMount) {
     const std::string_view name = ColumnView(pStmt, kColFileName);
     item += "{\"FileName\":\"";
     AppendJsonText(item, name.data(), name.size());
@@ -554,7 +552,6 @@ std::string ItemJson(sqlite3_stmt* pStmt, const std::string& strMount) {
     if (!IsNull(pStmt, kColMimeType)) AppendString(item, "MimeType", ColumnView(pStmt, kColMimeType));
     AppendInt(item, "Generation", sqlite3_column_int64(pStmt, kColGeneration));
     item += '}';
-    return item;
 }
 
 // The conditions of a query on the rows of schema strSchema (alias i).
@@ -611,7 +608,7 @@ void BindQuery(sqlite3_stmt* pStmt, const SMOXLibraryQuery& query, int64_t nLimi
 }
 
 mox_error_code_e ListItems(CReadConnection& db, const SMOXLibraryQuery& query, const bool& bStop,
-                           std::vector<std::string>& items, int& nTotal) {
+                           SMOXLibraryItems& items, int& nTotal) {
     std::string strCount = "SELECT 0";
     std::string strList;
     for (size_t nVolume : db.Usable()) {
@@ -646,18 +643,24 @@ mox_error_code_e ListItems(CReadConnection& db, const SMOXLibraryQuery& query, c
     else
         order = bSeveral ? "file_name, vol, id" : "file_name, id";
     strList += " ORDER BY " + order + " LIMIT ?9 OFFSET ?10";
-    StmtPtr count;
-    mox_error_code_e eError = db.Prepare(strCount, count);
-    if (eError != MOX_ERROR_NONE) return eError;
-    BindQuery(count.get(), query, -1, 0);
-    int rc = sqlite3_step(count.get());
-    if (rc != SQLITE_ROW) return db.StepFailed(rc);
-    const int64_t nAll = sqlite3_column_int64(count.get(), 0);
-    nTotal = static_cast<int>(std::min<int64_t>(nAll, INT32_MAX));
-    if (nTotal == 0) return MOX_ERROR_NONE;
-    if (query.nStart >= nTotal) {
-        MOX_WARN("Library list: window start %d beyond the %d items.", query.nStart, nTotal);
-        return MOX_ERROR_INVALID_PARAMETER;
+    // The whole answer counts itself; a window needs the count first.
+    const bool bWhole = query.nStart == 0 && query.nEnd < 0;
+    int rc = SQLITE_OK;
+    mox_error_code_e eError = MOX_ERROR_NONE;
+    if (!bWhole) {
+        StmtPtr count;
+        eError = db.Prepare(strCount, count);
+        if (eError != MOX_ERROR_NONE) return eError;
+        BindQuery(count.get(), query, -1, 0);
+        rc = sqlite3_step(count.get());
+        if (rc != SQLITE_ROW) return db.StepFailed(rc);
+        const int64_t nAll = sqlite3_column_int64(count.get(), 0);
+        nTotal = static_cast<int>(std::min<int64_t>(nAll, INT32_MAX));
+        if (nTotal == 0) return MOX_ERROR_NONE;
+        if (query.nStart >= nTotal) {
+            MOX_WARN("Library list: window start %d beyond the %d items.", query.nStart, nTotal);
+            return MOX_ERROR_INVALID_PARAMETER;
+        }
     }
     StmtPtr list;
     eError = db.Prepare(strList, list);
@@ -668,9 +671,12 @@ mox_error_code_e ListItems(CReadConnection& db, const SMOXLibraryQuery& query, c
         if (MoxStopRequested(bStop)) return MOX_ERROR_GENERIC;
         const size_t nVolume = static_cast<size_t>(sqlite3_column_int64(list.get(), kColVol));
         if (nVolume >= query.volumes.size()) return MOX_ERROR_GENERIC;
-        items.push_back(ItemJson(list.get(), query.volumes[nVolume].strMountPath));
+        const size_t nBefore = items.data.size();
+        AppendItemJson(items.data, list.get(), query.volumes[nVolume].strMountPath);
+        if (!items.Added(nBefore)) return MOX_ERROR_GENERIC;
     }
     if (rc != SQLITE_DONE) return db.StepFailed(rc);
+    if (bWhole) nTotal = static_cast<int>(items.lengths.size());
     return MOX_ERROR_NONE;
 }
 
@@ -708,7 +714,7 @@ const char* GroupExpression(EMOXLibraryView eView) {
 }
 
 mox_error_code_e ListGroups(CReadConnection& db, const SMOXLibraryQuery& query, const bool& bStop,
-                            std::vector<std::string>& items, int& nTotal) {
+                            SMOXLibraryItems& items, int& nTotal) {
     std::string strArms;
     for (size_t nVolume : db.Usable()) {
         const std::string strSchema = "v" + std::to_string(nVolume);
@@ -747,7 +753,9 @@ mox_error_code_e ListGroups(CReadConnection& db, const SMOXLibraryQuery& query, 
         if (nVolume >= query.volumes.size()) return MOX_ERROR_GENERIC;
         const std::string& strMount = query.volumes[nVolume].strMountPath;
         const std::string strGroup = Column(stmt.get(), 0);
-        std::string item = "{\"GroupName\":\"";
+        const size_t nBefore = items.data.size();
+        std::string& item = items.data;
+        item += "{\"GroupName\":\"";
         if (bFolders) {
             const std::string strPath = CMOXUtil::FileNameToUtf8(strGroup);
             AppendJsonText(item, strPath.data(), strPath.size());
@@ -758,19 +766,28 @@ mox_error_code_e ListGroups(CReadConnection& db, const SMOXLibraryQuery& query, 
         AppendInt(item, "Count", sqlite3_column_int64(stmt.get(), 1));
         AppendString(item, "Cover", PathText(strMount, Column(stmt.get(), 3)));
         item += '}';
-        items.push_back(std::move(item));
+        if (!items.Added(nBefore)) return MOX_ERROR_GENERIC;
     }
     if (rc != SQLITE_DONE) return db.StepFailed(rc);
     nTotal = static_cast<int>(std::min<int64_t>(nRow, INT32_MAX));
     if (nTotal > 0 && query.nStart >= nTotal) {
         MOX_WARN("Library list: window start %d beyond the %d groups.", query.nStart, nTotal);
-        items.clear();
+        items = SMOXLibraryItems();
         return MOX_ERROR_INVALID_PARAMETER;
     }
     return MOX_ERROR_NONE;
 }
 
 }  // namespace
+
+bool SMOXLibraryItems::Added(size_t nBefore) {
+    if (data.size() > kMaxBytes) {
+        MOX_WARN("Library list: an answer above %zu bytes is refused; ask for windows.", kMaxBytes);
+        return false;
+    }
+    lengths.push_back(static_cast<int32_t>(data.size() - nBefore));
+    return true;
+}
 
 std::string MoxLibraryMatchExpression(const std::string& strText, size_t& nWords) {
     // Words: runs of letters and digits; every byte of a valid multi-byte
@@ -907,9 +924,9 @@ mox_error_code_e SMOXLibraryQuery::Parse(const std::string& strDocument, SMOXLib
     return MOX_ERROR_NONE;
 }
 
-mox_error_code_e CMOXLibraryReader::List(const SMOXLibraryQuery& query, const bool& bStop,
-                                         std::vector<std::string>& items, int& nTotal) {
-    items.clear();
+mox_error_code_e CMOXLibraryReader::List(const SMOXLibraryQuery& query, const bool& bStop, SMOXLibraryItems& items,
+                                         int& nTotal) {
+    items = SMOXLibraryItems();
     nTotal = 0;
     if (query.eView == EMOXLibraryView::kVolumes) {
         const int nCount = static_cast<int>(query.volumes.size());
@@ -917,8 +934,11 @@ mox_error_code_e CMOXLibraryReader::List(const SMOXLibraryQuery& query, const bo
             MOX_WARN("Library list: window start %d beyond the %d volumes.", query.nStart, nCount);
             return MOX_ERROR_INVALID_PARAMETER;
         }
-        for (int i = query.nStart; i < nCount && (query.nEnd < 0 || i <= query.nEnd); ++i)
-            items.push_back(query.volumes[static_cast<size_t>(i)].strStatus);
+        for (int i = query.nStart; i < nCount && (query.nEnd < 0 || i <= query.nEnd); ++i) {
+            const size_t nBefore = items.data.size();
+            items.data += query.volumes[static_cast<size_t>(i)].strStatus;
+            if (!items.Added(nBefore)) return MOX_ERROR_GENERIC;
+        }
         nTotal = nCount;
         return MOX_ERROR_NONE;
     }
@@ -956,6 +976,6 @@ mox_error_code_e CMOXLibraryReader::Detail(const std::string& strPath, std::stri
     const int rc = sqlite3_step(stmt.get());
     if (rc == SQLITE_DONE) return MOX_ERROR_DETAIL_NOT_FOUND;
     if (rc != SQLITE_ROW) return db.StepFailed(rc);
-    strItem = ItemJson(stmt.get(), volumes[nVolume].strMountPath);
+    AppendItemJson(strItem, stmt.get(), volumes[nVolume].strMountPath);
     return MOX_ERROR_NONE;
 }

@@ -47,11 +47,22 @@ struct SMOXLibraryQuery {
 // separators.
 std::string MoxLibraryMatchExpression(const std::string& strText, size_t& nWords);
 
+// The items of an answer, back to back, and each one's length.
+struct SMOXLibraryItems {
+    // Bound of an answer's bytes (a data block holds at most 2 GiB).
+    static constexpr size_t kMaxBytes = 1u << 30;
+    std::string data;
+    std::vector<int32_t> lengths;
+    // The item appended to data since nBefore is complete; false (warning)
+    // past the bound.
+    bool Added(size_t nBefore);
+};
+
 class CMOXLibraryReader {
 public:
     // Answers the query: items (compact JSON objects) of the window, and the
     // count of all matching. bStop ends a running query.
-    static mox_error_code_e List(const SMOXLibraryQuery& query, const bool& bStop, std::vector<std::string>& items,
+    static mox_error_code_e List(const SMOXLibraryQuery& query, const bool& bStop, SMOXLibraryItems& items,
                                  int& nTotal);
     // The item object of one file (absolute path, raw bytes); 5 when the
     // index does not know it, 7 outside every mounted volume.

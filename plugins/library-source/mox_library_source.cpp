@@ -85,36 +85,22 @@ mox_error_code_e CMOXLibrarySource::GetData(bool& bStop, std::string& strQueryCm
     SMOXLibraryQuery query;
     mox_error_code_e eError = SMOXLibraryQuery::Parse(strQueryCmd, query);
     if (eError != MOX_ERROR_NONE) return eError;
-    std::vector<std::string> items;
+    SMOXLibraryItems items;
     int nTotal = 0;
     eError = CMOXLibraryReader::List(query, bStop, items, nTotal);
     if (eError != MOX_ERROR_NONE) return eError;
     nTotalCount = nTotal;
-    if (items.empty()) return MOX_ERROR_NONE;  // the engine answers "empty" (6)
-
-    // Items go out in runs of about 64 KiB: one write per run.
-    const size_t kRun = 64 * 1024;
-    std::string run;
-    run.reserve(kRun + 4096);
-    long long llWritten = 0;
-    lengths.reserve(items.size());
-    for (size_t i = 0; i < items.size(); ++i) {
-        run += items[i];
-        lengths.push_back(mox_data_length_s{static_cast<int32_t>(items[i].size())});
-        if (run.size() >= kRun || i + 1 == items.size()) {
-            if (llWritten + static_cast<long long>(run.size()) > INT_MAX / 2 ||
-                fwrite(run.data(), 1, run.size(), stream) != run.size()) {
-                MOX_WARN("Library list: can not write the items.");
-                return MOX_ERROR_GENERIC;
-            }
-            llWritten += static_cast<long long>(run.size());
-            run.clear();
-        }
+    if (items.lengths.empty()) return MOX_ERROR_NONE;  // the engine answers "empty" (6)
+    if (fwrite(items.data.data(), 1, items.data.size(), stream) != items.data.size()) {
+        MOX_WARN("Library list: can not write the items.");
+        return MOX_ERROR_GENERIC;
     }
+    lengths.reserve(items.lengths.size());
+    for (const int32_t nLength : items.lengths) lengths.push_back(mox_data_length_s{nLength});
     groups.push_back(mox_data_group_s{0, nTotal});
-    nLen = static_cast<int>(llWritten);
+    nLen = static_cast<int>(items.data.size());
     nStartIndex = query.nStart;
-    nEndIndex = query.nStart + static_cast<int>(items.size()) - 1;
+    nEndIndex = query.nStart + static_cast<int>(items.lengths.size()) - 1;
     return MOX_ERROR_NONE;
 }
 
