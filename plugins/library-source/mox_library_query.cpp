@@ -82,6 +82,14 @@ void AppendJsonText(std::string& out, const char* pText, size_t n) {
     static const char kHex[] = "0123456789abcdef";
     const unsigned char* p = reinterpret_cast<const unsigned char*>(pText);
     for (size_t i = 0; i < n;) {
+        // Runs of plain ASCII, the common case, go in one append.
+        size_t nRun = i;
+        while (nRun < n && p[nRun] >= 0x20 && p[nRun] < 0x80 && p[nRun] != '"' && p[nRun] != '\\') ++nRun;
+        if (nRun > i) {
+            out.append(pText + i, nRun - i);
+            i = nRun;
+            if (i == n) break;
+        }
         const unsigned char c = p[i];
         if (c >= 0x80) {
             const size_t nSeq = Utf8Sequence(p + i, n - i);
@@ -133,27 +141,29 @@ void AppendInt(std::string& out, const char* szKey, int64_t nValue) {
 
 // Appends mount + "/" + rel as a JSON string's inside, in the engine's rule
 // for names. The common case (plain UTF-8, no backslash) is not copied first.
-void AppendPath(std::string& out, const std::string& strMount, std::string_view rel) {
-    bool bPlain = true;
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(rel.data());
-    for (size_t i = 0; i < rel.size() && bPlain;) {
-        if (p[i] == '\\' || p[i] == 0) {
-            bPlain = false;
-        } else if (p[i] < 0x80) {
+// Valid UTF-8 without a backslash or NUL: the engine's rule leaves it as is.
+bool PlainName(std::string_view text) {
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
+    for (size_t i = 0; i < text.size();) {
+        if (p[i] == '\\' || p[i] == 0) return false;
+        if (p[i] < 0x80) {
             ++i;
-        } else {
-            const size_t n = Utf8Sequence(p + i, rel.size() - i);
-            bPlain = n > 0;
-            i += n;
+            continue;
         }
+        const size_t n = Utf8Sequence(p + i, text.size() - i);
+        if (n == 0) return false;
+        i += n;
     }
-    if (!bPlain || strMount.find('\\') != std::string::npos) {
+    return true;
+}
+
+void AppendPath(std::string& out, const std::string& strMount, std::string_view rel) {
+    if (!PlainName(rel) || !PlainName(strMount)) {
         const std::string text = PathText(strMount, std::string(rel));
         AppendJsonText(out, text.data(), text.size());
         return;
     }
-    const std::string mount = CMOXUtil::FileNameToUtf8(strMount);  // short, once per item
-    AppendJsonText(out, mount.data(), mount.size());
+    AppendJsonText(out, strMount.data(), strMount.size());
     if (rel.empty()) return;
     out += '/';
     AppendJsonText(out, rel.data(), rel.size());

@@ -91,8 +91,11 @@ public:
         return a.code;
     }
     Json::Value Detail(const std::string& path, int& event) {
-        const std::string doc =
-            R"({"mox_command":"mox_requestdetail","mox_source":"mox_library_source","FilePath":")" + path + R"("})";
+        Json::Value request;
+        request["mox_command"] = "mox_requestdetail";
+        request["mox_source"] = "mox_library_source";
+        request["FilePath"] = path;
+        const std::string doc = Json::writeString(Json::StreamWriterBuilder(), request);
         const size_t before = signals->Named("mox_request_normal_complete").size();
         EXPECT_TRUE(h.Call("request_detail", g_variant_new("(us)", handle, doc.c_str()), conn.get()).ok());
         Json::Value ev = Answer(before, 3, 5);
@@ -191,6 +194,7 @@ TEST(LibrarySource, ViewsFiltersSearchOrderWindowsFreshnessAndBadInput) {
                      3));
     ASSERT_TRUE(Song(a + "/music/s4.mp3", "", 1));
     fs::copy_file(a + "/photos/p1.jpg", b + "/other.jpg");
+    fs::copy_file(a + "/photos/nodate.jpg", b + "/bad\xffname.jpg");
     ASSERT_TRUE(h.Start());
     LibraryClient c(h);
     ASSERT_TRUE(c.Start());
@@ -209,7 +213,13 @@ TEST(LibrarySource, ViewsFiltersSearchOrderWindowsFreshnessAndBadInput) {
     EXPECT_EQ(c.List(R"(,"mox_library_view":"volumes","mox_library_mount":")" + b + R"(")").items.size(), 1u);
 
     // Items of every mounted volume, or of one; photos by date taken.
-    EXPECT_EQ(c.List("").total, 9);
+    EXPECT_EQ(c.List("").total, 10);
+    // A name that is not UTF-8 as the engine hands names out, and back.
+    SAnswer odd = c.List(R"(,"mox_library_mount":")" + b + R"(","SortedKey":"FileName")");
+    ASSERT_EQ(odd.items.size(), 2u);
+    EXPECT_EQ(odd.items[0]["FilePath"].asString(), b + "/bad\\xFFname.jpg");
+    int oddEvent = -1;
+    EXPECT_EQ(c.Detail(odd.items[0]["FilePath"].asString(), oddEvent)["FileName"].asString(), "bad\\xFFname.jpg");
     SAnswer photos = c.List(mountA + R"(,"mox_media_type":2,"SortedKey":"DateTaken","SortedType":1)");
     ASSERT_EQ(photos.items.size(), 4u);
     EXPECT_EQ(Members(photos, "FileName"), (std::vector<std::string>{"nodate.jpg", "p1.jpg", "p0.jpg", "p2.jpg"}));
