@@ -165,6 +165,33 @@ int main(int argc, char** argv) {
         run = [&](Context& c) { return RunLibrary(c, library); };
     });
 
+    auto libraryListOptions = [&](CLI::App* sub) {
+        sub->add_option("--mount", library.mount, "mount path (default: every mounted storage)");
+        sub->add_option("--type", library.type, "only this media")->check(CLI::IsMember({"photo", "video", "music"}));
+        sub->add_option("--filter", library.filters,
+                        "open a group: Artist=, Album=, Genre=, Year=, Month=YYYY-MM or Folder= (repeatable)");
+        sub->add_option("--sort", library.sort, "order by this key (the database sorts)")
+            ->check(CLI::IsMember({"FileName", "Title", "FileTime", "FileSize", "DateTaken", "Artist", "Album",
+                                   "TrackNumber", "Duration", "GroupName", "Count"}));
+        sub->add_flag("--desc", library.desc, "descending");
+        sub->add_option("--range", library.range, "item positions A-B or A- (from 0)");
+    };
+    auto* libList = lib->add_subcommand("list", "list the index: items, or one view's groups");
+    libraryListOptions(libList);
+    libList->add_option("--view", library.view, "items (default) or a view of groups")
+        ->check(CLI::IsMember({"items", "volumes", "folders", "albums", "artists", "genres", "years", "months"}));
+    libList->callback([&] {
+        library.action = "list";
+        run = [&](Context& c) { return RunLibrary(c, library); };
+    });
+    auto* libSearch = lib->add_subcommand("search", "find items by words of title, artist, album and file name");
+    libSearch->add_option("TEXT", library.search, "words, matched by prefix, any case and accents")->required();
+    libraryListOptions(libSearch);
+    libSearch->callback([&] {
+        library.action = "search";
+        run = [&](Context& c) { return RunLibrary(c, library); };
+    });
+
     auto* ping = app.add_subcommand("ping", "check that the engine answers");
     ping->callback([&] { run = [](Context& c) { return RunPing(c); }; });
 

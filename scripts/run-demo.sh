@@ -16,7 +16,7 @@ rm -f build-release.deps.log
 mkdir -p build-release
 if ! { cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DMOX_BUILD_TESTS=OFF &&
        cmake --build build-release -j"$(nproc)" --target mox-engine mox-extract moxctl mox_local_source \
-         mox_ra_source; } > build-release/demo-build.log 2>&1; then
+         mox_ra_source mox_library_source; } > build-release/demo-build.log 2>&1; then
   tail -n 30 build-release/demo-build.log
   exit 1
 fi
@@ -29,6 +29,7 @@ engine_env_start_bus
 export MOX_LOG_LEVEL=info
 ln -s "$ROOT/build-release/plugins/local-source/libmox_local_source.so" "$WORK/plugins/"
 ln -s "$ROOT/build-release/plugins/ra-source/libmox_ra_source.so" "$WORK/plugins/"
+ln -s "$ROOT/build-release/plugins/library-source/libmox_library_source.so" "$WORK/plugins/"
 moxctl() { "$ROOT/build-release/client/moxctl" "$@"; }
 
 step "Starting mox-engine on a private system bus"
@@ -46,8 +47,25 @@ for name in sunset beach harbour; do
   convert -size 320x240 "plasma:" "$STICK/DCIM/$name.jpg" 2>/dev/null ||
     head -c 40000 /dev/urandom > "$STICK/DCIM/$name.jpg"
 done
+# The dates a camera would have written (shown by the library source).
+day=1
+for name in sunset beach harbour; do
+  exiftool -q -overwrite_original "-DateTimeOriginal=2024:07:0$day 18:3$day:00" "$STICK/DCIM/$name.jpg" \
+    2>/dev/null || true
+  day=$((day + 1))
+done
 head -c 2000000 /dev/urandom > "$STICK/DCIM/clip.mp4"
 head -c 900000 /dev/urandom > "$STICK/DCIM/song.mp3"
+# An album of tagged songs (real MP3s when ffmpeg is there).
+mkdir -p "$STICK/Music"
+track=1
+for title in "Café de la Plage" "Sunset Drive" "Harbour Lights"; do
+  ffmpeg -v error -y -f lavfi -i "sine=frequency=$((300 * track)):duration=2" -b:a 64k \
+    -metadata artist="Zoé Martin" -metadata album="Été Bleu" -metadata track=$track \
+    -metadata title="$title" "$STICK/Music/0$track.mp3" 2>/dev/null ||
+    head -c 50000 /dev/urandom > "$STICK/Music/0$track.mp3"
+  track=$((track + 1))
+done
 head -c $((256 << 20)) /dev/urandom > "$STICK/Backup/holiday.tar"
 
 step "A USB stick is plugged in (simulated: a spool file renamed into place)"
@@ -58,6 +76,24 @@ cat > "$WORK/spool/.sdb1.tmp" <<JSON
 JSON
 mv "$WORK/spool/.sdb1.tmp" "$WORK/spool/sdb1.json"
 sleep 0.5
+
+step "library: the engine indexes the stick in the background; wait for it"
+show moxctl library wait "$STICK"
+moxctl library wait "$STICK"
+show moxctl library status
+moxctl library status
+
+step "library list: every photo of the stick by the date it was taken, sorted by the index"
+show moxctl library list --mount "$STICK" --type photo --sort DateTaken
+moxctl library list --mount "$STICK" --type photo --sort DateTaken
+
+step "library list --view albums: one row per album, with its count and cover"
+show moxctl library list --view albums
+moxctl library list --view albums
+
+step "library search: words by prefix, any case, accents ignored"
+show moxctl library search cafe
+moxctl library search cafe
 
 step "status: the storages the engine knows"
 show moxctl status

@@ -60,6 +60,11 @@ typedef enum {
     MOX_ANSWER_STAMPED = 1,
     // Never kept: every request asks the source.
     MOX_ANSWER_NO_KEEP = 2,
+    // A flag or'ed into any of the above: the answer is already in the order
+    // the query's "SortedKey"/"SortedType" ask for (the source sorted it), so
+    // the engine does not sort it again. Only honoured for a request naming
+    // this one source; a list of several sources is sorted by the engine.
+    MOX_ANSWER_ORDERED = 0x100,
 } mox_answer_validity_e;
 
 // True once the engine asked the running operation to stop. bStop is written

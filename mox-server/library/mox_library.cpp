@@ -101,11 +101,33 @@ CMOXLibrary::CMOXLibrary(IMOXSignalSink& sink, ClientsFn clients)
             MOX_WARN("library ticker ended by an exception (%s).", e.what());
         }
     });
-    mox::MutexLock lock(g_hookMutex);
-    g_pLibrary = this;
+    {
+        mox::MutexLock lock(g_hookMutex);
+        g_pLibrary = this;
+    }
+    // The library source reads the mounted volumes and their state here.
+    CMOXLibraryState::SetProvider([this] { return m_VolumeStates(); });
+}
+
+std::vector<SMOXLibraryVolumeState> CMOXLibrary::m_VolumeStates() {
+    std::vector<SMOXLibraryVolumeState> out;
+    mox::MutexLock lock(m_mutex);
+    for (auto& entry : m_volumes) {
+        const SMOXLibraryStatus status = entry.second->Status();
+        SMOXLibraryVolumeState state;
+        state.strMountPath = entry.first;
+        state.strVolumeId = entry.second->VolumeId();
+        state.strDbPath = entry.second->DbPath();
+        state.nGeneration = status.nGeneration;
+        state.strStatus = status.ToJson(false);
+        out.push_back(std::move(state));
+    }
+    return out;
 }
 
 bool CMOXLibrary::Stop(std::chrono::milliseconds wait) {
+    // Returns once no plug-in reads the volumes any more.
+    CMOXLibraryState::SetProvider(nullptr);
     {
         mox::MutexLock lock(g_hookMutex);
         g_pLibrary = nullptr;

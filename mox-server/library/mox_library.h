@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include <mox/mox_library_state.h>
 #include <usb_device.h>
 
 #include "mox_library_volume.h"
@@ -71,6 +72,8 @@ public:
     static std::atomic<bool>& UsersBusy();
 
 private:
+    // The mounted volumes for the library source (CMOXLibraryState).
+    std::vector<SMOXLibraryVolumeState> m_VolumeStates();
     void m_Ticker();
     void m_Emit(const SMOXLibraryStatus& status);
     // Keeps the index files below kMaxTotalBytes by dropping those of

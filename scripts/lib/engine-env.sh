@@ -12,7 +12,7 @@ engine_env_cleanup() {
 }
 
 engine_env_start_bus() {
-  mkdir -p "$WORK"/{vconf,usb,appdata,plugins,spool}
+  mkdir -p "$WORK"/{vconf,usb,appdata,plugins,spool,library}
   cat > "$WORK/bus.conf" <<CONF
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
@@ -45,6 +45,7 @@ CONF
   export MOX_FEATURES_FILE="$WORK/features"
   export MOX_CA_BUNDLE="$WORK/ca.pem"
   export MOX_USB_BACKEND="spool:$WORK/spool"
+  export MOX_LIBRARY_DIR="$WORK/library"
   export MOX_LOG="file:$WORK/engine.log"
 }
 

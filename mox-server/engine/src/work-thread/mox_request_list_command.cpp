@@ -278,7 +278,9 @@ std::vector<std::string> CMOXRequestListCommand::PathsOfDocument(const std::stri
 }
 
 bool CMOXRequestListCommand::m_AskValidity(IWebSource* pSource, const std::string& strSource,
-                                           const std::string& strQueryCmd, SCacheValidity& validity) {
+                                           const std::string& strQueryCmd, SCacheValidity& validity,
+                                           bool& bOrdered) {
+    bOrdered = false;
     // ABI-1 sources have no slot for the question: their answers are kept.
     if (CMOXSingleton<CMOXSourceMgr>::Get()->GetSourceAbi(strSource) < 2) return true;
     mox_answer_validity_e eValidity = MOX_ANSWER_NO_KEEP;
@@ -290,6 +292,10 @@ bool CMOXRequestListCommand::m_AskValidity(IWebSource* pSource, const std::strin
         validity.strStamp.clear();
         return false;
     }
+    // The order flag rides along with any validity.
+    const int nValidity = static_cast<int>(eValidity);
+    bOrdered = (nValidity & MOX_ANSWER_ORDERED) != 0;
+    eValidity = static_cast<mox_answer_validity_e>(nValidity & ~MOX_ANSWER_ORDERED);
     // Kept with every cached answer (up to 8192 of them): short.
     const size_t kMaxStampBytes = 256;
     switch (eValidity) {
@@ -460,7 +466,10 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, cons
         // this answer out of the cache.
         validity.nGeneration = pPool->GetGeneration();
         validity.paths = QueryPaths(strQueryCmd);
-        if (!m_AskValidity(pSource, strSource, strQueryCmd, validity)) {
+        bool bOrdered = false;
+        const bool bKeep = m_AskValidity(pSource, strSource, strQueryCmd, validity, bOrdered);
+        if (bOrdered) m_nOrderedSources.fetch_add(1);
+        if (!bKeep) {
             validity.bKeep = false;
         } else {
             std::string strHit;
@@ -540,7 +549,13 @@ void CMOXRequestListCommand::GetListFromSourceProc(std::string strQueryCmd, cons
 std::string CMOXRequestListCommand::m_GenerateResultList(CJsonValue& doc, BlockMap& blocks, mox_error_code_e& eError) {
     MOX_DEBUG("Enter...");
     CMOXSortFunction fn;
-    const bool bSort = m_GetComandKeyTypeInfo(doc, fn);
+    bool bSort = m_GetComandKeyTypeInfo(doc, fn);
+    // One source that ordered its answer itself (through an index, say):
+    // sorting it again would only cost, and could reorder equal keys.
+    if (bSort && blocks.size() == 1 && m_nOrderedSources.load() == 1) {
+        MOX_DEBUG("Answer of source[%s] is in the asked order already.", blocks.begin()->first.c_str());
+        bSort = false;
+    }
     // Only the headers are read here; a sort reads (copies) one block at a
     // time while it takes the keys.
     std::vector<SBlockHead> heads;
@@ -630,9 +645,13 @@ bool CMOXRequestListCommand::m_GetComandKeyTypeInfo(CJsonValue& doc, CMOXSortFun
 }
 
 void CMOXRequestListCommand::m_getSortValueType(std::string& strKey, MOX_VALUETYPE& eType) {
-    if (strKey == "FileName" || strKey == "Title")
+    // Item members of the shipped sources; the media library's too, so that
+    // a list of several sources sorts by them.
+    if (strKey == "FileName" || strKey == "Title" || strKey == "Artist" || strKey == "Album" ||
+        strKey == "Genre" || strKey == "GroupName")
         eType = MOX_VALUE_STRING;
-    else if (strKey == "FileSize" || strKey == "FileTime")
+    else if (strKey == "FileSize" || strKey == "FileTime" || strKey == "DateTaken" || strKey == "TrackNumber" ||
+             strKey == "Duration" || strKey == "Count")
         eType = MOX_VALUE_INT;
 }
 

@@ -13,7 +13,8 @@
 //
 // Validity: before the cache is consulted, an ABI-2 source says how its
 // answer stays valid (GetAnswerValidity): a stamp checked against the kept
-// answer's, or "do not keep". Kept answers also remember the storage paths
+// answer's, or "do not keep", and whether its answer is in the asked order
+// already (MOX_ANSWER_ORDERED: a single such source is not sorted again). Kept answers also remember the storage paths
 // their query names, so that storage events and the engine's writes forget
 // them (CCachePool::ForgetTouching).
 //
@@ -81,13 +82,16 @@ private:
     void m_getSortValueType(std::string& strKey, MOX_VALUETYPE& eType);
     // Asks an ABI-2 source how its answer stays valid; false when it must
     // not be kept (the cache is then not consulted either).
+    // bOrdered: the source said its answer is in the asked order already.
     static bool m_AskValidity(IWebSource* pSource, const std::string& strSource, const std::string& strQueryCmd,
-                              SCacheValidity& validity);
+                              SCacheValidity& validity, bool& bOrdered);
     // Lets go of the pool's count for every block in blocks.
     static void m_ReleaseBlocks(const BlockMap& blocks);
 
     MOXCommandCallback m_fnDone;
     std::atomic<int> m_eError{MOX_ERROR_NONE};  // written by the source threads
+    // Sources that answered in the asked order themselves (MOX_ANSWER_ORDERED).
+    std::atomic<int> m_nOrderedSources{0};
     // The sources' stop flag: written by Stop() and read by the sources
     // through atomic builtins only (MoxStopRequested).
     bool m_bStop = false;
