@@ -504,6 +504,8 @@ void CMOXEngineImp::m_OnDetailDone(WorkerThreadJob* pJob, const std::string& str
             payload.Set("mox_result_list_block_name", strResult);
             payload.Set("mox_result_detail_json", strResult);
             payload.Set("mox_detail_request_times", strTimes);
+            // Any failure says which, even under the plain detail event.
+            if (eError != MOX_ERROR_NONE) payload.Set("mox_error_code", static_cast<int>(eError));
             std::string strPayload = payload.ToString();
             MOX_DEBUG("Emit signal[%s]", mox_bus::ForLog(strPayload).c_str());
             m_Emit(first.client, "mox_request_normal_complete", strPayload);

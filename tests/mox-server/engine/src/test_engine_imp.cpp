@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -296,15 +297,20 @@ TEST_F(EngineImp, SourceAnswersBecomeEventsAndCodes) {
     }
 
     // Details: the source's code is the event; a throwing source answers
-    // like a refusal; no source at all is event 4.
-    const std::pair<std::string, int> details[] = {{DetailDoc(R"(,"test_error":4)"), MOX_EVENT_DETAIL_FAILED},
-                                                   {DetailDoc(R"(,"test_error":5)"), MOX_EVENT_DETAIL_NOT_FOUND},
-                                                   {DetailDoc(""), MOX_EVENT_DETAIL},
-                                                   {DetailDoc(R"(,"test_misbehave":"throw")"), MOX_EVENT_DETAIL},
-                                                   {R"({"mox_command":"mox_requestdetail"})", MOX_EVENT_DETAIL_FAILED}};
-    for (const auto& [doc, event] : details) {
+    // like a refusal; no source at all is event 4. Every failure carries
+    // its code, also one the plain detail event stands for (0: none).
+    const std::tuple<std::string, int, int> details[] = {
+        {DetailDoc(R"(,"test_error":4)"), MOX_EVENT_DETAIL_FAILED, 4},
+        {DetailDoc(R"(,"test_error":5)"), MOX_EVENT_DETAIL_NOT_FOUND, 5},
+        {DetailDoc(R"(,"test_error":7)"), MOX_EVENT_DETAIL, 7},
+        {DetailDoc(""), MOX_EVENT_DETAIL, 0},
+        {DetailDoc(R"(,"test_misbehave":"throw")"), MOX_EVENT_DETAIL, MOX_ERROR_GENERIC},
+        {R"({"mox_command":"mox_requestdetail"})", MOX_EVENT_DETAIL_FAILED, MOX_ERROR_NO_SUCH_SOURCE}};
+    for (const auto& [doc, event, code] : details) {
         m_engine->RequestDetail(doc, 2, c);
-        EXPECT_EQ(Nth(c, ++n)["mox_event_type"].asInt(), event) << doc;
+        const Json::Value signal = Nth(c, ++n);
+        EXPECT_EQ(signal["mox_event_type"].asInt(), event) << doc;
+        EXPECT_EQ(signal["mox_error_code"].asInt(), code) << doc;
     }
     EXPECT_EQ(Nth(c, n - 2)["mox_result_detail_json"].asString(), R"({"detail_of":"mox_test_source"})");
     // Cancelled before it completes: no signal; the job still ends.
