@@ -1,13 +1,9 @@
-// MOXHttpRequest against a real local HTTP server (a python process started
-// here): in-memory and file answers, redirects limited to http/https, and a
-// cancel from another thread while the transfer runs.
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+// MOXHttpRequest against a real local HTTP server (the test web server of
+// tests/support/http_server.h): in-memory and file answers, redirects limited
+// to http/https, and a cancel from another thread while the transfer runs.
 #include <atomic>
 #include <chrono>
-#include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -16,6 +12,7 @@
 
 #include <mox/MOXHttpRequest.h>
 
+#include "http_server.h"
 #include "temp_dir.h"
 
 namespace {
@@ -25,28 +22,17 @@ protected:
     void SetUp() override {
         curl_global_init(CURL_GLOBAL_ALL);
         moxtest::WriteTextFile(dir.file("a.txt"), std::string(300000, 'a'));
-        const std::string portFile = dir.file("port");
-        m_pid = fork();
-        if (m_pid == 0) {
-            execlp("python3", "python3", MOX_HTTP_TEST_SERVER, dir.path().c_str(), portFile.c_str(), nullptr);
-            _exit(127);
-        }
-        for (int i = 0; i < 200 && port == 0; ++i) {
-            std::ifstream in(portFile);
-            if (!(in >> port)) std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-        ASSERT_NE(port, 0);
+        m_server = std::make_unique<moxtest::HttpServer>(dir.path(), dir.file("port"));
+        ASSERT_NE(m_server->port, 0);
     }
     void TearDown() override {
-        kill(m_pid, SIGTERM);
-        waitpid(m_pid, nullptr, 0);
+        m_server.reset();
         curl_global_cleanup();
     }
-    std::string Url(const std::string& path) { return "http://127.0.0.1:" + std::to_string(port) + path; }
+    std::string Url(const std::string& path) { return "http://127.0.0.1:" + std::to_string(m_server->port) + path; }
 
     moxtest::TempDir dir;
-    int port = 0;
-    pid_t m_pid = -1;
+    std::unique_ptr<moxtest::HttpServer> m_server;
 };
 
 struct Progress {

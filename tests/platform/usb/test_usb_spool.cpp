@@ -14,6 +14,7 @@
 #include <future>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include <usb_device.h>
 
@@ -96,19 +97,14 @@ TEST_F(UsbSpool, PlugAndUnplugAreReportedOnTheServiceThreadWithFullProperties) {
         EXPECT_EQ(actions[i], events[i].action);
         EXPECT_NE(std::this_thread::get_id(), events[i].thread);
     }
+    // "blocked" reports the device as it was last known, mount path included.
     for (size_t i = 0; i < 2; ++i) {
-        // "blocked" reports the device as it was last known, mount path included.
         const UsbEvent& e = events[i];
-        EXPECT_EQ("/dev/sdb1", e.devname);
-        EXPECT_EQ("/opt/storage/usb/sdb1", e.mountPath);
-        EXPECT_EQ(8, e.usbClass);
-        EXPECT_EQ(1, e.diskType);
-        EXPECT_EQ(1921, e.vendorId);
-        EXPECT_EQ("SanDisk", e.manufacturer);
-        EXPECT_EQ("Cruzer Blade", e.product);
-        EXPECT_EQ("4C530001", e.serial);
-        EXPECT_EQ("HOLIDAY", e.partLabel);
-        EXPECT_EQ(5, e.address);
+        EXPECT_EQ(std::tie(e.devname, e.mountPath, e.usbClass, e.diskType, e.vendorId, e.manufacturer, e.product,
+                           e.serial, e.partLabel, e.address),
+                  std::make_tuple("/dev/sdb1", "/opt/storage/usb/sdb1", 8, 1, 1921, "SanDisk", "Cruzer Blade",
+                                  "4C530001", "HOLIDAY", 5))
+            << i;
     }
     // A camera has no mount path.
     EXPECT_EQ(6, events[3].usbClass);

@@ -11,23 +11,17 @@
 // a failed final ping or unclean stop. Requests that got no completion signal
 // at all are counted apart ("silent"); --require-answers makes them findings.
 //
-//   bus_fuzz [--seed N] [--seconds S] [--calls N] [--answer-timeout MS]
-//            [--require-answers] [--restart] [--verbose] [--replay FILE]
-// --replay sends the calls of FILE instead, one a line: "METHOD GVARIANT-TEXT"
-// (e.g. request_detail (uint32 0, '{"mox_command":"mox_setlike"}')), and
-// applies the same checks: the way to pin a finding down to one call. "@USB@"
-// and "@OUTSIDE@" stand for the USB root and the directory outside it (the
-// stick is mounted at @USB@/sda1, see Setup for its files).
-// --skip REGEX (POSIX extended, repeatable) leaves out every call whose printed
-// form matches, so that a known finding does not hide the next one, e.g.
-//   --skip '^(request_detail|get_partial_list|request_metadata)\(.*mox_file_transfer'
-// A call's printed form is "METHOD(ARGS)" with GVariant text arguments.
+//   bus_fuzz [--seed N|random] [--seconds S] [--calls N] [--answer-timeout MS]
+//            [--require-answers] [--restart] [--verbose]
+// --seed N --calls N repeats a sequence; --verbose prints every call, so a
+// finding is pinned down by re-running its seed up to the call that made it.
 // Exit status: 0 no finding, 1 findings, 2 usage or set-up error.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdint>
@@ -39,66 +33,67 @@
 #include <map>
 #include <memory>
 #include <random>
-#include <regex>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gio/gio.h>
 
 #include "engine_fixture.h"
 
-using moxtest::CallResult;
-using moxtest::ConnectionPtr;
 using moxtest::EngineHarness;
 using moxtest::GVariantPtr;
-using moxtest::ReadTextFile;
-using moxtest::WriteTextFile;
+using moxtest::kEngineInterface;
 
 namespace {
 
+namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+
+constexpr const char* kCanary = "MOXFUZZ-CANARY-SECRET";
+constexpr size_t kMaxConnections = 48;
+constexpr int kCallTimeoutMs = 20000;
+const std::set<std::string> kRequests = {"get_partial_list", "request_detail", "request_act", "request_metadata"};
+
+// A table written as one text: "a|b||c" gives a, b, "" and c.
+std::vector<std::string> Words(const std::string& text) {
+    std::vector<std::string> words;
+    for (size_t pos = 0;;) {
+        size_t bar = text.find('|', pos);
+        words.push_back(text.substr(pos, bar - pos));
+        if (bar == std::string::npos) return words;
+        pos = bar + 1;
+    }
+}
 
 // The engine's shared-memory objects now in /dev/shm.
 std::set<std::string> EngineObjects() {
     std::set<std::string> names;
     std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ec)) {
+    for (const auto& entry : fs::directory_iterator("/dev/shm", ec)) {
         std::string name = entry.path().filename().string();
         if (name.rfind("mox_datablock_", 0) == 0 || name.rfind("mox_resultlist_", 0) == 0) names.insert(name);
     }
     return names;
 }
-namespace fs = std::filesystem;
-
-constexpr const char* kCanary = "MOXFUZZ-CANARY-SECRET";
-constexpr size_t kMaxConnections = 48;
-constexpr int kCallTimeoutMs = 20000;
 
 struct Options {
     uint64_t seed = 0;
-    bool seedGiven = false;
     double seconds = 30;
     long calls = -1;
     int answerTimeoutMs = 15000;
-    bool requireAnswers = false;
-    bool restart = false;
-    bool verbose = false;
-    std::string replay;
-    std::vector<std::regex> skip;
+    bool requireAnswers = false, restart = false, verbose = false;
 };
 
 // Keeps a description printable: runs of one character are folded ("[{x3000}"),
 // long texts cut with their length told.
-std::string Shorten(const std::string& text, size_t limit = 300) {
+std::string Shorten(const std::string& text, size_t limit) {
     std::string folded;
     for (size_t i = 0; i < text.size();) {
         size_t run = 1;
         while (i + run < text.size() && text[i + run] == text[i]) ++run;
-        if (run > 12)
-            folded += text.substr(i, 4) + "{x" + std::to_string(run) + "}";
-        else
-            folded += text.substr(i, run);
+        folded += run > 12 ? text.substr(i, 4) + "{x" + std::to_string(run) + "}" : text.substr(i, run);
         i += run;
     }
     if (folded.size() <= limit) return folded;
@@ -112,8 +107,7 @@ std::string Describe(const std::string& interface, const std::string& method, GV
         args = printed;
         g_free(printed);
     }
-    std::string prefix = interface == moxtest::kEngineInterface ? "" : interface + ".";
-    return prefix + method + Shorten(args, 600);
+    return (interface == kEngineInterface ? "" : interface + ".") + method + Shorten(args, 600);
 }
 
 class Rng {
@@ -131,30 +125,26 @@ private:
     std::mt19937_64 m_engine;
 };
 
-// One client connection and what came back to it.
+// One client connection and what came back to it. A request awaits its
+// completion signal; only one at a time per client so that a signal tells
+// exactly which request it answers.
 struct Client {
-    ConnectionPtr conn;
+    moxtest::ConnectionPtr conn;
     guint subscription = 0;
     std::vector<guint32> handles;
-    // A request awaiting its completion signal; only one at a time per client
-    // so that a signal tells exactly which request it answers.
     bool busy = false;
-    std::string pendingMethod;
-    std::string pendingCall;
+    std::string pendingMethod, pendingCall;
     Clock::time_point sentAt;
-    size_t signals = 0;
     std::vector<std::string> resultLists;
 };
 
 struct Finding {
-    std::string kind;
-    std::string detail;
+    std::string kind, detail;
 };
 
 class BusFuzzer {
 public:
     BusFuzzer(const Options& options, EngineHarness& h) : m_opt(options), m_h(h), m_rng(options.seed) {}
-
     bool Setup();
     int Run();
 
@@ -164,41 +154,558 @@ private:
         std::vector<std::pair<std::string, std::string>> inArgs;  // name, signature
     };
 
-    // Grammar.
-    std::string Path();
-    std::string Url();
-    std::string ShmName();
-    std::string Text();
-    std::string JsonString(const std::string& raw, double escapeChance = 0.15);
-    std::string JsonInt();
-    std::string JsonValue(int depth);
-    std::string Member(const std::string& name);
-    std::string Document(const std::string& method);
-    std::string FolderDocument();
-    std::string SourceLibrary();
-    guint32 Handle(const Client& client);
-    guint32 Number(const std::string& argName);
-    std::string StringArg(const std::string& method, const std::string& argName);
-    GVariant* Arguments(const MethodInfo& method, const Client& client);
-    GVariant* WrongArguments();
+    // ------------------------------------------------------------ grammar
+    std::string Path() {
+        const std::string root = m_h.UsbRoot();
+        static const std::vector<std::string> kTails = Words(
+            "|/|/photos|/photos/a.jpg|/photos/b.png|/music/song.mp3|/video/clip.mp4|/doc.txt|"
+            "/deep/1/2/3/4/5/6/7/8/leaf.jpg|/dir with spaces|/photos/fifo.jpg|/photos/link_secret.jpg|/link_out|"
+            "/link_out/secret.txt|/magic|/magic/etc|/../../outside/secret.txt|/photos/../../sda1/doc.txt|"
+            "/no/such/file.jpg|/.hidden.jpg|/new_album|/photos/new.jpg|/link_out/dir/planted");
+        switch (m_rng.Range(0, 9)) {
+            case 0: return m_outside + "/secret.txt";
+            case 1:
+                return m_rng.Pick(std::vector<std::string>{root, root + "/", root + "/..", root + "/../outside/dir/x",
+                                                           "/", "", "relative/path", "..", "sda1/doc.txt"});
+            case 2: return m_stick + "/" + std::string(static_cast<size_t>(m_rng.Range(200, 5000)), 'p');
+            case 3: return m_stick + "/fuzz_" + std::to_string(m_rng.Range(0, 20)) + ".txt";
+            case 4: return m_outside + "/dir/planted_" + std::to_string(m_rng.Range(0, 5));
+            default: return m_stick + m_rng.Pick(kTails);
+        }
+    }
 
-    // Driving.
-    void OneCall();
-    void Send(Client* client, const std::string& interface, const std::string& method, GVariant* params, bool tracked);
-    bool Replay();
-    Client* IdleClient();
-    void AddClient();
-    void DropClient(size_t index);
-    void Pump();
-    void ExpirePending(bool final);
-    static void OnSignal(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* name,
-                         GVariant* params, gpointer self);
-    void HandleSignal(GDBusConnection* conn, const std::string& name, GVariant* params);
-    void Remember(const std::string& call);
-    bool CheckAlive(const std::string& lastCall);
-    void ScanOutput(size_t from, const std::string& when);
-    void CheckConfinement();
-    std::string SanitizerExcerpt(const std::string& output) const;
+    std::string Url() {
+        static const std::vector<std::string> kUrls = [] {
+            auto urls = Words(
+                "http://127.0.0.1:1/x.jpg|https://127.0.0.1:1/x.jpg|file:///etc/hostname|ftp://127.0.0.1:1/x|"
+                "gopher://127.0.0.1:1/x|dict://127.0.0.1:1/x|http://|https://[::1");
+            urls.push_back("http://user:pw@127.0.0.1:1/" + std::string(3000, 'u'));
+            return urls;
+        }();
+        return m_rng.Chance(0.2) ? "file://" + m_outside + "/secret.txt" : m_rng.Pick(kUrls);
+    }
+
+    std::string ShmName() {
+        std::vector<std::string> names = Words(
+            "/mox_datablock_0|mox_datablock_1|/mox_resultlist_1|mox_resultlist_2||/|/../../etc/hostname|"
+            "mox_no_such_object");
+        names.push_back("/" + std::string(300, 'm'));
+        for (const auto& client : m_clients)
+            for (const auto& name : client->resultLists) names.push_back(name), names.push_back("/" + name);
+        if (m_rng.Chance(0.3)) {
+            // A client text object: a 32-bit length, then the bytes; sometimes lying.
+            std::string name = "/mox_fuzz_" + std::to_string(getpid()) + "_" + std::to_string(m_ownObjects.size());
+            int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+            if (fd >= 0) {
+                // Never the canary: writing a client's own object is allowed.
+                std::string body = m_rng.Chance(0.1) ? std::string(5000, 'o') : "fuzz content";
+                int32_t length =
+                    m_rng.Chance(0.7)
+                        ? static_cast<int32_t>(body.size())
+                        : static_cast<int32_t>(m_rng.Pick(std::vector<long>{-1, 0, 1 << 30, INT32_MAX, 4096}));
+                (void)!write(fd, &length, sizeof(length));
+                (void)!write(fd, body.data(), body.size());
+                close(fd);
+                m_ownObjects.push_back(name);
+                return name;
+            }
+        }
+        return m_rng.Pick(names);
+    }
+
+    std::string Text() {
+        switch (m_rng.Range(0, 7)) {
+            case 0: return "";
+            case 1:
+                return std::string(static_cast<size_t>(m_rng.Range(1, 64)),
+                                   static_cast<char>('a' + m_rng.Range(0, 25)));
+            case 2: return "%s%s%n%x%p";
+            case 3: return "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbd";
+            case 4:
+                return m_rng.Chance(0.3) ? std::string(static_cast<size_t>(m_rng.Range(1 << 20, 2 << 20)), 'H')
+                                         : std::string(static_cast<size_t>(m_rng.Range(4000, 70000)), 'h');
+            case 5: return Path();
+            case 6: return std::to_string(m_rng.Next());
+            default: return "mox_" + std::to_string(m_rng.Range(0, 99));
+        }
+    }
+
+    // A JSON string literal; sometimes with escapes that decode to invalid
+    // UTF-8 (lone surrogates), NUL or control characters.
+    std::string JsonString(const std::string& raw, double escapeChance = 0.15) {
+        static const std::vector<std::string> kEscapes = Words(
+            "\\ud800|\\udc00|\\ud800\\ud800|\\udbff\\u0041|\\u0000|\\uffff|\\u001b[31m|\\ufffe|\\x41|\\ud83d\\ude00");
+        std::string out = "\"";
+        for (char c : raw) {
+            if (c == '"' || c == '\\') out += '\\';
+            out += c;
+        }
+        if (m_rng.Chance(escapeChance)) {
+            size_t pos = 1 + static_cast<size_t>(m_rng.Range(0, static_cast<long>(out.size()) - 1));
+            // Never inside a multi-byte sequence.
+            while (pos < out.size() && (static_cast<unsigned char>(out[pos]) & 0xC0) == 0x80) ++pos;
+            out.insert(pos, m_rng.Pick(kEscapes));
+        }
+        return out + "\"";
+    }
+
+    std::string JsonInt() {
+        static const std::vector<std::string> kInts = Words(
+            "0|1|2|3|-1|5|15|7|2147483647|-2147483648|2147483648|4294967295|9223372036854775807|"
+            "18446744073709551616|1e308|-1e400|1.5|-0|0x10|1024|100000000");
+        return m_rng.Chance(0.5) ? std::to_string(m_rng.Range(-2, 40)) : m_rng.Pick(kInts);
+    }
+
+    std::string JsonValue(int depth) {
+        switch (m_rng.Range(0, depth > 3 ? 4 : 6)) {
+            case 0: return JsonInt();
+            case 1: return JsonString(Text());
+            case 2: return m_rng.Chance(0.5) ? "true" : "false";
+            case 3: return "null";
+            case 4: {
+                size_t n = static_cast<size_t>(m_rng.Range(1, 3000));
+                return std::string(n, '[') + std::string(n, ']');
+            }
+            case 5: {
+                std::string out = "[";
+                for (long i = 0, n = m_rng.Range(0, 4); i < n; ++i) out += (i ? "," : "") + JsonValue(depth + 1);
+                return out + "]";
+            }
+            default: {
+                std::string out = "{";
+                for (long i = 0, n = m_rng.Range(0, 3); i < n; ++i)
+                    out += (i ? "," : "") + JsonString(Text().substr(0, 40)) + ":" + JsonValue(depth + 1);
+                return out + "}";
+            }
+        }
+    }
+
+    std::string SourceLibrary() {
+        static const std::vector<std::string> kLibs = Words(
+            "libmox_local_source.so|libmox_ra_source.so|libmox_test_source.so|libmox_uhd_provider.so|libnope.so|"
+            "../libmox_local_source.so|/usr/lib/x86_64-linux-gnu/libc.so.6|libc.so.6|lib.so||"
+            "libmox_local_source.so\xc3\xa9");
+        return m_rng.Chance(0.9) ? m_rng.Pick(kLibs) : Text();
+    }
+
+    // A member with a value of its own type most of the time, any type otherwise.
+    std::string Member(const std::string& name) {
+        static const auto kSources =
+            Words("mox_local_source|mox_ra_source|mox_test_source|mox_test_source2|mox_example_source|nope|");
+        static const auto kCommands = Words(
+            "mox_requestlist|mox_requestdetail|mox_requestmeta|mox_uploadcomment|mox_setlike|mox_file_transfer|"
+            "mox_create_album");
+        static const auto kSortKeys = Words("FileName|FileSize|FileTime|Title|Nope");
+        static const auto kMisbehave = Words("count_mismatch|overrun|huge_range|offset|throw");
+        static const std::set<std::string> kPaths = {"mox_folder_path", "FilePath", "mox_transfer_dst",
+                                                     "mox_album_path", "FOLDER_PATH"};
+        std::string value;
+        if (m_rng.Chance(0.2)) {
+            value = JsonValue(0);
+        } else if (name == "mox_command") {
+            value = JsonString(m_rng.Pick(kCommands));
+        } else if (name == "mox_source") {
+            if (m_rng.Chance(0.5)) {
+                value = JsonString(m_rng.Pick(kSources));
+            } else {
+                value = "[";
+                for (long i = 0, n = m_rng.Range(0, m_rng.Chance(0.05) ? 200 : 3); i < n; ++i)
+                    value += (i ? "," : "") + JsonString(m_rng.Pick(kSources));
+                value += "]";
+            }
+        } else if (kPaths.count(name)) {
+            value = JsonString(Path());
+        } else if (name == "mox_transfer_src") {
+            value = JsonString(m_rng.Chance(0.7) ? Path() : Url());
+        } else if (name == "SortedKey") {
+            value = JsonString(m_rng.Pick(kSortKeys));
+        } else if (name == "test_misbehave") {
+            value = JsonString(m_rng.Pick(kMisbehave));
+        } else if (name == "test_delay_ms") {
+            value = std::to_string(m_rng.Range(0, 1500));
+        } else if (name == "mox_transfer_overwrite" || name == "mox_file_transfer_stop") {
+            value = m_rng.Chance(0.5) ? "true" : "false";
+        } else if (name == "mox_transfer_id" || name == "FOLDER_ID" || name.find("times") != std::string::npos ||
+                   name == "mox_accesstoken" || name == "mox_uuid") {
+            value = JsonString(m_rng.Chance(0.6) ? "id" + std::to_string(m_rng.Range(0, 5)) : Text());
+        } else {
+            value = JsonInt();
+        }
+        return JsonString(name, 0.02) + ":" + value;
+    }
+
+    std::string Document(const std::string& method) {
+        static const std::map<std::string, std::vector<std::string>> kMembers = {
+            {"mox_requestlist",
+             Words("mox_source|mox_sectionindex|SortedType|SortedKey|mox_folder_path|mox_media_type|mox_start_index|"
+                   "mox_end_index|test_item_count|test_misbehave|test_delay_ms|test_error")},
+            {"mox_requestdetail",
+             Words("mox_source|FilePath|mox_detail_request_times|test_misbehave|test_delay_ms|test_error")},
+            {"mox_requestmeta", Words("mox_source|mox_uhd_request_param|mox_uuid|mox_version")},
+            {"mox_file_transfer",
+             Words("mox_source|mox_transfer_id|mox_transfer_src|mox_transfer_dst|mox_transfer_overwrite|"
+                   "mox_file_transfer_stop|mox_act_request_times")},
+            {"mox_create_album", Words("mox_source|mox_album_path|mox_act_request_times")},
+            {"mox_setlike", Words("mox_source|mox_accesstoken|mox_act_request_times")},
+            {"mox_uploadcomment", Words("mox_source|mox_accesstoken|mox_act_request_times")},
+        };
+        static const auto kCommon =
+            Words("mox_countryid|mox_langid|mox_accesstoken|mox_uuid|mox_version|OPERATION_TYPE|mox_handle_id");
+        static const std::map<std::string, std::string> kOwnKind = {{"get_partial_list", "mox_requestlist"},
+                                                                    {"request_detail", "mox_requestdetail"},
+                                                                    {"request_metadata", "mox_requestmeta"}};
+        // The method's own kind half of the time; any kind (or none) otherwise.
+        std::string kind;
+        if (m_rng.Chance(0.5)) {
+            auto own = kOwnKind.find(method);
+            kind = own != kOwnKind.end() ? own->second : m_rng.Chance(0.7) ? "mox_file_transfer" : "mox_create_album";
+        } else {
+            kind = std::next(kMembers.begin(), m_rng.Range(0, static_cast<long>(kMembers.size()) - 1))->first;
+        }
+        std::string doc;
+        auto add = [&doc](const std::string& member) { doc += (doc.empty() ? "" : ",") + member; };
+        if (m_rng.Chance(0.93))
+            add(JsonString("mox_command", 0.02) + ":" + (m_rng.Chance(0.9) ? JsonString(kind, 0.05) : JsonValue(0)));
+        if (kind == "mox_file_transfer" || kind == "mox_create_album" || kind == "mox_setlike" ||
+            kind == "mox_uploadcomment")
+            if (m_rng.Chance(0.8)) add(JsonString("mox_source") + ":" + JsonString("mox_ra_source"));
+        for (const auto& member : kMembers.at(kind))
+            if (m_rng.Chance(0.7)) add(Member(member));
+        for (long i = 0, n = m_rng.Range(0, 2); i < n; ++i) add(Member(m_rng.Pick(kCommon)));
+        if (m_rng.Chance(0.05)) add(Member("mox_command"));  // a duplicate key
+        doc = "{" + doc + "}";
+        if (m_rng.Chance(0.08)) {
+            switch (m_rng.Range(0, 3)) {
+                case 0: doc.resize(static_cast<size_t>(m_rng.Range(0, static_cast<long>(doc.size())))); break;
+                case 1: doc += m_rng.Chance(0.5) ? "garbage" : "}}"; break;
+                case 2: doc[static_cast<size_t>(m_rng.Range(0, static_cast<long>(doc.size()) - 1))] = '"'; break;
+                default: doc = "\xef\xbb\xbf/*c*/" + doc; break;
+            }
+        }
+        if (!g_utf8_validate(doc.data(), static_cast<gssize>(doc.size()), nullptr)) {
+            gchar* valid = g_utf8_make_valid(doc.data(), static_cast<gssize>(doc.size()));
+            doc = valid;
+            g_free(valid);
+        }
+        return doc;
+    }
+
+    std::string FolderDocument() {
+        std::string doc = "{";
+        if (m_rng.Chance(0.9))
+            doc += "\"OPERATION_TYPE\":" + (m_rng.Chance(0.8) ? std::to_string(m_rng.Range(-1, 2)) : JsonValue(0));
+        doc += std::string(doc.size() > 1 ? "," : "") + Member("FOLDER_PATH");
+        if (m_rng.Chance(0.7)) doc += "," + Member("FOLDER_ID");
+        return doc + "}";
+    }
+
+    guint32 Handle(const Client& client) {
+        long choice = m_rng.Range(0, 19);
+        if (choice < 12 && !client.handles.empty()) return m_rng.Pick(client.handles);
+        if (choice < 15) {
+            const Client& other =
+                *m_clients[static_cast<size_t>(m_rng.Range(0, static_cast<long>(m_clients.size()) - 1))];
+            if (!other.handles.empty()) return m_rng.Pick(other.handles);
+        }
+        if (choice < 17) return static_cast<guint32>(m_rng.Range(0, 8));
+        if (choice < 18) return 4294967295u;
+        return static_cast<guint32>(m_rng.Next());
+    }
+
+    guint32 Number(const std::string& argName) {
+        if (argName == "scanner_id" && !m_scannerIds.empty() && m_rng.Chance(0.7)) return m_rng.Pick(m_scannerIds);
+        if (argName == "client_pid")
+            return m_rng.Chance(0.5) ? static_cast<guint32>(getpid()) : static_cast<guint32>(m_rng.Next());
+        static const std::vector<guint32> kNumbers = {0,    1,     2,           3,           4,          1024,
+                                                      1025, 65535, 2147483647u, 2147483648u, 4294967295u};
+        return m_rng.Chance(0.7) ? m_rng.Pick(kNumbers) : static_cast<guint32>(m_rng.Next());
+    }
+
+    std::string StringArg(const std::string& method, const std::string& argName) {
+        static const auto kCategories =
+            Words("CONTENT-IMAGE|CONTENT-VIDEO|CONTENT-MUSIC|CONTENT-UHD|CONTENT-PVR|CONTENT-PVR-X|ALL|");
+        if (m_rng.Chance(0.05)) return Text();
+        if (argName == "source_name") return SourceLibrary();
+        if (method == "check_folder_path") return FolderDocument();
+        if (argName == "command" || argName == "request" || (argName == "param" && method != "start_scanner"))
+            return Document(method);
+        if (argName == "file_path" || argName == "folder_path" || argName == "param") return Path();
+        if (argName == "shm_name" || argName == "result_list_name" || argName == "selection_list_block_name")
+            return ShmName();
+        if (argName == "scanner_kind")
+            return m_rng.Chance(0.8) ? (m_rng.Chance(0.8) ? "check_device" : "scan_folder") : Text();
+        if (argName == "content_category") return m_rng.Pick(kCategories);
+        return Text();
+    }
+
+    GVariant* Arguments(const MethodInfo& method, const Client& client) {
+        GVariantBuilder builder;
+        g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
+        for (const auto& [name, signature] : method.inArgs) {
+            GVariant* value = nullptr;
+            if (signature == "s") {
+                value = g_variant_new_string(StringArg(method.name, name).c_str());
+            } else if (signature == "u") {
+                value = g_variant_new_uint32(name == "handle_id" ? Handle(client) : Number(name));
+            } else if (signature == "b") {
+                value = g_variant_new_boolean(m_rng.Chance(0.5));
+            } else {
+                // A type this generator does not know: its zero value keeps the call well formed.
+                GVariantType* type = g_variant_type_new(signature.c_str());
+                value = g_variant_new_maybe(type, nullptr);
+                g_variant_type_free(type);
+            }
+            g_variant_builder_add_value(&builder, value);
+        }
+        return g_variant_builder_end(&builder);
+    }
+
+    GVariant* WrongArguments() {
+        GVariantBuilder builder;
+        g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
+        static const char* const kStrv[] = {"a", "b", nullptr};
+        for (long i = 0, n = m_rng.Range(0, 5); i < n; ++i) {
+            GVariant* value = nullptr;
+            switch (m_rng.Range(0, 5)) {
+                case 0: value = g_variant_new_string(Text().c_str()); break;
+                case 1: value = g_variant_new_uint32(static_cast<guint32>(m_rng.Next())); break;
+                case 2: value = g_variant_new_int64(static_cast<gint64>(m_rng.Next())); break;
+                case 3: value = g_variant_new_boolean(TRUE); break;
+                case 4: value = g_variant_new_variant(g_variant_new_string(Document("request_act").c_str())); break;
+                default: value = g_variant_new_strv(kStrv, -1); break;
+            }
+            g_variant_builder_add_value(&builder, value);
+        }
+        return g_variant_builder_end(&builder);
+    }
+
+    // ------------------------------------------------------------ driving
+    void AddClient() {
+        auto client = std::make_unique<Client>();
+        client->conn = m_h.Connect();
+        client->subscription = g_dbus_connection_signal_subscribe(client->conn.get(), nullptr, kEngineInterface,
+                                                                  nullptr, moxtest::kEnginePath, nullptr,
+                                                                  G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, this, nullptr);
+        m_clients.push_back(std::move(client));
+    }
+
+    void DropClient(size_t index) {
+        Client& client = *m_clients[index];
+        g_dbus_connection_signal_unsubscribe(client.conn.get(), client.subscription);
+        g_dbus_connection_close_sync(client.conn.get(), nullptr, nullptr);
+        m_clients.erase(m_clients.begin() + static_cast<long>(index));
+    }
+
+    static void OnSignal(GDBusConnection* conn, const gchar*, const gchar*, const gchar*, const gchar* name,
+                         GVariant* params, gpointer self) {
+        static_cast<BusFuzzer*>(self)->HandleSignal(conn, name, params);
+    }
+
+    void HandleSignal(GDBusConnection* conn, const std::string& name, GVariant* params) {
+        Client* client = nullptr;
+        for (auto& c : m_clients)
+            if (c->conn.get() == conn) client = c.get();
+        if (!client || name == "mox_usb_notification") return;
+        std::string text;
+        if (g_variant_n_children(params) > 0) {
+            GVariantPtr first(g_variant_get_child_value(params, 0));
+            if (g_variant_is_of_type(first.get(), G_VARIANT_TYPE_STRING))
+                text = g_variant_get_string(first.get(), nullptr);
+        }
+        // Result-list names seen on the bus become object names for later calls.
+        for (size_t pos = text.find("mox_resultlist_"); pos != std::string::npos;
+             pos = text.find("mox_resultlist_", pos + 1)) {
+            size_t end = pos + 15;
+            while (end < text.size() && (isdigit(static_cast<unsigned char>(text[end])) || text[end] == '_')) ++end;
+            if (client->resultLists.size() < 32) client->resultLists.push_back(text.substr(pos, end - pos));
+        }
+        if (client->busy) {
+            client->busy = false;
+            ++m_answered;
+        }
+    }
+
+    // Requests still waiting past the answer timeout are silent: counted, sampled,
+    // and their client replaced so that a late signal cannot answer another request.
+    void ExpirePending(bool final) {
+        auto now = Clock::now();
+        for (size_t i = m_clients.size(); i-- > 0;) {
+            Client& c = *m_clients[i];
+            if (!c.busy || (!final && now - c.sentAt < std::chrono::milliseconds(m_opt.answerTimeoutMs))) continue;
+            ++m_silent;
+            // A few samples of each method, so that a rare one is not crowded out.
+            if (++m_silentByMethod[c.pendingMethod] <= 3) m_silentSamples.push_back(c.pendingCall);
+            DropClient(i);
+        }
+    }
+
+    Client* IdleClient() {
+        std::vector<Client*> idle;
+        for (auto& c : m_clients)
+            if (!c->busy) idle.push_back(c.get());
+        if (!idle.empty() && (m_clients.size() >= kMaxConnections || m_rng.Chance(0.9))) return m_rng.Pick(idle);
+        if (m_clients.size() >= kMaxConnections) return nullptr;
+        AddClient();
+        return m_clients.back().get();
+    }
+
+    std::string SanitizerExcerpt(const std::string& output) const {
+        static const char* const kMarkers[] = {"ERROR: AddressSanitizer",
+                                               "ERROR: LeakSanitizer",
+                                               "runtime error:",
+                                               "-CRITICAL **",
+                                               "Assertion",
+                                               "assertion",
+                                               "ERROR: ThreadSanitizer",
+                                               "terminate called",
+                                               "MOX_ASSERT"};
+        size_t first = std::string::npos;
+        for (const char* marker : kMarkers) first = std::min(first, output.find(marker));
+        if (first == std::string::npos) return "";
+        size_t start = output.rfind('\n', first);
+        // The report head and its first frames are what tells the others where to look.
+        std::string excerpt;
+        size_t pos = start == std::string::npos ? 0 : start + 1;
+        for (int lines = 0; lines < 40 && pos < output.size(); ++lines) {
+            size_t end = std::min(output.find('\n', pos), output.size());
+            excerpt += output.substr(pos, std::min<size_t>(end - pos, 300)) + "\n";
+            pos = end + 1;
+        }
+        return excerpt;
+    }
+
+    bool CheckAlive(const std::string& lastCall) {
+        if (m_h.Running()) return true;
+        std::string recent;
+        for (const auto& call : m_lastCalls) recent += "    " + call + "\n";
+        std::string output = m_h.Output();
+        std::string excerpt = SanitizerExcerpt(output.substr(std::min(m_outputOffset, output.size())));
+        m_findings.push_back({"daemon died", "last call: " + lastCall + "\n  recent calls (oldest first):\n" + recent +
+                                                 (excerpt.empty() ? "  (no report in its output)\n" : excerpt)});
+        fprintf(stderr, "bus_fuzz: the daemon died after call %zu: %s\n", m_calls, lastCall.c_str());
+        m_dead = true;
+        ++m_deaths;
+        for (auto& client : m_clients)
+            if (client->busy) client->busy = false, ++m_lost;
+        if (!m_opt.restart) return false;
+        while (!m_clients.empty()) DropClient(m_clients.size() - 1);
+        m_outputOffset = m_h.Output().size();
+        if (!m_h.Start()) return false;
+        ++m_restarts;
+        m_dead = false;
+        return true;
+    }
+
+    void OneCall() {
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
+        ExpirePending(false);
+        std::string interface = kEngineInterface, method;
+        GVariant* params = nullptr;
+        bool tracked = false;
+        long kind = m_rng.Range(0, 99);
+        const MethodInfo& info = m_rng.Pick(m_methods);
+        Client* client = IdleClient();
+        if (!client) {
+            // Every client waits for an answer: let time pass instead of a call.
+            g_usleep(20 * 1000);
+            return;
+        }
+        if (kind < 85) {
+            method = info.name;
+            params = Arguments(info, *client);
+            tracked = kRequests.count(method) > 0;
+        } else if (kind < 91) {
+            method = info.name;
+            params = WrongArguments();
+        } else if (kind < 96) {
+            method = m_rng.Chance(0.5) ? "x" + std::to_string(m_rng.Next() % 1000) : info.name + "_";
+            params = WrongArguments();
+        } else {
+            static const std::vector<std::pair<std::string, std::string>> kOther = {
+                {"org.freedesktop.DBus.Introspectable", "Introspect"},
+                {"org.freedesktop.DBus.Properties", "GetAll"},
+                {"org.freedesktop.DBus.Peer", "Ping"},
+                {"com.orvia.mox.engine.Other", "start_server"}};
+            std::tie(interface, method) = m_rng.Pick(kOther);
+            params = method == "GetAll" ? g_variant_new("(s)", kEngineInterface) : nullptr;
+        }
+        Send(client, interface, method, params, tracked);
+    }
+
+    // Makes one call on `client` (params floating or null) and books what it
+    // started; a tracked request keeps the client busy until a signal answers it.
+    void Send(Client* client, const std::string& interface, const std::string& method, GVariant* params, bool tracked) {
+        GVariantPtr paramsOwner(params ? g_variant_ref_sink(params) : nullptr);
+        std::string call = Describe(interface, method, params);
+        m_lastCalls.push_back(call);
+        if (m_lastCalls.size() > 24) m_lastCalls.pop_front();
+        if (m_opt.verbose) fprintf(stderr, "call %zu: %s\n", m_calls, call.c_str());
+        ++m_calls;
+        ++m_callsByMethod[method];
+        if (tracked) {
+            client->busy = true;
+            client->pendingMethod = method;
+            client->pendingCall = call;
+            client->sentAt = Clock::now();
+        }
+        GError* error = nullptr;
+        auto started = Clock::now();
+        GVariantPtr reply(g_dbus_connection_call_sync(client->conn.get(), moxtest::kEngineName, moxtest::kEnginePath,
+                                                      interface.c_str(), method.c_str(), params, nullptr,
+                                                      G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, &error));
+        if (error) {
+            gchar* remote = g_dbus_error_get_remote_error(error);
+            // A recipient that left without replying died; one that is still there stalls.
+            bool gone = strstr(error->message, "disconnected") != nullptr;
+            bool timedOut = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
+                            (remote && strcmp(remote, "org.freedesktop.DBus.Error.NoReply") == 0 && !gone);
+            g_free(remote);
+            if (!timedOut && gone) {
+                auto until = Clock::now() + std::chrono::seconds(10);
+                while (m_h.Running() && Clock::now() < until) g_usleep(20 * 1000);
+            }
+            if (timedOut && m_h.Running()) {
+                auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
+                m_findings.push_back({"no reply (main loop blocked?)",
+                                      call + " (after " + std::to_string(ms) + " ms: " + error->message + ")"});
+            }
+            g_error_free(error);
+            // A refused call is an answer; a tracked request refused by the bus needs no signal.
+            if (tracked && client->busy) {
+                client->busy = false;
+                ++m_answered;
+            }
+        } else if (reply && interface == kEngineInterface) {
+            if (method == "connect" && g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(u)"))) {
+                guint32 handle = 0;
+                g_variant_get(reply.get(), "(u)", &handle);
+                if (handle != 4294967295u && client->handles.size() < 16) client->handles.push_back(handle);
+            } else if (method == "start_scanner" && g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(bu)"))) {
+                gboolean ok = FALSE;
+                guint32 id = 0;
+                g_variant_get(reply.get(), "(bu)", &ok, &id);
+                if (ok && m_scannerIds.size() < 64) m_scannerIds.push_back(id);
+            }
+        }
+        CheckAlive(call);
+    }
+
+    void CheckConfinement() {
+        if (moxtest::ReadTextFile(m_outside + "/secret.txt") != std::string(kCanary) + "\n")
+            m_findings.push_back({"file outside the USB root changed or removed", m_outside + "/secret.txt"});
+        std::error_code ec;
+        for (const auto& entry : fs::recursive_directory_iterator(m_outside, ec))
+            if (!m_outsideBefore.count(entry.path()))
+                m_findings.push_back({"file created outside the USB root", entry.path().string()});
+        // The secret must not have been copied in (a transfer, a write or a link followed).
+        for (auto it = fs::recursive_directory_iterator(m_h.UsbRoot(), ec);
+             !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+            if (it->is_symlink() || !it->is_regular_file(ec) || it->file_size(ec) > 4096) continue;
+            if (moxtest::ReadTextFile(it->path()).find(kCanary) != std::string::npos)
+                m_findings.push_back({"outside file copied into the USB root", it->path().string()});
+        }
+    }
 
     const Options& m_opt;
     EngineHarness& m_h;
@@ -209,43 +716,28 @@ private:
     std::vector<std::string> m_ownObjects;
     std::deque<std::string> m_lastCalls;
     std::vector<Finding> m_findings;
-    std::map<std::string, size_t> m_callsByMethod;
-    std::map<std::string, size_t> m_silentByMethod;
+    std::map<std::string, size_t> m_callsByMethod, m_silentByMethod;
     std::vector<std::string> m_silentSamples;
-    size_t m_calls = 0;
-    size_t m_skipped = 0;
-    size_t m_silent = 0;
+    size_t m_calls = 0, m_silent = 0, m_answered = 0, m_restarts = 0, m_outputOffset = 0, m_deaths = 0;
     size_t m_lost = 0;  // pending when the daemon died: neither answered nor silent
-    size_t m_answered = 0;
-    size_t m_restarts = 0;
-    size_t m_outputOffset = 0;
-    std::string m_stick;
-    std::string m_outside;
-    std::set<std::string> m_outsideBefore;
-    std::set<std::string> m_shmBefore;
-    size_t m_deaths = 0;
+    std::string m_stick, m_outside;
+    std::set<std::string> m_outsideBefore, m_shmBefore;
     bool m_dead = false;
 };
-
-// ---------------------------------------------------------------- set-up
 
 bool BusFuzzer::Setup() {
     gchar* xml = nullptr;
     GError* error = nullptr;
-    if (!g_file_get_contents(MOX_DBUS_XML, &xml, nullptr, &error)) {
-        fprintf(stderr, "bus_fuzz: cannot read %s: %s\n", MOX_DBUS_XML, error->message);
-        g_error_free(error);
-        return false;
-    }
-    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml, &error);
+    GDBusNodeInfo* node = nullptr;
+    if (g_file_get_contents(MOX_DBUS_XML, &xml, nullptr, &error)) node = g_dbus_node_info_new_for_xml(xml, &error);
     g_free(xml);
     if (!node) {
-        fprintf(stderr, "bus_fuzz: bad introspection XML: %s\n", error->message);
+        fprintf(stderr, "bus_fuzz: cannot read the introspection XML %s: %s\n", MOX_DBUS_XML, error->message);
         g_error_free(error);
         return false;
     }
     for (GDBusInterfaceInfo** iface = node->interfaces; iface && *iface; ++iface) {
-        if (std::string((*iface)->name) != moxtest::kEngineInterface) continue;
+        if (std::string((*iface)->name) != kEngineInterface) continue;
         for (GDBusMethodInfo** m = (*iface)->methods; m && *m; ++m) {
             MethodInfo info{(*m)->name, {}};
             for (GDBusArgInfo** a = (*m)->in_args; a && *a; ++a) info.inArgs.emplace_back((*a)->name, (*a)->signature);
@@ -254,25 +746,24 @@ bool BusFuzzer::Setup() {
     }
     g_dbus_node_info_unref(node);
     if (m_methods.empty()) {
-        fprintf(stderr, "bus_fuzz: no methods of %s in the XML\n", moxtest::kEngineInterface);
+        fprintf(stderr, "bus_fuzz: no methods of %s in the XML\n", kEngineInterface);
         return false;
     }
-
     for (const char* so : {MOX_LOCAL_SOURCE_SO, MOX_RA_SOURCE_SO, MOX_TEST_SOURCE_SO, MOX_UHD_PROVIDER_SO})
         m_h.InstallPlugin(so);
 
     // Outside the USB root: a secret the daemon must neither read, change nor
     // remove for a client, and a directory where nothing may appear.
     m_outside = m_h.Path("outside");
-    WriteTextFile(m_outside + "/secret.txt", std::string(kCanary) + "\n");
+    moxtest::WriteTextFile(m_outside + "/secret.txt", std::string(kCanary) + "\n");
     fs::create_directories(m_outside + "/dir");
     chmod((m_outside + "/secret.txt").c_str(), 0600);
 
     // One mounted stick with media, folders, links out, a FIFO and odd names.
     m_stick = m_h.Plug("sda1");
-    for (const char* name : {"photos/a.jpg", "photos/b.png", "music/song.mp3", "video/clip.mp4", "doc.txt",
-                             "deep/1/2/3/4/5/6/7/8/leaf.jpg", "dir with spaces/\xc3\xa9t\xc3\xa9.jpg", ".hidden.jpg"})
-        WriteTextFile(m_stick + "/" + name, "not really media\n");
+    for (const auto& name : Words("photos/a.jpg|photos/b.png|music/song.mp3|video/clip.mp4|doc.txt|"
+                                  "deep/1/2/3/4/5/6/7/8/leaf.jpg|dir with spaces/\xc3\xa9t\xc3\xa9.jpg|.hidden.jpg"))
+        moxtest::WriteTextFile(m_stick + "/" + name, "not really media\n");
     symlink(m_outside.c_str(), (m_stick + "/link_out").c_str());
     symlink((m_outside + "/secret.txt").c_str(), (m_stick + "/photos/link_secret.jpg").c_str());
     symlink("/proc/self/root", (m_stick + "/magic").c_str());
@@ -283,706 +774,6 @@ bool BusFuzzer::Setup() {
     return true;
 }
 
-// ---------------------------------------------------------------- grammar
-
-std::string BusFuzzer::Path() {
-    const std::string root = m_h.UsbRoot();
-    static const std::vector<std::string> kTails = {"",
-                                                    "/",
-                                                    "/photos",
-                                                    "/photos/a.jpg",
-                                                    "/photos/b.png",
-                                                    "/music/song.mp3",
-                                                    "/video/clip.mp4",
-                                                    "/doc.txt",
-                                                    "/deep/1/2/3/4/5/6/7/8/leaf.jpg",
-                                                    "/dir with spaces",
-                                                    "/photos/fifo.jpg",
-                                                    "/photos/link_secret.jpg",
-                                                    "/link_out",
-                                                    "/link_out/secret.txt",
-                                                    "/magic",
-                                                    "/magic/etc",
-                                                    "/../../outside/secret.txt",
-                                                    "/photos/../../sda1/doc.txt",
-                                                    "/no/such/file.jpg",
-                                                    "/.hidden.jpg",
-                                                    "/new_album",
-                                                    "/photos/new.jpg",
-                                                    "/link_out/dir/planted"};
-    switch (m_rng.Range(0, 9)) {
-        case 0: return m_outside + "/secret.txt";
-        case 1:
-            return m_rng.Pick(std::vector<std::string>{root, root + "/", root + "/..", root + "/../outside/dir/x", "/",
-                                                       "", "relative/path", "..", "sda1/doc.txt"});
-        case 2: return m_stick + "/" + std::string(static_cast<size_t>(m_rng.Range(200, 5000)), 'p');
-        case 3: return m_stick + "/fuzz_" + std::to_string(m_rng.Range(0, 20)) + ".txt";
-        case 4: return m_outside + "/dir/planted_" + std::to_string(m_rng.Range(0, 5));
-        default: return m_stick + m_rng.Pick(kTails);
-    }
-}
-
-std::string BusFuzzer::Url() {
-    static const std::vector<std::string> kUrls = {"http://127.0.0.1:1/x.jpg",
-                                                   "https://127.0.0.1:1/x.jpg",
-                                                   "file://" + std::string("/etc/hostname"),
-                                                   "ftp://127.0.0.1:1/x",
-                                                   "gopher://127.0.0.1:1/x",
-                                                   "dict://127.0.0.1:1/x",
-                                                   "http://",
-                                                   "https://[::1",
-                                                   "http://user:pw@127.0.0.1:1/" + std::string(3000, 'u')};
-    return m_rng.Chance(0.2) ? "file://" + m_outside + "/secret.txt" : m_rng.Pick(kUrls);
-}
-
-std::string BusFuzzer::ShmName() {
-    std::vector<std::string> names = {
-        "/mox_datablock_0",    "mox_datablock_1",    "/mox_resultlist_1",        "mox_resultlist_2", "", "/",
-        "/../../etc/hostname", "mox_no_such_object", "/" + std::string(300, 'm')};
-    for (const auto& client : m_clients)
-        for (const auto& name : client->resultLists) names.push_back(name), names.push_back("/" + name);
-    if (m_rng.Chance(0.3)) {
-        // A client text object: a 32-bit length, then the bytes; sometimes lying.
-        std::string name = "/mox_fuzz_" + std::to_string(getpid()) + "_" + std::to_string(m_ownObjects.size());
-        int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
-        if (fd >= 0) {
-            // Never the canary: writing a client's own object is allowed.
-            std::string body = m_rng.Chance(0.1) ? std::string(5000, 'o') : "fuzz content";
-            int32_t length = m_rng.Chance(0.7)
-                                 ? static_cast<int32_t>(body.size())
-                                 : static_cast<int32_t>(m_rng.Pick(std::vector<long>{-1, 0, 1 << 30, INT32_MAX, 4096}));
-            (void)!write(fd, &length, sizeof(length));
-            (void)!write(fd, body.data(), body.size());
-            close(fd);
-            m_ownObjects.push_back(name);
-            return name;
-        }
-    }
-    return m_rng.Pick(names);
-}
-
-std::string BusFuzzer::Text() {
-    switch (m_rng.Range(0, 7)) {
-        case 0: return "";
-        case 1:
-            return std::string(static_cast<size_t>(m_rng.Range(1, 64)), static_cast<char>('a' + m_rng.Range(0, 25)));
-        case 2: return "%s%s%n%x%p";
-        case 3: return "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbd";
-        case 4:
-            return m_rng.Chance(0.3) ? std::string(static_cast<size_t>(m_rng.Range(1 << 20, 2 << 20)), 'H')
-                                     : std::string(static_cast<size_t>(m_rng.Range(4000, 70000)), 'h');
-        case 5: return Path();
-        case 6: return std::to_string(m_rng.Next());
-        default: return "mox_" + std::to_string(m_rng.Range(0, 99));
-    }
-}
-
-// A JSON string literal; sometimes with escapes that decode to invalid UTF-8
-// (lone surrogates), NUL or control characters.
-std::string BusFuzzer::JsonString(const std::string& raw, double escapeChance) {
-    std::string out = "\"";
-    for (char c : raw) {
-        if (c == '"' || c == '\\') out += '\\';
-        out += c;
-    }
-    if (m_rng.Chance(escapeChance)) {
-        static const std::vector<std::string> kEscapes = {
-            "\\ud800", "\\udc00",     "\\ud800\\ud800", "\\udbff\\u0041", "\\u0000",
-            "\\uffff", "\\u001b[31m", "\\ufffe",        "\\x41",          "\\ud83d\\ude00"};
-        size_t pos = 1 + static_cast<size_t>(m_rng.Range(0, static_cast<long>(out.size()) - 1));
-        // Never inside a multi-byte sequence.
-        while (pos < out.size() && (static_cast<unsigned char>(out[pos]) & 0xC0) == 0x80) ++pos;
-        out.insert(pos, m_rng.Pick(kEscapes));
-    }
-    return out + "\"";
-}
-
-std::string BusFuzzer::JsonInt() {
-    static const std::vector<std::string> kInts = {"0",
-                                                   "1",
-                                                   "2",
-                                                   "3",
-                                                   "-1",
-                                                   "5",
-                                                   "15",
-                                                   "7",
-                                                   "2147483647",
-                                                   "-2147483648",
-                                                   "2147483648",
-                                                   "4294967295",
-                                                   "9223372036854775807",
-                                                   "18446744073709551616",
-                                                   "1e308",
-                                                   "-1e400",
-                                                   "1.5",
-                                                   "-0",
-                                                   "0x10",
-                                                   "1024",
-                                                   "100000000"};
-    return m_rng.Chance(0.5) ? std::to_string(m_rng.Range(-2, 40)) : m_rng.Pick(kInts);
-}
-
-std::string BusFuzzer::JsonValue(int depth) {
-    switch (m_rng.Range(0, depth > 3 ? 4 : 6)) {
-        case 0: return JsonInt();
-        case 1: return JsonString(Text());
-        case 2: return m_rng.Chance(0.5) ? "true" : "false";
-        case 3: return "null";
-        case 4: {
-            long n = m_rng.Range(1, 3000);
-            return std::string(static_cast<size_t>(n), '[') + std::string(static_cast<size_t>(n), ']');
-        }
-        case 5: {
-            std::string out = "[";
-            for (long i = 0, n = m_rng.Range(0, 4); i < n; ++i) out += (i ? "," : "") + JsonValue(depth + 1);
-            return out + "]";
-        }
-        default: {
-            std::string out = "{";
-            for (long i = 0, n = m_rng.Range(0, 3); i < n; ++i)
-                out += (i ? "," : "") + JsonString(Text().substr(0, 40)) + ":" + JsonValue(depth + 1);
-            return out + "}";
-        }
-    }
-}
-
-std::string BusFuzzer::SourceLibrary() {
-    static const std::vector<std::string> kLibs = {"libmox_local_source.so",
-                                                   "libmox_ra_source.so",
-                                                   "libmox_test_source.so",
-                                                   "libmox_uhd_provider.so",
-                                                   "libnope.so",
-                                                   "../libmox_local_source.so",
-                                                   "/usr/lib/x86_64-linux-gnu/libc.so.6",
-                                                   "libc.so.6",
-                                                   "lib.so",
-                                                   "",
-                                                   "libmox_local_source.so\xc3\xa9"};
-    return m_rng.Chance(0.9) ? m_rng.Pick(kLibs) : Text();
-}
-
-// A member with a value of its own type most of the time, any type otherwise.
-std::string BusFuzzer::Member(const std::string& name) {
-    static const std::vector<std::string> kSources = {
-        "mox_local_source", "mox_ra_source", "mox_test_source", "mox_test_source2", "mox_example_source", "nope", ""};
-    static const std::set<std::string> kPaths = {"mox_folder_path", "FilePath", "mox_transfer_dst", "mox_album_path",
-                                                 "FOLDER_PATH"};
-    std::string value;
-    if (m_rng.Chance(0.2)) {
-        value = JsonValue(0);
-    } else if (name == "mox_command") {
-        value = JsonString(m_rng.Pick(std::vector<std::string>{"mox_requestlist", "mox_requestdetail",
-                                                               "mox_requestmeta", "mox_uploadcomment", "mox_setlike",
-                                                               "mox_file_transfer", "mox_create_album"}));
-    } else if (name == "mox_source") {
-        if (m_rng.Chance(0.5)) {
-            value = JsonString(m_rng.Pick(kSources));
-        } else {
-            value = "[";
-            for (long i = 0, n = m_rng.Range(0, m_rng.Chance(0.05) ? 200 : 3); i < n; ++i)
-                value += (i ? "," : "") + JsonString(m_rng.Pick(kSources));
-            value += "]";
-        }
-    } else if (kPaths.count(name)) {
-        value = JsonString(Path());
-    } else if (name == "mox_transfer_src") {
-        value = JsonString(m_rng.Chance(0.7) ? Path() : Url());
-    } else if (name == "SortedKey") {
-        value = JsonString(m_rng.Pick(std::vector<std::string>{"FileName", "FileSize", "FileTime", "Title", "Nope"}));
-    } else if (name == "test_misbehave") {
-        value = JsonString(
-            m_rng.Pick(std::vector<std::string>{"count_mismatch", "overrun", "huge_range", "offset", "throw"}));
-    } else if (name == "test_delay_ms") {
-        value = std::to_string(m_rng.Range(0, 1500));
-    } else if (name == "mox_transfer_overwrite" || name == "mox_file_transfer_stop") {
-        value = m_rng.Chance(0.5) ? "true" : "false";
-    } else if (name == "mox_transfer_id" || name == "FOLDER_ID" || name.find("times") != std::string::npos ||
-               name == "mox_accesstoken" || name == "mox_uuid") {
-        value = JsonString(m_rng.Chance(0.6) ? "id" + std::to_string(m_rng.Range(0, 5)) : Text());
-    } else {
-        value = JsonInt();
-    }
-    return JsonString(name, 0.02) + ":" + value;
-}
-
-std::string BusFuzzer::Document(const std::string& method) {
-    static const std::map<std::string, std::vector<std::string>> kMembers = {
-        {"mox_requestlist",
-         {"mox_source", "mox_sectionindex", "SortedType", "SortedKey", "mox_folder_path", "mox_media_type",
-          "mox_start_index", "mox_end_index", "test_item_count", "test_misbehave", "test_delay_ms", "test_error"}},
-        {"mox_requestdetail",
-         {"mox_source", "FilePath", "mox_detail_request_times", "test_misbehave", "test_delay_ms", "test_error"}},
-        {"mox_requestmeta", {"mox_source", "mox_uhd_request_param", "mox_uuid", "mox_version"}},
-        {"mox_file_transfer",
-         {"mox_source", "mox_transfer_id", "mox_transfer_src", "mox_transfer_dst", "mox_transfer_overwrite",
-          "mox_file_transfer_stop", "mox_act_request_times"}},
-        {"mox_create_album", {"mox_source", "mox_album_path", "mox_act_request_times"}},
-        {"mox_setlike", {"mox_source", "mox_accesstoken", "mox_act_request_times"}},
-        {"mox_uploadcomment", {"mox_source", "mox_accesstoken", "mox_act_request_times"}},
-    };
-    static const std::vector<std::string> kCommon = {"mox_countryid", "mox_langid",     "mox_accesstoken", "mox_uuid",
-                                                     "mox_version",   "OPERATION_TYPE", "mox_handle_id"};
-    // The method's own kind half of the time; any kind (or none) otherwise.
-    std::string kind;
-    if (m_rng.Chance(0.5)) {
-        if (method == "get_partial_list")
-            kind = "mox_requestlist";
-        else if (method == "request_detail")
-            kind = "mox_requestdetail";
-        else if (method == "request_metadata")
-            kind = "mox_requestmeta";
-        else
-            kind = m_rng.Chance(0.7) ? "mox_file_transfer" : "mox_create_album";
-    } else {
-        auto it = kMembers.begin();
-        std::advance(it, m_rng.Range(0, static_cast<long>(kMembers.size()) - 1));
-        kind = it->first;
-    }
-    std::string doc = "{";
-    bool first = true;
-    auto add = [&](const std::string& member) {
-        doc += (first ? "" : ",") + member;
-        first = false;
-    };
-    if (m_rng.Chance(0.93))
-        add(JsonString("mox_command", 0.02) + ":" + (m_rng.Chance(0.9) ? JsonString(kind, 0.05) : JsonValue(0)));
-    if (kind == "mox_file_transfer" || kind == "mox_create_album" || kind == "mox_setlike" ||
-        kind == "mox_uploadcomment")
-        if (m_rng.Chance(0.8)) add(JsonString("mox_source") + ":" + JsonString("mox_ra_source"));
-    for (const auto& member : kMembers.at(kind))
-        if (m_rng.Chance(0.7)) add(Member(member));
-    for (long i = 0, n = m_rng.Range(0, 2); i < n; ++i) add(Member(m_rng.Pick(kCommon)));
-    if (m_rng.Chance(0.05)) add(Member("mox_command"));  // a duplicate key
-    doc += "}";
-    if (m_rng.Chance(0.08)) {
-        switch (m_rng.Range(0, 3)) {
-            case 0: doc.resize(static_cast<size_t>(m_rng.Range(0, static_cast<long>(doc.size())))); break;
-            case 1: doc += m_rng.Chance(0.5) ? "garbage" : "}}"; break;
-            case 2: doc[static_cast<size_t>(m_rng.Range(0, static_cast<long>(doc.size()) - 1))] = '"'; break;
-            default: doc = "\xef\xbb\xbf/*c*/" + doc; break;
-        }
-    }
-    if (!g_utf8_validate(doc.data(), static_cast<gssize>(doc.size()), nullptr)) {
-        gchar* valid = g_utf8_make_valid(doc.data(), static_cast<gssize>(doc.size()));
-        doc = valid;
-        g_free(valid);
-    }
-    return doc;
-}
-
-std::string BusFuzzer::FolderDocument() {
-    std::string doc = "{";
-    if (m_rng.Chance(0.9))
-        doc += "\"OPERATION_TYPE\":" + (m_rng.Chance(0.8) ? std::to_string(m_rng.Range(-1, 2)) : JsonValue(0));
-    doc += std::string(doc.size() > 1 ? "," : "") + Member("FOLDER_PATH");
-    if (m_rng.Chance(0.7)) doc += "," + Member("FOLDER_ID");
-    return doc + "}";
-}
-
-guint32 BusFuzzer::Handle(const Client& client) {
-    long choice = m_rng.Range(0, 19);
-    if (choice < 12 && !client.handles.empty()) return m_rng.Pick(client.handles);
-    if (choice < 15) {
-        const Client& other = *m_clients[static_cast<size_t>(m_rng.Range(0, static_cast<long>(m_clients.size()) - 1))];
-        if (!other.handles.empty()) return m_rng.Pick(other.handles);
-    }
-    if (choice < 17) return static_cast<guint32>(m_rng.Range(0, 8));
-    if (choice < 18) return 4294967295u;
-    return static_cast<guint32>(m_rng.Next());
-}
-
-guint32 BusFuzzer::Number(const std::string& argName) {
-    if (argName == "scanner_id" && !m_scannerIds.empty() && m_rng.Chance(0.7)) return m_rng.Pick(m_scannerIds);
-    if (argName == "client_pid")
-        return m_rng.Chance(0.5) ? static_cast<guint32>(getpid()) : static_cast<guint32>(m_rng.Next());
-    static const std::vector<guint32> kNumbers = {0,    1,     2,           3,           4,          1024,
-                                                  1025, 65535, 2147483647u, 2147483648u, 4294967295u};
-    return m_rng.Chance(0.7) ? m_rng.Pick(kNumbers) : static_cast<guint32>(m_rng.Next());
-}
-
-std::string BusFuzzer::StringArg(const std::string& method, const std::string& argName) {
-    if (m_rng.Chance(0.05)) return Text();
-    if (argName == "source_name") return SourceLibrary();
-    if (method == "check_folder_path") return FolderDocument();
-    if (argName == "command" || argName == "request" || (argName == "param" && method != "start_scanner"))
-        return Document(method);
-    if (argName == "file_path" || argName == "folder_path" || argName == "param") return Path();
-    if (argName == "shm_name" || argName == "result_list_name" || argName == "selection_list_block_name")
-        return ShmName();
-    if (argName == "scanner_kind")
-        return m_rng.Chance(0.8) ? (m_rng.Chance(0.8) ? "check_device" : "scan_folder") : Text();
-    if (argName == "content_category")
-        return m_rng.Pick(std::vector<std::string>{"CONTENT-IMAGE", "CONTENT-VIDEO", "CONTENT-MUSIC", "CONTENT-UHD",
-                                                   "CONTENT-PVR", "CONTENT-PVR-X", "ALL", ""});
-    return Text();
-}
-
-GVariant* BusFuzzer::Arguments(const MethodInfo& method, const Client& client) {
-    GVariantBuilder builder;
-    g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
-    for (const auto& [name, signature] : method.inArgs) {
-        if (signature == "s") {
-            std::string text = StringArg(method.name, name);
-            g_variant_builder_add_value(&builder, g_variant_new_string(text.c_str()));
-        } else if (signature == "u") {
-            g_variant_builder_add_value(&builder,
-                                        g_variant_new_uint32(name == "handle_id" ? Handle(client) : Number(name)));
-        } else if (signature == "b") {
-            g_variant_builder_add_value(&builder, g_variant_new_boolean(m_rng.Chance(0.5)));
-        } else {
-            // A type this generator does not know: its zero value keeps the call well formed.
-            GVariantType* type = g_variant_type_new(signature.c_str());
-            g_variant_builder_add_value(&builder, g_variant_new_maybe(type, nullptr));
-            g_variant_type_free(type);
-        }
-    }
-    return g_variant_builder_end(&builder);
-}
-
-GVariant* BusFuzzer::WrongArguments() {
-    GVariantBuilder builder;
-    g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
-    for (long i = 0, n = m_rng.Range(0, 5); i < n; ++i) {
-        switch (m_rng.Range(0, 5)) {
-            case 0: g_variant_builder_add_value(&builder, g_variant_new_string(Text().c_str())); break;
-            case 1:
-                g_variant_builder_add_value(&builder, g_variant_new_uint32(static_cast<guint32>(m_rng.Next())));
-                break;
-            case 2:
-                g_variant_builder_add_value(&builder, g_variant_new_int64(static_cast<gint64>(m_rng.Next())));
-                break;
-            case 3: g_variant_builder_add_value(&builder, g_variant_new_boolean(TRUE)); break;
-            case 4: {
-                std::string text = Document("request_act");
-                g_variant_builder_add_value(&builder, g_variant_new_variant(g_variant_new_string(text.c_str())));
-                break;
-            }
-            default: {
-                const char* strv[] = {"a", "b", nullptr};
-                g_variant_builder_add_value(&builder, g_variant_new_strv(strv, -1));
-                break;
-            }
-        }
-    }
-    return g_variant_builder_end(&builder);
-}
-
-// ---------------------------------------------------------------- driving
-
-void BusFuzzer::AddClient() {
-    auto client = std::make_unique<Client>();
-    client->conn = m_h.Connect();
-    client->subscription = g_dbus_connection_signal_subscribe(client->conn.get(), nullptr, moxtest::kEngineInterface,
-                                                              nullptr, moxtest::kEnginePath, nullptr,
-                                                              G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, this, nullptr);
-    m_clients.push_back(std::move(client));
-}
-
-void BusFuzzer::DropClient(size_t index) {
-    Client& client = *m_clients[index];
-    g_dbus_connection_signal_unsubscribe(client.conn.get(), client.subscription);
-    g_dbus_connection_close_sync(client.conn.get(), nullptr, nullptr);
-    m_clients.erase(m_clients.begin() + static_cast<long>(index));
-}
-
-void BusFuzzer::OnSignal(GDBusConnection* conn, const gchar*, const gchar*, const gchar*, const gchar* name,
-                         GVariant* params, gpointer self) {
-    static_cast<BusFuzzer*>(self)->HandleSignal(conn, name, params);
-}
-
-void BusFuzzer::HandleSignal(GDBusConnection* conn, const std::string& name, GVariant* params) {
-    Client* client = nullptr;
-    for (auto& c : m_clients)
-        if (c->conn.get() == conn) client = c.get();
-    if (!client) return;
-    ++client->signals;
-    if (name == "mox_usb_notification") return;
-    std::string text;
-    if (g_variant_n_children(params) > 0) {
-        GVariantPtr first(g_variant_get_child_value(params, 0));
-        if (g_variant_is_of_type(first.get(), G_VARIANT_TYPE_STRING)) text = g_variant_get_string(first.get(), nullptr);
-    }
-    // Result-list names seen on the bus become object names for later calls.
-    for (size_t pos = text.find("mox_resultlist_"); pos != std::string::npos;
-         pos = text.find("mox_resultlist_", pos + 1)) {
-        size_t end = pos + 15;
-        while (end < text.size() && (isdigit(static_cast<unsigned char>(text[end])) || text[end] == '_')) ++end;
-        if (client->resultLists.size() < 32) client->resultLists.push_back(text.substr(pos, end - pos));
-    }
-    if (client->busy) {
-        client->busy = false;
-        ++m_answered;
-    }
-}
-
-void BusFuzzer::Pump() {
-    while (g_main_context_iteration(nullptr, FALSE)) {
-    }
-}
-
-// Requests still waiting past the answer timeout are silent: counted, sampled,
-// and their client replaced so that a late signal cannot answer another request.
-void BusFuzzer::ExpirePending(bool final) {
-    auto now = Clock::now();
-    for (size_t i = m_clients.size(); i-- > 0;) {
-        Client& c = *m_clients[i];
-        if (!c.busy) continue;
-        if (!final && now - c.sentAt < std::chrono::milliseconds(m_opt.answerTimeoutMs)) continue;
-        ++m_silent;
-        // A few samples of each method, so that a rare one is not crowded out.
-        if (++m_silentByMethod[c.pendingMethod] <= 3) m_silentSamples.push_back(c.pendingCall);
-        DropClient(i);
-    }
-}
-
-Client* BusFuzzer::IdleClient() {
-    std::vector<Client*> idle;
-    for (auto& c : m_clients)
-        if (!c->busy) idle.push_back(c.get());
-    if (!idle.empty() && (m_clients.size() >= kMaxConnections || m_rng.Chance(0.9)))
-        return idle[static_cast<size_t>(m_rng.Range(0, static_cast<long>(idle.size()) - 1))];
-    if (m_clients.size() < kMaxConnections) {
-        AddClient();
-        return m_clients.back().get();
-    }
-    return nullptr;
-}
-
-void BusFuzzer::Remember(const std::string& call) {
-    m_lastCalls.push_back(call);
-    if (m_lastCalls.size() > 24) m_lastCalls.pop_front();
-}
-
-std::string BusFuzzer::SanitizerExcerpt(const std::string& output) const {
-    static const char* const kMarkers[] = {
-        "ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:", "-CRITICAL **", "Assertion", "assertion",
-        "ERROR: ThreadSanitizer",  "terminate called",     "MOX_ASSERT"};
-    size_t first = std::string::npos;
-    for (const char* marker : kMarkers) first = std::min(first, output.find(marker));
-    if (first == std::string::npos) return "";
-    size_t start = output.rfind('\n', first);
-    start = start == std::string::npos ? 0 : start + 1;
-    // The report head and its first frames are what tells the others where to look.
-    std::string excerpt;
-    size_t pos = start;
-    for (int lines = 0; lines < 40 && pos < output.size(); ++lines) {
-        size_t end = output.find('\n', pos);
-        if (end == std::string::npos) end = output.size();
-        excerpt += output.substr(pos, std::min<size_t>(end - pos, 300)) + "\n";
-        pos = end + 1;
-    }
-    return excerpt;
-}
-
-void BusFuzzer::ScanOutput(size_t from, const std::string& when) {
-    std::string output = m_h.Output();
-    if (from > output.size()) from = 0;
-    std::string excerpt = SanitizerExcerpt(output.substr(from));
-    if (!excerpt.empty()) m_findings.push_back({"report in daemon output (" + when + ")", excerpt});
-}
-
-bool BusFuzzer::CheckAlive(const std::string& lastCall) {
-    if (m_h.Running()) return true;
-    std::string recent;
-    for (const auto& call : m_lastCalls) recent += "    " + call + "\n";
-    std::string output = m_h.Output();
-    std::string excerpt = SanitizerExcerpt(output.substr(std::min(m_outputOffset, output.size())));
-    m_findings.push_back({"daemon died", "last call: " + lastCall + "\n  recent calls (oldest first):\n" + recent +
-                                             (excerpt.empty() ? "  (no report in its output)\n" : excerpt)});
-    fprintf(stderr, "bus_fuzz: the daemon died after call %zu: %s\n", m_calls, lastCall.c_str());
-    m_dead = true;
-    ++m_deaths;
-    for (auto& client : m_clients) {
-        if (!client->busy) continue;
-        client->busy = false;
-        ++m_lost;
-    }
-    if (!m_opt.restart) return false;
-    while (!m_clients.empty()) DropClient(m_clients.size() - 1);
-    m_outputOffset = m_h.Output().size();
-    if (!m_h.Start()) return false;
-    ++m_restarts;
-    m_dead = false;
-    return true;
-}
-
-void BusFuzzer::OneCall() {
-    Pump();
-    ExpirePending(false);
-    static const std::set<std::string> kRequests = {"get_partial_list", "request_detail", "request_act",
-                                                    "request_metadata"};
-    std::string interface = moxtest::kEngineInterface;
-    std::string method;
-    GVariant* params = nullptr;
-    bool tracked = false;
-    long kind = m_rng.Range(0, 99);
-    const MethodInfo& info = m_rng.Pick(m_methods);
-    Client* client = IdleClient();
-    if (!client) {
-        // Every client waits for an answer: let time pass instead of a call.
-        g_usleep(20 * 1000);
-        return;
-    }
-    if (kind < 85) {
-        method = info.name;
-        params = Arguments(info, *client);
-        tracked = kRequests.count(method) > 0;
-    } else if (kind < 91) {
-        method = info.name;
-        params = WrongArguments();
-    } else if (kind < 96) {
-        method = m_rng.Chance(0.5) ? "x" + std::to_string(m_rng.Next() % 1000) : info.name + "_";
-        params = WrongArguments();
-    } else {
-        static const std::vector<std::pair<std::string, std::string>> kOther = {
-            {"org.freedesktop.DBus.Introspectable", "Introspect"},
-            {"org.freedesktop.DBus.Properties", "GetAll"},
-            {"org.freedesktop.DBus.Peer", "Ping"},
-            {"com.orvia.mox.engine.Other", "start_server"}};
-        const auto& other = m_rng.Pick(kOther);
-        interface = other.first;
-        method = other.second;
-        params = method == "GetAll" ? g_variant_new("(s)", moxtest::kEngineInterface) : nullptr;
-    }
-    Send(client, interface, method, params, tracked);
-}
-
-// Makes one call on `client` (params floating or null) and books what it
-// started; a tracked request keeps the client busy until a signal answers it.
-void BusFuzzer::Send(Client* client, const std::string& interface, const std::string& method, GVariant* params,
-                     bool tracked) {
-    if (params) g_variant_ref_sink(params);
-    std::string call = Describe(interface, method, params);
-    for (const auto& pattern : m_opt.skip) {
-        if (std::regex_search(call, pattern)) {
-            ++m_skipped;
-            if (params) g_variant_unref(params);
-            return;
-        }
-    }
-    Remember(call);
-    if (m_opt.verbose) fprintf(stderr, "call %zu: %s\n", m_calls, call.c_str());
-    ++m_calls;
-    ++m_callsByMethod[method];
-    if (tracked) {
-        client->busy = true;
-        client->pendingMethod = method;
-        client->pendingCall = call;
-        client->sentAt = Clock::now();
-    }
-
-    GError* error = nullptr;
-    auto started = Clock::now();
-    GVariant* reply = g_dbus_connection_call_sync(client->conn.get(), moxtest::kEngineName, moxtest::kEnginePath,
-                                                  interface.c_str(), method.c_str(), params, nullptr,
-                                                  G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, &error);
-    if (params) g_variant_unref(params);
-    GVariantPtr replyOwner(reply);
-    if (error) {
-        gchar* remote = g_dbus_error_get_remote_error(error);
-        // A recipient that left without replying died; one that is still there stalls.
-        bool timedOut = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
-                        (remote && strcmp(remote, "org.freedesktop.DBus.Error.NoReply") == 0 &&
-                         !strstr(error->message, "disconnected"));
-        if (!timedOut && strstr(error->message, "disconnected")) {
-            auto until = Clock::now() + std::chrono::seconds(10);
-            while (m_h.Running() && Clock::now() < until) g_usleep(20 * 1000);
-        }
-        g_free(remote);
-        if (timedOut && m_h.Running())
-            m_findings.push_back(
-                {"no reply (main loop blocked?)",
-                 call + " (after " +
-                     std::to_string(
-                         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count()) +
-                     " ms: " + error->message + ")"});
-        g_error_free(error);
-        // A refused call is an answer; a tracked request refused by the bus needs no signal.
-        if (tracked && client->busy) {
-            client->busy = false;
-            ++m_answered;
-        }
-    } else if (reply && interface == moxtest::kEngineInterface) {
-        if (method == "connect" && g_variant_is_of_type(reply, G_VARIANT_TYPE("(u)"))) {
-            guint32 handle = 0;
-            g_variant_get(reply, "(u)", &handle);
-            if (handle != 4294967295u && client->handles.size() < 16) client->handles.push_back(handle);
-        } else if (method == "start_scanner" && g_variant_is_of_type(reply, G_VARIANT_TYPE("(bu)"))) {
-            gboolean ok = FALSE;
-            guint32 id = 0;
-            g_variant_get(reply, "(bu)", &ok, &id);
-            if (ok && m_scannerIds.size() < 64) m_scannerIds.push_back(id);
-        }
-    }
-    CheckAlive(call);
-}
-
-// Sends the calls of a file, one a line: "METHOD GVARIANT-TEXT", or
-// "INTERFACE.METHOD ..." for another interface; blank lines and '#' comments
-// are skipped. Each request goes on a client of its own so that a missing
-// signal is told apart.
-bool BusFuzzer::Replay() {
-    gchar* text = nullptr;
-    if (!g_file_get_contents(m_opt.replay.c_str(), &text, nullptr, nullptr)) {
-        fprintf(stderr, "bus_fuzz: cannot read %s\n", m_opt.replay.c_str());
-        return false;
-    }
-    std::string all = text;
-    g_free(text);
-    static const std::set<std::string> kRequests = {"get_partial_list", "request_detail", "request_act",
-                                                    "request_metadata"};
-    for (size_t pos = 0; pos < all.size() && !m_dead;) {
-        size_t end = all.find('\n', pos);
-        if (end == std::string::npos) end = all.size();
-        std::string line = all.substr(pos, end - pos);
-        pos = end + 1;
-        if (line.empty() || line[0] == '#') continue;
-        for (const auto& [token, value] :
-             {std::make_pair(std::string("@USB@"), m_h.UsbRoot()), std::make_pair(std::string("@OUTSIDE@"), m_outside)})
-            for (size_t at = line.find(token); at != std::string::npos; at = line.find(token, at + value.size()))
-                line.replace(at, token.size(), value);
-        size_t space = line.find(' ');
-        std::string name = line.substr(0, space);
-        std::string interface = moxtest::kEngineInterface;
-        size_t dot = name.rfind('.');
-        if (dot != std::string::npos) {
-            interface = name.substr(0, dot);
-            name = name.substr(dot + 1);
-        }
-        GVariant* params = nullptr;
-        if (space != std::string::npos) {
-            GError* error = nullptr;
-            params = g_variant_parse(nullptr, line.c_str() + space + 1, nullptr, nullptr, &error);
-            if (!params) {
-                fprintf(stderr, "bus_fuzz: bad parameters in \"%s\": %s\n", Shorten(line).c_str(), error->message);
-                g_error_free(error);
-                return false;
-            }
-        }
-        AddClient();
-        Pump();
-        Send(m_clients.back().get(), interface, name, params,
-             interface == moxtest::kEngineInterface && kRequests.count(name) > 0);
-    }
-    return true;
-}
-
-void BusFuzzer::CheckConfinement() {
-    if (ReadTextFile(m_outside + "/secret.txt") != std::string(kCanary) + "\n")
-        m_findings.push_back({"file outside the USB root changed or removed", m_outside + "/secret.txt"});
-    std::error_code ec;
-    for (const auto& entry : fs::recursive_directory_iterator(m_outside, ec))
-        if (!m_outsideBefore.count(entry.path()))
-            m_findings.push_back({"file created outside the USB root", entry.path().string()});
-    // The secret must not have been copied in (a transfer, a write or a link followed).
-    for (auto it = fs::recursive_directory_iterator(m_h.UsbRoot(), ec); !ec && it != fs::recursive_directory_iterator();
-         it.increment(ec)) {
-        if (it->is_symlink() || !it->is_regular_file(ec) || it->file_size(ec) > 4096) continue;
-        if (ReadTextFile(it->path()).find(kCanary) != std::string::npos)
-            m_findings.push_back({"outside file copied into the USB root", it->path().string()});
-    }
-}
-
 int BusFuzzer::Run() {
     if (!m_h.Start()) {
         fprintf(stderr, "bus_fuzz: the daemon did not start\n%s\n", m_h.Output().c_str());
@@ -990,40 +781,36 @@ int BusFuzzer::Run() {
     }
     auto start = Clock::now();
     auto deadline = start + std::chrono::milliseconds(static_cast<long>(m_opt.seconds * 1000));
-    if (!m_opt.replay.empty() && !Replay()) return 2;
-    while (!m_dead && m_opt.replay.empty()) {
-        if (m_opt.calls >= 0 && static_cast<long>(m_calls) >= m_opt.calls) break;
-        if (m_opt.calls < 0 && Clock::now() >= deadline) break;
+    while (!m_dead && (m_opt.calls >= 0 ? static_cast<long>(m_calls) < m_opt.calls : Clock::now() < deadline))
         OneCall();
-    }
     double seconds = std::chrono::duration<double>(Clock::now() - start).count();
 
     // Late answers still count; what stays silent past the timeout does not.
     auto answerDeadline = Clock::now() + std::chrono::milliseconds(m_opt.answerTimeoutMs);
-    while (!m_dead && Clock::now() < answerDeadline) {
-        bool waiting = false;
-        for (const auto& c : m_clients) waiting = waiting || c->busy;
-        if (!waiting) break;
+    while (!m_dead && Clock::now() < answerDeadline &&
+           std::any_of(m_clients.begin(), m_clients.end(), [](const auto& c) { return c->busy; })) {
         moxtest::PumpMainContext(std::chrono::milliseconds(20));
         CheckAlive("(waiting for answers)");
     }
     ExpirePending(true);
 
-    int stopStatus = -1;
     if (!m_dead) {
-        CallResult ping = m_h.Call("start_server", nullptr, nullptr, 10000);
+        moxtest::CallResult ping = m_h.Call("start_server", nullptr, nullptr, 10000);
         const gchar* text = nullptr;
         if (ping.ok()) g_variant_get(ping.reply.get(), "(&s)", &text);
-        if (!ping.ok() || !text || std::string(text) != "MOX_SERVER_START_SUCCESS")
+        if (!text || std::string(text) != "MOX_SERVER_START_SUCCESS")
             m_findings.push_back({"final ping failed", ping.error});
         while (!m_clients.empty()) DropClient(m_clients.size() - 1);
         moxtest::PumpMainContext(std::chrono::milliseconds(200));
-        stopStatus = m_h.Stop(std::chrono::seconds(30));
+        int stopStatus = m_h.Stop(std::chrono::seconds(30));
         if (stopStatus != 0)
             m_findings.push_back({"unclean stop", "exit status " + std::to_string(stopStatus) +
                                                       " (a leak report or a hang on SIGTERM)"});
     }
-    ScanOutput(m_outputOffset, "end of run");
+    std::string output = m_h.Output();
+    // A restarted daemon's output starts anew.
+    std::string excerpt = SanitizerExcerpt(output.substr(m_outputOffset > output.size() ? 0 : m_outputOffset));
+    if (!excerpt.empty()) m_findings.push_back({"report in daemon output (end of run)", excerpt});
     CheckConfinement();
     for (const auto& name : m_ownObjects) shm_unlink(name.c_str());
     // After a clean stop the daemon must have released every object; after a
@@ -1035,17 +822,15 @@ int BusFuzzer::Run() {
         m_findings.push_back({"objects left in /dev/shm after the stop",
                               left.front() + " and " + std::to_string(left.size() - 1) + " more"});
     for (const auto& name : left) shm_unlink(("/" + name).c_str());
-
     if (m_opt.requireAnswers)
         for (const auto& [method, count] : m_silentByMethod)
             m_findings.push_back({"request without any signal", method + ": " + std::to_string(count)});
 
     printf(
-        "bus_fuzz: seed %llu: %zu calls in %.1f s (%zu skipped), %zu answered requests, %zu silent requests, "
-        "%zu lost in a crash, %zu restarts, %zu findings\n",
-        static_cast<unsigned long long>(m_opt.seed), m_calls, seconds, m_skipped, m_answered, m_silent, m_lost,
-        m_restarts, m_findings.size());
-    printf("calls by method:");
+        "bus_fuzz: seed %llu: %zu calls in %.1f s, %zu answered requests, %zu silent requests, "
+        "%zu lost in a crash, %zu restarts, %zu findings\ncalls by method:",
+        static_cast<unsigned long long>(m_opt.seed), m_calls, seconds, m_answered, m_silent, m_lost, m_restarts,
+        m_findings.size());
     for (const auto& [method, count] : m_callsByMethod) printf(" %s=%zu", method.c_str(), count);
     printf("\n");
     if (m_silent) {
@@ -1055,65 +840,43 @@ int BusFuzzer::Run() {
         for (const auto& sample : m_silentSamples) printf("  silent: %s\n", sample.c_str());
     }
     for (const auto& finding : m_findings) printf("FINDING: %s\n  %s\n", finding.kind.c_str(), finding.detail.c_str());
-    printf("reproduce: bus_fuzz --seed %llu %s%s\n", static_cast<unsigned long long>(m_opt.seed),
+    printf("reproduce: bus_fuzz --seed %llu %s\n", static_cast<unsigned long long>(m_opt.seed),
            m_opt.calls >= 0 ? ("--calls " + std::to_string(m_opt.calls)).c_str()
-                            : ("--seconds " + std::to_string(static_cast<long>(m_opt.seconds))).c_str(),
-           m_opt.calls >= 0 ? "" : " (a time bound repeats the sequence only as far as it got)");
+                            : ("--seconds " + std::to_string(static_cast<long>(m_opt.seconds)) +
+                               " (a time bound repeats the sequence only as far as it got)")
+                                  .c_str());
     fflush(stdout);
     return m_findings.empty() ? 0 : 1;
 }
 
 bool ParseOptions(int argc, char** argv, Options* opt) {
+    bool seedGiven = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
-        auto value = [&](const char* name) -> const char* {
-            if (i + 1 >= argc) {
-                fprintf(stderr, "bus_fuzz: %s needs a value\n", name);
-                return nullptr;
-            }
-            return argv[++i];
-        };
-        const char* v = nullptr;
-        if (arg == "--seed") {
-            if (!(v = value("--seed"))) return false;
-            if (std::string(v) != "random") {
-                opt->seed = std::strtoull(v, nullptr, 10);
-                opt->seedGiven = true;
-            }
-        } else if (arg == "--seconds") {
-            if (!(v = value("--seconds"))) return false;
-            opt->seconds = std::atof(v);
-        } else if (arg == "--calls") {
-            if (!(v = value("--calls"))) return false;
-            opt->calls = std::atol(v);
-        } else if (arg == "--answer-timeout") {
-            if (!(v = value("--answer-timeout"))) return false;
-            opt->answerTimeoutMs = std::atoi(v);
-        } else if (arg == "--require-answers") {
+        bool hasValue = i + 1 < argc;
+        if (arg == "--require-answers") {
             opt->requireAnswers = true;
         } else if (arg == "--restart") {
             opt->restart = true;
-        } else if (arg == "--replay") {
-            if (!(v = value("--replay"))) return false;
-            opt->replay = v;
-        } else if (arg == "--skip") {
-            if (!(v = value("--skip"))) return false;
-            try {
-                opt->skip.emplace_back(v, std::regex::extended);
-            } catch (const std::regex_error&) {
-                fprintf(stderr, "bus_fuzz: bad --skip pattern %s\n", v);
-                return false;
-            }
         } else if (arg == "--verbose") {
             opt->verbose = true;
+        } else if (arg == "--seed" && hasValue) {
+            std::string v = argv[++i];
+            if (v != "random") opt->seed = std::strtoull(v.c_str(), nullptr, 10), seedGiven = true;
+        } else if (arg == "--seconds" && hasValue) {
+            opt->seconds = std::atof(argv[++i]);
+        } else if (arg == "--calls" && hasValue) {
+            opt->calls = std::atol(argv[++i]);
+        } else if (arg == "--answer-timeout" && hasValue) {
+            opt->answerTimeoutMs = std::atoi(argv[++i]);
         } else {
             fprintf(stderr,
                     "usage: bus_fuzz [--seed N|random] [--seconds S] [--calls N] [--answer-timeout MS] "
-                    "[--require-answers] [--restart] [--verbose] [--replay FILE] [--skip REGEX]...\n");
+                    "[--require-answers] [--restart] [--verbose]\n");
             return false;
         }
     }
-    if (!opt->seedGiven) opt->seed = std::random_device{}() ^ (static_cast<uint64_t>(getpid()) << 32);
+    if (!seedGiven) opt->seed = std::random_device{}() ^ (static_cast<uint64_t>(getpid()) << 32);
     return opt->seconds > 0 && opt->answerTimeoutMs > 0;
 }
 
@@ -1126,6 +889,5 @@ int main(int argc, char** argv) {
     fflush(stdout);
     EngineHarness h;
     BusFuzzer fuzzer(options, h);
-    if (!fuzzer.Setup()) return 2;
-    return fuzzer.Run();
+    return fuzzer.Setup() ? fuzzer.Run() : 2;
 }

@@ -14,7 +14,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -27,6 +26,9 @@
 #include "mox_extract_wire.h"
 #include "mox_extractor.h"
 #include "temp_dir.h"
+
+using moxtest::ReadTextFile;
+using moxtest::WriteTextFile;
 
 namespace {
 
@@ -54,15 +56,6 @@ Json::Value Here(const moxtest::TempDir& dir, const std::string& name, int type,
     EXPECT_TRUE(extractor.ExtractHere(info)) << name;
     if (out) *out = info;
     return Parse(extractor.ToString(info));
-}
-
-void WriteBytes(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::string ReadBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 #define REQUIRE_TOOLS(...)                 \
@@ -96,7 +89,7 @@ TEST(Extractor, PhotoTagsFollowTheRules) {
     EXPECT_EQ(none["EXPOSURE_TIME"].asString(), "");
     EXPECT_EQ(none["FNUMBER"].asDouble(), 0.0);
     EXPECT_EQ(none["WIDTH"].asInt(), 0);
-    EXPECT_EQ(none["SIZE"].asUInt64(), ReadBytes(plain).size());
+    EXPECT_EQ(none["SIZE"].asUInt64(), ReadTextFile(plain).size());
     EXPECT_FALSE(none.isMember("LATITUDE") || none.isMember("ISO") || none.isMember("ALBUM"));
 
     media_info_s info;
@@ -128,7 +121,7 @@ TEST(Extractor, PhotoTagsFollowTheRules) {
 TEST(Extractor, BasicInformationTypesAndTime) {
     moxtest::TempDir dir;
     std::string list = dir.file("list.plt");
-    WriteBytes(list, "one\ntwo\n");
+    WriteTextFile(list, "one\ntwo\n");
     // 2016-02-29 20:00 UTC is already March 1st at UTC+9.
     const time_t march = 1456776000;
     struct timeval times[2] = {{march, 0}, {march, 0}};
@@ -191,7 +184,7 @@ TEST(Extractor, MusicAndVideoTags) {
     id3v1.replace(0, 3, "TAG");
     id3v1.replace(3, 5, "Caf\xE9!");
     id3v1[127] = static_cast<char>(255);
-    WriteBytes(dir.file("v1.mp3"), ReadBytes(bare) + id3v1);
+    WriteTextFile(dir.file("v1.mp3"), ReadTextFile(bare) + id3v1);
     EXPECT_EQ(Here(dir, "v1.mp3", 5)["TITLE"].asString(), "Caf\xC3\xA9!");
 
     // Video: tags from the container; bitrate, duration and size not read.
@@ -230,7 +223,7 @@ TEST(Extractor, TextsAreUtf8AndNamesStayDistinct) {
     // A file with such a name: JSON text valid UTF-8 and names escaped.
     moxtest::TempDir dir;
     std::string name = "caf\xE9\xFF.plt";
-    WriteBytes(dir.file(name), "x");
+    WriteTextFile(dir.file(name), "x");
     CMOXExtractor extractor(dir.path(), name, 12);
     media_info_s info;
     ASSERT_TRUE(extractor.ExtractHere(info));
@@ -311,7 +304,7 @@ std::vector<pid_t> HelperPids() {
     while (struct dirent* e = readdir(proc)) {
         pid_t pid = atoi(e->d_name);
         if (pid <= 0) continue;
-        std::string stat = ReadBytes("/proc/" + std::string(e->d_name) + "/stat");
+        std::string stat = ReadTextFile("/proc/" + std::string(e->d_name) + "/stat");
         size_t close = stat.rfind(')');
         if (close == std::string::npos || stat.find("(mox-extract)") == std::string::npos) continue;
         int ppid = 0;
@@ -336,7 +329,7 @@ TEST_F(ExtractHelper, SameResultsAsInProcessAndConfinedHelper) {
     std::vector<pid_t> pids = HelperPids();
     ASSERT_EQ(pids.size(), 1u);
     if (getuid() == 0) {
-        std::string status = ReadBytes("/proc/" + std::to_string(pids[0]) + "/status") + "\nUid:";
+        std::string status = ReadTextFile("/proc/" + std::to_string(pids[0]) + "/status") + "\nUid:";
         int real = 0, effective = 0;
         sscanf(status.c_str() + status.find("\nUid:"), "\nUid:\t%d\t%d", &real, &effective);
         EXPECT_TRUE(real != 0 && effective != 0) << real << " " << effective;
@@ -348,10 +341,10 @@ TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
     ASSERT_FALSE(good.empty());
 
     // Corrupt contents: the record still comes back, with defaults.
-    std::string jpeg = ReadBytes(s_dir->file("photo.jpg"));
-    WriteBytes(s_dir->file("truncated.jpg"), jpeg.substr(0, jpeg.size() / 3));
-    std::string mp3 = ReadBytes(s_dir->file("tune.mp3"));
-    WriteBytes(s_dir->file("truncated.mp3"), mp3.substr(0, 700));
+    std::string jpeg = ReadTextFile(s_dir->file("photo.jpg"));
+    WriteTextFile(s_dir->file("truncated.jpg"), jpeg.substr(0, jpeg.size() / 3));
+    std::string mp3 = ReadTextFile(s_dir->file("tune.mp3"));
+    WriteTextFile(s_dir->file("truncated.mp3"), mp3.substr(0, 700));
     std::mt19937 rng(7);
     std::string noise(64 * 1024, '\0');
     for (char& c : noise) c = static_cast<char>(rng());
@@ -361,12 +354,12 @@ TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
                               {"noise.mkv", 3},
                               {"noise.flac", 5},
                               {"noise.ogg", 5}}) {
-        if (name[0] == 'n') WriteBytes(s_dir->file(name), noise);
+        if (name[0] == 'n') WriteTextFile(s_dir->file(name), noise);
         EXPECT_FALSE(Helper(name, type).empty()) << name;
     }
 
     // A crash fails that file only; the next file gets a fresh helper.
-    WriteBytes(s_dir->file("mox-extract-crash.jpg"), jpeg);
+    WriteTextFile(s_dir->file("mox-extract-crash.jpg"), jpeg);
     EXPECT_EQ(Helper("mox-extract-crash.jpg", 2), "");
     EXPECT_TRUE(HelperPids().empty());
     EXPECT_EQ(Helper("photo.jpg", 2), good);
@@ -377,7 +370,7 @@ TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
     EXPECT_EQ(HelperPids(), before);
 
     // A stall is cut at the deadline, and the next file is fine.
-    WriteBytes(s_dir->file("mox-extract-hang.mp3"), mp3);
+    WriteTextFile(s_dir->file("mox-extract-hang.mp3"), mp3);
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(Helper("mox-extract-hang.mp3", 5), "");
     auto took = std::chrono::steady_clock::now() - start;
@@ -389,7 +382,7 @@ TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 
     // The same name with other contents (size changes) is parsed again.
-    WriteBytes(s_dir->file("mox-extract-crash.jpg"), jpeg + "tail");
+    WriteTextFile(s_dir->file("mox-extract-crash.jpg"), jpeg + "tail");
     EXPECT_EQ(Helper("mox-extract-crash.jpg", 2), "");
 
     // No helper to be had: the basic record only, and no crash.
@@ -437,7 +430,7 @@ TEST_F(ExtractHelper, ConcurrentCallersShareTheHelper) {
 // The helper may not grow files: its warnings to a stderr that is a regular
 // file must fail quietly, not kill it.
 TEST_F(ExtractHelper, HelperSurvivesLoggingToARegularFile) {
-    WriteBytes(s_dir->file("mox-extract-crash-restart.jpg"), "x");
+    WriteTextFile(s_dir->file("mox-extract-crash-restart.jpg"), "x");
     EXPECT_EQ(Helper("mox-extract-crash-restart.jpg", 2), "");  // next helper inherits the new stderr
     moxtest::TempDir logDir;
     int saved = dup(STDERR_FILENO);
@@ -461,9 +454,9 @@ TEST_F(ExtractHelper, HelperSurvivesLoggingToARegularFile) {
 TEST_F(ExtractHelper, StalledHelperDiesWithTheDaemon) {
     // No helper of ours may be running when the process forks: the child
     // must start its own.
-    WriteBytes(s_dir->file("mox-extract-crash-fork.jpg"), "x");
+    WriteTextFile(s_dir->file("mox-extract-crash-fork.jpg"), "x");
     EXPECT_EQ(Helper("mox-extract-crash-fork.jpg", 2), "");
-    WriteBytes(s_dir->file("mox-extract-hang-fork.mp3"), "x");
+    WriteTextFile(s_dir->file("mox-extract-hang-fork.mp3"), "x");
     pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -483,8 +476,8 @@ TEST_F(ExtractHelper, StalledHelperDiesWithTheDaemon) {
         DIR* proc = opendir("/proc");
         while (struct dirent* e = proc ? readdir(proc) : nullptr) {
             pid_t pid = atoi(e->d_name);
-            if (pid <= 0 || ReadBytes("/proc/" + std::string(e->d_name) + "/comm") != "mox-extract\n") continue;
-            std::string env = ReadBytes("/proc/" + std::string(e->d_name) + "/environ");
+            if (pid <= 0 || ReadTextFile("/proc/" + std::string(e->d_name) + "/comm") != "mox-extract\n") continue;
+            std::string env = ReadTextFile("/proc/" + std::string(e->d_name) + "/environ");
             if (env.find("MOX_USB_ROOT=" + s_dir->path() + std::string(1, '\0')) != std::string::npos)
                 found.push_back(pid);
         }

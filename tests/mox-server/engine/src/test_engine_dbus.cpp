@@ -20,6 +20,7 @@
 using moxtest::CallResult;
 using moxtest::EngineHarness;
 using moxtest::ReadTextFile;
+using moxtest::ShmExists;
 using moxtest::WriteTextFile;
 
 namespace {
@@ -51,10 +52,6 @@ std::string MakeTextShm(const std::string& content, int32_t declaredLength) {
     EXPECT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
     close(fd);
     return name;
-}
-
-bool ShmExists(const std::string& name) {
-    return Exists("/dev/shm" + name);
 }
 
 std::string FolderCall(EngineHarness& h, const std::string& json) {
@@ -189,7 +186,11 @@ TEST(EngineFolderMap, AddFindBoundsAndDatabaseReset) {
     EXPECT_EQ(h.Stop(), 0);
 }
 
-TEST(EngineFiles, WriteAndRemoveThroughSharedMemory) {
+// Writing a client's object to a file and removing it; and what a local user
+// must not reach through the root daemon: anything outside the USB root, by
+// name, "..", links (planted or swapped in), FIFOs that would block, or
+// another user's shared-memory object.
+TEST(EngineFiles, WriteRemoveAndClientPathsStayBelowTheUsbRoot) {
     EngineHarness h;
     ASSERT_TRUE(h.Start());
     const std::string target = h.UsbRoot() + "/note.txt";
@@ -216,15 +217,7 @@ TEST(EngineFiles, WriteAndRemoveThroughSharedMemory) {
     EXPECT_TRUE(Remove(h, target));
     EXPECT_FALSE(Exists(target));
     EXPECT_FALSE(Remove(h, target));
-    EXPECT_EQ(h.Stop(), 0);
-}
 
-// What a local user must not reach through the root daemon: anything outside
-// the USB root, by name, "..", links (planted or swapped in), FIFOs that would
-// block, or another user's shared-memory object.
-TEST(EngineFiles, ClientPathsStayBelowTheUsbRoot) {
-    EngineHarness h;
-    ASSERT_TRUE(h.Start());
     const std::string outside = h.Path("secret");
     ASSERT_TRUE(WriteTextFile(outside, "root only"));
     const std::string root = h.UsbRoot();
@@ -235,7 +228,7 @@ TEST(EngineFiles, ClientPathsStayBelowTheUsbRoot) {
     const std::string escapes[] = {
         outside, root + "/../secret", root + "/dir/../../secret", root + "/out/secret", root, root + "/", "relative"};
     for (const std::string& path : escapes) {
-        std::string shm = MakeTextShm("owned", 5);
+        shm = MakeTextShm("owned", 5);
         EXPECT_FALSE(Write(h, path, shm)) << path;
         EXPECT_FALSE(ShmExists(shm)) << "consumed even when refused: " << path;
         EXPECT_FALSE(Remove(h, path)) << path;
