@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
@@ -196,8 +197,7 @@ std::string CMOXLibraryVolume::m_Relative(const std::string& strAbsolute) const 
 
 void CMOXLibraryVolume::m_Thread() {
     try {
-        // The lowest priority: users never wait for the index.
-        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 19);
+        m_LowestPriority();
         m_Run();
     } catch (const std::exception& e) {
         MOX_WARN("library %s: indexer ended by an exception (%s).", m_strMountPath.c_str(), e.what());
@@ -207,7 +207,26 @@ void CMOXLibraryVolume::m_Thread() {
         m_SetState("failed", true);
     }
     if (m_bInTransaction) m_db.Rollback();
-    m_db.Close();
+    if (m_bCorrupt)
+        m_db.MoveAside();
+    else
+        m_db.Close();
+}
+
+void CMOXLibraryVolume::m_LowestPriority() {
+    // Users never wait for the index: CPU only when nothing else wants it,
+    // disk only when nobody else uses it. The walk's scanner thread and the
+    // helper started from here inherit both.
+    const auto tid = static_cast<pid_t>(syscall(SYS_gettid));
+    struct sched_param param;
+    memset(&param, 0, sizeof(param));
+    if (sched_setscheduler(tid, SCHED_IDLE, &param) != 0) {
+        MOX_DEBUG("library %s: no idle scheduling (%s); nice 19 instead.", m_strMountPath.c_str(), strerror(errno));
+        setpriority(PRIO_PROCESS, static_cast<id_t>(tid), 19);
+    }
+    constexpr int kIoprioClassIdle = 3, kIoprioClassShift = 13, kIoprioWhoProcess = 1;
+    if (syscall(SYS_ioprio_set, kIoprioWhoProcess, tid, kIoprioClassIdle << kIoprioClassShift) != 0)
+        MOX_DEBUG("library %s: no idle I/O priority (%s).", m_strMountPath.c_str(), strerror(errno));
 }
 
 void CMOXLibraryVolume::m_SetState(const char* szState, bool bReport) {
@@ -224,7 +243,9 @@ void CMOXLibraryVolume::m_Report() {
 
 void CMOXLibraryVolume::m_UpdateCounts() {
     int64_t counts[4];
-    if (!m_db.Counts(counts)) return;
+    if (!m_db.Counts(counts, m_nRows)) return;
+    // For the status of the volume once it is unmounted.
+    if (!m_bInTransaction && !m_bFull) m_db.SaveCounts(counts);
     mox::MutexLock lock(m_mutex);
     for (int i = 0; i < 4; ++i) m_status.counts[i] = counts[i];
     m_status.nGeneration = m_db.Generation();
@@ -238,9 +259,12 @@ void CMOXLibraryVolume::m_Run() {
         m_SetState("failed", true);
         return;
     }
-    m_db.SetMeta("mount_path", m_strMountPath);
-    m_db.SetMeta("last_mounted", std::to_string(time(nullptr)));
-    m_db.RowCount(m_nRows);
+    // One small transaction (not a change: the generation stays).
+    if (m_db.Begin() == SQLITE_OK) {
+        const bool bOk = m_db.SetMeta("mount_path", m_strMountPath) == SQLITE_OK &&
+                         m_db.SetMeta("last_mounted", std::to_string(time(nullptr))) == SQLITE_OK;
+        if (!bOk || m_db.Commit() != SQLITE_OK) m_db.Rollback();
+    }
     m_UpdateCounts();
     std::string strRel;
     CMOXConfinedPath root(mox_host::UsbRoot());
@@ -263,9 +287,11 @@ void CMOXLibraryVolume::m_Run() {
     while (!Stopping()) {
         if (bScan) {
             bScan = false;
+            const int64_t nBefore = m_db.Generation();
             const EScan eResult = m_Scan();
             if (eResult == EScan::kStopped) break;
-            m_UpdateCounts();
+            // Nothing committed: the counts read at the start still hold.
+            if (m_db.Generation() != nBefore) m_UpdateCounts();
             m_SetState(eResult == EScan::kFailed ? "failed" : "ready", true);
         }
         struct pollfd fds[2] = {{m_wakeFd.Get(), POLLIN, 0}, {m_inotifyFd.Get(), POLLIN, 0}};
@@ -301,15 +327,30 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
     }
     m_Report();
     m_seen.clear();
+    m_nSeen = 0;
+    m_bRowsDeleted = false;
+    m_bBudgetReached = false;
     bool bWalkComplete = false;
     EScan eResult = m_Walk(bWalkComplete);
     if (eResult != EScan::kComplete) return eResult;
     eResult = m_ExtractPending();
     if (eResult != EScan::kComplete) return eResult;
-    if (bWalkComplete) eResult = m_DropVanished();
+    // Every row seen by the walk and none deleted meanwhile: nothing can
+    // have vanished, and the pass over all rows is saved.
+    const bool bAllSeen = m_nSeen == m_nRows && !m_bRowsDeleted;
+    if (bWalkComplete && !bAllSeen) eResult = m_DropVanished();
     m_seen.clear();
     m_seen.shrink_to_fit();
     return eResult;
+}
+
+void CMOXLibraryVolume::m_MarkSeen(int64_t nId) {
+    if (nId < 0 || nId >= kMaxSeenId) return;
+    const auto nIndex = static_cast<size_t>(nId);
+    if (nIndex >= m_seen.size()) m_seen.resize(nIndex + 4096);
+    if (m_seen[nIndex]) return;
+    m_seen[nIndex] = true;
+    ++m_nSeen;
 }
 
 bool CMOXLibraryVolume::m_WaitWhileBusy() {
@@ -343,6 +384,7 @@ bool CMOXLibraryVolume::m_Fail(int rc, const char* szWhat) {
         m_db.Rollback();
         m_bInTransaction = false;
     }
+    if ((rc & 0xff) == SQLITE_CORRUPT || (rc & 0xff) == SQLITE_NOTADB) m_bCorrupt = true;
     if ((rc & 0xff) == SQLITE_FULL && m_bFull) return false;
     if ((rc & 0xff) == SQLITE_FULL) m_bFull = true;
     if ((rc & 0xff) == SQLITE_FULL)
@@ -379,26 +421,29 @@ bool CMOXLibraryVolume::m_Commit(int& rc) {
 bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::string& strParent,
                                      const std::string& strName, bool bFolder, int nMediaType, int64_t nSize,
                                      int64_t nTime, bool bCheckRegular, int& rc, bool* pbIndexed) {
-    bool bIndexed = false;
-    if (pbIndexed == nullptr) pbIndexed = &bIndexed;
-    *pbIndexed = false;
     SMOXLibraryRow row;
     rc = m_db.Lookup(strRel, row);
     if (rc != SQLITE_ROW && rc != SQLITE_DONE) return m_Fail(rc, "lookup");
-    const bool bFound = rc == SQLITE_ROW;
+    return m_WriteKnown(strRel, strParent, strName, bFolder, nMediaType, nSize, nTime, bCheckRegular,
+                        rc == SQLITE_ROW ? &row : nullptr, rc, pbIndexed);
+}
+
+bool CMOXLibraryVolume::m_WriteKnown(const std::string& strRel, const std::string& strParent,
+                                     const std::string& strName, bool bFolder, int nMediaType, int64_t nSize,
+                                     int64_t nTime, bool bCheckRegular, const SMOXLibraryRow* pKnown, int& rc,
+                                     bool* pbIndexed) {
+    bool bIndexed = false;
+    if (pbIndexed == nullptr) pbIndexed = &bIndexed;
+    *pbIndexed = false;
+    const bool bFound = pKnown != nullptr;
+    const SMOXLibraryRow row = bFound ? *pKnown : SMOXLibraryRow();
     rc = SQLITE_OK;
     if (bFound) {
-        if (row.nId < kMaxSeenId) {
-            if (static_cast<size_t>(row.nId) >= m_seen.size()) m_seen.resize(static_cast<size_t>(row.nId) + 4096);
-            m_seen[static_cast<size_t>(row.nId)] = true;
-        }
+        m_MarkSeen(row.nId);
         const bool bSame = row.bFolder == bFolder && row.nTime == nTime && (bFolder || row.nSize == nSize);
         if (bSame) {
             *pbIndexed = true;
-            if (!bFolder && row.nState != 0) {
-                mox::MutexLock lock(m_mutex);
-                ++m_status.nDone;
-            }
+            if (!bFolder && row.nState != 0) ++m_nDoneUnreported;
             return true;
         }
     }
@@ -421,7 +466,9 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
         rc = m_db.DeleteTree(strRel, nDeleted);
         if (rc != SQLITE_OK) return m_Fail(rc, "delete");
         m_nRows -= nDeleted;
+        m_bRowsDeleted = true;
     }
+    if (m_bBudgetReached) return true;
     if (m_nRows >= m_bounds.nMaxRows) {
         if (!m_bRowsFullLogged)
             MOX_WARN("library %s: %lld rows, the bound: further files are not indexed.", m_strMountPath.c_str(),
@@ -436,7 +483,7 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
                 MOX_WARN("library %s: the library's byte bound is reached: further files are not indexed.",
                          m_strMountPath.c_str());
             m_bBudgetLogged = true;
-            m_nRows = m_bounds.nMaxRows;  // no more inserts in this run
+            m_bBudgetReached = true;  // no more inserts until the next scan
             return true;
         }
     }
@@ -446,10 +493,7 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
     if (rc != SQLITE_OK) return m_Fail(rc, "insert");
     *pbIndexed = true;
     ++m_nRows;
-    if (nId < kMaxSeenId) {
-        if (static_cast<size_t>(nId) >= m_seen.size()) m_seen.resize(static_cast<size_t>(nId) + 4096);
-        m_seen[static_cast<size_t>(nId)] = true;
-    }
+    m_MarkSeen(nId);
     if (!bFolder) {
         mox::MutexLock lock(m_mutex);
         ++m_status.counts[CountSlot(nMediaType)];
@@ -479,8 +523,15 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
     m_Watch(std::string());
     std::vector<SMOXFileInfo> batch;
     batch.reserve(kWalkBatch);
+    // The known rows of the folder being walked, read in one query when the
+    // walk enters it: an unchanged entry costs no query of its own.
+    std::unordered_map<std::string, SMOXLibraryRow> known;
+    std::string strKnownBase;
+    bool bKnownLoaded = false;
+    std::string strParent, strRel;
     bool bPaused = false;
     int rc = SQLITE_OK;
+    m_nDoneUnreported = 0;
     for (;;) {
         if (Stopping()) {
             eResult = EScan::kStopped;
@@ -510,17 +561,29 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
         for (const SMOXFileInfo& info : batch) {
             if (info.nType != MOX_SCANNER_TYPE_DIR && info.nType != MOX_SCANNER_TYPE_FILE) continue;
             if (info.bParentLink) continue;
-            std::string strParent;
-            if (info.strBasePath != m_strMountPath) {
-                strParent = m_Relative(info.strBasePath);
-                if (strParent.empty()) continue;  // never outside the mount
-            }
             const bool bFolder = info.nType == MOX_SCANNER_TYPE_DIR;
             if (!bFolder && info.nExtensionGroup == 0) continue;
-            const std::string strRel = JoinRel(strParent, info.strName);
+            if (!bKnownLoaded || info.strBasePath != strKnownBase) {
+                bKnownLoaded = false;
+                strParent.clear();
+                if (info.strBasePath != m_strMountPath) {
+                    strParent = m_Relative(info.strBasePath);
+                    if (strParent.empty()) continue;  // never outside the mount
+                }
+                rc = m_db.FolderRows(strParent, known);
+                if (rc != SQLITE_OK) {
+                    bOk = m_Fail(rc, "read");
+                    break;
+                }
+                strKnownBase = info.strBasePath;
+                bKnownLoaded = true;
+            }
+            strRel = JoinRel(strParent, info.strName);
+            const auto found = known.find(info.strName);
             bool bIndexed = false;
-            bOk = m_WriteEntry(strRel, strParent, info.strName, bFolder, bFolder ? 0 : info.nExtensionGroup,
-                               bFolder ? 0 : info.llFileSize, info.tModified, true, rc, &bIndexed);
+            bOk = m_WriteKnown(strRel, strParent, info.strName, bFolder, bFolder ? 0 : info.nExtensionGroup,
+                               bFolder ? 0 : info.llFileSize, info.tModified, true,
+                               found == known.end() ? nullptr : &found->second, rc, &bIndexed);
             if (!bOk) break;
             if (!bFolder && bIndexed) ++nFiles;
             if (bFolder) m_Watch(strRel);
@@ -529,7 +592,9 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
         {
             mox::MutexLock lock(m_mutex);
             m_status.nTotal += nFiles;
+            m_status.nDone += m_nDoneUnreported;
         }
+        m_nDoneUnreported = 0;
         if (!bOk) {
             eResult = EScan::kFailed;
             break;
