@@ -4,9 +4,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -93,6 +96,16 @@ private:
     };
 
     void m_Loop() {
+        // The helper serves every caller: it never keeps the priority of the
+        // thread that happened to start this one (the media library's
+        // indexer runs in the idle classes).
+        struct sched_param param;
+        memset(&param, 0, sizeof(param));
+        sched_setscheduler(static_cast<pid_t>(syscall(SYS_gettid)), SCHED_OTHER, &param);
+        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 0);
+        constexpr int kIoprioWhoProcess = 1, kIoprioClassBestEffort = 2, kIoprioClassShift = 13, kIoprioNormal = 4;
+        syscall(SYS_ioprio_set, kIoprioWhoProcess, static_cast<pid_t>(syscall(SYS_gettid)),
+                (kIoprioClassBestEffort << kIoprioClassShift) | kIoprioNormal);
         mox::UniqueLock lock(m_mutex);
         for (;;) {
             while (m_pJob == nullptr) lock.Wait(m_cond);
