@@ -12,6 +12,8 @@
 //                       3 nothing to extract (folders, groups without tags)
 //   items_fts           FTS5 over title, artist, album and file name
 //                       (unicode61, remove_diacritics 2), kept by triggers
+//                       (an update that leaves those columns as they
+//                       were does not touch it)
 // Indices serve the views of a read-only reader (by folder, date taken, file
 // time, title, file name, artist, album and track, genre).
 //

@@ -31,9 +31,16 @@
 
 namespace {
 
-constexpr int kWalkBatch = 128;                     // entries drained from the scan list at once
-constexpr int kScanListSize = 1024;                 // the scan list's bound
-constexpr int kExtractBatch = 16;                   // files extracted between two commits
+constexpr int kWalkBatch = 128;      // entries drained from the scan list at once
+constexpr int kScanListSize = 1024;  // the scan list's bound
+constexpr int kExtractBatch = 16;    // files extracted between two stores
+// A transaction of the walk or the extraction stays open this long (or for
+// this many rows, a bound of its log on a fast machine): every commit writes
+// the touched pages of nine indices and the text index to the log again, so
+// few large ones are much cheaper than many small ones. A kill or a full
+// disk takes at most this much work with it.
+constexpr auto kCommitEvery = std::chrono::milliseconds(500);
+constexpr int kCommitRows = 4096;
 constexpr int kDropBatch = 1024;                    // rows checked at once after a walk
 constexpr int kBudgetEvery = 512;                   // inserts between two checks of the byte bound
 constexpr int64_t kMaxSeenId = 64LL * 1024 * 1024;  // 8 MiB of "seen" bits at most
@@ -353,8 +360,15 @@ void CMOXLibraryVolume::m_MarkSeen(int64_t nId) {
     ++m_nSeen;
 }
 
+bool CMOXLibraryVolume::m_CommitDue() const {
+    return m_bInTransaction && (m_nTransactionRows >= kCommitRows || Clock::now() - m_transactionStart >= kCommitEvery);
+}
+
 bool CMOXLibraryVolume::m_WaitWhileBusy() {
     if (!m_rUsersBusy.load()) return true;
+    // What is done is visible while users are served.
+    int rc = SQLITE_OK;
+    if (!m_Commit(rc)) return false;
     std::string strBefore;
     {
         mox::MutexLock lock(m_mutex);
@@ -401,6 +415,8 @@ bool CMOXLibraryVolume::m_Change(int& rc) {
     rc = m_db.Begin();
     if (rc != SQLITE_OK) return m_Fail(rc, "begin");
     m_bInTransaction = true;
+    m_transactionStart = Clock::now();
+    m_nTransactionRows = 0;
     m_nNextGeneration = m_db.Generation() + 1;
     return true;
 }
@@ -455,6 +471,7 @@ bool CMOXLibraryVolume::m_WriteKnown(const std::string& strRel, const std::strin
         if (!fd.IsValid() || fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode)) return true;
     }
     if (!m_Change(rc)) return false;
+    ++m_nTransactionRows;
     const int nState = bFolder ? 3 : 0;
     if (bFound && row.bFolder == bFolder) {
         *pbIndexed = true;
@@ -588,7 +605,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
             if (!bFolder && bIndexed) ++nFiles;
             if (bFolder) m_Watch(strRel);
         }
-        if (bOk) bOk = m_Commit(rc);
+        if (bOk && m_CommitDue()) bOk = m_Commit(rc);
         {
             mox::MutexLock lock(m_mutex);
             m_status.nTotal += nFiles;
@@ -602,6 +619,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
     }
     scanner.Stop();
     scanner.Destroy();
+    if (eResult != EScan::kFailed && !m_Commit(rc)) eResult = EScan::kFailed;
     return eResult;
 }
 
@@ -644,7 +662,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
             m_Fail(rc, "read");
             return EScan::kFailed;
         }
-        if (pending.empty()) return EScan::kComplete;
+        if (pending.empty()) return m_Commit(rc) ? EScan::kComplete : EScan::kFailed;
         fields.assign(pending.size(), SMOXLibraryFields());
         states.assign(pending.size(), 0);
         gone.assign(pending.size(), false);
@@ -657,6 +675,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
             gone[nDone] = bGone;
         }
         if (nDone > 0 && !m_Change(rc)) return EScan::kFailed;
+        m_nTransactionRows += static_cast<int>(nDone);
         for (size_t i = 0; i < nDone; ++i) {
             if (gone[i]) {
                 rc = m_db.DeleteId(pending[i].nId);
@@ -678,7 +697,8 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
                 return EScan::kFailed;
             }
         }
-        if (!m_Commit(rc)) return EScan::kFailed;
+        const bool bLast = Stopping() || nDone < pending.size();
+        if ((bLast || m_CommitDue()) && !m_Commit(rc)) return EScan::kFailed;
         if (Stopping()) return EScan::kStopped;
         if (nDone < pending.size()) return EScan::kFailed;
         nAfter = pending.back().nId;

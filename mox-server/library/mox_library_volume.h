@@ -21,6 +21,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -107,6 +108,8 @@ private:
     void m_Watch(const std::string& strRel);
     void m_ReadInotify();
     bool m_WaitWhileBusy();
+    // The open transaction has run long enough to be committed.
+    bool m_CommitDue() const;
     void m_MarkSeen(int64_t nId);
     // SCHED_IDLE and the idle I/O class for the calling (indexer) thread.
     void m_LowestPriority();
@@ -147,6 +150,8 @@ private:
     int64_t m_nSeen = 0;          // rows marked in m_seen
     bool m_bRowsDeleted = false;  // rows went during the scan's walk
     bool m_bInTransaction = false;
+    std::chrono::steady_clock::time_point m_transactionStart;
+    int m_nTransactionRows = 0;  // rows written by the open transaction
     int64_t m_nNextGeneration = 0;
     int64_t m_nRows = 0;
     bool m_bRowsFullLogged = false;
