@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -289,5 +290,54 @@ TEST(LibraryFaults, RowAndByteBoundsHold) {
     EXPECT_EQ(h.CountLog("dropping the index"), 1u);
     EXPECT_EQ(h.CountLog("byte bound is reached"), 1u);
     EXPECT_EQ(Query(lib.Db("s5"), "PRAGMA quick_check"), "ok");
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// The index's file system fills up during a re-plug's transaction: one
+// warning, "failed", the rows committed before stay readable; once there is
+// room again a rescan finishes the index.
+TEST(LibraryFaults, AFullDiskStopsIndexingAndKeepsWhatWasCommitted) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root for a loop mount";
+    EngineHarness h;
+    Library lib(h);
+    const std::string disk = h.Path("disk");
+    fs::create_directories(disk);
+    moxtest::LoopFs loop(h.Path("disk.img"), disk, 16);
+    if (!loop.Mounted()) GTEST_SKIP() << loop.Why();
+    h.SetEnv("MOX_LIBRARY_DIR", disk + "/lib");
+    const std::string db = disk + "/lib/uuid-f-s6.db";
+    MakeQuickFiles(lib.Mount("s6"), 300);
+    ASSERT_TRUE(lib.Start());
+    lib.Plug("s6");
+    const Json::Value first = lib.Wait("s6", "ready");
+    EXPECT_EQ(first["counts"]["other"].asInt(), 300);
+    lib.Unplug("s6");
+
+    struct statvfs vfs;
+    ASSERT_EQ(statvfs(disk.c_str(), &vfs), 0);
+    const long long room = static_cast<long long>(vfs.f_bavail) * vfs.f_frsize - 128 * 1024;
+    const int fd = open((disk + "/filler").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(posix_fallocate(fd, 0, room), 0);
+    close(fd);
+    MakeQuickFiles(lib.Mount("s6") + "/more", 3000, 150);
+    lib.Plug("s6");
+    lib.Wait("s6", "failed");
+    EXPECT_EQ(h.CountLog("is full"), 1u);
+    EXPECT_EQ(Query(db, "PRAGMA quick_check"), "ok");
+    EXPECT_EQ(QueryInt(db, "SELECT count(*) FROM items WHERE file_name LIKE 'qqqqqqqq_%' AND parent = X''"), 300);
+    EXPECT_TRUE(h.Call("get_usb_storages", g_variant_new("(u)", 1u)).ok());
+
+    fs::remove(disk + "/filler");
+    EXPECT_TRUE(
+        h.Call(
+             "request_act",
+             g_variant_new(
+                 "(uss)", 0u, "",
+                 (R"({"mox_command":"mox_library_rescan","mox_library_mount":")" + lib.Mount("s6") + R"("})").c_str()),
+             lib.conn.get())
+            .ok());
+    const Json::Value ready = lib.Wait("s6", "ready");
+    EXPECT_EQ(ready["counts"]["other"].asInt(), 3300);
     EXPECT_EQ(h.Stop(), 0);
 }
