@@ -250,7 +250,9 @@ void CMOXLibraryVolume::m_Report() {
 
 void CMOXLibraryVolume::m_UpdateCounts() {
     int64_t counts[4];
-    if (!m_db.Counts(counts, m_nRows)) return;
+    int64_t nRows = 0;
+    if (!m_db.Counts(counts, nRows)) return;
+    m_nRows = nRows;
     // For the status of the volume once it is unmounted.
     if (!m_bInTransaction && !m_bFull) m_db.SaveCounts(counts);
     mox::MutexLock lock(m_mutex);
