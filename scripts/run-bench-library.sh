@@ -11,7 +11,8 @@
 #     (SCHED_IDLE, so that other load on the machine weighs on both sides
 #     alike; the walk at normal priority is printed too), and the generation
 #     (unchanged = nothing extracted);
-#   - get_usb_storages p99 while indexing against idle;
+#   - get_usb_storages p99 while indexing against idle (probed right before
+#     each index);
 #   - the daemon's RSS growth from before the first mount to the end of the
 #     last index (MOX_BENCH_LIBRARY_FILES=100000 for the memory figure).
 # The tree's files are hard links of three samples per folder (no disk for
@@ -104,12 +105,14 @@ PY
 p99() { sort -n | awk '{a[NR]=$1} END {i=int(NR*0.99); if (i<1) i=1; print a[i]}'; }
 stats() { sort -n | awk '{a[NR]=$1} END {printf "median %.3f (range %.3f-%.3f)", a[int((NR+1)/2)], a[1], a[NR]}'; }
 
-idle_p99=$(probe 3 | p99)
 rss_before=$(rss)
-: >"$WORK/first" ; : >"$WORK/replug"; : >"$WORK/floor"; : >"$WORK/walk"; : >"$WORK/walk-normal"; : >"$WORK/busy"
+: >"$WORK/idle"; : >"$WORK/first" ; : >"$WORK/replug"; : >"$WORK/floor"; : >"$WORK/walk"; : >"$WORK/walk-normal"; : >"$WORK/busy"
 for ((r = 0; r < rounds; r++)); do
   unplug
   rm -f "$MOX_LIBRARY_DIR"/*.db*
+  # Idle right before each index: the machine's other load drifts less
+  # between the two samples.
+  probe 2 >>"$WORK/idle"
   t0=$(now); plug
   probe 4 >>"$WORK/busy" &
   probe_pid=$!
@@ -143,6 +146,7 @@ floor=$(sort -n "$WORK/floor" | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
 replug=$(sort -n "$WORK/replug" | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
 walk=$(sort -n "$WORK/walk" | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
 busy_p99=$(p99 <"$WORK/busy")
+idle_p99=$(p99 <"$WORK/idle")
 echo "first index of $files files: $(stats <"$WORK/first") files/s"
 echo "  raw floor: $(stats <"$WORK/floor") files/s -> $(echo "$first / $floor" | bc -l | cut -c1-5)x the floor (goal >= 0.5)"
 echo "re-plug unchanged: $(stats <"$WORK/replug") s from the plug to the ready notification"
