@@ -244,6 +244,16 @@ std::vector<SMOXLibraryStatus> CMOXLibrary::Statuses(const std::string& strMount
             mountedIds.push_back(entry.second->VolumeId());
             if (strMount.empty() || entry.first == strMount) out.push_back(entry.second->Status());
         }
+        // Unmounted, its indexer still closing the file: described from
+        // memory (the file may be between its last checkpoint and close).
+        for (auto& pVolume : m_stopping) {
+            if (std::find(mountedIds.begin(), mountedIds.end(), pVolume->VolumeId()) != mountedIds.end()) continue;
+            mountedIds.push_back(pVolume->VolumeId());
+            if (!strMount.empty() && pVolume->MountPath() != strMount) continue;
+            SMOXLibraryStatus status = pVolume->Status();
+            status.strState = "unmounted";
+            out.push_back(std::move(status));
+        }
     }
     // The known volumes that are not mounted, from their index files (read
     // outside the lock: storage events never wait for these reads).

@@ -139,10 +139,11 @@ bool CMOXLibraryDb::m_OpenChecked(const std::string& path, const std::string& st
                                   std::string& why) {
     Close();
     m_strPath = path;
-    // A log left behind: the last run did not end cleanly (a clean close
-    // checkpoints and removes it).
+    // A log with frames left behind: the last run did not end cleanly (a
+    // clean close checkpoints and removes it; a reader of a closed index
+    // leaves an empty one).
     struct stat st;
-    const bool bUnclean = lstat((path + "-wal").c_str(), &st) == 0;
+    const bool bUnclean = lstat((path + "-wal").c_str(), &st) == 0 && st.st_size > 0;
     if (m_db.Open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX) !=
         SQLITE_OK) {
         why = m_db.LastError();

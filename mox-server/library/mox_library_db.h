@@ -66,8 +66,8 @@ public:
     // version, or fails the quick check, is moved aside to PATH.broken (one
     // warning) and a fresh one made. The quick check (a read of the whole
     // file, seconds for millions of rows) runs only after an unclean end, a
-    // write-ahead log left behind; damage found later is handled by
-    // MoveAside().
+    // write-ahead log with frames left behind; damage found later is
+    // handled by MoveAside().
     EOpen Open(const std::string& path, const std::string& strVolumeId);
     // SQLite found the open file corrupt while in use: closes it and moves
     // it aside (one warning); the next open rebuilds it.
