@@ -77,7 +77,7 @@ public:
     void Unplug(const std::string& name) { ASSERT_EQ(remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0); }
     // The next notification of `mount` in state `state` after the first `skip`.
     Json::Value WaitState(const std::string& mount, const std::string& state, size_t& seen) {
-        for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(180);
              std::chrono::steady_clock::now() < deadline;) {
             auto all = signals->Named("mox_library_notification");
             for (; seen < all.size(); ++seen) {

@@ -79,7 +79,7 @@ struct Library {
     std::string Mount(const std::string& name) const { return h.UsbRoot() + "/" + name; }
     std::string Db(const std::string& name) const { return h.Path("library") + "/uuid-f-" + name + ".db"; }
     // The next notification of `name` in `state`.
-    Json::Value Wait(const std::string& name, const std::string& state, int seconds = 120) {
+    Json::Value Wait(const std::string& name, const std::string& state, int seconds = 180) {
         for (auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
             auto all = signals->Named("mox_library_notification");
             while (seen < all.size()) {
