@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -35,6 +36,21 @@ std::string TrimSlashes(std::string path) {
 bool EndsWith(const std::string& text, const char* szSuffix) {
     const size_t n = strlen(szSuffix);
     return text.size() >= n && text.compare(text.size() - n, n, szSuffix) == 0;
+}
+
+// A bound lowered through the environment (tests), else the default; a
+// value that is not a positive number keeps the default (one warning).
+int64_t BoundFromEnv(const char* szName, int64_t nDefault) {
+    const char* szValue = getenv(szName);
+    if (!szValue || !*szValue) return nDefault;
+    char* pEnd = nullptr;
+    errno = 0;
+    const long long n = strtoll(szValue, &pEnd, 10);
+    if (errno != 0 || *pEnd != '\0' || n <= 0) {
+        MOX_WARN("%s=%s is not a positive number: %lld is used.", szName, szValue, static_cast<long long>(nDefault));
+        return nDefault;
+    }
+    return n;
 }
 
 std::string Sha256Prefix(const std::string& text) {
@@ -90,7 +106,11 @@ std::string CMOXLibrary::VolumeIdOf(const char* szFsUuid, const char* szSerial, 
 }
 
 CMOXLibrary::CMOXLibrary(IMOXSignalSink& sink, ClientsFn clients)
-    : m_sink(sink), m_clients(std::move(clients)), m_strDir(mox_host::LibraryDir()) {
+    : m_sink(sink),
+      m_clients(std::move(clients)),
+      m_strDir(mox_host::LibraryDir()),
+      m_nMaxBytes(BoundFromEnv("MOX_LIBRARY_MAX_BYTES", kMaxTotalBytes)) {
+    m_bounds.nMaxRows = BoundFromEnv("MOX_LIBRARY_MAX_ROWS", m_bounds.nMaxRows);
     if (g_mkdir_with_parents(m_strDir.c_str(), 0700) != 0)
         MOX_WARN("library directory %s cannot be made (%s): volumes will not be indexed.", m_strDir.c_str(),
                  strerror(errno));
@@ -178,7 +198,7 @@ void CMOXLibrary::OnMounted(usb_device_h device) {
         VolumeIdOf(szUuid, usb_device_get_serial(device), usb_device_get_partlabel(device), nBytes);
     auto pVolume = std::make_unique<CMOXLibraryVolume>(
         strMount, strId, m_strDir + "/" + strId + ".db", UsersBusy(),
-        [this](const SMOXLibraryStatus& status) { m_Emit(status); }, [this] { return m_FitBudget(); });
+        [this](const SMOXLibraryStatus& status) { m_Emit(status); }, [this] { return m_FitBudget(); }, m_bounds);
     mox::MutexLock lock(m_mutex);
     if (m_bQuit) return;
     for (const auto& entry : m_volumes) {
@@ -239,9 +259,54 @@ void CMOXLibrary::NoteChanged(const std::string& strPath) {
 
 std::vector<SMOXLibraryStatus> CMOXLibrary::Statuses(const std::string& strMount) {
     std::vector<SMOXLibraryStatus> out;
-    mox::MutexLock lock(m_mutex);
-    for (auto& entry : m_volumes)
-        if (strMount.empty() || entry.first == strMount) out.push_back(entry.second->Status());
+    std::vector<std::string> mountedIds;
+    {
+        mox::MutexLock lock(m_mutex);
+        for (auto& entry : m_volumes) {
+            mountedIds.push_back(entry.second->VolumeId());
+            if (strMount.empty() || entry.first == strMount) out.push_back(entry.second->Status());
+        }
+        // Unmounted, its indexer still closing the file: described from
+        // memory (the file may be between its last checkpoint and close).
+        for (auto& pVolume : m_stopping) {
+            if (std::find(mountedIds.begin(), mountedIds.end(), pVolume->VolumeId()) != mountedIds.end()) continue;
+            mountedIds.push_back(pVolume->VolumeId());
+            if (!strMount.empty() && pVolume->MountPath() != strMount) continue;
+            SMOXLibraryStatus status = pVolume->Status();
+            status.strState = "unmounted";
+            out.push_back(std::move(status));
+        }
+    }
+    // The known volumes that are not mounted, from their index files (read
+    // outside the lock: storage events never wait for these reads).
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(m_strDir.c_str()), closedir);
+    if (!dir) return out;
+    std::vector<std::string> names;
+    while (struct dirent* entry = readdir(dir.get())) {
+        const std::string strName = entry->d_name;
+        if (EndsWith(strName, ".db") && strName.size() > 3) names.push_back(strName);
+    }
+    std::sort(names.begin(), names.end());
+    for (const std::string& strName : names) {
+        const std::string strId = strName.substr(0, strName.size() - 3);
+        if (std::find(mountedIds.begin(), mountedIds.end(), strId) != mountedIds.end()) continue;
+        const std::string strPath = m_strDir + "/" + strName;
+        SMOXLibrarySummary summary;
+        if (!CMOXLibraryDb::ReadSummary(strPath, summary) || summary.strVolumeId != strId) continue;
+        if (!strMount.empty() && summary.strMountPath != strMount) continue;
+        SMOXLibraryStatus status;
+        status.strMountPath = summary.strMountPath;
+        status.strVolumeId = strId;
+        status.strState = "unmounted";
+        status.nGeneration = summary.nGeneration;
+        for (int i = 0; i < 4; ++i) status.counts[i] = summary.counts[i];
+        status.nTotal = status.nDone = status.counts[0] + status.counts[1] + status.counts[2] + status.counts[3];
+        status.nDbBytes = 0;
+        struct stat st;
+        for (const char* szSuffix : {"", "-wal"})
+            if (stat((strPath + szSuffix).c_str(), &st) == 0) status.nDbBytes += st.st_size;
+        out.push_back(std::move(status));
+    }
     return out;
 }
 
@@ -270,17 +335,20 @@ int CMOXLibrary::HandleCommand(const std::string& strDocument, std::string& strR
         MOX_WARN("library rescan without \"mox_library_mount\".");
         return MOX_ERROR_INVALID_PARAMETER;
     }
-    std::vector<SMOXLibraryStatus> statuses;
+    bool bMounted;
     {
         mox::MutexLock lock(m_mutex);
-        if (!strMount.empty() && m_volumes.count(strMount) == 0) {
-            MOX_WARN("library command: %s is not an indexed mount.",
-                     CMOXExtractor::FileNameToUtf8(strMount.substr(0, 256)).c_str());
-            return MOX_ERROR_INVALID_PARAMETER;
-        }
-        if (bRescan) m_volumes[strMount]->Rescan();
+        bMounted = m_volumes.count(strMount) != 0;
+        if (bRescan && bMounted) m_volumes[strMount]->Rescan();
     }
-    statuses = Statuses(strMount);
+    // A status may name where a known volume was last mounted; a rescan
+    // needs it mounted.
+    const std::vector<SMOXLibraryStatus> statuses = Statuses(strMount);
+    if (!strMount.empty() && (bRescan ? !bMounted : statuses.empty())) {
+        MOX_WARN("library command: %s is not an indexed mount.",
+                 CMOXExtractor::FileNameToUtf8(strMount.substr(0, 256)).c_str());
+        return MOX_ERROR_INVALID_PARAMETER;
+    }
     Json::Value result(Json::objectValue);
     result["volumes"] = Json::Value(Json::arrayValue);
     for (const SMOXLibraryStatus& status : statuses) {
@@ -361,17 +429,17 @@ bool CMOXLibrary::m_FitBudget() {
         file.nBytes += st.st_size;
         if (EndsWith(strName, ".db")) file.tTime = st.st_mtime;
     }
-    if (nTotal <= kMaxTotalBytes) return true;
+    if (nTotal <= m_nMaxBytes) return true;
     std::vector<SFile> candidates;
     for (auto& entry : files)
         if (std::find(mounted.begin(), mounted.end(), entry.first) == mounted.end()) candidates.push_back(entry.second);
     std::sort(candidates.begin(), candidates.end(), [](const SFile& a, const SFile& b) { return a.tTime < b.tTime; });
     for (const SFile& file : candidates) {
-        if (nTotal <= kMaxTotalBytes) break;
+        if (nTotal <= m_nMaxBytes) break;
         MOX_INFO("library: dropping the index %s (least recently mounted) to stay below %lld bytes.",
-                 file.strDb.c_str(), static_cast<long long>(kMaxTotalBytes));
+                 file.strDb.c_str(), static_cast<long long>(m_nMaxBytes));
         for (const char* szSuffix : {"", "-wal", "-shm", ".broken"}) remove((file.strDb + szSuffix).c_str());
         nTotal -= file.nBytes;
     }
-    return nTotal <= kMaxTotalBytes;
+    return nTotal <= m_nMaxBytes;
 }

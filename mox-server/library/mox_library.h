@@ -41,6 +41,8 @@ public:
 
     // Total bytes of the index files; least-recently-mounted volumes that
     // are not mounted go first when a mount or an indexer needs room.
+    // MOX_LIBRARY_MAX_BYTES and MOX_LIBRARY_MAX_ROWS (rows per volume) lower
+    // the bounds for tests.
     static constexpr int64_t kMaxTotalBytes = 256LL * 1024 * 1024;
     // How often the state of indexing volumes is sent.
     static constexpr std::chrono::milliseconds kTick{750};
@@ -65,7 +67,9 @@ public:
 
     void NoteChanged(const std::string& strPath);
     int HandleCommand(const std::string& strDocument, std::string& strResult);
-    // The status documents of the mounted volumes (all, or the one at strMount).
+    // The status documents of the mounted volumes, then of the volumes known
+    // from their index files that are not mounted (state "unmounted",
+    // "mount_path" where they were last mounted); all, or those at strMount.
     std::vector<SMOXLibraryStatus> Statuses(const std::string& strMount);
 
     static std::string VolumeIdOf(const char* szFsUuid, const char* szSerial, const char* szLabel, uint64_t nBytes);
@@ -83,6 +87,8 @@ private:
     IMOXSignalSink& m_sink;
     const ClientsFn m_clients;
     const std::string m_strDir;
+    const int64_t m_nMaxBytes;
+    SMOXLibraryBounds m_bounds;  // set in the constructor only
 
     mox::Mutex m_mutex;
     std::map<std::string, std::unique_ptr<CMOXLibraryVolume>> m_volumes GUARDED_BY(m_mutex);  // by mount path

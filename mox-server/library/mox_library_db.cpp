@@ -3,7 +3,11 @@
 
 #include "mox_library_db.h"
 
+#include <sys/stat.h>
+
+#include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -43,7 +47,9 @@ CREATE TRIGGER items_ad AFTER DELETE ON items BEGIN
   INSERT INTO items_fts(items_fts, rowid, title, artist, album, file_name)
     VALUES ('delete', old.id, old.title, old.artist, old.album, old.file_name);
 END;
-CREATE TRIGGER items_au AFTER UPDATE OF title, artist, album, file_name ON items BEGIN
+CREATE TRIGGER items_au AFTER UPDATE OF title, artist, album, file_name ON items
+  WHEN old.title IS NOT new.title OR old.artist IS NOT new.artist OR old.album IS NOT new.album
+    OR old.file_name IS NOT new.file_name BEGIN
   INSERT INTO items_fts(items_fts, rowid, title, artist, album, file_name)
     VALUES ('delete', old.id, old.title, old.artist, old.album, old.file_name);
   INSERT INTO items_fts(rowid, title, artist, album, file_name)
@@ -105,7 +111,19 @@ CMOXLibraryDb::EOpen CMOXLibraryDb::Open(const std::string& path, const std::str
     return EOpen::kRebuilt;
 }
 
+void CMOXLibraryDb::MoveAside() {
+    Close();
+    if (m_strPath.empty()) return;
+    const std::string aside = m_strPath + ".broken";
+    MOX_WARN("library index %s found corrupt while in use: moved aside to %s, rebuilt on the next mount.",
+             m_strPath.c_str(), aside.c_str());
+    if (rename(m_strPath.c_str(), aside.c_str()) != 0) remove(m_strPath.c_str());
+    remove((m_strPath + "-wal").c_str());
+    remove((m_strPath + "-shm").c_str());
+}
+
 void CMOXLibraryDb::Close() {
+    m_folder = {};
     m_lookup = {};
     m_insert = {};
     m_updateBasic = {};
@@ -120,6 +138,12 @@ void CMOXLibraryDb::Close() {
 bool CMOXLibraryDb::m_OpenChecked(const std::string& path, const std::string& strVolumeId, bool& bCreated,
                                   std::string& why) {
     Close();
+    m_strPath = path;
+    // A log with frames left behind: the last run did not end cleanly (a
+    // clean close checkpoints and removes it; a reader of a closed index
+    // leaves an empty one).
+    struct stat st;
+    const bool bUnclean = lstat((path + "-wal").c_str(), &st) == 0 && st.st_size > 0;
     if (m_db.Open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX) !=
         SQLITE_OK) {
         why = m_db.LastError();
@@ -138,7 +162,13 @@ bool CMOXLibraryDb::m_OpenChecked(const std::string& path, const std::string& st
         why = "not a library index of version " + std::to_string(kSchemaVersion);
         return false;
     }
-    if (m_db.Exec("PRAGMA journal_mode=WAL") != SQLITE_OK || m_db.Exec("PRAGMA synchronous=NORMAL") != SQLITE_OK) {
+    // WAL with synchronous=NORMAL: a commit is not synced (only checkpoints
+    // are) and stays atomic; a power cut loses at most the last commits. A
+    // 4 MiB page cache holds the indices' hot pages of a big volume. The
+    // statement journals of updates that fire the text index's triggers stay
+    // in memory: in a temporary file they wrote every touched page again.
+    if (m_db.Exec("PRAGMA journal_mode=WAL") != SQLITE_OK || m_db.Exec("PRAGMA synchronous=NORMAL") != SQLITE_OK ||
+        m_db.Exec("PRAGMA cache_size=-4096") != SQLITE_OK || m_db.Exec("PRAGMA temp_store=MEMORY") != SQLITE_OK) {
         why = m_db.LastError();
         return false;
     }
@@ -147,7 +177,7 @@ bool CMOXLibraryDb::m_OpenChecked(const std::string& path, const std::string& st
             why = m_db.LastError();
             return false;
         }
-    } else {
+    } else if (bUnclean) {
         mox_sql::CMOXSqliteStmt check;
         if (m_db.Prepare("PRAGMA quick_check", check) != SQLITE_OK || check.Step() != SQLITE_ROW ||
             check.Bytes(0) != "ok") {
@@ -201,7 +231,10 @@ bool CMOXLibraryDb::m_Prepare() {
     if (m_db.Prepare("INSERT INTO volume(key, value) VALUES (?1, ?2) ON CONFLICT(key) DO UPDATE SET value = ?2",
                      m_setMeta) != SQLITE_OK)
         return false;
-    return m_db.Prepare("SELECT id, file_size, file_time, state, media_type, is_folder FROM items WHERE rel_path = ?1",
+    return m_db.Prepare(
+               "SELECT id, file_size, file_time, state, media_type, is_folder, rel_path FROM items WHERE parent = ?1",
+               m_folder) == SQLITE_OK &&
+           m_db.Prepare("SELECT id, file_size, file_time, state, media_type, is_folder FROM items WHERE rel_path = ?1",
                         m_lookup) == SQLITE_OK &&
            m_db.Prepare(
                "INSERT INTO items(rel_path, parent, file_name, is_folder, media_type, file_size, file_time, "
@@ -232,6 +265,26 @@ int CMOXLibraryDb::SetMeta(const char* szKey, const std::string& strValue) {
     m_setMeta.BindText(1, szKey);
     m_setMeta.BindText(2, strValue);
     return Run(m_setMeta);
+}
+
+int CMOXLibraryDb::FolderRows(const std::string& strParent, std::unordered_map<std::string, SMOXLibraryRow>& out) {
+    out.clear();
+    m_folder.BindBlob(1, strParent);
+    const size_t nSkip = strParent.empty() ? 0 : strParent.size() + 1;
+    int rc;
+    while ((rc = m_folder.Step()) == SQLITE_ROW) {
+        const std::string_view rel = m_folder.View(6);
+        if (rel.size() <= nSkip) continue;
+        SMOXLibraryRow& row = out[std::string(rel.substr(nSkip))];
+        row.nId = m_folder.Int(0);
+        row.nSize = m_folder.Int(1);
+        row.nTime = m_folder.Int(2);
+        row.nState = static_cast<int>(m_folder.Int(3));
+        row.nMediaType = static_cast<int>(m_folder.Int(4));
+        row.bFolder = m_folder.Int(5) != 0;
+    }
+    m_folder.Reset();
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
 }
 
 int CMOXLibraryDb::Lookup(const std::string& strRelPath, SMOXLibraryRow& row) {
@@ -349,23 +402,88 @@ int CMOXLibraryDb::RowsAfter(int64_t nAfter, int nMax, std::vector<std::pair<int
     return rc == SQLITE_DONE ? SQLITE_OK : rc;
 }
 
-bool CMOXLibraryDb::Counts(int64_t counts[4]) {
+bool CMOXLibraryDb::Counts(int64_t counts[4], int64_t& nRows) {
     counts[0] = counts[1] = counts[2] = counts[3] = 0;
+    nRows = 0;
     mox_sql::CMOXSqliteStmt stmt;
-    if (m_db.Prepare("SELECT media_type, count(*) FROM items WHERE is_folder = 0 GROUP BY media_type", stmt) !=
-        SQLITE_OK)
-        return false;
+    // Folders are media type 0, files never are: one scan of a narrow index.
+    if (m_db.Prepare("SELECT media_type, count(*) FROM items GROUP BY media_type", stmt) != SQLITE_OK) return false;
     int rc;
     while ((rc = stmt.Step()) == SQLITE_ROW) {
         const int64_t nType = stmt.Int(0);
+        nRows += stmt.Int(1);
+        if (nType == 0) continue;
         const int nSlot = nType == 2 ? 0 : nType == 3 ? 1 : nType == 5 ? 2 : 3;
         counts[nSlot] += stmt.Int(1);
     }
     return rc == SQLITE_DONE;
 }
 
-bool CMOXLibraryDb::RowCount(int64_t& nRows) {
-    return m_db.QueryInt("SELECT count(*) FROM items", nRows);
+namespace {
+
+std::string CountsText(int64_t nGeneration, const int64_t counts[4]) {
+    char sz[128];
+    snprintf(sz, sizeof(sz), "%" PRId64 " %" PRId64 " %" PRId64 " %" PRId64 " %" PRId64, nGeneration, counts[0],
+             counts[1], counts[2], counts[3]);
+    return sz;
+}
+
+// A summary's counts from a one-row text, if they belong to nGeneration.
+bool ParseCounts(const std::string& text, int64_t nGeneration, int64_t counts[4]) {
+    int64_t nSaved = 0;
+    int64_t c[4];
+    if (sscanf(text.c_str(), "%" SCNd64 " %" SCNd64 " %" SCNd64 " %" SCNd64 " %" SCNd64, &nSaved, &c[0], &c[1], &c[2],
+               &c[3]) != 5 ||
+        nSaved != nGeneration)
+        return false;
+    for (int i = 0; i < 4; ++i) counts[i] = c[i];
+    return true;
+}
+
+}  // namespace
+
+int CMOXLibraryDb::SaveCounts(const int64_t counts[4]) {
+    const std::string text = CountsText(m_nGeneration, counts);
+    mox_sql::CMOXSqliteStmt stmt;
+    int64_t unused[4];
+    if (m_db.Prepare("SELECT value FROM volume WHERE key = 'counts'", stmt) == SQLITE_OK && stmt.Step() == SQLITE_ROW &&
+        stmt.Bytes(0) == text && ParseCounts(text, m_nGeneration, unused))
+        return SQLITE_OK;
+    stmt = {};
+    return SetMeta("counts", text);
+}
+
+bool CMOXLibraryDb::ReadSummary(const std::string& path, SMOXLibrarySummary& out) {
+    mox_sql::CMOXSqliteDb db;
+    if (db.Open(path, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX) != SQLITE_OK) return false;
+    sqlite3_busy_timeout(db.Get(), 200);
+    int64_t nAppId = 0, nVersion = 0;
+    if (!db.QueryInt("PRAGMA application_id", nAppId) || !db.QueryInt("PRAGMA user_version", nVersion) ||
+        nAppId != kApplicationId || nVersion != kSchemaVersion)
+        return false;
+    mox_sql::CMOXSqliteStmt meta;
+    if (db.Prepare("SELECT key, value FROM volume", meta) != SQLITE_OK) return false;
+    std::string strCounts;
+    int rc;
+    while ((rc = meta.Step()) == SQLITE_ROW) {
+        const std::string key = meta.Bytes(0);
+        if (key == "volume_id") out.strVolumeId = meta.Bytes(1);
+        if (key == "mount_path") out.strMountPath = meta.Bytes(1);
+        if (key == "generation") out.nGeneration = meta.Int(1);
+        if (key == "last_mounted") out.nLastMounted = std::atoll(meta.Bytes(1).c_str());
+        if (key == "counts") strCounts = meta.Bytes(1);
+    }
+    if (rc != SQLITE_DONE || out.strVolumeId.empty()) return false;
+    if (ParseCounts(strCounts, out.nGeneration, out.counts)) return true;
+    mox_sql::CMOXSqliteStmt count;
+    if (db.Prepare("SELECT media_type, count(*) FROM items WHERE media_type != 0 GROUP BY media_type", count) !=
+        SQLITE_OK)
+        return false;
+    while ((rc = count.Step()) == SQLITE_ROW) {
+        const int64_t nType = count.Int(0);
+        out.counts[nType == 2 ? 0 : nType == 3 ? 1 : nType == 5 ? 2 : 3] += count.Int(1);
+    }
+    return rc == SQLITE_DONE;
 }
 
 bool CMOXLibraryDb::PendingCount(int64_t& nRows) {

@@ -12,6 +12,8 @@
 //                       3 nothing to extract (folders, groups without tags)
 //   items_fts           FTS5 over title, artist, album and file name
 //                       (unicode61, remove_diacritics 2), kept by triggers
+//                       (an update that leaves those columns as they
+//                       were does not touch it)
 // Indices serve the views of a read-only reader (by folder, date taken, file
 // time, title, file name, artist, album and track, genre).
 //
@@ -21,6 +23,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "mox_library_extract.h"
@@ -33,6 +36,15 @@ struct SMOXLibraryRow {
     int nState = 0;
     int nMediaType = 0;
     bool bFolder = false;
+};
+
+// What a volume's index file says of it, read without the indexer.
+struct SMOXLibrarySummary {
+    std::string strVolumeId;
+    std::string strMountPath;  // where it was last mounted
+    int64_t nGeneration = 0;
+    int64_t counts[4] = {0, 0, 0, 0};  // photo, video, music, other
+    int64_t nLastMounted = 0;          // seconds since the epoch
 };
 
 struct SMOXLibraryPending {
@@ -52,8 +64,14 @@ public:
     enum class EOpen { kOpened, kCreated, kRebuilt, kFailed };
     // Opens or creates the file; a file that is not a library of this
     // version, or fails the quick check, is moved aside to PATH.broken (one
-    // warning) and a fresh one made.
+    // warning) and a fresh one made. The quick check (a read of the whole
+    // file, seconds for millions of rows) runs only after an unclean end, a
+    // write-ahead log with frames left behind; damage found later is
+    // handled by MoveAside().
     EOpen Open(const std::string& path, const std::string& strVolumeId);
+    // SQLite found the open file corrupt while in use: closes it and moves
+    // it aside (one warning); the next open rebuilds it.
+    void MoveAside();
     void Close();
 
     int Begin() { return m_db.Exec("BEGIN IMMEDIATE"); }
@@ -67,6 +85,9 @@ public:
     void GenerationCommitted(int64_t nGeneration) { m_nGeneration = nGeneration; }
     int SetMeta(const char* szKey, const std::string& strValue);
 
+    // The rows whose parent folder is strParent, by file name as raw bytes
+    // (the map is cleared first; its buckets are kept for the next folder).
+    int FolderRows(const std::string& strParent, std::unordered_map<std::string, SMOXLibraryRow>& out);
     // SQLITE_ROW (row filled), SQLITE_DONE (absent) or an error.
     int Lookup(const std::string& strRelPath, SMOXLibraryRow& row);
     int Insert(const std::string& strRelPath, const std::string& strParent, const std::string& strFileName,
@@ -83,9 +104,17 @@ public:
     // Id and path of every row, ascending by id, after nAfter (streamed in
     // pieces).
     int RowsAfter(int64_t nAfter, int nMax, std::vector<std::pair<int64_t, std::string>>& out);
-    // Media files by group: photo, video, music, other.
-    bool Counts(int64_t counts[4]);
-    bool RowCount(int64_t& nRows);
+    // Media files by group (photo, video, music, other) and all rows, in one
+    // pass over an index.
+    bool Counts(int64_t counts[4], int64_t& nRows);
+    // Keeps the counts of the current generation in the volume table (key
+    // "counts": "GENERATION PHOTO VIDEO MUSIC OTHER") for ReadSummary();
+    // nothing is written when they are there already.
+    int SaveCounts(const int64_t counts[4]);
+    // Reads a closed or in-use index read-only (a few rows; the counts are
+    // only counted when no saved ones match the generation). False when
+    // the file is not a readable library index.
+    static bool ReadSummary(const std::string& path, SMOXLibrarySummary& out);
     bool PendingCount(int64_t& nRows);
 
 private:
@@ -94,6 +123,8 @@ private:
     bool m_Prepare();
 
     mox_sql::CMOXSqliteDb m_db;
-    mox_sql::CMOXSqliteStmt m_lookup, m_insert, m_updateBasic, m_storeFields, m_pending, m_deleteId, m_setMeta, m_ids;
+    std::string m_strPath;
+    mox_sql::CMOXSqliteStmt m_folder, m_lookup, m_insert, m_updateBasic, m_storeFields, m_pending, m_deleteId,
+        m_setMeta, m_ids;
     int64_t m_nGeneration = 0;
 };

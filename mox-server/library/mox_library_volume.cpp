@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
@@ -30,9 +31,16 @@
 
 namespace {
 
-constexpr int kWalkBatch = 128;                     // entries drained from the scan list at once
-constexpr int kScanListSize = 1024;                 // the scan list's bound
-constexpr int kExtractBatch = 16;                   // files extracted between two commits
+constexpr int kWalkBatch = 128;      // entries drained from the scan list at once
+constexpr int kScanListSize = 1024;  // the scan list's bound
+constexpr int kExtractBatch = 16;    // files extracted between two stores
+// A transaction of the walk or the extraction stays open this long (or for
+// this many rows, a bound of its log on a fast machine): every commit writes
+// the touched pages of nine indices and the text index to the log again, so
+// few large ones are much cheaper than many small ones. A kill or a full
+// disk takes at most this much work with it.
+constexpr auto kCommitEvery = std::chrono::milliseconds(500);
+constexpr int kCommitRows = 4096;
 constexpr int kDropBatch = 1024;                    // rows checked at once after a walk
 constexpr int kBudgetEvery = 512;                   // inserts between two checks of the byte bound
 constexpr int64_t kMaxSeenId = 64LL * 1024 * 1024;  // 8 MiB of "seen" bits at most
@@ -196,8 +204,7 @@ std::string CMOXLibraryVolume::m_Relative(const std::string& strAbsolute) const 
 
 void CMOXLibraryVolume::m_Thread() {
     try {
-        // The lowest priority: users never wait for the index.
-        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 19);
+        m_LowestPriority();
         m_Run();
     } catch (const std::exception& e) {
         MOX_WARN("library %s: indexer ended by an exception (%s).", m_strMountPath.c_str(), e.what());
@@ -207,7 +214,26 @@ void CMOXLibraryVolume::m_Thread() {
         m_SetState("failed", true);
     }
     if (m_bInTransaction) m_db.Rollback();
-    m_db.Close();
+    if (m_bCorrupt)
+        m_db.MoveAside();
+    else
+        m_db.Close();
+}
+
+void CMOXLibraryVolume::m_LowestPriority() {
+    // Users never wait for the index: CPU only when nothing else wants it,
+    // disk only when nobody else uses it. The walk's scanner thread and the
+    // helper started from here inherit both.
+    const auto tid = static_cast<pid_t>(syscall(SYS_gettid));
+    struct sched_param param;
+    memset(&param, 0, sizeof(param));
+    if (sched_setscheduler(tid, SCHED_IDLE, &param) != 0) {
+        MOX_DEBUG("library %s: no idle scheduling (%s); nice 19 instead.", m_strMountPath.c_str(), strerror(errno));
+        setpriority(PRIO_PROCESS, static_cast<id_t>(tid), 19);
+    }
+    constexpr int kIoprioClassIdle = 3, kIoprioClassShift = 13, kIoprioWhoProcess = 1;
+    if (syscall(SYS_ioprio_set, kIoprioWhoProcess, tid, kIoprioClassIdle << kIoprioClassShift) != 0)
+        MOX_DEBUG("library %s: no idle I/O priority (%s).", m_strMountPath.c_str(), strerror(errno));
 }
 
 void CMOXLibraryVolume::m_SetState(const char* szState, bool bReport) {
@@ -224,7 +250,11 @@ void CMOXLibraryVolume::m_Report() {
 
 void CMOXLibraryVolume::m_UpdateCounts() {
     int64_t counts[4];
-    if (!m_db.Counts(counts)) return;
+    int64_t nRows = 0;
+    if (!m_db.Counts(counts, nRows)) return;
+    m_nRows = nRows;
+    // For the status of the volume once it is unmounted.
+    if (!m_bInTransaction && !m_bFull) m_db.SaveCounts(counts);
     mox::MutexLock lock(m_mutex);
     for (int i = 0; i < 4; ++i) m_status.counts[i] = counts[i];
     m_status.nGeneration = m_db.Generation();
@@ -238,9 +268,12 @@ void CMOXLibraryVolume::m_Run() {
         m_SetState("failed", true);
         return;
     }
-    m_db.SetMeta("mount_path", m_strMountPath);
-    m_db.SetMeta("last_mounted", std::to_string(time(nullptr)));
-    m_db.RowCount(m_nRows);
+    // One small transaction (not a change: the generation stays).
+    if (m_db.Begin() == SQLITE_OK) {
+        const bool bOk = m_db.SetMeta("mount_path", m_strMountPath) == SQLITE_OK &&
+                         m_db.SetMeta("last_mounted", std::to_string(time(nullptr))) == SQLITE_OK;
+        if (!bOk || m_db.Commit() != SQLITE_OK) m_db.Rollback();
+    }
     m_UpdateCounts();
     std::string strRel;
     CMOXConfinedPath root(mox_host::UsbRoot());
@@ -263,9 +296,11 @@ void CMOXLibraryVolume::m_Run() {
     while (!Stopping()) {
         if (bScan) {
             bScan = false;
+            const int64_t nBefore = m_db.Generation();
             const EScan eResult = m_Scan();
             if (eResult == EScan::kStopped) break;
-            m_UpdateCounts();
+            // Nothing committed: the counts read at the start still hold.
+            if (m_db.Generation() != nBefore) m_UpdateCounts();
             m_SetState(eResult == EScan::kFailed ? "failed" : "ready", true);
         }
         struct pollfd fds[2] = {{m_wakeFd.Get(), POLLIN, 0}, {m_inotifyFd.Get(), POLLIN, 0}};
@@ -301,19 +336,41 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
     }
     m_Report();
     m_seen.clear();
+    m_nSeen = 0;
+    m_bRowsDeleted = false;
+    m_bBudgetReached = false;
     bool bWalkComplete = false;
     EScan eResult = m_Walk(bWalkComplete);
     if (eResult != EScan::kComplete) return eResult;
     eResult = m_ExtractPending();
     if (eResult != EScan::kComplete) return eResult;
-    if (bWalkComplete) eResult = m_DropVanished();
+    // Every row seen by the walk and none deleted meanwhile: nothing can
+    // have vanished, and the pass over all rows is saved.
+    const bool bAllSeen = m_nSeen == m_nRows && !m_bRowsDeleted;
+    if (bWalkComplete && !bAllSeen) eResult = m_DropVanished();
     m_seen.clear();
     m_seen.shrink_to_fit();
     return eResult;
 }
 
+void CMOXLibraryVolume::m_MarkSeen(int64_t nId) {
+    if (nId < 0 || nId >= kMaxSeenId) return;
+    const auto nIndex = static_cast<size_t>(nId);
+    if (nIndex >= m_seen.size()) m_seen.resize(nIndex + 4096);
+    if (m_seen[nIndex]) return;
+    m_seen[nIndex] = true;
+    ++m_nSeen;
+}
+
+bool CMOXLibraryVolume::m_CommitDue() const {
+    return m_bInTransaction && (m_nTransactionRows >= kCommitRows || Clock::now() - m_transactionStart >= kCommitEvery);
+}
+
 bool CMOXLibraryVolume::m_WaitWhileBusy() {
     if (!m_rUsersBusy.load()) return true;
+    // What is done is visible while users are served.
+    int rc = SQLITE_OK;
+    if (!m_Commit(rc)) return false;
     std::string strBefore;
     {
         mox::MutexLock lock(m_mutex);
@@ -343,6 +400,7 @@ bool CMOXLibraryVolume::m_Fail(int rc, const char* szWhat) {
         m_db.Rollback();
         m_bInTransaction = false;
     }
+    if ((rc & 0xff) == SQLITE_CORRUPT || (rc & 0xff) == SQLITE_NOTADB) m_bCorrupt = true;
     if ((rc & 0xff) == SQLITE_FULL && m_bFull) return false;
     if ((rc & 0xff) == SQLITE_FULL) m_bFull = true;
     if ((rc & 0xff) == SQLITE_FULL)
@@ -359,6 +417,8 @@ bool CMOXLibraryVolume::m_Change(int& rc) {
     rc = m_db.Begin();
     if (rc != SQLITE_OK) return m_Fail(rc, "begin");
     m_bInTransaction = true;
+    m_transactionStart = Clock::now();
+    m_nTransactionRows = 0;
     m_nNextGeneration = m_db.Generation() + 1;
     return true;
 }
@@ -379,26 +439,29 @@ bool CMOXLibraryVolume::m_Commit(int& rc) {
 bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::string& strParent,
                                      const std::string& strName, bool bFolder, int nMediaType, int64_t nSize,
                                      int64_t nTime, bool bCheckRegular, int& rc, bool* pbIndexed) {
-    bool bIndexed = false;
-    if (pbIndexed == nullptr) pbIndexed = &bIndexed;
-    *pbIndexed = false;
     SMOXLibraryRow row;
     rc = m_db.Lookup(strRel, row);
     if (rc != SQLITE_ROW && rc != SQLITE_DONE) return m_Fail(rc, "lookup");
-    const bool bFound = rc == SQLITE_ROW;
+    return m_WriteKnown(strRel, strParent, strName, bFolder, nMediaType, nSize, nTime, bCheckRegular,
+                        rc == SQLITE_ROW ? &row : nullptr, rc, pbIndexed);
+}
+
+bool CMOXLibraryVolume::m_WriteKnown(const std::string& strRel, const std::string& strParent,
+                                     const std::string& strName, bool bFolder, int nMediaType, int64_t nSize,
+                                     int64_t nTime, bool bCheckRegular, const SMOXLibraryRow* pKnown, int& rc,
+                                     bool* pbIndexed) {
+    bool bIndexed = false;
+    if (pbIndexed == nullptr) pbIndexed = &bIndexed;
+    *pbIndexed = false;
+    const bool bFound = pKnown != nullptr;
+    const SMOXLibraryRow row = bFound ? *pKnown : SMOXLibraryRow();
     rc = SQLITE_OK;
     if (bFound) {
-        if (row.nId < kMaxSeenId) {
-            if (static_cast<size_t>(row.nId) >= m_seen.size()) m_seen.resize(static_cast<size_t>(row.nId) + 4096);
-            m_seen[static_cast<size_t>(row.nId)] = true;
-        }
+        m_MarkSeen(row.nId);
         const bool bSame = row.bFolder == bFolder && row.nTime == nTime && (bFolder || row.nSize == nSize);
         if (bSame) {
             *pbIndexed = true;
-            if (!bFolder && row.nState != 0) {
-                mox::MutexLock lock(m_mutex);
-                ++m_status.nDone;
-            }
+            if (!bFolder && row.nState != 0) ++m_nDoneUnreported;
             return true;
         }
     }
@@ -410,6 +473,7 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
         if (!fd.IsValid() || fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode)) return true;
     }
     if (!m_Change(rc)) return false;
+    ++m_nTransactionRows;
     const int nState = bFolder ? 3 : 0;
     if (bFound && row.bFolder == bFolder) {
         *pbIndexed = true;
@@ -421,7 +485,9 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
         rc = m_db.DeleteTree(strRel, nDeleted);
         if (rc != SQLITE_OK) return m_Fail(rc, "delete");
         m_nRows -= nDeleted;
+        m_bRowsDeleted = true;
     }
+    if (m_bBudgetReached) return true;
     if (m_nRows >= m_bounds.nMaxRows) {
         if (!m_bRowsFullLogged)
             MOX_WARN("library %s: %lld rows, the bound: further files are not indexed.", m_strMountPath.c_str(),
@@ -436,7 +502,7 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
                 MOX_WARN("library %s: the library's byte bound is reached: further files are not indexed.",
                          m_strMountPath.c_str());
             m_bBudgetLogged = true;
-            m_nRows = m_bounds.nMaxRows;  // no more inserts in this run
+            m_bBudgetReached = true;  // no more inserts until the next scan
             return true;
         }
     }
@@ -446,10 +512,7 @@ bool CMOXLibraryVolume::m_WriteEntry(const std::string& strRel, const std::strin
     if (rc != SQLITE_OK) return m_Fail(rc, "insert");
     *pbIndexed = true;
     ++m_nRows;
-    if (nId < kMaxSeenId) {
-        if (static_cast<size_t>(nId) >= m_seen.size()) m_seen.resize(static_cast<size_t>(nId) + 4096);
-        m_seen[static_cast<size_t>(nId)] = true;
-    }
+    m_MarkSeen(nId);
     if (!bFolder) {
         mox::MutexLock lock(m_mutex);
         ++m_status.counts[CountSlot(nMediaType)];
@@ -479,8 +542,15 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
     m_Watch(std::string());
     std::vector<SMOXFileInfo> batch;
     batch.reserve(kWalkBatch);
+    // The known rows of the folder being walked, read in one query when the
+    // walk enters it: an unchanged entry costs no query of its own.
+    std::unordered_map<std::string, SMOXLibraryRow> known;
+    std::string strKnownBase;
+    bool bKnownLoaded = false;
+    std::string strParent, strRel;
     bool bPaused = false;
     int rc = SQLITE_OK;
+    m_nDoneUnreported = 0;
     for (;;) {
         if (Stopping()) {
             eResult = EScan::kStopped;
@@ -510,26 +580,40 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
         for (const SMOXFileInfo& info : batch) {
             if (info.nType != MOX_SCANNER_TYPE_DIR && info.nType != MOX_SCANNER_TYPE_FILE) continue;
             if (info.bParentLink) continue;
-            std::string strParent;
-            if (info.strBasePath != m_strMountPath) {
-                strParent = m_Relative(info.strBasePath);
-                if (strParent.empty()) continue;  // never outside the mount
-            }
             const bool bFolder = info.nType == MOX_SCANNER_TYPE_DIR;
             if (!bFolder && info.nExtensionGroup == 0) continue;
-            const std::string strRel = JoinRel(strParent, info.strName);
+            if (!bKnownLoaded || info.strBasePath != strKnownBase) {
+                bKnownLoaded = false;
+                strParent.clear();
+                if (info.strBasePath != m_strMountPath) {
+                    strParent = m_Relative(info.strBasePath);
+                    if (strParent.empty()) continue;  // never outside the mount
+                }
+                rc = m_db.FolderRows(strParent, known);
+                if (rc != SQLITE_OK) {
+                    bOk = m_Fail(rc, "read");
+                    break;
+                }
+                strKnownBase = info.strBasePath;
+                bKnownLoaded = true;
+            }
+            strRel = JoinRel(strParent, info.strName);
+            const auto found = known.find(info.strName);
             bool bIndexed = false;
-            bOk = m_WriteEntry(strRel, strParent, info.strName, bFolder, bFolder ? 0 : info.nExtensionGroup,
-                               bFolder ? 0 : info.llFileSize, info.tModified, true, rc, &bIndexed);
+            bOk = m_WriteKnown(strRel, strParent, info.strName, bFolder, bFolder ? 0 : info.nExtensionGroup,
+                               bFolder ? 0 : info.llFileSize, info.tModified, true,
+                               found == known.end() ? nullptr : &found->second, rc, &bIndexed);
             if (!bOk) break;
             if (!bFolder && bIndexed) ++nFiles;
             if (bFolder) m_Watch(strRel);
         }
-        if (bOk) bOk = m_Commit(rc);
+        if (bOk && m_CommitDue()) bOk = m_Commit(rc);
         {
             mox::MutexLock lock(m_mutex);
             m_status.nTotal += nFiles;
+            m_status.nDone += m_nDoneUnreported;
         }
+        m_nDoneUnreported = 0;
         if (!bOk) {
             eResult = EScan::kFailed;
             break;
@@ -537,6 +621,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
     }
     scanner.Stop();
     scanner.Destroy();
+    if (eResult != EScan::kFailed && !m_Commit(rc)) eResult = EScan::kFailed;
     return eResult;
 }
 
@@ -579,7 +664,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
             m_Fail(rc, "read");
             return EScan::kFailed;
         }
-        if (pending.empty()) return EScan::kComplete;
+        if (pending.empty()) return m_Commit(rc) ? EScan::kComplete : EScan::kFailed;
         fields.assign(pending.size(), SMOXLibraryFields());
         states.assign(pending.size(), 0);
         gone.assign(pending.size(), false);
@@ -592,6 +677,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
             gone[nDone] = bGone;
         }
         if (nDone > 0 && !m_Change(rc)) return EScan::kFailed;
+        m_nTransactionRows += static_cast<int>(nDone);
         for (size_t i = 0; i < nDone; ++i) {
             if (gone[i]) {
                 rc = m_db.DeleteId(pending[i].nId);
@@ -613,7 +699,8 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
                 return EScan::kFailed;
             }
         }
-        if (!m_Commit(rc)) return EScan::kFailed;
+        const bool bLast = Stopping() || nDone < pending.size();
+        if ((bLast || m_CommitDue()) && !m_Commit(rc)) return EScan::kFailed;
         if (Stopping()) return EScan::kStopped;
         if (nDone < pending.size()) return EScan::kFailed;
         nAfter = pending.back().nId;

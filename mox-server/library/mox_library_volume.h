@@ -21,6 +21,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -94,6 +95,10 @@ private:
     bool m_WriteEntry(const std::string& strRel, const std::string& strParent, const std::string& strName, bool bFolder,
                       int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, int& rc,
                       bool* pbIndexed = nullptr);
+    // m_WriteEntry with the row already looked up (nullptr: none).
+    bool m_WriteKnown(const std::string& strRel, const std::string& strParent, const std::string& strName, bool bFolder,
+                      int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, const SMOXLibraryRow* pKnown,
+                      int& rc, bool* pbIndexed);
     void m_ProcessNotices();
     bool m_Extract(const SMOXLibraryPending& pending, SMOXLibraryFields& fields, bool& bGone, int& nState);
     // A transaction of changes: begins lazily, commits with a new generation.
@@ -103,6 +108,11 @@ private:
     void m_Watch(const std::string& strRel);
     void m_ReadInotify();
     bool m_WaitWhileBusy();
+    // The open transaction has run long enough to be committed.
+    bool m_CommitDue() const;
+    void m_MarkSeen(int64_t nId);
+    // SCHED_IDLE and the idle I/O class for the calling (indexer) thread.
+    void m_LowestPriority();
     void m_SetState(const char* szState, bool bReport);
     void m_Report();
     void m_UpdateCounts();
@@ -136,12 +146,19 @@ private:
     mox_util::UniqueFd m_inotifyFd;
     std::unordered_map<int, std::string> m_watches;  // watch descriptor -> relative folder
     bool m_bWatchesFullLogged = false;
-    std::vector<bool> m_seen;  // by row id, during a scan
+    std::vector<bool> m_seen;     // by row id, during a scan
+    int64_t m_nSeen = 0;          // rows marked in m_seen
+    bool m_bRowsDeleted = false;  // rows went during the scan's walk
     bool m_bInTransaction = false;
+    std::chrono::steady_clock::time_point m_transactionStart;
+    int m_nTransactionRows = 0;  // rows written by the open transaction
     int64_t m_nNextGeneration = 0;
     int64_t m_nRows = 0;
     bool m_bRowsFullLogged = false;
     bool m_bBudgetLogged = false;
-    bool m_bFull = false;  // the index's file system was full
+    bool m_bBudgetReached = false;  // the byte bound stopped inserts of this scan
+    bool m_bFull = false;           // the index's file system was full
+    bool m_bCorrupt = false;        // SQLite found the file damaged: moved aside at the end
+    int64_t m_nDoneUnreported = 0;  // unchanged files seen, added to the status per batch
     int m_nInsertsSinceBudget = 0;
 };

@@ -23,6 +23,13 @@ std::string CMOXSqliteStmt::Bytes(int nColumn) const {
     return std::string(static_cast<const char*>(pData), static_cast<size_t>(nSize));
 }
 
+std::string_view CMOXSqliteStmt::View(int nColumn) const {
+    const void* pData = sqlite3_column_blob(m_stmt.get(), nColumn);
+    const int nSize = sqlite3_column_bytes(m_stmt.get(), nColumn);
+    if (pData == nullptr || nSize <= 0) return std::string_view();
+    return std::string_view(static_cast<const char*>(pData), static_cast<size_t>(nSize));
+}
+
 int CMOXSqliteDb::Open(const std::string& path, int nFlags) {
     sqlite3* pDb = nullptr;
     const int rc = sqlite3_open_v2(path.c_str(), &pDb, nFlags, nullptr);

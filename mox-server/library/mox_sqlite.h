@@ -34,6 +34,8 @@ public:
     bool IsNull(int nColumn) const { return sqlite3_column_type(m_stmt.get(), nColumn) == SQLITE_NULL; }
     // Text or blob bytes of a column ("" for NULL).
     std::string Bytes(int nColumn) const;
+    // The same without a copy, valid until the next Step() or Reset().
+    std::string_view View(int nColumn) const;
 
 private:
     struct Finalizer {

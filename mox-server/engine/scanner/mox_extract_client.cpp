@@ -4,9 +4,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -93,6 +96,16 @@ private:
     };
 
     void m_Loop() {
+        // The helper serves every caller: it never keeps the priority of the
+        // thread that happened to start this one (the media library's
+        // indexer runs in the idle classes).
+        struct sched_param param;
+        memset(&param, 0, sizeof(param));
+        sched_setscheduler(static_cast<pid_t>(syscall(SYS_gettid)), SCHED_OTHER, &param);
+        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 0);
+        constexpr int kIoprioWhoProcess = 1, kIoprioClassBestEffort = 2, kIoprioClassShift = 13, kIoprioNormal = 4;
+        syscall(SYS_ioprio_set, kIoprioWhoProcess, static_cast<pid_t>(syscall(SYS_gettid)),
+                (kIoprioClassBestEffort << kIoprioClassShift) | kIoprioNormal);
         mox::UniqueLock lock(m_mutex);
         for (;;) {
             while (m_pJob == nullptr) lock.Wait(m_cond);
@@ -171,6 +184,7 @@ bool CMOXExtractClient::m_Start() {
         return false;
     }
     m_pid = pid;
+    m_nClassPid = -1;  // a new helper starts in the spawning thread's normal class
     m_socket = std::move(mine);
     MOX_INFO("mox-extract: helper started (%s), pid %d.", path.c_str(), static_cast<int>(pid));
     return true;
@@ -221,6 +235,26 @@ bool CMOXExtractClient::m_WaitsForStorage() {
     return close != nullptr && close[1] == ' ' && close[2] == 'D';
 }
 
+void CMOXExtractClient::m_FollowCaller() {
+    if (m_pid <= 0) return;
+    const bool bIdle = sched_getscheduler(0) == SCHED_IDLE;
+    if (m_nClassPid != m_pid) m_bIdleClass = false;
+    m_nClassPid = m_pid;
+    if (bIdle == m_bIdleClass) return;
+    struct sched_param param;
+    memset(&param, 0, sizeof(param));
+    constexpr int kIoprioWhoProcess = 1, kIoprioClassBestEffort = 2, kIoprioClassIdle = 3, kIoprioClassShift = 13,
+                  kIoprioNormal = 4;
+    if (sched_setscheduler(m_pid, bIdle ? SCHED_IDLE : SCHED_OTHER, &param) != 0 ||
+        syscall(SYS_ioprio_set, kIoprioWhoProcess, m_pid,
+                bIdle ? kIoprioClassIdle << kIoprioClassShift
+                      : (kIoprioClassBestEffort << kIoprioClassShift) | kIoprioNormal) != 0) {
+        MOX_DEBUG("mox-extract: the helper keeps its priority (%s).", strerror(errno));
+        return;
+    }
+    m_bIdleClass = bIdle;
+}
+
 void CMOXExtractClient::m_Remember(const FileKey& key) {
     if (!m_badFiles.insert(key).second) return;
     m_badOrder.push_back(key);
@@ -249,11 +283,14 @@ bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, 
     size_t slash = path.find_last_of('/');
     std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     if (name.size() > 4096) name = name.substr(name.size() - 4096);  // only the extension matters
+    m_FollowCaller();
     if (!mox_extract_wire::Send(m_socket.Get(), mox_extract_wire::EncodeRequest(mediaType, name), fd)) {
         // The helper died between two files (its own limits, or killed from
         // outside): not this file's doing. Start a new one and retry once.
         MOX_WARN("mox-extract: helper %s before (%s); restarting.", m_Reap().c_str(), logName.c_str());
-        if (!m_Start() ||
+        const bool bStarted = m_Start();
+        if (bStarted) m_FollowCaller();
+        if (!bStarted ||
             !mox_extract_wire::Send(m_socket.Get(), mox_extract_wire::EncodeRequest(mediaType, name), fd)) {
             MOX_WARN("mox-extract: cannot hand (%s) to the helper; contents not read.", logName.c_str());
             m_Stop(true);

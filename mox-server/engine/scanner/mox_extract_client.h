@@ -66,9 +66,15 @@ private:
     // True when the helper sleeps in an uninterruptible wait (a storage read).
     bool m_WaitsForStorage() REQUIRES(m_mutex);
     void m_Remember(const FileKey& key) REQUIRES(m_mutex);
+    // The helper parses in the scheduling and I/O class of the thread that
+    // asks: idle for a caller in SCHED_IDLE (the media library's indexer),
+    // normal for anyone else. Changed only when it differs.
+    void m_FollowCaller() REQUIRES(m_mutex);
 
     mox::Mutex m_mutex;
     pid_t m_pid GUARDED_BY(m_mutex) = -1;
+    pid_t m_nClassPid GUARDED_BY(m_mutex) = -1;  // the helper whose class is m_bIdleClass
+    bool m_bIdleClass GUARDED_BY(m_mutex) = false;
     mox_util::UniqueFd m_socket GUARDED_BY(m_mutex);
     std::set<FileKey> m_badFiles GUARDED_BY(m_mutex);
     std::deque<FileKey> m_badOrder GUARDED_BY(m_mutex);  // oldest first

@@ -433,12 +433,15 @@ void printHelp() {
         "  %-24s the media parsing helper (default: beside the daemon, else installed)\n"
         "  %-24s the user the helper becomes (default nobody)\n"
         "  %-24s test hook of the helper: 1 lets named files crash or stall it\n"
+        "  %-24s the media library's rows per volume (default 2000000; tests lower it)\n"
+        "  %-24s the media library's total index bytes (default 268435456; tests)\n"
         "  %-24s stderr (default), journal (default under systemd) or file:PATH\n"
         "  %-24s debug, info (default) or warning (default under systemd)\n"
         "  %-24s the system bus (default: the system bus)\n"
         "  %-24s set by systemd: readiness and watchdog notices, service detection\n",
         "MOX_USB_BACKEND", "MOX_MOUNTINFO", "MOX_EXTRACT_HELPER", "MOX_EXTRACT_USER", "MOX_EXTRACT_TEST_FAULTS",
-        "MOX_LOG", "MOX_LOG_LEVEL", "DBUS_SYSTEM_BUS_ADDRESS", "NOTIFY_SOCKET, JOURNAL_STREAM, INVOCATION_ID");
+        "MOX_LIBRARY_MAX_ROWS", "MOX_LIBRARY_MAX_BYTES", "MOX_LOG", "MOX_LOG_LEVEL", "DBUS_SYSTEM_BUS_ADDRESS",
+        "NOTIFY_SOCKET, JOURNAL_STREAM, INVOCATION_ID");
 }
 
 }  // namespace

@@ -77,7 +77,7 @@ public:
     void Unplug(const std::string& name) { ASSERT_EQ(remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0); }
     // The next notification of `mount` in state `state` after the first `skip`.
     Json::Value WaitState(const std::string& mount, const std::string& state, size_t& seen) {
-        for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(180);
              std::chrono::steady_clock::now() < deadline;) {
             auto all = signals->Named("mox_library_notification");
             for (; seen < all.size(); ++seen) {
@@ -301,37 +301,4 @@ TEST(Library, SurvivesPullKillAndBrokenDatabases) {
         fs::remove(db + ".broken");
     }
     EXPECT_EQ(h.CountLog("moved aside"), 3u);
-}
-
-// The index's file system fills up: one warning, "failed", and what was
-// committed stays readable.
-TEST(Library, StopsOnAFullDiskKeepingWhatWasCommitted) {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root for a loop mount";
-    EngineHarness h;
-    Library lib(h);
-    const std::string disk = h.Path("disk");
-    fs::create_directories(disk);
-    moxtest::LoopFs loop(h.Path("disk.img"), disk, 8);
-    if (!loop.Mounted()) GTEST_SKIP() << loop.Why();
-    struct statvfs vfs;
-    ASSERT_EQ(statvfs(disk.c_str(), &vfs), 0);
-    const long long room = static_cast<long long>(vfs.f_bavail) * vfs.f_frsize - 256 * 1024;
-    const int fd = open((disk + "/filler").c_str(), O_CREAT | O_WRONLY, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(posix_fallocate(fd, 0, room), 0);
-    close(fd);
-    h.SetEnv("MOX_LIBRARY_DIR", disk + "/lib");
-    const std::string stick = h.UsbRoot() + "/a";
-    fs::create_directories(stick);
-    for (int i = 0; i < 3000; ++i) std::ofstream(stick + "/" + std::string(150, 'n') + std::to_string(i) + ".um4");
-    ASSERT_TRUE(lib.Start());
-    lib.Plug("s3", "a");
-    size_t seen = 0;
-    lib.WaitState("a", "failed", seen);
-    EXPECT_EQ(h.CountLog("is full"), 1u);
-    const std::string db = disk + "/lib/uuid-abcd-s3.db";
-    EXPECT_EQ(Query(db, "PRAGMA quick_check"), "ok");
-    EXPECT_GT(std::stoi("0" + Query(db, "SELECT count(*) FROM items")), 0);
-    EXPECT_TRUE(h.Call("get_usb_storages", g_variant_new("(u)", 1u)).ok());
-    EXPECT_EQ(h.Stop(), 0);
 }

@@ -1,0 +1,343 @@
+// The media library under faults and hostile input, end to end: the real
+// daemon on a private bus, the spool USB service, the real mox-extract helper
+// (its test faults on), real SQLite files in a temporary MOX_LIBRARY_DIR and,
+// for a list that stays busy, a FUSE stick (mox_faultfs) whose folder reads
+// hang on demand.
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "engine_fixture.h"
+#include "fault_mounts.h"
+
+namespace fs = std::filesystem;
+using moxtest::EngineHarness;
+using moxtest::SignalCollector;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+bool Shell(const std::string& command) {
+    return system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// The first column of the first row as text ("" when none or unreadable).
+std::string Query(const std::string& db, const std::string& sql) {
+    sqlite3* p = nullptr;
+    std::string out;
+    if (sqlite3_open_v2(db.c_str(), &p, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+        sqlite3_stmt* s = nullptr;
+        if (sqlite3_prepare_v2(p, sql.c_str(), -1, &s, nullptr) == SQLITE_OK && sqlite3_step(s) == SQLITE_ROW &&
+            sqlite3_column_text(s, 0))
+            out = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+        sqlite3_finalize(s);
+    }
+    sqlite3_close(p);
+    return out;
+}
+
+int QueryInt(const std::string& db, const std::string& sql) {
+    return std::atoi(Query(db, sql).c_str());
+}
+
+struct Library {
+    explicit Library(EngineHarness& harness) : h(harness) {
+        h.SetEnv("MOX_LIBRARY_DIR", h.Path("library"));
+        h.SetEnv("MOX_EXTRACT_TEST_FAULTS", "1");
+        chmod(h.Path("").c_str(), 0755);
+    }
+    bool Start() {
+        if (!h.Start()) return false;
+        signals.reset();
+        conn = h.Connect();
+        signals = std::make_unique<SignalCollector>(conn.get());
+        seen = 0;
+        return h.Call("bind_usb_event", g_variant_new("(u)", 1u), conn.get()).ok();
+    }
+    void Plug(const std::string& name) {
+        const std::string tmp = h.SpoolDir() + "/." + name;
+        std::ofstream(tmp) << R"({"devname":"/dev/)" << name << R"(","class":8,"mount_path":")" << Mount(name)
+                           << R"(","fs_type":2,"fs_uuid":"F-)" << name << R"("})";
+        ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
+    }
+    void Unplug(const std::string& name) {
+        ASSERT_EQ(remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
+        ASSERT_TRUE(h.WaitForLog("USB UNMOUNTED : " + Mount(name)));
+    }
+    std::string Mount(const std::string& name) const { return h.UsbRoot() + "/" + name; }
+    std::string Db(const std::string& name) const { return h.Path("library") + "/uuid-f-" + name + ".db"; }
+    // The next notification of `name` in `state`.
+    Json::Value Wait(const std::string& name, const std::string& state, int seconds = 180) {
+        for (auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
+            auto all = signals->Named("mox_library_notification");
+            while (seen < all.size()) {
+                Json::Value v = moxtest::Parse(all[seen++]->text());
+                if (v["mount_path"].asString() == Mount(name) && v["state"].asString() == state) return v;
+            }
+            signals->WaitFor("mox_library_notification", all.size() + 1, std::chrono::milliseconds(200));
+        }
+        ADD_FAILURE() << "no \"" << state << "\" for " << name;
+        return Json::Value();
+    }
+    // The volumes of a status document.
+    Json::Value Status() {
+        const size_t before = signals->Named("mox_request_normal_complete").size();
+        EXPECT_TRUE(
+            h.Call("request_act", g_variant_new("(uss)", 0u, "", R"({"mox_command":"mox_library_status"})"), conn.get())
+                .ok());
+        EXPECT_TRUE(signals->WaitFor("mox_request_normal_complete", before + 1));
+        auto all = signals->Named("mox_request_normal_complete");
+        if (all.size() <= before) return Json::Value();
+        return moxtest::Parse(moxtest::Parse(all[before]->text())["act_command_and_return_data"].asString())["volumes"];
+    }
+
+    EngineHarness& h;
+    moxtest::ConnectionPtr conn;
+    std::unique_ptr<SignalCollector> signals;
+    size_t seen = 0;
+};
+
+bool MakePhotos(const std::string& dir, int count) {
+    fs::create_directories(dir);
+    if (!Shell("convert -size 32x24 xc:blue " + dir + "/p0.jpg")) return false;
+    for (int i = 1; i < count; ++i) fs::copy_file(dir + "/p0.jpg", dir + "/p" + std::to_string(i) + ".jpg");
+    return true;
+}
+
+// Empty files of a media group the helper does not parse: rows without a
+// helper round trip.
+void MakeQuickFiles(const std::string& dir, int count, size_t nameLength = 8) {
+    fs::create_directories(dir);
+    for (int i = 0; i < count; ++i)
+        std::ofstream(dir + "/" + std::string(nameLength, 'q') + std::to_string(i) + ".um4");
+}
+
+}  // namespace
+
+// A list that stays busy on a hung stick pauses indexing ("paused", nothing
+// done meanwhile); once the list is answered indexing resumes and finishes.
+TEST(LibraryFaults, PausesWhileAListIsServedThenResumes) {
+    EngineHarness h;
+    Library lib(h);
+    const std::string backing = h.Path("backing");
+    fs::create_directories(backing + "/lst/in");
+    std::ofstream(backing + "/lst/in/a.jpg") << "x";
+    const std::string hung = h.UsbRoot() + "/fuse";
+    fs::create_directories(hung);
+    moxtest::FaultFs fuse(backing, hung);
+    if (!fuse.Mounted()) GTEST_SKIP() << "FUSE not available: " << fuse.Why();
+    if (!MakePhotos(lib.Mount("s1"), 60)) GTEST_SKIP() << "convert missing";
+    ASSERT_TRUE(lib.Start());
+    fs::create_directories(h.PluginDir());
+    fs::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
+    auto lister = h.Connect();
+    auto r = h.Call("connect", g_variant_new("(s)", "libmox_local_source.so"), lister.get());
+    ASSERT_TRUE(r.ok()) << r.error;
+    guint32 handle = 0;
+    g_variant_get(r.reply.get(), "(u)", &handle);
+    fuse.SetRules("hang readdir /lst\n");
+    const std::string list =
+        R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],"mox_folder_path":")" + hung +
+        R"(/lst/in"})";
+    g_dbus_connection_call(lister.get(), moxtest::kEngineName, moxtest::kEnginePath, moxtest::kEngineInterface,
+                           "get_partial_list", g_variant_new("(uuus)", handle, 0u, 50u, list.c_str()), nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, 60000, nullptr, nullptr, nullptr);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+
+    lib.Plug("s1");
+    const Json::Value first = lib.Wait("s1", "paused");
+    const Json::Value later = lib.Wait("s1", "paused");
+    EXPECT_EQ(later["done"], first["done"]);
+    EXPECT_LT(first["done"].asInt(), 60);
+    Json::Value status = lib.Status();
+    ASSERT_EQ(status.size(), 1u);
+    EXPECT_EQ(status[0]["state"].asString(), "paused");
+
+    fuse.SetRules("");
+    const Json::Value ready = lib.Wait("s1", "ready");
+    EXPECT_EQ(ready["counts"]["photo"].asInt(), 60);
+    EXPECT_EQ(ready["done"].asInt(), 60);
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// A file that stalls the helper and one that crashes it are recorded as
+// failed while the others are indexed; a re-plug does not try them again
+// (a retry would commit: the generation stays).
+TEST(LibraryFaults, StalledAndCrashingFilesFailAloneAndAreNotRetried) {
+    EngineHarness h;
+    Library lib(h);
+    const std::string stick = lib.Mount("s2");
+    if (!MakePhotos(stick, 4)) GTEST_SKIP() << "convert missing";
+    fs::copy_file(stick + "/p0.jpg", stick + "/mox-extract-hang1.jpg");
+    fs::copy_file(stick + "/p0.jpg", stick + "/mox-extract-crash1.jpg");
+    ASSERT_TRUE(lib.Start());
+    lib.Plug("s2");
+    const Json::Value ready = lib.Wait("s2", "ready");
+    EXPECT_EQ(ready["counts"]["photo"].asInt(), 6);
+    const std::string db = lib.Db("s2");
+    EXPECT_EQ(Query(db, "SELECT group_concat(state) FROM items WHERE file_name LIKE 'mox-extract-%'"), "2,2");
+    EXPECT_EQ(QueryInt(db, "SELECT count(*) FROM items WHERE file_name LIKE 'p%' AND state = 1"), 4);
+
+    lib.Unplug("s2");
+    lib.Plug("s2");
+    const Json::Value again = lib.Wait("s2", "ready");
+    EXPECT_EQ(again["generation"], ready["generation"]);
+    EXPECT_EQ(Query(db, "SELECT group_concat(state) FROM items WHERE file_name LIKE 'mox-extract-%'"), "2,2");
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// Depth 1,000, link loops, links out of the mount, FIFOs and names that are
+// not UTF-8: the walk's rules hold (its path bound ends the deep chain, links
+// are not followed), nothing outside is indexed, and every name stored and
+// sent is UTF-8.
+TEST(LibraryFaults, HostileTreesStayInsideTheMount) {
+    EngineHarness h;
+    Library lib(h);
+    const std::string stick = lib.Mount("s3");
+    const std::string outside = h.Path("outside");
+    MakeQuickFiles(outside, 5);
+    // Deeper than a path the kernel takes at once: made folder by folder.
+    fs::create_directories(stick);
+    int fd = open(stick.c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+    for (int i = 0; i < 1000 && fd >= 0; ++i) {
+        ASSERT_EQ(mkdirat(fd, "d", 0755), 0);
+        const int next = openat(fd, "d", O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+        close(fd);
+        fd = next;
+    }
+    ASSERT_GE(fd, 0);
+    const int file = openat(fd, "bottom.um4", O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    EXPECT_GE(file, 0);
+    close(file);
+    close(fd);
+    fs::create_directory_symlink(".", stick + "/loop");
+    fs::create_directory_symlink("..", stick + "/d/up");
+    fs::create_directory_symlink(outside, stick + "/out");
+    fs::create_symlink(outside + "/qqqqqqqq0.um4", stick + "/link.um4");
+    ASSERT_EQ(mkfifo((stick + "/pipe.um4").c_str(), 0644), 0);
+    const std::string odd = stick + "/f\xff\xfe";
+    fs::create_directories(odd);
+    std::ofstream(odd + "/g\xc3\x28.um4");
+    ASSERT_TRUE(lib.Start());
+    lib.Plug("s3");
+    const Json::Value ready = lib.Wait("s3", "ready");
+    EXPECT_EQ(ready["counts"]["other"].asInt(), 1);  // the oddly named one; the bottom is past the path bound
+    const std::string db = lib.Db("s3");
+    const int folders = QueryInt(db, "SELECT count(*) FROM items WHERE is_folder = 1");
+    EXPECT_GT(folders, 300);
+    EXPECT_LT(folders, 1001);
+    // The chain has no gap: its deepest row is "d/d/.../d".
+    EXPECT_EQ(QueryInt(db, "SELECT max(length(rel_path)) FROM items"), 2 * (folders - 1) - 1);
+    EXPECT_EQ(QueryInt(db,
+                       "SELECT count(*) FROM items WHERE file_name LIKE 'qqq%' OR file_name IN "
+                       "('loop', 'up', 'out', 'link.um4', 'pipe.um4')"),
+              0);
+    EXPECT_EQ(Query(db, "SELECT file_name FROM items WHERE parent = CAST(X'66FFFE' AS BLOB)"), "g\\xC3(.um4");
+    EXPECT_EQ(Query(db, "SELECT file_name FROM items WHERE rel_path = CAST(X'66FFFE' AS BLOB)"), "f\\xFF\\xFE");
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// The row bound and the byte bound (lowered through the environment): one
+// warning each, the index stays usable; the byte bound first drops the
+// least recently mounted index that is not mounted, which was listed as
+// "unmounted" until then.
+TEST(LibraryFaults, RowAndByteBoundsHold) {
+    EngineHarness h;
+    Library lib(h);
+    MakeQuickFiles(lib.Mount("s4"), 40);
+    h.SetEnv("MOX_LIBRARY_MAX_ROWS", "20");
+    ASSERT_TRUE(lib.Start());
+    lib.Plug("s4");
+    Json::Value ready = lib.Wait("s4", "ready");
+    EXPECT_EQ(QueryInt(lib.Db("s4"), "SELECT count(*) FROM items"), 20);  // the root's files only: no folder row
+    EXPECT_EQ(ready["counts"]["other"].asInt(), 20);
+    EXPECT_EQ(h.CountLog("rows, the bound"), 1u);
+    lib.Unplug("s4");
+    Json::Value status = lib.Status();
+    ASSERT_EQ(status.size(), 1u);
+    EXPECT_EQ(status[0]["state"].asString(), "unmounted");
+    EXPECT_EQ(status[0]["mount_path"].asString(), lib.Mount("s4"));
+    EXPECT_EQ(status[0]["counts"]["other"].asInt(), 20);
+    EXPECT_EQ(status[0]["generation"], ready["generation"]);
+    EXPECT_EQ(h.Stop(), 0);
+
+    // Room for a small index only: s4's goes first, then s5 stops growing.
+    struct stat st;
+    ASSERT_EQ(stat(lib.Db("s4").c_str(), &st), 0);
+    h.SetEnv("MOX_LIBRARY_MAX_ROWS", "");
+    h.SetEnv("MOX_LIBRARY_MAX_BYTES", std::to_string(st.st_size + 300 * 1024));
+    MakeQuickFiles(lib.Mount("s5"), 4000, 150);
+    ASSERT_TRUE(lib.Start());
+    lib.Plug("s5");
+    ready = lib.Wait("s5", "ready");
+    const int rows = QueryInt(lib.Db("s5"), "SELECT count(*) FROM items");
+    EXPECT_GT(rows, 0);
+    EXPECT_LT(rows, 4000);
+    EXPECT_EQ(ready["counts"]["other"].asInt(), rows);
+    EXPECT_FALSE(fs::exists(lib.Db("s4")));
+    EXPECT_EQ(h.CountLog("dropping the index"), 1u);
+    EXPECT_EQ(h.CountLog("byte bound is reached"), 1u);
+    EXPECT_EQ(Query(lib.Db("s5"), "PRAGMA quick_check"), "ok");
+    EXPECT_EQ(h.Stop(), 0);
+}
+
+// The index's file system fills up during a re-plug's transaction: one
+// warning, "failed", the rows committed before stay readable; once there is
+// room again a rescan finishes the index.
+TEST(LibraryFaults, AFullDiskStopsIndexingAndKeepsWhatWasCommitted) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root for a loop mount";
+    EngineHarness h;
+    Library lib(h);
+    const std::string disk = h.Path("disk");
+    fs::create_directories(disk);
+    moxtest::LoopFs loop(h.Path("disk.img"), disk, 16);
+    if (!loop.Mounted()) GTEST_SKIP() << loop.Why();
+    h.SetEnv("MOX_LIBRARY_DIR", disk + "/lib");
+    const std::string db = disk + "/lib/uuid-f-s6.db";
+    MakeQuickFiles(lib.Mount("s6"), 300);
+    ASSERT_TRUE(lib.Start());
+    lib.Plug("s6");
+    const Json::Value first = lib.Wait("s6", "ready");
+    EXPECT_EQ(first["counts"]["other"].asInt(), 300);
+    lib.Unplug("s6");
+
+    struct statvfs vfs;
+    ASSERT_EQ(statvfs(disk.c_str(), &vfs), 0);
+    const long long room = static_cast<long long>(vfs.f_bavail) * vfs.f_frsize - 128 * 1024;
+    const int fd = open((disk + "/filler").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(posix_fallocate(fd, 0, room), 0);
+    close(fd);
+    MakeQuickFiles(lib.Mount("s6") + "/more", 3000, 150);
+    lib.Plug("s6");
+    lib.Wait("s6", "failed");
+    EXPECT_EQ(h.CountLog("is full"), 1u);
+    EXPECT_EQ(Query(db, "PRAGMA quick_check"), "ok");
+    EXPECT_EQ(QueryInt(db, "SELECT count(*) FROM items WHERE file_name LIKE 'qqqqqqqq_%' AND parent = X''"), 300);
+    EXPECT_TRUE(h.Call("get_usb_storages", g_variant_new("(u)", 1u)).ok());
+
+    fs::remove(disk + "/filler");
+    EXPECT_TRUE(
+        h.Call(
+             "request_act",
+             g_variant_new(
+                 "(uss)", 0u, "",
+                 (R"({"mox_command":"mox_library_rescan","mox_library_mount":")" + lib.Mount("s6") + R"("})").c_str()),
+             lib.conn.get())
+            .ok());
+    const Json::Value ready = lib.Wait("s6", "ready");
+    EXPECT_EQ(ready["counts"]["other"].asInt(), 3300);
+    EXPECT_EQ(h.Stop(), 0);
+}
