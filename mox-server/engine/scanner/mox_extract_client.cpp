@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <condition_variable>
@@ -193,8 +194,19 @@ std::string CMOXExtractClient::m_Reap(bool* pbSetupFailed, int* pnSignal) {
     if (m_pid <= 0) return "gone";
     int status = 0;
     pid_t r;
-    // The helper closed its end: it has exited or is about to.
-    while ((r = waitpid(m_pid, &status, 0)) < 0 && errno == EINTR) {
+    // The helper closed its end: it has exited or is about to. An empty
+    // message reads the same, so a helper that sent one and goes on living
+    // is killed after a while rather than waited for.
+    auto until = std::chrono::steady_clock::now() + kReapWait;
+    while ((r = waitpid(m_pid, &status, WNOHANG)) == 0 || (r < 0 && errno == EINTR)) {
+        if (std::chrono::steady_clock::now() >= until) {
+            kill(m_pid, SIGKILL);
+            while (waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
+            }
+            m_pid = -1;
+            return "sent an empty message";
+        }
+        usleep(1000);
     }
     m_pid = -1;
     if (r < 0) return "lost";
@@ -230,41 +242,108 @@ void CMOXExtractClient::m_Remember(const FileKey& key) {
     }
 }
 
+void CMOXExtractClient::m_Remember(const SMOXExtractItem& item) {
+    m_Remember(FileKey(item.strPath, item.ullSize, item.ulModifiedTime));
+}
+
 bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, unsigned long long size,
                                 unsigned long mtime, media_info_s& info) {
-    const std::string logName = CMOXExtractor::FileNameToUtf8(path);
-    FileKey key(path, size, mtime);
-    mox::MutexLock lock(m_mutex);
-    if (m_badFiles.count(key)) {
-        MOX_WARN("mox-extract: (%s) crashed or stalled the helper before; not parsed again.", logName.c_str());
-        return false;
-    }
-    // Without a helper the record keeps its basic information and defaults:
-    // an installation problem, not this file's fault.
-    if (!m_socket.IsValid() && !m_Start()) {
-        MOX_WARN("mox-extract: no helper; contents of (%s) not read.", logName.c_str());
-        return true;
-    }
+    std::vector<SMOXExtractItem> items(1);
+    SMOXExtractItem& item = items[0];
+    item.fd = fd;
+    item.strPath = path;
+    item.nMediaType = mediaType;
+    item.ullSize = size;
+    item.ulModifiedTime = mtime;
+    item.pInfo = &info;
+    ExtractBatch(items, false);
+    return item.eResult != SMOXExtractItem::EResult::kFailed;
+}
 
-    size_t slash = path.find_last_of('/');
-    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    if (name.size() > 4096) name = name.substr(name.size() - 4096);  // only the extension matters
-    if (!mox_extract_wire::Send(m_socket.Get(), mox_extract_wire::EncodeRequest(mediaType, name), fd)) {
-        // The helper died between two files (its own limits, or killed from
-        // outside): not this file's doing. Start a new one and retry once.
-        MOX_WARN("mox-extract: helper %s before (%s); restarting.", m_Reap().c_str(), logName.c_str());
-        if (!m_Start() ||
-            !mox_extract_wire::Send(m_socket.Get(), mox_extract_wire::EncodeRequest(mediaType, name), fd)) {
-            MOX_WARN("mox-extract: cannot hand (%s) to the helper; contents not read.", logName.c_str());
+void CMOXExtractClient::ExtractBatch(std::vector<SMOXExtractItem>& items, bool bExtra) {
+    std::vector<size_t> todo;
+    todo.reserve(items.size());
+    mox::MutexLock lock(m_mutex);
+    for (size_t i = 0; i < items.size(); ++i) {
+        SMOXExtractItem& item = items[i];
+        if (m_badFiles.count(FileKey(item.strPath, item.ullSize, item.ulModifiedTime))) {
+            MOX_WARN("mox-extract: (%s) crashed or stalled the helper before; not parsed again.",
+                     CMOXExtractor::FileNameToUtf8(item.strPath).c_str());
+            item.eResult = SMOXExtractItem::EResult::kFailed;
+        } else {
+            todo.push_back(i);
+        }
+    }
+    for (size_t next = 0; next < todo.size();) {
+        const size_t nChunk = std::min(mox_extract_wire::kMaxBatch, todo.size() - next);
+        next += m_RunBatch(items, todo.data() + next, nChunk, bExtra);
+    }
+}
+
+int CMOXExtractClient::m_WaitAnswer(std::chrono::steady_clock::time_point deadline) {
+    // An answer already queued is taken without a poll.
+    long n = mox_extract_wire::Receive(m_socket.Get(), m_answer, nullptr, true);
+    if (n > 0) return 1;
+    if (n < 0 && errno == EMSGSIZE) return -2;
+    if (n == 0 || errno != EAGAIN) return -1;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return 0;
+        struct pollfd pfd = {m_socket.Get(), POLLIN, 0};
+        int r = poll(&pfd, 1, static_cast<int>(left.count()));
+        if (r < 0 && errno == EINTR) continue;
+        if (r < 0) {
+            MOX_WARN("mox-extract: poll failed: %s", strerror(errno));
+            return -1;
+        }
+        if (r == 0) continue;  // the deadline check above ends it
+        n = mox_extract_wire::Receive(m_socket.Get(), m_answer, nullptr);
+        if (n < 0 && errno == EMSGSIZE) return -2;
+        return n > 0 ? 1 : -1;
+    }
+}
+
+size_t CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const size_t* chunk, size_t nChunk,
+                                     bool bExtra) {
+    using EResult = SMOXExtractItem::EResult;
+    auto notRead = [&](size_t from, const char* why) {
+        MOX_WARN("mox-extract: %s; contents of %zu file(s) not read, (%s) first.", why, nChunk - from,
+                 CMOXExtractor::FileNameToUtf8(items[chunk[from]].strPath).c_str());
+        for (size_t k = from; k < nChunk; ++k) items[chunk[k]].eResult = EResult::kNotRead;
+        return nChunk;
+    };
+    // Without a helper the records keep their basic information and
+    // defaults: an installation problem, not these files' fault.
+    if (!m_socket.IsValid() && !m_Start()) return notRead(0, "no helper");
+
+    std::vector<mox_extract_wire::SRequestItem> request(nChunk);
+    int fds[mox_extract_wire::kMaxBatch];
+    for (size_t k = 0; k < nChunk; ++k) {
+        const SMOXExtractItem& item = items[chunk[k]];
+        request[k].nMediaType = item.nMediaType;
+        size_t slash = item.strPath.find_last_of('/');
+        request[k].strName = slash == std::string::npos ? item.strPath : item.strPath.substr(slash + 1);
+        fds[k] = item.fd;
+    }
+    const std::string msg = mox_extract_wire::EncodeRequest(request, bExtra);
+    if (!mox_extract_wire::Send(m_socket.Get(), msg, fds, nChunk)) {
+        // The helper died between two batches (its own limits, or killed
+        // from outside): not these files' doing. Start a new one and retry
+        // once.
+        MOX_WARN("mox-extract: helper %s before a batch; restarting.", m_Reap().c_str());
+        if (!m_Start() || !mox_extract_wire::Send(m_socket.Get(), msg, fds, nChunk)) {
             m_Stop(true);
-            return true;
+            return notRead(0, "cannot hand files to the helper");
         }
     }
 
-    auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
+    for (size_t k = 0; k < nChunk; ++k) {
+        SMOXExtractItem& item = items[chunk[k]];
+        const std::string logName = CMOXExtractor::FileNameToUtf8(item.strPath);
+        // Each file's deadline starts when the one before it is answered.
+        const int r = m_WaitAnswer(std::chrono::steady_clock::now() + kDeadline);
+        if (r == 0) {
+            item.eResult = EResult::kFailed;
             if (m_WaitsForStorage()) {
                 // The storage, not the file, holds the parse: the file is
                 // parsed again once the storage answers.
@@ -273,53 +352,40 @@ bool CMOXExtractClient::Extract(int fd, const std::string& path, int mediaType, 
                     "killed, file skipped this time.",
                     logName.c_str(), static_cast<long long>(kDeadline.count()));
                 m_Stop(true);
-                return false;
+                return k + 1;
             }
             MOX_WARN("mox-extract: (%s) took more than %lld ms; helper killed, file skipped.", logName.c_str(),
                      static_cast<long long>(kDeadline.count()));
             m_Stop(true);
-            m_Remember(key);
-            return false;
+            m_Remember(item);
+            return k + 1;
         }
-        struct pollfd pfd = {m_socket.Get(), POLLIN, 0};
-        int r = poll(&pfd, 1, static_cast<int>(left.count()));
-        if (r < 0 && errno == EINTR) continue;
-        if (r < 0) {
-            MOX_WARN("mox-extract: poll failed for (%s): %s", logName.c_str(), strerror(errno));
+        if (r == -1) {
+            bool bSetupFailed = false;
+            int nSignal = 0;
+            std::string how = m_Reap(&bSetupFailed, &nSignal);
+            if (bSetupFailed) return notRead(k, "helper could not drop privileges or set its limits");
+            item.eResult = EResult::kFailed;
+            // Signals a parse does not raise itself: someone stopped the helper.
+            if (nSignal == SIGKILL || nSignal == SIGTERM || nSignal == SIGINT || nSignal == SIGHUP) {
+                MOX_WARN("mox-extract: helper %s from outside while parsing (%s); file skipped this time.", how.c_str(),
+                         logName.c_str());
+                return k + 1;
+            }
+            MOX_WARN("mox-extract: helper %s while parsing (%s); file skipped, helper restarts for the rest.",
+                     how.c_str(), logName.c_str());
+            m_Remember(item);
+            return k + 1;
+        }
+        if (r == -2 || !mox_extract_wire::DecodeAnswer(m_answer.View(), *item.pInfo, bExtra ? item.pExtra : nullptr,
+                                                       static_cast<uint32_t>(k))) {
+            MOX_WARN("mox-extract: malformed answer for (%s); helper killed, file skipped.", logName.c_str());
+            item.eResult = EResult::kFailed;
             m_Stop(true);
-            return false;
+            m_Remember(item);
+            return k + 1;
         }
-        if (r == 0) continue;  // the deadline check above ends it
-        break;
+        item.eResult = EResult::kParsed;
     }
-
-    std::string answer;
-    long n = mox_extract_wire::Receive(m_socket.Get(), answer, nullptr);
-    if (n <= 0) {
-        bool bSetupFailed = false;
-        int nSignal = 0;
-        std::string how = m_Reap(&bSetupFailed, &nSignal);
-        if (bSetupFailed) {
-            MOX_WARN("mox-extract: helper could not drop privileges or set its limits; contents of (%s) not read.",
-                     logName.c_str());
-            return true;
-        }
-        // Signals a parse does not raise itself: someone stopped the helper.
-        if (nSignal == SIGKILL || nSignal == SIGTERM || nSignal == SIGINT || nSignal == SIGHUP) {
-            MOX_WARN("mox-extract: helper %s from outside while parsing (%s); file skipped this time.", how.c_str(),
-                     logName.c_str());
-            return false;
-        }
-        MOX_WARN("mox-extract: helper %s while parsing (%s); file skipped, helper restarts for the next file.",
-                 how.c_str(), logName.c_str());
-        m_Remember(key);
-        return false;
-    }
-    if (!mox_extract_wire::DecodeAnswer(answer, info)) {
-        MOX_WARN("mox-extract: malformed answer for (%s); helper killed, file skipped.", logName.c_str());
-        m_Stop(true);
-        m_Remember(key);
-        return false;
-    }
-    return true;
+    return nChunk;
 }

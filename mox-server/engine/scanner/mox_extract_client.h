@@ -4,10 +4,13 @@
 // is spawned by one thread that lives as long as the process: its
 // parent-death signal (which fires when the spawning *thread* ends) thus
 // means the daemon died, never that a scanner thread finished. One file at
-// a time: Extract() holds the client mutex for the whole round trip, so any
-// number of scanner threads may call it. A file whose parse crashes the
-// helper or passes the per-file deadline fails with a warning naming it; the
-// helper is killed and started again for the next file, and the file is
+// batch at a time: ExtractBatch() holds the client mutex for the whole batch,
+// so any number of scanner threads may call it. A batch goes to the helper as
+// one request of up to mox_extract_wire::kMaxBatch files (their descriptors in
+// one message); the helper answers file by file, and each file has its own
+// deadline, counted from the answer before it. A file whose parse crashes the
+// helper or passes its deadline fails with a warning naming it; the helper is
+// killed and started again for the rest of the batch, and the file is
 // remembered by (path, size, modification time) so that it is not parsed
 // again -- unless the file was not to blame: a helper killed from outside
 // (SIGKILL, SIGTERM, ...) or stuck in a read the storage does not answer
@@ -24,11 +27,32 @@
 #include <string>
 #include <tuple>
 
+#include <vector>
+
 #include <mox_unique_fd.h>
 
+#include "mox_extract_wire.h"
 #include "mox_thread_annotations.h"
 
 struct media_info_s;
+struct SMOXExtractExtra;
+
+// One file of a batch. The caller keeps the descriptor and the outputs.
+struct SMOXExtractItem {
+    enum class EResult {
+        kParsed,   // content fields copied into *pInfo (and *pExtra)
+        kFailed,   // the helper crashed, stalled or answered garbage on it (now or before)
+        kNotRead,  // no confined helper to be had: *pInfo left as it was
+    };
+    int fd = -1;  // open regular file (borrowed)
+    std::string strPath;
+    int nMediaType = 0;
+    unsigned long long ullSize = 0;
+    unsigned long ulModifiedTime = 0;
+    media_info_s* pInfo = nullptr;
+    SMOXExtractExtra* pExtra = nullptr;  // read only when the batch asks for extras
+    EResult eResult = EResult::kNotRead;
+};
 
 class CMOXExtractClient {
 public:
@@ -49,9 +73,15 @@ public:
     // result is true: the file keeps its basic record.
     bool Extract(int fd, const std::string& path, int mediaType, unsigned long long size, unsigned long mtime,
                  media_info_s& info);
+    // Every item of `items` in as few round trips as the batch size allows;
+    // each item's eResult tells how it went. With bExtra the helper also
+    // fills the items' SMOXExtractExtra.
+    void ExtractBatch(std::vector<SMOXExtractItem>& items, bool bExtra);
 
     // Per-file deadline of a round trip.
     static constexpr std::chrono::milliseconds kDeadline{5000};
+    // How long a helper that closed its socket may take to end.
+    static constexpr std::chrono::milliseconds kReapWait{1000};
     // Files remembered as fatal; the oldest is forgotten beyond this.
     static constexpr size_t kMaxBadFiles = 1024;
 
@@ -66,10 +96,22 @@ private:
     // True when the helper sleeps in an uninterruptible wait (a storage read).
     bool m_WaitsForStorage() REQUIRES(m_mutex);
     void m_Remember(const FileKey& key) REQUIRES(m_mutex);
+    void m_Remember(const SMOXExtractItem& item) REQUIRES(m_mutex);
+    // One request of the items at positions `chunk` (1 to kMaxBatch of them).
+    // Returns how many of them, from the first, are settled: all of them, or
+    // up to and including the one that ended the helper (the others are to
+    // go again, to a new helper).
+    size_t m_RunBatch(std::vector<SMOXExtractItem>& items, const size_t* chunk, size_t nChunk, bool bExtra)
+        REQUIRES(m_mutex);
+    // Waits for the helper's next message until `deadline`: 1 received, 0 the
+    // deadline passed, -1 the helper closed its end or failed, -2 a message
+    // too big (or with too many descriptors) came.
+    int m_WaitAnswer(std::chrono::steady_clock::time_point deadline) REQUIRES(m_mutex);
 
     mox::Mutex m_mutex;
     pid_t m_pid GUARDED_BY(m_mutex) = -1;
     mox_util::UniqueFd m_socket GUARDED_BY(m_mutex);
     std::set<FileKey> m_badFiles GUARDED_BY(m_mutex);
     std::deque<FileKey> m_badOrder GUARDED_BY(m_mutex);  // oldest first
+    mox_extract_wire::CMessage m_answer GUARDED_BY(m_mutex);
 };

@@ -1,5 +1,7 @@
 // mox-extract: parses media files for the engine, one at a time, in a process
-// that a hostile file may crash or stall without harm to the daemon.
+// that a hostile file may crash or stall without harm to the daemon. Files
+// come in batches (one request, their descriptors in one message); each is
+// answered as soon as it is parsed.
 //
 // Started by CMOXExtractClient with its socket on descriptor 3. Started as
 // root, it becomes $MOX_EXTRACT_USER (default "nobody") before it reads any
@@ -27,6 +29,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <mox/mox_log.h>
 
@@ -45,6 +48,7 @@ namespace {
 
 constexpr int kSocketFd = 3;
 constexpr int kExitSetupFailed = 3;
+constexpr int kExitProtocol = 4;
 constexpr rlim_t kAddressSpaceBytes = rlim_t(1) << 30;
 constexpr rlim_t kCpuSecondsPerFile = 5;
 
@@ -96,14 +100,16 @@ bool Confine(pid_t daemon) {
 // Allows the next file kCpuSecondsPerFile of CPU time on top of what the
 // helper has used so far; SIGXCPU ends a runaway parse.
 void ArmCpuBudget() {
+    static const rlim_t s_hard = [] {
+        struct rlimit rl;
+        return getrlimit(RLIMIT_CPU, &rl) == 0 ? rl.rlim_max : RLIM_INFINITY;
+    }();
     struct rusage ru;
     if (getrusage(RUSAGE_SELF, &ru) != 0) return;
     rlim_t used = static_cast<rlim_t>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + 1;
-    struct rlimit rl;
-    if (getrlimit(RLIMIT_CPU, &rl) != 0) return;
     rlim_t soft = used + kCpuSecondsPerFile;
-    if (rl.rlim_max != RLIM_INFINITY && soft > rl.rlim_max) soft = rl.rlim_max;
-    rl.rlim_cur = soft;
+    if (s_hard != RLIM_INFINITY && soft > s_hard) soft = s_hard;
+    struct rlimit rl = {soft, s_hard};
     setrlimit(RLIMIT_CPU, &rl);
 }
 
@@ -146,21 +152,29 @@ int main(int argc, char**) {
         return kExitSetupFailed;
     }
 
+    mox_extract_wire::CMessage request;
+    std::vector<mox_util::UniqueFd> files;
+    std::vector<mox_extract_wire::SRequestItem> items;
     for (;;) {
-        std::string request;
-        mox_util::UniqueFd file;
-        long n = mox_extract_wire::Receive(kSocketFd, request, &file);
+        long n = mox_extract_wire::Receive(kSocketFd, request, &files);
         if (n == 0) return 0;  // the daemon closed its end
         if (n < 0) return errno == EMSGSIZE ? kExitSetupFailed : 0;
-        int mediaType = 0;
-        std::string name;
-        media_info_s info;
-        if (mox_extract_wire::DecodeRequest(request, mediaType, name) && file.IsValid()) {
-            ArmCpuBudget();
-            TestFault(name);
-            CMOXExtractor::ExtractContent(file.Get(), name, mediaType, info);
+        bool bExtra = false;
+        if (!mox_extract_wire::DecodeRequest(request.View(), items, bExtra) || files.size() != items.size()) {
+            fprintf(stderr, "mox-extract: malformed request.\n");
+            return kExitProtocol;
         }
-        file.Reset();
-        if (!mox_extract_wire::Send(kSocketFd, mox_extract_wire::EncodeAnswer(info), -1)) return 0;
+        for (size_t i = 0; i < items.size(); ++i) {
+            media_info_s info;
+            SMOXExtractExtra extra;
+            ArmCpuBudget();
+            TestFault(items[i].strName);
+            CMOXExtractor::ExtractContent(files[i].Get(), items[i].strName, items[i].nMediaType, info,
+                                          bExtra ? &extra : nullptr);
+            files[i].Reset();
+            if (!mox_extract_wire::Send(kSocketFd,
+                                        mox_extract_wire::EncodeAnswer(info, &extra, static_cast<uint32_t>(i))))
+                return 0;
+        }
     }
 }
