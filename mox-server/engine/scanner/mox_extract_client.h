@@ -7,8 +7,8 @@
 // batch at a time: ExtractBatch() holds the client mutex for the whole batch,
 // so any number of scanner threads may call it. A batch goes to the helper as
 // one request of up to mox_extract_wire::kMaxBatch files (their descriptors in
-// one message); the helper answers file by file, and each file has its own
-// deadline, counted from the answer before it. A file whose parse crashes the
+// one message) and comes back as one message of answers; each file has its
+// own deadline, counted from when the helper began it (its progress word). A file whose parse crashes the
 // helper or passes its deadline fails with a warning naming it; the helper is
 // killed and started again for the rest of the batch, and the file is
 // remembered by (path, size, modification time) so that it is not parsed
@@ -20,9 +20,11 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <set>
 #include <string>
 #include <tuple>
@@ -43,6 +45,7 @@ struct SMOXExtractItem {
         kParsed,   // content fields copied into *pInfo (and *pExtra)
         kFailed,   // the helper crashed, stalled or answered garbage on it (now or before)
         kNotRead,  // no confined helper to be had: *pInfo left as it was
+        kPending,  // not yet handed over (only while ExtractBatch runs)
     };
     int fd = -1;  // open regular file (borrowed)
     std::string strPath;
@@ -97,16 +100,23 @@ private:
     bool m_WaitsForStorage() REQUIRES(m_mutex);
     void m_Remember(const FileKey& key) REQUIRES(m_mutex);
     void m_Remember(const SMOXExtractItem& item) REQUIRES(m_mutex);
-    // One request of the items at positions `chunk` (1 to kMaxBatch of them).
-    // Returns how many of them, from the first, are settled: all of them, or
-    // up to and including the one that ended the helper (the others are to
-    // go again, to a new helper).
-    size_t m_RunBatch(std::vector<SMOXExtractItem>& items, const size_t* chunk, size_t nChunk, bool bExtra)
+    // One request of the items at positions `chunk` (1 to kMaxBatch of them,
+    // all kPending). Settles all of them, or at least the one that ended the
+    // helper; the others stay kPending, to go to a new helper.
+    void m_RunBatch(std::vector<SMOXExtractItem>& items, const size_t* chunk, size_t nChunk, bool bExtra)
         REQUIRES(m_mutex);
     // Waits for the helper's next message until `deadline`: 1 received, 0 the
     // deadline passed, -1 the helper closed its end or failed, -2 a message
     // too big (or with too many descriptors) came.
-    int m_WaitAnswer(std::chrono::steady_clock::time_point deadline) REQUIRES(m_mutex);
+    int m_WaitMessage(std::chrono::steady_clock::time_point deadline) REQUIRES(m_mutex);
+    // The file the helper says it is parsing, if its word is one of
+    // [nFrom, nChunk), and when it began (never later than now).
+    bool m_ReadProgress(size_t nFrom, size_t nChunk, size_t& index, std::chrono::steady_clock::time_point& started)
+        REQUIRES(m_mutex);
+
+    struct SUnmap {
+        void operator()(std::atomic<uint64_t>* p) const;
+    };
 
     mox::Mutex m_mutex;
     pid_t m_pid GUARDED_BY(m_mutex) = -1;
@@ -114,4 +124,6 @@ private:
     std::set<FileKey> m_badFiles GUARDED_BY(m_mutex);
     std::deque<FileKey> m_badOrder GUARDED_BY(m_mutex);  // oldest first
     mox_extract_wire::CMessage m_answer GUARDED_BY(m_mutex);
+    // The progress word shared with the current helper.
+    std::unique_ptr<std::atomic<uint64_t>, SUnmap> m_progress GUARDED_BY(m_mutex);
 };

@@ -19,6 +19,7 @@ constexpr uint32_t kFlagExtra = 1;
 class Writer {
 public:
     Writer() { m_out.reserve(512); }
+    explicit Writer(std::string out) : m_out(std::move(out)) {}
     void U32(uint32_t v) { m_out.append(reinterpret_cast<const char*>(&v), sizeof(v)); }
     void I32(int v) { U32(static_cast<uint32_t>(v)); }
     void F64(double v) { m_out.append(reinterpret_cast<const char*>(&v), sizeof(v)); }
@@ -70,6 +71,7 @@ public:
         return true;
     }
     bool AtEnd() const { return m_pos == m_in.size(); }
+    size_t Pos() const { return m_pos; }
 
 private:
     std::string_view m_in;
@@ -109,10 +111,9 @@ bool DecodeRequest(std::string_view msg, std::vector<SRequestItem>& items, bool&
     return r.AtEnd();
 }
 
-std::string EncodeAnswer(const media_info_s& info, const SMOXExtractExtra* pExtra, uint32_t index) {
-    Writer w;
-    w.U32(kAnswerMagic);
-    w.U32(index);
+namespace {
+
+void WriteAnswer(Writer& w, const media_info_s& info, const SMOXExtractExtra* pExtra) {
     for (const std::string* s : {&info.strTitle, &info.strDateTaken, &info.strExposureTime, &info.strModel,
                                  &info.strAlbum, &info.strArtist, &info.strGenre, &info.strComposer, &info.strYear,
                                  &info.strRecordedDate, &info.strCopyright, &info.strTrackNum})
@@ -125,14 +126,41 @@ std::string EncodeAnswer(const media_info_s& info, const SMOXExtractExtra* pExtr
     const SMOXExtractExtra& extra = pExtra ? *pExtra : none;
     for (int n : {extra.nVideoWidth, extra.nVideoHeight, extra.nVideoDuration}) w.I32(n < 0 ? 0 : n);
     w.Str(extra.strDateOffset, kMaxOffsetBytes);
-    return w.Take();
 }
 
-bool DecodeAnswer(std::string_view msg, media_info_s& info, SMOXExtractExtra* pExtra, uint32_t index) {
-    if (msg.size() > kMaxMessageBytes) return false;
-    Reader r(msg);
-    uint32_t magic, position;
-    if (!r.U32(magic) || magic != kAnswerMagic || !r.U32(position) || position != index) return false;
+constexpr size_t kAnswerHeader = 12;
+
+}  // namespace
+
+CAnswerWriter::CAnswerWriter(uint32_t first) {
+    Writer w;
+    w.U32(kAnswerMagic);
+    w.U32(first);
+    w.U32(0);  // the count, set by Add
+    m_out = w.Take();
+}
+
+void CAnswerWriter::Add(const media_info_s& info, const SMOXExtractExtra* pExtra) {
+    Writer w(std::move(m_out));
+    WriteAnswer(w, info, pExtra);
+    m_out = w.Take();
+    ++m_nCount;
+    memcpy(&m_out[8], &m_nCount, sizeof(m_nCount));
+}
+
+bool CAnswerReader::Header(uint32_t& first, uint32_t& count) {
+    Reader r(m_msg);
+    uint32_t magic;
+    if (m_msg.size() > kMaxMessageBytes || !r.U32(magic) || magic != kAnswerMagic || !r.U32(first) || !r.U32(count) ||
+        count == 0 || count > kMaxBatch)
+        return false;
+    m_pos = kAnswerHeader;
+    return true;
+}
+
+bool CAnswerReader::Next(media_info_s& info, SMOXExtractExtra* pExtra, bool bLast) {
+    if (m_pos < kAnswerHeader) return false;
+    Reader r(m_msg.substr(m_pos));
     media_info_s out = info;
     for (std::string* s :
          {&out.strTitle, &out.strDateTaken, &out.strExposureTime, &out.strModel, &out.strAlbum, &out.strArtist,
@@ -146,9 +174,40 @@ bool DecodeAnswer(std::string_view msg, media_info_s& info, SMOXExtractExtra* pE
     SMOXExtractExtra extra;
     for (int* n : {&extra.nVideoWidth, &extra.nVideoHeight, &extra.nVideoDuration})
         if (!r.I32(*n) || *n < 0) return false;
-    if (!r.Str(extra.strDateOffset, kMaxOffsetBytes) || !r.AtEnd()) return false;
+    if (!r.Str(extra.strDateOffset, kMaxOffsetBytes) || (bLast && !r.AtEnd())) return false;
+    m_pos += r.Pos();
     info = std::move(out);
     if (pExtra) *pExtra = std::move(extra);
+    return true;
+}
+
+std::string EncodeAnswer(const media_info_s& info, const SMOXExtractExtra* pExtra, uint32_t index) {
+    CAnswerWriter w(index);
+    w.Add(info, pExtra);
+    return w.Message();
+}
+
+bool DecodeAnswer(std::string_view msg, media_info_s& info, SMOXExtractExtra* pExtra, uint32_t index) {
+    CAnswerReader r(msg);
+    uint32_t first = 0, count = 0;
+    if (!r.Header(first, count) || first != index || count != 1) return false;
+    media_info_s out = info;
+    SMOXExtractExtra extra;
+    if (!r.Next(out, &extra, true)) return false;
+    info = std::move(out);
+    if (pExtra) *pExtra = std::move(extra);
+    return true;
+}
+
+uint64_t PackProgress(uint32_t index, uint64_t startUs) {
+    return (static_cast<uint64_t>(index + 1) << 56) | (startUs & ((uint64_t(1) << 56) - 1));
+}
+
+bool UnpackProgress(uint64_t word, uint32_t& index, uint64_t& startUs) {
+    const uint32_t top = static_cast<uint32_t>(word >> 56);
+    if (top == 0 || top > kMaxBatch) return false;
+    index = top - 1;
+    startUs = word & ((uint64_t(1) << 56) - 1);
     return true;
 }
 

@@ -1,11 +1,16 @@
 // Messages between the daemon and the mox-extract helper, over a
 // SOCK_SEQPACKET socket pair: one request per batch of files (media type and
 // file name of each, the open files passed in one SCM_RIGHTS message, in the
-// same order) and one answer per file (the content fields of media_info_s and
-// the library's extra fields), sent as soon as that file is parsed: the
-// daemon keeps a deadline per file and knows which file a crash or stall
-// belongs to. Decoding checks every length and value, since the side that
-// parses media is the one a hostile file may have taken over.
+// same order) and, when the batch is done, one message with the answers of
+// its files in order (the content fields of media_info_s and the library's
+// extra fields; split over more messages only when they would not fit one).
+// So that the daemon keeps a deadline per file and knows which file a crash
+// or stall belongs to without a message (and a wake-up) per file, the helper
+// writes the position and start time of the file it is parsing into a
+// progress word in memory shared with the daemon. Decoding checks every
+// length and value, and the progress word is only believed within bounds,
+// since the side that parses media is the one a hostile file may have taken
+// over.
 #pragma once
 
 #include <cstddef>
@@ -42,12 +47,52 @@ struct SRequestItem {
 std::string EncodeRequest(const std::vector<SRequestItem>& items, bool bExtra);
 bool DecodeRequest(std::string_view msg, std::vector<SRequestItem>& items, bool& bExtra);
 
-// The answer for the file at position `index` of its request.
+// Answers: a header (position of the first answer in its request, number of
+// answers) and the answers in order.
+class CAnswerWriter {
+public:
+    explicit CAnswerWriter(uint32_t first);
+    void Add(const media_info_s& info, const SMOXExtractExtra* pExtra);
+    uint32_t Count() const { return m_nCount; }
+    size_t Size() const { return m_out.size(); }
+    const std::string& Message() const { return m_out; }
+
+private:
+    std::string m_out;
+    uint32_t m_nCount = 0;
+};
+// Most bytes one answer takes.
+constexpr size_t kMaxAnswerBytes = 13 * 1024;
+
+class CAnswerReader {
+public:
+    explicit CAnswerReader(std::string_view msg) : m_msg(msg) {}
+    // False when the message is not a header of 1 or more answers.
+    bool Header(uint32_t& first, uint32_t& count);
+    // The next answer into `info` (content fields, texts made valid UTF-8)
+    // and *pExtra when given; false, and both untouched, when malformed (or,
+    // with bLast, when anything follows it).
+    bool Next(media_info_s& info, SMOXExtractExtra* pExtra, bool bLast);
+    bool AtEnd() const { return m_pos == m_msg.size(); }
+
+private:
+    std::string_view m_msg;
+    size_t m_pos = 0;
+};
+
+// A message with one answer, at position `index`.
 std::string EncodeAnswer(const media_info_s& info, const SMOXExtractExtra* pExtra = nullptr, uint32_t index = 0);
-// Copies the content fields (texts made valid UTF-8) into `info` and the
-// extra ones into *pExtra when given; false, and both untouched, when the
-// message is malformed or answers another position than `index`.
+// The answer of a message holding exactly one, at position `index`; false and
+// `info`/*pExtra untouched otherwise.
 bool DecodeAnswer(std::string_view msg, media_info_s& info, SMOXExtractExtra* pExtra = nullptr, uint32_t index = 0);
+
+// The progress word: the position in its request of the file being parsed
+// and when its parse began (CLOCK_MONOTONIC, microseconds). 0: none yet.
+uint64_t PackProgress(uint32_t index, uint64_t startUs);
+// False for 0 and for a word that cannot be a progress word.
+bool UnpackProgress(uint64_t word, uint32_t& index, uint64_t& startUs);
+// Bytes of the shared memory that holds it.
+constexpr size_t kProgressBytes = 4096;
 
 // A receive buffer reused from message to message.
 class CMessage {

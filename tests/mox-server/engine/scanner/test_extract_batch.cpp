@@ -189,10 +189,11 @@ TEST_F(ExtractBatch, CrashAndStallFailAloneInsideABatch) {
 TEST_F(ExtractBatch, HostileAnswersAreRefused) {
     const std::string fake = s_dir->path() + "/fake-helper";
     std::ofstream(fake) << R"PY(#!/usr/bin/python3
-import os, socket, struct, time
+import mmap, os, socket, struct, time
 s = socket.socket(fileno=3)
+progress = mmap.mmap(4, 4096)
 def answer(i, title, lat=-200.0, width=0):
-    out = struct.pack('<II', 0x4d585241, i)
+    out = struct.pack('<III', 0x4d585241, i, 1)
     for t in [title] + [''] * 11:
         b = t.encode('utf-8', 'replace')
         out += struct.pack('<I', len(b)) + b
@@ -212,12 +213,15 @@ while True:
     for i, name in enumerate(names):
         a = answer(i, name)
         if name.startswith('evil-index'): a = answer(i + 1, name)
-        if name.startswith('evil-length'): a = a[:8] + struct.pack('<I', 0xFFFFFFF0) + a[12:]
+        if name.startswith('evil-length'): a = a[:12] + struct.pack('<I', 0xFFFFFFF0) + a[16:]
         if name.startswith('evil-nan'): a = answer(i, name, lat=float('nan'))
         if name.startswith('evil-negative'): a = answer(i, name, width=-5)
         if name.startswith('evil-trailing'): a += b'x'
         if name.startswith('evil-short'): a = a[:-2]
         if name.startswith('evil-big'): a = a + b'\0' * 70000
+        if name.startswith('evil-progress'):
+            struct.pack_into('<Q', progress, 0, 250 << 56)  # no such file: the next unanswered one is blamed
+            os._exit(1)
         if name.startswith('evil-empty'):
             s.send(b'')
             time.sleep(60)
@@ -230,7 +234,8 @@ while True:
     if (!Shell("/usr/bin/python3 -c 'import socket; socket.recv_fds'")) GTEST_SKIP() << "python3 >= 3.9 needed";
     std::vector<std::string> names = {"ok-1.jpg",       "evil-index.jpg",    "ok-2.jpg",       "evil-length.jpg",
                                       "evil-nan.jpg",   "evil-negative.mp4", "fds-1.jpg",      "evil-trailing.jpg",
-                                      "evil-short.jpg", "evil-big.jpg",      "evil-empty.jpg", "ok-3.jpg"};
+                                      "evil-short.jpg", "evil-big.jpg",      "evil-empty.jpg", "evil-progress.jpg",
+                                      "ok-3.jpg"};
     for (const std::string& name : names) ASSERT_TRUE(Shell("cp " + Media("utc.jpg") + " " + Media(name)));
     const int fdsBefore = OpenFds();
     {
