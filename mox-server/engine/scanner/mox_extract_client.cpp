@@ -396,13 +396,6 @@ void CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const si
     size_t nAnswered = 0;
     size_t nCurrent = 0;
     auto deadline = sent + kDeadline;
-    // The file a failure belongs to: the one the helper said it is on.
-    auto culprit = [&]() -> SMOXExtractItem& {
-        size_t index = nAnswered;
-        std::chrono::steady_clock::time_point started;
-        if (!m_ReadProgress(nAnswered, nChunk, index, started)) index = nAnswered;
-        return items[chunk[index]];
-    };
     while (nAnswered < nChunk) {
         const int r = m_WaitMessage(deadline);
         if (r == 0) {
@@ -435,7 +428,11 @@ void CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const si
             return;
         }
         if (r == -1) {
-            SMOXExtractItem& item = culprit();
+            // The file it belongs to: the one the helper said it is on.
+            size_t index = nAnswered;
+            std::chrono::steady_clock::time_point started;
+            if (!m_ReadProgress(nAnswered, nChunk, index, started)) index = nAnswered;
+            SMOXExtractItem& item = items[chunk[index]];
             const std::string logName = CMOXExtractor::FileNameToUtf8(item.strPath);
             bool bSetupFailed = false;
             int nSignal = 0;
