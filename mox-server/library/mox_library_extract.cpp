@@ -123,6 +123,10 @@ void ExtractFieldsBatch(std::vector<SMOXLibraryExtractItem>& items) {
             item.bParsed = false;
             continue;
         }
+        if (eResult == SMOXExtractItem::EResult::kDeferred) {
+            item.bDeferred = true;
+            continue;
+        }
         // Not read (no helper): the basic fields only.
         if (eResult != SMOXExtractItem::EResult::kParsed) continue;
         const media_info_s& info = infos[i];

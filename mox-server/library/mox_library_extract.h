@@ -28,6 +28,7 @@ struct SMOXLibraryExtractItem {
     int64_t nTime = 0;
     SMOXLibraryFields fields;  // out: at least the title and MIME type
     bool bParsed = false;      // out: false when the helper crashed or stalled on it
+    bool bDeferred = false;    // out: not parsed, the storage stalled on another file: try later
 };
 
 namespace mox_library {

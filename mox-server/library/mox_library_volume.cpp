@@ -580,6 +580,8 @@ size_t CMOXLibraryVolume::m_Extract(const std::vector<SMOXLibraryPending>& pendi
     }
     mox_library::ExtractFieldsBatch(items);
     for (size_t k = 0; k < items.size(); ++k) {
+        // The storage stalled: this file and the ones after it wait.
+        if (items[k].bDeferred) return at[k];
         fields[at[k]] = std::move(items[k].fields);
         states[at[k]] = !items[k].bParsed ? 2 : mox_library::HasContent(items[k].nMediaType) ? 1 : 3;
     }

@@ -308,9 +308,18 @@ void CMOXExtractClient::ExtractBatch(std::vector<SMOXExtractItem>& items, bool b
         }
         // Each round settles at least one file; the files a failure left
         // open go first into the next request, in their order.
-        m_RunBatch(items, chunk, nChunk, bExtra);
+        const bool bStorageStalled = m_RunBatch(items, chunk, nChunk, bExtra);
         for (size_t k = nChunk; k-- > 0;)
             if (items[chunk[k]].eResult == SMOXExtractItem::EResult::kPending) todo.push_front(chunk[k]);
+        if (bStorageStalled) {
+            // The storage does not answer: the rest would stall file after
+            // file. It waits for another time.
+            for (size_t i : todo) items[i].eResult = SMOXExtractItem::EResult::kDeferred;
+            if (!todo.empty())
+                MOX_WARN("mox-extract: %zu file(s) of the batch left for later (the storage does not answer).",
+                         todo.size());
+            todo.clear();
+        }
     }
 }
 
@@ -354,7 +363,7 @@ bool CMOXExtractClient::m_ReadProgress(size_t nFrom, size_t nChunk, size_t& inde
     return true;
 }
 
-void CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const size_t* chunk, size_t nChunk,
+bool CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const size_t* chunk, size_t nChunk,
                                    bool bExtra) {
     using EResult = SMOXExtractItem::EResult;
     auto notRead = [&](size_t from, const char* why) {
@@ -362,6 +371,7 @@ void CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const si
                  CMOXExtractor::FileNameToUtf8(items[chunk[from]].strPath).c_str());
         for (size_t k = from; k < nChunk; ++k)
             if (items[chunk[k]].eResult == EResult::kPending) items[chunk[k]].eResult = EResult::kNotRead;
+        return false;
     };
     // Without a helper the records keep their basic information and
     // defaults: an installation problem, not these files' fault.
@@ -419,13 +429,13 @@ void CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const si
                     "killed, file skipped this time.",
                     logName.c_str(), static_cast<long long>(kDeadline.count()));
                 m_Stop(true);
-                return;
+                return true;
             }
             MOX_WARN("mox-extract: (%s) took more than %lld ms; helper killed, file skipped.", logName.c_str(),
                      static_cast<long long>(kDeadline.count()));
             m_Stop(true);
             m_Remember(item);
-            return;
+            return false;
         }
         if (r == -1) {
             // The file it belongs to: the one the helper said it is on.
@@ -443,12 +453,12 @@ void CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const si
             if (nSignal == SIGKILL || nSignal == SIGTERM || nSignal == SIGINT || nSignal == SIGHUP) {
                 MOX_WARN("mox-extract: helper %s from outside while parsing (%s); file skipped this time.", how.c_str(),
                          logName.c_str());
-                return;
+                return false;
             }
             MOX_WARN("mox-extract: helper %s while parsing (%s); file skipped, helper restarts for the rest.",
                      how.c_str(), logName.c_str());
             m_Remember(item);
-            return;
+            return false;
         }
         // Answers of consecutive files from the next one on; the first that
         // does not decode fails its file (and ends the helper).
@@ -470,7 +480,7 @@ void CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const si
             item.eResult = EResult::kFailed;
             m_Stop(true);
             m_Remember(item);
-            return;
+            return false;
         }
         if (nAnswered < nChunk && nCurrent < nAnswered) {
             // The next file began when these answers were done at the latest.
@@ -478,4 +488,5 @@ void CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const si
             deadline = std::chrono::steady_clock::now() + kDeadline;
         }
     }
+    return false;
 }

@@ -42,10 +42,11 @@ struct SMOXExtractExtra;
 // One file of a batch. The caller keeps the descriptor and the outputs.
 struct SMOXExtractItem {
     enum class EResult {
-        kParsed,   // content fields copied into *pInfo (and *pExtra)
-        kFailed,   // the helper crashed, stalled or answered garbage on it (now or before)
-        kNotRead,  // no confined helper to be had: *pInfo left as it was
-        kPending,  // not yet handed over (only while ExtractBatch runs)
+        kParsed,    // content fields copied into *pInfo (and *pExtra)
+        kFailed,    // the helper crashed, stalled or answered garbage on it (now or before)
+        kNotRead,   // no confined helper to be had: *pInfo left as it was
+        kDeferred,  // not parsed: the storage stalled the helper on another file of the batch
+        kPending,   // not yet handed over (only while ExtractBatch runs)
     };
     int fd = -1;  // open regular file (borrowed)
     std::string strPath;
@@ -102,8 +103,9 @@ private:
     void m_Remember(const SMOXExtractItem& item) REQUIRES(m_mutex);
     // One request of the items at positions `chunk` (1 to kMaxBatch of them,
     // all kPending). Settles all of them, or at least the one that ended the
-    // helper; the others stay kPending, to go to a new helper.
-    void m_RunBatch(std::vector<SMOXExtractItem>& items, const size_t* chunk, size_t nChunk, bool bExtra)
+    // helper; the others stay kPending, to go to a new helper. True when the
+    // helper stalled waiting for the storage.
+    bool m_RunBatch(std::vector<SMOXExtractItem>& items, const size_t* chunk, size_t nChunk, bool bExtra)
         REQUIRES(m_mutex);
     // Waits for the helper's next message until `deadline`: 1 received, 0 the
     // deadline passed, -1 the helper closed its end or failed, -2 a message
