@@ -63,19 +63,20 @@ int main(int argc, char** argv) {
             ++files;
             if (walkOnly) continue;
             media_info_s info;
+            SMOXExtractExtra extra;  // the index's fields: a video's size and length too
             const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
             if (fd >= 0) {
-                CMOXExtractor::ExtractContent(fd, e->d_name, group, info);
+                CMOXExtractor::ExtractContent(fd, e->d_name, group, info, &extra);
                 close(fd);
             }
             sqlite3_bind_blob(insert, 1, path.data(), static_cast<int>(path.size()), SQLITE_TRANSIENT);
             sqlite3_bind_int64(insert, 2, st.st_size);
             sqlite3_bind_int64(insert, 3, st.st_mtime);
             sqlite3_bind_text(insert, 4, info.strTitle.c_str(), -1, SQLITE_TRANSIENT);
-            sqlite3_bind_int(insert, 5, info.nWidth);
-            sqlite3_bind_int(insert, 6, info.nHeight);
+            sqlite3_bind_int(insert, 5, info.nWidth ? info.nWidth : extra.nVideoWidth);
+            sqlite3_bind_int(insert, 6, info.nHeight ? info.nHeight : extra.nVideoHeight);
             sqlite3_bind_text(insert, 7, info.strDateTaken.c_str(), -1, SQLITE_TRANSIENT);
-            sqlite3_bind_int(insert, 8, info.nDuration);
+            sqlite3_bind_int(insert, 8, info.nDuration ? info.nDuration : extra.nVideoDuration);
             sqlite3_bind_text(insert, 9, info.strArtist.c_str(), -1, SQLITE_TRANSIENT);
             sqlite3_bind_text(insert, 10, info.strAlbum.c_str(), -1, SQLITE_TRANSIENT);
             sqlite3_bind_text(insert, 11, info.strGenre.c_str(), -1, SQLITE_TRANSIENT);

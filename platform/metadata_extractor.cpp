@@ -32,6 +32,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
 #include <libavutil/log.h>
+#include <libavutil/mathematics.h>
 #include <libavutil/mem.h>
 }
 
@@ -361,6 +362,29 @@ std::string AvValue(metadata_extractor_s* h, metadata_extractor_attr_e attr) {
             return date.empty() ? AvTag(fmt, "date") : date;
         }
         default: break;
+    }
+
+    // A video's size and length as its container's header states them, when
+    // it does: probing the streams decodes frames, many times the cost.
+    if (!h->avStreamInfo) {
+        if (const AVStream* video = AvFirstStream(fmt, AVMEDIA_TYPE_VIDEO)) {
+            const AVRational ms = {1, 1000};
+            switch (attr) {
+                case METADATA_VIDEO_WIDTH:
+                    if (video->codecpar->width > 0) return Number(video->codecpar->width);
+                    break;
+                case METADATA_VIDEO_HEIGHT:
+                    if (video->codecpar->height > 0) return Number(video->codecpar->height);
+                    break;
+                case METADATA_DURATION:
+                    if (fmt->duration != AV_NOPTS_VALUE && fmt->duration > 0) return Number(fmt->duration / 1000);
+                    if (video->duration != AV_NOPTS_VALUE && video->duration > 0 && video->time_base.num > 0 &&
+                        video->time_base.den > 0)
+                        return Number(av_rescale_q(video->duration, video->time_base, ms));
+                    break;
+                default: break;
+            }
+        }
     }
 
     // Stream properties need the streams probed.

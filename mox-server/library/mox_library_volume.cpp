@@ -625,30 +625,52 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
     return eResult;
 }
 
-bool CMOXLibraryVolume::m_Extract(const SMOXLibraryPending& pending, SMOXLibraryFields& fields, bool& bGone,
-                                  int& nState) {
-    bGone = false;
-    mox_util::UniqueFd fd(m_OpenBeneath(pending.strRelPath, O_RDONLY | O_NONBLOCK));
-    struct stat st;
-    if (!fd.IsValid()) {
-        if (IsMissing(errno)) {
-            bGone = true;
-            return true;
+size_t CMOXLibraryVolume::m_Extract(const std::vector<SMOXLibraryPending>& pending,
+                                    std::vector<SMOXLibraryFields>& fields, std::vector<bool>& gone,
+                                    std::vector<int>& states) {
+    std::vector<mox_util::UniqueFd> fds;
+    std::vector<SMOXLibraryExtractItem> items;
+    std::vector<size_t> at;
+    fds.reserve(pending.size());
+    items.reserve(pending.size());
+    size_t nDone = 0;
+    for (; nDone < pending.size(); ++nDone) {
+        const SMOXLibraryPending& one = pending[nDone];
+        mox_util::UniqueFd fd(m_OpenBeneath(one.strRelPath, O_RDONLY | O_NONBLOCK));
+        struct stat st;
+        if (!fd.IsValid()) {
+            if (IsMissing(errno)) {
+                gone[nDone] = true;
+                continue;
+            }
+            MOX_WARN("library %s: cannot open a file (%s): the storage may be gone.", m_strMountPath.c_str(),
+                     strerror(errno));
+            break;
         }
-        MOX_WARN("library %s: cannot open a file (%s): the storage may be gone.", m_strMountPath.c_str(),
-                 strerror(errno));
-        return false;
+        if (fstat(fd.Get(), &st) != 0) break;
+        if (!S_ISREG(st.st_mode)) {
+            gone[nDone] = true;
+            continue;
+        }
+        SMOXLibraryExtractItem item;
+        item.fd = fd.Get();
+        item.strPath = m_strMountPath + "/" + one.strRelPath;
+        item.strFileName = NameOf(one.strRelPath);
+        item.nMediaType = one.nMediaType;
+        item.nSize = st.st_size;
+        item.nTime = st.st_mtime;
+        items.push_back(std::move(item));
+        at.push_back(nDone);
+        fds.push_back(std::move(fd));
     }
-    if (fstat(fd.Get(), &st) != 0) return false;
-    if (!S_ISREG(st.st_mode)) {
-        bGone = true;
-        return true;
+    mox_library::ExtractFieldsBatch(items);
+    for (size_t k = 0; k < items.size(); ++k) {
+        // The storage stalled: this file and the ones after it wait.
+        if (items[k].bDeferred) return at[k];
+        fields[at[k]] = std::move(items[k].fields);
+        states[at[k]] = !items[k].bParsed ? 2 : mox_library::HasContent(items[k].nMediaType) ? 1 : 3;
     }
-    const std::string strPath = m_strMountPath + "/" + pending.strRelPath;
-    const bool bParsed = mox_library::ExtractFields(fd.Get(), strPath, NameOf(pending.strRelPath), pending.nMediaType,
-                                                    st.st_size, st.st_mtime, fields);
-    nState = !bParsed ? 2 : mox_library::HasContent(pending.nMediaType) ? 1 : 3;
-    return true;
+    return nDone;
 }
 
 CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
@@ -670,12 +692,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
         gone.assign(pending.size(), false);
         size_t nDone = 0;
         // Extraction first, outside any transaction: the helper is the slow part.
-        for (; nDone < pending.size(); ++nDone) {
-            if (Stopping() || !m_WaitWhileBusy()) break;
-            bool bGone = false;
-            if (!m_Extract(pending[nDone], fields[nDone], bGone, states[nDone])) break;
-            gone[nDone] = bGone;
-        }
+        if (!Stopping() && m_WaitWhileBusy()) nDone = m_Extract(pending, fields, gone, states);
         if (nDone > 0 && !m_Change(rc)) return EScan::kFailed;
         m_nTransactionRows += static_cast<int>(nDone);
         for (size_t i = 0; i < nDone; ++i) {

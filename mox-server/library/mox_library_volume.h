@@ -12,7 +12,7 @@
 //
 // Each committed transaction that changed rows raises the volume's generation
 // by one and stamps the rows it changed. Work stops at once when Stop() is
-// called (the helper round trip of one file at most), and waits while users
+// called (one helper batch of kExtractBatch files at most), and waits while users
 // are served (the shared busy flag): the scanner is paused.
 //
 // Threads and locks: public operations are called from any thread and take
@@ -100,7 +100,11 @@ private:
                       int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, const SMOXLibraryRow* pKnown,
                       int& rc, bool* pbIndexed);
     void m_ProcessNotices();
-    bool m_Extract(const SMOXLibraryPending& pending, SMOXLibraryFields& fields, bool& bGone, int& nState);
+    // Opens the pending files and extracts them, several per helper round
+    // trip. Returns how many, from the first, are done: it stops at a file
+    // the storage fails to open.
+    size_t m_Extract(const std::vector<SMOXLibraryPending>& pending, std::vector<SMOXLibraryFields>& fields,
+                     std::vector<bool>& gone, std::vector<int>& states);
     // A transaction of changes: begins lazily, commits with a new generation.
     bool m_Change(int& rc);
     bool m_Commit(int& rc);

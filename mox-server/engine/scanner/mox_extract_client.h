@@ -4,10 +4,13 @@
 // is spawned by one thread that lives as long as the process: its
 // parent-death signal (which fires when the spawning *thread* ends) thus
 // means the daemon died, never that a scanner thread finished. One file at
-// a time: Extract() holds the client mutex for the whole round trip, so any
-// number of scanner threads may call it. A file whose parse crashes the
-// helper or passes the per-file deadline fails with a warning naming it; the
-// helper is killed and started again for the next file, and the file is
+// batch at a time: ExtractBatch() holds the client mutex for the whole batch,
+// so any number of scanner threads may call it. A batch goes to the helper as
+// one request of up to mox_extract_wire::kMaxBatch files (their descriptors in
+// one message) and comes back as one message of answers; each file has its
+// own deadline, counted from when the helper began it (its progress word). A file whose parse crashes the
+// helper or passes its deadline fails with a warning naming it; the helper is
+// killed and started again for the rest of the batch, and the file is
 // remembered by (path, size, modification time) so that it is not parsed
 // again -- unless the file was not to blame: a helper killed from outside
 // (SIGKILL, SIGTERM, ...) or stuck in a read the storage does not answer
@@ -17,18 +20,43 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <set>
 #include <string>
 #include <tuple>
 
+#include <vector>
+
 #include <mox_unique_fd.h>
 
+#include "mox_extract_wire.h"
 #include "mox_thread_annotations.h"
 
 struct media_info_s;
+struct SMOXExtractExtra;
+
+// One file of a batch. The caller keeps the descriptor and the outputs.
+struct SMOXExtractItem {
+    enum class EResult {
+        kParsed,    // content fields copied into *pInfo (and *pExtra)
+        kFailed,    // the helper crashed, stalled or answered garbage on it (now or before)
+        kNotRead,   // no confined helper to be had: *pInfo left as it was
+        kDeferred,  // not parsed: the storage stalled the helper on another file of the batch
+        kPending,   // not yet handed over (only while ExtractBatch runs)
+    };
+    int fd = -1;  // open regular file (borrowed)
+    std::string strPath;
+    int nMediaType = 0;
+    unsigned long long ullSize = 0;
+    unsigned long ulModifiedTime = 0;
+    media_info_s* pInfo = nullptr;
+    SMOXExtractExtra* pExtra = nullptr;  // read only when the batch asks for extras
+    EResult eResult = EResult::kNotRead;
+};
 
 class CMOXExtractClient {
 public:
@@ -49,9 +77,15 @@ public:
     // result is true: the file keeps its basic record.
     bool Extract(int fd, const std::string& path, int mediaType, unsigned long long size, unsigned long mtime,
                  media_info_s& info);
+    // Every item of `items` in as few round trips as the batch size allows;
+    // each item's eResult tells how it went. With bExtra the helper also
+    // fills the items' SMOXExtractExtra.
+    void ExtractBatch(std::vector<SMOXExtractItem>& items, bool bExtra);
 
     // Per-file deadline of a round trip.
     static constexpr std::chrono::milliseconds kDeadline{5000};
+    // How long a helper that closed its socket may take to end.
+    static constexpr std::chrono::milliseconds kReapWait{1000};
     // Files remembered as fatal; the oldest is forgotten beyond this.
     static constexpr size_t kMaxBadFiles = 1024;
 
@@ -70,6 +104,25 @@ private:
     // asks: idle for a caller in SCHED_IDLE (the media library's indexer),
     // normal for anyone else. Changed only when it differs.
     void m_FollowCaller() REQUIRES(m_mutex);
+    void m_Remember(const SMOXExtractItem& item) REQUIRES(m_mutex);
+    // One request of the items at positions `chunk` (1 to kMaxBatch of them,
+    // all kPending). Settles all of them, or at least the one that ended the
+    // helper; the others stay kPending, to go to a new helper. True when the
+    // helper stalled waiting for the storage.
+    bool m_RunBatch(std::vector<SMOXExtractItem>& items, const size_t* chunk, size_t nChunk, bool bExtra)
+        REQUIRES(m_mutex);
+    // Waits for the helper's next message until `deadline`: 1 received, 0 the
+    // deadline passed, -1 the helper closed its end or failed, -2 a message
+    // too big (or with too many descriptors) came.
+    int m_WaitMessage(std::chrono::steady_clock::time_point deadline) REQUIRES(m_mutex);
+    // The file the helper says it is parsing, if its word is one of
+    // [nFrom, nChunk), and when it began (never later than now).
+    bool m_ReadProgress(size_t nFrom, size_t nChunk, size_t& index, std::chrono::steady_clock::time_point& started)
+        REQUIRES(m_mutex);
+
+    struct SUnmap {
+        void operator()(std::atomic<uint64_t>* p) const;
+    };
 
     mox::Mutex m_mutex;
     pid_t m_pid GUARDED_BY(m_mutex) = -1;
@@ -78,4 +131,7 @@ private:
     mox_util::UniqueFd m_socket GUARDED_BY(m_mutex);
     std::set<FileKey> m_badFiles GUARDED_BY(m_mutex);
     std::deque<FileKey> m_badOrder GUARDED_BY(m_mutex);  // oldest first
+    mox_extract_wire::CMessage m_answer GUARDED_BY(m_mutex);
+    // The progress word shared with the current helper.
+    std::unique_ptr<std::atomic<uint64_t>, SUnmap> m_progress GUARDED_BY(m_mutex);
 };

@@ -1,7 +1,11 @@
 // mox-extract: parses media files for the engine, one at a time, in a process
-// that a hostile file may crash or stall without harm to the daemon.
+// that a hostile file may crash or stall without harm to the daemon. Files
+// come in batches (one request, their descriptors in one message) and are
+// answered together; the progress word tells the daemon which file is being
+// parsed meanwhile.
 //
-// Started by CMOXExtractClient with its socket on descriptor 3. Started as
+// Started by CMOXExtractClient with its socket on descriptor 3 and the shared
+// memory of the progress word on descriptor 4. Started as
 // root, it becomes $MOX_EXTRACT_USER (default "nobody") before it reads any
 // file. It then limits itself: no core files, no file growth (RLIMIT_FSIZE 0),
 // no new processes, few descriptors, bounded address space and a CPU budget
@@ -16,17 +20,21 @@
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
+#include <vector>
 
 #include <mox/mox_log.h>
 
@@ -44,7 +52,9 @@
 namespace {
 
 constexpr int kSocketFd = 3;
+constexpr int kProgressFd = 4;
 constexpr int kExitSetupFailed = 3;
+constexpr int kExitProtocol = 4;
 constexpr rlim_t kAddressSpaceBytes = rlim_t(1) << 30;
 constexpr rlim_t kCpuSecondsPerFile = 5;
 
@@ -96,14 +106,16 @@ bool Confine(pid_t daemon) {
 // Allows the next file kCpuSecondsPerFile of CPU time on top of what the
 // helper has used so far; SIGXCPU ends a runaway parse.
 void ArmCpuBudget() {
+    static const rlim_t s_hard = [] {
+        struct rlimit rl;
+        return getrlimit(RLIMIT_CPU, &rl) == 0 ? rl.rlim_max : RLIM_INFINITY;
+    }();
     struct rusage ru;
     if (getrusage(RUSAGE_SELF, &ru) != 0) return;
     rlim_t used = static_cast<rlim_t>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + 1;
-    struct rlimit rl;
-    if (getrlimit(RLIMIT_CPU, &rl) != 0) return;
     rlim_t soft = used + kCpuSecondsPerFile;
-    if (rl.rlim_max != RLIM_INFINITY && soft > rl.rlim_max) soft = rl.rlim_max;
-    rl.rlim_cur = soft;
+    if (s_hard != RLIM_INFINITY && soft > s_hard) soft = s_hard;
+    struct rlimit rl = {soft, s_hard};
     setrlimit(RLIMIT_CPU, &rl);
 }
 
@@ -131,9 +143,19 @@ int main(int argc, char**) {
         return 2;
     }
     const pid_t daemon = getppid();
-    // Nothing of the daemon's but the socket is wanted here.
+    std::atomic<uint64_t>* pProgress = nullptr;
+    if (fstat(kProgressFd, &st) == 0 && S_ISREG(st.st_mode) &&
+        st.st_size >= static_cast<off_t>(mox_extract_wire::kProgressBytes)) {
+        void* map = mmap(nullptr, mox_extract_wire::kProgressBytes, PROT_READ | PROT_WRITE, MAP_SHARED, kProgressFd, 0);
+        if (map != MAP_FAILED) pProgress = static_cast<std::atomic<uint64_t>*>(map);
+    }
+    // Nothing of the daemon's but the socket (and the mapping) is wanted here.
     if (close_range(kSocketFd + 1, ~0U, 0) != 0)
         for (int fd = kSocketFd + 1; fd < 1024; ++fd) close(fd);
+    if (!pProgress) {
+        fprintf(stderr, "mox-extract: no progress memory on descriptor %d.\n", kProgressFd);
+        return kExitSetupFailed;
+    }
     // A file sink would be a file write, which RLIMIT_FSIZE forbids.
     const char* sink = getenv("MOX_LOG");
     if (sink && strncmp(sink, "file:", 5) == 0) setenv("MOX_LOG", "stderr", 1);
@@ -146,21 +168,41 @@ int main(int argc, char**) {
         return kExitSetupFailed;
     }
 
+    mox_extract_wire::CMessage request;
+    std::vector<mox_util::UniqueFd> files;
+    std::vector<mox_extract_wire::SRequestItem> items;
     for (;;) {
-        std::string request;
-        mox_util::UniqueFd file;
-        long n = mox_extract_wire::Receive(kSocketFd, request, &file);
+        long n = mox_extract_wire::Receive(kSocketFd, request, &files);
         if (n == 0) return 0;  // the daemon closed its end
         if (n < 0) return errno == EMSGSIZE ? kExitSetupFailed : 0;
-        int mediaType = 0;
-        std::string name;
-        media_info_s info;
-        if (mox_extract_wire::DecodeRequest(request, mediaType, name) && file.IsValid()) {
-            ArmCpuBudget();
-            TestFault(name);
-            CMOXExtractor::ExtractContent(file.Get(), name, mediaType, info);
+        bool bExtra = false;
+        if (!mox_extract_wire::DecodeRequest(request.View(), items, bExtra) || files.size() != items.size()) {
+            fprintf(stderr, "mox-extract: malformed request.\n");
+            return kExitProtocol;
         }
-        file.Reset();
-        if (!mox_extract_wire::Send(kSocketFd, mox_extract_wire::EncodeAnswer(info), -1)) return 0;
+        mox_extract_wire::CAnswerWriter answers(0);
+        for (size_t i = 0; i < items.size(); ++i) {
+            // Answers that might not fit one message with the next go first.
+            if (answers.Count() > 0 &&
+                answers.Size() + mox_extract_wire::kMaxAnswerBytes > mox_extract_wire::kMaxMessageBytes) {
+                if (!mox_extract_wire::Send(kSocketFd, answers.Message())) return 0;
+                answers = mox_extract_wire::CAnswerWriter(static_cast<uint32_t>(i));
+            }
+            struct timespec now;
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            pProgress->store(mox_extract_wire::PackProgress(static_cast<uint32_t>(i),
+                                                            static_cast<uint64_t>(now.tv_sec) * 1000000u +
+                                                                static_cast<uint64_t>(now.tv_nsec) / 1000u),
+                             std::memory_order_release);
+            media_info_s info;
+            SMOXExtractExtra extra;
+            ArmCpuBudget();
+            TestFault(items[i].strName);
+            CMOXExtractor::ExtractContent(files[i].Get(), items[i].strName, items[i].nMediaType, info,
+                                          bExtra ? &extra : nullptr);
+            files[i].Reset();
+            answers.Add(info, &extra);
+        }
+        if (!mox_extract_wire::Send(kSocketFd, answers.Message())) return 0;
     }
 }

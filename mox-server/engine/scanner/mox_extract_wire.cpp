@@ -4,9 +4,7 @@
 
 #include <cerrno>
 #include <cmath>
-#include <cstdint>
 #include <cstring>
-#include <memory>
 
 #include "mox_extractor.h"
 
@@ -14,18 +12,23 @@ namespace mox_extract_wire {
 
 namespace {
 
-constexpr uint32_t kRequestMagic = 0x4d585251;  // "MXRQ"
+constexpr uint32_t kRequestMagic = 0x4d585242;  // "MXRB"
 constexpr uint32_t kAnswerMagic = 0x4d585241;   // "MXRA"
+constexpr uint32_t kFlagExtra = 1;
 
 class Writer {
 public:
+    Writer() { m_out.reserve(512); }
+    explicit Writer(std::string out) : m_out(std::move(out)) {}
     void U32(uint32_t v) { m_out.append(reinterpret_cast<const char*>(&v), sizeof(v)); }
     void I32(int v) { U32(static_cast<uint32_t>(v)); }
     void F64(double v) { m_out.append(reinterpret_cast<const char*>(&v), sizeof(v)); }
-    void Str(const std::string& s) {
-        std::string text = CMOXExtractor::TextToUtf8(s);
-        U32(static_cast<uint32_t>(text.size()));
-        m_out += text;
+    void Raw(std::string_view s) {
+        U32(static_cast<uint32_t>(s.size()));
+        m_out += s;
+    }
+    void Str(const std::string& s, size_t maxBytes = CMOXExtractor::kMaxTextBytes) {
+        Raw(CMOXExtractor::TextToUtf8(s, maxBytes));
     }
     std::string Take() { return std::move(m_out); }
 
@@ -35,7 +38,7 @@ private:
 
 class Reader {
 public:
-    explicit Reader(const std::string& in) : m_in(in) {}
+    explicit Reader(std::string_view in) : m_in(in) {}
     bool U32(uint32_t& v) {
         if (m_in.size() - m_pos < sizeof(v)) return false;
         memcpy(&v, m_in.data() + m_pos, sizeof(v));
@@ -54,46 +57,63 @@ public:
         m_pos += sizeof(v);
         return std::isfinite(v);
     }
-    bool Str(std::string& s, size_t maxBytes) {
+    bool Raw(std::string_view& s, size_t maxBytes) {
         uint32_t len;
         if (!U32(len) || len > maxBytes || m_in.size() - m_pos < len) return false;
-        s = CMOXExtractor::TextToUtf8(std::string_view(m_in.data() + m_pos, len), maxBytes);
+        s = m_in.substr(m_pos, len);
         m_pos += len;
         return true;
     }
+    bool Str(std::string& s, size_t maxBytes) {
+        std::string_view raw;
+        if (!Raw(raw, maxBytes)) return false;
+        s = CMOXExtractor::TextToUtf8(raw, maxBytes);
+        return true;
+    }
     bool AtEnd() const { return m_pos == m_in.size(); }
+    size_t Pos() const { return m_pos; }
 
 private:
-    const std::string& m_in;
+    std::string_view m_in;
     size_t m_pos = 0;
 };
 
 }  // namespace
 
-std::string EncodeRequest(int mediaType, const std::string& name) {
+std::string EncodeRequest(const std::vector<SRequestItem>& items, bool bExtra) {
     Writer w;
     w.U32(kRequestMagic);
-    w.I32(mediaType);
-    // The name only picks the reader by its extension; any bytes will do.
-    w.U32(static_cast<uint32_t>(name.size()));
-    std::string msg = w.Take();
-    msg += name;
-    return msg;
+    w.U32(bExtra ? kFlagExtra : 0);
+    w.U32(static_cast<uint32_t>(items.size()));
+    for (const SRequestItem& item : items) {
+        w.I32(item.nMediaType);
+        // Any bytes will do: the name only picks the reader by its extension.
+        std::string_view name(item.strName);
+        if (name.size() > kMaxNameBytes) name.remove_prefix(name.size() - kMaxNameBytes);
+        w.Raw(name);
+    }
+    return w.Take();
 }
 
-bool DecodeRequest(const std::string& msg, int& mediaType, std::string& name) {
+bool DecodeRequest(std::string_view msg, std::vector<SRequestItem>& items, bool& bExtra) {
     Reader r(msg);
-    uint32_t magic, len;
-    if (!r.U32(magic) || magic != kRequestMagic || !r.I32(mediaType) || !r.U32(len)) return false;
-    constexpr size_t kHeader = 12;
-    if (len != msg.size() - kHeader) return false;
-    name.assign(msg, kHeader, len);
-    return true;
+    uint32_t magic, flags, count;
+    if (!r.U32(magic) || magic != kRequestMagic || !r.U32(flags) || (flags & ~kFlagExtra) || !r.U32(count) ||
+        count == 0 || count > kMaxBatch)
+        return false;
+    items.resize(count);
+    for (SRequestItem& item : items) {
+        std::string_view name;
+        if (!r.I32(item.nMediaType) || !r.Raw(name, kMaxNameBytes)) return false;
+        item.strName.assign(name);
+    }
+    bExtra = (flags & kFlagExtra) != 0;
+    return r.AtEnd();
 }
 
-std::string EncodeAnswer(const media_info_s& info) {
-    Writer w;
-    w.U32(kAnswerMagic);
+namespace {
+
+void WriteAnswer(Writer& w, const media_info_s& info, const SMOXExtractExtra* pExtra) {
     for (const std::string* s : {&info.strTitle, &info.strDateTaken, &info.strExposureTime, &info.strModel,
                                  &info.strAlbum, &info.strArtist, &info.strGenre, &info.strComposer, &info.strYear,
                                  &info.strRecordedDate, &info.strCopyright, &info.strTrackNum})
@@ -102,14 +122,45 @@ std::string EncodeAnswer(const media_info_s& info) {
     for (int n : {info.nISOSpeed, info.nOrientation, info.nWidth, info.nHeight, info.nBitrate, info.nDuration,
                   info.nSampleRate, info.nChannels})
         w.I32(n);
-    return w.Take();
+    const SMOXExtractExtra none;
+    const SMOXExtractExtra& extra = pExtra ? *pExtra : none;
+    for (int n : {extra.nVideoWidth, extra.nVideoHeight, extra.nVideoDuration}) w.I32(n < 0 ? 0 : n);
+    w.Str(extra.strDateOffset, kMaxOffsetBytes);
 }
 
-bool DecodeAnswer(const std::string& msg, media_info_s& info) {
-    if (msg.size() > kMaxMessageBytes) return false;
-    Reader r(msg);
+constexpr size_t kAnswerHeader = 12;
+
+}  // namespace
+
+CAnswerWriter::CAnswerWriter(uint32_t first) {
+    Writer w;
+    w.U32(kAnswerMagic);
+    w.U32(first);
+    w.U32(0);  // the count, set by Add
+    m_out = w.Take();
+}
+
+void CAnswerWriter::Add(const media_info_s& info, const SMOXExtractExtra* pExtra) {
+    Writer w(std::move(m_out));
+    WriteAnswer(w, info, pExtra);
+    m_out = w.Take();
+    ++m_nCount;
+    memcpy(&m_out[8], &m_nCount, sizeof(m_nCount));
+}
+
+bool CAnswerReader::Header(uint32_t& first, uint32_t& count) {
+    Reader r(m_msg);
     uint32_t magic;
-    if (!r.U32(magic) || magic != kAnswerMagic) return false;
+    if (m_msg.size() > kMaxMessageBytes || !r.U32(magic) || magic != kAnswerMagic || !r.U32(first) || !r.U32(count) ||
+        count == 0 || count > kMaxBatch)
+        return false;
+    m_pos = kAnswerHeader;
+    return true;
+}
+
+bool CAnswerReader::Next(media_info_s& info, SMOXExtractExtra* pExtra, bool bLast) {
+    if (m_pos < kAnswerHeader) return false;
+    Reader r(m_msg.substr(m_pos));
     media_info_s out = info;
     for (std::string* s :
          {&out.strTitle, &out.strDateTaken, &out.strExposureTime, &out.strModel, &out.strAlbum, &out.strArtist,
@@ -120,13 +171,48 @@ bool DecodeAnswer(const std::string& msg, media_info_s& info) {
     for (int* n : {&out.nISOSpeed, &out.nOrientation, &out.nWidth, &out.nHeight, &out.nBitrate, &out.nDuration,
                    &out.nSampleRate, &out.nChannels})
         if (!r.I32(*n)) return false;
-    if (!r.AtEnd()) return false;
+    SMOXExtractExtra extra;
+    for (int* n : {&extra.nVideoWidth, &extra.nVideoHeight, &extra.nVideoDuration})
+        if (!r.I32(*n) || *n < 0) return false;
+    if (!r.Str(extra.strDateOffset, kMaxOffsetBytes) || (bLast && !r.AtEnd())) return false;
+    m_pos += r.Pos();
     info = std::move(out);
+    if (pExtra) *pExtra = std::move(extra);
     return true;
 }
 
-bool Send(int sock, const std::string& msg, int fd) {
-    if (msg.size() > kMaxMessageBytes) return false;
+std::string EncodeAnswer(const media_info_s& info, const SMOXExtractExtra* pExtra, uint32_t index) {
+    CAnswerWriter w(index);
+    w.Add(info, pExtra);
+    return w.Message();
+}
+
+bool DecodeAnswer(std::string_view msg, media_info_s& info, SMOXExtractExtra* pExtra, uint32_t index) {
+    CAnswerReader r(msg);
+    uint32_t first = 0, count = 0;
+    if (!r.Header(first, count) || first != index || count != 1) return false;
+    media_info_s out = info;
+    SMOXExtractExtra extra;
+    if (!r.Next(out, &extra, true)) return false;
+    info = std::move(out);
+    if (pExtra) *pExtra = std::move(extra);
+    return true;
+}
+
+uint64_t PackProgress(uint32_t index, uint64_t startUs) {
+    return (static_cast<uint64_t>(index + 1) << 56) | (startUs & ((uint64_t(1) << 56) - 1));
+}
+
+bool UnpackProgress(uint64_t word, uint32_t& index, uint64_t& startUs) {
+    const uint32_t top = static_cast<uint32_t>(word >> 56);
+    if (top == 0 || top > kMaxBatch) return false;
+    index = top - 1;
+    startUs = word & ((uint64_t(1) << 56) - 1);
+    return true;
+}
+
+bool Send(int sock, std::string_view msg, const int* fds, size_t nFds) {
+    if (msg.size() > kMaxMessageBytes || nFds > kMaxBatch) return false;
     struct iovec iov;
     iov.iov_base = const_cast<char*>(msg.data());
     iov.iov_len = msg.size();
@@ -134,16 +220,15 @@ bool Send(int sock, const std::string& msg, int fd) {
     memset(&hdr, 0, sizeof(hdr));
     hdr.msg_iov = &iov;
     hdr.msg_iovlen = 1;
-    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-    if (fd >= 0) {
-        memset(control, 0, sizeof(control));
+    alignas(struct cmsghdr) char control[CMSG_SPACE(kMaxBatch * sizeof(int))];
+    if (nFds > 0) {
         hdr.msg_control = control;
-        hdr.msg_controllen = sizeof(control);
+        hdr.msg_controllen = CMSG_SPACE(nFds * sizeof(int));
         struct cmsghdr* cmsg = CMSG_FIRSTHDR(&hdr);
         cmsg->cmsg_level = SOL_SOCKET;
         cmsg->cmsg_type = SCM_RIGHTS;
-        cmsg->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(cmsg), &fd, sizeof(int));
+        cmsg->cmsg_len = CMSG_LEN(nFds * sizeof(int));
+        memcpy(CMSG_DATA(cmsg), fds, nFds * sizeof(int));
     }
     ssize_t n;
     do {
@@ -152,28 +237,26 @@ bool Send(int sock, const std::string& msg, int fd) {
     return n == static_cast<ssize_t>(msg.size());
 }
 
-long Receive(int sock, std::string& msg, mox_util::UniqueFd* fd) {
-    // Not zero-filled: only the received bytes are copied out.
-    std::unique_ptr<char[]> buffer(new char[kMaxMessageBytes]);
-    msg.clear();
+long Receive(int sock, CMessage& msg, std::vector<mox_util::UniqueFd>* fds, bool bDontWait) {
+    msg.m_nSize = 0;
+    if (fds) fds->clear();
     struct iovec iov;
-    iov.iov_base = buffer.get();
+    iov.iov_base = msg.m_data.get();
     iov.iov_len = kMaxMessageBytes;
     struct msghdr hdr;
     memset(&hdr, 0, sizeof(hdr));
     hdr.msg_iov = &iov;
     hdr.msg_iovlen = 1;
-    // Room for more descriptors than expected, so extra ones are received
-    // (and closed) instead of being dropped silently.
-    alignas(struct cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
+    // Room for more descriptors than a request carries, so extra ones are
+    // received (and closed) instead of being dropped silently.
+    alignas(struct cmsghdr) char control[CMSG_SPACE((kMaxBatch + 4) * sizeof(int))];
     hdr.msg_control = control;
     hdr.msg_controllen = sizeof(control);
     ssize_t n;
     do {
-        n = recvmsg(sock, &hdr, MSG_CMSG_CLOEXEC);
+        n = recvmsg(sock, &hdr, MSG_CMSG_CLOEXEC | (bDontWait ? MSG_DONTWAIT : 0));
     } while (n < 0 && errno == EINTR);
     if (n < 0) return -1;
-    msg.assign(buffer.get(), static_cast<size_t>(n));
     for (struct cmsghdr* c = CMSG_FIRSTHDR(&hdr); c; c = CMSG_NXTHDR(&hdr, c)) {
         if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
         size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
@@ -181,13 +264,15 @@ long Receive(int sock, std::string& msg, mox_util::UniqueFd* fd) {
             int received;
             memcpy(&received, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
             mox_util::UniqueFd owner(received);
-            if (fd && !fd->IsValid()) *fd = std::move(owner);
+            if (fds) fds->push_back(std::move(owner));
         }
     }
     if (hdr.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) {
+        if (fds) fds->clear();
         errno = EMSGSIZE;
         return -1;
     }
+    msg.m_nSize = static_cast<size_t>(n);
     return static_cast<long>(n);
 }
 

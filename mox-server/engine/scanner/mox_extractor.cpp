@@ -179,6 +179,8 @@ const char* AttrName(metadata_extractor_attr_e attr) {
         case METADATA_AUDIO_SAMPLERATE: return "METADATA_AUDIO_SAMPLERATE";
         case METADATA_AUDIO_CHANNELS: return "METADATA_AUDIO_CHANNELS";
         case METADATA_DURATION: return "METADATA_DURATION";
+        case METADATA_VIDEO_WIDTH: return "METADATA_VIDEO_WIDTH";
+        case METADATA_VIDEO_HEIGHT: return "METADATA_VIDEO_HEIGHT";
         default: return "METADATA_?";
     }
 }
@@ -294,13 +296,14 @@ bool CMOXExtractor::ExtractHere(media_info_s& info) {
     return true;
 }
 
-void CMOXExtractor::ExtractContent(int fd, const std::string& name, int mediaType, media_info_s& info) {
+void CMOXExtractor::ExtractContent(int fd, const std::string& name, int mediaType, media_info_s& info,
+                                   SMOXExtractExtra* pExtra) {
     try {
         m_SetContentDefaults(mediaType, info);
         switch (mediaType) {
-            case kTypePhoto: m_ExtractImage(fd, name, info); break;
-            case kTypeVideo: m_ExtractVideo(fd, name, info); break;
-            case kTypeMusic: m_ExtractMusic(fd, name, info); break;
+            case kTypePhoto: m_ExtractImage(fd, name, info, pExtra); break;
+            case kTypeVideo: m_ExtractAv(fd, name, false, info, pExtra); break;
+            case kTypeMusic: m_ExtractAv(fd, name, true, info, pExtra); break;
             default: break;
         }
     } catch (const std::exception& e) {
@@ -308,7 +311,7 @@ void CMOXExtractor::ExtractContent(int fd, const std::string& name, int mediaTyp
     }
 }
 
-void CMOXExtractor::m_ExtractImage(int fd, const std::string& name, media_info_s& info) {
+void CMOXExtractor::m_ExtractImage(int fd, const std::string& name, media_info_s& info, SMOXExtractExtra* pExtra) {
     ExifDataPtr exif = LoadExif(fd);
     if (!exif) {
         MOX_WARN("There is no exif data in [ %s ]", FileNameToUtf8(name).c_str());
@@ -353,17 +356,20 @@ void CMOXExtractor::m_ExtractImage(int fd, const std::string& name, media_info_s
         info.nOrientation = nValue;
     if (m_ExtractExif(ed, EXIF_TAG_PIXEL_X_DIMENSION, nullptr, &nValue, nullptr) && nValue > 0) info.nWidth = nValue;
     if (m_ExtractExif(ed, EXIF_TAG_PIXEL_Y_DIMENSION, nullptr, &nValue, nullptr) && nValue > 0) info.nHeight = nValue;
+    // The zone of the date taken: the tag that goes with DateTimeOriginal,
+    // else the file's general one.
+    if (pExtra && bDateFound) {
+        for (ExifTag tag : {EXIF_TAG_OFFSET_TIME_ORIGINAL, EXIF_TAG_OFFSET_TIME}) {
+            if (m_ExtractExif(ed, tag, buf, nullptr, nullptr) && buf[0]) {
+                pExtra->strDateOffset = ExifText(buf);
+                break;
+            }
+        }
+    }
 }
 
-void CMOXExtractor::m_ExtractVideo(int fd, const std::string& name, media_info_s& info) {
-    m_ExtractAv(fd, name, false, info);
-}
-
-void CMOXExtractor::m_ExtractMusic(int fd, const std::string& name, media_info_s& info) {
-    m_ExtractAv(fd, name, true, info);
-}
-
-void CMOXExtractor::m_ExtractAv(int fd, const std::string& name, bool bMusic, media_info_s& info) {
+void CMOXExtractor::m_ExtractAv(int fd, const std::string& name, bool bMusic, media_info_s& info,
+                                SMOXExtractExtra* pExtra) {
     metadata_extractor_h raw = nullptr;
     int ret = metadata_extractor_create(&raw);
     if (ret != METADATA_EXTRACTOR_ERROR_NONE || !raw) {
@@ -403,7 +409,16 @@ void CMOXExtractor::m_ExtractAv(int fd, const std::string& name, bool bMusic, me
     text(METADATA_RECDATE, info.strRecordedDate);
     text(METADATA_COPYRIGHT, info.strCopyright);
     text(METADATA_TRACK_NUM, info.strTrackNum);
-    if (!bMusic) return;  // video reads no numbers: they go out as 0
+    if (!bMusic) {
+        // The record of a video carries no numbers (they go out as 0); the
+        // library asks for the container's.
+        if (pExtra) {
+            number(METADATA_VIDEO_WIDTH, pExtra->nVideoWidth);
+            number(METADATA_VIDEO_HEIGHT, pExtra->nVideoHeight);
+            number(METADATA_DURATION, pExtra->nVideoDuration);
+        }
+        return;
+    }
     number(METADATA_AUDIO_BITRATE, info.nBitrate);
     number(METADATA_AUDIO_SAMPLERATE, info.nSampleRate);
     number(METADATA_AUDIO_CHANNELS, info.nChannels);

@@ -56,6 +56,16 @@ struct media_info_s {
     int nChannels = 0;
 };
 
+// What the media library reads beyond the record, which keeps its own rules
+// (a video's record carries no numbers): a video's stream properties from the
+// container and the time zone of a photo's date taken. Only filled when asked.
+struct SMOXExtractExtra {
+    int nVideoWidth = 0;
+    int nVideoHeight = 0;
+    int nVideoDuration = 0;     // milliseconds
+    std::string strDateOffset;  // EXIF OffsetTimeOriginal, else OffsetTime ("+HH:MM"), as tagged
+};
+
 class CMOXExtractor {
 public:
     // `mediaType` is a mox_media_type_e. When `bKnown`, `size` and `mtime` are
@@ -73,8 +83,10 @@ public:
     // The content step alone on an open regular file: photo tags for type 2,
     // video tags for 3, music tags and properties for 5; other types leave
     // `info` untouched. `name` chooses the reader by its extension. Never
-    // fails: missing tags keep their defaults.
-    static void ExtractContent(int fd, const std::string& name, int mediaType, media_info_s& info);
+    // fails: missing tags keep their defaults. With `pExtra`, the library's
+    // further fields are read into it as well.
+    static void ExtractContent(int fd, const std::string& name, int mediaType, media_info_s& info,
+                               SMOXExtractExtra* pExtra = nullptr);
 
     // The JSON object text of the record.
     std::string ToString(const media_info_s& info) const;
@@ -94,10 +106,8 @@ private:
     bool m_ExtractFolder(media_info_s& info) { return m_ExtractBasicInfo(info); }
     // Defaults of the content fields, set before the content step.
     static void m_SetContentDefaults(int mediaType, media_info_s& info);
-    static void m_ExtractImage(int fd, const std::string& name, media_info_s& info);
-    static void m_ExtractVideo(int fd, const std::string& name, media_info_s& info);
-    static void m_ExtractMusic(int fd, const std::string& name, media_info_s& info);
-    static void m_ExtractAv(int fd, const std::string& name, bool bMusic, media_info_s& info);
+    static void m_ExtractImage(int fd, const std::string& name, media_info_s& info, SMOXExtractExtra* pExtra);
+    static void m_ExtractAv(int fd, const std::string& name, bool bMusic, media_info_s& info, SMOXExtractExtra* pExtra);
     // True for the types whose contents are parsed (2, 3, 5).
     static bool m_HasContent(int mediaType);
 
