@@ -39,6 +39,9 @@ thread_local bool t_bQuiet = false;
         if (!t_bQuiet) MOX_WARN(__VA_ARGS__); \
     } while (0)
 
+// What a reader maps of one index file (the library bounds them far below).
+constexpr int64_t kMapBytes = 256LL << 20;
+
 const CMOXConfinedPath& UsbRoot() {
     static const CMOXConfinedPath s_root(mox_host::UsbRoot());
     return s_root;
@@ -420,6 +423,12 @@ public:
                 sqlite3_exec(p, ("DETACH " + strSchema).c_str(), nullptr, nullptr, nullptr);
                 continue;
             }
+            // Pages read in place rather than copied by a read() each: a
+            // connection lives for one answer, so it never has them cached.
+            // Safe to map: the indexer never shrinks an index file (a
+            // broken one is renamed aside, a dropped one unlinked).
+            sqlite3_exec(p, ("PRAGMA " + strSchema + ".mmap_size = " + std::to_string(kMapBytes)).c_str(), nullptr,
+                         nullptr, nullptr);
             m_usable.push_back(i);
         }
         // One snapshot of every file for all the statements of this answer.
