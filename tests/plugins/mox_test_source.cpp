@@ -4,7 +4,8 @@
 //                     before a transfer's single report)
 //   "test_stuck_ms"   then sleep this long without looking at the stop flag
 //   "test_error"      return this code instead of answering
-//   "test_item_count" number of items (default 3; 0 answers an empty list)
+//   "test_item_count" number of items (default 3, at most 100,000; 0 answers
+//                     an empty list)
 //   "test_misbehave"  "count_mismatch" (one length short), "overrun"
 //                     (lengths beyond the bytes written), "huge_range"
 //                     (a window no list can hold), "offset" (window starts
@@ -20,6 +21,7 @@
 // offering "mox_test_source_v1" (it never answers validity questions).
 #define MOX_LOG_TAG "MOX-TEST"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <stdexcept>
@@ -74,7 +76,8 @@ public:
         if (nError != 0) return static_cast<mox_error_code_e>(nError);
         std::string strMisbehave = StringMember(doc, "test_misbehave");
         if (strMisbehave == "throw") throw std::runtime_error("test source throws");
-        int nCount = IntMember(doc, "test_item_count", 3);
+        // Bounded: a fuzzer's INT_MAX would keep this source writing for hours.
+        int nCount = std::min(IntMember(doc, "test_item_count", 3), 100000);
         for (int k = 0; k < nCount; ++k) {
             std::string strItem = "{\"FileName\":\"" + m_strName + "-" + std::to_string(k) + "\",\"Title\":\"t" +
                                   std::to_string(k) + "\",\"FileSize\":" + std::to_string(k) +
