@@ -27,26 +27,12 @@ using moxtest::EngineHarness;
 using moxtest::SignalCollector;
 using Clock = std::chrono::steady_clock;
 
+#include "library_test_util.h"
+
 namespace {
 
-bool Shell(const std::string& command) {
-    return system((command + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-// The first column of the first row as text ("" when none or unreadable).
-std::string Query(const std::string& db, const std::string& sql) {
-    sqlite3* p = nullptr;
-    std::string out;
-    if (sqlite3_open_v2(db.c_str(), &p, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-        sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(p, sql.c_str(), -1, &s, nullptr) == SQLITE_OK && sqlite3_step(s) == SQLITE_ROW &&
-            sqlite3_column_text(s, 0))
-            out = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-        sqlite3_finalize(s);
-    }
-    sqlite3_close(p);
-    return out;
-}
+using moxtest::Query;
+using moxtest::Shell;
 
 int QueryInt(const std::string& db, const std::string& sql) {
     return std::atoi(Query(db, sql).c_str());
