@@ -47,7 +47,9 @@ std::string StringMember(const CJsonValue& doc, const char* szKey) {
 }
 
 bool Wait(const CJsonValue& doc, const bool& bStop, const std::string& strName) {
-    int nDelay = IntMember(doc, "test_delay_ms", 0);
+    // Bounded like the item count: the fuzzer's huge values would hold a
+    // request for days (the suites wait a minute at most).
+    int nDelay = std::min(IntMember(doc, "test_delay_ms", 0), 60000);
     for (int i = 0; i < nDelay / 10; ++i) {
         if (MoxStopRequested(bStop)) {
             MOX_INFO("test source stopped[%s]", strName.c_str());
@@ -71,7 +73,7 @@ public:
         MOX_INFO("test source GetData[%s]", m_strName.c_str());
         CJsonValue doc(strQueryCmd);
         if (!Wait(doc, bStop, m_strName)) return MOX_ERROR_GENERIC;
-        std::this_thread::sleep_for(std::chrono::milliseconds(IntMember(doc, "test_stuck_ms", 0)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::min(IntMember(doc, "test_stuck_ms", 0), 60000)));
         int nError = IntMember(doc, "test_error", 0);
         if (nError != 0) return static_cast<mox_error_code_e>(nError);
         std::string strMisbehave = StringMember(doc, "test_misbehave");
