@@ -56,54 +56,57 @@ int32_t ReadInt32(const char* pData, int64_t nOffset) {
     return nValue;
 }
 
-ELoadResult LoadObject(const std::string& strShmName, int nHeaderSize, int nSizeFieldOffset, SObjectCopy& out) {
+bool LoadObject(const std::string& strShmName, int nHeaderSize, int nSizeFieldOffset, SObjectCopy& out) {
     CUniqueFd fd(shm_open(strShmName.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0));
-    if (fd.Get() < 0) return ELoadResult::kOpenFailed;
+    if (fd.Get() < 0) {
+        MOX_WARN("shm_open failed, m_strShmName[%s].", strShmName.c_str());
+        return false;
+    }
 
     struct stat st;
     if (fstat(fd.Get(), &st) != 0) {
         MOX_WARN("fstat of shm[%s] failed: %s.", strShmName.c_str(), strerror(errno));
-        return ELoadResult::kBadObject;
+        return false;
     }
     if (!S_ISREG(st.st_mode)) {
         MOX_WARN("shm[%s] is not a shared-memory object.", strShmName.c_str());
-        return ELoadResult::kBadObject;
+        return false;
     }
     if (st.st_size < nHeaderSize) {
         MOX_WARN("shm[%s] is too small[%lld] for its header.", strShmName.c_str(), static_cast<long long>(st.st_size));
-        return ELoadResult::kBadObject;
+        return false;
     }
     char header[64];
     if (nHeaderSize > static_cast<int>(sizeof(header)) || nSizeFieldOffset + 4 > nHeaderSize) {
         assert(!"header description out of range");
-        return ELoadResult::kBadObject;
+        return false;
     }
     if (!ReadFully(fd.Get(), header, static_cast<size_t>(nHeaderSize), 0)) {
         MOX_WARN("shm[%s]: reading the header failed.", strShmName.c_str());
-        return ELoadResult::kBadObject;
+        return false;
     }
     int32_t nSize = ReadInt32(header, nSizeFieldOffset);
     if (nSize < nHeaderSize || nSize > st.st_size || nSize > MOX_SHM_OBJECT_MAX_SIZE) {
         MOX_WARN("shm[%s] has a bad size[%d], object size[%lld].", strShmName.c_str(), nSize,
                  static_cast<long long>(st.st_size));
-        return ELoadResult::kBadObject;
+        return false;
     }
 
     std::unique_ptr<char[]> pData(new (std::nothrow) char[static_cast<size_t>(nSize)]);
     if (!pData) {
         MOX_WARN("shm[%s]: no memory for a copy of [%d] bytes.", strShmName.c_str(), nSize);
-        return ELoadResult::kBadObject;
+        return false;
     }
     // The writer may have shrunk or rewritten the object since the header was
     // read; only a copy whose own size field still agrees is accepted.
     if (!ReadFully(fd.Get(), pData.get(), static_cast<size_t>(nSize), 0) ||
         ReadInt32(pData.get(), nSizeFieldOffset) != nSize) {
         MOX_WARN("shm[%s] changed while it was read.", strShmName.c_str());
-        return ELoadResult::kBadObject;
+        return false;
     }
     out.pData = std::move(pData);
     out.nSize = nSize;
-    return ELoadResult::kLoaded;
+    return true;
 }
 
 }  // namespace mox_shm

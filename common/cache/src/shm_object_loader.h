@@ -21,18 +21,13 @@ struct SObjectCopy {
     int nSize = 0;
 };
 
-enum class ELoadResult {
-    kLoaded,
-    kOpenFailed,  // no such object, or no permission
-    kBadObject,   // too small, size field inconsistent, too large, changed while read
-};
-
 // Opens strShmName read-only and copies its first nSize bytes, nSize being the
 // 32-bit little-endian integer at nSizeFieldOffset of the object's header of
 // nHeaderSize bytes. nSize must lie in [nHeaderSize, object size] and must not
-// exceed MOX_SHM_OBJECT_MAX_SIZE. Logs a warning for a bad object; an object
-// that cannot be opened is left to the caller to report.
-ELoadResult LoadObject(const std::string& strShmName, int nHeaderSize, int nSizeFieldOffset, SObjectCopy& out);
+// exceed MOX_SHM_OBJECT_MAX_SIZE. False, with one warning, when the object
+// cannot be opened (missing, no permission) or is bad (too small, size field
+// inconsistent, too large, changed while read).
+bool LoadObject(const std::string& strShmName, int nHeaderSize, int nSizeFieldOffset, SObjectCopy& out);
 
 // The 32-bit little-endian integer at byte offset nOffset (unaligned access is
 // fine). The caller has checked nOffset + 4 <= the buffer's size.

@@ -33,13 +33,7 @@ CResultList::~CResultList() {
 
 bool CResultList::m_Load() {
     mox_shm::SObjectCopy copy;
-    switch (mox_shm::LoadObject(m_strShmName, MOX_RESULTLIST_HEADER_SIZE, kSizeField, copy)) {
-        case mox_shm::ELoadResult::kOpenFailed:
-            MOX_WARN("shm_open failed, m_strShmName[%s].", m_strShmName.c_str());
-            return false;
-        case mox_shm::ELoadResult::kBadObject: return false;
-        case mox_shm::ELoadResult::kLoaded: break;
-    }
+    if (!mox_shm::LoadObject(m_strShmName, MOX_RESULTLIST_HEADER_SIZE, kSizeField, copy)) return false;
     const char* p = copy.pData.get();
     const int32_t nBlockNameOffset = mox_shm::ReadInt32(p, kBlockNameOffsetField);
     const int32_t nItemOffset = mox_shm::ReadInt32(p, kItemOffsetField);
