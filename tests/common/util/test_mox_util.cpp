@@ -23,7 +23,6 @@
 using moxtest::LogMark;
 using moxtest::ReadTextFile;
 using moxtest::TempDir;
-using moxtest::WriteTextFile;
 
 namespace {
 
@@ -97,7 +96,6 @@ TEST(UtilFiles, LoadSaveAndReadBoundaries) {
     // Failures (empty, missing, directory, fifo that must not block) leave
     // the outputs untouched.
     ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
-    LogMark mark;
     for (const std::string& bad : {path, dir.file("missing"), dir.path(), dir.file("fifo")}) {
         void* untouched = &size;
         size = 77;
@@ -107,8 +105,6 @@ TEST(UtilFiles, LoadSaveAndReadBoundaries) {
         EXPECT_FALSE(CMOXUtil::ReadFile(bad, content)) << bad;
         EXPECT_EQ("ab", content);
     }
-    EXPECT_TRUE(mark.Contains("UUID file size is 0"));
-    EXPECT_TRUE(mark.Contains("FAILED TO OPEN FILE, " + dir.file("missing") + ", 2"));
     EXPECT_FALSE(CMOXUtil::SaveAsFile("x", 1, dir.file("no/such/dir")));
     EXPECT_TRUE(CMOXUtil::RemoveFile(path.c_str()));
     EXPECT_FALSE(CMOXUtil::IsFileExist(path.c_str()));
@@ -156,11 +152,8 @@ TEST(UtilFileLocks, ConflictingLockOfAnotherProcessFailsAtOnce) {
     {
         LockHolder writer(path, F_WRLCK);
         ASSERT_TRUE(writer.locked());
-        LogMark mark;
         EXPECT_FALSE(CMOXUtil::ReadFile(path, content));
-        EXPECT_TRUE(mark.Contains("FAILED TO mReadLock " + path));
         EXPECT_FALSE(CMOXUtil::SaveAsFile("clobber", 7, path));
-        EXPECT_TRUE(mark.Contains("FAILED TO mWriteLock " + path));
     }
     {
         // Readers share; a writer is refused and must not truncate the file.
