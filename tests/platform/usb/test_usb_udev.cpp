@@ -266,12 +266,4 @@ TEST_F(UsbUdev, HotPluggedCameraByItsInterfaceAndStickOnceMountedUntilPulledOut)
     EXPECT_EQ("4C530001", events[3].serial);
 }
 
-TEST_F(UsbUdev, RealMountTableIsReadWhenNoFileIsNamed) {
-    unsetenv("MOX_MOUNTINFO");
-    Add(kStickRecord);
-    StartWithRecorder();
-    // Nothing on this machine is mounted below a fresh temporary root.
-    EXPECT_TRUE(UsbListed(USB_DEVICE_CLASS_MASS_STORAGE).empty());
-}
-
 }  // namespace
