@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
@@ -114,35 +113,6 @@ TEST(DataBlockNames, NamesCountUpAndCarryTheCacheId) {
         EXPECT_FALSE(CCacheBuilder::GetCacheId(bad, nId)) << bad;
         EXPECT_EQ(nId, -1) << bad;
     }
-}
-
-// A fresh process starts its counter at 0; when another process holds that
-// name, the builder moves on with one warning. Runs in a re-executed copy of
-// this binary.
-TEST(DataBlockNames, FirstBuilderOfAProcessTakesNumberZeroOrMovesOnOnce) {
-    if (getenv("MOX_TEST_FIRST_NAME_CHILD") != nullptr) {
-        moxtest::LogMark mark;
-        CCacheBuilder builder(MOX_CACHE_BLOCK_TEMPORARY);
-        ASSERT_TRUE(builder.IsValid());
-        moxtest::TrackShm(builder.GetName());
-        const std::string log = mark.Text();
-        // Parallel tests may hold mox_datablock_0 at this moment.
-        const std::string zero = "mox_datablock_" + mox_shm::InstanceTag() + "_0";
-        if (builder.GetName() != zero) {
-            EXPECT_EQ(moxtest::CountWarnings(log, "already exists"), 1u) << log;
-            EXPECT_NE(log.find("ShmName[" + zero + "]"), std::string::npos) << log;
-        } else {
-            EXPECT_EQ(moxtest::CountWarnings(log, "already exists"), 0u) << log;
-        }
-        builder.Free();
-        return;
-    }
-    setenv("MOX_TEST_FIRST_NAME_CHILD", "1", 1);
-    std::string output;
-    const int status = moxtest::RunProgram(
-        {"/proc/self/exe", "--gtest_filter=DataBlockNames.FirstBuilderOfAProcessTakesNumberZeroOrMovesOnOnce"}, output);
-    unsetenv("MOX_TEST_FIRST_NAME_CHILD");
-    EXPECT_EQ(status, 0) << output;
 }
 
 // Objects planted under the next names (a file, a link) are skipped, never
