@@ -1,13 +1,13 @@
-// Text dump of a data block or a result list through the public readers, one
-// fact per line. Shared by the tests and the client helper process, so that
-// what a separate process reads can be compared with what was written.
+// Text dump of a result list, its items read through their data blocks with
+// the public readers, one fact per line. Shared by the tests and the client
+// helper process, so that what a separate process reads can be compared with
+// what was written.
 #pragma once
 
 #include <cstdio>
 #include <sstream>
 #include <string>
 
-#include <mox/cache_reader.h>
 #include <mox/mox_resultlist.h>
 
 namespace moxtest {
@@ -24,23 +24,6 @@ inline std::string Escape(const std::string& text) {
         }
     }
     return out;
-}
-
-inline std::string DumpBlock(const std::string& strName) {
-    CCacheReader reader(strName);
-    std::ostringstream out;
-    out << "loaded " << reader.IsLoaded() << "\n";
-    out << "start " << reader.StartIndex() << " end " << reader.EndIndex() << " count " << reader.GetItemCount()
-        << " total " << reader.GetTotalCount() << " groups " << reader.GetGroupCount() << "\n";
-    for (int i = 0; i < reader.GetGroupCount(); ++i) {
-        int a = 0, b = 0;
-        if (reader.GetGroup(i, a, b)) out << "group " << i << " " << a << " " << b << "\n";
-    }
-    for (int i = 0; i < reader.GetItemCount(); ++i) {
-        std::string item;
-        out << "item " << i << " " << (reader.GetItem(i, item) ? Escape(item) : "!") << "\n";
-    }
-    return out.str();
 }
 
 inline std::string DumpList(const std::string& strName) {

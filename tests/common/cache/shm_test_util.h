@@ -1,10 +1,13 @@
-// Shared-memory test helpers: raw and crafted objects in /dev/shm, the log,
-// and a check that every object a test binary created is gone at its end.
+// Shared-memory test helpers: raw and crafted objects in /dev/shm, and a
+// check that every object a test binary created is gone at its end. The log
+// is captured by log_capture.h.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "../util/log_capture.h"
 
 namespace moxtest {
 
@@ -21,12 +24,8 @@ bool WriteSparseShm(const std::string& strName, const std::string& head, int64_t
 // Creates an object of someone else's (mode 0600, these bytes) under a name
 // that does not exist yet, and tracks it; false if the name is taken.
 bool PlantShm(const std::string& strName, const std::string& bytes);
-// Number of lines of text that contain needle (and also `also`, if given).
-size_t CountLines(const std::string& text, const std::string& needle, const std::string& also = "");
 // Number of warning lines of text that contain needle.
-inline size_t CountWarnings(const std::string& text, const std::string& needle) {
-    return CountLines(text, needle, "[WARNNING]");
-}
+size_t CountWarnings(const std::string& text, const std::string& needle);
 // Little-endian 32-bit field of a byte string.
 int32_t Int32At(const std::string& bytes, size_t nOffset);
 void PutInt32(std::string& bytes, size_t nOffset, int32_t nValue);
@@ -34,10 +33,6 @@ void PutInt32(std::string& bytes, size_t nOffset, int32_t nValue);
 // Remembers an object this binary just created (by name and inode): it must
 // be gone when the binary ends (leftovers fail the run and are removed).
 void TrackShm(const std::string& strName);
-
-// The log of this process (MOX_LOG points at a private file) from a mark on.
-size_t LogMark();
-std::string LogSince(size_t nMark);
 
 // Runs a program, collects its standard output; returns the exit status
 // (-1 when it could not run or was killed).

@@ -1,15 +1,13 @@
-// Data blocks: the byte layout the builder writes, what the reader gives back
-// (in this process and in a separate client process), and readers facing
-// missing, truncated and crafted objects.
+// Data blocks: the byte layout the builder writes, what the reader gives
+// back, names, and readers facing missing, huge and crafted objects. A
+// separate client process reads blocks through the result lists' suite.
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -19,7 +17,6 @@
 #include "block_maker.h"
 #include "cache_block.h"
 #include "cache_builder.h"
-#include "shm_dump.h"
 #include "shm_mapping.h"
 #include "shm_test_util.h"
 
@@ -118,35 +115,6 @@ TEST(DataBlockNames, NamesCountUpAndCarryTheCacheId) {
     }
 }
 
-// A fresh process starts its counter at 0; when another process holds that
-// name, the builder moves on with one warning. Runs in a re-executed copy of
-// this binary.
-TEST(DataBlockNames, FirstBuilderOfAProcessTakesNumberZeroOrMovesOnOnce) {
-    if (getenv("MOX_TEST_FIRST_NAME_CHILD") != nullptr) {
-        size_t mark = moxtest::LogMark();
-        CCacheBuilder builder(MOX_CACHE_BLOCK_TEMPORARY);
-        ASSERT_TRUE(builder.IsValid());
-        moxtest::TrackShm(builder.GetName());
-        const std::string log = moxtest::LogSince(mark);
-        // Parallel tests may hold mox_datablock_0 at this moment.
-        const std::string zero = "mox_datablock_" + mox_shm::InstanceTag() + "_0";
-        if (builder.GetName() != zero) {
-            EXPECT_EQ(moxtest::CountWarnings(log, "already exists"), 1u) << log;
-            EXPECT_NE(log.find("ShmName[" + zero + "]"), std::string::npos) << log;
-        } else {
-            EXPECT_EQ(moxtest::CountWarnings(log, "already exists"), 0u) << log;
-        }
-        builder.Free();
-        return;
-    }
-    setenv("MOX_TEST_FIRST_NAME_CHILD", "1", 1);
-    std::string output;
-    const int status = moxtest::RunProgram(
-        {"/proc/self/exe", "--gtest_filter=DataBlockNames.FirstBuilderOfAProcessTakesNumberZeroOrMovesOnOnce"}, output);
-    unsetenv("MOX_TEST_FIRST_NAME_CHILD");
-    EXPECT_EQ(status, 0) << output;
-}
-
 // Objects planted under the next names (a file, a link) are skipped, never
 // opened, written or unlinked; the builder moves on with a single warning for
 // the whole process.
@@ -192,7 +160,7 @@ TEST(DataBlockNames, PlantedObjectsAreSkippedAndLeftAlone) {
     EXPECT_NE(access(target.c_str(), F_OK), 0) << "the link was followed";
     unlink(("/dev/shm/" + link).c_str());
     // One warning in this process's whole log, however many names were taken.
-    EXPECT_EQ(moxtest::CountWarnings(moxtest::LogSince(0), "already exists"), 1u);
+    EXPECT_EQ(moxtest::CountWarnings(moxtest::ReadTextFile(moxtest::g_logCapture->path()), "already exists"), 1u);
 }
 
 // The retries are bounded: with every name tried taken, creation fails with
@@ -209,15 +177,15 @@ TEST(ShmNamer, RetriesAreBoundedAndTakenNamesUntouched) {
     plant(0);
     for (int i = 0; i < mox_shm::CShmNamer::kMaxAttempts; ++i) plant(500 + i);
 
-    size_t mark = moxtest::LogMark();
+    moxtest::LogMark mark;
     std::string name = "unchanged";
     int nId = 7;
     EXPECT_EQ(namer.CreateExclusive(name, nId), -1);
     EXPECT_EQ(nId, -1);
     EXPECT_EQ(name, "");
-    std::string log = moxtest::LogSince(mark);
-    EXPECT_EQ(moxtest::CountLines(log, "MOX-CACHE"), 1u) << log;
-    EXPECT_NE(log.find("No free name for [" + prefix + "N]: 64 names"), std::string::npos) << log;
+    // One warning for the whole search, not one per name tried.
+    EXPECT_EQ(moxtest::CountWarnings(mark.Text(), "MOX-CACHE"), 1u);
+    EXPECT_EQ(moxtest::CountWarnings(mark.Text(), "No free name"), 1u);
     for (const std::string& p : planted) EXPECT_EQ(moxtest::ReadShm(p), "x") << p;
 
     // A free jump target ends the search: the id is the number in the name.
@@ -233,23 +201,8 @@ TEST(ShmNamer, RetriesAreBoundedAndTakenNamesUntouched) {
     EXPECT_EQ(st.st_mode & 0777, 0644u);
     close(fd);
     shm_unlink(name.c_str());
-    EXPECT_EQ(moxtest::CountWarnings(moxtest::LogSince(mark), "already exists"), 1u);
+    EXPECT_EQ(moxtest::CountWarnings(mark.Text(), "already exists"), 1u);
     for (const std::string& p : planted) shm_unlink(p.c_str());
-}
-
-TEST(DataBlockClient, SeparateProcessReadsWhatTheBuilderWrote) {
-    std::vector<std::string> items;
-    for (int i = 0; i < 10; ++i) items.push_back("{\"FileName\":\"f" + std::to_string(i) + "\"}");
-    auto block = MakeBlock(items, 100, 1000, {{100, 5}, {105, 5}});
-    ASSERT_TRUE(block);
-    std::string output;
-    ASSERT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "block", block->GetName()}, output), 0);
-    std::string expected = "loaded 1\nstart 100 end 109 count 10 total 1000 groups 2\ngroup 0 100 5\ngroup 1 105 5\n";
-    for (int i = 0; i < 9; ++i) expected += "item " + std::to_string(i) + " " + items[i] + "\n";
-    // 170 bytes of items: the last one keeps 2 bytes of padding.
-    expected += "item 9 " + items[9] + "\\x00\\x00\n";
-    EXPECT_EQ(output, expected);
-    EXPECT_EQ(output, moxtest::DumpBlock(block->GetName()));
 }
 
 namespace {

@@ -269,7 +269,6 @@ TEST(ResultListLayout, HeaderTablesAndSlots) {
 }
 
 TEST(ResultListBuilderArguments, BadRangesMakeNoObjectAndAnEmptyName) {
-    size_t mark = moxtest::LogMark();
     struct Args {
         int section, start, end, total, groups, blocks;
     } bad[] = {{-2, 0, 0, 1, 1, 1}, {0, -1, 0, 1, 1, 1}, {0, 5, 4, 1, 1, 1},         {0, 0, 0, 0, 1, 1},
@@ -283,7 +282,6 @@ TEST(ResultListBuilderArguments, BadRangesMakeNoObjectAndAnEmptyName) {
         EXPECT_FALSE(builder.SortItems(fn));
         EXPECT_EQ(builder.Release(), "");
     }
-    EXPECT_NE(moxtest::LogSince(mark).find("Bad result list: section[-2]"), std::string::npos);
 
     // A source that does not group its items still gets a list.
     CResultListBuilder noGroups(0, 0, 0, 1, 0, 1);
@@ -351,26 +349,19 @@ TEST(ResultListReader, ItemsResolveThroughTheirBlocksHereAndInAClient) {
     builder.AddItem(a->GetName(), 0);
     builder.Release();
     std::string output;
-    ASSERT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "list", guard.name}, output), 0);
+    ASSERT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, guard.name}, output), 0);
     const std::string an = a->GetName(), bn = b->GetName();
     // "{"n":2}" is a's last item: 14 bytes of items, 2 padding NULs.
-    EXPECT_EQ(output,
-              "loaded 1\nstart 3 end 5 section 1 total 6 groups 2 blocks 2\ngroup 0 3 2\ngroup 1 5 1\n"
-              "block 0 " +
-                  an + "\nblock 1 " + bn +
-                  "\n"
-                  "item 3 " +
-                  an +
-                  " 1 {\"n\":2}\\x00\\x00\n"
-                  "item 4 " +
-                  bn +
-                  " 0 {\"m\":3}\\x00\n"
-                  "item 5 " +
-                  an + " 0 {\"n\":1}\n");
+    std::string expected;
+    for (const std::string& line :
+         {std::string("loaded 1\nstart 3 end 5 section 1 total 6 groups 2 blocks 2\ngroup 0 3 2\ngroup 1 5 1"),
+          "block 0 " + an, "block 1 " + bn, "item 3 " + an + " 1 {\"n\":2}\\x00\\x00",
+          "item 4 " + bn + " 0 {\"m\":3}\\x00", "item 5 " + an + " 0 {\"n\":1}"})
+        expected += line + "\n";
+    EXPECT_EQ(output, expected);
     EXPECT_EQ(output, moxtest::DumpList(guard.name));
-    EXPECT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "list", "mox_resultlist_does_not_exist"}, output), 2);
+    EXPECT_EQ(moxtest::RunProgram({MOX_SHM_CLIENT, "mox_resultlist_does_not_exist"}, output), 2);
 
-    const size_t mark = moxtest::LogMark();
     CResultList list(guard.name);
     EXPECT_EQ(list.GetItemCount(), 3);
     EXPECT_FALSE(list.IsValidIndex(2) || list.IsValidIndex(6));
@@ -380,12 +371,12 @@ TEST(ResultListReader, ItemsResolveThroughTheirBlocksHereAndInAClient) {
     int nItemIndex = -1;
     EXPECT_FALSE(list.GetItem(6, item, shm, nItemIndex) || list.GetItem(2, item, shm, nItemIndex));
     EXPECT_EQ(item, "untouched");
-    // Each block is opened once, on first use.
-    for (int n = 3; n <= 5; ++n) ASSERT_TRUE(list.GetItem(n, item, shm, nItemIndex));
-    const std::string log = moxtest::LogSince(mark);
-    size_t first = log.find("get shmname[" + an + "].");
-    EXPECT_NE(first, std::string::npos);
-    EXPECT_EQ(log.find("get shmname[" + an + "].", first + 1), std::string::npos);
+    // Each block is read once, on first use: items of a block evicted since
+    // come from that copy.
+    ASSERT_TRUE(list.GetItem(3, item, shm, nItemIndex));
+    a.reset();
+    for (int n = 4; n <= 5; ++n) ASSERT_TRUE(list.GetItem(n, item, shm, nItemIndex));
+    EXPECT_EQ(item.c_str(), std::string("{\"n\":1}"));
 }
 
 TEST(ResultListReader, VanishedBlockFailsTheItemButNamesIt) {
@@ -444,9 +435,7 @@ TEST(ResultListSort, UnusableSettingsLeaveTheTableAlone) {
         CMOXSortFunction fn =
             MakeFn("k", static_cast<MOX_VALUETYPE>(settings.second), static_cast<MOX_COMPARETYPE>(settings.first));
         fn.readers = &f.readers;
-        size_t mark = moxtest::LogMark();
         EXPECT_FALSE(builder.SortItems(fn));
-        EXPECT_NE(moxtest::LogSince(mark).find("Can not sort"), std::string::npos);
         EXPECT_TRUE(SameEntries(ItemTable(builder.GetName()), unsorted));
         builder.Drop();
         builder.Release();

@@ -10,8 +10,6 @@
 
 #include "log_capture.h"
 
-using moxtest::LogMark;
-
 namespace {
 
 // Documents that parse but are not objects: every operation is refused, none
@@ -19,12 +17,9 @@ namespace {
 TEST(JsonValueParse, NonObjectTopLevelIsInvalidAndRefusesEveryOperation) {
     for (const char* text : {"[1,2]", "5"}) {
         SCOPED_TRACE(text);
-        LogMark mark;
         CJsonValue doc{std::string(text)};
         EXPECT_FALSE(doc.IsValid());
-        EXPECT_FALSE(mark.Contains("faild."));  // parsed fine, just not an object
         EXPECT_FALSE(doc.Set("k", 1));
-        EXPECT_TRUE(mark.Contains("Set fail. jsonvalue is invalid type["));
         EXPECT_FALSE(doc.Set("k", std::vector<std::string>{"a"}));
         int n = 42;
         EXPECT_FALSE(doc.Get("k", n));
@@ -44,16 +39,11 @@ TEST(JsonValueParse, NonObjectTopLevelIsInvalidAndRefusesEveryOperation) {
 }
 
 TEST(JsonValueParse, BrokenAndDeeplyNestedTextIsRejectedWithoutThrowing) {
-    for (const char* text : {"{", ""}) {
-        LogMark mark;
-        CJsonValue doc{std::string(text)};
-        EXPECT_FALSE(doc.IsValid());
-        EXPECT_TRUE(mark.Contains(std::string("Json::Reader parse string[") + text + "] faild."));
-    }
+    EXPECT_FALSE(CJsonValue(std::string("{")).IsValid() || CJsonValue(std::string()).IsValid());
     for (const std::string& open : {std::string("["), std::string("{\"a\":")}) {
         std::string text;
         for (int i = 0; i < 100000; ++i) text += open;
-        LogMark mark;
+        moxtest::LogMark mark;
         std::unique_ptr<CJsonValue> doc;
         ASSERT_NO_THROW(doc = std::make_unique<CJsonValue>(text));
         EXPECT_FALSE(doc->IsValid());
@@ -71,30 +61,19 @@ TEST(JsonValueParse, BrokenAndDeeplyNestedTextIsRejectedWithoutThrowing) {
 TEST(JsonValueSetGet, RoundTripAndCompactText) {
     CJsonValue doc;
     EXPECT_EQ("null\n", doc.ToString());
-    ASSERT_TRUE(doc.Set("bool", true));
-    ASSERT_TRUE(doc.Set("int", -7));
+    // Values past the int range keep their type through the text.
     ASSERT_TRUE(doc.Set("uint", 4000000000u));
     ASSERT_TRUE(doc.Set("ll", 1LL << 40));
-    ASSERT_TRUE(doc.Set("double", 2.5));
-    ASSERT_TRUE(doc.Set("string", std::string("s")));
     ASSERT_TRUE(doc.Set("list", std::vector<std::string>{"a", "b"}));
     ASSERT_TRUE(doc.Set("list", std::vector<std::string>{"c"}));  // appends
 
     CJsonValue back(doc.ToString());
     ASSERT_TRUE(back.IsValid());
-    bool b = false;
-    int n = 0;
     unsigned int u = 0;
     long long ll = 0;
-    double d = 0;
-    std::string s;
     std::vector<std::string> list{"pre"};
-    EXPECT_TRUE(back.Get("bool", b) && b);
-    EXPECT_TRUE(back.Get("int", n) && n == -7);
     EXPECT_TRUE(back.Get("uint", u) && u == 4000000000u);
     EXPECT_TRUE(back.Get("ll", ll) && ll == 1LL << 40);
-    EXPECT_TRUE(back.Get("double", d) && d == 2.5);
-    EXPECT_TRUE(back.Get("string", s) && s == "s");
     EXPECT_TRUE(back.Get("list", list));  // appends too
     EXPECT_EQ((std::vector<std::string>{"pre", "a", "b", "c"}), list);
 
@@ -115,7 +94,6 @@ TEST(JsonValueSetGet, MismatchOrMissingLeavesOutputUntouched) {
     CJsonValue doc{
         std::string("{\"real\": 2.0, \"s\": \"x\", \"neg\": -1, \"arr\": [1], \"mixed\": [1, \"x\"], \"objs\": [{}]}")};
     ASSERT_TRUE(doc.IsValid());
-    LogMark mark;
     int n = 99;
     unsigned int u = 5;
     bool b = true;
@@ -125,11 +103,9 @@ TEST(JsonValueSetGet, MismatchOrMissingLeavesOutputUntouched) {
     EXPECT_FALSE(doc.Get("real", n) || doc.Get("missing", n) || doc.Get("neg", u) || doc.Get("s", b) ||
                  doc.Get("s", d) || doc.Get("arr", s) || doc.Get("s", ll));
     EXPECT_TRUE(n == 99 && u == 5u && b && d == 1.25 && s == "keep" && ll == 3);
-    EXPECT_TRUE(mark.Contains("NO strKey[missing] in josn."));
     std::vector<int> ints{7};
     EXPECT_FALSE(doc.Get("mixed", ints));
     EXPECT_EQ(std::vector<int>{7}, ints);
-    EXPECT_TRUE(mark.Contains("Exception Handled by[Get]"));
     std::vector<std::string> strs;
     EXPECT_FALSE(doc.Get("objs", strs));
     EXPECT_TRUE(strs.empty());

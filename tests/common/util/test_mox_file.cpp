@@ -13,10 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "log_capture.h"
 #include "temp_dir.h"
 
-using moxtest::LogMark;
 using moxtest::ReadTextFile;
 using moxtest::TempDir;
 using moxtest::WriteTextFile;
@@ -36,15 +34,11 @@ TEST(File64, ReadWriteModesAndErrorPaths) {
     TempDir dir;
     const std::string path = dir.file("data.bin");
     CMOXFile64 file;
-    LogMark mark;
     char buf[16] = {};
     unsigned long count = 4;
     EXPECT_FALSE(file.Read(buf, &count));  // not opened
-    EXPECT_TRUE(mark.Contains("IsOpened() != true"));
     EXPECT_FALSE(file.Open(path.c_str(), 7, O_CREAT, false));
-    EXPECT_TRUE(mark.Contains("CMOXFile64::Open Invalid open mod[7]."));
     EXPECT_FALSE(file.Open(dir.file("missing").c_str(), CMOXFile64::MODE_READ_ONLY, 0, false));
-    EXPECT_TRUE(mark.Contains("System error. errno[2], errno msg[No such file or directory]."));
     EXPECT_FALSE(file.IsOpened());
 
     ASSERT_TRUE(file.Open(path.c_str(), CMOXFile64::MODE_WRITE_ONLY, O_CREAT | O_TRUNC, false));
@@ -67,7 +61,6 @@ TEST(File64, ReadWriteModesAndErrorPaths) {
     count = 1;
     EXPECT_FALSE(file.Write("x", &count));  // read-only descriptor
     EXPECT_EQ(0u, count);
-    EXPECT_TRUE(mark.Contains("System error. errno[9]"));
     file.Destroy();
 
     ASSERT_TRUE(file.Open(path.c_str(), CMOXFile64::MODE_READ_WRITE, 0, false));
@@ -136,9 +129,7 @@ TEST(Dir, CreateRemoveAndSortedSnapshotListing) {
     EXPECT_TRUE(CMOXDir::Create(sub.c_str()));
     EXPECT_TRUE(CMOXDir::Create(sub.c_str()));  // already there
     ASSERT_TRUE(WriteTextFile(dir.file("plain"), "x"));
-    LogMark mark;
     EXPECT_FALSE(CMOXDir::Create(dir.file("plain").c_str()));
-    EXPECT_TRUE(mark.Contains("CMOXDir::Create() : S_ISDIR() failed."));
     EXPECT_FALSE(CMOXDir::Create(dir.file("a/b").c_str()));
     for (const char* name : {"b.mp3", "a.jpg", "C.avi", ".hidden"}) ASSERT_TRUE(WriteTextFile(dir.file(name), "x"));
 

@@ -12,8 +12,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <regex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -23,7 +21,6 @@
 using moxtest::LogMark;
 using moxtest::ReadTextFile;
 using moxtest::TempDir;
-using moxtest::WriteTextFile;
 
 namespace {
 
@@ -60,17 +57,6 @@ TEST(UtilStrings, PathHelpersAndSplitBoundaries) {
     EXPECT_EQ(CMOXUtil::FileNameFromUtf8("\\x2f\\x41"), "/A");
 }
 
-TEST(UtilIdentifiers, UuidsAreVersionFourAndDistinct) {
-    const std::regex v4("^[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}$");
-    std::set<std::string> seen;
-    for (int i = 0; i < 500; ++i) {
-        std::string id = CMOXUtil::GetUUID();
-        EXPECT_TRUE(std::regex_match(id, v4)) << id;
-        seen.insert(id);
-    }
-    EXPECT_EQ(500u, seen.size());
-}
-
 TEST(UtilFiles, LoadSaveAndReadBoundaries) {
     TempDir dir;
     const std::string path = dir.file("uuid");
@@ -97,7 +83,6 @@ TEST(UtilFiles, LoadSaveAndReadBoundaries) {
     // Failures (empty, missing, directory, fifo that must not block) leave
     // the outputs untouched.
     ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
-    LogMark mark;
     for (const std::string& bad : {path, dir.file("missing"), dir.path(), dir.file("fifo")}) {
         void* untouched = &size;
         size = 77;
@@ -107,8 +92,6 @@ TEST(UtilFiles, LoadSaveAndReadBoundaries) {
         EXPECT_FALSE(CMOXUtil::ReadFile(bad, content)) << bad;
         EXPECT_EQ("ab", content);
     }
-    EXPECT_TRUE(mark.Contains("UUID file size is 0"));
-    EXPECT_TRUE(mark.Contains("FAILED TO OPEN FILE, " + dir.file("missing") + ", 2"));
     EXPECT_FALSE(CMOXUtil::SaveAsFile("x", 1, dir.file("no/such/dir")));
     EXPECT_TRUE(CMOXUtil::RemoveFile(path.c_str()));
     EXPECT_FALSE(CMOXUtil::IsFileExist(path.c_str()));
@@ -156,11 +139,8 @@ TEST(UtilFileLocks, ConflictingLockOfAnotherProcessFailsAtOnce) {
     {
         LockHolder writer(path, F_WRLCK);
         ASSERT_TRUE(writer.locked());
-        LogMark mark;
         EXPECT_FALSE(CMOXUtil::ReadFile(path, content));
-        EXPECT_TRUE(mark.Contains("FAILED TO mReadLock " + path));
         EXPECT_FALSE(CMOXUtil::SaveAsFile("clobber", 7, path));
-        EXPECT_TRUE(mark.Contains("FAILED TO mWriteLock " + path));
     }
     {
         // Readers share; a writer is refused and must not truncate the file.

@@ -186,7 +186,7 @@ TEST_F(UsbUdev, MountedStickAndCameraPresentAtStartAreListedWithUdevProperties) 
     EXPECT_EQ(USB_MASS_STORAGE_FS_VFAT, usb_mass_storage_get_filesystem_type(stick));
     EXPECT_EQ(USB_MASS_STORAGE_DISK_REMOVABLE, usb_mass_storage_get_disk_type(stick));
     usb_device_free_device_list(list);
-    EXPECT_EQ(0u, m_recorder.Count());
+    EXPECT_TRUE(m_recorder.Events().empty());
 }
 
 TEST_F(UsbUdev, StickIsMountedAndBlockedAsTheMountTableChanges) {
@@ -264,14 +264,6 @@ TEST_F(UsbUdev, HotPluggedCameraByItsInterfaceAndStickOnceMountedUntilPulledOut)
     }
     EXPECT_EQ(m_root + "/sdb1", events[3].mountPath);
     EXPECT_EQ("4C530001", events[3].serial);
-}
-
-TEST_F(UsbUdev, RealMountTableIsReadWhenNoFileIsNamed) {
-    unsetenv("MOX_MOUNTINFO");
-    Add(kStickRecord);
-    StartWithRecorder();
-    // Nothing on this machine is mounted below a fresh temporary root.
-    EXPECT_TRUE(UsbListed(USB_DEVICE_CLASS_MASS_STORAGE).empty());
 }
 
 }  // namespace

@@ -73,11 +73,6 @@ public:
         return m_events;
     }
 
-    size_t Count() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_events.size();
-    }
-
 private:
     std::mutex m_mutex;
     std::condition_variable m_cond;
