@@ -555,17 +555,11 @@ private:
     }
 
     std::string SanitizerExcerpt(const std::string& output) const {
-        static const char* const kMarkers[] = {"ERROR: AddressSanitizer",
-                                               "ERROR: LeakSanitizer",
-                                               "runtime error:",
-                                               "-CRITICAL **",
-                                               "Assertion",
-                                               "assertion",
-                                               "ERROR: ThreadSanitizer",
-                                               "terminate called",
-                                               "MOX_ASSERT"};
+        static const auto kMarkers = Words(
+            "ERROR: AddressSanitizer|ERROR: LeakSanitizer|runtime error:|-CRITICAL **|Assertion|assertion|"
+            "ERROR: ThreadSanitizer|terminate called|MOX_ASSERT");
         size_t first = std::string::npos;
-        for (const char* marker : kMarkers) first = std::min(first, output.find(marker));
+        for (const auto& marker : kMarkers) first = std::min(first, output.find(marker));
         if (first == std::string::npos) return "";
         size_t start = output.rfind('\n', first);
         // The report head and its first frames are what tells the others where to look.

@@ -25,10 +25,7 @@ using moxtest::WriteTextFile;
 
 namespace {
 
-bool Exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+namespace fs = std::filesystem;
 
 std::string ReplyString(const CallResult& r) {
     const gchar* s = nullptr;
@@ -68,7 +65,7 @@ TEST(EngineStartup, MissingOrMalformedIntrospectionXmlEndsWithStatusOne) {
         if (*xml) WriteTextFile(h.Path("bus.xml"), xml);
         h.SetEnv("MOX_DBUS_CONFIG", h.Path("bus.xml"));
         EXPECT_EQ(h.RunToExit(), 1) << xml;
-        EXPECT_FALSE(Exists(h.StatusFile()));
+        EXPECT_FALSE(fs::exists(h.StatusFile()));
     }
 }
 
@@ -97,7 +94,7 @@ TEST(EngineStartup, ServesWritesStatusFileSurvivesARivalAndStopsCleanly) {
     EXPECT_TRUE(h.Call("start_server", nullptr).ok());
     EXPECT_EQ(h.Stop(), 0);
     // Nothing claims "OK" for a daemon that stopped.
-    EXPECT_FALSE(Exists(h.StatusFile()));
+    EXPECT_FALSE(fs::exists(h.StatusFile()));
 }
 
 // Only 1 and 2 reset; other values, no key or garbage in the key file leave
@@ -111,9 +108,9 @@ TEST(EngineReset, PendingResetRemovesUhdFilesAndClearsTheKey) {
         if (!stored.empty()) WriteTextFile(h.VconfDir() + "/db/mox/reset_status", stored);
         ASSERT_TRUE(h.Start()) << stored;
         const bool reset = stored == "1\n" || stored == "2\n";
-        EXPECT_EQ(Exists(h.AppDataDir() + "/.UHD_Metadata.json"), !reset) << stored;
-        EXPECT_EQ(Exists(h.AppDataDir() + "/.UHD_Rating.json"), !reset) << stored;
-        EXPECT_TRUE(Exists(h.AppDataDir() + "/other.json"));
+        EXPECT_EQ(fs::exists(h.AppDataDir() + "/.UHD_Metadata.json"), !reset) << stored;
+        EXPECT_EQ(fs::exists(h.AppDataDir() + "/.UHD_Rating.json"), !reset) << stored;
+        EXPECT_TRUE(fs::exists(h.AppDataDir() + "/other.json"));
         int value = -1;
         if (reset || stored == "3\n") {
             ASSERT_TRUE(h.GetKey("db/mox/reset_status", &value));
@@ -215,7 +212,7 @@ TEST(EngineFiles, WriteRemoveAndClientPathsStayBelowTheUsbRoot) {
     EXPECT_EQ(ReadTextFile(target), "hello, usb");
 
     EXPECT_TRUE(Remove(h, target));
-    EXPECT_FALSE(Exists(target));
+    EXPECT_FALSE(fs::exists(target));
     EXPECT_FALSE(Remove(h, target));
 
     const std::string outside = h.Path("secret");
@@ -274,7 +271,7 @@ TEST(EngineFiles, WriteRemoveAndClientPathsStayBelowTheUsbRoot) {
         ASSERT_TRUE(r.ok()) << r.error;
         EXPECT_FALSE(ReplyBool(r));
         EXPECT_TRUE(ShmExists(rootObject));
-        EXPECT_FALSE(Exists(root + "/stolen"));
+        EXPECT_FALSE(fs::exists(root + "/stolen"));
         shm_unlink(rootObject.c_str());
     }
     EXPECT_EQ(h.Stop(), 0);
