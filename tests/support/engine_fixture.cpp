@@ -205,22 +205,13 @@ void EngineHarness::StartBus(BusPolicy policy) {
                 "</include>\n"
                 "</busconfig>\n");
     } else {
-        WriteTextFile(config, head + "  <listen>unix:path=" + socket +
-                                  "</listen>\n"
-                                  "  <auth>EXTERNAL</auth>\n"
-                                  "  <policy context=\"default\">\n"
-                                  "    <allow user=\"*\"/>\n"
-                                  "    <allow own=\"*\"/>\n"
-                                  "    <allow send_type=\"method_call\"/>\n"
-                                  "    <allow send_type=\"signal\"/>\n"
-                                  "    <allow send_type=\"method_return\"/>\n"
-                                  "    <allow send_type=\"error\"/>\n"
-                                  "    <allow receive_type=\"method_call\"/>\n"
-                                  "    <allow receive_type=\"signal\"/>\n"
-                                  "    <allow receive_type=\"method_return\"/>\n"
-                                  "    <allow receive_type=\"error\"/>\n"
-                                  "  </policy>\n"
-                                  "</busconfig>\n");
+        std::string allow;
+        for (const char* rule : {"user=\"*\"", "own=\"*\"", "send_type=\"method_call\"", "send_type=\"signal\"",
+                                 "send_type=\"method_return\"", "send_type=\"error\"", "receive_type=\"method_call\"",
+                                 "receive_type=\"signal\"", "receive_type=\"method_return\"", "receive_type=\"error\""})
+            allow += std::string("    <allow ") + rule + "/>\n";
+        WriteTextFile(config, head + "  <listen>unix:path=" + socket + "</listen>\n  <auth>EXTERNAL</auth>\n" +
+                                  "  <policy context=\"default\">\n" + allow + "  </policy>\n</busconfig>\n");
     }
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e) env.emplace_back(*e);
@@ -494,38 +485,32 @@ UserCallResults EngineHarness::CallAsUser(uid_t uid, std::vector<UserCall> calls
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         results.error = "helper exited with status " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1);
 
+    // The helper's lines: "whoami UID GID", "signal NAME VALUE", "reply N VALUE",
+    // "error N TEXT" or "fatal TEXT".
+    auto variant = [](const std::string& printed) {
+        GVariant* value = g_variant_parse(nullptr, printed.c_str(), nullptr, nullptr, nullptr);
+        return GVariantPtr(value ? g_variant_ref_sink(value) : nullptr);
+    };
     results.calls.resize(calls.size());
-    for (size_t pos = 0; pos < text.size();) {
-        size_t end = text.find('\n', pos);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(pos, end - pos);
-        pos = end + 1;
-        size_t sp1 = line.find(' ');
-        size_t sp2 = line.find(' ', sp1 == std::string::npos ? line.size() : sp1 + 1);
-        if (sp1 == std::string::npos || sp2 == std::string::npos) {
-            if (line.rfind("fatal ", 0) == 0) results.error = line.substr(6);
-            continue;
-        }
-        std::string kind = line.substr(0, sp1), key = line.substr(sp1 + 1, sp2 - sp1 - 1), rest = line.substr(sp2 + 1);
-        if (kind == "whoami") {
-            results.uid = static_cast<uid_t>(std::strtoul(key.c_str(), nullptr, 10));
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream fields(line);
+        std::string kind, key, rest;
+        fields >> kind >> key;
+        std::getline(fields >> std::ws, rest);
+        const size_t index = std::strtoul(key.c_str(), nullptr, 10);
+        if (kind == "fatal") {
+            results.error = line.substr(6);
+        } else if (kind == "whoami") {
+            results.uid = static_cast<uid_t>(index);
             results.gid = static_cast<gid_t>(std::strtoul(rest.c_str(), nullptr, 10));
-            continue;
-        }
-        if (kind == "signal") {
-            auto signal = std::make_unique<Signal>();
-            signal->name = key;
-            signal->params.reset(g_variant_parse(nullptr, rest.c_str(), nullptr, nullptr, nullptr));
-            if (signal->params) g_variant_ref_sink(signal->params.get());
-            results.signals.push_back(std::move(signal));
-            continue;
-        }
-        size_t index = std::strtoul(key.c_str(), nullptr, 10);
-        if (index >= results.calls.size()) continue;
-        if (kind == "reply") {
-            results.calls[index].reply.reset(g_variant_parse(nullptr, rest.c_str(), nullptr, nullptr, nullptr));
-            if (results.calls[index].reply) g_variant_ref_sink(results.calls[index].reply.get());
-        } else if (kind == "error") {
+        } else if (kind == "signal") {
+            results.signals.push_back(std::make_unique<Signal>());
+            results.signals.back()->name = key;
+            results.signals.back()->params = variant(rest);
+        } else if (index < results.calls.size() && kind == "reply") {
+            results.calls[index].reply = variant(rest);
+        } else if (index < results.calls.size() && kind == "error") {
             results.calls[index].error = rest;
         }
     }

@@ -15,11 +15,11 @@
 #include <json/json.h>
 #include <mox/mox_events.h>
 
-#include "engine_fixture.h"
+#include "bus_client.h"
 #include "http_server.h"
 
+using moxtest::BusClient;
 using moxtest::CallResult;
-using moxtest::ConnectionPtr;
 using moxtest::EngineHarness;
 using moxtest::HttpServer;
 using moxtest::ReadTextFile;
@@ -86,15 +86,12 @@ protected:
         fs::create_directories(h.UsbRoot() + "/sda1");
         fs::create_directories(h.UsbRoot() + "/sdb1");
         ASSERT_TRUE(h.Start());
-        m_conn = h.Connect();
-        m_signals = std::make_unique<SignalCollector>(m_conn.get());
-        CallResult r = h.Call("connect", g_variant_new("(s)", "libmox_test_source.so"), m_conn.get());
-        ASSERT_TRUE(r.ok()) << r.error;
-        g_variant_get(r.reply.get(), "(u)", &m_handle);
+        m_client = std::make_unique<BusClient>(h);
+        m_signals = &m_client->signals();
+        m_handle = m_client->Connect("libmox_test_source.so");
     }
     void TearDown() override {
-        m_signals.reset();
-        m_conn.reset();
+        m_client.reset();
         EXPECT_EQ(h.Stop(), 0) << h.Output();
     }
 
@@ -105,12 +102,10 @@ protected:
                R"(,"mox_transfer_dst":)" + Quote(dst) + extra + "}";
     }
     void Act(const std::string& doc) {
-        CallResult r = h.Call("request_act", g_variant_new("(uss)", m_handle, "", doc.c_str()), m_conn.get());
-        EXPECT_TRUE(r.ok()) << r.error;
+        m_client->Call("request_act", g_variant_new("(uss)", m_handle, "", doc.c_str()));
     }
     guint32 StopAct(const std::string& doc) {
-        CallResult r = h.Call("stop_act", g_variant_new("(us)", m_handle, doc.c_str()), m_conn.get());
-        EXPECT_TRUE(r.ok()) << r.error;
+        CallResult r = m_client->Call("stop_act", g_variant_new("(us)", m_handle, doc.c_str()));
         guint32 code = 12345;
         if (r.ok()) g_variant_get(r.reply.get(), "(u)", &code);
         return code;
@@ -143,8 +138,8 @@ protected:
     }
 
     EngineHarness h;
-    ConnectionPtr m_conn;
-    std::unique_ptr<SignalCollector> m_signals;
+    std::unique_ptr<BusClient> m_client;
+    SignalCollector* m_signals = nullptr;
     guint32 m_handle = 0;
 };
 
@@ -307,7 +302,7 @@ TEST_F(Acts, BadInputEndsWithCodeAndLeavesNothingHalfWritten) {
     EXPECT_TRUE(fs::is_directory(usb + "/sdb1/Album"));
     EXPECT_FALSE(fs::exists(h.Path("x")));
     EXPECT_TRUE(Leftovers(usb + "/sdb1").empty());
-    EXPECT_TRUE(h.Call("start_server", nullptr, m_conn.get()).ok());
+    EXPECT_TRUE(h.Call("start_server", nullptr).ok());
 }
 
 // A client that leaves the bus has its transfers stopped at the source, so
@@ -322,13 +317,12 @@ TEST_F(Acts, TransfersOfAClientThatLeavesStopAtTheSource) {
     auto slow = [&](int i) {
         return Doc("slow" + std::to_string(i), url, usb + "/sdb1/slow" + std::to_string(i) + ".bin");
     };
-    ConnectionPtr hog = h.Connect();
-    SignalCollector hogSignals(hog.get());
-    EXPECT_TRUE(h.Call("request_act", g_variant_new("(uss)", m_handle, "", slow(0).c_str()), hog.get()).ok());
-    ASSERT_TRUE(hogSignals.WaitFor(kSignal, 1));  // under way
+    BusClient hog(h);
+    hog.Call("request_act", g_variant_new("(uss)", m_handle, "", slow(0).c_str()));
+    ASSERT_TRUE(hog.signals().WaitFor(kSignal, 1));  // under way
 
     // The hog leaves: its transfer stops, so its id is free again.
-    g_dbus_connection_close_sync(hog.get(), nullptr, nullptr);
+    hog.Close();
     // Until the source has let go of the hog's id, a transfer under it is
     // refused with 15; then it runs (first event: progress).
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);

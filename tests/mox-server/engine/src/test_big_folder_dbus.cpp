@@ -14,21 +14,16 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <mox/mox_resultlist.h>
+#include "bus_client.h"
 
-#include "engine_fixture.h"
-
-using moxtest::CallResult;
-using moxtest::ConnectionPtr;
+using moxtest::BusClient;
 using moxtest::EngineHarness;
-using moxtest::SignalCollector;
 
 namespace {
 
 constexpr int kFiles = 100000;
 
 using moxtest::Parse;
-
 using moxtest::ShmExists;
 
 std::string FileName(int n) {
@@ -49,26 +44,15 @@ TEST(BigFolderDbus, HundredThousandFilesListSortedInSectionsAndDrop) {
         close(fd);
     }
     ASSERT_TRUE(h.Start());
-    ConnectionPtr conn = h.Connect();
-    SignalCollector signals(conn.get());
-    CallResult r = h.Call("connect", g_variant_new("(s)", "libmox_local_source.so"), conn.get());
-    ASSERT_TRUE(r.ok()) << r.error;
-    guint32 handle = 0;
-    g_variant_get(r.reply.get(), "(u)", &handle);
-    size_t nSignals = 0;
+    BusClient c(h);
+    const guint32 handle = c.Connect("libmox_local_source.so");
     auto request = [&](const std::string& extra) {
-        const std::string doc =
-            R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],"mox_folder_path":")" + folder +
-            "\"" + extra + "}";
-        EXPECT_TRUE(h.Call("get_partial_list", g_variant_new("(uuus)", handle, 0u, 0u, doc.c_str()), conn.get()).ok());
-        EXPECT_TRUE(signals.WaitFor("mox_request_normal_complete", ++nSignals, std::chrono::seconds(120)));
-        auto all = signals.Named("mox_request_normal_complete");
-        return all.size() >= nSignals ? Parse(all[nSignals - 1]->text()) : Json::Value();
+        c.List(handle, moxtest::LocalListDoc(folder, extra));
+        return c.Next(moxtest::kComplete, std::chrono::seconds(120));
     };
     auto drop = [&](const std::string& name) {
-        EXPECT_TRUE(h.Call("drop_partial_list", g_variant_new("(us)", handle, name.c_str()), conn.get()).ok());
-        EXPECT_TRUE(signals.WaitFor("mox_request_normal_complete", ++nSignals));
-        return Parse(signals.Named("mox_request_normal_complete")[nSignals - 1]->text())["mox_event_type"].asInt();
+        c.Call("drop_partial_list", g_variant_new("(us)", handle, name.c_str()));
+        return c.Next(moxtest::kComplete)["mox_event_type"].asInt();
     };
 
     // Sorted by name, descending, in one answer: over 20 MB of items, more

@@ -14,90 +14,25 @@
 
 #include <mox/mox_resultlist.h>
 
-#include "engine_fixture.h"
+#include "bus_client.h"
 
 using moxtest::CallResult;
-using moxtest::ConnectionPtr;
 using moxtest::EngineHarness;
-using moxtest::SignalCollector;
 using moxtest::WriteTextFile;
 
 namespace {
 
-constexpr guint32 kFailedHandle = 4294967295u;
-
+using moxtest::BusClient;
+using moxtest::kComplete;
+using moxtest::kFailedHandle;
+using moxtest::ListNames;
+using moxtest::LocalListDoc;
 using moxtest::Parse;
-
+using moxtest::ReadList;
 using moxtest::ShmExists;
-
-// A client: its own connection, its own signals.
-class Client {
-public:
-    explicit Client(EngineHarness& h) : m_h(h), m_conn(h.Connect()), m_signals(m_conn.get()) {}
-
-    guint32 Connect(const std::string& name) {
-        CallResult r = m_h.Call("connect", g_variant_new("(s)", name.c_str()), m_conn.get());
-        EXPECT_TRUE(r.ok()) << r.error;
-        guint32 handle = kFailedHandle;
-        if (r.ok()) g_variant_get(r.reply.get(), "(u)", &handle);
-        return handle;
-    }
-    void Send(const char* method, GVariant* params) {
-        CallResult r = m_h.Call(method, params, m_conn.get());
-        EXPECT_TRUE(r.ok()) << method << ": " << r.error;
-    }
-    void List(guint32 handle, const std::string& doc) {
-        Send("get_partial_list", g_variant_new("(uuus)", handle, 0u, 0u, doc.c_str()));
-    }
-    // The n-th (1-based) payload of a signal, waiting for it.
-    Json::Value Nth(const char* name, size_t n) {
-        EXPECT_TRUE(m_signals.WaitFor(name, n)) << "no signal " << name << " #" << n;
-        auto all = m_signals.Named(name);
-        return all.size() >= n ? Parse(all[n - 1]->text()) : Json::Value();
-    }
-    size_t Count(const char* name) const { return m_signals.Named(name).size(); }
-    void Drain(int ms) { m_signals.Drain(std::chrono::milliseconds(ms)); }
-    void Close() { g_dbus_connection_close_sync(m_conn.get(), nullptr, nullptr); }
-
-private:
-    EngineHarness& m_h;
-    ConnectionPtr m_conn;
-    SignalCollector m_signals;
-};
 
 std::string ListDoc(const std::string& sources, const std::string& extra = "") {
     return R"({"mox_command":"mox_requestlist","mox_source":)" + sources + extra + "}";
-}
-
-// The items of a result list, as a client reads them.
-std::vector<Json::Value> ReadList(const std::string& name) {
-    std::vector<Json::Value> items;
-    CResultList list(name);
-    EXPECT_TRUE(list.IsLoaded()) << name;
-    for (int i = list.StartIndex(); list.IsLoaded() && i <= list.EndIndex(); ++i) {
-        std::string item, block;
-        int index = -1;
-        EXPECT_TRUE(list.GetItem(i, item, block, index)) << i;
-        items.push_back(Parse(item));
-    }
-    return items;
-}
-
-std::vector<std::string> Names(const std::vector<Json::Value>& items) {
-    std::vector<std::string> names;
-    for (const auto& item : items) names.push_back(item["FileName"].asString());
-    return names;
-}
-
-// The objects in /dev/shm named with `prefix` (the tests run with a private
-// /dev/shm).
-std::vector<std::string> MoxObjects(const std::string& prefix = "mox_") {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-        std::string name = entry.path().filename().string();
-        if (name.compare(0, prefix.size(), prefix) == 0) names.push_back(name);
-    }
-    return names;
 }
 
 // The data blocks a list's items are in: an answer from the cache names the
@@ -134,18 +69,17 @@ protected:
     }
 
     // Lists doc and returns the file names of the list it gets (event 0).
-    std::vector<std::string> ListNames(Client& c, guint32 handle, const std::string& doc, size_t& n) {
-        c.List(handle, doc);
-        Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
+    std::vector<std::string> Files(BusClient& c, guint32 handle, const std::string& doc) {
+        Json::Value ev = c.ListNext(handle, doc);
         EXPECT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
         std::string name = Delivered(ev);
         lastBlocks = name.empty() ? std::set<std::string>() : Blocks(name);
-        return name.empty() ? std::vector<std::string>() : Names(ReadList(name));
+        return name.empty() ? std::vector<std::string>() : ListNames(name);
     }
 
     EngineHarness h;
     std::vector<std::string> seenLists;
-    std::set<std::string> lastBlocks;  // of the list ListNames read last
+    std::set<std::string> lastBlocks;  // of the list Files read last
 };
 
 // Sorting and type filters are driven through moxctl's list test; here the
@@ -161,13 +95,11 @@ TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
     std::filesystem::create_symlink(h.Path("outside.jpg"), folder + "/link.jpg");
     std::filesystem::create_directories(h.UsbRoot() + "/sda1/empty");
 
-    Client c(h);
+    BusClient c(h);
     guint32 handle = c.Connect("libmox_local_source.so");
     ASSERT_NE(handle, kFailedHandle);
-    size_t n = 0;
     auto list = [&](const std::string& path, const std::string& extra = "") {
-        c.List(handle, ListDoc(R"(["mox_local_source"])", R"(,"mox_folder_path":")" + path + "\"" + extra));
-        return c.Nth("mox_request_normal_complete", ++n);
+        return c.ListNext(handle, LocalListDoc(path, extra));
     };
 
     // Folders first, then files by name; links and hidden entries left out.
@@ -176,7 +108,7 @@ TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
     EXPECT_EQ(ev["mox_handle_id"].asUInt(), handle);
     std::string plain = Delivered(ev);
     auto items = ReadList(plain);
-    EXPECT_EQ(Names(items), (std::vector<std::string>{"zfolder", "a.mp3", "b.jpg", "c.MP4"}));
+    EXPECT_EQ(ListNames(plain), (std::vector<std::string>{"zfolder", "a.mp3", "b.jpg", "c.MP4"}));
     ASSERT_EQ(items.size(), 4u);
     EXPECT_TRUE(items[0]["IsFolder"].asBool());
     EXPECT_EQ(items[2]["FilePath"].asString(), folder + "/b.jpg");
@@ -190,10 +122,10 @@ TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
     // A window over the entries; a negative one is refused; an end past the
     // last entry is cut.
     std::string window = Delivered(list(folder, R"(,"mox_start_index":1,"mox_end_index":2)"));
-    EXPECT_EQ(Names(ReadList(window)), (std::vector<std::string>{"a.mp3", "b.jpg"}));
+    EXPECT_EQ(ListNames(window), (std::vector<std::string>{"a.mp3", "b.jpg"}));
     EXPECT_EQ(CResultList(window).GetTotalCount(), 4);
     EXPECT_EQ(list(folder, R"(,"mox_start_index":-1)")["mox_event_type"].asInt(), 2);
-    EXPECT_EQ(Names(ReadList(Delivered(list(folder, R"(,"mox_start_index":3,"mox_end_index":2147483647)")))),
+    EXPECT_EQ(ListNames(Delivered(list(folder, R"(,"mox_start_index":3,"mox_end_index":2147483647)"))),
               (std::vector<std::string>{"c.MP4"}));
 
     // Empty folder: event 1. Outside the root through "..": event 2, no list.
@@ -206,8 +138,8 @@ TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
     // handed out, is refused with 11.
     const std::pair<std::string, int> drops[] = {{plain, 10}, {plain, 11}, {"mox_resultlist_99999", 11}};
     for (const auto& [name, event] : drops) {
-        c.Send("drop_partial_list", g_variant_new("(us)", handle, name.c_str()));
-        EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_event_type"].asInt(), event) << name;
+        c.Call("drop_partial_list", g_variant_new("(us)", handle, name.c_str()));
+        EXPECT_EQ(c.Next(kComplete)["mox_event_type"].asInt(), event) << name;
         EXPECT_FALSE(ShmExists(plain));
     }
 
@@ -221,8 +153,8 @@ TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
     auto detail = [&](const std::string& path) {
         std::string doc = R"({"mox_command":"mox_requestdetail","mox_source":"mox_local_source","FilePath":")" + path +
                           R"(","mox_detail_request_times":"t"})";
-        c.Send("request_detail", g_variant_new("(us)", handle, doc.c_str()));
-        return c.Nth("mox_request_normal_complete", ++n);
+        c.Call("request_detail", g_variant_new("(us)", handle, doc.c_str()));
+        return c.Next(kComplete);
     };
     ev = detail(folder + "/a.mp3");
     EXPECT_EQ(ev["mox_event_type"].asInt(), 3);
@@ -236,50 +168,38 @@ TEST_F(Requests, LocalSourceListsWindowsDropsAndDescribes) {
         EXPECT_EQ(ev["mox_event_type"].asInt(), 3) << path;
         EXPECT_EQ(ev["mox_result_detail_json"].asString(), "") << path;
     }
-
-    // Names that need escaping come back intact.
-    const std::string odd = "say \"hi\"\t\\.png";
-    WriteTextFile(h.UsbRoot() + "/sda1/odd/" + odd, "x");
-    auto oddItems = ReadList(Delivered(list(h.UsbRoot() + "/sda1/odd")));
-    ASSERT_EQ(oddItems.size(), 1u);
-    // ...in the engine's rule for names: a backslash is written "\x5C".
-    EXPECT_EQ(oddItems[0]["FileName"].asString(), "say \"hi\"\t\\x5C.png");
 }
 
 // Metadata over the bus (its own signal): no provider, a provider installed
 // while the daemon runs, and providers failing or answering too much.
 TEST_F(Requests, MetadataWithAndWithoutProvider) {
-    Client c(h);
+    BusClient c(h);
     guint32 handle = c.Connect("libmox_test_source.so");
     // Metadata: no provider -> 14; a provider -> 13 with its answer and the
     // request.
     const std::string meta = R"({"mox_command":"mox_requestmeta","mox_uuid":"u1","mox_accesstoken":"tok"})";
-    c.Send("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
-    EXPECT_EQ(c.Nth("mox_request_metadata", 1)["mox_event_type"].asInt(), 14);
+    c.Call("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
+    EXPECT_EQ(c.Next("mox_request_metadata")["mox_event_type"].asInt(), 14);
     h.InstallPlugin(MOX_UHD_PROVIDER_SO);
-    c.Send("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
-    Json::Value ev = c.Nth("mox_request_metadata", 2);
+    c.Call("request_metadata", g_variant_new("(us)", handle, meta.c_str()));
+    Json::Value ev = c.Next("mox_request_metadata");
     EXPECT_EQ(ev["mox_event_type"].asInt(), 13);
     Json::Value data = Parse(ev["act_command_and_return_data"].asString());
     EXPECT_EQ(data["uhd_uuid"].asString(), "u1");
     EXPECT_EQ(data["uhd_token"].asString(), "tok");
     EXPECT_EQ(data["mox_uhd_request_param"].asString(), meta);
     // A failing provider, or one answering more than a signal may carry: 14.
-    size_t m = 2;
     for (const std::string uuid : {"fail", "huge"}) {
         const std::string doc = R"({"mox_command":"mox_requestmeta","mox_uuid":")" + uuid + "\"}";
-        c.Send("request_metadata", g_variant_new("(us)", handle, doc.c_str()));
-        EXPECT_EQ(c.Nth("mox_request_metadata", ++m)["mox_event_type"].asInt(), 14) << uuid;
+        c.Call("request_metadata", g_variant_new("(us)", handle, doc.c_str()));
+        EXPECT_EQ(c.Next("mox_request_metadata")["mox_event_type"].asInt(), 14) << uuid;
     }
 }
 
 // Plug-in names stay in the plug-in directory and broken plug-ins get no
-// handle. Documents that make no command of the method's kind are refused
-// with its failure event and code 23 (every kind against every method, and
-// what sources answer, run in-process in test_engine_imp): here a parse
-// failure, the size bound and cross-kind documents over the bus.
+// handle. Refused documents get the method's failure event and code 23.
 TEST_F(Requests, BadNamesAndDocumentsKeepTheDaemonServing) {
-    Client c(h);
+    BusClient c(h);
     const std::string longName = "lib" + std::string(4096, 'a') + ".so";
     for (const std::string& name :
          {std::string("../plugins/libmox_test_source.so"), std::string("/etc/libx.so"),
@@ -292,60 +212,37 @@ TEST_F(Requests, BadNamesAndDocumentsKeepTheDaemonServing) {
     guint32 handle = c.Connect("libmox_test_source.so");
     EXPECT_EQ(handle, 1u);
 
-    const std::string album = h.UsbRoot() + "/made_by_a_list";
-    const std::string transfer = R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source",)"
-                                 R"("mox_transfer_id":"x","mox_transfer_src":"/a","mox_transfer_dst":"/b"})" +
-                                 std::string(0x4242, ' ');
-    const struct {
-        const char* method;
-        std::string doc;
-        int event;
-    } refusals[] = {
-        {"get_partial_list", "not json", 2},
-        {"get_partial_list",
-         R"({"mox_command":"mox_create_album","mox_source":"mox_ra_source","mox_album_path":")" + album + R"("})", 2},
-        {"request_detail", std::string(2 << 20, '{'), 4},
-        {"request_metadata", transfer, 14},
-        {"request_act", ListDoc(R"(["mox_test_source"])"), 7},
-    };
-    size_t n = 0, nMeta = 0;
-    for (const auto& r : refusals) {
-        const std::string method = r.method;
-        if (method == "get_partial_list")
-            c.List(handle, r.doc);
-        else if (method == "request_act")
-            c.Send("request_act", g_variant_new("(uss)", handle, "", r.doc.c_str()));
-        else
-            c.Send(r.method, g_variant_new("(us)", handle, r.doc.c_str()));
-        Json::Value ev = method == "request_metadata" ? c.Nth("mox_request_metadata", ++nMeta)
-                                                      : c.Nth("mox_request_normal_complete", ++n);
-        EXPECT_EQ(ev["mox_event_type"].asInt(), r.event) << method << " " << r.doc.substr(0, 80);
-        EXPECT_EQ(ev["mox_error_code"].asInt(), 23) << method << " " << r.doc.substr(0, 80);
+    // A parse failure and a document over the size bound; cross-kind
+    // documents are EngineImp.EveryRequestIsAnsweredAndOnlyByItsOwnKind's.
+    c.List(handle, "not json");
+    c.Call("request_detail", g_variant_new("(us)", handle, std::string(2 << 20, '{').c_str()));
+    for (int event : {2, 4}) {
+        Json::Value ev = c.Next(kComplete);
+        EXPECT_EQ(ev["mox_event_type"].asInt(), event);
+        EXPECT_EQ(ev["mox_error_code"].asInt(), 23);
         EXPECT_EQ(ev["mox_handle_id"].asUInt(), handle);
     }
     c.Drain(300);
-    EXPECT_EQ(c.Count("mox_request_normal_complete"), n);
-    EXPECT_FALSE(std::filesystem::exists(album));
+    EXPECT_EQ(c.Count(kComplete), 2u);
     // Unbalanced cancels of handles never used; the daemon still serves.
-    c.Send("request_cancel_detail", g_variant_new("(u)", 777u));
+    c.Call("request_cancel_detail", g_variant_new("(u)", 777u));
     EXPECT_TRUE(h.Call("start_server", nullptr).ok());
 }
 
 TEST_F(Requests, ClientLeavingTheBusLosesItsListsAndAnswers) {
-    Client stays(h);
+    BusClient stays(h);
     guint32 hs = stays.Connect("libmox_test_source.so");
     std::string kept, orphan;
     {
-        Client leaves(h);
+        BusClient leaves(h);
         guint32 hl = leaves.Connect("libmox_test_source.so");
-        leaves.List(hl, ListDoc(R"(["mox_test_source"])"));
-        orphan = Delivered(leaves.Nth("mox_request_normal_complete", 1));
+        orphan = Delivered(leaves.ListNext(hl, ListDoc(R"(["mox_test_source"])")));
         // Shared with the client that stays: that list must survive.
         const std::string shared = ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500)");
         leaves.List(hl, shared);
         stays.List(hs, shared);
-        kept = Delivered(leaves.Nth("mox_request_normal_complete", 2));
-        EXPECT_EQ(Delivered(stays.Nth("mox_request_normal_complete", 1)), kept);
+        kept = Delivered(leaves.Next(kComplete));
+        EXPECT_EQ(Delivered(stays.Next(kComplete)), kept);
         // A request still running when the client leaves.
         leaves.List(hl, ListDoc(R"(["mox_test_source"])", R"(,"test_delay_ms":1500,"test_item_count":4)"));
         ASSERT_TRUE(ShmExists(orphan));
@@ -358,7 +255,7 @@ TEST_F(Requests, ClientLeavingTheBusLosesItsListsAndAnswers) {
     // The answer nobody waits for any more is dropped as soon as it is
     // built: once the running request has ended, only the shared list is left.
     stays.Drain(2500);
-    EXPECT_EQ(MoxObjects("mox_resultlist_"), std::vector<std::string>{kept});
+    EXPECT_EQ(moxtest::ShmObjects("mox_resultlist_"), std::vector<std::string>{kept});
     EXPECT_EQ(stays.Count("mox_request_normal_complete"), 1u);
 }
 
@@ -368,39 +265,33 @@ TEST_F(Requests, ListShowsAddRemoveGrowRenameAndEngineWrites) {
     const std::string dcim = h.UsbRoot() + "/sdb1/DCIM";
     std::filesystem::create_directories(dcim);
     for (const char* name : {"a.jpg", "b.jpg", "c.jpg"}) WriteTextFile(dcim + "/" + name, "12345");
-    Client c(h);
+    BusClient c(h);
     guint32 handle = c.Connect("libmox_local_source.so");
-    const std::string doc = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
-                            R"("mox_folder_path":")" +
-                            dcim + R"("})";
-    size_t n = 0;
+    const std::string doc = LocalListDoc(dcim);
     using V = std::vector<std::string>;
-    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"a.jpg", "b.jpg", "c.jpg"}));
+    EXPECT_EQ(Files(c, handle, doc), (V{"a.jpg", "b.jpg", "c.jpg"}));
     const std::set<std::string> first = lastBlocks;
-    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"a.jpg", "b.jpg", "c.jpg"}));
+    EXPECT_EQ(Files(c, handle, doc), (V{"a.jpg", "b.jpg", "c.jpg"}));
     EXPECT_EQ(lastBlocks, first) << "unchanged folder not cached";
 
     WriteTextFile(dcim + "/d.jpg", "new");
-    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"a.jpg", "b.jpg", "c.jpg", "d.jpg"}));
+    EXPECT_EQ(Files(c, handle, doc), (V{"a.jpg", "b.jpg", "c.jpg", "d.jpg"}));
     std::filesystem::remove(dcim + "/a.jpg");
-    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"b.jpg", "c.jpg", "d.jpg"}));
+    EXPECT_EQ(Files(c, handle, doc), (V{"b.jpg", "c.jpg", "d.jpg"}));
     std::filesystem::rename(dcim + "/c.jpg", dcim + "/e.jpg");
-    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"b.jpg", "d.jpg", "e.jpg"}));
+    EXPECT_EQ(Files(c, handle, doc), (V{"b.jpg", "d.jpg", "e.jpg"}));
     // Grown in place: the folder's own times stay, the file's size changes.
     WriteTextFile(dcim + "/b.jpg", std::string(4000, 'x'));
-    c.List(handle, doc);
-    Json::Value ev = c.Nth("mox_request_normal_complete", ++n);
-    std::vector<Json::Value> items = ReadList(Delivered(ev));
+    std::vector<Json::Value> items = ReadList(Delivered(c.ListNext(handle, doc)));
     ASSERT_EQ(items.size(), 3u);
     EXPECT_EQ(items[0]["FileSize"].asInt64(), 4000);
     // The engine's own removal.
     CallResult r = h.Call("usb_file_remove", g_variant_new("(ss)", (dcim + "/d.jpg").c_str(), ""));
     ASSERT_TRUE(r.ok()) << r.error;
-    EXPECT_EQ(ListNames(c, handle, doc, n), (V{"b.jpg", "e.jpg"}));
+    EXPECT_EQ(Files(c, handle, doc), (V{"b.jpg", "e.jpg"}));
     // The folder gone: "no such folder" (7), never the old answer.
     std::filesystem::remove_all(dcim);
-    c.List(handle, doc);
-    ev = c.Nth("mox_request_normal_complete", ++n);
+    Json::Value ev = c.ListNext(handle, doc);
     EXPECT_EQ(ev["mox_event_type"].asInt(), 2);
     EXPECT_EQ(ev["mox_error_code"].asInt(), 7);
 }
@@ -411,11 +302,10 @@ TEST_F(Requests, ListShowsAddRemoveGrowRenameAndEngineWrites) {
 TEST_F(Requests, StickSwapUnmountAndEngineWritesForgetKeptAnswers) {
     // Bound to storage events: each arrives after the engine has forgotten
     // what the storage's answers were.
-    Client c(h);
-    c.Send("bind_usb_event", g_variant_new("(u)", 1u));
-    size_t nEvents = 0;
+    BusClient c(h);
+    c.Call("bind_usb_event", g_variant_new("(u)", 1u));
     h.Plug("sdb1");
-    c.Nth("mox_usb_notification", ++nEvents);
+    c.Next("mox_usb_notification");
     const std::string mount = h.UsbRoot() + "/sdb1";
     std::filesystem::create_directories(mount + "/DCIM");
     WriteTextFile(mount + "/DCIM/first-1.jpg", "1");
@@ -424,52 +314,48 @@ TEST_F(Requests, StickSwapUnmountAndEngineWritesForgetKeptAnswers) {
     guint32 test = c.Connect("libmox_test_source.so");
     guint32 v1 = c.Connect("libmox_test_abi1.so");
     ASSERT_NE(v1, kFailedHandle);
-    size_t n = 0;
     using V = std::vector<std::string>;
-    const std::string localDoc = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
-                                 R"("mox_folder_path":")" +
-                                 mount + R"(/DCIM"})";
+    const std::string localDoc = LocalListDoc(mount + "/DCIM");
     // Kept until something touches the path (the test source says nothing
     // about validity; the ABI-1 one cannot).
     const std::string keptDoc =
         ListDoc(R"(["mox_test_source","mox_test_source_v1"])", R"(,"mox_folder_path":")" + mount + R"(//DCIM/")");
     // Lists `doc` twice; whether the second answer came from the cache.
     auto kept = [&](guint32 handle, const std::string& doc) {
-        ListNames(c, handle, doc, n);
+        Files(c, handle, doc);
         const std::set<std::string> first = lastBlocks;
-        ListNames(c, handle, doc, n);
+        Files(c, handle, doc);
         return lastBlocks == first;
     };
 
-    EXPECT_EQ(ListNames(c, local, localDoc, n), (V{"first-1.jpg", "first-2.jpg"}));
-    EXPECT_EQ(ListNames(c, test, keptDoc, n).size(), 6u);
+    EXPECT_EQ(Files(c, local, localDoc), (V{"first-1.jpg", "first-2.jpg"}));
+    EXPECT_EQ(Files(c, test, keptDoc).size(), 6u);
     std::set<std::string> before = lastBlocks;
-    EXPECT_EQ(ListNames(c, v1, keptDoc, n).size(), 6u);
+    EXPECT_EQ(Files(c, v1, keptDoc).size(), 6u);
     EXPECT_EQ(lastBlocks, before);
 
     // The stick is pulled and another one is mounted at the same path.
     h.Unplug("sdb1");
-    c.Nth("mox_usb_notification", ++nEvents);
+    c.Next("mox_usb_notification");
     std::filesystem::rename(mount, h.UsbRoot() + "/first-stick");
     std::filesystem::create_directories(mount + "/DCIM");
     WriteTextFile(mount + "/DCIM/second.jpg", "2");
     h.Plug("sdb1");
-    c.Nth("mox_usb_notification", ++nEvents);
-    EXPECT_EQ(ListNames(c, local, localDoc, n), (V{"second.jpg"}));
-    EXPECT_EQ(ListNames(c, test, keptDoc, n).size(), 6u);
+    c.Next("mox_usb_notification");
+    EXPECT_EQ(Files(c, local, localDoc), (V{"second.jpg"}));
+    EXPECT_EQ(Files(c, test, keptDoc).size(), 6u);
     EXPECT_NE(lastBlocks, before) << "answer kept across the unmount";
     before = lastBlocks;
     // Unchanged: answered from the cache.
-    EXPECT_EQ(ListNames(c, test, keptDoc, n).size(), 6u);
+    EXPECT_EQ(Files(c, test, keptDoc).size(), 6u);
     EXPECT_EQ(lastBlocks, before);
 
     // The engine's own write below the named folder forgets it at once.
     CallResult r = h.Call("usb_file_remove", g_variant_new("(ss)", (mount + "/DCIM/second.jpg").c_str(), ""));
     ASSERT_TRUE(r.ok()) << r.error;
-    EXPECT_EQ(ListNames(c, test, keptDoc, n).size(), 6u);
+    EXPECT_EQ(Files(c, test, keptDoc).size(), 6u);
     EXPECT_NE(lastBlocks, before);
-    c.List(local, localDoc);
-    EXPECT_EQ(c.Nth("mox_request_normal_complete", ++n)["mox_error_code"].asInt(), 6);  // now empty
+    EXPECT_EQ(c.ListNext(local, localDoc)["mox_error_code"].asInt(), 6);  // now empty
 
     // A source that asks not to be kept, one whose stamp changes, and a stamp
     // above 256 bytes (answered, never kept).
@@ -477,7 +363,7 @@ TEST_F(Requests, StickSwapUnmountAndEngineWritesForgetKeptAnswers) {
     const std::string stampA = ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:A","q":1)");
     EXPECT_TRUE(kept(test, stampA));
     before = lastBlocks;
-    ListNames(c, test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:B","q":1)"), n);
+    Files(c, test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:B","q":1)"));
     EXPECT_NE(lastBlocks, before);
     EXPECT_FALSE(
         kept(test, ListDoc(R"(["mox_test_source"])", R"(,"test_validity":"stamp:)" + std::string(300, 'x') + R"(")")));
@@ -497,17 +383,16 @@ TEST(RequestsShutdown, SigtermDuringGetDataIsBoundedAndClean) {
         EngineHarness h;
         h.InstallPlugin(MOX_TEST_SOURCE_SO);
         ASSERT_TRUE(h.Start());
-        Client c(h);
+        BusClient c(h);
         guint32 handle = c.Connect("libmox_test_source.so");
-        c.List(handle, ListDoc(R"(["mox_test_source2"])"));
-        EXPECT_EQ(c.Nth("mox_request_normal_complete", 1)["mox_event_type"].asInt(), 0);
+        EXPECT_EQ(c.ListNext(handle, ListDoc(R"(["mox_test_source2"])"))["mox_event_type"].asInt(), 0);
         c.List(handle, ListDoc(R"(["mox_test_source"])", k.extra));
         ASSERT_TRUE(h.WaitForLog("test source GetData[mox_test_source]"));
         const auto t0 = std::chrono::steady_clock::now();
         EXPECT_EQ(h.Stop(std::chrono::seconds(10)), 0) << k.extra;
         EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5)) << k.extra;
         EXPECT_EQ(h.CountLog(k.log), 1u) << k.extra;
-        EXPECT_EQ(MoxObjects(), std::vector<std::string>()) << k.extra;
+        EXPECT_EQ(moxtest::ShmObjects(), std::vector<std::string>()) << k.extra;
     }
 }
 
@@ -516,13 +401,12 @@ TEST(RequestsShutdown, SigtermDuringGetDataIsBoundedAndClean) {
 TEST_F(Requests, ExamplePluginIsLoadedAndListed) {
     const char* env = getenv("MOX_OUT_OF_TREE_PLUGIN");
     h.InstallPlugin(env ? env : MOX_EXAMPLE_SOURCE_SO);
-    Client c(h);
+    BusClient c(h);
     guint32 handle = c.Connect("libmox_example_source.so");
     ASSERT_NE(handle, kFailedHandle);
-    c.List(handle, ListDoc(R"(["mox_example_source"])", R"(,"SortedType":2,"SortedKey":"Title")"));
-    Json::Value ev = c.Nth("mox_request_normal_complete", 1);
+    Json::Value ev = c.ListNext(handle, ListDoc(R"(["mox_example_source"])", R"(,"SortedType":2,"SortedKey":"Title")"));
     ASSERT_EQ(ev["mox_event_type"].asInt(), 0);
-    EXPECT_EQ(Names(ReadList(Delivered(ev))), (std::vector<std::string>{"c.mp4", "b.mp3", "a.jpg"}));
+    EXPECT_EQ(ListNames(Delivered(ev)), (std::vector<std::string>{"c.mp4", "b.mp3", "a.jpg"}));
 }
 
 }  // namespace

@@ -11,76 +11,35 @@
 #include <csignal>
 #include <filesystem>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <mox/mox_resultlist.h>
 
-#include "engine_fixture.h"
+#include "bus_client.h"
 #include "fault_mounts.h"
 
 using moxtest::EngineHarness;
-using moxtest::SignalCollector;
 using moxtest::WriteTextFile;
 
 namespace {
 
+using moxtest::ListNames;
 using moxtest::Parse;
 
-// Engine objects in /dev/shm whose names start with `prefix`.
-std::set<std::string> Objects(const std::string& prefix) {
-    std::set<std::string> names;
-    for (const auto& e : std::filesystem::directory_iterator("/dev/shm")) {
-        const std::string name = e.path().filename();
-        if (name.rfind(prefix, 0) == 0) names.insert(name);
-    }
-    return names;
+// Engine objects of the instance `tag` (a pid), its lock included.
+size_t ObjectsOf(const std::string& tag) {
+    return moxtest::ShmObjects("mox_datablock_" + tag + "_").size() +
+           moxtest::ShmObjects("mox_resultlist_" + tag + "_").size() + moxtest::ShmExists("mox_lock_" + tag);
 }
 
-// One client with the local source: lists a folder, returns the completion.
-class Lister {
-public:
-    explicit Lister(EngineHarness& h) : m_h(h), m_signals(h.Client()) {
-        moxtest::CallResult r = h.Call("connect", g_variant_new("(s)", "libmox_local_source.so"));
-        EXPECT_TRUE(r.ok()) << r.error;
-        if (r.ok()) g_variant_get(r.reply.get(), "(u)", &m_handle);
-    }
-    Json::Value List(const std::string& folder) {
-        Json::Value request;
-        request["mox_command"] = "mox_requestlist";
-        request["mox_source"].append("mox_local_source");
-        request["mox_folder_path"] = folder;
-        Json::StreamWriterBuilder writer;
-        writer["indentation"] = "";
-        const std::string doc = Json::writeString(writer, request);
-        moxtest::CallResult r = m_h.Call("get_partial_list", g_variant_new("(uuus)", m_handle, 0u, 0u, doc.c_str()));
-        EXPECT_TRUE(r.ok()) << r.error;
-        ++m_nSent;
-        EXPECT_TRUE(m_signals.WaitFor("mox_request_normal_complete", m_nSent));
-        auto all = m_signals.Named("mox_request_normal_complete");
-        return all.size() >= m_nSent ? Parse(all[m_nSent - 1]->text()) : Json::Value();
-    }
-
-private:
-    EngineHarness& m_h;
-    SignalCollector m_signals;
-    guint32 m_handle = 0;
-    size_t m_nSent = 0;
+// One client of the local source: lists a folder, returns the completion.
+struct Lister : moxtest::BusClient {
+    explicit Lister(EngineHarness& h) : BusClient(h), handle(Connect("libmox_local_source.so")) {}
+    Json::Value List(const std::string& folder) { return ListNext(handle, moxtest::LocalListDoc(folder)); }
+    guint32 handle;
 };
-
-std::vector<std::string> ItemNames(const std::string& list) {
-    std::vector<std::string> names;
-    CResultList result(list);
-    for (int i = result.StartIndex(); result.IsLoaded() && i <= result.EndIndex(); ++i) {
-        std::string item, block;
-        int index = -1;
-        if (result.GetItem(i, item, block, index)) names.push_back(Parse(item)["FileName"].asString());
-    }
-    return names;
-}
 
 }  // namespace
 
@@ -95,12 +54,10 @@ TEST(RestartFaults, KilledEngineLeavesNothingForTheNext) {
     std::filesystem::create_directories(stick + "/a/b");
     ASSERT_TRUE(h.Start());
     const std::string tag = std::to_string(h.Pid());
-    {
-        Lister client(h);
-        for (int i = 0; i < 20; ++i) {
-            Json::Value ev = client.List(stick);
-            ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
-        }
+    Lister holder(h);  // holds its lists until the engine dies
+    for (int i = 0; i < 20; ++i) {
+        Json::Value ev = holder.List(stick);
+        ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
     }
     // What an interrupted transfer and write leave, next to what is not ours.
     const std::string dead = std::to_string(h.Pid());
@@ -120,10 +77,8 @@ TEST(RestartFaults, KilledEngineLeavesNothingForTheNext) {
 
     kill(h.Pid(), SIGKILL);
     while (h.Running()) usleep(10000);
-    const size_t nLeft = Objects("mox_datablock_" + tag + "_").size() + Objects("mox_resultlist_" + tag + "_").size();
-    EXPECT_GE(nLeft, 20u);  // the lists nobody dropped and their blocks
-    EXPECT_TRUE(std::filesystem::exists("/dev/shm/mox_lock_" + tag));
-    std::printf("objects of the killed engine: %zu before the restart\n", nLeft);
+    EXPECT_GE(ObjectsOf(tag), 21u);  // the lists nobody dropped, their blocks and the lock
+    EXPECT_TRUE(moxtest::ShmExists("mox_lock_" + tag));
 
     ASSERT_TRUE(h.Start());
     // The sweep runs in the background: the files of dead writers go.
@@ -131,11 +86,8 @@ TEST(RestartFaults, KilledEngineLeavesNothingForTheNext) {
     for (const auto& f : stale) EXPECT_FALSE(std::filesystem::exists(f)) << f;
     for (const auto& f : kept) EXPECT_TRUE(std::filesystem::exists(f)) << f;
     EXPECT_TRUE(std::filesystem::exists(stick + "/.fifo.mox-" + dead + "-2"));
-    const size_t nAfter = Objects("mox_datablock_" + tag + "_").size() + Objects("mox_resultlist_" + tag + "_").size() +
-                          std::filesystem::exists("/dev/shm/mox_lock_" + tag);
-    EXPECT_EQ(nAfter, 0u);
-    std::printf("objects of the killed engine: %zu after the restart\n", nAfter);
-    EXPECT_EQ(Objects("mox_datablock_4000000000_").size(), 1u);
+    EXPECT_EQ(ObjectsOf(tag), 0u);
+    EXPECT_EQ(moxtest::ShmObjects("mox_datablock_4000000000_").size(), 1u);
     close(liveLock);
     std::filesystem::remove("/dev/shm/mox_lock_4000000000");
     std::filesystem::remove("/dev/shm/mox_datablock_4000000000_1");
@@ -144,13 +96,13 @@ TEST(RestartFaults, KilledEngineLeavesNothingForTheNext) {
         Lister client(h);
         Json::Value ev = client.List(stick);
         EXPECT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
-        EXPECT_EQ(ItemNames(ev["mox_result_list_block_name"].asString()).size(), 31u);
+        EXPECT_EQ(ListNames(ev["mox_result_list_block_name"].asString()).size(), 31u);
     }
     const std::string tag2 = std::to_string(h.Pid());
     EXPECT_TRUE(std::filesystem::exists("/dev/shm/mox_lock_" + tag2));
     EXPECT_EQ(h.Stop(), 0);
     EXPECT_FALSE(std::filesystem::exists("/dev/shm/mox_lock_" + tag2));
-    EXPECT_TRUE(Objects("mox_resultlist_" + tag2 + "_").empty());
+    EXPECT_TRUE(moxtest::ShmObjects("mox_resultlist_" + tag2 + "_").empty());
 }
 
 // A storage that fails reads: lists end with event 2 and MOX_ERROR_IO (33),
@@ -169,26 +121,19 @@ TEST(RestartFaults, ReadErrorsAreFailuresNotShorterAnswers) {
     h.Plug("fuse1");
     ASSERT_TRUE(h.Start());
     Lister client(h);
-    SignalCollector signals(h.Client());
     const std::string dir = mount + "/dir";
-    size_t nChecks = 0, nThumbs = 0;
+    size_t nChecks = 0;
     auto check = [&] {
-        moxtest::CallResult r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", mount.c_str()));
-        EXPECT_TRUE(r.ok()) << r.error;
-        EXPECT_TRUE(signals.WaitFor("mox_scanner_done", ++nChecks));
-        guint32 id, code, type;
-        const gchar *base, *name, *media;
-        g_variant_get(signals.Named("mox_scanner_done").back()->params.get(), "(uuu&s&s&s)", &id, &code, &type, &base,
-                      &name, &media);
+        client.Call("start_scanner", g_variant_new("(ss)", "check_device", mount.c_str()));
+        EXPECT_TRUE(client.signals().WaitFor("mox_scanner_done", ++nChecks));
+        guint32 code = 0;
+        g_variant_get(client.signals().Named("mox_scanner_done").back()->params.get(), "(uuu&s&s&s)", nullptr, &code,
+                      nullptr, nullptr, nullptr, nullptr);
         return code;
     };
     auto thumbs = [&] {
-        moxtest::CallResult r =
-            h.Call("start_scanner_thumb", g_variant_new("(ssuu)", dir.c_str(), "CONTENT-IMAGE", 4u, 7u));
-        EXPECT_TRUE(r.ok()) << r.error;
-        EXPECT_TRUE(signals.WaitFor("mox_folder_thumb_done", ++nThumbs));
-        Json::Value outer = Parse(signals.Named("mox_folder_thumb_done").back()->text());
-        return Parse(outer["mox_folder_thumbnail_data"].asString());
+        client.Call("start_scanner_thumb", g_variant_new("(ssuu)", dir.c_str(), "CONTENT-IMAGE", 4u, 7u));
+        return Parse(client.Next("mox_folder_thumb_done")["mox_folder_thumbnail_data"].asString());
     };
 
     for (const char* rule : {"eio getattr /dir/file7", "eio readdir /dir"}) {
@@ -210,7 +155,7 @@ TEST(RestartFaults, ReadErrorsAreFailuresNotShorterAnswers) {
     fs.SetRules("");
     Json::Value ev = client.List(dir);
     ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
-    EXPECT_EQ(ItemNames(ev["mox_result_list_block_name"].asString()).size(), 11u);
+    EXPECT_EQ(ListNames(ev["mox_result_list_block_name"].asString()).size(), 11u);
     EXPECT_EQ(check(), 26u);
     Json::Value full = thumbs();
     EXPECT_EQ(full["mox_folder_thumbnail_type"].asInt(), 0) << full.toStyledString();
@@ -219,12 +164,13 @@ TEST(RestartFaults, ReadErrorsAreFailuresNotShorterAnswers) {
 }
 
 // Thumbnail answers hold regular files only, as lists do; names that are not
-// UTF-8 read the same ("\xNN") in list items in shared memory and on the bus.
+// UTF-8 or hold a backslash read the same ("\xNN") in list items in shared
+// memory and on the bus, quotes and tabs intact.
 TEST(RestartFaults, OnlyRegularFilesAndEscapedNames) {
     EngineHarness h;
     h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
     const std::string stick = h.Plug("sdb1");
-    const std::string odd = "caf\xe9\\.jpg";
+    const std::string odd = "say \"caf\xe9\"\t\\.jpg";
     ASSERT_TRUE(WriteTextFile(stick + "/a.jpg", "x"));
     ASSERT_TRUE(WriteTextFile(stick + "/" + odd, "x"));
     ASSERT_TRUE(WriteTextFile(stick + "/d\xff/b.jpg", "x"));
@@ -232,26 +178,21 @@ TEST(RestartFaults, OnlyRegularFilesAndEscapedNames) {
     ASSERT_EQ(mkfifo((stick + "/pipe.jpg").c_str(), 0600), 0);
     ASSERT_EQ(mknod((stick + "/null.jpg").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
     ASSERT_TRUE(h.Start());
-    SignalCollector signals(h.Client());
-    moxtest::CallResult r =
-        h.Call("start_scanner_thumb", g_variant_new("(ssuu)", stick.c_str(), "CONTENT-IMAGE", 10u, 1u));
-    ASSERT_TRUE(r.ok()) << r.error;
-    ASSERT_TRUE(signals.WaitFor("mox_folder_thumb_done", 1));
-    Json::Value inner =
-        Parse(Parse(signals.Named("mox_folder_thumb_done")[0]->text())["mox_folder_thumbnail_data"].asString());
+    Lister client(h);
+    client.Call("start_scanner_thumb", g_variant_new("(ssuu)", stick.c_str(), "CONTENT-IMAGE", 10u, 1u));
+    Json::Value inner = Parse(client.Next("mox_folder_thumb_done")["mox_folder_thumbnail_data"].asString());
     std::set<std::string> thumbs;
     for (const auto& item : inner["mox_folder_thumbnail_items"]) thumbs.insert(item.asString());
-    const std::string escaped = "caf\\xE9\\x5C.jpg";
+    const std::string escaped = "say \"caf\\xE9\"\t\\x5C.jpg";
     EXPECT_EQ(thumbs, (std::set<std::string>{stick + "/a.jpg", stick + "/" + escaped}));
 
-    Lister client(h);
     Json::Value ev = client.List(stick);
     ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
-    std::vector<std::string> names = ItemNames(ev["mox_result_list_block_name"].asString());
+    std::vector<std::string> names = ListNames(ev["mox_result_list_block_name"].asString());
     EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), (std::set<std::string>{"a.jpg", escaped, "d\\xFF"}));
     // A name handed out names the same place when a client sends it back.
     ev = client.List(stick + "/d\\xFF");
     ASSERT_EQ(ev["mox_event_type"].asInt(), 0) << ev.toStyledString();
-    EXPECT_EQ(ItemNames(ev["mox_result_list_block_name"].asString()), std::vector<std::string>{"b.jpg"});
+    EXPECT_EQ(ListNames(ev["mox_result_list_block_name"].asString()), std::vector<std::string>{"b.jpg"});
     EXPECT_EQ(h.Stop(), 0);
 }

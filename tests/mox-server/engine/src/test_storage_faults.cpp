@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "engine_fixture.h"
+#include "bus_client.h"
 #include "fault_mounts.h"
 
 using moxtest::CallResult;
@@ -48,13 +48,6 @@ long SlowestQuickCall(EngineHarness& h, const char* what, milliseconds span = mi
     } while (Clock::now() < end);
     printf("slowest quick call, %s: %ld ms\n", what, worst);
     return worst;
-}
-
-std::set<std::string> ShmObjects() {
-    std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm"))
-        if (entry.path().filename().string().rfind("mox_", 0) == 0) names.insert(entry.path().filename());
-    return names;
 }
 
 // A harness with a FUSE stick "sdf1" (plugged) over `backing`, and two
@@ -94,7 +87,7 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     h.Plug("sdc1");
     ASSERT_TRUE(h.Start());
     h.Plug("sdf1");
-    ASSERT_TRUE(h.WaitForLog("USB MOUNTED : " + s.mount));
+    ASSERT_TRUE(moxtest::WaitForStorage(h, s.mount));
     auto slow = h.Connect();
     SignalCollector slowSignals(slow.get());
 
@@ -137,9 +130,7 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     ASSERT_TRUE(r.ok()) << r.error;
     guint32 handle = 0;
     g_variant_get(r.reply.get(), "(u)", &handle);
-    const std::string list = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
-                             R"("mox_folder_path":")" +
-                             s.mount + R"(/deep3/in"})";
+    const std::string list = moxtest::LocalListDoc(s.mount + "/deep3/in");
     CallAndForget(slow.get(), "get_partial_list", g_variant_new("(uuus)", handle, 0u, 50u, list.c_str()));
     std::this_thread::sleep_for(milliseconds(300));
     const long walkDelay = SlowestQuickCall(h, "walks hung in readdir");
@@ -157,7 +148,7 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     // Another stick is pulled while the check is stuck, then the hung one.
     h.Unplug("sdb1");
     const long unplugDelay = SlowestQuickCall(h, "another stick pulled", milliseconds(800));
-    ASSERT_TRUE(h.WaitForLog("USB UNMOUNTED : " + h.UsbRoot() + "/sdb1"));
+    ASSERT_TRUE(moxtest::WaitForStorage(h, h.UsbRoot() + "/sdb1", false));
     auto other = h.Connect();
     const auto startedAt = Clock::now();
     r = h.Call("start_scanner", g_variant_new("(ss)", "check_device", (h.UsbRoot() + "/sdc1").c_str()), other.get(),
@@ -170,7 +161,7 @@ TEST(StorageFaults, QuickCallsAnswerWhileAStickHangsAndSticksArePulled) {
     // The USB thread is free again: the next plug is seen. The thumbnail
     // scan stuck on the pulled stick holds nobody else's thumbnails.
     h.Plug("sdb1");
-    EXPECT_TRUE(h.WaitForLog("USB MOUNTED : " + h.UsbRoot() + "/sdb1"));
+    EXPECT_TRUE(moxtest::WaitForStorage(h, h.UsbRoot() + "/sdb1"));
     std::filesystem::create_directories(h.UsbRoot() + "/sdc1/pics");
     WriteTextFile(h.UsbRoot() + "/sdc1/pics/a.jpg", "x");
     SignalCollector otherSignals(other.get());
@@ -200,33 +191,24 @@ TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
     h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
     h.InstallPlugin(MOX_RA_SOURCE_SO);
     h.Plug("sdb1");
-    const std::set<std::string> before = ShmObjects();
+    const std::vector<std::string> before = moxtest::ShmObjects();
     ASSERT_TRUE(h.Start());
-    auto c = h.Connect();
-    CallResult r = h.Call("connect", g_variant_new("(s)", "libmox_local_source.so"), c.get());
-    ASSERT_TRUE(r.ok()) << r.error;
-    guint32 handle = 0;
-    g_variant_get(r.reply.get(), "(u)", &handle);
+    moxtest::BusClient client(h);
+    GDBusConnection* c = client.conn();
+    const guint32 handle = client.Connect("libmox_local_source.so");
     // A finished list the client still holds, then the hung work.
-    SignalCollector signals(c.get());
-    const std::string okList = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
-                               R"("mox_folder_path":")" +
-                               s.mount + R"(/ok"})";
-    CallAndForget(c.get(), "get_partial_list", g_variant_new("(uuus)", handle, 0u, 50u, okList.c_str()));
-    ASSERT_TRUE(signals.WaitFor("mox_request_normal_complete", 1));
+    EXPECT_EQ(client.ListNext(handle, moxtest::LocalListDoc(s.mount + "/ok"))["mox_event_type"].asInt(), 0);
     s.fs->SetRules("hang readdir /deep\nhang readdir /lst\nhang read /big.bin\nhang getattr /chk\n");
-    CallAndForget(c.get(), "start_scanner", g_variant_new("(ss)", "check_device", (s.mount + "/deep").c_str()));
-    CallAndForget(c.get(), "start_scanner", g_variant_new("(ss)", "check_device", (s.mount + "/chk").c_str()));
-    CallAndForget(c.get(), "start_scanner_thumb",
+    CallAndForget(c, "start_scanner", g_variant_new("(ss)", "check_device", (s.mount + "/deep").c_str()));
+    CallAndForget(c, "start_scanner", g_variant_new("(ss)", "check_device", (s.mount + "/chk").c_str()));
+    CallAndForget(c, "start_scanner_thumb",
                   g_variant_new("(ssuu)", (s.mount + "/deep2").c_str(), "CONTENT-IMAGE", 4u, 2u));
-    const std::string list = R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],)"
-                             R"("mox_folder_path":")" +
-                             s.mount + R"(/lst/in"})";
-    CallAndForget(c.get(), "get_partial_list", g_variant_new("(uuus)", handle, 0u, 50u, list.c_str()));
+    const std::string list = moxtest::LocalListDoc(s.mount + "/lst/in");
+    CallAndForget(c, "get_partial_list", g_variant_new("(uuus)", handle, 0u, 50u, list.c_str()));
     const std::string copy = R"({"mox_command":"mox_file_transfer","mox_source":"mox_ra_source",)"
                              R"("mox_act_request_times":"t1","mox_transfer_id":"c1","mox_transfer_src":")" +
                              s.mount + R"(/big.bin","mox_transfer_dst":")" + h.UsbRoot() + R"(/sdb1/big.bin"})";
-    CallAndForget(c.get(), "request_act", g_variant_new("(uss)", handle, "", copy.c_str()));
+    CallAndForget(c, "request_act", g_variant_new("(uss)", handle, "", copy.c_str()));
     ASSERT_TRUE(h.WaitForLog("Begin: pSource->Execute[Send]"));
     moxtest::PumpMainContext(milliseconds(500));
 
@@ -260,7 +242,7 @@ TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
     // Ending with _exit, a sanitizer's report would not change the status.
     EXPECT_EQ(h.Output().find("Sanitizer"), std::string::npos) << h.Output();
     std::set<std::string> left;
-    for (const std::string& name : ShmObjects())
-        if (!before.count(name)) left.insert(name);
+    for (const std::string& name : moxtest::ShmObjects())
+        if (!std::binary_search(before.begin(), before.end(), name)) left.insert(name);
     EXPECT_TRUE(left.empty()) << left.size() << " objects left, e.g. " << *left.begin();
 }

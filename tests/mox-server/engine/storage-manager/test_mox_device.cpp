@@ -1,7 +1,5 @@
-// Device records: platform-code mappings, C-string setters, sizes from statfs.
+// Device records: platform-code mappings, C-string setters, a missing mount.
 #include <gtest/gtest.h>
-
-#include <sys/statfs.h>
 
 #include "mox_device.h"
 #include "temp_dir.h"
@@ -40,23 +38,14 @@ TEST(MOXDevice, UnknownPlatformCodesAndNullStringsAreSafe) {
     EXPECT_EQ("", device.GetSerial());
 }
 
-TEST(MOXDevice, SizesComeFromStatfsInKiBAndAMissingMountHasNone) {
+// Sizes of a mounted stick against statfs: StorageManager.QueriesList...;
+// here a mount that is not there.
+TEST(MOXDevice, AMissingMountHasNoSizes) {
     moxtest::TempDir dir;
     CMOXUSBDevice device;
     EXPECT_EQ(0, device.GetDeviceTotalSize());  // "n/a"
-    device.SetMountPath(dir.path().c_str());
-    struct statfs st;
-    ASSERT_EQ(0, statfs(dir.path().c_str(), &st));
-    long long total = static_cast<long long>(st.f_bsize) * static_cast<long long>(st.f_blocks) / 1024;
-    long long freeBlocks = static_cast<long long>(st.f_bsize) * static_cast<long long>(st.f_bfree) / 1024;
-    EXPECT_EQ(total, device.GetDeviceTotalSize());
-    // Free space moves with other processes' writes; reserved blocks count.
-    long long sizes[2] = {-1, -1};
-    device.GetDeviceSizes(sizes[0], sizes[1]);
-    EXPECT_EQ(total, sizes[0]);
-    EXPECT_GT(sizes[1], 0);
-    EXPECT_NEAR(static_cast<double>(freeBlocks), static_cast<double>(sizes[1]), 64.0 * 1024);
     device.SetMountPath((dir.path() + "/gone").c_str());
+    long long sizes[2] = {-1, -1};
     device.GetDeviceSizes(sizes[0], sizes[1]);
     EXPECT_EQ(0, sizes[0]);
     EXPECT_EQ(0, sizes[1]);
