@@ -1,10 +1,14 @@
-// Real directory trees for the scanner tests, and a walk that drains a
-// directory scanner to its end.
+// Real directory trees for the scanner tests, a walk that drains a directory
+// scanner to its end, and what the extraction tests look at: tools, open
+// descriptors and helper processes.
 #pragma once
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
@@ -19,6 +23,28 @@ inline void Touch(const std::string& path) {
 }
 inline void MakeDir(const std::string& path) {
     mkdir(path.c_str(), 0755);
+}
+
+#define REQUIRE_TOOLS(...)                                      \
+    for (const char* tool : {__VA_ARGS__})                      \
+        if (!moxtest::Shell(std::string("command -v ") + tool)) \
+            GTEST_SKIP() << tool << " missing (scripts/install-deps.sh)";
+
+// mox-extract processes whose parent is this process.
+inline std::vector<pid_t> HelperPids() {
+    std::vector<pid_t> pids;
+    DIR* proc = opendir("/proc");
+    while (struct dirent* e = proc ? readdir(proc) : nullptr) {
+        const pid_t pid = atoi(e->d_name);
+        const std::string stat = pid > 0 ? moxtest::ReadTextFile("/proc/" + std::string(e->d_name) + "/stat") : "";
+        const size_t close = stat.rfind(')');
+        int ppid = 0;
+        if (stat.find("(mox-extract)") != std::string::npos && close != std::string::npos &&
+            sscanf(stat.c_str() + close + 2, "%*c %d", &ppid) == 1 && ppid == getpid())
+            pids.push_back(pid);
+    }
+    if (proc) closedir(proc);
+    return pids;
 }
 
 // Number of descriptors this process has open.
