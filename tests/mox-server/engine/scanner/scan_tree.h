@@ -92,4 +92,44 @@ inline WalkResult Walk(const SMOXScannerOption& option) {
     return result;
 }
 
+#ifdef MOX_EXTRACT_HELPER_BINARY
+// The real mox-extract helper (its test faults on) under a private USB root
+// holding media made once per suite: east.jpg (model "Cam", taken at
+// 2021-06-01 12:00 at +02:00), west.jpg (-05:30), utc.jpg (no zone),
+// tune.mp3 and film.mp4 (320x240, 2 s).
+class HelperSuite : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        setenv("MOX_EXTRACT_HELPER", MOX_EXTRACT_HELPER_BINARY, 1);
+        setenv("MOX_EXTRACT_TEST_FAULTS", "1", 1);
+        s_dir = new moxtest::TempDir();
+        // The helper (as nobody) never opens these itself; it gets descriptors.
+        chmod(s_dir->path().c_str(), 0700);
+        setenv("MOX_USB_ROOT", s_dir->path().c_str(), 1);
+        const std::string exif = "exiftool -q -overwrite_original '-DateTimeOriginal=2021:06:01 12:00:00' ";
+        const std::string ffmpeg = "ffmpeg -v error -y -f lavfi -i ";
+        s_bMedia =
+            moxtest::Shell("convert -size 32x24 xc:blue -strip " + Media("east.jpg")) &&
+            moxtest::Shell("cp " + Media("east.jpg") + " " + Media("west.jpg") + " && cp " + Media("east.jpg") + " " +
+                           Media("utc.jpg")) &&
+            moxtest::Shell(exif + "-Model=Cam -OffsetTimeOriginal=+02:00 -OffsetTime=+09:00 " + Media("east.jpg")) &&
+            moxtest::Shell(exif + "-OffsetTime=-05:30 " + Media("west.jpg")) &&
+            moxtest::Shell(exif + Media("utc.jpg")) &&
+            moxtest::Shell(ffmpeg + "sine=duration=1 -b:a 64k -metadata title=Tune " + Media("tune.mp3")) &&
+            moxtest::Shell(ffmpeg + "testsrc=size=320x240:rate=10 -t 2 -c:v mpeg4 " + Media("film.mp4"));
+    }
+    static void TearDownTestSuite() {
+        delete s_dir;
+        s_dir = nullptr;
+    }
+    void SetUp() override {
+        if (!s_bMedia) GTEST_SKIP() << "convert, exiftool or ffmpeg missing (scripts/install-deps.sh)";
+    }
+    static std::string Media(const std::string& name) { return s_dir->file(name); }
+
+    static inline moxtest::TempDir* s_dir = nullptr;
+    static inline bool s_bMedia = false;
+};
+#endif
+
 }  // namespace scantest

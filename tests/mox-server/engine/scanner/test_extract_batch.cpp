@@ -34,34 +34,8 @@ using EResult = SMOXExtractItem::EResult;
 using moxtest::Shell;
 using scantest::OpenFds;
 
-class ExtractBatch : public ::testing::Test {
+class ExtractBatch : public scantest::HelperSuite {
 protected:
-    static void SetUpTestSuite() {
-        setenv("MOX_EXTRACT_HELPER", MOX_EXTRACT_HELPER_BINARY, 1);
-        setenv("MOX_EXTRACT_TEST_FAULTS", "1", 1);
-        s_dir = new moxtest::TempDir();
-        chmod(s_dir->path().c_str(), 0700);
-        setenv("MOX_USB_ROOT", s_dir->path().c_str(), 1);
-        const std::string d = s_dir->path() + "/";
-        const std::string exif = "exiftool -q -overwrite_original '-DateTimeOriginal=2021:06:01 12:00:00' ";
-        s_bMedia =
-            Shell("mkdir -p " + d + "m") && Shell("convert -size 32x24 xc:blue -strip " + d + "m/east.jpg") &&
-            Shell("cp " + d + "m/east.jpg " + d + "m/west.jpg && cp " + d + "m/east.jpg " + d + "m/utc.jpg") &&
-            Shell(exif + "-OffsetTimeOriginal=+02:00 -OffsetTime=+09:00 " + d + "m/east.jpg") &&
-            Shell(exif + "-OffsetTime=-05:30 " + d + "m/west.jpg") && Shell(exif + d + "m/utc.jpg") &&
-            Shell("ffmpeg -v error -y -f lavfi -i sine=duration=1 -b:a 64k -metadata title=Tune " + d + "m/tune.mp3") &&
-            Shell("ffmpeg -v error -y -f lavfi -i testsrc=size=320x240:rate=10 -t 2 -c:v mpeg4 " + d + "m/film.mp4");
-    }
-    static void TearDownTestSuite() {
-        delete s_dir;
-        s_dir = nullptr;
-    }
-    void SetUp() override {
-        if (!s_bMedia) GTEST_SKIP() << "convert, exiftool or ffmpeg missing (scripts/install-deps.sh)";
-    }
-
-    static std::string Media(const std::string& name) { return s_dir->path() + "/m/" + name; }
-
     // Batch items for the files named, opened here; infos[i] and extras[i]
     // receive item i.
     struct SBatch {
@@ -92,13 +66,7 @@ protected:
             item.pExtra = &b.extras[i];
         }
     }
-
-    static moxtest::TempDir* s_dir;
-    static bool s_bMedia;
 };
-
-moxtest::TempDir* ExtractBatch::s_dir = nullptr;
-bool ExtractBatch::s_bMedia = false;
 
 }  // namespace
 

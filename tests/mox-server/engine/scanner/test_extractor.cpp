@@ -232,30 +232,8 @@ TEST(Extractor, TextsAreUtf8AndNamesStayDistinct) {
 
 namespace {
 
-class ExtractHelper : public ::testing::Test {
+class ExtractHelper : public scantest::HelperSuite {
 protected:
-    static void SetUpTestSuite() {
-        setenv("MOX_EXTRACT_HELPER", MOX_EXTRACT_HELPER_BINARY, 1);
-        setenv("MOX_EXTRACT_TEST_FAULTS", "1", 1);
-        s_dir = new moxtest::TempDir();
-        // The helper (as nobody) never opens these itself; it gets descriptors.
-        chmod(s_dir->path().c_str(), 0700);
-        setenv("MOX_USB_ROOT", s_dir->path().c_str(), 1);
-        const std::string photo = s_dir->file("photo.jpg");
-        s_bMedia =
-            Shell("convert -size 32x24 xc:blue -strip " + photo) &&
-            Shell("exiftool -q -overwrite_original -Model=Cam '-DateTimeOriginal=2020:01:02 03:04:05' " + photo) &&
-            Shell("ffmpeg -v error -y -f lavfi -i sine=duration=1 -b:a 64k -metadata title=Tune " +
-                  s_dir->file("tune.mp3"));
-    }
-    static void TearDownTestSuite() {
-        delete s_dir;
-        s_dir = nullptr;
-    }
-    void SetUp() override {
-        if (!s_bMedia) GTEST_SKIP() << "convert, exiftool or ffmpeg missing (scripts/install-deps.sh)";
-    }
-
     // The JSON text through the helper, or "" when Extract fails.
     static std::string Helper(const std::string& name, int type) {
         CMOXExtractor extractor(s_dir->path(), name, type);
@@ -267,22 +245,16 @@ protected:
         media_info_s info;
         return extractor.ExtractHere(info) ? extractor.ToString(info) : std::string();
     }
-
-    static moxtest::TempDir* s_dir;
-    static bool s_bMedia;
 };
-
-moxtest::TempDir* ExtractHelper::s_dir = nullptr;
-bool ExtractHelper::s_bMedia = false;
 
 }  // namespace
 
 TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
-    std::string good = Helper("photo.jpg", 2);
+    std::string good = Helper("east.jpg", 2);
     ASSERT_FALSE(good.empty());
 
     // Corrupt contents: the record still comes back, with defaults.
-    std::string jpeg = ReadTextFile(s_dir->file("photo.jpg"));
+    std::string jpeg = ReadTextFile(s_dir->file("east.jpg"));
     WriteTextFile(s_dir->file("truncated.jpg"), jpeg.substr(0, jpeg.size() / 3));
     std::string mp3 = ReadTextFile(s_dir->file("tune.mp3"));
     WriteTextFile(s_dir->file("truncated.mp3"), mp3.substr(0, 700));
@@ -303,7 +275,7 @@ TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
     WriteTextFile(s_dir->file("mox-extract-crash.jpg"), jpeg);
     EXPECT_EQ(Helper("mox-extract-crash.jpg", 2), "");
     EXPECT_TRUE(HelperPids().empty());
-    EXPECT_EQ(Helper("photo.jpg", 2), good);
+    EXPECT_EQ(Helper("east.jpg", 2), good);
 
     // Remembered: not handed to the helper again (no helper restart).
     std::vector<pid_t> before = HelperPids();
@@ -316,17 +288,17 @@ TEST_F(ExtractHelper, HostileFilesFailAloneAndAreNotRetried) {
 
     // No helper to be had: the basic record only, and no crash.
     setenv("MOX_EXTRACT_HELPER", (s_dir->path() + "/no-such-helper").c_str(), 1);
-    std::string basic = Helper("photo.jpg", 2);
+    std::string basic = Helper("east.jpg", 2);
     setenv("MOX_EXTRACT_HELPER", MOX_EXTRACT_HELPER_BINARY, 1);
     EXPECT_NE(basic.find("\"MODEL\":\"\""), std::string::npos) << basic;
-    EXPECT_NE(basic.find("\"DISPLAY_NAME\":\"photo.jpg\""), std::string::npos) << basic;
-    EXPECT_EQ(Helper("photo.jpg", 2), good);
+    EXPECT_NE(basic.find("\"DISPLAY_NAME\":\"east.jpg\""), std::string::npos) << basic;
+    EXPECT_EQ(Helper("east.jpg", 2), good);
 }
 
 // A link out of the root and a FIFO: basic record only, nothing blocks.
 TEST_F(ExtractHelper, OnlyRegularFilesBelowTheUsbRoot) {
     moxtest::TempDir outside;
-    Shell("cp " + s_dir->file("photo.jpg") + " " + outside.file("secret.jpg"));
+    Shell("cp " + s_dir->file("east.jpg") + " " + outside.file("secret.jpg"));
     std::string link = s_dir->file("link.jpg");
     ASSERT_EQ(symlink(outside.file("secret.jpg").c_str(), link.c_str()), 0);
     std::string viaLink = Helper("link.jpg", 2);
@@ -344,13 +316,13 @@ TEST_F(ExtractHelper, OnlyRegularFilesBelowTheUsbRoot) {
 
 // The helper's answers equal the in-process ones, under concurrent callers.
 TEST_F(ExtractHelper, ConcurrentCallersShareOneUnprivilegedHelper) {
-    const std::string photo = InProcess("photo.jpg", 2), tune = InProcess("tune.mp3", 5);
+    const std::string photo = InProcess("east.jpg", 2), tune = InProcess("tune.mp3", 5);
     std::vector<std::thread> threads;
     std::atomic<int> mismatches{0};
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&] {
             for (int i = 0; i < 10; ++i)
-                mismatches += (Helper("photo.jpg", 2) != photo) + (Helper("tune.mp3", 5) != tune);
+                mismatches += (Helper("east.jpg", 2) != photo) + (Helper("tune.mp3", 5) != tune);
         });
     for (auto& th : threads) th.join();
     EXPECT_EQ(mismatches.load(), 0);
