@@ -153,12 +153,14 @@ TEST(Library, SurvivesPullKillAndBrokenDatabases) {
     ASSERT_TRUE(lib.Start());
     lib.Plug("s2", "a");
     lib.Wait("a", "indexing");
+    const std::string db = lib.Db("s2");
+    // Pulled once the index exists (on a loaded machine "indexing" may come first).
+    for (int i = 0; i < 1000 && !fs::exists(db); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     lib.Unplug("s2");
     std::this_thread::sleep_for(std::chrono::seconds(1));
     const size_t after = lib.signals->Named("mox_library_notification").size();
     std::this_thread::sleep_for(std::chrono::seconds(1));
     EXPECT_EQ(lib.signals->Named("mox_library_notification").size(), after);  // its indexer has ended
-    const std::string db = lib.Db("s2");
     EXPECT_EQ(Query(db, "PRAGMA quick_check"), "ok");
 
     // Re-plugged, then killed while indexing: what was committed stays.
