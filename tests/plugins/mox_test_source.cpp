@@ -40,12 +40,6 @@ int IntMember(const CJsonValue& doc, const char* szKey, int nDefault) {
     return nValue;
 }
 
-std::string StringMember(const CJsonValue& doc, const char* szKey) {
-    std::string strValue;
-    if (doc.IsString(szKey)) doc.Get(szKey, strValue);
-    return strValue;
-}
-
 bool Wait(const CJsonValue& doc, const bool& bStop, const std::string& strName) {
     // Bounded like the item count: the fuzzer's huge values would hold a
     // request for days (the suites wait a minute at most).
@@ -76,7 +70,7 @@ public:
         std::this_thread::sleep_for(std::chrono::milliseconds(std::min(IntMember(doc, "test_stuck_ms", 0), 60000)));
         int nError = IntMember(doc, "test_error", 0);
         if (nError != 0) return static_cast<mox_error_code_e>(nError);
-        std::string strMisbehave = StringMember(doc, "test_misbehave");
+        std::string strMisbehave = doc.StringOr("test_misbehave");
         if (strMisbehave == "throw") throw std::runtime_error("test source throws");
         // Bounded: a fuzzer's INT_MAX would keep this source writing for hours.
         int nCount = std::min(IntMember(doc, "test_item_count", 3), 100000);
@@ -112,7 +106,7 @@ public:
     mox_error_code_e GetDetail(bool& bStop, std::string& strCommand, std::string& strResult) override {
         CJsonValue doc(strCommand);
         if (!Wait(doc, bStop, m_strName)) return MOX_ERROR_GENERIC;
-        if (StringMember(doc, "test_misbehave") == "throw") throw std::runtime_error("test source throws");
+        if (doc.StringOr("test_misbehave") == "throw") throw std::runtime_error("test source throws");
         strResult = "{\"detail_of\":\"" + m_strName + "\"}";
         return static_cast<mox_error_code_e>(IntMember(doc, "test_error", 0));
     }
@@ -126,7 +120,7 @@ public:
 
 #ifndef MOX_TEST_ABI1
     mox_answer_validity_e GetAnswerValidity(const std::string& strQueryCmd, std::string& strStamp) override {
-        std::string strValidity = StringMember(CJsonValue(strQueryCmd), "test_validity");
+        std::string strValidity = CJsonValue(strQueryCmd).StringOr("test_validity");
         strStamp.clear();
         if (strValidity == "no_keep") return MOX_ANSWER_NO_KEEP;
         if (strValidity.compare(0, 6, "stamp:") == 0) {

@@ -1,11 +1,11 @@
-// A pass-through FUSE file system for tests that makes chosen operations hang
-// or fail with EIO, the way a dying USB stick does.
+// A read-only pass-through FUSE file system for tests that makes chosen
+// operations hang or fail with EIO, the way a dying USB stick does.
 //
 //   mox_faultfs BACKING_DIR MOUNT_POINT CONTROL_FILE
 //
 // CONTROL_FILE holds one rule per line: "ACTION OP SUBSTRING", where ACTION is
-// "hang" or "eio", OP one of getattr, readdir, opendir, open, read, write,
-// statfs or "*", and SUBSTRING is matched against the path inside the file system ("*"
+// "hang" or "eio", OP one of getattr, readdir, opendir, open, read, statfs
+// or "*", and SUBSTRING is matched against the path inside the file system ("*"
 // matches every path). The file is re-read whenever its modification time or
 // size changes; a hung operation returns (passing through) once no rule holds
 // it any more, so a test releases hangs by rewriting the file. Runs in the
@@ -87,7 +87,9 @@ int Fault(const char* op, const char* path) {
     }
 }
 
-std::string Real(const char* path) { return g_backing + path; }
+std::string Real(const char* path) {
+    return g_backing + path;
+}
 
 int FsGetattr(const char* path, struct stat* st, struct fuse_file_info*) {
     if (int rc = Fault("getattr", path)) return rc;
@@ -132,23 +134,9 @@ int FsOpen(const char* path, struct fuse_file_info* fi) {
     return 0;
 }
 
-int FsCreate(const char* path, mode_t mode, struct fuse_file_info* fi) {
-    if (int rc = Fault("open", path)) return rc;
-    int fd = open(Real(path).c_str(), fi->flags | O_CREAT, mode);
-    if (fd < 0) return -errno;
-    fi->fh = static_cast<uint64_t>(fd);
-    return 0;
-}
-
 int FsRead(const char* path, char* buf, size_t size, off_t offset, struct fuse_file_info* fi) {
     if (int rc = Fault("read", path)) return rc;
     ssize_t n = pread(static_cast<int>(fi->fh), buf, size, offset);
-    return n < 0 ? -errno : static_cast<int>(n);
-}
-
-int FsWrite(const char* path, const char* buf, size_t size, off_t offset, struct fuse_file_info* fi) {
-    if (int rc = Fault("write", path)) return rc;
-    ssize_t n = pwrite(static_cast<int>(fi->fh), buf, size, offset);
     return n < 0 ? -errno : static_cast<int>(n);
 }
 
@@ -157,25 +145,6 @@ int FsRelease(const char*, struct fuse_file_info* fi) {
     return 0;
 }
 
-int FsFsync(const char*, int, struct fuse_file_info* fi) {
-    return fsync(static_cast<int>(fi->fh)) == 0 ? 0 : -errno;
-}
-
-int FsMkdir(const char* path, mode_t mode) { return mkdir(Real(path).c_str(), mode) == 0 ? 0 : -errno; }
-int FsUnlink(const char* path) { return unlink(Real(path).c_str()) == 0 ? 0 : -errno; }
-int FsRmdir(const char* path) { return rmdir(Real(path).c_str()) == 0 ? 0 : -errno; }
-int FsRename(const char* from, const char* to, unsigned int) {
-    return rename(Real(from).c_str(), Real(to).c_str()) == 0 ? 0 : -errno;
-}
-int FsTruncate(const char* path, off_t size, struct fuse_file_info*) {
-    return truncate(Real(path).c_str(), size) == 0 ? 0 : -errno;
-}
-int FsChmod(const char* path, mode_t mode, struct fuse_file_info*) {
-    return chmod(Real(path).c_str(), mode) == 0 ? 0 : -errno;
-}
-int FsUtimens(const char* path, const struct timespec tv[2], struct fuse_file_info*) {
-    return utimensat(AT_FDCWD, Real(path).c_str(), tv, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : -errno;
-}
 int FsStatfs(const char* path, struct statvfs* st) {
     if (int rc = Fault("statfs", path)) return rc;
     return statvfs(Real(path).c_str(), st) == 0 ? 0 : -errno;
@@ -206,18 +175,8 @@ int main(int argc, char** argv) {
     ops.opendir = FsOpendir;
     ops.readdir = FsReaddir;
     ops.open = FsOpen;
-    ops.create = FsCreate;
     ops.read = FsRead;
-    ops.write = FsWrite;
     ops.release = FsRelease;
-    ops.fsync = FsFsync;
-    ops.mkdir = FsMkdir;
-    ops.unlink = FsUnlink;
-    ops.rmdir = FsRmdir;
-    ops.rename = FsRename;
-    ops.truncate = FsTruncate;
-    ops.chmod = FsChmod;
-    ops.utimens = FsUtimens;
     ops.statfs = FsStatfs;
     // -f foreground; allow_other so the daemon's checks as other users pass.
     std::vector<char*> args = {argv[0], argv[2], const_cast<char*>("-f"), const_cast<char*>("-o"),

@@ -40,4 +40,8 @@ std::string ReadTextFile(const std::string& path) {
     return ss.str();
 }
 
+bool Shell(const std::string& command) {
+    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
 }  // namespace moxtest

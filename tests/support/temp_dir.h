@@ -25,5 +25,7 @@ private:
 bool WriteTextFile(const std::string& path, const std::string& text);
 // Whole content of a file, or empty when it cannot be read.
 std::string ReadTextFile(const std::string& path);
+// Runs a shell command quietly; true when it exited with 0.
+bool Shell(const std::string& command);
 
 }  // namespace moxtest

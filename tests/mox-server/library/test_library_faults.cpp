@@ -4,13 +4,11 @@
 // for a list that stays busy, a FUSE stick (mox_faultfs) whose folder reads
 // hang on demand.
 #include <fcntl.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -19,81 +17,13 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "engine_fixture.h"
 #include "fault_mounts.h"
-
-namespace fs = std::filesystem;
-using moxtest::EngineHarness;
-using moxtest::SignalCollector;
-using Clock = std::chrono::steady_clock;
-
 #include "library_test_util.h"
 
+namespace fs = std::filesystem;
+using namespace moxtest;
+
 namespace {
-
-using moxtest::Query;
-using moxtest::Shell;
-
-int QueryInt(const std::string& db, const std::string& sql) {
-    return std::atoi(Query(db, sql).c_str());
-}
-
-struct Library {
-    explicit Library(EngineHarness& harness) : h(harness) {
-        h.SetEnv("MOX_LIBRARY_DIR", h.Path("library"));
-        h.SetEnv("MOX_EXTRACT_TEST_FAULTS", "1");
-        chmod(h.Path("").c_str(), 0755);
-    }
-    bool Start() {
-        if (!h.Start()) return false;
-        signals.reset();
-        conn = h.Connect();
-        signals = std::make_unique<SignalCollector>(conn.get());
-        seen = 0;
-        return h.Call("bind_usb_event", g_variant_new("(u)", 1u), conn.get()).ok();
-    }
-    void Plug(const std::string& name) {
-        const std::string tmp = h.SpoolDir() + "/." + name;
-        std::ofstream(tmp) << R"({"devname":"/dev/)" << name << R"(","class":8,"mount_path":")" << Mount(name)
-                           << R"(","fs_type":2,"fs_uuid":"F-)" << name << R"("})";
-        ASSERT_EQ(rename(tmp.c_str(), (h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-    }
-    void Unplug(const std::string& name) {
-        ASSERT_EQ(remove((h.SpoolDir() + "/" + name + ".json").c_str()), 0);
-        ASSERT_TRUE(h.WaitForLog("USB UNMOUNTED : " + Mount(name)));
-    }
-    std::string Mount(const std::string& name) const { return h.UsbRoot() + "/" + name; }
-    std::string Db(const std::string& name) const { return h.Path("library") + "/uuid-f-" + name + ".db"; }
-    // The next notification of `name` in `state`.
-    Json::Value Wait(const std::string& name, const std::string& state, int seconds = 180) {
-        for (auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
-            auto all = signals->Named("mox_library_notification");
-            while (seen < all.size()) {
-                Json::Value v = moxtest::Parse(all[seen++]->text());
-                if (v["mount_path"].asString() == Mount(name) && v["state"].asString() == state) return v;
-            }
-            signals->WaitFor("mox_library_notification", all.size() + 1, std::chrono::milliseconds(200));
-        }
-        ADD_FAILURE() << "no \"" << state << "\" for " << name;
-        return Json::Value();
-    }
-    // The volumes of a status document.
-    Json::Value Status() {
-        const size_t before = signals->Named("mox_request_normal_complete").size();
-        EXPECT_TRUE(
-            h.Call("request_act", g_variant_new("(uss)", 0u, "", R"({"mox_command":"mox_library_status"})"), conn.get())
-                .ok());
-        EXPECT_TRUE(signals->WaitFor("mox_request_normal_complete", before + 1));
-        auto all = signals->Named("mox_request_normal_complete");
-        if (all.size() <= before) return Json::Value();
-        return moxtest::Parse(moxtest::Parse(all[before]->text())["act_command_and_return_data"].asString())["volumes"];
-    }
-
-    EngineHarness& h;
-    moxtest::ConnectionPtr conn;
-    std::unique_ptr<SignalCollector> signals;
-    size_t seen = 0;
-};
 
 bool MakePhotos(const std::string& dir, int count) {
     fs::create_directories(dir);
@@ -116,30 +46,24 @@ void MakeQuickFiles(const std::string& dir, int count, size_t nameLength = 8) {
 // done meanwhile); once the list is answered indexing resumes and finishes.
 TEST(LibraryFaults, PausesWhileAListIsServedThenResumes) {
     EngineHarness h;
-    Library lib(h);
+    LibraryClient lib(h);
     const std::string backing = h.Path("backing");
     fs::create_directories(backing + "/lst/in");
     std::ofstream(backing + "/lst/in/a.jpg") << "x";
     const std::string hung = h.UsbRoot() + "/fuse";
     fs::create_directories(hung);
-    moxtest::FaultFs fuse(backing, hung);
+    FaultFs fuse(backing, hung);
     if (!fuse.Mounted()) GTEST_SKIP() << "FUSE not available: " << fuse.Why();
     if (!MakePhotos(lib.Mount("s1"), 60)) GTEST_SKIP() << "convert missing";
-    ASSERT_TRUE(lib.Start());
-    fs::create_directories(h.PluginDir());
-    fs::create_symlink(MOX_LOCAL_SOURCE_SO, h.PluginDir() + "/libmox_local_source.so");
-    auto lister = h.Connect();
-    auto r = h.Call("connect", g_variant_new("(s)", "libmox_local_source.so"), lister.get());
-    ASSERT_TRUE(r.ok()) << r.error;
-    guint32 handle = 0;
-    g_variant_get(r.reply.get(), "(u)", &handle);
+    h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
+    ASSERT_TRUE(lib.Start("libmox_local_source.so"));
     fuse.SetRules("hang readdir /lst\n");
     const std::string list =
         R"({"mox_command":"mox_requestlist","mox_source":["mox_local_source"],"mox_folder_path":")" + hung +
         R"(/lst/in"})";
-    g_dbus_connection_call(lister.get(), moxtest::kEngineName, moxtest::kEnginePath, moxtest::kEngineInterface,
-                           "get_partial_list", g_variant_new("(uuus)", handle, 0u, 50u, list.c_str()), nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, 60000, nullptr, nullptr, nullptr);
+    g_dbus_connection_call(lib.conn.get(), kEngineName, kEnginePath, kEngineInterface, "get_partial_list",
+                           g_variant_new("(uuus)", lib.handle, 0u, 50u, list.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE,
+                           60000, nullptr, nullptr, nullptr);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
 
     lib.Plug("s1");
@@ -147,7 +71,7 @@ TEST(LibraryFaults, PausesWhileAListIsServedThenResumes) {
     const Json::Value later = lib.Wait("s1", "paused");
     EXPECT_EQ(later["done"], first["done"]);
     EXPECT_LT(first["done"].asInt(), 60);
-    Json::Value status = lib.Status();
+    Json::Value status = lib.Volumes();
     ASSERT_EQ(status.size(), 1u);
     EXPECT_EQ(status[0]["state"].asString(), "paused");
 
@@ -158,39 +82,13 @@ TEST(LibraryFaults, PausesWhileAListIsServedThenResumes) {
     EXPECT_EQ(h.Stop(), 0);
 }
 
-// A file that stalls the helper and one that crashes it are recorded as
-// failed while the others are indexed; a re-plug does not try them again
-// (a retry would commit: the generation stays).
-TEST(LibraryFaults, StalledAndCrashingFilesFailAloneAndAreNotRetried) {
-    EngineHarness h;
-    Library lib(h);
-    const std::string stick = lib.Mount("s2");
-    if (!MakePhotos(stick, 4)) GTEST_SKIP() << "convert missing";
-    fs::copy_file(stick + "/p0.jpg", stick + "/mox-extract-hang1.jpg");
-    fs::copy_file(stick + "/p0.jpg", stick + "/mox-extract-crash1.jpg");
-    ASSERT_TRUE(lib.Start());
-    lib.Plug("s2");
-    const Json::Value ready = lib.Wait("s2", "ready");
-    EXPECT_EQ(ready["counts"]["photo"].asInt(), 6);
-    const std::string db = lib.Db("s2");
-    EXPECT_EQ(Query(db, "SELECT group_concat(state) FROM items WHERE file_name LIKE 'mox-extract-%'"), "2,2");
-    EXPECT_EQ(QueryInt(db, "SELECT count(*) FROM items WHERE file_name LIKE 'p%' AND state = 1"), 4);
-
-    lib.Unplug("s2");
-    lib.Plug("s2");
-    const Json::Value again = lib.Wait("s2", "ready");
-    EXPECT_EQ(again["generation"], ready["generation"]);
-    EXPECT_EQ(Query(db, "SELECT group_concat(state) FROM items WHERE file_name LIKE 'mox-extract-%'"), "2,2");
-    EXPECT_EQ(h.Stop(), 0);
-}
-
 // Depth 1,000, link loops, links out of the mount, FIFOs and names that are
 // not UTF-8: the walk's rules hold (its path bound ends the deep chain, links
 // are not followed), nothing outside is indexed, and every name stored and
 // sent is UTF-8.
 TEST(LibraryFaults, HostileTreesStayInsideTheMount) {
     EngineHarness h;
-    Library lib(h);
+    LibraryClient lib(h);
     const std::string stick = lib.Mount("s3");
     const std::string outside = h.Path("outside");
     MakeQuickFiles(outside, 5);
@@ -241,7 +139,7 @@ TEST(LibraryFaults, HostileTreesStayInsideTheMount) {
 // "unmounted" until then.
 TEST(LibraryFaults, RowAndByteBoundsHold) {
     EngineHarness h;
-    Library lib(h);
+    LibraryClient lib(h);
     MakeQuickFiles(lib.Mount("s4"), 40);
     h.SetEnv("MOX_LIBRARY_MAX_ROWS", "20");
     ASSERT_TRUE(lib.Start());
@@ -251,7 +149,7 @@ TEST(LibraryFaults, RowAndByteBoundsHold) {
     EXPECT_EQ(ready["counts"]["other"].asInt(), 20);
     EXPECT_EQ(h.CountLog("rows, the bound"), 1u);
     lib.Unplug("s4");
-    Json::Value status = lib.Status();
+    Json::Value status = lib.Volumes();
     ASSERT_EQ(status.size(), 1u);
     EXPECT_EQ(status[0]["state"].asString(), "unmounted");
     EXPECT_EQ(status[0]["mount_path"].asString(), lib.Mount("s4"));
@@ -285,10 +183,10 @@ TEST(LibraryFaults, RowAndByteBoundsHold) {
 TEST(LibraryFaults, AFullDiskStopsIndexingAndKeepsWhatWasCommitted) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root for a loop mount";
     EngineHarness h;
-    Library lib(h);
+    LibraryClient lib(h);
     const std::string disk = h.Path("disk");
     fs::create_directories(disk);
-    moxtest::LoopFs loop(h.Path("disk.img"), disk, 16);
+    LoopFs loop(h.Path("disk.img"), disk, 16);
     if (!loop.Mounted()) GTEST_SKIP() << loop.Why();
     h.SetEnv("MOX_LIBRARY_DIR", disk + "/lib");
     const std::string db = disk + "/lib/uuid-f-s6.db";
@@ -315,14 +213,7 @@ TEST(LibraryFaults, AFullDiskStopsIndexingAndKeepsWhatWasCommitted) {
     EXPECT_TRUE(h.Call("get_usb_storages", g_variant_new("(u)", 1u)).ok());
 
     fs::remove(disk + "/filler");
-    EXPECT_TRUE(
-        h.Call(
-             "request_act",
-             g_variant_new(
-                 "(uss)", 0u, "",
-                 (R"({"mox_command":"mox_library_rescan","mox_library_mount":")" + lib.Mount("s6") + R"("})").c_str()),
-             lib.conn.get())
-            .ok());
+    lib.Act(R"({"mox_command":"mox_library_rescan","mox_library_mount":")" + lib.Mount("s6") + R"("})");
     const Json::Value ready = lib.Wait("s6", "ready");
     EXPECT_EQ(ready["counts"]["other"].asInt(), 3300);
     EXPECT_EQ(h.Stop(), 0);

@@ -2,9 +2,6 @@
 // started it (a finished scan must not kill a parse another scan waits for),
 // and a file whose read stalls on a hung storage fails this time only: it is
 // not blacklisted like a file that stalls the parser by itself.
-#include <dirent.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -17,25 +14,11 @@
 #include "fault_mounts.h"
 #include "mox_extract_client.h"
 #include "mox_extractor.h"
-#include "temp_dir.h"
+#include "scan_tree.h"
+
+using scantest::HelperPids;
 
 namespace {
-
-// mox-extract processes whose parent is this process.
-std::vector<pid_t> HelperChildren() {
-    std::vector<pid_t> pids;
-    for (const auto& e : std::filesystem::directory_iterator("/proc")) {
-        const pid_t pid = atoi(e.path().filename().c_str());
-        if (pid <= 0) continue;
-        std::string stat = moxtest::ReadTextFile(e.path().string() + "/stat");
-        const size_t close = stat.rfind(')');
-        int ppid = 0;
-        if (stat.find("(mox-extract)") != std::string::npos && close != std::string::npos &&
-            sscanf(stat.c_str() + close + 2, "%*c %d", &ppid) == 1 && ppid == getpid())
-            pids.push_back(pid);
-    }
-    return pids;
-}
 
 bool Extract(const std::string& dir, const std::string& name, int type) {
     CMOXExtractor extractor(dir, name, type);
@@ -56,12 +39,12 @@ TEST(ScanFaults, HelperOutlivesItsThreadAndStorageStallsAreNotTheFilesFault) {
     bool bFirst = false;
     std::thread([&] { bFirst = Extract(dir.path(), "a.jpg", 2); }).join();
     EXPECT_TRUE(bFirst);
-    const std::vector<pid_t> helper = HelperChildren();
+    const std::vector<pid_t> helper = HelperPids();
     ASSERT_EQ(helper.size(), 1u);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(HelperChildren(), helper) << "the helper died with the thread that started it";
+    EXPECT_EQ(HelperPids(), helper) << "the helper died with the thread that started it";
     EXPECT_TRUE(Extract(dir.path(), "b.jpg", 2));
-    EXPECT_EQ(HelperChildren(), helper);
+    EXPECT_EQ(HelperPids(), helper);
 
     std::filesystem::create_directories(dir.file("backing"));
     std::filesystem::create_directories(dir.file("stick"));

@@ -66,6 +66,21 @@ SMOXScannerOption ScanOption(const std::string& root, int mode, Recorder* rec) {
     return option;
 }
 
+// A folder thumbnail request of `owner` for the photos of `folder`.
+SMOXScannerOption ThumbRequest(Recorder* rec, const std::string& folder, const std::string& base, int tag,
+                               const std::string& owner = "") {
+    SMOXScannerOption option = ScanOption(folder, 2, rec);
+    option.strBasePath = base;
+    option.strFourthPath = "CONTENT-IMAGE";
+    option.nMediaGroup = MOX_MEDIA_TYPE_PHOTO;
+    option.bFilterByExtension = true;
+    option.nRecursive = 0;
+    option.nFileLimit = 4;
+    option.nRequestTag = tag;
+    option.strOwner = owner;
+    return option;
+}
+
 // An end callback that holds the scanner's thread until released.
 struct Hold {
     std::mutex m;
@@ -258,28 +273,17 @@ TEST(ThumbnailScanner, RemovalAndQueueBound) {
     CMOXThumbnailScanner thumb;
     ASSERT_TRUE(thumb.Create());
     Recorder rec;
-    auto request = [&](const std::string& folder, int tag, const std::string& base) {
-        SMOXScannerOption option = ScanOption(folder, 2, &rec);
-        option.strBasePath = base;
-        option.strFourthPath = "CONTENT-IMAGE";
-        option.nMediaGroup = MOX_MEDIA_TYPE_PHOTO;
-        option.bFilterByExtension = true;
-        option.nRecursive = 0;
-        option.nFileLimit = 4;
-        option.nRequestTag = tag;
-        return option;
-    };
     const std::string other = stick.path() + "/other";
 
     // Queued requests of a device go with it, a matching stop drops both
     // copies of a request, the rest run.
     Hold first;
-    ASSERT_EQ(thumb.AddScanner(first.Request(request(mount + "/dirs", 1, other))), 0);
+    ASSERT_EQ(thumb.AddScanner(first.Request(ThumbRequest(&rec, mount + "/dirs", other, 1))), 0);
     ASSERT_TRUE(first.WaitEntered());
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(thumb.AddScanner(request(mount + "/files", i, mount)), 0);
-    ASSERT_EQ(thumb.AddScanner(request(mount + "/dirs", 7, other)), 0);
-    ASSERT_EQ(thumb.AddScanner(request(mount + "/dirs", 7, other)), 0);
-    ASSERT_EQ(thumb.AddScanner(request(mount + "/empty", 1, other)), 0);
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(thumb.AddScanner(ThumbRequest(&rec, mount + "/files", mount, i)), 0);
+    ASSERT_EQ(thumb.AddScanner(ThumbRequest(&rec, mount + "/dirs", other, 7)), 0);
+    ASSERT_EQ(thumb.AddScanner(ThumbRequest(&rec, mount + "/dirs", other, 7)), 0);
+    ASSERT_EQ(thumb.AddScanner(ThumbRequest(&rec, mount + "/empty", other, 1)), 0);
     EXPECT_EQ(thumb.RemoveScanner((mount + "/dirs").c_str(), "CONTENT-IMAGE", 4, 7, nullptr), 0u);
     thumb.RemoveScannerByDevice(mount.c_str());
     EXPECT_EQ(rec.frees.load(), 102);
@@ -293,18 +297,18 @@ TEST(ThumbnailScanner, RemovalAndQueueBound) {
     // read may take as long as a hung storage does): this returns while the
     // request is held.
     Hold running;
-    ASSERT_EQ(thumb.AddScanner(running.Request(request(mount + "/files", 1, mount))), 0);
+    ASSERT_EQ(thumb.AddScanner(running.Request(ThumbRequest(&rec, mount + "/files", mount, 1))), 0);
     ASSERT_TRUE(running.WaitEntered());
     thumb.RemoveScannerByDevice(mount.c_str());
     running.Release();
 
     // Exactly the requests beyond the bound are refused, their data freed.
     Hold hold;
-    ASSERT_EQ(thumb.AddScanner(hold.Request(request(mount + "/empty", 1, mount))), 0);
+    ASSERT_EQ(thumb.AddScanner(hold.Request(ThumbRequest(&rec, mount + "/empty", mount, 1))), 0);
     ASSERT_TRUE(hold.WaitEntered());
     int refused = 0;
     for (size_t i = 0; i < CMOXThumbnailScanner::kMaxQueuedRequests + 10; ++i)
-        if (thumb.AddScanner(request(mount + "/empty", 1, mount)) != 0) ++refused;
+        if (thumb.AddScanner(ThumbRequest(&rec, mount + "/empty", mount, 1)) != 0) ++refused;
     EXPECT_EQ(refused, 10);
     EXPECT_EQ(rec.frees.load(), 113);
     hold.Release();
@@ -343,34 +347,24 @@ TEST(ScanManager, OwnersSharesAndLeaving) {
     CMOXThumbnailScanner thumb;
     ASSERT_TRUE(thumb.Create());
     Recorder rec;
-    auto request = [&](const std::string& requester, int tag) {
-        SMOXScannerOption option = ScanOption(stick.path() + "/empty", 2, &rec);
-        option.strBasePath = stick.path();
-        option.strFourthPath = "CONTENT-IMAGE";
-        option.nRecursive = 0;
-        option.nFileLimit = 4;
-        option.nRequestTag = tag;
-        option.strOwner = requester;
-        return option;
-    };
+    const std::string empty = stick.path() + "/empty";
     Hold hold;
-    ASSERT_EQ(thumb.AddScanner(hold.Request(request("", 0))), 0);
+    ASSERT_EQ(thumb.AddScanner(hold.Request(ThumbRequest(&rec, empty, stick.path(), 0, ""))), 0);
     ASSERT_TRUE(hold.WaitEntered());
     int refused = 0;
     for (size_t i = 0; i < CMOXThumbnailScanner::kMaxRequestsPerClient + 5; ++i)
-        if (thumb.AddScanner(request(":1.5", 1)) != 0) ++refused;
+        if (thumb.AddScanner(ThumbRequest(&rec, empty, stick.path(), 1, ":1.5")) != 0) ++refused;
     EXPECT_EQ(refused, 5);
     EXPECT_EQ(rec.frees.load(), 5);
-    ASSERT_EQ(thumb.AddScanner(request(":1.6", 1)), 0);
+    ASSERT_EQ(thumb.AddScanner(ThumbRequest(&rec, empty, stick.path(), 1, ":1.6")), 0);
     // Another owner's matching requests are left alone and counted.
-    const std::string folder = stick.path() + "/empty";
     const std::string other = ":1.7";
-    EXPECT_EQ(thumb.RemoveScanner(folder.c_str(), "CONTENT-IMAGE", 4, 1, &other),
+    EXPECT_EQ(thumb.RemoveScanner(empty.c_str(), "CONTENT-IMAGE", 4, 1, &other),
               CMOXThumbnailScanner::kMaxRequestsPerClient + 1);
     EXPECT_EQ(rec.frees.load(), 5);
     EXPECT_EQ(thumb.RemoveScannersOfOwner(":1.5"), CMOXThumbnailScanner::kMaxRequestsPerClient);
     EXPECT_EQ(rec.frees.load(), 5 + static_cast<int>(CMOXThumbnailScanner::kMaxRequestsPerClient));
-    EXPECT_EQ(thumb.AddScanner(request(":1.5", 2)), 0);
+    EXPECT_EQ(thumb.AddScanner(ThumbRequest(&rec, empty, stick.path(), 2, ":1.5")), 0);
 
     // An owner leaving while its requests are added and run.
     hold.Release();
@@ -378,7 +372,7 @@ TEST(ScanManager, OwnersSharesAndLeaving) {
     std::atomic<int> added{0};
     std::thread adder([&] {
         while (!stop) {
-            thumb.AddScanner(request(":1.8", 3));
+            thumb.AddScanner(ThumbRequest(&rec, empty, stick.path(), 3, ":1.8"));
             ++added;
         }
     });

@@ -34,12 +34,6 @@ TEST(MediaExtension, LookupsAndTables) {
     EXPECT_EQ(user.Size(), 3u);
     EXPECT_EQ(user.FindExtensionValue("SRF"), 301);
     EXPECT_EQ(user.FindExtensionValue("mp3"), 0);
-
-    std::vector<EMOXMediaExtension> ids;
-    table.GetMediaExtensionList(MOX_MEDIA_TYPE_PHOTO, ids);
-    EXPECT_EQ(ids, (std::vector<EMOXMediaExtension>{51, 52, 53, 54, 55}));
-    EXPECT_EQ(CMOXMediaExtension::GetMediaTypeFromExtension(210), MOX_MEDIA_TYPE_SCSA);
-    EXPECT_EQ(CMOXMediaExtension::GetMediaTypeFromExtension(211), MOX_MEDIA_TYPE_NONE);
 }
 
 // Breadth first, the skip list in any case, hidden folders kept, the group
@@ -113,14 +107,12 @@ TEST(DirectoryWalk, PathLimitAndErrorMapping) {
     Touch(l2 + "/reached.mp3");
     Touch(l3 + "/beyond.mp3");
     Touch(base + "/sibling.mp3");
-    moxtest::LogMark mark;
     WalkResult result = Walk(WalkOption(base));
     EXPECT_EQ(result.nEnd, -7);
     std::set<std::string> names = result.Names();
     EXPECT_TRUE(names.count("reached.mp3") && names.count("sibling.mp3"));
     EXPECT_EQ(names.count("beyond.mp3"), 0u);  // its folder was listed, not entered
     EXPECT_EQ(names.count(std::string(780 - l2.size(), 'c')), 1u);
-    EXPECT_NE(mark.Text().find("Exceed the MAX PATH size..."), std::string::npos);
 
     // Five "gone" errors in a row are skipped; the sixth ends the walk.
     CMOXUsbScanner scanner;
