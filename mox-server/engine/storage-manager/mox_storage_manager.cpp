@@ -42,10 +42,6 @@ CMOXStorageMgr::~CMOXStorageMgr() {
 }
 
 bool CMOXStorageMgr::m_Create() {
-    if (!m_pMOXUsbManager) {
-        m_pMOXUsbManager = std::make_unique<CMOXUSBMgr>();
-        m_pMOXUsbManager->SetNotificationCb(cb_mscNotification, this);
-    }
     if (!m_InitUSBList()) {
         MOX_WARN("m_InitUSBList FAILED...");
         return false;
@@ -116,6 +112,15 @@ int CMOXStorageMgr::m_RefreshAndCopy(mox_storage_device_type type, std::vector<U
     mox::MutexLock lock(m_mutex);
     if (!m_InitFinishFlag) {
         MOX_WARN("m_InitFinishFlag is false, retry init");
+        if (!m_pMOXUsbManager->IsConnected()) {
+            // The service could not start (its spool directory missing,
+            // udev not ready): start it again, or a service that comes later
+            // is never seen. A manager that never connected installed no
+            // platform callback, so no event is in flight and making the new
+            // one under m_mutex cannot wait for one.
+            m_pMOXUsbManager = std::make_unique<CMOXUSBMgr>();
+            m_pMOXUsbManager->SetNotificationCb(cb_mscNotification, this);
+        }
         m_InitFinishFlag = m_Create();
         if (!m_InitFinishFlag) {
             MOX_WARN("m_InitFinishFlag is false...");

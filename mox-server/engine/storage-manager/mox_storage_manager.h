@@ -110,7 +110,7 @@ private:
     // invisible to ThreadSanitizer.
     mox::Mutex m_mutex;
     bool m_InitFinishFlag GUARDED_BY(m_mutex) = false;
-    std::unique_ptr<CMOXUSBMgr> m_pMOXUsbManager;  // set before the first lock
+    std::unique_ptr<CMOXUSBMgr> m_pMOXUsbManager GUARDED_BY(m_mutex);  // never null
     MOXStorageInternalCb m_storage_internal_cb GUARDED_BY(m_mutex) = nullptr;
     void* m_pInternalUserData GUARDED_BY(m_mutex) = nullptr;
     MOXStorageNotificationCb m_storage_notification_cb GUARDED_BY(m_mutex) = nullptr;
