@@ -115,19 +115,30 @@ int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) 
     return nResult;
 }
 
+void CMOXStorageMgr::m_RestartServiceIfDown() {
+    {
+        mox::MutexLock lock(m_mutex);
+        if (m_InitFinishFlag || !m_pMOXUsbManager || m_pMOXUsbManager->IsConnected()) return;
+    }
+    // The service could not start (its spool directory missing, udev not
+    // ready): start it again, or a service that comes later is never seen.
+    // Made outside m_mutex, like the first one: installing the platform
+    // callback comes before m_mutex in the order events take them.
+    auto pFresh = std::make_unique<CMOXUSBMgr>();
+    if (!pFresh->IsConnected()) return;  // still down, or another query started it
+    pFresh->SetNotificationCb(cb_mscNotification, this);
+    std::unique_ptr<CMOXUSBMgr> pOld;
+    mox::MutexLock lock(m_mutex);
+    if (!m_pMOXUsbManager) return;  // stopped meanwhile: pFresh stops the service again
+    pOld = std::move(m_pMOXUsbManager);
+    m_pMOXUsbManager = std::move(pFresh);
+}
+
 int CMOXStorageMgr::m_RefreshAndCopy(mox_storage_device_type type, std::vector<UsbDevicePtr>& listed) {
+    m_RestartServiceIfDown();
     mox::MutexLock lock(m_mutex);
     if (!m_InitFinishFlag) {
         MOX_WARN("m_InitFinishFlag is false, retry init");
-        if (m_pMOXUsbManager && !m_pMOXUsbManager->IsConnected()) {
-            // The service could not start (its spool directory missing,
-            // udev not ready): start it again, or a service that comes later
-            // is never seen. A manager that never connected installed no
-            // platform callback, so no event is in flight and making the new
-            // one under m_mutex cannot wait for one.
-            m_pMOXUsbManager = std::make_unique<CMOXUSBMgr>();
-            m_pMOXUsbManager->SetNotificationCb(cb_mscNotification, this);
-        }
         m_InitFinishFlag = m_Create();
         if (!m_InitFinishFlag) {
             MOX_WARN("m_InitFinishFlag is false...");

@@ -77,6 +77,7 @@ public:
 private:
     // The list of `type` enumerated afresh (GetStorages), copied out.
     int m_RefreshAndCopy(mox_storage_device_type type, std::vector<UsbDevicePtr>& listed) EXCLUDES(m_mutex);
+    void m_RestartServiceIfDown() EXCLUDES(m_mutex);
     // All m_ operations below require m_mutex held.
     bool m_Create() REQUIRES(m_mutex);
     bool m_InitUSBList() REQUIRES(m_mutex);
