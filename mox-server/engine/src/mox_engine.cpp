@@ -327,13 +327,11 @@ struct Daemon {
             pBus->Unown();
             pBus->Detach();
         }
-        if (pStorage) {
-            pStorage->SetNotificationCB(nullptr);
-            pStorage->SetInternalCB(nullptr, nullptr);
-        }
-        // No storage event reaches the library any more; its indexers stop
-        // while the storage manager (their list of bound clients), the
-        // engine and the bus are still there.
+        // No storage event runs any more, not even one already under way,
+        // so the library can go; its indexers stop while the storage manager
+        // (their list of bound clients), the engine and the bus are still
+        // there.
+        if (pStorage) pStorage->StopEvents();
         g_pLibrary = nullptr;
         bool bLibraryKept = false;
         if (pLibrary && !pLibrary->Stop(kLibraryStopWait)) {

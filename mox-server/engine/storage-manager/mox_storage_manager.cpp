@@ -32,20 +32,23 @@ CMOXStorageMgr::CMOXStorageMgr() {
 }
 
 CMOXStorageMgr::~CMOXStorageMgr() {
-    // Stops the USB service: no event runs or arrives after this.
-    m_pMOXUsbManager.reset();
+    StopEvents();
+    mox::MutexLock lock(m_mutex);
+    m_DestroyUSBList();
+    m_DestroyPTPList();
+}
+
+void CMOXStorageMgr::StopEvents() {
+    std::unique_ptr<CMOXUSBMgr> pUsb;
     {
         mox::MutexLock lock(m_mutex);
-        m_DestroyUSBList();
-        m_DestroyPTPList();
+        pUsb = std::move(m_pMOXUsbManager);
     }
+    // Outside m_mutex: stopping waits for an event in flight, which takes it.
+    pUsb.reset();
 }
 
 bool CMOXStorageMgr::m_Create() {
-    if (!m_pMOXUsbManager) {
-        m_pMOXUsbManager = std::make_unique<CMOXUSBMgr>();
-        m_pMOXUsbManager->SetNotificationCb(cb_mscNotification, this);
-    }
     if (!m_InitUSBList()) {
         MOX_WARN("m_InitUSBList FAILED...");
         return false;
@@ -112,7 +115,27 @@ int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) 
     return nResult;
 }
 
+void CMOXStorageMgr::m_RestartServiceIfDown() {
+    {
+        mox::MutexLock lock(m_mutex);
+        if (m_InitFinishFlag || !m_pMOXUsbManager || m_pMOXUsbManager->IsConnected()) return;
+    }
+    // The service could not start (its spool directory missing, udev not
+    // ready): start it again, or a service that comes later is never seen.
+    // Made outside m_mutex, like the first one: installing the platform
+    // callback comes before m_mutex in the order events take them.
+    auto pFresh = std::make_unique<CMOXUSBMgr>();
+    if (!pFresh->IsConnected()) return;  // still down, or another query started it
+    pFresh->SetNotificationCb(cb_mscNotification, this);
+    std::unique_ptr<CMOXUSBMgr> pOld;
+    mox::MutexLock lock(m_mutex);
+    if (!m_pMOXUsbManager) return;  // stopped meanwhile: pFresh stops the service again
+    pOld = std::move(m_pMOXUsbManager);
+    m_pMOXUsbManager = std::move(pFresh);
+}
+
 int CMOXStorageMgr::m_RefreshAndCopy(mox_storage_device_type type, std::vector<UsbDevicePtr>& listed) {
+    m_RestartServiceIfDown();
     mox::MutexLock lock(m_mutex);
     if (!m_InitFinishFlag) {
         MOX_WARN("m_InitFinishFlag is false, retry init");
@@ -257,8 +280,8 @@ void CMOXStorageMgr::cb_mscNotification(usb_device_h device, UsbDevicePtr& recor
     // What the callbacks need is collected under the lock and they run after
     // it: the engine's clean-up may wait for a scanner stuck on a storage,
     // and nobody else (get_usb_storages on the main loop) must wait with it.
-    // The daemon clears the callbacks and then destroys this manager, which
-    // stops the USB service thread this runs on before the engine goes.
+    // The daemon calls StopEvents, which waits for this to return, before
+    // the library and the engine the callbacks use go.
     MOXStorageInternalCb internalCb = nullptr;
     void* pInternalUserData = nullptr;
     MOXStorageNotificationCb notificationCb = nullptr;

@@ -44,6 +44,11 @@ public:
     // cb == nullptr clears a callback; events then go unreported to it.
     void SetInternalCB(MOXStorageInternalCb cb, void* userData);
     void SetNotificationCB(MOXStorageNotificationCb cb);
+    // Stops the USB service and returns once no event callback runs any
+    // more (one in flight is waited for): clearing the callbacks alone leaves
+    // an event that copied them before still running. The lists stay as they
+    // were; nothing arrives afterwards. Never call it from a callback.
+    void StopEvents() EXCLUDES(m_mutex);
 
     void AddNotificationClient(dbus_connection_info_s& client);
     void RemoveNotificationClient(dbus_connection_info_s& client);
@@ -72,6 +77,7 @@ public:
 private:
     // The list of `type` enumerated afresh (GetStorages), copied out.
     int m_RefreshAndCopy(mox_storage_device_type type, std::vector<UsbDevicePtr>& listed) EXCLUDES(m_mutex);
+    void m_RestartServiceIfDown() EXCLUDES(m_mutex);
     // All m_ operations below require m_mutex held.
     bool m_Create() REQUIRES(m_mutex);
     bool m_InitUSBList() REQUIRES(m_mutex);
@@ -110,7 +116,7 @@ private:
     // invisible to ThreadSanitizer.
     mox::Mutex m_mutex;
     bool m_InitFinishFlag GUARDED_BY(m_mutex) = false;
-    std::unique_ptr<CMOXUSBMgr> m_pMOXUsbManager;  // set before the first lock
+    std::unique_ptr<CMOXUSBMgr> m_pMOXUsbManager GUARDED_BY(m_mutex);  // null once stopped
     MOXStorageInternalCb m_storage_internal_cb GUARDED_BY(m_mutex) = nullptr;
     void* m_pInternalUserData GUARDED_BY(m_mutex) = nullptr;
     MOXStorageNotificationCb m_storage_notification_cb GUARDED_BY(m_mutex) = nullptr;

@@ -33,6 +33,9 @@ public:
     CMOXUSBMgr& operator=(const CMOXUSBMgr&) = delete;
 
     void SetNotificationCb(MOXUSBNotificationCb cb, void* userData);
+    // False when the platform service did not start: nothing is listed and
+    // no event comes until a new manager starts it.
+    bool IsConnected() const { return m_bConnected; }
     void* GetUserData();
 
     // Appends a record per mass-storage partition mounted under the USB root.
