@@ -22,7 +22,9 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <tuple>
 
 #include <mox/mox_log.h>
 
@@ -324,7 +326,8 @@ void CMOXExtractClient::ExtractBatch(std::vector<SMOXExtractItem>& items, bool b
     mox::MutexLock lock(m_mutex);
     for (size_t i = 0; i < items.size(); ++i) {
         SMOXExtractItem& item = items[i];
-        if (m_badFiles.count(FileKey(item.strPath, item.ullSize, item.ulModifiedTime))) {
+        if (!m_badFiles.empty() &&
+            m_badFiles.count(std::make_tuple(std::string_view(item.strPath), item.ullSize, item.ulModifiedTime))) {
             MOX_WARN("mox-extract: (%s) crashed or stalled the helper before; not parsed again.",
                      CMOXExtractor::FileNameToUtf8(item.strPath).c_str());
             item.eResult = SMOXExtractItem::EResult::kFailed;
@@ -411,13 +414,14 @@ bool CMOXExtractClient::m_RunBatch(std::vector<SMOXExtractItem>& items, const si
     // defaults: an installation problem, not these files' fault.
     if (!m_socket.IsValid() && !m_Start()) return notRead(0, "no helper");
 
-    std::vector<mox_extract_wire::SRequestItem> request(nChunk);
+    std::vector<mox_extract_wire::SRequestItem>& request = m_request;
+    request.resize(nChunk);
     int fds[mox_extract_wire::kMaxBatch];
     for (size_t k = 0; k < nChunk; ++k) {
         const SMOXExtractItem& item = items[chunk[k]];
         request[k].nMediaType = item.nMediaType;
         size_t slash = item.strPath.find_last_of('/');
-        request[k].strName = slash == std::string::npos ? item.strPath : item.strPath.substr(slash + 1);
+        request[k].strName.assign(std::string_view(item.strPath).substr(slash == std::string::npos ? 0 : slash + 1));
         fds[k] = item.fd;
     }
     const std::string msg = mox_extract_wire::EncodeRequest(request, bExtra);

@@ -24,6 +24,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -129,9 +130,10 @@ private:
     pid_t m_nClassPid GUARDED_BY(m_mutex) = -1;  // the helper whose class is m_bIdleClass
     bool m_bIdleClass GUARDED_BY(m_mutex) = false;
     mox_util::UniqueFd m_socket GUARDED_BY(m_mutex);
-    std::set<FileKey> m_badFiles GUARDED_BY(m_mutex);
-    std::deque<FileKey> m_badOrder GUARDED_BY(m_mutex);  // oldest first
+    std::set<FileKey, std::less<>> m_badFiles GUARDED_BY(m_mutex);  // looked up without copying the path
+    std::deque<FileKey> m_badOrder GUARDED_BY(m_mutex);             // oldest first
     mox_extract_wire::CMessage m_answer GUARDED_BY(m_mutex);
+    std::vector<mox_extract_wire::SRequestItem> m_request GUARDED_BY(m_mutex);  // reused from batch to batch
     // The progress word shared with the current helper.
     std::unique_ptr<std::atomic<uint64_t>, SUnmap> m_progress GUARDED_BY(m_mutex);
 };

@@ -27,6 +27,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -103,20 +104,62 @@ bool Confine(pid_t daemon) {
     return ok;
 }
 
-// Allows the next file kCpuSecondsPerFile of CPU time on top of what the
-// helper has used so far; SIGXCPU ends a runaway parse.
-void ArmCpuBudget() {
-    static const rlim_t s_hard = [] {
+// Allows each file kCpuSecondsPerFile of CPU time (up to one second more)
+// on top of what the helper had used when the file began; SIGXCPU ends a
+// runaway parse. Arming takes two system calls, so a budget armed with room
+// to spare serves the following files too: the helper runs one thread
+// (RLIMIT_NPROC 0), its CPU time grows no faster than the monotonic clock,
+// so a file that begins before `m_renewUs` still has its whole budget.
+class CCpuBudget {
+public:
+    // `nowUs`: CLOCK_MONOTONIC in microseconds, as the file's start.
+    void Arm(uint64_t nowUs) {
+        if (m_bArmed && nowUs < m_renewUs) return;
+        struct rusage ru;
+        if (getrusage(RUSAGE_SELF, &ru) != 0) return;
+        const uint64_t usedUs = static_cast<uint64_t>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) * 1000000u +
+                                static_cast<uint64_t>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec);
+        rlim_t soft = static_cast<rlim_t>(usedUs / 1000000u) + 1 + kCpuSecondsPerFile;
+        if (m_hard != RLIM_INFINITY && soft > m_hard) soft = m_hard;
+        struct rlimit rl = {soft, m_hard};
+        if (setrlimit(RLIMIT_CPU, &rl) != 0) return;
+        // The time a file may start and still find kCpuSecondsPerFile left.
+        const uint64_t softUs = static_cast<uint64_t>(soft) * 1000000u;
+        const uint64_t spareUs =
+            softUs > usedUs + kCpuSecondsPerFile * 1000000u ? softUs - usedUs - kCpuSecondsPerFile * 1000000u : 0;
+        m_renewUs = nowUs + spareUs;
+        m_bArmed = true;
+    }
+
+private:
+    const rlim_t m_hard = [] {
         struct rlimit rl;
         return getrlimit(RLIMIT_CPU, &rl) == 0 ? rl.rlim_max : RLIM_INFINITY;
     }();
-    struct rusage ru;
-    if (getrusage(RUSAGE_SELF, &ru) != 0) return;
-    rlim_t used = static_cast<rlim_t>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + 1;
-    rlim_t soft = used + kCpuSecondsPerFile;
-    if (s_hard != RLIM_INFINITY && soft > s_hard) soft = s_hard;
-    struct rlimit rl = {soft, s_hard};
-    setrlimit(RLIMIT_CPU, &rl);
+    uint64_t m_renewUs = 0;
+    bool m_bArmed = false;
+};
+
+// Closes the batch's files, runs of consecutive numbers (as one message's
+// descriptors arrive) with one call.
+void CloseAll(std::vector<mox_util::UniqueFd>& files) {
+    if (files.size() > mox_extract_wire::kMaxBatch) {
+        files.clear();
+        return;
+    }
+    int fds[mox_extract_wire::kMaxBatch];
+    size_t count = 0;
+    for (mox_util::UniqueFd& f : files)
+        if (f.IsValid()) fds[count++] = f.Release();
+    files.clear();
+    std::sort(fds, fds + count);
+    for (size_t i = 0; i < count;) {
+        size_t j = i + 1;
+        while (j < count && fds[j] == fds[j - 1] + 1) ++j;
+        if (j - i == 1 || close_range(static_cast<unsigned>(fds[i]), static_cast<unsigned>(fds[j - 1]), 0) != 0)
+            for (size_t k = i; k < j; ++k) close(fds[k]);
+        i = j;
+    }
 }
 
 void TestFault(const std::string& name) {
@@ -171,6 +214,8 @@ int main(int argc, char**) {
     mox_extract_wire::CMessage request;
     std::vector<mox_util::UniqueFd> files;
     std::vector<mox_extract_wire::SRequestItem> items;
+    mox_extract_wire::CAnswerWriter answers(0);
+    CCpuBudget budget;
     for (;;) {
         long n = mox_extract_wire::Receive(kSocketFd, request, &files);
         if (n == 0) return 0;  // the daemon closed its end
@@ -180,29 +225,30 @@ int main(int argc, char**) {
             fprintf(stderr, "mox-extract: malformed request.\n");
             return kExitProtocol;
         }
-        mox_extract_wire::CAnswerWriter answers(0);
+        answers.Reset(0);
         for (size_t i = 0; i < items.size(); ++i) {
             // Answers that might not fit one message with the next go first.
             if (answers.Count() > 0 &&
                 answers.Size() + mox_extract_wire::kMaxAnswerBytes > mox_extract_wire::kMaxMessageBytes) {
                 if (!mox_extract_wire::Send(kSocketFd, answers.Message())) return 0;
-                answers = mox_extract_wire::CAnswerWriter(static_cast<uint32_t>(i));
+                answers.Reset(static_cast<uint32_t>(i));
             }
             struct timespec now;
             clock_gettime(CLOCK_MONOTONIC, &now);
-            pProgress->store(mox_extract_wire::PackProgress(static_cast<uint32_t>(i),
-                                                            static_cast<uint64_t>(now.tv_sec) * 1000000u +
-                                                                static_cast<uint64_t>(now.tv_nsec) / 1000u),
+            const uint64_t nowUs =
+                static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+            pProgress->store(mox_extract_wire::PackProgress(static_cast<uint32_t>(i), nowUs),
                              std::memory_order_release);
             media_info_s info;
             SMOXExtractExtra extra;
-            ArmCpuBudget();
+            budget.Arm(nowUs);
             TestFault(items[i].strName);
             CMOXExtractor::ExtractContent(files[i].Get(), items[i].strName, items[i].nMediaType, info,
                                           bExtra ? &extra : nullptr);
-            files[i].Reset();
             answers.Add(info, &extra);
         }
         if (!mox_extract_wire::Send(kSocketFd, answers.Message())) return 0;
+        // Once the daemon has the answers, while it reads them.
+        CloseAll(files);
     }
 }

@@ -5,6 +5,9 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <iterator>
+
+#include <glib.h>
 
 #include "mox_extractor.h"
 
@@ -15,6 +18,12 @@ namespace {
 constexpr uint32_t kRequestMagic = 0x4d585242;  // "MXRB"
 constexpr uint32_t kAnswerMagic = 0x4d585241;   // "MXRA"
 constexpr uint32_t kFlagExtra = 1;
+
+// True when `s` needs no cleaning: valid UTF-8 (which excludes NUL bytes)
+// within `maxBytes`, as TextToUtf8 would return it unchanged.
+bool IsClean(std::string_view s, size_t maxBytes) {
+    return s.size() <= maxBytes && g_utf8_validate_len(s.data(), static_cast<gssize>(s.size()), nullptr);
+}
 
 class Writer {
 public:
@@ -28,7 +37,10 @@ public:
         m_out += s;
     }
     void Str(const std::string& s, size_t maxBytes = CMOXExtractor::kMaxTextBytes) {
-        Raw(CMOXExtractor::TextToUtf8(s, maxBytes));
+        if (IsClean(s, maxBytes))
+            Raw(s);
+        else
+            Raw(CMOXExtractor::TextToUtf8(s, maxBytes));
     }
     std::string Take() { return std::move(m_out); }
 
@@ -62,12 +74,6 @@ public:
         if (!U32(len) || len > maxBytes || m_in.size() - m_pos < len) return false;
         s = m_in.substr(m_pos, len);
         m_pos += len;
-        return true;
-    }
-    bool Str(std::string& s, size_t maxBytes) {
-        std::string_view raw;
-        if (!Raw(raw, maxBytes)) return false;
-        s = CMOXExtractor::TextToUtf8(raw, maxBytes);
         return true;
     }
     bool AtEnd() const { return m_pos == m_in.size(); }
@@ -133,11 +139,18 @@ constexpr size_t kAnswerHeader = 12;
 }  // namespace
 
 CAnswerWriter::CAnswerWriter(uint32_t first) {
-    Writer w;
+    m_out.reserve(4096);
+    Reset(first);
+}
+
+void CAnswerWriter::Reset(uint32_t first) {
+    m_out.clear();
+    Writer w(std::move(m_out));
     w.U32(kAnswerMagic);
     w.U32(first);
     w.U32(0);  // the count, set by Add
     m_out = w.Take();
+    m_nCount = 0;
 }
 
 void CAnswerWriter::Add(const media_info_s& info, const SMOXExtractExtra* pExtra) {
@@ -158,26 +171,56 @@ bool CAnswerReader::Header(uint32_t& first, uint32_t& count) {
     return true;
 }
 
+namespace {
+
+// `text` into `out`, reusing its buffer; cleaned as TextToUtf8 does when it
+// is not valid UTF-8 or too long.
+void AssignText(std::string& out, std::string_view text, size_t maxBytes) {
+    if (IsClean(text, maxBytes))
+        out.assign(text);
+    else
+        out = CMOXExtractor::TextToUtf8(text, maxBytes);
+}
+
+}  // namespace
+
 bool CAnswerReader::Next(media_info_s& info, SMOXExtractExtra* pExtra, bool bLast) {
     if (m_pos < kAnswerHeader) return false;
+    // Checked whole before anything is stored: the texts stay views into the
+    // message until then.
     Reader r(m_msg.substr(m_pos));
-    media_info_s out = info;
-    for (std::string* s :
-         {&out.strTitle, &out.strDateTaken, &out.strExposureTime, &out.strModel, &out.strAlbum, &out.strArtist,
-          &out.strGenre, &out.strComposer, &out.strYear, &out.strRecordedDate, &out.strCopyright, &out.strTrackNum})
-        if (!r.Str(*s, CMOXExtractor::kMaxTextBytes)) return false;
-    for (double* d : {&out.dLatitude, &out.dLongitude, &out.dFNumber})
-        if (!r.F64(*d)) return false;
-    for (int* n : {&out.nISOSpeed, &out.nOrientation, &out.nWidth, &out.nHeight, &out.nBitrate, &out.nDuration,
-                   &out.nSampleRate, &out.nChannels})
-        if (!r.I32(*n)) return false;
-    SMOXExtractExtra extra;
-    for (int* n : {&extra.nVideoWidth, &extra.nVideoHeight, &extra.nVideoDuration})
-        if (!r.I32(*n) || *n < 0) return false;
-    if (!r.Str(extra.strDateOffset, kMaxOffsetBytes) || (bLast && !r.AtEnd())) return false;
+    std::string* const texts[] = {&info.strTitle, &info.strDateTaken,    &info.strExposureTime, &info.strModel,
+                                  &info.strAlbum, &info.strArtist,       &info.strGenre,        &info.strComposer,
+                                  &info.strYear,  &info.strRecordedDate, &info.strCopyright,    &info.strTrackNum};
+    std::string_view raw[std::size(texts)];
+    for (std::string_view& s : raw)
+        if (!r.Raw(s, CMOXExtractor::kMaxTextBytes)) return false;
+    double d[3];
+    for (double& v : d)
+        if (!r.F64(v)) return false;
+    int n[8];
+    for (int& v : n)
+        if (!r.I32(v)) return false;
+    int video[3];
+    for (int& v : video)
+        if (!r.I32(v) || v < 0) return false;
+    std::string_view offset;
+    if (!r.Raw(offset, kMaxOffsetBytes) || (bLast && !r.AtEnd())) return false;
     m_pos += r.Pos();
-    info = std::move(out);
-    if (pExtra) *pExtra = std::move(extra);
+
+    for (size_t i = 0; i < std::size(texts); ++i) AssignText(*texts[i], raw[i], CMOXExtractor::kMaxTextBytes);
+    info.dLatitude = d[0];
+    info.dLongitude = d[1];
+    info.dFNumber = d[2];
+    int* const numbers[] = {&info.nISOSpeed, &info.nOrientation, &info.nWidth,      &info.nHeight,
+                            &info.nBitrate,  &info.nDuration,    &info.nSampleRate, &info.nChannels};
+    for (size_t i = 0; i < std::size(numbers); ++i) *numbers[i] = n[i];
+    if (pExtra) {
+        pExtra->nVideoWidth = video[0];
+        pExtra->nVideoHeight = video[1];
+        pExtra->nVideoDuration = video[2];
+        AssignText(pExtra->strDateOffset, offset, kMaxOffsetBytes);
+    }
     return true;
 }
 
@@ -191,12 +234,7 @@ bool DecodeAnswer(std::string_view msg, media_info_s& info, SMOXExtractExtra* pE
     CAnswerReader r(msg);
     uint32_t first = 0, count = 0;
     if (!r.Header(first, count) || first != index || count != 1) return false;
-    media_info_s out = info;
-    SMOXExtractExtra extra;
-    if (!r.Next(out, &extra, true)) return false;
-    info = std::move(out);
-    if (pExtra) *pExtra = std::move(extra);
-    return true;
+    return r.Next(info, pExtra, true);
 }
 
 uint64_t PackProgress(uint32_t index, uint64_t startUs) {

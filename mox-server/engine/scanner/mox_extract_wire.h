@@ -52,6 +52,8 @@ bool DecodeRequest(std::string_view msg, std::vector<SRequestItem>& items, bool&
 class CAnswerWriter {
 public:
     explicit CAnswerWriter(uint32_t first);
+    // Starts a new message at `first`, keeping the buffer.
+    void Reset(uint32_t first);
     void Add(const media_info_s& info, const SMOXExtractExtra* pExtra);
     uint32_t Count() const { return m_nCount; }
     size_t Size() const { return m_out.size(); }

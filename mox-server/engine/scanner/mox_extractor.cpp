@@ -475,6 +475,8 @@ std::string CMOXExtractor::ToString(const media_info_s& info) const {
 std::string CMOXExtractor::TextToUtf8(std::string_view text, size_t maxBytes) {
     std::string out;
     if (g_utf8_validate_len(text.data(), text.size(), nullptr)) {
+        // Valid UTF-8 holds no NUL byte: nothing to drop.
+        if (text.size() <= maxBytes) return std::string(text);
         out.assign(text);
     } else {
         out.reserve(text.size() * 2);

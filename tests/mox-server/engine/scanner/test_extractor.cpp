@@ -224,10 +224,16 @@ TEST(Extractor, TextsAreUtf8AndNamesStayDistinct) {
     std::string msg = mox_extract_wire::EncodeAnswer(sample);
     ASSERT_TRUE(mox_extract_wire::DecodeAnswer(msg, decoded));
     EXPECT_EQ(decoded.strTitle, "T");
+    decoded.strTitle = "kept";
     for (size_t len = 0; len < msg.size(); len += 3)
         EXPECT_FALSE(mox_extract_wire::DecodeAnswer(msg.substr(0, len), decoded)) << len;
     EXPECT_FALSE(mox_extract_wire::DecodeAnswer(msg + "x", decoded));
     EXPECT_FALSE(mox_extract_wire::DecodeAnswer(std::string(msg).replace(4, 2, "\xFF\xFF"), decoded));
+    EXPECT_EQ(decoded.strTitle, "kept");  // nothing of a refused answer is stored
+    // A helper's invalid text (the title's one byte, after the 12-byte header
+    // and its length) arrives as valid UTF-8.
+    ASSERT_TRUE(mox_extract_wire::DecodeAnswer(std::string(msg).replace(16, 1, "\xFF"), decoded));
+    EXPECT_EQ(decoded.strTitle, "\xC3\xBF");
 }
 
 namespace {
