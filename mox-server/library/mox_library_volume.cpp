@@ -31,9 +31,10 @@
 
 namespace {
 
-constexpr int kWalkBatch = 128;      // entries drained from the scan list at once
-constexpr int kScanListSize = 1024;  // the scan list's bound
-constexpr int kExtractBatch = 16;    // files extracted between two stores
+constexpr int kScanListSize = 4096;  // the scan list's bound (entries queued)
+// The longest wait for a run of the walk: stop and users are checked between.
+constexpr auto kWalkWait = std::chrono::milliseconds(50);
+constexpr int kExtractBatch = 16;  // files extracted between two stores
 // A transaction of the walk or the extraction stays open this long (or for
 // this many rows, a bound of its log on a fast machine): every commit writes
 // the touched pages of nine indices and the text index to the log again, so
@@ -353,6 +354,13 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
     return eResult;
 }
 
+void CMOXLibraryVolume::m_AddProgress(int64_t nFiles, int64_t nDone) {
+    if (nFiles == 0 && nDone == 0) return;
+    mox::MutexLock lock(m_mutex);
+    m_status.nTotal += nFiles;
+    m_status.nDone += nDone;
+}
+
 void CMOXLibraryVolume::m_MarkSeen(int64_t nId) {
     if (nId < 0 || nId >= kMaxSeenId) return;
     const auto nIndex = static_cast<size_t>(nId);
@@ -533,6 +541,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
     option.bFilterByExtension = true;
     option.nListSize = kScanListSize;
     option.nPriority = 2;
+    option.bBatches = true;
     EScan eResult = EScan::kComplete;
     if (scanner.SetScannerOption(option) != MOX_SCAN_OK || scanner.Start() != MOX_SCAN_OK) {
         MOX_WARN("library %s: the walk cannot start.", m_strMountPath.c_str());
@@ -540,14 +549,14 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
         return EScan::kFailed;
     }
     m_Watch(std::string());
-    std::vector<SMOXFileInfo> batch;
-    batch.reserve(kWalkBatch);
-    // The known rows of the folder being walked, read in one query when the
-    // walk enters it: an unchanged entry costs no query of its own.
-    std::unordered_map<std::string, SMOXLibraryRow> known;
+    // Whole runs of the walk at once; an entry whose size and time match its
+    // row costs a binary search in its folder's rows, read in one query when
+    // the walk enters the folder, and no allocation.
+    SMOXScanBatch batch;
+    CMOXFolderRows known;
     std::string strKnownBase;
     bool bKnownLoaded = false;
-    std::string strParent, strRel;
+    std::string strParent, strRel, strName;
     bool bPaused = false;
     int rc = SQLITE_OK;
     m_nDoneUnreported = 0;
@@ -565,28 +574,25 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
             scanner.Resume();
             bPaused = false;
         }
-        batch.clear();
-        const int nPop = scanner.GetFileInfoList(kWalkBatch, batch);
-        if (nPop == MOX_SCAN_END) {
+        const int nTake = scanner.TakeBatch(batch, kWalkWait);
+        if (nTake == MOX_SCAN_END) {
             bWalkComplete = true;
             break;
         }
-        if (batch.empty()) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-            continue;
-        }
+        if (nTake != MOX_SCAN_OK) continue;
         bool bOk = true;
         int64_t nFiles = 0;
-        for (const SMOXFileInfo& info : batch) {
-            if (info.nType != MOX_SCANNER_TYPE_DIR && info.nType != MOX_SCANNER_TYPE_FILE) continue;
-            if (info.bParentLink) continue;
-            const bool bFolder = info.nType == MOX_SCANNER_TYPE_DIR;
-            if (!bFolder && info.nExtensionGroup == 0) continue;
-            if (!bKnownLoaded || info.strBasePath != strKnownBase) {
+        for (const SMOXScanBatch::Entry& entry : batch.entries) {
+            if (entry.nType != MOX_SCANNER_TYPE_DIR && entry.nType != MOX_SCANNER_TYPE_FILE) continue;
+            const bool bFolder = entry.nType == MOX_SCANNER_TYPE_DIR;
+            if (!bFolder && entry.nExtensionGroup == 0) continue;
+            const std::string_view folder = batch.Folder(entry);
+            if (!bKnownLoaded || folder != strKnownBase) {
                 bKnownLoaded = false;
+                strKnownBase.assign(folder.data(), folder.size());
                 strParent.clear();
-                if (info.strBasePath != m_strMountPath) {
-                    strParent = m_Relative(info.strBasePath);
+                if (strKnownBase != m_strMountPath) {
+                    strParent = m_Relative(strKnownBase);
                     if (strParent.empty()) continue;  // never outside the mount
                 }
                 rc = m_db.FolderRows(strParent, known);
@@ -594,25 +600,35 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
                     bOk = m_Fail(rc, "read");
                     break;
                 }
-                strKnownBase = info.strBasePath;
                 bKnownLoaded = true;
             }
-            strRel = JoinRel(strParent, info.strName);
-            const auto found = known.find(info.strName);
+            const std::string_view name = batch.Name(entry);
+            const int nMediaType = bFolder ? 0 : entry.nExtensionGroup;
+            const int64_t nSize = bFolder ? 0 : entry.llFileSize;
+            const SMOXLibraryRow* pKnown = known.Find(name);
+            if (pKnown != nullptr && pKnown->bFolder == bFolder && pKnown->nTime == entry.tModified &&
+                (bFolder || pKnown->nSize == nSize)) {
+                // Unchanged: only seen.
+                m_MarkSeen(pKnown->nId);
+                if (bFolder) {
+                    m_Watch(JoinRel(strParent, std::string(name)));
+                } else {
+                    ++nFiles;
+                    if (pKnown->nState != 0) ++m_nDoneUnreported;
+                }
+                continue;
+            }
+            strName.assign(name.data(), name.size());
+            strRel = JoinRel(strParent, strName);
             bool bIndexed = false;
-            bOk = m_WriteKnown(strRel, strParent, info.strName, bFolder, bFolder ? 0 : info.nExtensionGroup,
-                               bFolder ? 0 : info.llFileSize, info.tModified, true,
-                               found == known.end() ? nullptr : &found->second, rc, &bIndexed);
+            bOk = m_WriteKnown(strRel, strParent, strName, bFolder, nMediaType, nSize, entry.tModified, true, pKnown,
+                               rc, &bIndexed);
             if (!bOk) break;
             if (!bFolder && bIndexed) ++nFiles;
             if (bFolder) m_Watch(strRel);
         }
         if (bOk && m_CommitDue()) bOk = m_Commit(rc);
-        {
-            mox::MutexLock lock(m_mutex);
-            m_status.nTotal += nFiles;
-            m_status.nDone += m_nDoneUnreported;
-        }
+        m_AddProgress(nFiles, m_nDoneUnreported);
         m_nDoneUnreported = 0;
         if (!bOk) {
             eResult = EScan::kFailed;

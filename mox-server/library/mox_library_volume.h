@@ -115,6 +115,8 @@ private:
     // The open transaction has run long enough to be committed.
     bool m_CommitDue() const;
     void m_MarkSeen(int64_t nId);
+    // The walk's progress: files found, and unchanged ones done.
+    void m_AddProgress(int64_t nFiles, int64_t nDone);
     // SCHED_IDLE and the idle I/O class for the calling (indexer) thread.
     void m_LowestPriority();
     void m_SetState(const char* szState, bool bReport);
