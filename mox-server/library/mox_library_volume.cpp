@@ -215,6 +215,11 @@ void CMOXLibraryVolume::m_Thread() {
         m_SetState("failed", true);
     }
     if (m_bInTransaction) m_db.Rollback();
+    m_bInTransaction = false;
+    if (!m_bMountRecorded && !m_bCorrupt && !m_bFull && m_db.Begin() == SQLITE_OK) {
+        // Not a change: the generation stays.
+        if (m_RecordMount() != SQLITE_OK || m_db.Commit() != SQLITE_OK) m_db.Rollback();
+    }
     if (m_bCorrupt)
         m_db.MoveAside();
     else
@@ -269,12 +274,10 @@ void CMOXLibraryVolume::m_Run() {
         m_SetState("failed", true);
         return;
     }
-    // One small transaction (not a change: the generation stays).
-    if (m_db.Begin() == SQLITE_OK) {
-        const bool bOk = m_db.SetMeta("mount_path", m_strMountPath) == SQLITE_OK &&
-                         m_db.SetMeta("last_mounted", std::to_string(time(nullptr))) == SQLITE_OK;
-        if (!bOk || m_db.Commit() != SQLITE_OK) m_db.Rollback();
-    }
+    // Where and when it was mounted goes with the first change, or at the
+    // end: a re-plug that changes nothing commits nothing until then.
+    m_tMounted = time(nullptr);
+    m_bMountRecorded = false;
     m_UpdateCounts();
     std::string strRel;
     CMOXConfinedPath root(mox_host::UsbRoot());
@@ -354,6 +357,13 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
     return eResult;
 }
 
+int CMOXLibraryVolume::m_RecordMount() {
+    int rc = m_db.SetMeta("mount_path", m_strMountPath);
+    if (rc == SQLITE_OK) rc = m_db.SetMeta("last_mounted", std::to_string(m_tMounted));
+    m_bMountRecorded = rc == SQLITE_OK;
+    return rc;
+}
+
 void CMOXLibraryVolume::m_AddProgress(int64_t nFiles, int64_t nDone) {
     if (nFiles == 0 && nDone == 0) return;
     mox::MutexLock lock(m_mutex);
@@ -425,6 +435,7 @@ bool CMOXLibraryVolume::m_Change(int& rc) {
     rc = m_db.Begin();
     if (rc != SQLITE_OK) return m_Fail(rc, "begin");
     m_bInTransaction = true;
+    if (!m_bMountRecorded && (rc = m_RecordMount()) != SQLITE_OK) return m_Fail(rc, "begin");
     m_transactionStart = Clock::now();
     m_nTransactionRows = 0;
     m_nNextGeneration = m_db.Generation() + 1;

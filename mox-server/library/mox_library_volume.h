@@ -23,6 +23,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <deque>
 #include <functional>
 #include <string>
@@ -115,6 +116,8 @@ private:
     // The open transaction has run long enough to be committed.
     bool m_CommitDue() const;
     void m_MarkSeen(int64_t nId);
+    // Inside a transaction: "mount_path" and "last_mounted" of this mount.
+    int m_RecordMount();
     // The walk's progress: files found, and unchanged ones done.
     void m_AddProgress(int64_t nFiles, int64_t nDone);
     // SCHED_IDLE and the idle I/O class for the calling (indexer) thread.
@@ -167,4 +170,6 @@ private:
     bool m_bCorrupt = false;        // SQLite found the file damaged: moved aside at the end
     int64_t m_nDoneUnreported = 0;  // unchanged files seen, added to the status per batch
     int m_nInsertsSinceBudget = 0;
+    time_t m_tMounted = 0;
+    bool m_bMountRecorded = false;  // this mount's meta is in the index
 };
