@@ -31,6 +31,8 @@
 
 namespace {
 
+// Published states, by index (the first is the default).
+const char* const kStates[] = {"indexing", "ready", "paused", "failed"};
 constexpr int kScanListSize = 4096;  // the scan list's bound (entries queued)
 // The longest wait for a run of the walk: stop and users are checked between.
 constexpr auto kWalkWait = std::chrono::milliseconds(50);
@@ -149,7 +151,7 @@ void CMOXLibraryVolume::Join() {
 
 void CMOXLibraryVolume::Rescan() {
     {
-        mox::MutexLock lock(m_mutex);
+        mox::MutexLock lock(m_noticeMutex);
         m_bRescan = true;
     }
     const uint64_t one = 1;
@@ -169,7 +171,7 @@ void CMOXLibraryVolume::NoteChanged(const std::string& strPath) {
     const std::string strRel = m_Relative(strPath);
     if (strRel.empty()) return;
     {
-        mox::MutexLock lock(m_mutex);
+        mox::MutexLock lock(m_noticeMutex);
         m_QueueNotice(strRel);
     }
     const uint64_t one = 1;
@@ -177,11 +179,16 @@ void CMOXLibraryVolume::NoteChanged(const std::string& strPath) {
 }
 
 SMOXLibraryStatus CMOXLibraryVolume::Status() {
+    // From the published copy: a reader never waits for the indexer, which
+    // may hold its own lock for long at its priority.
     SMOXLibraryStatus status;
-    {
-        mox::MutexLock lock(m_mutex);
-        status = m_status;
-    }
+    status.strMountPath = m_strMountPath;
+    status.strVolumeId = m_strVolumeId;
+    status.strState = kStates[m_nPubState.load()];
+    status.nDone = m_nPubDone.load();
+    status.nTotal = m_nPubTotal.load();
+    status.nGeneration = m_nPubGeneration.load();
+    for (int i = 0; i < 4; ++i) status.counts[i] = m_nPubCounts[i].load();
     struct stat st;
     status.nDbBytes = 0;
     for (const char* szSuffix : {"", "-wal"})
@@ -247,10 +254,23 @@ void CMOXLibraryVolume::m_SetState(const char* szState, bool bReport) {
         mox::MutexLock lock(m_mutex);
         m_status.strState = szState;
     }
+    m_Publish();
     if (bReport) m_Report();
 }
 
+void CMOXLibraryVolume::m_Publish() {
+    mox::MutexLock lock(m_mutex);
+    int nState = 0;
+    while (nState < 3 && m_status.strState != kStates[nState]) ++nState;
+    m_nPubState = nState;
+    m_nPubDone = m_status.nDone;
+    m_nPubTotal = m_status.nTotal;
+    m_nPubGeneration = m_status.nGeneration;
+    for (int i = 0; i < 4; ++i) m_nPubCounts[i] = m_status.counts[i];
+}
+
 void CMOXLibraryVolume::m_Report() {
+    m_Publish();
     if (m_reporter) m_reporter(Status());
 }
 
@@ -261,9 +281,12 @@ void CMOXLibraryVolume::m_UpdateCounts() {
     m_nRows = nRows;
     // For the status of the volume once it is unmounted.
     if (!m_bInTransaction && !m_bFull) m_db.SaveCounts(counts);
-    mox::MutexLock lock(m_mutex);
-    for (int i = 0; i < 4; ++i) m_status.counts[i] = counts[i];
-    m_status.nGeneration = m_db.Generation();
+    {
+        mox::MutexLock lock(m_mutex);
+        for (int i = 0; i < 4; ++i) m_status.counts[i] = counts[i];
+        m_status.nGeneration = m_db.Generation();
+    }
+    m_Publish();
 }
 
 void CMOXLibraryVolume::m_Run() {
@@ -320,7 +343,7 @@ void CMOXLibraryVolume::m_Run() {
         if (m_inotifyFd.IsValid() && (fds[1].revents & POLLIN)) m_ReadInotify();
         if (Stopping()) break;
         {
-            mox::MutexLock lock(m_mutex);
+            mox::MutexLock lock(m_noticeMutex);
             bScan = m_bRescan;
             m_bRescan = false;
         }
@@ -336,6 +359,9 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
         m_status.strState = "indexing";
         m_status.nDone = 0;
         m_status.nTotal = 0;
+    }
+    {
+        mox::MutexLock lock(m_noticeMutex);
         m_notices.clear();  // the walk sees what they name
     }
     m_Report();
@@ -366,9 +392,12 @@ int CMOXLibraryVolume::m_RecordMount() {
 
 void CMOXLibraryVolume::m_AddProgress(int64_t nFiles, int64_t nDone) {
     if (nFiles == 0 && nDone == 0) return;
-    mox::MutexLock lock(m_mutex);
-    m_status.nTotal += nFiles;
-    m_status.nDone += nDone;
+    {
+        mox::MutexLock lock(m_mutex);
+        m_status.nTotal += nFiles;
+        m_status.nDone += nDone;
+    }
+    m_Publish();
 }
 
 void CMOXLibraryVolume::m_MarkSeen(int64_t nId) {
@@ -395,9 +424,13 @@ bool CMOXLibraryVolume::m_WaitWhileBusy() {
         strBefore = m_status.strState;
         m_status.strState = "paused";
     }
+    m_Publish();
     while (m_rUsersBusy.load() && !Stopping()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    mox::MutexLock lock(m_mutex);
-    m_status.strState = strBefore;
+    {
+        mox::MutexLock lock(m_mutex);
+        m_status.strState = strBefore;
+    }
+    m_Publish();
     return !Stopping();
 }
 
@@ -450,8 +483,11 @@ bool CMOXLibraryVolume::m_Commit(int& rc) {
     if (rc != SQLITE_OK) return m_Fail(rc, "commit");
     m_bInTransaction = false;
     m_db.GenerationCommitted(m_nNextGeneration);
-    mox::MutexLock lock(m_mutex);
-    m_status.nGeneration = m_nNextGeneration;
+    {
+        mox::MutexLock lock(m_mutex);
+        m_status.nGeneration = m_nNextGeneration;
+    }
+    m_Publish();
     return true;
 }
 
@@ -831,7 +867,7 @@ void CMOXLibraryVolume::m_ReadInotify() {
             const auto* ev = reinterpret_cast<const struct inotify_event*>(buf + off);
             off += static_cast<ssize_t>(sizeof(struct inotify_event) + ev->len);
             if (ev->mask & IN_Q_OVERFLOW) {
-                mox::MutexLock lock(m_mutex);
+                mox::MutexLock lock(m_noticeMutex);
                 m_bRescan = true;
                 continue;
             }
@@ -845,7 +881,7 @@ void CMOXLibraryVolume::m_ReadInotify() {
             // A file being created is indexed when it is closed.
             if ((ev->mask & IN_CREATE) && !(ev->mask & IN_ISDIR)) continue;
             const std::string strRel = JoinRel(found->second, ev->name);
-            mox::MutexLock lock(m_mutex);
+            mox::MutexLock lock(m_noticeMutex);
             m_QueueNotice(strRel);
         }
     }
@@ -854,7 +890,7 @@ void CMOXLibraryVolume::m_ReadInotify() {
 void CMOXLibraryVolume::m_ProcessNotices() {
     std::deque<std::string> notices;
     {
-        mox::MutexLock lock(m_mutex);
+        mox::MutexLock lock(m_noticeMutex);
         notices.swap(m_notices);
     }
     if (notices.empty()) return;
@@ -900,7 +936,7 @@ void CMOXLibraryVolume::m_ProcessNotices() {
         if (bFolder && m_db.Lookup(strRel, known) == SQLITE_DONE) {
             // A folder moved in brings its contents: a rescan (quick for
             // what did not change) finds them.
-            mox::MutexLock lock(m_mutex);
+            mox::MutexLock lock(m_noticeMutex);
             m_bRescan = true;
         }
         if (!m_WriteEntry(strRel, strParent, strName, bFolder, nGroup, bFolder ? 0 : st.st_size, st.st_mtime, false,

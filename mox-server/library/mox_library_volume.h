@@ -16,8 +16,11 @@
 // are served (the shared busy flag): the scanner is paused.
 //
 // Threads and locks: public operations are called from any thread and take
-// m_mutex only briefly; the status callback runs on the volume's thread with
-// no lock held.
+// m_noticeMutex only briefly; the status callback runs on the volume's thread
+// with no lock held. The thread runs at the lowest priority, so a lock it
+// holds may stay held for long: Status() takes none (it reads the copy the
+// thread publishes), and m_mutex, which guards the thread's working status,
+// is the thread's own.
 #pragma once
 
 #include <atomic>
@@ -128,7 +131,9 @@ private:
     int m_OpenBeneath(const std::string& strRel, int nFlags);
     std::string m_Relative(const std::string& strAbsolute) const;
     // Queues a changed path; past the bound, one rescan covers them all.
-    void m_QueueNotice(const std::string& strRel) REQUIRES(m_mutex);
+    void m_QueueNotice(const std::string& strRel) REQUIRES(m_noticeMutex);
+    // Copies the working status to the published one (the thread only).
+    void m_Publish();
     bool Stopping() const { return m_bStop.load(); }
 
     const std::string m_strMountPath;
@@ -146,8 +151,16 @@ private:
 
     mox::Mutex m_mutex;
     SMOXLibraryStatus m_status GUARDED_BY(m_mutex);
-    std::deque<std::string> m_notices GUARDED_BY(m_mutex);  // relative paths
-    bool m_bRescan GUARDED_BY(m_mutex) = false;
+    // The status as last published: state (index into the state names),
+    // progress, generation, counts.
+    std::atomic<int> m_nPubState{0};
+    std::atomic<int64_t> m_nPubDone{0};
+    std::atomic<int64_t> m_nPubTotal{0};
+    std::atomic<int64_t> m_nPubGeneration{0};
+    std::atomic<int64_t> m_nPubCounts[4] = {};
+    mox::Mutex m_noticeMutex;
+    std::deque<std::string> m_notices GUARDED_BY(m_noticeMutex);  // relative paths
+    bool m_bRescan GUARDED_BY(m_noticeMutex) = false;
 
     // The thread's own state (never touched by other threads).
     CMOXLibraryDb m_db;
