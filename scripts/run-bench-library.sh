@@ -13,6 +13,9 @@
 #     (unchanged = nothing extracted);
 #   - get_usb_storages p99 while indexing against idle (probed right before
 #     each index);
+#   - the median of a 1,000-item local list (a folder beside the stick, a
+#     new list each time: the local source walks it) while indexing against
+#     idle, probed the same way;
 #   - the daemon's RSS growth from before the first mount to the end of the
 #     last index (MOX_BENCH_LIBRARY_FILES=100000 for the memory figure).
 # The tree's files are hard links of three samples per folder (no disk for
@@ -33,7 +36,7 @@ py=/usr/bin/python3
 
 cmake -S "$ROOT" -B "$build" -DCMAKE_BUILD_TYPE=Release -DMOX_SANITIZE= -DMOX_BUILD_BENCH=ON \
   -DMOX_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j"$jobs" --target mox-engine mox-extract moxctl bench_library_floor >/dev/null
+cmake --build "$build" -j"$jobs" --target mox-engine mox-extract moxctl bench_library_floor mox_local_source >/dev/null
 
 tree=/tmp/mox-bench-library/$files
 if [ ! -f "$tree/.done" ]; then
@@ -72,8 +75,10 @@ WORK=$(mktemp -d /tmp/mox-bench-library.XXXXXX)
 trap engine_env_cleanup EXIT
 engine_env_start_bus
 export MOX_LIBRARY_DIR=$WORK/library MOX_LOG_LEVEL=warning
-mkdir -p "$WORK/usb/stick"
+mkdir -p "$WORK/usb/stick" "$WORK/usb/local"
 cp -al "$tree"/folder* "$WORK/usb/stick/"
+for i in $(seq 1000); do : >"$WORK/usb/local/n$i.txt"; done
+ln -s "$build/plugins/local-source/libmox_local_source.so" "$WORK/plugins/"
 "$build/mox-server/engine/src/mox-engine" &
 ENGINE_PID=$!
 engine_env_wait_for_name
@@ -102,23 +107,70 @@ while time.monotonic() < end:
     time.sleep(0.005)
 PY
 }
+# 1,000-item local list round trips (ms: request to the answer's signal),
+# one per line, for $1 seconds.
+probe_list() {
+  "$py" - "$1" "$WORK/usb/local" <<'PY'
+import json, sys, time
+from gi.repository import Gio, GLib
+bus = Gio.bus_get_sync(Gio.BusType.SYSTEM, None)
+N, P, I = "com.orvia.mox.engine", "/com/orvia/mox/engine", "com.orvia.mox.engine"
+done = []
+bus.signal_subscribe(N, I, "mox_request_normal_complete", P, None, Gio.DBusSignalFlags.NONE,
+                     lambda *a: done.append(json.loads(a[5].unpack()[0])))
+handle = bus.call_sync(N, P, I, "connect", GLib.Variant("(s)", ("libmox_local_source.so",)), None,
+                       Gio.DBusCallFlags.NONE, 10000, None).unpack()[0]
+def wait():
+    while not done:
+        GLib.MainContext.default().iteration(True)
+    return done.pop(0)
+end = time.monotonic() + float(sys.argv[1])
+n = 0
+while time.monotonic() < end:
+    n += 1
+    # A member the source ignores makes each list new (no cached answer).
+    doc = json.dumps({"mox_command": "mox_requestlist", "mox_source": ["mox_local_source"],
+                      "mox_folder_path": sys.argv[2], "bench_round": n})
+    t = time.monotonic()
+    bus.call(N, P, I, "get_partial_list", GLib.Variant("(uuus)", (handle, 0, 0, doc)), None,
+             Gio.DBusCallFlags.NONE, 60000, None, None)
+    ev = wait()
+    ms = (time.monotonic() - t) * 1000.0
+    name = ev.get("mox_result_list_block_name", "")
+    if not name:
+        sys.exit("local list failed: %s" % ev)
+    print(ms)
+    bus.call(N, P, I, "drop_partial_list", GLib.Variant("(us)", (handle, name)), None,
+             Gio.DBusCallFlags.NONE, 60000, None, None)
+    wait()
+    time.sleep(0.005)
+PY
+}
+median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 p99() { sort -n | awk '{a[NR]=$1} END {i=int(NR*0.99); if (i<1) i=1; print a[i]}'; }
 stats() { sort -n | awk '{a[NR]=$1} END {printf "median %.3f (range %.3f-%.3f)", a[int((NR+1)/2)], a[1], a[NR]}'; }
 
 rss_before=$(rss)
-: >"$WORK/idle"; : >"$WORK/first" ; : >"$WORK/replug"; : >"$WORK/floor"; : >"$WORK/walk"; : >"$WORK/walk-normal"; : >"$WORK/busy"
+: >"$WORK/idle"; : >"$WORK/list-idle"; : >"$WORK/list-busy"; : >"$WORK/first" ; : >"$WORK/replug"; : >"$WORK/floor"; : >"$WORK/walk"; : >"$WORK/walk-normal"; : >"$WORK/busy"
 for ((r = 0; r < rounds; r++)); do
   unplug
   rm -f "$MOX_LIBRARY_DIR"/*.db*
   # Idle right before each index: the machine's other load drifts less
   # between the two samples.
-  probe 2 >>"$WORK/idle"
+  # Both probes at once, idle as while indexing: each one's load weighs on
+  # the other alike.
+  probe 2 >>"$WORK/idle" &
+  idle_pid=$!
+  probe_list 2 >>"$WORK/list-idle" &
+  wait "$idle_pid" "$!"
   t0=$(now); plug
   probe 4 >>"$WORK/busy" &
   probe_pid=$!
+  probe_list 4 >>"$WORK/list-busy" &
+  list_pid=$!
   moxctl library wait "$WORK/usb/stick" >/dev/null
   t1=$(now)
-  wait "$probe_pid"
+  wait "$probe_pid" "$list_pid"
   echo "$files / ($t1 - $t0)" | bc -l >>"$WORK/first"
   gen=$(moxctl --json library status "$WORK/usb/stick" | "$py" -c 'import json,sys; print(json.load(sys.stdin)["generation"])')
   unplug
@@ -153,6 +205,10 @@ echo "re-plug unchanged: $(stats <"$WORK/replug") s from the plug to the ready n
 echo "  raw walk+stat (SCHED_IDLE): $(stats <"$WORK/walk") s -> $(echo "$replug / $walk" | bc -l | cut -c1-6)x (goal <= 1.5)"
 echo "  raw walk+stat (normal priority): $(stats <"$WORK/walk-normal") s"
 echo "get_usb_storages p99: idle $idle_p99 ms, while indexing $busy_p99 ms -> $(echo "$busy_p99 / $idle_p99" | bc -l | cut -c1-5)x (goal <= 2)"
+list_idle=$(median <"$WORK/list-idle")
+list_busy=$(median <"$WORK/list-busy")
+echo "1,000-item local list median: idle $list_idle ms ($(wc -l <"$WORK/list-idle") lists), while indexing" \
+  "$list_busy ms ($(wc -l <"$WORK/list-busy") lists) -> $(echo "$list_busy / $list_idle" | bc -l | cut -c1-5)x (goal <= 1.5)"
 echo "daemon RSS: $rss_before KiB before, $rss_after KiB after $rounds indexes of $files files" \
   "(+$((rss_after - rss_before)) KiB)"
 echo "load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"

@@ -16,6 +16,7 @@
 
 #include <glib.h>
 #include <json/json.h>
+#include <sqlite3.h>
 
 #include <mox/mox_types.h>
 #include <mox_host_paths.h>
@@ -110,6 +111,11 @@ CMOXLibrary::CMOXLibrary(IMOXSignalSink& sink, ClientsFn clients)
       m_clients(std::move(clients)),
       m_strDir(mox_host::LibraryDir()),
       m_nMaxBytes(BoundFromEnv("MOX_LIBRARY_MAX_BYTES", kMaxTotalBytes)) {
+    // Without memory statistics SQLite takes no process-wide lock per
+    // allocation: an indexer, at the lowest priority, holding it would make
+    // every other SQLite user wait. Refused once SQLite is in use (nothing lost).
+    if (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) != SQLITE_OK)
+        MOX_DEBUG("library: SQLite already in use, its memory statistics stay on.");
     m_bounds.nMaxRows = BoundFromEnv("MOX_LIBRARY_MAX_ROWS", m_bounds.nMaxRows);
     if (g_mkdir_with_parents(m_strDir.c_str(), 0700) != 0)
         MOX_WARN("library directory %s cannot be made (%s): volumes will not be indexed.", m_strDir.c_str(),
@@ -160,7 +166,7 @@ bool CMOXLibrary::Stop(std::chrono::milliseconds wait) {
         for (auto& pVolume : m_stopping) m_final.push_back(std::move(pVolume));
         m_stopping.clear();
     }
-    m_wake.notify_all();
+    m_Poke();
     // The ticker never waits on an indexer (it destroys finished ones only).
     if (m_ticker.joinable()) m_ticker.join();
     for (auto& pVolume : m_final) pVolume->RequestStop();
@@ -198,7 +204,7 @@ void CMOXLibrary::OnMounted(usb_device_h device) {
         VolumeIdOf(szUuid, usb_device_get_serial(device), usb_device_get_partlabel(device), nBytes);
     auto pVolume = std::make_unique<CMOXLibraryVolume>(
         strMount, strId, m_strDir + "/" + strId + ".db", UsersBusy(),
-        [this](const SMOXLibraryStatus& status) { m_Emit(status); }, [this] { return m_FitBudget(); }, m_bounds);
+        [this](const SMOXLibraryStatus& status) { m_Queue(status); }, [this] { return m_FitBudget(); }, m_bounds);
     mox::MutexLock lock(m_mutex);
     if (m_bQuit) return;
     for (const auto& entry : m_volumes) {
@@ -242,7 +248,7 @@ void CMOXLibrary::OnUnmounted(const std::string& strMountPath) {
         m_stopping.push_back(std::move(found->second));
         m_volumes.erase(found);
     }
-    m_wake.notify_all();
+    m_Poke();
 }
 
 void CMOXLibrary::NoteChanged(const std::string& strPath) {
@@ -368,42 +374,70 @@ void CMOXLibrary::m_Emit(const SMOXLibraryStatus& status) {
     for (const connect_info_s& client : m_clients()) m_sink.Emit(client, "mox_library_notification", strPayload);
 }
 
+void CMOXLibrary::m_Queue(const SMOXLibraryStatus& status) {
+    {
+        mox::MutexLock lock(m_reportMutex);
+        m_reports.push_back(status);
+    }
+    m_wake.notify_all();
+}
+
+void CMOXLibrary::m_Poke() {
+    {
+        mox::MutexLock lock(m_reportMutex);
+        m_bPoked = true;
+    }
+    m_wake.notify_all();
+}
+
 void CMOXLibrary::m_Ticker() {
+    auto nextTick = std::chrono::steady_clock::now() + kTick;
     for (;;) {
-        std::vector<std::unique_ptr<CMOXLibraryVolume>> stopped;
-        std::vector<SMOXLibraryStatus> busy;
+        std::vector<SMOXLibraryStatus> reports;
         {
-            mox::UniqueLock lock(m_mutex);
-            if (m_bQuit) return;
-            lock.WaitFor(m_wake, kTick);
+            mox::UniqueLock lock(m_reportMutex);
+            while (!m_bPoked && m_reports.empty()) {
+                if (lock.WaitUntil(m_wake, nextTick) == std::cv_status::timeout) break;
+            }
+            m_bPoked = false;
+            reports.swap(m_reports);
+        }
+        std::vector<std::unique_ptr<CMOXLibraryVolume>> stopped;
+        // Only this thread destroys volumes (Stop() joins it first): the
+        // pointers stay valid while their state is read outside the lock.
+        std::vector<CMOXLibraryVolume*> mounted;
+        {
+            mox::MutexLock lock(m_mutex);
             if (m_bQuit) return;
             stopped.swap(m_stopping);
-            for (auto& entry : m_volumes) {
-                SMOXLibraryStatus status = entry.second->Status();
-                if (status.strState == "indexing" || status.strState == "paused") busy.push_back(std::move(status));
-            }
+            for (auto& entry : m_volumes) mounted.push_back(entry.second.get());
         }
         // Joined outside the lock, and only once returned: a volume stuck on
         // a hung storage waits here for its next round.
         std::vector<std::unique_ptr<CMOXLibraryVolume>> running;
         for (auto& pVolume : stopped)
             if (!pVolume->Finished()) running.push_back(std::move(pVolume));
+        for (const SMOXLibraryStatus& status : reports) m_Emit(status);
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= nextTick) {
+            nextTick = now + kTick;
+            for (CMOXLibraryVolume* pVolume : mounted) {
+                const SMOXLibraryStatus status = pVolume->Status();
+                if (status.strState == "indexing" || status.strState == "paused") m_Emit(status);
+            }
+        }
+        mounted.clear();
         stopped.clear();
         if (!running.empty()) {
             mox::MutexLock lock(m_mutex);
             for (auto& pVolume : running) m_stopping.push_back(std::move(pVolume));
         }
-        for (const SMOXLibraryStatus& status : busy) m_Emit(status);
     }
 }
 
 bool CMOXLibrary::m_FitBudget() {
+    // Called by indexers: m_mutex only when something must go.
     mox::MutexLock budgetLock(m_budgetMutex);
-    std::vector<std::string> mounted;
-    {
-        mox::MutexLock lock(m_mutex);
-        for (auto& entry : m_volumes) mounted.push_back(entry.second->DbPath());
-    }
     struct SFile {
         std::string strDb;
         int64_t nBytes = 0;
@@ -430,6 +464,11 @@ bool CMOXLibrary::m_FitBudget() {
         if (EndsWith(strName, ".db")) file.tTime = st.st_mtime;
     }
     if (nTotal <= m_nMaxBytes) return true;
+    std::vector<std::string> mounted;
+    {
+        mox::MutexLock lock(m_mutex);
+        for (auto& entry : m_volumes) mounted.push_back(entry.second->DbPath());
+    }
     std::vector<SFile> candidates;
     for (auto& entry : files)
         if (std::find(mounted.begin(), mounted.end(), entry.first) == mounted.end()) candidates.push_back(entry.second);

@@ -14,7 +14,11 @@
 // a stopped volume is joined by the library's own ticker thread. m_mutex
 // guards the volume tables and is never held while signals are sent or a
 // thread is joined (lock order: storage manager, then m_mutex, then a
-// volume's own mutex).
+// volume's own mutex). Indexers run at the lowest priority, so a lock they
+// hold may stay held for long while other work runs: they never take a lock
+// the main loop takes (the clients' list, the bus connection, m_mutex in the
+// common case). Their notifications are queued (m_reportMutex, shared with
+// the ticker only) and sent by the ticker.
 #pragma once
 
 #include <atomic>
@@ -80,6 +84,10 @@ private:
     std::vector<SMOXLibraryVolumeState> m_VolumeStates();
     void m_Ticker();
     void m_Emit(const SMOXLibraryStatus& status);
+    // An indexer's notification, sent by the ticker (any thread).
+    void m_Queue(const SMOXLibraryStatus& status);
+    // Wakes the ticker (no lock held).
+    void m_Poke();
     // Keeps the index files below kMaxTotalBytes by dropping those of
     // volumes not mounted, oldest first; false when that is not enough.
     bool m_FitBudget();
@@ -97,7 +105,10 @@ private:
     // Every volume, after Stop() took them.
     std::vector<std::unique_ptr<CMOXLibraryVolume>> m_final;
     bool m_bQuit GUARDED_BY(m_mutex) = false;
-    std::condition_variable m_wake;
-    mox::Mutex m_budgetMutex;  // one eviction at a time
+    mox::Mutex m_reportMutex;  // never held with m_mutex
+    std::vector<SMOXLibraryStatus> m_reports GUARDED_BY(m_reportMutex);
+    bool m_bPoked GUARDED_BY(m_reportMutex) = false;
+    std::condition_variable m_wake;  // with m_reportMutex
+    mox::Mutex m_budgetMutex;        // one eviction at a time
     std::thread m_ticker;
 };

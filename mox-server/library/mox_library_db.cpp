@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -267,23 +268,49 @@ int CMOXLibraryDb::SetMeta(const char* szKey, const std::string& strValue) {
     return Run(m_setMeta);
 }
 
-int CMOXLibraryDb::FolderRows(const std::string& strParent, std::unordered_map<std::string, SMOXLibraryRow>& out) {
-    out.clear();
+void CMOXFolderRows::Clear() {
+    m_names.clear();
+    m_items.clear();
+}
+
+void CMOXFolderRows::Add(std::string_view name, const SMOXLibraryRow& row) {
+    Item item;
+    item.nName = static_cast<uint32_t>(m_names.size());
+    item.nLength = static_cast<uint32_t>(name.size());
+    item.row = row;
+    m_names.append(name.data(), name.size());
+    m_items.push_back(item);
+}
+
+void CMOXFolderRows::Sort() {
+    std::sort(m_items.begin(), m_items.end(), [this](const Item& a, const Item& b) { return NameOf(a) < NameOf(b); });
+}
+
+const SMOXLibraryRow* CMOXFolderRows::Find(std::string_view name) const {
+    const auto found = std::lower_bound(m_items.begin(), m_items.end(), name,
+                                        [this](const Item& item, std::string_view key) { return NameOf(item) < key; });
+    return found != m_items.end() && NameOf(*found) == name ? &found->row : nullptr;
+}
+
+int CMOXLibraryDb::FolderRows(std::string_view strParent, CMOXFolderRows& out) {
+    out.Clear();
     m_folder.BindBlob(1, strParent);
     const size_t nSkip = strParent.empty() ? 0 : strParent.size() + 1;
     int rc;
+    SMOXLibraryRow row;
     while ((rc = m_folder.Step()) == SQLITE_ROW) {
         const std::string_view rel = m_folder.View(6);
         if (rel.size() <= nSkip) continue;
-        SMOXLibraryRow& row = out[std::string(rel.substr(nSkip))];
         row.nId = m_folder.Int(0);
         row.nSize = m_folder.Int(1);
         row.nTime = m_folder.Int(2);
         row.nState = static_cast<int>(m_folder.Int(3));
         row.nMediaType = static_cast<int>(m_folder.Int(4));
         row.bFolder = m_folder.Int(5) != 0;
+        out.Add(rel.substr(nSkip), row);
     }
     m_folder.Reset();
+    out.Sort();
     return rc == SQLITE_DONE ? SQLITE_OK : rc;
 }
 

@@ -23,6 +23,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -36,6 +37,28 @@ struct SMOXLibraryRow {
     int nState = 0;
     int nMediaType = 0;
     bool bFolder = false;
+};
+
+// The rows of one folder by file name (raw bytes), sorted for a binary
+// search; the buffers are kept from one folder to the next.
+class CMOXFolderRows {
+public:
+    void Clear();
+    void Add(std::string_view name, const SMOXLibraryRow& row);
+    // After the last Add().
+    void Sort();
+    const SMOXLibraryRow* Find(std::string_view name) const;
+    size_t Size() const { return m_items.size(); }
+
+private:
+    struct Item {
+        uint32_t nName = 0;
+        uint32_t nLength = 0;
+        SMOXLibraryRow row;
+    };
+    std::string_view NameOf(const Item& item) const { return {m_names.data() + item.nName, item.nLength}; }
+    std::string m_names;
+    std::vector<Item> m_items;
 };
 
 // What a volume's index file says of it, read without the indexer.
@@ -85,9 +108,8 @@ public:
     void GenerationCommitted(int64_t nGeneration) { m_nGeneration = nGeneration; }
     int SetMeta(const char* szKey, const std::string& strValue);
 
-    // The rows whose parent folder is strParent, by file name as raw bytes
-    // (the map is cleared first; its buckets are kept for the next folder).
-    int FolderRows(const std::string& strParent, std::unordered_map<std::string, SMOXLibraryRow>& out);
+    // The rows whose parent folder is strParent (`out` is cleared first).
+    int FolderRows(std::string_view strParent, CMOXFolderRows& out);
     // SQLITE_ROW (row filled), SQLITE_DONE (absent) or an error.
     int Lookup(const std::string& strRelPath, SMOXLibraryRow& row);
     int Insert(const std::string& strRelPath, const std::string& strParent, const std::string& strFileName,

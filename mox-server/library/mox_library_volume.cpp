@@ -31,9 +31,12 @@
 
 namespace {
 
-constexpr int kWalkBatch = 128;      // entries drained from the scan list at once
-constexpr int kScanListSize = 1024;  // the scan list's bound
-constexpr int kExtractBatch = 16;    // files extracted between two stores
+// Published states, by index (the first is the default).
+const char* const kStates[] = {"indexing", "ready", "paused", "failed"};
+constexpr int kScanListSize = 4096;  // the scan list's bound (entries queued)
+// The longest wait for a run of the walk: stop and users are checked between.
+constexpr auto kWalkWait = std::chrono::milliseconds(50);
+constexpr int kExtractBatch = 16;  // files extracted between two stores
 // A transaction of the walk or the extraction stays open this long (or for
 // this many rows, a bound of its log on a fast machine): every commit writes
 // the touched pages of nine indices and the text index to the log again, so
@@ -148,7 +151,7 @@ void CMOXLibraryVolume::Join() {
 
 void CMOXLibraryVolume::Rescan() {
     {
-        mox::MutexLock lock(m_mutex);
+        mox::MutexLock lock(m_noticeMutex);
         m_bRescan = true;
     }
     const uint64_t one = 1;
@@ -168,7 +171,7 @@ void CMOXLibraryVolume::NoteChanged(const std::string& strPath) {
     const std::string strRel = m_Relative(strPath);
     if (strRel.empty()) return;
     {
-        mox::MutexLock lock(m_mutex);
+        mox::MutexLock lock(m_noticeMutex);
         m_QueueNotice(strRel);
     }
     const uint64_t one = 1;
@@ -176,11 +179,16 @@ void CMOXLibraryVolume::NoteChanged(const std::string& strPath) {
 }
 
 SMOXLibraryStatus CMOXLibraryVolume::Status() {
+    // From the published copy: a reader never waits for the indexer, which
+    // may hold its own lock for long at its priority.
     SMOXLibraryStatus status;
-    {
-        mox::MutexLock lock(m_mutex);
-        status = m_status;
-    }
+    status.strMountPath = m_strMountPath;
+    status.strVolumeId = m_strVolumeId;
+    status.strState = kStates[m_nPubState.load()];
+    status.nDone = m_nPubDone.load();
+    status.nTotal = m_nPubTotal.load();
+    status.nGeneration = m_nPubGeneration.load();
+    for (int i = 0; i < 4; ++i) status.counts[i] = m_nPubCounts[i].load();
     struct stat st;
     status.nDbBytes = 0;
     for (const char* szSuffix : {"", "-wal"})
@@ -214,6 +222,11 @@ void CMOXLibraryVolume::m_Thread() {
         m_SetState("failed", true);
     }
     if (m_bInTransaction) m_db.Rollback();
+    m_bInTransaction = false;
+    if (!m_bMountRecorded && !m_bCorrupt && !m_bFull && m_db.Begin() == SQLITE_OK) {
+        // Not a change: the generation stays.
+        if (m_RecordMount() != SQLITE_OK || m_db.Commit() != SQLITE_OK) m_db.Rollback();
+    }
     if (m_bCorrupt)
         m_db.MoveAside();
     else
@@ -241,10 +254,23 @@ void CMOXLibraryVolume::m_SetState(const char* szState, bool bReport) {
         mox::MutexLock lock(m_mutex);
         m_status.strState = szState;
     }
+    m_Publish();
     if (bReport) m_Report();
 }
 
+void CMOXLibraryVolume::m_Publish() {
+    mox::MutexLock lock(m_mutex);
+    int nState = 0;
+    while (nState < 3 && m_status.strState != kStates[nState]) ++nState;
+    m_nPubState = nState;
+    m_nPubDone = m_status.nDone;
+    m_nPubTotal = m_status.nTotal;
+    m_nPubGeneration = m_status.nGeneration;
+    for (int i = 0; i < 4; ++i) m_nPubCounts[i] = m_status.counts[i];
+}
+
 void CMOXLibraryVolume::m_Report() {
+    m_Publish();
     if (m_reporter) m_reporter(Status());
 }
 
@@ -255,9 +281,12 @@ void CMOXLibraryVolume::m_UpdateCounts() {
     m_nRows = nRows;
     // For the status of the volume once it is unmounted.
     if (!m_bInTransaction && !m_bFull) m_db.SaveCounts(counts);
-    mox::MutexLock lock(m_mutex);
-    for (int i = 0; i < 4; ++i) m_status.counts[i] = counts[i];
-    m_status.nGeneration = m_db.Generation();
+    {
+        mox::MutexLock lock(m_mutex);
+        for (int i = 0; i < 4; ++i) m_status.counts[i] = counts[i];
+        m_status.nGeneration = m_db.Generation();
+    }
+    m_Publish();
 }
 
 void CMOXLibraryVolume::m_Run() {
@@ -268,12 +297,10 @@ void CMOXLibraryVolume::m_Run() {
         m_SetState("failed", true);
         return;
     }
-    // One small transaction (not a change: the generation stays).
-    if (m_db.Begin() == SQLITE_OK) {
-        const bool bOk = m_db.SetMeta("mount_path", m_strMountPath) == SQLITE_OK &&
-                         m_db.SetMeta("last_mounted", std::to_string(time(nullptr))) == SQLITE_OK;
-        if (!bOk || m_db.Commit() != SQLITE_OK) m_db.Rollback();
-    }
+    // Where and when it was mounted goes with the first change, or at the
+    // end: a re-plug that changes nothing commits nothing until then.
+    m_tMounted = time(nullptr);
+    m_bMountRecorded = false;
     m_UpdateCounts();
     std::string strRel;
     CMOXConfinedPath root(mox_host::UsbRoot());
@@ -316,7 +343,7 @@ void CMOXLibraryVolume::m_Run() {
         if (m_inotifyFd.IsValid() && (fds[1].revents & POLLIN)) m_ReadInotify();
         if (Stopping()) break;
         {
-            mox::MutexLock lock(m_mutex);
+            mox::MutexLock lock(m_noticeMutex);
             bScan = m_bRescan;
             m_bRescan = false;
         }
@@ -332,6 +359,9 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
         m_status.strState = "indexing";
         m_status.nDone = 0;
         m_status.nTotal = 0;
+    }
+    {
+        mox::MutexLock lock(m_noticeMutex);
         m_notices.clear();  // the walk sees what they name
     }
     m_Report();
@@ -351,6 +381,23 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
     m_seen.clear();
     m_seen.shrink_to_fit();
     return eResult;
+}
+
+int CMOXLibraryVolume::m_RecordMount() {
+    int rc = m_db.SetMeta("mount_path", m_strMountPath);
+    if (rc == SQLITE_OK) rc = m_db.SetMeta("last_mounted", std::to_string(m_tMounted));
+    m_bMountRecorded = rc == SQLITE_OK;
+    return rc;
+}
+
+void CMOXLibraryVolume::m_AddProgress(int64_t nFiles, int64_t nDone) {
+    if (nFiles == 0 && nDone == 0) return;
+    {
+        mox::MutexLock lock(m_mutex);
+        m_status.nTotal += nFiles;
+        m_status.nDone += nDone;
+    }
+    m_Publish();
 }
 
 void CMOXLibraryVolume::m_MarkSeen(int64_t nId) {
@@ -377,9 +424,13 @@ bool CMOXLibraryVolume::m_WaitWhileBusy() {
         strBefore = m_status.strState;
         m_status.strState = "paused";
     }
+    m_Publish();
     while (m_rUsersBusy.load() && !Stopping()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    mox::MutexLock lock(m_mutex);
-    m_status.strState = strBefore;
+    {
+        mox::MutexLock lock(m_mutex);
+        m_status.strState = strBefore;
+    }
+    m_Publish();
     return !Stopping();
 }
 
@@ -417,6 +468,7 @@ bool CMOXLibraryVolume::m_Change(int& rc) {
     rc = m_db.Begin();
     if (rc != SQLITE_OK) return m_Fail(rc, "begin");
     m_bInTransaction = true;
+    if (!m_bMountRecorded && (rc = m_RecordMount()) != SQLITE_OK) return m_Fail(rc, "begin");
     m_transactionStart = Clock::now();
     m_nTransactionRows = 0;
     m_nNextGeneration = m_db.Generation() + 1;
@@ -431,8 +483,11 @@ bool CMOXLibraryVolume::m_Commit(int& rc) {
     if (rc != SQLITE_OK) return m_Fail(rc, "commit");
     m_bInTransaction = false;
     m_db.GenerationCommitted(m_nNextGeneration);
-    mox::MutexLock lock(m_mutex);
-    m_status.nGeneration = m_nNextGeneration;
+    {
+        mox::MutexLock lock(m_mutex);
+        m_status.nGeneration = m_nNextGeneration;
+    }
+    m_Publish();
     return true;
 }
 
@@ -533,6 +588,7 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
     option.bFilterByExtension = true;
     option.nListSize = kScanListSize;
     option.nPriority = 2;
+    option.bBatches = true;
     EScan eResult = EScan::kComplete;
     if (scanner.SetScannerOption(option) != MOX_SCAN_OK || scanner.Start() != MOX_SCAN_OK) {
         MOX_WARN("library %s: the walk cannot start.", m_strMountPath.c_str());
@@ -540,14 +596,14 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
         return EScan::kFailed;
     }
     m_Watch(std::string());
-    std::vector<SMOXFileInfo> batch;
-    batch.reserve(kWalkBatch);
-    // The known rows of the folder being walked, read in one query when the
-    // walk enters it: an unchanged entry costs no query of its own.
-    std::unordered_map<std::string, SMOXLibraryRow> known;
+    // Whole runs of the walk at once; an entry whose size and time match its
+    // row costs a binary search in its folder's rows, read in one query when
+    // the walk enters the folder, and no allocation.
+    SMOXScanBatch batch;
+    CMOXFolderRows known;
     std::string strKnownBase;
     bool bKnownLoaded = false;
-    std::string strParent, strRel;
+    std::string strParent, strRel, strName;
     bool bPaused = false;
     int rc = SQLITE_OK;
     m_nDoneUnreported = 0;
@@ -565,28 +621,25 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
             scanner.Resume();
             bPaused = false;
         }
-        batch.clear();
-        const int nPop = scanner.GetFileInfoList(kWalkBatch, batch);
-        if (nPop == MOX_SCAN_END) {
+        const int nTake = scanner.TakeBatch(batch, kWalkWait);
+        if (nTake == MOX_SCAN_END) {
             bWalkComplete = true;
             break;
         }
-        if (batch.empty()) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-            continue;
-        }
+        if (nTake != MOX_SCAN_OK) continue;
         bool bOk = true;
         int64_t nFiles = 0;
-        for (const SMOXFileInfo& info : batch) {
-            if (info.nType != MOX_SCANNER_TYPE_DIR && info.nType != MOX_SCANNER_TYPE_FILE) continue;
-            if (info.bParentLink) continue;
-            const bool bFolder = info.nType == MOX_SCANNER_TYPE_DIR;
-            if (!bFolder && info.nExtensionGroup == 0) continue;
-            if (!bKnownLoaded || info.strBasePath != strKnownBase) {
+        for (const SMOXScanBatch::Entry& entry : batch.entries) {
+            if (entry.nType != MOX_SCANNER_TYPE_DIR && entry.nType != MOX_SCANNER_TYPE_FILE) continue;
+            const bool bFolder = entry.nType == MOX_SCANNER_TYPE_DIR;
+            if (!bFolder && entry.nExtensionGroup == 0) continue;
+            const std::string_view folder = batch.Folder(entry);
+            if (!bKnownLoaded || folder != strKnownBase) {
                 bKnownLoaded = false;
+                strKnownBase.assign(folder.data(), folder.size());
                 strParent.clear();
-                if (info.strBasePath != m_strMountPath) {
-                    strParent = m_Relative(info.strBasePath);
+                if (strKnownBase != m_strMountPath) {
+                    strParent = m_Relative(strKnownBase);
                     if (strParent.empty()) continue;  // never outside the mount
                 }
                 rc = m_db.FolderRows(strParent, known);
@@ -594,25 +647,35 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
                     bOk = m_Fail(rc, "read");
                     break;
                 }
-                strKnownBase = info.strBasePath;
                 bKnownLoaded = true;
             }
-            strRel = JoinRel(strParent, info.strName);
-            const auto found = known.find(info.strName);
+            const std::string_view name = batch.Name(entry);
+            const int nMediaType = bFolder ? 0 : entry.nExtensionGroup;
+            const int64_t nSize = bFolder ? 0 : entry.llFileSize;
+            const SMOXLibraryRow* pKnown = known.Find(name);
+            if (pKnown != nullptr && pKnown->bFolder == bFolder && pKnown->nTime == entry.tModified &&
+                (bFolder || pKnown->nSize == nSize)) {
+                // Unchanged: only seen.
+                m_MarkSeen(pKnown->nId);
+                if (bFolder) {
+                    m_Watch(JoinRel(strParent, std::string(name)));
+                } else {
+                    ++nFiles;
+                    if (pKnown->nState != 0) ++m_nDoneUnreported;
+                }
+                continue;
+            }
+            strName.assign(name.data(), name.size());
+            strRel = JoinRel(strParent, strName);
             bool bIndexed = false;
-            bOk = m_WriteKnown(strRel, strParent, info.strName, bFolder, bFolder ? 0 : info.nExtensionGroup,
-                               bFolder ? 0 : info.llFileSize, info.tModified, true,
-                               found == known.end() ? nullptr : &found->second, rc, &bIndexed);
+            bOk = m_WriteKnown(strRel, strParent, strName, bFolder, nMediaType, nSize, entry.tModified, true, pKnown,
+                               rc, &bIndexed);
             if (!bOk) break;
             if (!bFolder && bIndexed) ++nFiles;
             if (bFolder) m_Watch(strRel);
         }
         if (bOk && m_CommitDue()) bOk = m_Commit(rc);
-        {
-            mox::MutexLock lock(m_mutex);
-            m_status.nTotal += nFiles;
-            m_status.nDone += m_nDoneUnreported;
-        }
+        m_AddProgress(nFiles, m_nDoneUnreported);
         m_nDoneUnreported = 0;
         if (!bOk) {
             eResult = EScan::kFailed;
@@ -804,7 +867,7 @@ void CMOXLibraryVolume::m_ReadInotify() {
             const auto* ev = reinterpret_cast<const struct inotify_event*>(buf + off);
             off += static_cast<ssize_t>(sizeof(struct inotify_event) + ev->len);
             if (ev->mask & IN_Q_OVERFLOW) {
-                mox::MutexLock lock(m_mutex);
+                mox::MutexLock lock(m_noticeMutex);
                 m_bRescan = true;
                 continue;
             }
@@ -818,7 +881,7 @@ void CMOXLibraryVolume::m_ReadInotify() {
             // A file being created is indexed when it is closed.
             if ((ev->mask & IN_CREATE) && !(ev->mask & IN_ISDIR)) continue;
             const std::string strRel = JoinRel(found->second, ev->name);
-            mox::MutexLock lock(m_mutex);
+            mox::MutexLock lock(m_noticeMutex);
             m_QueueNotice(strRel);
         }
     }
@@ -827,7 +890,7 @@ void CMOXLibraryVolume::m_ReadInotify() {
 void CMOXLibraryVolume::m_ProcessNotices() {
     std::deque<std::string> notices;
     {
-        mox::MutexLock lock(m_mutex);
+        mox::MutexLock lock(m_noticeMutex);
         notices.swap(m_notices);
     }
     if (notices.empty()) return;
@@ -873,7 +936,7 @@ void CMOXLibraryVolume::m_ProcessNotices() {
         if (bFolder && m_db.Lookup(strRel, known) == SQLITE_DONE) {
             // A folder moved in brings its contents: a rescan (quick for
             // what did not change) finds them.
-            mox::MutexLock lock(m_mutex);
+            mox::MutexLock lock(m_noticeMutex);
             m_bRescan = true;
         }
         if (!m_WriteEntry(strRel, strParent, strName, bFolder, nGroup, bFolder ? 0 : st.st_size, st.st_mtime, false,

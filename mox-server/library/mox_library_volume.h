@@ -16,13 +16,17 @@
 // are served (the shared busy flag): the scanner is paused.
 //
 // Threads and locks: public operations are called from any thread and take
-// m_mutex only briefly; the status callback runs on the volume's thread with
-// no lock held.
+// m_noticeMutex only briefly; the status callback runs on the volume's thread
+// with no lock held. The thread runs at the lowest priority, so a lock it
+// holds may stay held for long: Status() takes none (it reads the copy the
+// thread publishes), and m_mutex, which guards the thread's working status,
+// is the thread's own.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <deque>
 #include <functional>
 #include <string>
@@ -115,6 +119,10 @@ private:
     // The open transaction has run long enough to be committed.
     bool m_CommitDue() const;
     void m_MarkSeen(int64_t nId);
+    // Inside a transaction: "mount_path" and "last_mounted" of this mount.
+    int m_RecordMount();
+    // The walk's progress: files found, and unchanged ones done.
+    void m_AddProgress(int64_t nFiles, int64_t nDone);
     // SCHED_IDLE and the idle I/O class for the calling (indexer) thread.
     void m_LowestPriority();
     void m_SetState(const char* szState, bool bReport);
@@ -123,7 +131,9 @@ private:
     int m_OpenBeneath(const std::string& strRel, int nFlags);
     std::string m_Relative(const std::string& strAbsolute) const;
     // Queues a changed path; past the bound, one rescan covers them all.
-    void m_QueueNotice(const std::string& strRel) REQUIRES(m_mutex);
+    void m_QueueNotice(const std::string& strRel) REQUIRES(m_noticeMutex);
+    // Copies the working status to the published one (the thread only).
+    void m_Publish();
     bool Stopping() const { return m_bStop.load(); }
 
     const std::string m_strMountPath;
@@ -141,8 +151,16 @@ private:
 
     mox::Mutex m_mutex;
     SMOXLibraryStatus m_status GUARDED_BY(m_mutex);
-    std::deque<std::string> m_notices GUARDED_BY(m_mutex);  // relative paths
-    bool m_bRescan GUARDED_BY(m_mutex) = false;
+    // The status as last published: state (index into the state names),
+    // progress, generation, counts.
+    std::atomic<int> m_nPubState{0};
+    std::atomic<int64_t> m_nPubDone{0};
+    std::atomic<int64_t> m_nPubTotal{0};
+    std::atomic<int64_t> m_nPubGeneration{0};
+    std::atomic<int64_t> m_nPubCounts[4] = {};
+    mox::Mutex m_noticeMutex;
+    std::deque<std::string> m_notices GUARDED_BY(m_noticeMutex);  // relative paths
+    bool m_bRescan GUARDED_BY(m_noticeMutex) = false;
 
     // The thread's own state (never touched by other threads).
     CMOXLibraryDb m_db;
@@ -165,4 +183,6 @@ private:
     bool m_bCorrupt = false;        // SQLite found the file damaged: moved aside at the end
     int64_t m_nDoneUnreported = 0;  // unchanged files seen, added to the status per batch
     int m_nInsertsSinceBudget = 0;
+    time_t m_tMounted = 0;
+    bool m_bMountRecorded = false;  // this mount's meta is in the index
 };

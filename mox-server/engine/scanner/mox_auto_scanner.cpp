@@ -22,6 +22,17 @@ constexpr int kNiceOfPriority[] = {0, 5, 10};
 
 using Lock = mox::MutexLock;
 
+// What the walk presets for each entry (a link keeps the file type).
+void PresetEntry(SMOXFileInfo& info) {
+    info.nType = MOX_SCANNER_TYPE_FILE;
+    info.nExtensionGroup = 0;
+    info.eExtension = 0;
+    info.strExtensionName.clear();
+    info.bDetailFilled = false;
+    info.llFileSize = 0;
+    info.tModified = info.tCreated = 0;
+}
+
 }  // namespace
 
 CMOXAutoScanner::CMOXAutoScanner() = default;
@@ -125,13 +136,18 @@ void CMOXAutoScanner::t_Process() {
             MOX_WARN("End of Scan --->>> Abort");
             if (Stop() != MOX_SCAN_ALREADY_STOPPED) OnCallback();
         }
-        bool bDelay;
+        bool bDelay, bBatches;
         {
             Lock lock(m_scannerMutex);
             bDelay = m_bDelay;
             m_bDelay = false;
+            bBatches = m_option.bBatches;
         }
-        if (bDelay) g_usleep(static_cast<gulong>(m_nDelayUs.load()));
+        // A full list in batches wakes the walk as soon as a run is taken.
+        if (bDelay && bBatches)
+            m_scanList.WaitForRoom(std::chrono::microseconds(m_nDelayUs.load()));
+        else if (bDelay)
+            g_usleep(static_cast<gulong>(m_nDelayUs.load()));
     }
     m_bRunning = false;
     MOX_INFO("Thread(%s) t_Process end...", m_strName.c_str());
@@ -274,6 +290,10 @@ int CMOXAutoScanner::GetFileInfo(SMOXFileInfo& info) {
     return MOX_SCAN_OK;
 }
 
+int CMOXAutoScanner::TakeBatch(SMOXScanBatch& batch, std::chrono::milliseconds wait) {
+    return m_scanList.PopBatch(batch, wait);
+}
+
 int CMOXAutoScanner::GetFileInfoList(int nCount, std::vector<SMOXFileInfo>& out) {
     size_t nBefore = out.size();
     int nResult = m_scanList.PopList(nCount, out);
@@ -350,14 +370,7 @@ int CMOXAutoScanner::DoCheckAction() {
     SMOXFileInfo info;
     int nResult = MOX_SCAN_SKIPPED;
     for (int n = 0; n < kCheckRun && (nResult == MOX_SCAN_OK || nResult == MOX_SCAN_SKIPPED); ++n) {
-        // What the walk presets for each entry (a link keeps the file type).
-        info.nType = MOX_SCANNER_TYPE_FILE;
-        info.nExtensionGroup = 0;
-        info.eExtension = 0;
-        info.strExtensionName.clear();
-        info.bDetailFilled = false;
-        info.llFileSize = 0;
-        info.tModified = info.tCreated = 0;
+        PresetEntry(info);
         nResult = m_pDirScanner->ReadFileInfo(info);
         if (nResult == MOX_SCAN_OK) {
             if (info.nType == MOX_SCANNER_TYPE_FILE) {
@@ -394,6 +407,7 @@ int CMOXAutoScanner::DoCheckAction() {
 
 int CMOXAutoScanner::DoNormalAction() {
     Lock lock(m_scannerMutex);
+    if (m_option.bBatches) return DoBatchAction();
     if (m_bOverflow) {
         if (m_scanList.Push(m_heldEntry) == MOX_SCAN_OK) {
             m_bOverflow = false;
@@ -430,6 +444,36 @@ int CMOXAutoScanner::DoNormalAction() {
     return nResult;
 }
 
+int CMOXAutoScanner::DoBatchAction() {
+    if (m_bOverflow) {
+        if (m_scanList.PushBatch(m_fill, false) != MOX_SCAN_OK) {
+            m_bDelay = true;
+            return MOX_SCAN_BUSY;
+        }
+        m_bOverflow = false;
+    }
+    if (!m_pDirScanner) {
+        m_bDelay = true;
+        return MOX_SCAN_BUSY;
+    }
+    int nResult = MOX_SCAN_SKIPPED;
+    for (int n = 0; n < kBatchRun && (nResult == MOX_SCAN_OK || nResult == MOX_SCAN_SKIPPED); ++n) {
+        PresetEntry(m_walkEntry);
+        nResult = m_pDirScanner->ReadFileInfo(m_walkEntry);
+        if (nResult == MOX_SCAN_OK) m_fill.Add(m_walkEntry);
+    }
+    // The walk's last run is queued whatever the bound: the end follows it.
+    const bool bLast = nResult == MOX_SCAN_END || nResult == MOX_SCAN_FAIL || nResult == MOX_SCAN_BAD_ARGUMENT ||
+                       nResult == MOX_SCAN_NO_DIR;
+    if (nResult != MOX_SCAN_OK && nResult != MOX_SCAN_SKIPPED && nResult != MOX_SCAN_END)
+        MOX_WARN("NOT handle(%d)...", nResult);
+    if (!m_fill.entries.empty() && m_scanList.PushBatch(m_fill, bLast) != MOX_SCAN_OK) {
+        m_bOverflow = true;
+        m_bDelay = true;
+    }
+    return nResult;
+}
+
 void CMOXAutoScanner::SetState(IMOXScannerState* pState) {
     // The states run inside the public operations, which hold m_stateMutex;
     // the analysis cannot follow the virtual call through m_pState.
@@ -449,6 +493,7 @@ bool CMOXAutoScanner::CreateNewScanner() {
     Lock lock(m_scannerMutex);
     if (!m_pDirScanner) {
         m_bOverflow = false;
+        m_fill.Clear();
         m_scanList.Release();
         m_nMediaCount = 0;
         m_heldEntry = SMOXFileInfo();
@@ -477,6 +522,7 @@ void CMOXAutoScanner::Initialize() {
     {
         Lock lock(m_scannerMutex);
         m_bOverflow = false;
+        m_fill.Clear();
     }
     m_scanList.Release();
 }

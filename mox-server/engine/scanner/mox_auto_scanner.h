@@ -12,6 +12,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -53,6 +54,13 @@ public:
     void GetScannerOption(SMOXScannerOption& option);
     int GetFileInfo(SMOXFileInfo& info);
     int GetFileInfoList(int nCount, std::vector<SMOXFileInfo>& out);
+    // A scan in batches: the oldest run of entries, swapped into `batch`
+    // (whose buffers go back to the walk), waiting up to `wait` for one. 0,
+    // -7 at the end of the scan, -8 when none came.
+    int TakeBatch(SMOXScanBatch& batch, std::chrono::milliseconds wait);
+    // Most entries read (and so handed over) in one step of a scan in
+    // batches: Pause and Stop wait for one step at most.
+    static constexpr int kBatchRun = 256;
     void SetPriority(int nPriority);
     void SetDelayTime(int nMs);
     bool IsVisitedDIR(const std::string& path);
@@ -79,6 +87,9 @@ private:
     int DoCheckAction();
     static constexpr int kCheckRun = 256;
     int DoNormalAction();
+    // Normal mode in batches: up to kBatchRun entries read and handed over
+    // in one run (one lock of the list).
+    int DoBatchAction() REQUIRES(m_scannerMutex);
     bool IsBasePathChanged(const std::string& path) REQUIRES(m_scannerMutex);
     // Called by the states with m_stateMutex held.
     void SetState(IMOXScannerState* pState);
@@ -97,6 +108,10 @@ private:
     mox::Mutex m_scannerMutex;
     SMOXScannerOption m_option GUARDED_BY(m_scannerMutex);
     SMOXFileInfo m_heldEntry GUARDED_BY(m_scannerMutex);
+    // A scan in batches: the record the walk reads into (its buffers kept)
+    // and the run being filled, held while the list is full.
+    SMOXFileInfo m_walkEntry GUARDED_BY(m_scannerMutex);
+    SMOXScanBatch m_fill GUARDED_BY(m_scannerMutex);
     std::unique_ptr<CMOXUsbScanner> m_pDirScanner GUARDED_BY(m_scannerMutex);
     std::string m_strFirstPath GUARDED_BY(m_scannerMutex);
     std::string m_strPreviousPath GUARDED_BY(m_scannerMutex);

@@ -1,6 +1,40 @@
 #include "mox_scan_list.h"
 
+#include <utility>
+
 using Lock = mox::MutexLock;
+
+namespace {
+constexpr size_t kMaxSpareBatches = 4;
+}
+
+void SMOXScanBatch::Clear() {
+    text.clear();
+    entries.clear();
+    m_bHasFolder = false;
+}
+
+void SMOXScanBatch::Add(const SMOXFileInfo& info) {
+    const std::string& folder = info.strBasePath;
+    if (!m_bHasFolder || m_nLastFolderLength != folder.size() ||
+        text.compare(m_nLastFolder, m_nLastFolderLength, folder) != 0) {
+        m_nLastFolder = static_cast<uint32_t>(text.size());
+        m_nLastFolderLength = static_cast<uint32_t>(folder.size());
+        m_bHasFolder = true;
+        text += folder;
+    }
+    Entry entry;
+    entry.nFolder = m_nLastFolder;
+    entry.nFolderLength = m_nLastFolderLength;
+    entry.nName = static_cast<uint32_t>(text.size());
+    entry.nNameLength = static_cast<uint32_t>(info.strName.size());
+    text += info.strName;
+    entry.nType = info.nType;
+    entry.nExtensionGroup = info.nExtensionGroup;
+    entry.tModified = info.tModified;
+    entry.llFileSize = info.llFileSize;
+    entries.push_back(entry);
+}
 
 void CMOXScanList::SetListSize(int nSize) {
     Lock lock(m_mutex);
@@ -71,8 +105,12 @@ void CMOXScanList::PushStartFlag() {
 }
 
 void CMOXScanList::PushEndFlag() {
-    Lock lock(m_mutex);
-    m_list.push_back(SMOXFileInfo::Marker(MOX_SCANNER_END_FLAG));
+    {
+        Lock lock(m_mutex);
+        m_list.push_back(SMOXFileInfo::Marker(MOX_SCANNER_END_FLAG));
+        m_bEnd = true;
+    }
+    m_batchPushed.notify_all();
 }
 
 int CMOXScanList::Pop(SMOXFileInfo& info) {
@@ -96,9 +134,67 @@ int CMOXScanList::PopList(int nCount, std::vector<SMOXFileInfo>& out) {
 }
 
 void CMOXScanList::Release() {
-    Lock lock(m_mutex);
-    m_list.clear();
-    m_nTotalDIRs = 0;
-    m_nTotalFILEs = 0;
-    m_nTotalALL = 0;
+    {
+        Lock lock(m_mutex);
+        m_list.clear();
+        m_nTotalDIRs = 0;
+        m_nTotalFILEs = 0;
+        m_nTotalALL = 0;
+        m_batches.clear();
+        m_nBatchedEntries = 0;
+        m_bEnd = false;
+    }
+    m_batchTaken.notify_all();
+}
+
+int CMOXScanList::PushBatch(SMOXScanBatch& batch, bool bForce) {
+    {
+        Lock lock(m_mutex);
+        if (!bForce && !m_batches.empty() &&
+            static_cast<long long>(m_nBatchedEntries + batch.entries.size()) > m_nListSize)
+            return MOX_SCAN_LIST_FULL;
+        for (const SMOXScanBatch::Entry& entry : batch.entries) {
+            if (entry.nType == MOX_SCANNER_TYPE_DIR) ++m_nTotalDIRs;
+            if (entry.nType == MOX_SCANNER_TYPE_FILE) ++m_nTotalFILEs;
+        }
+        m_nTotalALL += static_cast<int>(batch.entries.size());
+        m_nBatchedEntries += batch.entries.size();
+        m_batches.push_back(std::move(batch));
+        batch = SMOXScanBatch();
+        if (!m_spare.empty()) {
+            batch = std::move(m_spare.back());
+            m_spare.pop_back();
+        }
+    }
+    batch.Clear();
+    m_batchPushed.notify_all();
+    return MOX_SCAN_OK;
+}
+
+int CMOXScanList::PopBatch(SMOXScanBatch& batch, std::chrono::milliseconds wait) {
+    {
+        mox::UniqueLock lock(m_mutex);
+        const auto deadline = std::chrono::steady_clock::now() + wait;
+        while (m_batches.empty() && !m_bEnd) {
+            if (lock.WaitUntil(m_batchPushed, deadline) == std::cv_status::timeout) break;
+        }
+        if (m_batches.empty()) return m_bEnd ? MOX_SCAN_END : MOX_SCAN_LIST_EMPTY;
+        // The consumer's drained batch keeps its buffers for the walk.
+        std::swap(batch, m_batches.front());
+        m_nBatchedEntries -= batch.entries.size();
+        if (m_spare.size() < kMaxSpareBatches) m_spare.push_back(std::move(m_batches.front()));
+        m_batches.pop_front();
+    }
+    m_batchTaken.notify_all();
+    return MOX_SCAN_OK;
+}
+
+void CMOXScanList::WaitForRoom(std::chrono::microseconds wait) {
+    mox::UniqueLock lock(m_mutex);
+    if (m_batches.empty()) return;
+    const size_t nBefore = m_batches.size();
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    while (m_batches.size() >= nBefore && !m_batches.empty()) {
+        if (lock.WaitUntil(m_batchTaken, deadline) == std::cv_status::timeout) return;
+    }
 }

@@ -133,6 +133,10 @@ struct SMOXScannerOption {
     int32_t nFileLimit = 0;
     int32_t nPriority = 2;
     int32_t nRequestTag = 0;
+    // Normal mode: the walk hands its entries over in runs
+    // (CMOXAutoScanner::TakeBatch), without the parent links; the list's
+    // size bounds the entries queued.
+    bool bBatches = false;
     MOXScannerEndCB pfnEndCallback = nullptr;
     // Owned by the scanner that accepted the option; freed with pfnFreeData
     // (nothing is freed when it is null). Copies of an option alias it.
