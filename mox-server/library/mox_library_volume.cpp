@@ -18,6 +18,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <exception>
+#include <optional>
+#include <system_error>
+#include <utility>
 
 #include <json/json.h>
 
@@ -625,22 +629,72 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
     return eResult;
 }
 
-size_t CMOXLibraryVolume::m_Extract(const std::vector<SMOXLibraryPending>& pending,
-                                    std::vector<SMOXLibraryFields>& fields, std::vector<bool>& gone,
-                                    std::vector<int>& states) {
+// A batch of waiting rows on its way through the helper.
+struct SMOXLibraryExtractBatch {
+    std::vector<SMOXLibraryPending> pending;
+    std::vector<SMOXLibraryFields> fields;
+    std::vector<int> states;
+    std::vector<bool> gone;
     std::vector<mox_util::UniqueFd> fds;
     std::vector<SMOXLibraryExtractItem> items;
-    std::vector<size_t> at;
-    fds.reserve(pending.size());
-    items.reserve(pending.size());
-    size_t nDone = 0;
-    for (; nDone < pending.size(); ++nDone) {
-        const SMOXLibraryPending& one = pending[nDone];
+    std::vector<size_t> at;  // items[k] is pending[at[k]]
+    size_t nOpened = 0;      // pending[0, nOpened) are open or gone
+    size_t nDone = 0;        // pending[0, nDone) are extracted or gone
+};
+
+namespace {
+
+// Extracts a batch's items on a thread of its own, joined before the batch
+// goes; the exception of a failed extraction is rethrown on join. The thread
+// inherits the indexer's scheduling and I/O class, which the helper follows.
+class CExtractRun {
+public:
+    explicit CExtractRun(std::vector<SMOXLibraryExtractItem>& items) {
+        try {
+            m_thread = std::thread([this, &items] {
+                try {
+                    mox_library::ExtractFieldsBatch(items);
+                } catch (...) {
+                    m_error = std::current_exception();
+                }
+            });
+        } catch (const std::system_error&) {
+            // No thread to be had: here, then.
+            mox_library::ExtractFieldsBatch(items);
+        }
+    }
+    ~CExtractRun() {
+        if (m_thread.joinable()) m_thread.join();
+    }
+    CExtractRun(const CExtractRun&) = delete;
+    CExtractRun& operator=(const CExtractRun&) = delete;
+    void Join() {
+        if (m_thread.joinable()) m_thread.join();
+        if (m_error) std::rethrow_exception(std::exchange(m_error, nullptr));
+    }
+
+private:
+    std::thread m_thread;
+    std::exception_ptr m_error;
+};
+
+}  // namespace
+
+void CMOXLibraryVolume::m_OpenBatch(SMOXLibraryExtractBatch& batch) {
+    const std::vector<SMOXLibraryPending>& pending = batch.pending;
+    batch.fields.assign(pending.size(), SMOXLibraryFields());
+    batch.states.assign(pending.size(), 0);
+    batch.gone.assign(pending.size(), false);
+    batch.fds.reserve(pending.size());
+    batch.items.reserve(pending.size());
+    size_t& nOpened = batch.nOpened;
+    for (nOpened = 0; nOpened < pending.size(); ++nOpened) {
+        const SMOXLibraryPending& one = pending[nOpened];
         mox_util::UniqueFd fd(m_OpenBeneath(one.strRelPath, O_RDONLY | O_NONBLOCK));
         struct stat st;
         if (!fd.IsValid()) {
             if (IsMissing(errno)) {
-                gone[nDone] = true;
+                batch.gone[nOpened] = true;
                 continue;
             }
             MOX_WARN("library %s: cannot open a file (%s): the storage may be gone.", m_strMountPath.c_str(),
@@ -649,7 +703,7 @@ size_t CMOXLibraryVolume::m_Extract(const std::vector<SMOXLibraryPending>& pendi
         }
         if (fstat(fd.Get(), &st) != 0) break;
         if (!S_ISREG(st.st_mode)) {
-            gone[nDone] = true;
+            batch.gone[nOpened] = true;
             continue;
         }
         SMOXLibraryExtractItem item;
@@ -659,68 +713,105 @@ size_t CMOXLibraryVolume::m_Extract(const std::vector<SMOXLibraryPending>& pendi
         item.nMediaType = one.nMediaType;
         item.nSize = st.st_size;
         item.nTime = st.st_mtime;
-        items.push_back(std::move(item));
-        at.push_back(nDone);
-        fds.push_back(std::move(fd));
+        batch.items.push_back(std::move(item));
+        batch.at.push_back(nOpened);
+        batch.fds.push_back(std::move(fd));
     }
-    mox_library::ExtractFieldsBatch(items);
-    for (size_t k = 0; k < items.size(); ++k) {
+}
+
+void CMOXLibraryVolume::m_SettleBatch(SMOXLibraryExtractBatch& batch) {
+    batch.nDone = batch.nOpened;
+    for (size_t k = 0; k < batch.items.size(); ++k) {
+        SMOXLibraryExtractItem& item = batch.items[k];
         // The storage stalled: this file and the ones after it wait.
-        if (items[k].bDeferred) return at[k];
-        fields[at[k]] = std::move(items[k].fields);
-        states[at[k]] = !items[k].bParsed ? 2 : mox_library::HasContent(items[k].nMediaType) ? 1 : 3;
+        if (item.bDeferred) {
+            batch.nDone = batch.at[k];
+            break;
+        }
+        batch.fields[batch.at[k]] = std::move(item.fields);
+        batch.states[batch.at[k]] = !item.bParsed ? 2 : mox_library::HasContent(item.nMediaType) ? 1 : 3;
     }
-    return nDone;
+    batch.fds.clear();
+}
+
+bool CMOXLibraryVolume::m_StoreBatch(const SMOXLibraryExtractBatch& batch, EScan& eResult) {
+    const std::vector<SMOXLibraryPending>& pending = batch.pending;
+    const size_t nDone = batch.nDone;
+    int rc = SQLITE_OK;
+    eResult = EScan::kFailed;
+    if (nDone > 0 && !m_Change(rc)) return false;
+    m_nTransactionRows += static_cast<int>(nDone);
+    for (size_t i = 0; i < nDone; ++i) {
+        if (batch.gone[i]) {
+            rc = m_db.DeleteId(pending[i].nId);
+            if (rc == SQLITE_OK) {
+                --m_nRows;
+                mox::MutexLock lock(m_mutex);
+                --m_status.counts[CountSlot(pending[i].nMediaType)];
+                --m_status.nTotal;
+            }
+        } else {
+            rc = m_db.StoreFields(pending[i].nId, batch.fields[i], batch.states[i], m_nNextGeneration);
+            if (rc == SQLITE_OK) {
+                mox::MutexLock lock(m_mutex);
+                ++m_status.nDone;
+            }
+        }
+        if (rc != SQLITE_OK) {
+            m_Fail(rc, "store");
+            return false;
+        }
+    }
+    const bool bLast = Stopping() || nDone < pending.size();
+    if ((bLast || m_CommitDue()) && !m_Commit(rc)) return false;
+    if (Stopping()) {
+        eResult = EScan::kStopped;
+        return false;
+    }
+    if (nDone < pending.size()) return false;
+    eResult = EScan::kComplete;
+    return true;
 }
 
 CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
+    // Two batches at a time: the helper parses the next one while this
+    // thread stores the one before (the writes cost about what the parsing
+    // does, and the two run on different cores).
     int64_t nAfter = 0;
-    std::vector<SMOXLibraryPending> pending;
-    std::vector<SMOXLibraryFields> fields;
-    std::vector<int> states;
-    std::vector<bool> gone;
+    SMOXLibraryExtractBatch ready;
+    bool bReady = false;
     int rc = SQLITE_OK;
     for (;;) {
-        rc = m_db.NextPending(nAfter, kExtractBatch, pending);
-        if (rc != SQLITE_OK) {
-            m_Fail(rc, "read");
-            return EScan::kFailed;
-        }
-        if (pending.empty()) return m_Commit(rc) ? EScan::kComplete : EScan::kFailed;
-        fields.assign(pending.size(), SMOXLibraryFields());
-        states.assign(pending.size(), 0);
-        gone.assign(pending.size(), false);
-        size_t nDone = 0;
-        // Extraction first, outside any transaction: the helper is the slow part.
-        if (!Stopping() && m_WaitWhileBusy()) nDone = m_Extract(pending, fields, gone, states);
-        if (nDone > 0 && !m_Change(rc)) return EScan::kFailed;
-        m_nTransactionRows += static_cast<int>(nDone);
-        for (size_t i = 0; i < nDone; ++i) {
-            if (gone[i]) {
-                rc = m_db.DeleteId(pending[i].nId);
-                if (rc == SQLITE_OK) {
-                    --m_nRows;
-                    mox::MutexLock lock(m_mutex);
-                    --m_status.counts[CountSlot(pending[i].nMediaType)];
-                    --m_status.nTotal;
-                }
-            } else {
-                rc = m_db.StoreFields(pending[i].nId, fields[i], states[i], m_nNextGeneration);
-                if (rc == SQLITE_OK) {
-                    mox::MutexLock lock(m_mutex);
-                    ++m_status.nDone;
-                }
-            }
+        SMOXLibraryExtractBatch next;
+        bool bNext = false;
+        std::optional<CExtractRun> run;
+        // A batch that ended short ends the pass once it is stored.
+        if (!bReady || ready.nDone == ready.pending.size()) {
+            rc = m_db.NextPending(nAfter, kExtractBatch, next.pending);
             if (rc != SQLITE_OK) {
-                m_Fail(rc, "store");
+                m_Fail(rc, "read");
                 return EScan::kFailed;
             }
+            bNext = !next.pending.empty();
+            if (bNext) {
+                nAfter = next.pending.back().nId;
+                // Not extracted when stopped (also while paused): its
+                // store then ends the pass.
+                if (!Stopping() && m_WaitWhileBusy()) {
+                    m_OpenBatch(next);
+                    run.emplace(next.items);
+                }
+            }
         }
-        const bool bLast = Stopping() || nDone < pending.size();
-        if ((bLast || m_CommitDue()) && !m_Commit(rc)) return EScan::kFailed;
-        if (Stopping()) return EScan::kStopped;
-        if (nDone < pending.size()) return EScan::kFailed;
-        nAfter = pending.back().nId;
+        if (bReady) {
+            EScan eResult;
+            if (!m_StoreBatch(ready, eResult)) return eResult;
+        }
+        if (!bNext) return m_Commit(rc) ? EScan::kComplete : EScan::kFailed;
+        if (run) run->Join();
+        m_SettleBatch(next);
+        ready = std::move(next);
+        bReady = true;
     }
 }
 

@@ -35,6 +35,8 @@
 #include "mox_library_db.h"
 #include "mox_thread_annotations.h"
 
+struct SMOXLibraryExtractBatch;
+
 struct SMOXLibraryStatus {
     std::string strMountPath;
     std::string strVolumeId;
@@ -100,11 +102,13 @@ private:
                       int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, const SMOXLibraryRow* pKnown,
                       int& rc, bool* pbIndexed);
     void m_ProcessNotices();
-    // Opens the pending files and extracts them, several per helper round
-    // trip. Returns how many, from the first, are done: it stops at a file
-    // the storage fails to open.
-    size_t m_Extract(const std::vector<SMOXLibraryPending>& pending, std::vector<SMOXLibraryFields>& fields,
-                     std::vector<bool>& gone, std::vector<int>& states);
+    // Opens a batch's pending files, up to the first one the storage fails
+    // to open; the helper then extracts them (on another thread).
+    void m_OpenBatch(SMOXLibraryExtractBatch& batch);
+    // Takes the helper's results: how many, from the first, are done.
+    void m_SettleBatch(SMOXLibraryExtractBatch& batch);
+    // Writes a settled batch; false when the pass ends with eResult.
+    bool m_StoreBatch(const SMOXLibraryExtractBatch& batch, EScan& eResult);
     // A transaction of changes: begins lazily, commits with a new generation.
     bool m_Change(int& rc);
     bool m_Commit(int& rc);
