@@ -79,6 +79,76 @@ bool IsMissing(int nErrno) {
 
 }  // namespace
 
+// A batch of waiting rows on its way through the helper.
+struct SMOXLibraryExtractBatch {
+    std::vector<SMOXLibraryPending> pending;
+    std::vector<SMOXLibraryFields> fields;
+    std::vector<int> states;
+    std::vector<bool> gone;
+    std::vector<mox_util::UniqueFd> fds;
+    std::vector<SMOXLibraryExtractItem> items;
+    std::vector<size_t> at;  // items[k] is pending[at[k]]
+    size_t nOpened = 0;      // pending[0, nOpened) are open or gone
+    size_t nDone = 0;        // pending[0, nDone) are extracted or gone
+};
+
+namespace {
+
+// Extracts a batch's items on a thread of its own, joined before the batch
+// goes; the exception of a failed extraction is rethrown on join. The thread
+// inherits the indexer's scheduling and I/O class, which the helper follows.
+class CExtractRun {
+public:
+    explicit CExtractRun(std::vector<SMOXLibraryExtractItem>& items) {
+        try {
+            m_thread = std::thread([this, &items] {
+                try {
+                    mox_library::ExtractFieldsBatch(items);
+                } catch (...) {
+                    m_error = std::current_exception();
+                }
+                m_bDone.store(true, std::memory_order_release);
+            });
+        } catch (const std::system_error&) {
+            // No thread to be had: here, then.
+            mox_library::ExtractFieldsBatch(items);
+            m_bDone = true;
+        }
+    }
+    ~CExtractRun() {
+        if (m_thread.joinable()) m_thread.join();
+    }
+    CExtractRun(const CExtractRun&) = delete;
+    CExtractRun& operator=(const CExtractRun&) = delete;
+    void Join() {
+        if (m_thread.joinable()) m_thread.join();
+        if (m_error) std::rethrow_exception(std::exchange(m_error, nullptr));
+    }
+
+    // The helper has answered (Join() will not wait).
+    bool Done() const { return m_bDone.load(std::memory_order_acquire); }
+
+private:
+    std::thread m_thread;
+    std::exception_ptr m_error;
+    std::atomic<bool> m_bDone{false};
+};
+
+}  // namespace
+
+// The extraction of a pass: the helper parses the next batch while this
+// thread stores the one before (the writes cost about what the parsing does,
+// and the two run on different cores). At most one batch is in flight.
+struct SMOXLibraryExtractPipe {
+    int64_t nAfter = 0;
+    SMOXLibraryExtractBatch ready;  // extracted, to be stored
+    bool bReady = false;
+    SMOXLibraryExtractBatch next;  // with the helper (when run is set)
+    bool bNext = false;
+    std::optional<CExtractRun> run;  // destroyed (joined) before next
+    bool bHeld = false;              // a batch ended short during the walk
+};
+
 std::string SMOXLibraryStatus::ToJson(bool bWithSize) const {
     Json::Value doc(Json::objectValue);
     doc["mount_path"] = CMOXExtractor::FileNameToUtf8(strMountPath);
@@ -344,9 +414,10 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
     m_bRowsDeleted = false;
     m_bBudgetReached = false;
     bool bWalkComplete = false;
-    EScan eResult = m_Walk(bWalkComplete);
+    SMOXLibraryExtractPipe pipe;
+    EScan eResult = m_Walk(pipe, bWalkComplete);
     if (eResult != EScan::kComplete) return eResult;
-    eResult = m_ExtractPending();
+    eResult = m_ExtractPending(&pipe);
     if (eResult != EScan::kComplete) return eResult;
     // Every row seen by the walk and none deleted meanwhile: nothing can
     // have vanished, and the pass over all rows is saved.
@@ -524,7 +595,7 @@ bool CMOXLibraryVolume::m_WriteKnown(const std::string& strRel, const std::strin
     return true;
 }
 
-CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
+CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(SMOXLibraryExtractPipe& pipe, bool& bWalkComplete) {
     CMOXAutoScanner scanner;
     if (!scanner.Create("mox-library")) return EScan::kFailed;
     SMOXScannerOption option;
@@ -622,63 +693,14 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
             eResult = EScan::kFailed;
             break;
         }
+        // The helper parses what the walk found so far meanwhile.
+        if (!m_ExtractStep(pipe, EExtract::kWalking, eResult)) break;
     }
     scanner.Stop();
     scanner.Destroy();
     if (eResult != EScan::kFailed && !m_Commit(rc)) eResult = EScan::kFailed;
     return eResult;
 }
-
-// A batch of waiting rows on its way through the helper.
-struct SMOXLibraryExtractBatch {
-    std::vector<SMOXLibraryPending> pending;
-    std::vector<SMOXLibraryFields> fields;
-    std::vector<int> states;
-    std::vector<bool> gone;
-    std::vector<mox_util::UniqueFd> fds;
-    std::vector<SMOXLibraryExtractItem> items;
-    std::vector<size_t> at;  // items[k] is pending[at[k]]
-    size_t nOpened = 0;      // pending[0, nOpened) are open or gone
-    size_t nDone = 0;        // pending[0, nDone) are extracted or gone
-};
-
-namespace {
-
-// Extracts a batch's items on a thread of its own, joined before the batch
-// goes; the exception of a failed extraction is rethrown on join. The thread
-// inherits the indexer's scheduling and I/O class, which the helper follows.
-class CExtractRun {
-public:
-    explicit CExtractRun(std::vector<SMOXLibraryExtractItem>& items) {
-        try {
-            m_thread = std::thread([this, &items] {
-                try {
-                    mox_library::ExtractFieldsBatch(items);
-                } catch (...) {
-                    m_error = std::current_exception();
-                }
-            });
-        } catch (const std::system_error&) {
-            // No thread to be had: here, then.
-            mox_library::ExtractFieldsBatch(items);
-        }
-    }
-    ~CExtractRun() {
-        if (m_thread.joinable()) m_thread.join();
-    }
-    CExtractRun(const CExtractRun&) = delete;
-    CExtractRun& operator=(const CExtractRun&) = delete;
-    void Join() {
-        if (m_thread.joinable()) m_thread.join();
-        if (m_error) std::rethrow_exception(std::exchange(m_error, nullptr));
-    }
-
-private:
-    std::thread m_thread;
-    std::exception_ptr m_error;
-};
-
-}  // namespace
 
 void CMOXLibraryVolume::m_OpenBatch(SMOXLibraryExtractBatch& batch) {
     const std::vector<SMOXLibraryPending>& pending = batch.pending;
@@ -773,46 +795,73 @@ bool CMOXLibraryVolume::m_StoreBatch(const SMOXLibraryExtractBatch& batch, EScan
     return true;
 }
 
-CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
-    // Two batches at a time: the helper parses the next one while this
-    // thread stores the one before (the writes cost about what the parsing
-    // does, and the two run on different cores).
-    int64_t nAfter = 0;
-    SMOXLibraryExtractBatch ready;
-    bool bReady = false;
-    int rc = SQLITE_OK;
-    for (;;) {
-        SMOXLibraryExtractBatch next;
-        bool bNext = false;
-        std::optional<CExtractRun> run;
-        // A batch that ended short ends the pass once it is stored.
-        if (!bReady || ready.nDone == ready.pending.size()) {
-            rc = m_db.NextPending(nAfter, kExtractBatch, next.pending);
-            if (rc != SQLITE_OK) {
-                m_Fail(rc, "read");
-                return EScan::kFailed;
-            }
-            bNext = !next.pending.empty();
-            if (bNext) {
-                nAfter = next.pending.back().nId;
-                // Not extracted when stopped (also while paused): its
-                // store then ends the pass.
-                if (!Stopping() && m_WaitWhileBusy()) {
-                    m_OpenBatch(next);
-                    run.emplace(next.items);
-                }
-            }
-        }
-        if (bReady) {
-            EScan eResult;
-            if (!m_StoreBatch(ready, eResult)) return eResult;
-        }
-        if (!bNext) return m_Commit(rc) ? EScan::kComplete : EScan::kFailed;
-        if (run) run->Join();
-        m_SettleBatch(next);
-        ready = std::move(next);
-        bReady = true;
+bool CMOXLibraryVolume::m_ExtractStep(SMOXLibraryExtractPipe& pipe, EExtract eMode, EScan& eResult) {
+    eResult = EScan::kComplete;
+    if (pipe.bHeld) return true;
+    if (pipe.run) {
+        // The walk goes on while the helper parses.
+        if (eMode == EExtract::kWalking && !pipe.run->Done()) return true;
+        pipe.run->Join();
+        pipe.run.reset();
     }
+    if (pipe.bNext) {
+        m_SettleBatch(pipe.next);
+        pipe.ready = std::move(pipe.next);
+        pipe.next = SMOXLibraryExtractBatch();
+        pipe.bReady = true;
+        pipe.bNext = false;
+    }
+    const bool bShort = pipe.bReady && pipe.ready.nDone < pipe.ready.pending.size();
+    if (eMode == EExtract::kWalking && bShort) {
+        // The storage failed or stalled: its rows wait for the pass after
+        // the walk, which meets the trouble again where it was.
+        pipe.bHeld = true;
+        pipe.bReady = false;
+        return true;
+    }
+    // A batch that ended short ends the pass once it is stored.
+    if (eMode != EExtract::kDrain && !bShort) {
+        const int rc = m_db.NextPending(pipe.nAfter, kExtractBatch, pipe.next.pending);
+        if (rc != SQLITE_OK) {
+            m_Fail(rc, "read");
+            eResult = EScan::kFailed;
+            return false;
+        }
+        // While walking, whole batches only: more rows come.
+        if (eMode == EExtract::kWalking && pipe.next.pending.size() < static_cast<size_t>(kExtractBatch))
+            pipe.next.pending.clear();
+        pipe.bNext = !pipe.next.pending.empty();
+        if (pipe.bNext) {
+            pipe.nAfter = pipe.next.pending.back().nId;
+            // Not extracted when stopped (also while paused): its store then
+            // ends the pass.
+            if (!Stopping() && m_WaitWhileBusy()) {
+                m_OpenBatch(pipe.next);
+                pipe.run.emplace(pipe.next.items);
+            }
+        }
+    }
+    if (pipe.bReady) {
+        pipe.bReady = false;
+        if (!m_StoreBatch(pipe.ready, eResult)) return false;
+    }
+    return pipe.bNext || eMode == EExtract::kWalking;
+}
+
+CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending(SMOXLibraryExtractPipe* pWalked) {
+    EScan eResult = EScan::kComplete;
+    // What the walk began is finished first; then every waiting row from the
+    // start (the walk also made known rows wait again, behind the cursor).
+    if (pWalked && !pWalked->bHeld)
+        while (m_ExtractStep(*pWalked, EExtract::kDrain, eResult)) {
+        }
+    if (eResult != EScan::kComplete) return eResult;
+    SMOXLibraryExtractPipe pipe;
+    while (m_ExtractStep(pipe, EExtract::kRun, eResult)) {
+    }
+    if (eResult != EScan::kComplete) return eResult;
+    int rc = SQLITE_OK;
+    return m_Commit(rc) ? EScan::kComplete : EScan::kFailed;
 }
 
 CMOXLibraryVolume::EScan CMOXLibraryVolume::m_DropVanished() {

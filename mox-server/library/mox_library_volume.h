@@ -36,6 +36,7 @@
 #include "mox_thread_annotations.h"
 
 struct SMOXLibraryExtractBatch;
+struct SMOXLibraryExtractPipe;
 
 struct SMOXLibraryStatus {
     std::string strMountPath;
@@ -91,8 +92,18 @@ private:
     void m_Thread();
     void m_Run();
     EScan m_Scan();
-    EScan m_Walk(bool& bWalkComplete);
-    EScan m_ExtractPending();
+    enum class EExtract {
+        kWalking,  // beside the walk: whole batches, never waits for the helper
+        kDrain,    // the batches begun, no new one
+        kRun,      // every waiting row
+    };
+    // The walk drives pipe's extraction as it goes.
+    EScan m_Walk(SMOXLibraryExtractPipe& pipe, bool& bWalkComplete);
+    // Every waiting row, after what the walk's pipe began (when given).
+    EScan m_ExtractPending(SMOXLibraryExtractPipe* pWalked = nullptr);
+    // One step of pipe: takes the helper's answer, hands it the next batch,
+    // stores the last. False when the pass ends (eResult).
+    bool m_ExtractStep(SMOXLibraryExtractPipe& pipe, EExtract eMode, EScan& eResult);
     EScan m_DropVanished();
     bool m_WriteEntry(const std::string& strRel, const std::string& strParent, const std::string& strName, bool bFolder,
                       int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, int& rc,
