@@ -217,14 +217,20 @@ bool OpenWithTagLib(metadata_extractor_s* h) {
 // demuxer against the file's first bytes costs about as much as reading the
 // whole header of a short clip.
 const AVInputFormat* DemuxerOf(const std::string& ext) {
-    static const struct {
+    struct SRow {
         const char* ext;
-        const char* demuxer;
-    } kTable[] = {{"mp4", "mp4"}, {"m4v", "mp4"},      {"mov", "mov"},      {"3gp", "3gp"},
-                  {"3g2", "3g2"}, {"avi", "avi"},      {"asf", "asf"},      {"wmv", "asf"},
-                  {"wma", "asf"}, {"mkv", "matroska"}, {"mka", "matroska"}, {"webm", "matroska"}};
-    for (const auto& row : kTable)
-        if (ext == row.ext) return av_find_input_format(row.demuxer);
+        const AVInputFormat* demuxer;
+    };
+    // Looked up once: a lookup compares the names of every demuxer.
+    static const SRow kTable[] = {
+        {"mp4", av_find_input_format("mp4")},      {"m4v", av_find_input_format("mp4")},
+        {"mov", av_find_input_format("mov")},      {"3gp", av_find_input_format("3gp")},
+        {"3g2", av_find_input_format("3g2")},      {"avi", av_find_input_format("avi")},
+        {"asf", av_find_input_format("asf")},      {"wmv", av_find_input_format("asf")},
+        {"wma", av_find_input_format("asf")},      {"mkv", av_find_input_format("matroska")},
+        {"mka", av_find_input_format("matroska")}, {"webm", av_find_input_format("matroska")}};
+    for (const SRow& row : kTable)
+        if (ext == row.ext) return row.demuxer;
     return nullptr;
 }
 
