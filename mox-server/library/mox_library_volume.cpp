@@ -37,7 +37,11 @@ namespace {
 
 constexpr int kWalkBatch = 128;      // entries drained from the scan list at once
 constexpr int kScanListSize = 1024;  // the scan list's bound
-constexpr int kExtractBatch = 16;    // files extracted between two stores
+// Files extracted between two stores: four requests to the helper. Beside
+// the walk, which steps once per walk batch, a batch waits for one request's
+// worth at least.
+constexpr int kExtractBatch = 64;
+constexpr size_t kExtractMin = 16;
 // A transaction of the walk or the extraction stays open this long (or for
 // this many rows, a bound of its log on a fast machine): every commit writes
 // the touched pages of nine indices and the text index to the log again, so
@@ -827,9 +831,8 @@ bool CMOXLibraryVolume::m_ExtractStep(SMOXLibraryExtractPipe& pipe, EExtract eMo
             eResult = EScan::kFailed;
             return false;
         }
-        // While walking, whole batches only: more rows come.
-        if (eMode == EExtract::kWalking && pipe.next.pending.size() < static_cast<size_t>(kExtractBatch))
-            pipe.next.pending.clear();
+        // While walking, one request's worth at least: more rows come.
+        if (eMode == EExtract::kWalking && pipe.next.pending.size() < kExtractMin) pipe.next.pending.clear();
         pipe.bNext = !pipe.next.pending.empty();
         if (pipe.bNext) {
             pipe.nAfter = pipe.next.pending.back().nId;
