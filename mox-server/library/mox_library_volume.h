@@ -4,9 +4,9 @@
 // the volume with a normal-mode auto scanner, draining its scan list in
 // batches: folders and media files (by the extension table) whose size and
 // time are unchanged are only marked seen; new and changed ones are written
-// as rows waiting for extraction. Then the waiting rows are extracted through
-// the mox-extract helper in batches; a walk that finished lets rows of
-// vanished files go. Afterwards the thread follows live changes (notices of
+// as rows waiting for extraction. The waiting rows are extracted through
+// the mox-extract helper in batches, beside the walk as rows come and after
+// it; a walk that finished lets rows of vanished files go. Afterwards the thread follows live changes (notices of
 // the engine's own file operations, inotify on a bounded number of folders)
 // and rescans on request.
 //
@@ -17,7 +17,8 @@
 //
 // Threads and locks: public operations are called from any thread and take
 // m_mutex only briefly; the status callback runs on the volume's thread with
-// no lock held.
+// no lock held. A batch's round trips to the helper run on a short-lived
+// thread that touches only that batch's items, joined before they are read.
 #pragma once
 
 #include <atomic>
