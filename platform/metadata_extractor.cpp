@@ -212,8 +212,34 @@ bool OpenWithTagLib(metadata_extractor_s* h) {
     return true;
 }
 
-bool OpenWithAvFormat(metadata_extractor_s* h) {
+// The demuxer a file's extension names, for containers whose header check
+// is strict (a file that is something else fails at once). Probing every
+// demuxer against the file's first bytes costs about as much as reading the
+// whole header of a short clip.
+const AVInputFormat* DemuxerOf(const std::string& ext) {
+    struct SRow {
+        const char* ext;
+        const AVInputFormat* demuxer;
+    };
+    // Looked up once: a lookup compares the names of every demuxer.
+    static const SRow kTable[] = {
+        {"mp4", av_find_input_format("mp4")},      {"m4v", av_find_input_format("mp4")},
+        {"mov", av_find_input_format("mov")},      {"3gp", av_find_input_format("3gp")},
+        {"3g2", av_find_input_format("3g2")},      {"avi", av_find_input_format("avi")},
+        {"asf", av_find_input_format("asf")},      {"wmv", av_find_input_format("asf")},
+        {"wma", av_find_input_format("asf")},      {"mkv", av_find_input_format("matroska")},
+        {"mka", av_find_input_format("matroska")}, {"webm", av_find_input_format("matroska")}};
+    for (const SRow& row : kTable)
+        if (ext == row.ext) return row.demuxer;
+    return nullptr;
+}
+
+// One attempt at the container's header: with the demuxer given, else
+// probed.
+bool OpenAvInput(metadata_extractor_s* h, const AVInputFormat* format) {
     constexpr int kBufferSize = 32 * 1024;
+    h->fmt.reset();
+    h->avio.reset();
     auto* buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
     if (!buffer) return false;
     h->avPos = 0;
@@ -231,10 +257,17 @@ bool OpenWithAvFormat(metadata_extractor_s* h) {
     ctx->max_analyze_duration = 5 * AV_TIME_BASE;
     ctx->interrupt_callback.callback = AvInterrupt;
     ctx->interrupt_callback.opaque = h;
-    h->avDeadline = std::chrono::steady_clock::now() + kAvDeadline;
     // On failure avformat_open_input frees ctx itself.
-    if (avformat_open_input(&ctx, "", nullptr, nullptr) < 0) return false;
+    if (avformat_open_input(&ctx, "", format, nullptr) < 0) return false;
     h->fmt.reset(ctx);
+    return true;
+}
+
+bool OpenWithAvFormat(metadata_extractor_s* h) {
+    // A file named for another container than it holds is probed after all.
+    const AVInputFormat* format = DemuxerOf(ExtensionOf(h->name));
+    h->avDeadline = std::chrono::steady_clock::now() + kAvDeadline;  // for both attempts
+    if (!(format && OpenAvInput(h, format)) && !OpenAvInput(h, nullptr)) return false;
     h->reader = Reader::kAvFormat;
     return true;
 }

@@ -40,21 +40,32 @@ CREATE INDEX items_genre ON items(genre);
 CREATE INDEX items_pending ON items(id) WHERE state = 0;
 CREATE VIRTUAL TABLE items_fts USING fts5(title, artist, album, file_name, content='items',
   content_rowid='id', tokenize='unicode61 remove_diacritics 2');
-CREATE TRIGGER items_ai AFTER INSERT ON items BEGIN
-  INSERT INTO items_fts(rowid, title, artist, album, file_name)
-    VALUES (new.id, new.title, new.artist, new.album, new.file_name);
+)SQL";
+
+// The text index follows the rows through a log of this connection, applied
+// to it in one statement at each commit. Triggers that wrote the index
+// directly made each row's statement open a savepoint on it, and FTS5 writes
+// its pending terms out as a new segment at every savepoint: a segment and
+// its merges per row instead of one per commit. The log's triggers are
+// temporary (a connection's own); files made before keep triggers of that
+// kind in their schema, which are dropped at open.
+const char* const kTextLog = R"SQL(
+CREATE TEMP TABLE items_fts_log(seq INTEGER PRIMARY KEY, op TEXT, id INTEGER, title, artist, album, file_name);
+CREATE TEMP TRIGGER items_ai AFTER INSERT ON main.items BEGIN
+  INSERT INTO items_fts_log(op, id, title, artist, album, file_name)
+    VALUES (NULL, new.id, new.title, new.artist, new.album, new.file_name);
 END;
-CREATE TRIGGER items_ad AFTER DELETE ON items BEGIN
-  INSERT INTO items_fts(items_fts, rowid, title, artist, album, file_name)
+CREATE TEMP TRIGGER items_ad AFTER DELETE ON main.items BEGIN
+  INSERT INTO items_fts_log(op, id, title, artist, album, file_name)
     VALUES ('delete', old.id, old.title, old.artist, old.album, old.file_name);
 END;
-CREATE TRIGGER items_au AFTER UPDATE OF title, artist, album, file_name ON items
+CREATE TEMP TRIGGER items_au AFTER UPDATE OF title, artist, album, file_name ON main.items
   WHEN old.title IS NOT new.title OR old.artist IS NOT new.artist OR old.album IS NOT new.album
     OR old.file_name IS NOT new.file_name BEGIN
-  INSERT INTO items_fts(items_fts, rowid, title, artist, album, file_name)
+  INSERT INTO items_fts_log(op, id, title, artist, album, file_name)
     VALUES ('delete', old.id, old.title, old.artist, old.album, old.file_name);
-  INSERT INTO items_fts(rowid, title, artist, album, file_name)
-    VALUES (new.id, new.title, new.artist, new.album, new.file_name);
+  INSERT INTO items_fts_log(op, id, title, artist, album, file_name)
+    VALUES (NULL, new.id, new.title, new.artist, new.album, new.file_name);
 END;
 )SQL";
 
@@ -133,6 +144,8 @@ void CMOXLibraryDb::Close() {
     m_deleteId = {};
     m_setMeta = {};
     m_ids = {};
+    m_applyLog = {};
+    m_clearLog = {};
     m_db.Close();
 }
 
@@ -186,7 +199,7 @@ bool CMOXLibraryDb::m_OpenChecked(const std::string& path, const std::string& st
             return false;
         }
     }
-    if (!m_Prepare()) {
+    if (!m_TextLog() || !m_Prepare()) {
         why = m_db.LastError();
         return false;
     }
@@ -226,6 +239,32 @@ bool CMOXLibraryDb::m_CreateSchema(const std::string& strVolumeId) {
         return false;
     }
     return m_db.Exec("COMMIT") == SQLITE_OK;
+}
+
+bool CMOXLibraryDb::m_TextLog() {
+    int64_t nOld = 0;
+    if (!m_db.QueryInt("SELECT count(*) FROM main.sqlite_schema WHERE type = 'trigger'", nOld)) return false;
+    if (nOld > 0) {
+        if (m_db.Exec("BEGIN IMMEDIATE") != SQLITE_OK) return false;
+        if (m_db.Exec("DROP TRIGGER IF EXISTS main.items_ai; DROP TRIGGER IF EXISTS main.items_ad; "
+                      "DROP TRIGGER IF EXISTS main.items_au") != SQLITE_OK ||
+            m_db.Exec("COMMIT") != SQLITE_OK) {
+            m_db.Exec("ROLLBACK");
+            return false;
+        }
+    }
+    return m_db.Exec(kTextLog) == SQLITE_OK &&
+           m_db.Prepare(
+               "INSERT INTO main.items_fts(items_fts, rowid, title, artist, album, file_name) "
+               "SELECT op, id, title, artist, album, file_name FROM items_fts_log ORDER BY seq",
+               m_applyLog) == SQLITE_OK &&
+           m_db.Prepare("DELETE FROM items_fts_log", m_clearLog) == SQLITE_OK;
+}
+
+int CMOXLibraryDb::Commit() {
+    int rc = Run(m_applyLog);
+    if (rc == SQLITE_OK) rc = Run(m_clearLog);
+    return rc == SQLITE_OK ? m_db.Exec("COMMIT") : rc;
 }
 
 bool CMOXLibraryDb::m_Prepare() {

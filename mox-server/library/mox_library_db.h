@@ -11,9 +11,10 @@
 //                       failed on it (not retried while size and time stay),
 //                       3 nothing to extract (folders, groups without tags)
 //   items_fts           FTS5 over title, artist, album and file name
-//                       (unicode61, remove_diacritics 2), kept by triggers
-//                       (an update that leaves those columns as they
-//                       were does not touch it)
+//                       (unicode61, remove_diacritics 2), kept by the
+//                       writer's temporary triggers through a log applied
+//                       at each commit (an update that leaves those
+//                       columns as they were does not touch it)
 // Indices serve the views of a read-only reader (by folder, date taken, file
 // time, title, file name, artist, album and track, genre).
 //
@@ -98,7 +99,8 @@ public:
     void Close();
 
     int Begin() { return m_db.Exec("BEGIN IMMEDIATE"); }
-    int Commit() { return m_db.Exec("COMMIT"); }
+    // Brings the text index up to date with the transaction's rows first.
+    int Commit();
     void Rollback() { m_db.Exec("ROLLBACK"); }
 
     int64_t Generation() const { return m_nGeneration; }
@@ -143,10 +145,12 @@ private:
     bool m_OpenChecked(const std::string& path, const std::string& strVolumeId, bool& bCreated, std::string& why);
     bool m_CreateSchema(const std::string& strVolumeId);
     bool m_Prepare();
+    // Drops the text index's triggers of older files; sets up the log.
+    bool m_TextLog();
 
     mox_sql::CMOXSqliteDb m_db;
     std::string m_strPath;
     mox_sql::CMOXSqliteStmt m_folder, m_lookup, m_insert, m_updateBasic, m_storeFields, m_pending, m_deleteId,
-        m_setMeta, m_ids;
+        m_setMeta, m_ids, m_applyLog, m_clearLog;
     int64_t m_nGeneration = 0;
 };

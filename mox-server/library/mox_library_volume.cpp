@@ -18,6 +18,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <exception>
+#include <optional>
+#include <system_error>
+#include <utility>
 
 #include <json/json.h>
 
@@ -36,7 +40,11 @@ const char* const kStates[] = {"indexing", "ready", "paused", "failed"};
 constexpr int kScanListSize = 4096;  // the scan list's bound (entries queued)
 // The longest wait for a run of the walk: stop and users are checked between.
 constexpr auto kWalkWait = std::chrono::milliseconds(50);
-constexpr int kExtractBatch = 16;  // files extracted between two stores
+// Files extracted between two stores: four requests to the helper. Beside
+// the walk, which steps once per run of the walk, a batch waits for one
+// request's worth at least.
+constexpr int kExtractBatch = 64;
+constexpr size_t kExtractMin = 16;
 // A transaction of the walk or the extraction stays open this long (or for
 // this many rows, a bound of its log on a fast machine): every commit writes
 // the touched pages of nine indices and the text index to the log again, so
@@ -77,6 +85,76 @@ bool IsMissing(int nErrno) {
 }
 
 }  // namespace
+
+// A batch of waiting rows on its way through the helper.
+struct SMOXLibraryExtractBatch {
+    std::vector<SMOXLibraryPending> pending;
+    std::vector<SMOXLibraryFields> fields;
+    std::vector<int> states;
+    std::vector<bool> gone;
+    std::vector<mox_util::UniqueFd> fds;
+    std::vector<SMOXLibraryExtractItem> items;
+    std::vector<size_t> at;  // items[k] is pending[at[k]]
+    size_t nOpened = 0;      // pending[0, nOpened) are open or gone
+    size_t nDone = 0;        // pending[0, nDone) are extracted or gone
+};
+
+namespace {
+
+// Extracts a batch's items on a thread of its own, joined before the batch
+// goes; the exception of a failed extraction is rethrown on join. The thread
+// inherits the indexer's scheduling and I/O class, which the helper follows.
+class CExtractRun {
+public:
+    explicit CExtractRun(std::vector<SMOXLibraryExtractItem>& items) {
+        try {
+            m_thread = std::thread([this, &items] {
+                try {
+                    mox_library::ExtractFieldsBatch(items);
+                } catch (...) {
+                    m_error = std::current_exception();
+                }
+                m_bDone.store(true, std::memory_order_release);
+            });
+        } catch (const std::system_error&) {
+            // No thread to be had: here, then.
+            mox_library::ExtractFieldsBatch(items);
+            m_bDone = true;
+        }
+    }
+    ~CExtractRun() {
+        if (m_thread.joinable()) m_thread.join();
+    }
+    CExtractRun(const CExtractRun&) = delete;
+    CExtractRun& operator=(const CExtractRun&) = delete;
+    void Join() {
+        if (m_thread.joinable()) m_thread.join();
+        if (m_error) std::rethrow_exception(std::exchange(m_error, nullptr));
+    }
+
+    // The helper has answered (Join() will not wait).
+    bool Done() const { return m_bDone.load(std::memory_order_acquire); }
+
+private:
+    std::thread m_thread;
+    std::exception_ptr m_error;
+    std::atomic<bool> m_bDone{false};
+};
+
+}  // namespace
+
+// The extraction of a pass: the helper parses the next batch while this
+// thread stores the one before (the writes cost about what the parsing does,
+// and the two run on different cores). At most one batch is in flight.
+struct SMOXLibraryExtractPipe {
+    int64_t nAfter = 0;
+    SMOXLibraryExtractBatch ready;  // extracted, to be stored
+    bool bReady = false;
+    SMOXLibraryExtractBatch next;  // with the helper (when run is set)
+    bool bNext = false;
+    std::optional<CExtractRun> run;  // destroyed (joined) before next
+    bool bHeld = false;              // a batch ended short during the walk
+};
 
 std::string SMOXLibraryStatus::ToJson(bool bWithSize) const {
     Json::Value doc(Json::objectValue);
@@ -370,9 +448,10 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
     m_bRowsDeleted = false;
     m_bBudgetReached = false;
     bool bWalkComplete = false;
-    EScan eResult = m_Walk(bWalkComplete);
+    SMOXLibraryExtractPipe pipe;
+    EScan eResult = m_Walk(pipe, bWalkComplete);
     if (eResult != EScan::kComplete) return eResult;
-    eResult = m_ExtractPending();
+    eResult = m_ExtractPending(&pipe);
     if (eResult != EScan::kComplete) return eResult;
     // Every row seen by the walk and none deleted meanwhile: nothing can
     // have vanished, and the pass over all rows is saved.
@@ -575,7 +654,7 @@ bool CMOXLibraryVolume::m_WriteKnown(const std::string& strRel, const std::strin
     return true;
 }
 
-CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
+CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(SMOXLibraryExtractPipe& pipe, bool& bWalkComplete) {
     CMOXAutoScanner scanner;
     if (!scanner.Create("mox-library")) return EScan::kFailed;
     SMOXScannerOption option;
@@ -681,6 +760,8 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
             eResult = EScan::kFailed;
             break;
         }
+        // The helper parses what the walk found so far meanwhile.
+        if (!m_ExtractStep(pipe, EExtract::kWalking, eResult)) break;
     }
     scanner.Stop();
     scanner.Destroy();
@@ -688,22 +769,21 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(bool& bWalkComplete) {
     return eResult;
 }
 
-size_t CMOXLibraryVolume::m_Extract(const std::vector<SMOXLibraryPending>& pending,
-                                    std::vector<SMOXLibraryFields>& fields, std::vector<bool>& gone,
-                                    std::vector<int>& states) {
-    std::vector<mox_util::UniqueFd> fds;
-    std::vector<SMOXLibraryExtractItem> items;
-    std::vector<size_t> at;
-    fds.reserve(pending.size());
-    items.reserve(pending.size());
-    size_t nDone = 0;
-    for (; nDone < pending.size(); ++nDone) {
-        const SMOXLibraryPending& one = pending[nDone];
+void CMOXLibraryVolume::m_OpenBatch(SMOXLibraryExtractBatch& batch) {
+    const std::vector<SMOXLibraryPending>& pending = batch.pending;
+    batch.fields.assign(pending.size(), SMOXLibraryFields());
+    batch.states.assign(pending.size(), 0);
+    batch.gone.assign(pending.size(), false);
+    batch.fds.reserve(pending.size());
+    batch.items.reserve(pending.size());
+    size_t& nOpened = batch.nOpened;
+    for (nOpened = 0; nOpened < pending.size(); ++nOpened) {
+        const SMOXLibraryPending& one = pending[nOpened];
         mox_util::UniqueFd fd(m_OpenBeneath(one.strRelPath, O_RDONLY | O_NONBLOCK));
         struct stat st;
         if (!fd.IsValid()) {
             if (IsMissing(errno)) {
-                gone[nDone] = true;
+                batch.gone[nOpened] = true;
                 continue;
             }
             MOX_WARN("library %s: cannot open a file (%s): the storage may be gone.", m_strMountPath.c_str(),
@@ -712,7 +792,7 @@ size_t CMOXLibraryVolume::m_Extract(const std::vector<SMOXLibraryPending>& pendi
         }
         if (fstat(fd.Get(), &st) != 0) break;
         if (!S_ISREG(st.st_mode)) {
-            gone[nDone] = true;
+            batch.gone[nOpened] = true;
             continue;
         }
         SMOXLibraryExtractItem item;
@@ -722,69 +802,132 @@ size_t CMOXLibraryVolume::m_Extract(const std::vector<SMOXLibraryPending>& pendi
         item.nMediaType = one.nMediaType;
         item.nSize = st.st_size;
         item.nTime = st.st_mtime;
-        items.push_back(std::move(item));
-        at.push_back(nDone);
-        fds.push_back(std::move(fd));
+        batch.items.push_back(std::move(item));
+        batch.at.push_back(nOpened);
+        batch.fds.push_back(std::move(fd));
     }
-    mox_library::ExtractFieldsBatch(items);
-    for (size_t k = 0; k < items.size(); ++k) {
-        // The storage stalled: this file and the ones after it wait.
-        if (items[k].bDeferred) return at[k];
-        fields[at[k]] = std::move(items[k].fields);
-        states[at[k]] = !items[k].bParsed ? 2 : mox_library::HasContent(items[k].nMediaType) ? 1 : 3;
-    }
-    return nDone;
 }
 
-CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending() {
-    int64_t nAfter = 0;
-    std::vector<SMOXLibraryPending> pending;
-    std::vector<SMOXLibraryFields> fields;
-    std::vector<int> states;
-    std::vector<bool> gone;
+void CMOXLibraryVolume::m_SettleBatch(SMOXLibraryExtractBatch& batch) {
+    batch.nDone = batch.nOpened;
+    for (size_t k = 0; k < batch.items.size(); ++k) {
+        SMOXLibraryExtractItem& item = batch.items[k];
+        // The storage stalled: this file and the ones after it wait.
+        if (item.bDeferred) {
+            batch.nDone = batch.at[k];
+            break;
+        }
+        batch.fields[batch.at[k]] = std::move(item.fields);
+        batch.states[batch.at[k]] = !item.bParsed ? 2 : mox_library::HasContent(item.nMediaType) ? 1 : 3;
+    }
+    batch.fds.clear();
+}
+
+bool CMOXLibraryVolume::m_StoreBatch(const SMOXLibraryExtractBatch& batch, EScan& eResult) {
+    const std::vector<SMOXLibraryPending>& pending = batch.pending;
+    const size_t nDone = batch.nDone;
     int rc = SQLITE_OK;
-    for (;;) {
-        rc = m_db.NextPending(nAfter, kExtractBatch, pending);
+    eResult = EScan::kFailed;
+    if (nDone > 0 && !m_Change(rc)) return false;
+    m_nTransactionRows += static_cast<int>(nDone);
+    for (size_t i = 0; i < nDone; ++i) {
+        if (batch.gone[i]) {
+            rc = m_db.DeleteId(pending[i].nId);
+            if (rc == SQLITE_OK) {
+                --m_nRows;
+                mox::MutexLock lock(m_mutex);
+                --m_status.counts[CountSlot(pending[i].nMediaType)];
+                --m_status.nTotal;
+            }
+        } else {
+            rc = m_db.StoreFields(pending[i].nId, batch.fields[i], batch.states[i], m_nNextGeneration);
+            if (rc == SQLITE_OK) {
+                mox::MutexLock lock(m_mutex);
+                ++m_status.nDone;
+            }
+        }
+        if (rc != SQLITE_OK) {
+            m_Fail(rc, "store");
+            return false;
+        }
+    }
+    const bool bLast = Stopping() || nDone < pending.size();
+    if ((bLast || m_CommitDue()) && !m_Commit(rc)) return false;
+    if (Stopping()) {
+        eResult = EScan::kStopped;
+        return false;
+    }
+    if (nDone < pending.size()) return false;
+    eResult = EScan::kComplete;
+    return true;
+}
+
+bool CMOXLibraryVolume::m_ExtractStep(SMOXLibraryExtractPipe& pipe, EExtract eMode, EScan& eResult) {
+    eResult = EScan::kComplete;
+    if (pipe.bHeld) return true;
+    if (pipe.run) {
+        // The walk goes on while the helper parses.
+        if (eMode == EExtract::kWalking && !pipe.run->Done()) return true;
+        pipe.run->Join();
+        pipe.run.reset();
+    }
+    if (pipe.bNext) {
+        m_SettleBatch(pipe.next);
+        pipe.ready = std::move(pipe.next);
+        pipe.next = SMOXLibraryExtractBatch();
+        pipe.bReady = true;
+        pipe.bNext = false;
+    }
+    const bool bShort = pipe.bReady && pipe.ready.nDone < pipe.ready.pending.size();
+    if (eMode == EExtract::kWalking && bShort) {
+        // The storage failed or stalled: its rows wait for the pass after
+        // the walk, which meets the trouble again where it was.
+        pipe.bHeld = true;
+        pipe.bReady = false;
+        return true;
+    }
+    // A batch that ended short ends the pass once it is stored.
+    if (eMode != EExtract::kDrain && !bShort) {
+        const int rc = m_db.NextPending(pipe.nAfter, kExtractBatch, pipe.next.pending);
         if (rc != SQLITE_OK) {
             m_Fail(rc, "read");
-            return EScan::kFailed;
+            eResult = EScan::kFailed;
+            return false;
         }
-        if (pending.empty()) return m_Commit(rc) ? EScan::kComplete : EScan::kFailed;
-        fields.assign(pending.size(), SMOXLibraryFields());
-        states.assign(pending.size(), 0);
-        gone.assign(pending.size(), false);
-        size_t nDone = 0;
-        // Extraction first, outside any transaction: the helper is the slow part.
-        if (!Stopping() && m_WaitWhileBusy()) nDone = m_Extract(pending, fields, gone, states);
-        if (nDone > 0 && !m_Change(rc)) return EScan::kFailed;
-        m_nTransactionRows += static_cast<int>(nDone);
-        for (size_t i = 0; i < nDone; ++i) {
-            if (gone[i]) {
-                rc = m_db.DeleteId(pending[i].nId);
-                if (rc == SQLITE_OK) {
-                    --m_nRows;
-                    mox::MutexLock lock(m_mutex);
-                    --m_status.counts[CountSlot(pending[i].nMediaType)];
-                    --m_status.nTotal;
-                }
-            } else {
-                rc = m_db.StoreFields(pending[i].nId, fields[i], states[i], m_nNextGeneration);
-                if (rc == SQLITE_OK) {
-                    mox::MutexLock lock(m_mutex);
-                    ++m_status.nDone;
-                }
-            }
-            if (rc != SQLITE_OK) {
-                m_Fail(rc, "store");
-                return EScan::kFailed;
+        // While walking, one request's worth at least: more rows come.
+        if (eMode == EExtract::kWalking && pipe.next.pending.size() < kExtractMin) pipe.next.pending.clear();
+        pipe.bNext = !pipe.next.pending.empty();
+        if (pipe.bNext) {
+            pipe.nAfter = pipe.next.pending.back().nId;
+            // Not extracted when stopped (also while paused): its store then
+            // ends the pass.
+            if (!Stopping() && m_WaitWhileBusy()) {
+                m_OpenBatch(pipe.next);
+                pipe.run.emplace(pipe.next.items);
             }
         }
-        const bool bLast = Stopping() || nDone < pending.size();
-        if ((bLast || m_CommitDue()) && !m_Commit(rc)) return EScan::kFailed;
-        if (Stopping()) return EScan::kStopped;
-        if (nDone < pending.size()) return EScan::kFailed;
-        nAfter = pending.back().nId;
     }
+    if (pipe.bReady) {
+        pipe.bReady = false;
+        if (!m_StoreBatch(pipe.ready, eResult)) return false;
+    }
+    return pipe.bNext || eMode == EExtract::kWalking;
+}
+
+CMOXLibraryVolume::EScan CMOXLibraryVolume::m_ExtractPending(SMOXLibraryExtractPipe* pWalked) {
+    EScan eResult = EScan::kComplete;
+    // What the walk began is finished first; then every waiting row from the
+    // start (the walk also made known rows wait again, behind the cursor).
+    if (pWalked && !pWalked->bHeld)
+        while (m_ExtractStep(*pWalked, EExtract::kDrain, eResult)) {
+        }
+    if (eResult != EScan::kComplete) return eResult;
+    SMOXLibraryExtractPipe pipe;
+    while (m_ExtractStep(pipe, EExtract::kRun, eResult)) {
+    }
+    if (eResult != EScan::kComplete) return eResult;
+    int rc = SQLITE_OK;
+    return m_Commit(rc) ? EScan::kComplete : EScan::kFailed;
 }
 
 CMOXLibraryVolume::EScan CMOXLibraryVolume::m_DropVanished() {

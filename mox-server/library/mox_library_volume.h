@@ -4,9 +4,9 @@
 // the volume with a normal-mode auto scanner, draining its scan list in
 // batches: folders and media files (by the extension table) whose size and
 // time are unchanged are only marked seen; new and changed ones are written
-// as rows waiting for extraction. Then the waiting rows are extracted through
-// the mox-extract helper in batches; a walk that finished lets rows of
-// vanished files go. Afterwards the thread follows live changes (notices of
+// as rows waiting for extraction. The waiting rows are extracted through
+// the mox-extract helper in batches, beside the walk as rows come and after
+// it; a walk that finished lets rows of vanished files go. Afterwards the thread follows live changes (notices of
 // the engine's own file operations, inotify on a bounded number of folders)
 // and rescans on request.
 //
@@ -20,7 +20,9 @@
 // with no lock held. The thread runs at the lowest priority, so a lock it
 // holds may stay held for long: Status() takes none (it reads the copy the
 // thread publishes), and m_mutex, which guards the thread's working status,
-// is the thread's own.
+// is the thread's own. A batch's round trips to the helper run on a
+// short-lived thread that touches only that batch's items, joined before
+// they are read.
 #pragma once
 
 #include <atomic>
@@ -38,6 +40,9 @@
 
 #include "mox_library_db.h"
 #include "mox_thread_annotations.h"
+
+struct SMOXLibraryExtractBatch;
+struct SMOXLibraryExtractPipe;
 
 struct SMOXLibraryStatus {
     std::string strMountPath;
@@ -93,8 +98,18 @@ private:
     void m_Thread();
     void m_Run();
     EScan m_Scan();
-    EScan m_Walk(bool& bWalkComplete);
-    EScan m_ExtractPending();
+    enum class EExtract {
+        kWalking,  // beside the walk: whole batches, never waits for the helper
+        kDrain,    // the batches begun, no new one
+        kRun,      // every waiting row
+    };
+    // The walk drives pipe's extraction as it goes.
+    EScan m_Walk(SMOXLibraryExtractPipe& pipe, bool& bWalkComplete);
+    // Every waiting row, after what the walk's pipe began (when given).
+    EScan m_ExtractPending(SMOXLibraryExtractPipe* pWalked = nullptr);
+    // One step of pipe: takes the helper's answer, hands it the next batch,
+    // stores the last. False when the pass ends (eResult).
+    bool m_ExtractStep(SMOXLibraryExtractPipe& pipe, EExtract eMode, EScan& eResult);
     EScan m_DropVanished();
     bool m_WriteEntry(const std::string& strRel, const std::string& strParent, const std::string& strName, bool bFolder,
                       int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, int& rc,
@@ -104,11 +119,13 @@ private:
                       int nMediaType, int64_t nSize, int64_t nTime, bool bCheckRegular, const SMOXLibraryRow* pKnown,
                       int& rc, bool* pbIndexed);
     void m_ProcessNotices();
-    // Opens the pending files and extracts them, several per helper round
-    // trip. Returns how many, from the first, are done: it stops at a file
-    // the storage fails to open.
-    size_t m_Extract(const std::vector<SMOXLibraryPending>& pending, std::vector<SMOXLibraryFields>& fields,
-                     std::vector<bool>& gone, std::vector<int>& states);
+    // Opens a batch's pending files, up to the first one the storage fails
+    // to open; the helper then extracts them (on another thread).
+    void m_OpenBatch(SMOXLibraryExtractBatch& batch);
+    // Takes the helper's results: how many, from the first, are done.
+    void m_SettleBatch(SMOXLibraryExtractBatch& batch);
+    // Writes a settled batch; false when the pass ends with eResult.
+    bool m_StoreBatch(const SMOXLibraryExtractBatch& batch, EScan& eResult);
     // A transaction of changes: begins lazily, commits with a new generation.
     bool m_Change(int& rc);
     bool m_Commit(int& rc);
