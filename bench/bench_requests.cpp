@@ -28,12 +28,15 @@
 
 #include <mox/mox_resultlist.h>
 
+#include "bench_bus_client.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr const char* kName = "com.orvia.mox.engine";
-constexpr const char* kPath = "/com/orvia/mox/engine";
-constexpr const char* kIface = "com.orvia.mox.engine";
+using moxbench::kIface;
+using moxbench::kName;
+using moxbench::kPath;
+using moxbench::NewConnection;
 
 double Micros(Clock::duration d) {
     return std::chrono::duration<double, std::micro>(d).count();
@@ -47,59 +50,9 @@ Stats Summarise(std::vector<double> v) {
     return {v[v.size() / 2], v[std::min(v.size() - 1, v.size() * 99 / 100)], v.front(), v.back()};
 }
 
-GDBusConnection* NewConnection() {
-    GError* error = nullptr;
-    GDBusConnection* c = g_dbus_connection_new_for_address_sync(
-        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (!c) {
-        fprintf(stderr, "no bus: %s\n", error->message);
-        exit(1);
-    }
-    return c;
-}
-
 // One client: waits for engine signals on its own connection.
-struct Client {
-    GDBusConnection* conn = NewConnection();
-    std::vector<Json::Value> events;
-    guint sub = 0;
-    guint32 handle = 0;
-
-    Client() {
-        sub = g_dbus_connection_signal_subscribe(conn, nullptr, kIface, "mox_request_normal_complete", kPath, nullptr,
-                                                 G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, this, nullptr);
-        GVariant* r = g_dbus_connection_call_sync(conn, kName, kPath, kIface, "connect",
-                                                  g_variant_new("(s)", "libmox_local_source.so"), nullptr,
-                                                  G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, nullptr);
-        if (!r) exit(1);
-        g_variant_get(r, "(u)", &handle);
-        g_variant_unref(r);
-    }
-    ~Client() {
-        g_dbus_connection_signal_unsubscribe(conn, sub);
-        g_object_unref(conn);
-    }
-    static void OnSignal(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
-                         gpointer self) {
-        const gchar* text = nullptr;
-        g_variant_get(p, "(&s)", &text);
-        Json::Value v;
-        Json::Reader().parse(text, v);
-        static_cast<Client*>(self)->events.push_back(v);
-    }
-    void Send(const char* method, GVariant* params) {
-        g_dbus_connection_call(conn, kName, kPath, kIface, method, params, nullptr, G_DBUS_CALL_FLAGS_NONE, 10000,
-                               nullptr, nullptr, nullptr);
-    }
-    Json::Value Wait() {
-        while (events.empty()) g_main_context_iteration(nullptr, TRUE);
-        Json::Value v = events.front();
-        events.erase(events.begin());
-        return v;
-    }
+struct Client : moxbench::BusClient {
+    Client() : BusClient("libmox_local_source.so", 10000) {}
     void Drop(const std::string& name) {
         Send("drop_partial_list", g_variant_new("(us)", handle, name.c_str()));
         Wait();
