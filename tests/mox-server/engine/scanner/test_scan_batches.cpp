@@ -135,3 +135,43 @@ TEST(ScanBatches, EveryEntryOnceAcrossTheBoundWithPauseAndStop) {
     EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
     scanner.Destroy();
 }
+
+// The caller walks: runs are read by TakeBatch on the calling thread (the end
+// callback runs there too), nothing is read while paused, every entry comes
+// once, and the parked thread ends with Destroy.
+TEST(ScanBatches, CallerWalksBetweenTheSameGates) {
+    moxtest::TempDir tree;
+    for (int d = 0; d < 3; ++d) {
+        MakeDir(tree.path() + "/d" + std::to_string(d));
+        for (int f = 0; f < 200; ++f) Touch(tree.path() + "/d" + std::to_string(d) + "/p" + std::to_string(f) + ".jpg");
+    }
+    ASSERT_EQ(symlink("d0", (tree.path() + "/dlink").c_str()), 0);
+    CMOXAutoScanner scanner;
+    ASSERT_TRUE(scanner.Create("T_CALLER"));
+    SMOXScannerOption option = BatchOption(tree.path(), 10);  // far below a run: the caller never waits
+    option.bWalkInCaller = true;
+    static std::thread::id endThread;
+    option.pfnEndCallback = [](void*, int) { endThread = std::this_thread::get_id(); };
+    ASSERT_EQ(scanner.SetScannerOption(option), 0);
+    ASSERT_EQ(scanner.Start(), 0);
+    std::map<std::string, int> seen;
+    SMOXScanBatch batch;
+    int n = 0, nSteps = 0;
+    while ((n = scanner.TakeBatch(batch, 1s)) != MOX_SCAN_END && ++nSteps < 100) {
+        ASSERT_TRUE(n == MOX_SCAN_OK || n == MOX_SCAN_LIST_EMPTY) << n;
+        for (const SMOXScanBatch::Entry& entry : batch.entries)
+            ++seen[std::string(batch.Folder(entry)) + "/" + std::string(batch.Name(entry))];
+        if (nSteps == 1) {
+            ASSERT_EQ(scanner.Pause(), 0);
+            const int nRead = scanner.GetNumberOfALL();
+            EXPECT_EQ(scanner.TakeBatch(batch, 20ms), MOX_SCAN_LIST_EMPTY);
+            EXPECT_EQ(scanner.GetNumberOfALL(), nRead);
+            ASSERT_EQ(scanner.Resume(), 0);
+        }
+    }
+    EXPECT_EQ(n, MOX_SCAN_END);
+    EXPECT_EQ(endThread, std::this_thread::get_id());
+    EXPECT_EQ(seen.size(), 603u);
+    for (const auto& [path, nTimes] : seen) EXPECT_EQ(nTimes, 1) << path;
+    scanner.Destroy();
+}
