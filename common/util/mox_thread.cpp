@@ -22,15 +22,6 @@ void CMOXSemphore::Wait() {
     --m_nCount;
 }
 
-bool CMOXSemphore::WaitFor(std::chrono::milliseconds wait) {
-    const auto deadline = std::chrono::steady_clock::now() + wait;
-    mox::UniqueLock lock(m_mutex);
-    while (m_nCount < 1)
-        if (lock.WaitUntil(m_cond, deadline) == std::cv_status::timeout && m_nCount < 1) return false;
-    --m_nCount;
-    return true;
-}
-
 CMOXThread::CMOXThread() : m_hThread(NoThread()), m_nCreated(0) {}
 
 // m_endSem is cleared before m_startSem (reverse member order).

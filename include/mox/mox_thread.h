@@ -18,7 +18,6 @@
 #include <glib.h>
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 
@@ -32,10 +31,8 @@ public:
     CMOXSemphore& operator=(const CMOXSemphore&) = delete;
 
     void Post();
-    // Blocks until a permit is available and takes it.
+    // Blocks until a permit is available and takes it. No timed variant.
     void Wait();
-    // The same for at most `wait`; false when no permit came.
-    bool WaitFor(std::chrono::milliseconds wait);
 
 private:
     mox::Mutex m_mutex;

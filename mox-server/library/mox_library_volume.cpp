@@ -668,8 +668,6 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Walk(SMOXLibraryExtractPipe& pipe,
     option.nListSize = kScanListSize;
     option.nPriority = 2;
     option.bBatches = true;
-    // This thread walks (at its lowest priority): no hand-over to wait for.
-    option.bWalkInCaller = true;
     EScan eResult = EScan::kComplete;
     if (scanner.SetScannerOption(option) != MOX_SCAN_OK || scanner.Start() != MOX_SCAN_OK) {
         MOX_WARN("library %s: the walk cannot start.", m_strMountPath.c_str());

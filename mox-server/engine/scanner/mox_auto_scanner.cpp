@@ -76,7 +76,6 @@ void CMOXAutoScanner::Destroy() {
         m_bAlive = false;
         // Wakes the thread wherever it waits for the gate; it sees the end.
         m_gate.Post();
-        Unpark();
         CMOXThread::Destroy();
     }
     Lock lock(m_scannerMutex);
@@ -91,20 +90,6 @@ void CMOXAutoScanner::RequestEnd() {
     m_bAlive = false;
     // Wakes the thread wherever it waits for the gate; it sees the end.
     m_gate.Post();
-    Unpark();
-}
-
-void CMOXAutoScanner::Park(uint64_t nSerial) {
-    mox::UniqueLock lock(m_parkMutex);
-    while (m_bAlive && m_nParkSerial == nSerial) lock.Wait(m_park);
-}
-
-void CMOXAutoScanner::Unpark() {
-    {
-        Lock lock(m_parkMutex);
-        ++m_nParkSerial;
-    }
-    m_park.notify_all();
 }
 
 void CMOXAutoScanner::t_Process() {
@@ -121,30 +106,17 @@ void CMOXAutoScanner::t_Process() {
     m_bRunning = true;
     MOX_INFO("Thread(%s) t_Process start...", m_strName.c_str());
     while (m_bAlive) {
-        uint64_t nParkSerial;
-        {
-            Lock lock(m_parkMutex);
-            nParkSerial = m_nParkSerial;
-        }
         m_gate.Wait();
         if (!m_bAlive) {
             m_gate.Post();
             break;
         }
+        ApplyPriority();
         int nMode;
-        bool bInCaller;
         {
             Lock lock(m_scannerMutex);
             nMode = m_option.nScanMode;
-            bInCaller = WalksInCaller();
         }
-        if (bInCaller) {
-            // The caller walks in TakeBatch: the gate is its.
-            m_gate.Post();
-            Park(nParkSerial);
-            continue;
-        }
-        ApplyPriority();
         int nResult = MOX_SCAN_FAIL;
         if (nMode == MOX_SCAN_MODE_CHECK) {
             nResult = DoCheckAction();
@@ -275,7 +247,6 @@ int CMOXAutoScanner::SetScannerOption(const SMOXScannerOption& option) {
     m_scanList.SetListSize(option.nListSize);
     m_scanList.Release();
     if (option.nPriority >= 0 && option.nPriority <= 2) m_nPriority = option.nPriority;
-    Unpark();  // a parked thread walks again if the caller no longer does
     return MOX_SCAN_OK;
 }
 
@@ -320,29 +291,7 @@ int CMOXAutoScanner::GetFileInfo(SMOXFileInfo& info) {
 }
 
 int CMOXAutoScanner::TakeBatch(SMOXScanBatch& batch, std::chrono::milliseconds wait) {
-    bool bInCaller;
-    {
-        Lock lock(m_scannerMutex);
-        bInCaller = WalksInCaller();
-    }
-    if (!bInCaller) return m_scanList.PopBatch(batch, wait);
-    // What is queued comes first; after a stop, the end.
-    const int nQueued = m_scanList.PopBatch(batch, std::chrono::milliseconds(0));
-    if (nQueued != MOX_SCAN_LIST_EMPTY) return nQueued;
-    // Pause and Stop hold the gate: nothing is read meanwhile.
-    if (!m_gate.WaitFor(wait)) return MOX_SCAN_LIST_EMPTY;
-    int nResult = MOX_SCAN_BUSY;
-    {
-        Lock lock(m_scannerMutex);
-        if (WalksInCaller()) nResult = DoBatchAction();
-    }
-    m_gate.Post();
-    if (nResult == MOX_SCAN_END || nResult == MOX_SCAN_FAIL || nResult == MOX_SCAN_BAD_ARGUMENT ||
-        nResult == MOX_SCAN_NO_DIR) {
-        if (nResult != MOX_SCAN_END) MOX_WARN("End of Scan --->>> Abort");
-        if (Stop() != MOX_SCAN_ALREADY_STOPPED) OnCallback();
-    }
-    return m_scanList.PopBatch(batch, std::chrono::milliseconds(0));
+    return m_scanList.PopBatch(batch, wait);
 }
 
 int CMOXAutoScanner::GetFileInfoList(int nCount, std::vector<SMOXFileInfo>& out) {

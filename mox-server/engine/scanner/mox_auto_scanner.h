@@ -3,8 +3,7 @@
 // storage holds (check mode) or fills a bounded scan list that clients drain
 // (normal mode). Public operations are called by client threads (the scan
 // manager serialises calls per scanner); the end callback runs on the
-// scanner's thread (on the caller's, in TakeBatch, when the caller walks),
-// with no lock of the scanner held.
+// scanner's thread, with no lock of the scanner held.
 //
 // Lock order: m_stateMutex, then the gate, then m_scannerMutex, then the
 // scan list's own mutex. The gate is a semaphore: Stop and Pause take it (so
@@ -14,8 +13,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,10 +56,7 @@ public:
     int GetFileInfoList(int nCount, std::vector<SMOXFileInfo>& out);
     // A scan in batches: the oldest run of entries, swapped into `batch`
     // (whose buffers go back to the walk), waiting up to `wait` for one. 0,
-    // -7 at the end of the scan, -8 when none came. With bWalkInCaller it
-    // reads the next run itself, between the same gates as the thread (so
-    // Pause and Stop still wait for one run at most): -8 also while paused,
-    // after `wait`, or when a run held only entries the filter dropped.
+    // -7 at the end of the scan, -8 when none came.
     int TakeBatch(SMOXScanBatch& batch, std::chrono::milliseconds wait);
     // Most entries read (and so handed over) in one step of a scan in
     // batches: Pause and Stop wait for one step at most.
@@ -104,13 +98,6 @@ private:
     void Initialize();
     void OnCallback();
     void ApplyPriority();
-    bool WalksInCaller() REQUIRES(m_scannerMutex) {
-        return m_option.nScanMode == MOX_SCAN_MODE_NORMAL && m_option.bBatches && m_option.bWalkInCaller;
-    }
-    // The thread's rest while the caller walks: until the option changes or
-    // the thread ends (nSerial: m_nParkSerial read before the gate).
-    void Park(uint64_t nSerial);
-    void Unpark();
 
     std::string m_strName;
     mox::Mutex m_stateMutex ACQUIRED_BEFORE(m_scannerMutex);  // serialises the public operations
@@ -134,9 +121,6 @@ private:
     int m_nMediaCount GUARDED_BY(m_scannerMutex) = 0;
 
     CMOXScanList m_scanList;  // has its own mutex
-    mox::Mutex m_parkMutex;
-    std::condition_variable m_park;
-    uint64_t m_nParkSerial GUARDED_BY(m_parkMutex) = 0;
     std::atomic<bool> m_bRunning{false};
     std::atomic<bool> m_bAlive{false};
     std::atomic<int> m_nDelayUs{10000};

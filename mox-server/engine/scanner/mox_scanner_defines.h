@@ -137,10 +137,6 @@ struct SMOXScannerOption {
     // (CMOXAutoScanner::TakeBatch), without the parent links; the list's
     // size bounds the entries queued.
     bool bBatches = false;
-    // With bBatches: TakeBatch walks the next run itself, on the caller's
-    // thread (and at its priority); the scanner's thread stays parked. No
-    // hand-over between threads, and the walk's cost is the caller's.
-    bool bWalkInCaller = false;
     MOXScannerEndCB pfnEndCallback = nullptr;
     // Owned by the scanner that accepted the option; freed with pfnFreeData
     // (nothing is freed when it is null). Copies of an option alias it.
