@@ -313,8 +313,8 @@ void CMOXLibraryVolume::m_Thread() {
 
 void CMOXLibraryVolume::m_LowestPriority() {
     // Users never wait for the index: CPU only when nothing else wants it,
-    // disk only when nobody else uses it. The walk runs on this thread; the
-    // helper started from here inherits both.
+    // disk only when nobody else uses it. The walk's scanner thread and the
+    // helper started from here inherit both.
     const auto tid = static_cast<pid_t>(syscall(SYS_gettid));
     struct sched_param param;
     memset(&param, 0, sizeof(param));

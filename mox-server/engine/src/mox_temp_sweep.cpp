@@ -3,11 +3,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -129,13 +126,6 @@ namespace {
 void SweepPathsInBackground(const std::string& usbRoot, std::vector<std::string> paths) {
     try {
         std::thread([usbRoot, paths = std::move(paths)] {
-            // Housekeeping nobody waits for: CPU and disk only when nothing
-            // else wants them (a mount's index walks the same tree meanwhile).
-            const auto tid = static_cast<pid_t>(syscall(SYS_gettid));
-            struct sched_param param {};
-            if (sched_setscheduler(tid, SCHED_IDLE, &param) != 0) setpriority(PRIO_PROCESS, static_cast<id_t>(tid), 19);
-            constexpr int kIoprioClassIdle = 3, kIoprioClassShift = 13, kIoprioWhoProcess = 1;
-            (void)syscall(SYS_ioprio_set, kIoprioWhoProcess, tid, kIoprioClassIdle << kIoprioClassShift);
             for (const std::string& path : paths) {
                 try {
                     Sweep(usbRoot, path);
