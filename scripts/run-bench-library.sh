@@ -10,7 +10,9 @@
 #     against a raw walk+stat of the tree in the indexer's scheduling class
 #     (SCHED_IDLE, so that other load on the machine weighs on both sides
 #     alike; the walk at normal priority is printed too), and the generation
-#     (unchanged = nothing extracted);
+#     (unchanged = nothing extracted); the re-plug of an empty volume, timed
+#     the same way, shows the part that does not grow with the tree (the
+#     spool, the bus, moxctl, the processes the timing starts);
 #   - get_usb_storages p99 while indexing against idle (probed right before
 #     an index of its own, not the one timed for the first figure: the
 #     indexer pauses for the list probe by design);
@@ -76,7 +78,7 @@ WORK=$(mktemp -d /tmp/mox-bench-library.XXXXXX)
 trap engine_env_cleanup EXIT
 engine_env_start_bus
 export MOX_LIBRARY_DIR=$WORK/library MOX_LOG_LEVEL=warning
-mkdir -p "$WORK/usb/stick" "$WORK/usb/local"
+mkdir -p "$WORK/usb/stick" "$WORK/usb/local" "$WORK/usb/empty"
 cp -al "$tree"/folder* "$WORK/usb/stick/"
 for i in $(seq 1000); do : >"$WORK/usb/local/n$i.txt"; done
 ln -s "$build/plugins/local-source/libmox_local_source.so" "$WORK/plugins/"
@@ -91,6 +93,12 @@ plug() {
   mv "$WORK/spool/.s" "$WORK/spool/s.json"
 }
 unplug() { rm -f "$WORK/spool/s.json"; sleep 0.5; }
+plug_empty() {
+  printf '{"devname":"/dev/sdy1","class":8,"mount_path":"%s","fs_type":2,"fs_uuid":"BENCH-0"}' \
+    "$WORK/usb/empty" >"$WORK/spool/.e"
+  mv "$WORK/spool/.e" "$WORK/spool/e.json"
+}
+unplug_empty() { rm -f "$WORK/spool/e.json"; sleep 0.5; }
 now() { date +%s.%N; }
 rss() { awk '/VmRSS/ {print $2}' "/proc/$ENGINE_PID/status"; }
 # get_usb_storages latencies (ms), one per line, for $1 seconds.
@@ -152,7 +160,7 @@ p99() { sort -n | awk '{a[NR]=$1} END {i=int(NR*0.99); if (i<1) i=1; print a[i]}
 stats() { sort -n | awk '{a[NR]=$1} END {printf "median %.3f (range %.3f-%.3f)", a[int((NR+1)/2)], a[1], a[NR]}'; }
 
 rss_before=$(rss)
-: >"$WORK/idle"; : >"$WORK/list-idle"; : >"$WORK/list-busy"; : >"$WORK/first" ; : >"$WORK/replug"; : >"$WORK/floor"; : >"$WORK/walk"; : >"$WORK/walk-normal"; : >"$WORK/busy"
+: >"$WORK/idle"; : >"$WORK/list-idle"; : >"$WORK/list-busy"; : >"$WORK/first" ; : >"$WORK/replug"; : >"$WORK/floor"; : >"$WORK/walk"; : >"$WORK/walk-normal"; : >"$WORK/busy"; : >"$WORK/empty"
 for ((r = 0; r < rounds; r++)); do
   unplug
   rm -f "$MOX_LIBRARY_DIR"/*.db*
@@ -192,6 +200,17 @@ for ((r = 0; r < rounds; r++)); do
   echo "$t1 - $t0" | bc -l >>"$WORK/replug"
   gen2=$(moxctl --json library status "$WORK/usb/stick" | "$py" -c 'import json,sys; print(json.load(sys.stdin)["generation"])')
   [ "$gen" = "$gen2" ] || echo "re-plug changed the generation ($gen -> $gen2): files were extracted again" >&2
+  plug_empty
+  moxctl library wait "$WORK/usb/empty" >/dev/null
+  unplug_empty
+  moxctl library wait "$WORK/usb/empty" >/dev/null &
+  wait_pid=$!
+  sleep 0.5
+  t0=$(now); plug_empty
+  wait "$wait_pid"
+  t1=$(now)
+  echo "$t1 - $t0" | bc -l >>"$WORK/empty"
+  unplug_empty
   read -r n s < <("$build/bench/bench_library_floor" "$tree" "$WORK/floor.db")
   echo "$n / $s" | bc -l >>"$WORK/floor"
   read -r n s < <(chrt -i 0 "$build/bench/bench_library_floor" "$tree" "$WORK/floor.db" --walk-only)
@@ -211,6 +230,7 @@ echo "  raw floor: $(stats <"$WORK/floor") files/s -> $(echo "$first / $floor" |
 echo "re-plug unchanged: $(stats <"$WORK/replug") s from the plug to the ready notification"
 echo "  raw walk+stat (SCHED_IDLE): $(stats <"$WORK/walk") s -> $(echo "$replug / $walk" | bc -l | cut -c1-6)x (goal <= 1.5)"
 echo "  raw walk+stat (normal priority): $(stats <"$WORK/walk-normal") s"
+echo "  re-plug of an empty volume: $(stats <"$WORK/empty") s (the part that does not grow with the tree)"
 echo "get_usb_storages p99: idle $idle_p99 ms, while indexing $busy_p99 ms -> $(echo "$busy_p99 / $idle_p99" | bc -l | cut -c1-5)x (goal <= 2)"
 list_idle=$(median <"$WORK/list-idle")
 list_busy=$(median <"$WORK/list-busy")
