@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
     ls->add_option("--type", list.type, "only this media (folders always shown)")
         ->check(CLI::IsMember({"photo", "video", "music"}));
     ls->add_option("--range", list.range, "item positions A-B or A- (from 0, in the source's order)");
-    ls->add_option("--section-size", list.sectionSize, "items per request when reading long folders")
+    ls->add_option("--section-size", list.sectionSize, "items per request when reading long folders (10000)")
         ->check(CLI::Range(1, 1000000))
         ->group("");
     ls->callback([&] { run = [&](Context& c) { return RunList(c, list); }; });

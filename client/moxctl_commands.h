@@ -35,7 +35,7 @@ struct ListArgs {
     bool desc = false;
     std::string type;   // photo, video, music or empty
     std::string range;  // "A-B", "A-" or empty
-    int sectionSize = 1000;
+    int sectionSize = 10000;
 };
 struct DetailArgs {
     std::string source = "mox_local_source";
