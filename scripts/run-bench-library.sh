@@ -159,6 +159,19 @@ median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 p99() { sort -n | awk '{a[NR]=$1} END {i=int(NR*0.99); if (i<1) i=1; print a[i]}'; }
 stats() { sort -n | awk '{a[NR]=$1} END {printf "median %.3f (range %.3f-%.3f)", a[int((NR+1)/2)], a[1], a[NR]}'; }
 
+# Seconds from the plug ($2, a function) to the ready notification of the
+# volume at $1, received by a moxctl bound and waiting before the plug:
+# neither its start nor its first round trip is counted.
+timed_plug() {
+  moxctl library wait "$1" >/dev/null &
+  local wait_pid=$! t0
+  sleep 0.5
+  t0=$(now)
+  "$2"
+  wait "$wait_pid"
+  echo "$(now) - $t0" | bc -l
+}
+
 rss_before=$(rss)
 : >"$WORK/idle"; : >"$WORK/list-idle"; : >"$WORK/list-busy"; : >"$WORK/first" ; : >"$WORK/replug"; : >"$WORK/floor"; : >"$WORK/walk"; : >"$WORK/walk-normal"; : >"$WORK/busy"; : >"$WORK/empty"
 for ((r = 0; r < rounds; r++)); do
@@ -189,27 +202,13 @@ for ((r = 0; r < rounds; r++)); do
   echo "$files / ($t1 - $t0)" | bc -l >>"$WORK/first"
   gen=$(moxctl --json library status "$WORK/usb/stick" | "$py" -c 'import json,sys; print(json.load(sys.stdin)["generation"])')
   unplug
-  # Bound and waiting before the plug: neither its start nor its first
-  # round trip is counted.
-  moxctl library wait "$WORK/usb/stick" >/dev/null &
-  wait_pid=$!
-  sleep 0.5
-  t0=$(now); plug
-  wait "$wait_pid"
-  t1=$(now)
-  echo "$t1 - $t0" | bc -l >>"$WORK/replug"
+  timed_plug "$WORK/usb/stick" plug >>"$WORK/replug"
   gen2=$(moxctl --json library status "$WORK/usb/stick" | "$py" -c 'import json,sys; print(json.load(sys.stdin)["generation"])')
   [ "$gen" = "$gen2" ] || echo "re-plug changed the generation ($gen -> $gen2): files were extracted again" >&2
   plug_empty
   moxctl library wait "$WORK/usb/empty" >/dev/null
   unplug_empty
-  moxctl library wait "$WORK/usb/empty" >/dev/null &
-  wait_pid=$!
-  sleep 0.5
-  t0=$(now); plug_empty
-  wait "$wait_pid"
-  t1=$(now)
-  echo "$t1 - $t0" | bc -l >>"$WORK/empty"
+  timed_plug "$WORK/usb/empty" plug_empty >>"$WORK/empty"
   unplug_empty
   read -r n s < <("$build/bench/bench_library_floor" "$tree" "$WORK/floor.db")
   echo "$n / $s" | bc -l >>"$WORK/floor"
