@@ -83,13 +83,13 @@ struct LibraryArgs {
     std::string action;  // status, wait, rescan, list or search
     std::string mount;   // optional for status, list and search
     // list and search (the library source, libmox_library_source.so)
-    std::string type;     // photo, video, music or empty
-    std::string view;     // items (default), volumes, folders, albums, ...
+    std::string type;                  // photo, video, music or empty
+    std::string view;                  // items (default), volumes, folders, albums, ...
     std::vector<std::string> filters;  // KEY=VALUE
-    std::string sort;     // an item key, or GroupName / Count of a view
+    std::string sort;                  // an item key, or GroupName / Count of a view
     bool desc = false;
-    std::string range;    // "A-B", "A-" or empty
-    std::string search;   // the text of `library search`
+    std::string range;   // "A-B", "A-" or empty
+    std::string search;  // the text of `library search`
 };
 int RunLibrary(Context& ctx, const LibraryArgs& args);
 

@@ -141,9 +141,8 @@ bool UsbSpoolBackend::ParseDevice(const std::string& text, UsbDeviceInfo& info, 
             !OptInt(root, "vendor_id", parsed.vendorId, why) ||
             !OptString(root, "manufacturer", parsed.manufacturer, why) ||
             !OptString(root, "product", parsed.product, why) || !OptString(root, "serial", parsed.serial, why) ||
-            !OptString(root, "part_label", parsed.partLabel, why) ||
-            !OptString(root, "fs_uuid", parsed.fsUuid, why) || !OptInt(root, "address", parsed.address, why) ||
-            !OptInt(root, "bus", parsed.bus, why))
+            !OptString(root, "part_label", parsed.partLabel, why) || !OptString(root, "fs_uuid", parsed.fsUuid, why) ||
+            !OptInt(root, "address", parsed.address, why) || !OptInt(root, "bus", parsed.bus, why))
             return false;
         if (parsed.usbClass == USB_DEVICE_CLASS_MASS_STORAGE && !parsed.mountPath) {
             why = "mass storage without \"mount_path\"";

@@ -22,7 +22,9 @@ bool IsFuseMount(const std::string& path) {
     return statfs(path.c_str(), &st) == 0 && st.f_type == kFuseSuperMagic;
 }
 
-int Run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()); }
+int Run(const std::string& command) {
+    return std::system((command + " >/dev/null 2>&1").c_str());
+}
 
 }  // namespace
 

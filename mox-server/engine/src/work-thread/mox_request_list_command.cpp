@@ -278,8 +278,7 @@ std::vector<std::string> CMOXRequestListCommand::PathsOfDocument(const std::stri
 }
 
 bool CMOXRequestListCommand::m_AskValidity(IWebSource* pSource, const std::string& strSource,
-                                           const std::string& strQueryCmd, SCacheValidity& validity,
-                                           bool& bOrdered) {
+                                           const std::string& strQueryCmd, SCacheValidity& validity, bool& bOrdered) {
     bOrdered = false;
     // ABI-1 sources have no slot for the question: their answers are kept.
     if (CMOXSingleton<CMOXSourceMgr>::Get()->GetSourceAbi(strSource) < 2) return true;
@@ -647,8 +646,8 @@ bool CMOXRequestListCommand::m_GetComandKeyTypeInfo(CJsonValue& doc, CMOXSortFun
 void CMOXRequestListCommand::m_getSortValueType(std::string& strKey, MOX_VALUETYPE& eType) {
     // Item members of the shipped sources; the media library's too, so that
     // a list of several sources sorts by them.
-    if (strKey == "FileName" || strKey == "Title" || strKey == "Artist" || strKey == "Album" ||
-        strKey == "Genre" || strKey == "GroupName")
+    if (strKey == "FileName" || strKey == "Title" || strKey == "Artist" || strKey == "Album" || strKey == "Genre" ||
+        strKey == "GroupName")
         eType = MOX_VALUE_STRING;
     else if (strKey == "FileSize" || strKey == "FileTime" || strKey == "DateTaken" || strKey == "TrackNumber" ||
              strKey == "Duration" || strKey == "Count")
