@@ -5,7 +5,7 @@
 set -euo pipefail
 
 PACKAGES=(
-  build-essential cmake pkg-config clang libclang-rt-14-dev ccache
+  build-essential cmake pkg-config clang clang-format-14 libclang-rt-14-dev ccache
   libglib2.0-dev libglib2.0-bin dbus-daemon
   libboost-thread-dev libboost-system-dev
   libjsoncpp-dev libcurl4-openssl-dev libexif-dev libtag1-dev libavformat-dev

@@ -38,6 +38,14 @@ else
   echo "warning: no clang++, lock annotations not checked" >&2
 fi
 
+# Layout: .clang-format decides it, so a change never mixes reformatting with
+# its real diff. Tracked C and C++ sources only.
+if command -v clang-format-14 > /dev/null && git rev-parse --git-dir > /dev/null 2>&1; then
+  git ls-files -z '*.c' '*.cpp' '*.h' | xargs -0 clang-format-14 --dry-run --Werror
+else
+  echo "warning: no clang-format-14 or no git checkout, layout not checked" >&2
+fi
+
 # Warnings are errors in the test builds (-Wall -Wextra -Wshadow).
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=address -DMOX_WERROR=ON \
   ${launcher[@]+"${launcher[@]}"} > /dev/null
