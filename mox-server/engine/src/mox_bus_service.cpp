@@ -16,6 +16,7 @@
 #include "mox_bus_text.h"
 #include "mox_engine_imp.h"
 #include "mox_storage_manager.h"
+#include "mox_thread_annotations.h"
 #include "mox_usb_file.h"
 
 namespace {
@@ -358,7 +359,43 @@ gboolean AnswerUnknownMethod(gpointer data) {
 struct FilterData {
     std::string path;
     GDBusInterfaceInfo* iface;
+    std::shared_ptr<CMOXBusService::EngineSlot> engine;
 };
+
+// drop_partial_list is answered where it arrives, on the GDBus worker thread:
+// a drop is bounded memory work (a look-up in the delivered lists, the list's
+// shm objects unlinked, the cache pool's counts of at most kMaxSources blocks
+// per part; no storage, no plug-in), and answering it here spares the two
+// thread hand-offs (to the main loop and back) that each wait for a CPU on a
+// busy machine. The signal then the reply leave as on the main loop. A drop
+// of another shape, with an argument over the bound, or while no engine is
+// attached takes the main loop's path, which refuses it as before.
+bool AnswerDrop(GDBusConnection* connection, GDBusMessage* message, const FilterData& filter) {
+    GVariant* body = g_dbus_message_get_body(message);
+    const gchar* szSender = g_dbus_message_get_sender(message);
+    if (body == nullptr || szSender == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE("(us)"))) return false;
+    guint32 nHandleId = 0;
+    const gchar* szShmName = nullptr;
+    g_variant_get(body, "(u&s)", &nHandleId, &szShmName);
+    if (strlen(szShmName) > mox_bus::kMaxArgumentBytes) return false;
+    mox::MutexLock lock(filter.engine->mutex);
+    if (filter.engine->pEngine == nullptr) return false;
+    MOX_DEBUG("recive method(%s).", "drop_partial_list");
+    connect_info_s caller;
+    caller.connection = connection;
+    caller.sender = szSender;
+    caller.objectPath = filter.path;
+    caller.interfaceName = filter.iface->name;
+    caller.uid = static_cast<uid_t>(-1);  // a drop names its holder by unique name only
+    filter.engine->pEngine->DropPartialList(szShmName, nHandleId, caller);
+    if ((g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0) {
+        GDBusMessage* reply = g_dbus_message_new_method_reply(message);
+        g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+        g_object_unref(reply);
+    }
+    g_object_unref(message);
+    return true;
+}
 
 void FreeFilterData(gpointer data) {
     std::unique_ptr<FilterData> filter(static_cast<FilterData*>(data));
@@ -373,6 +410,7 @@ GDBusMessage* FilterUnknownMethods(GDBusConnection* connection, GDBusMessage* me
         g_strcmp0(g_dbus_message_get_interface(message), filter->iface->name) != 0)
         return message;
     const gchar* member = g_dbus_message_get_member(message);
+    if (g_strcmp0(member, "drop_partial_list") == 0 && AnswerDrop(connection, message, *filter)) return nullptr;
     if (member && g_dbus_interface_info_lookup_method(filter->iface, member)) return message;
     auto call = std::make_unique<UnknownCall>(UnknownCall{G_DBUS_CONNECTION(g_object_ref(connection)), message});
     g_main_context_invoke(nullptr, AnswerUnknownMethod, call.release());  // AnswerUnknownMethod owns it
@@ -418,7 +456,9 @@ void CMOXBusService::Call::Reply(GVariant* value) const {
 }
 
 CMOXBusService::CMOXBusService(GDBusNodeInfo* node, std::function<void()> onClosed)
-    : m_pNode(g_dbus_node_info_ref(node)), m_onClosed(std::move(onClosed)) {}
+    : m_pNode(g_dbus_node_info_ref(node)),
+      m_onClosed(std::move(onClosed)),
+      m_pEngineSlot(std::make_shared<EngineSlot>()) {}
 
 CMOXBusService::~CMOXBusService() {
     if (m_nOwnerId) g_bus_unown_name(m_nOwnerId);
@@ -432,6 +472,9 @@ CMOXBusService::~CMOXBusService() {
 }
 
 void CMOXBusService::Attach(CMOXEngineImp* pEngine, CMOXStorageMgr* pStorage) {
+    // Waits for a drop under way on the GDBus worker thread.
+    mox::MutexLock lock(m_pEngineSlot->mutex);
+    m_pEngineSlot->pEngine = pEngine && pStorage ? pEngine : nullptr;
     m_pEngine = pEngine;
     m_pStorage = pStorage;
 }
@@ -450,7 +493,8 @@ void CMOXBusService::Unown() {
 void CMOXBusService::s_OnBusAcquired(GDBusConnection* connection, const gchar*, gpointer self) {
     auto* pThis = static_cast<CMOXBusService*>(self);
     GDBusNodeInfo* node = pThis->m_pNode;
-    auto filter = std::make_unique<FilterData>(FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])});
+    auto filter = std::make_unique<FilterData>(
+        FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0]), pThis->m_pEngineSlot});
     g_dbus_connection_add_filter(connection, FilterUnknownMethods, filter.release(), FreeFilterData);
     if (!pThis->m_pConnection) {
         pThis->m_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));

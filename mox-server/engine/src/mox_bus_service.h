@@ -5,8 +5,10 @@
 // is the one place where texts become D-Bus strings.
 //
 // Threads: construction, Own(), every handler and the name-owner tracking run
-// on the main loop (the default GLib context). The unknown-method filter runs
-// on GDBus's worker thread and only hands the message to the main loop. The
+// on the main loop (the default GLib context), except drop_partial_list. The
+// message filter runs on GDBus's worker thread: it hands calls of undeclared
+// methods to the main loop, and answers drop_partial_list itself (bounded
+// memory work; see AnswerDrop), reaching the engine through EngineSlot. The
 // sink methods may be called from any thread: they send on the connection the
 // client record names (referenced by GDBus for as long as it is open) and
 // touch no member.
@@ -21,9 +23,11 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "mox_signal_sink.h"
+#include "mox_thread_annotations.h"
 
 class CMOXEngineImp;
 class CMOXStorageMgr;
@@ -73,6 +77,14 @@ public:
     // The table, in the order of the introspection XML.
     static const Method kMethods[];
 
+    // The engine as the GDBus worker thread reaches it: set by Attach, so
+    // that Detach waits for a drop under way there before the engine goes.
+    // Shared with the message filter, which may outlive the service.
+    struct EngineSlot {
+        mox::Mutex mutex;
+        CMOXEngineImp* pEngine GUARDED_BY(mutex) = nullptr;  // null unless storage is attached too
+    };
+
     CMOXEngineImp* Engine() const { return m_pEngine; }
     CMOXStorageMgr* Storage() const { return m_pStorage; }
     // The caller's user id, asked of the bus once per client connection;
@@ -103,4 +115,5 @@ private:
     // User ids by unique name (main loop only); an entry goes when its client
     // leaves the bus, and a unique name is never reused.
     std::map<std::string, uid_t> m_uidBySender;
+    std::shared_ptr<EngineSlot> m_pEngineSlot;
 };
