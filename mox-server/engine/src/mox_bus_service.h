@@ -5,10 +5,11 @@
 // is the one place where texts become D-Bus strings.
 //
 // Threads: construction, Own(), every handler and the name-owner tracking run
-// on the main loop (the default GLib context), except drop_partial_list. The
+// on the main loop (the default GLib context), except the list calls. The
 // message filter runs on GDBus's worker thread: it hands calls of undeclared
-// methods to the main loop, and answers drop_partial_list itself (bounded
-// memory work; see AnswerDrop), reaching the engine through EngineSlot. The
+// methods to the main loop, and takes get_partial_list and drop_partial_list
+// itself (bounded memory work; see AnswerListCall), reaching the engine and
+// the known user ids through EngineSlot. The
 // sink methods may be called from any thread: they send on the connection the
 // client record names (referenced by GDBus for as long as it is open) and
 // touch no member.
@@ -77,12 +78,17 @@ public:
     // The table, in the order of the introspection XML.
     static const Method kMethods[];
 
-    // The engine as the GDBus worker thread reaches it: set by Attach, so
-    // that Detach waits for a drop under way there before the engine goes.
-    // Shared with the message filter, which may outlive the service.
+    // What the GDBus worker thread reaches: the engine, set by Attach, so
+    // that Detach waits for a list call under way there before the engine
+    // goes, and the callers' user ids. Shared with the message filter, which
+    // may outlive the service.
     struct EngineSlot {
         mox::Mutex mutex;
         CMOXEngineImp* pEngine GUARDED_BY(mutex) = nullptr;  // null unless storage is attached too
+        // User ids by unique name, asked of the bus (on the main loop) once
+        // per client connection; an entry goes when its client leaves the
+        // bus, and a unique name is never reused.
+        std::map<std::string, uid_t> uidBySender GUARDED_BY(mutex);
     };
 
     CMOXEngineImp* Engine() const { return m_pEngine; }
@@ -112,8 +118,5 @@ private:
     GDBusConnection* m_pConnection = nullptr;  // referenced; see Threads above
     guint m_nNameOwnerSubscription = 0;
     guint m_nRegistrationId = 0;
-    // User ids by unique name (main loop only); an entry goes when its client
-    // leaves the bus, and a unique name is never reused.
-    std::map<std::string, uid_t> m_uidBySender;
     std::shared_ptr<EngineSlot> m_pEngineSlot;
 };

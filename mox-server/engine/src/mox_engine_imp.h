@@ -11,9 +11,10 @@
 // outlives its readers; only those requesters may drop a list.
 //
 // Threads: the request methods and RemoveClient run on the main loop, except
-// DropPartialList, which the bus service calls on its message thread (it does
-// bounded memory work only and uses the caller's unique name, never its user
-// id); the completion callbacks run on the commands' threads. m_mutex guards the
+// GetPartialList and DropPartialList, which the bus service calls on its
+// message thread (both do bounded memory work only; a drop uses the caller's
+// unique name, never its user id); the completion callbacks run on the
+// commands' threads. m_mutex guards the
 // jobs, their requesters, the per-client shares and the delivered lists, and
 // is held while signals are emitted. Lock order: m_mutex before the cache
 // pool's mutex. Completion callbacks delete the job's command on the
