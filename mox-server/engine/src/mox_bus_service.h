@@ -9,10 +9,9 @@
 // message filter runs on GDBus's worker thread: it hands calls of undeclared
 // methods to the main loop, and takes get_partial_list and drop_partial_list
 // itself (bounded memory work; see AnswerListCall), reaching the engine and
-// the known user ids through EngineSlot. The
-// sink methods may be called from any thread: they send on the connection the
-// client record names (referenced by GDBus for as long as it is open) and
-// touch no member.
+// the known user ids through EngineSlot. The sink methods may be called from
+// any thread: they send on the connection the client record names (referenced
+// by GDBus for as long as it is open) and touch no member.
 //
 // Life: the service outlives the engine and the storage manager it serves
 // (main creates it first and destroys it last); Attach() names them once they
