@@ -16,6 +16,7 @@
 #include "mox_bus_text.h"
 #include "mox_engine_imp.h"
 #include "mox_storage_manager.h"
+#include "mox_thread_annotations.h"
 #include "mox_usb_file.h"
 
 namespace {
@@ -358,7 +359,62 @@ gboolean AnswerUnknownMethod(gpointer data) {
 struct FilterData {
     std::string path;
     GDBusInterfaceInfo* iface;
+    std::shared_ptr<CMOXBusService::EngineSlot> engine;
 };
+
+// The list requests are taken where they arrive, on the GDBus worker thread:
+// drop_partial_list is answered there (a look-up in the delivered lists, the
+// list's shm objects unlinked, the cache pool's counts of its blocks), and
+// get_partial_list joins or starts its job there, whose command then runs on
+// the worker pool (the engine's bookkeeping plus one parse of the document,
+// at most kMaxArgumentBytes). Both are bounded memory work, no storage and no
+// plug-in; taking them here spares the hand-off to the main loop (and for the
+// drop the one back), each a wait for a CPU on a busy machine. Signals, reply
+// and log lines are those of the main loop's path. A call of another shape,
+// with an argument over the bound, while no engine is attached, or (a list)
+// from a caller whose user id is not known yet takes the main loop's path,
+// which answers or refuses it as before.
+bool AnswerListCall(GDBusConnection* connection, GDBusMessage* message, const FilterData& filter, bool bDrop) {
+    GVariant* body = g_dbus_message_get_body(message);
+    const gchar* szSender = g_dbus_message_get_sender(message);
+    if (body == nullptr || szSender == nullptr ||
+        !g_variant_is_of_type(body, G_VARIANT_TYPE(bDrop ? "(us)" : "(uuus)")))
+        return false;
+    guint32 nHandleId = 0, nIgnored1 = 0, nIgnored2 = 0;
+    const gchar* szText = nullptr;
+    if (bDrop)
+        g_variant_get(body, "(u&s)", &nHandleId, &szText);
+    else
+        g_variant_get(body, "(uuu&s)", &nHandleId, &nIgnored1, &nIgnored2, &szText);
+    if (strlen(szText) > mox_bus::kMaxArgumentBytes) return false;
+    CMOXBusService::EngineSlot& slot = *filter.engine;
+    mox::MutexLock lock(slot.mutex);
+    if (slot.pEngine == nullptr) return false;
+    connect_info_s caller;
+    caller.connection = connection;
+    caller.sender = szSender;
+    caller.objectPath = filter.path;
+    caller.interfaceName = filter.iface->name;
+    caller.uid = static_cast<uid_t>(-1);  // a drop names its holder by unique name only
+    if (!bDrop) {
+        // A list counts against its caller's share, which its user id names.
+        auto found = slot.uidBySender.find(caller.sender);
+        if (found == slot.uidBySender.end()) return false;
+        caller.uid = found->second;
+    }
+    MOX_DEBUG("recive method(%s).", bDrop ? "drop_partial_list" : "get_partial_list");
+    if (bDrop)
+        slot.pEngine->DropPartialList(szText, nHandleId, caller);
+    else
+        slot.pEngine->GetPartialList(szText, nHandleId, caller);
+    if ((g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0) {
+        GDBusMessage* reply = g_dbus_message_new_method_reply(message);
+        g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+        g_object_unref(reply);
+    }
+    g_object_unref(message);
+    return true;
+}
 
 void FreeFilterData(gpointer data) {
     std::unique_ptr<FilterData> filter(static_cast<FilterData*>(data));
@@ -373,6 +429,9 @@ GDBusMessage* FilterUnknownMethods(GDBusConnection* connection, GDBusMessage* me
         g_strcmp0(g_dbus_message_get_interface(message), filter->iface->name) != 0)
         return message;
     const gchar* member = g_dbus_message_get_member(message);
+    const bool bDrop = g_strcmp0(member, "drop_partial_list") == 0;
+    if ((bDrop || g_strcmp0(member, "get_partial_list") == 0) && AnswerListCall(connection, message, *filter, bDrop))
+        return nullptr;
     if (member && g_dbus_interface_info_lookup_method(filter->iface, member)) return message;
     auto call = std::make_unique<UnknownCall>(UnknownCall{G_DBUS_CONNECTION(g_object_ref(connection)), message});
     g_main_context_invoke(nullptr, AnswerUnknownMethod, call.release());  // AnswerUnknownMethod owns it
@@ -418,7 +477,9 @@ void CMOXBusService::Call::Reply(GVariant* value) const {
 }
 
 CMOXBusService::CMOXBusService(GDBusNodeInfo* node, std::function<void()> onClosed)
-    : m_pNode(g_dbus_node_info_ref(node)), m_onClosed(std::move(onClosed)) {}
+    : m_pNode(g_dbus_node_info_ref(node)),
+      m_onClosed(std::move(onClosed)),
+      m_pEngineSlot(std::make_shared<EngineSlot>()) {}
 
 CMOXBusService::~CMOXBusService() {
     if (m_nOwnerId) g_bus_unown_name(m_nOwnerId);
@@ -432,6 +493,9 @@ CMOXBusService::~CMOXBusService() {
 }
 
 void CMOXBusService::Attach(CMOXEngineImp* pEngine, CMOXStorageMgr* pStorage) {
+    // Waits for a list call under way on the GDBus worker thread.
+    mox::MutexLock lock(m_pEngineSlot->mutex);
+    m_pEngineSlot->pEngine = pEngine && pStorage ? pEngine : nullptr;
     m_pEngine = pEngine;
     m_pStorage = pStorage;
 }
@@ -450,7 +514,8 @@ void CMOXBusService::Unown() {
 void CMOXBusService::s_OnBusAcquired(GDBusConnection* connection, const gchar*, gpointer self) {
     auto* pThis = static_cast<CMOXBusService*>(self);
     GDBusNodeInfo* node = pThis->m_pNode;
-    auto filter = std::make_unique<FilterData>(FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0])});
+    auto filter = std::make_unique<FilterData>(
+        FilterData{node->path, g_dbus_interface_info_ref(node->interfaces[0]), pThis->m_pEngineSlot});
     g_dbus_connection_add_filter(connection, FilterUnknownMethods, filter.release(), FreeFilterData);
     if (!pThis->m_pConnection) {
         pThis->m_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
@@ -496,7 +561,10 @@ void CMOXBusService::s_OnNameOwnerChanged(GDBusConnection*, const gchar*, const 
     const gchar* szNewOwner = nullptr;
     g_variant_get(parameters, "(&s&s&s)", &szName, &szOldOwner, &szNewOwner);
     if (szName[0] != ':' || szNewOwner[0] != '\0') return;
-    pThis->m_uidBySender.erase(szName);
+    {
+        mox::MutexLock lock(pThis->m_pEngineSlot->mutex);
+        pThis->m_pEngineSlot->uidBySender.erase(szName);
+    }
     if (pThis->m_pStorage) pThis->m_pStorage->RemoveNotificationClientsOf(szName);
     if (pThis->m_pEngine) {
         pThis->m_pEngine->RemoveClient(szName);
@@ -506,8 +574,13 @@ void CMOXBusService::s_OnNameOwnerChanged(GDBusConnection*, const gchar*, const 
 
 uid_t CMOXBusService::CallerUid(GDBusMethodInvocation* invocation) {
     const std::string sender = g_dbus_method_invocation_get_sender(invocation);
-    auto found = m_uidBySender.find(sender);
-    if (found != m_uidBySender.end()) return found->second;
+    {
+        mox::MutexLock lock(m_pEngineSlot->mutex);
+        auto found = m_pEngineSlot->uidBySender.find(sender);
+        if (found != m_pEngineSlot->uidBySender.end()) return found->second;
+    }
+    // Asked without the lock: the GDBus worker thread, which reads the
+    // answer, may be waiting for it.
     GError* rawError = nullptr;
     GVariant* reply = g_dbus_connection_call_sync(
         g_dbus_method_invocation_get_connection(invocation), "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -521,7 +594,8 @@ uid_t CMOXBusService::CallerUid(GDBusMethodInvocation* invocation) {
     guint32 uid = 0;
     g_variant_get(reply, "(u)", &uid);
     g_variant_unref(reply);
-    m_uidBySender.emplace(sender, static_cast<uid_t>(uid));
+    mox::MutexLock lock(m_pEngineSlot->mutex);
+    m_pEngineSlot->uidBySender.emplace(sender, static_cast<uid_t>(uid));
     return static_cast<uid_t>(uid);
 }
 

@@ -5,11 +5,13 @@
 // is the one place where texts become D-Bus strings.
 //
 // Threads: construction, Own(), every handler and the name-owner tracking run
-// on the main loop (the default GLib context). The unknown-method filter runs
-// on GDBus's worker thread and only hands the message to the main loop. The
-// sink methods may be called from any thread: they send on the connection the
-// client record names (referenced by GDBus for as long as it is open) and
-// touch no member.
+// on the main loop (the default GLib context), except the list calls. The
+// message filter runs on GDBus's worker thread: it hands calls of undeclared
+// methods to the main loop, and takes get_partial_list and drop_partial_list
+// itself (bounded memory work; see AnswerListCall), reaching the engine and
+// the known user ids through EngineSlot. The sink methods may be called from
+// any thread: they send on the connection the client record names (referenced
+// by GDBus for as long as it is open) and touch no member.
 //
 // Life: the service outlives the engine and the storage manager it serves
 // (main creates it first and destroys it last); Attach() names them once they
@@ -21,9 +23,11 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "mox_signal_sink.h"
+#include "mox_thread_annotations.h"
 
 class CMOXEngineImp;
 class CMOXStorageMgr;
@@ -73,6 +77,19 @@ public:
     // The table, in the order of the introspection XML.
     static const Method kMethods[];
 
+    // What the GDBus worker thread reaches: the engine, set by Attach, so
+    // that Detach waits for a list call under way there before the engine
+    // goes, and the callers' user ids. Shared with the message filter, which
+    // may outlive the service.
+    struct EngineSlot {
+        mox::Mutex mutex;
+        CMOXEngineImp* pEngine GUARDED_BY(mutex) = nullptr;  // null unless storage is attached too
+        // User ids by unique name, asked of the bus (on the main loop) once
+        // per client connection; an entry goes when its client leaves the
+        // bus, and a unique name is never reused.
+        std::map<std::string, uid_t> uidBySender GUARDED_BY(mutex);
+    };
+
     CMOXEngineImp* Engine() const { return m_pEngine; }
     CMOXStorageMgr* Storage() const { return m_pStorage; }
     // The caller's user id, asked of the bus once per client connection;
@@ -100,7 +117,5 @@ private:
     GDBusConnection* m_pConnection = nullptr;  // referenced; see Threads above
     guint m_nNameOwnerSubscription = 0;
     guint m_nRegistrationId = 0;
-    // User ids by unique name (main loop only); an entry goes when its client
-    // leaves the bus, and a unique name is never reused.
-    std::map<std::string, uid_t> m_uidBySender;
+    std::shared_ptr<EngineSlot> m_pEngineSlot;
 };

@@ -10,10 +10,13 @@
 // drops them or its client leaves the bus, so that no list or data block
 // outlives its readers; only those requesters may drop a list.
 //
-// Threads: the request methods and RemoveClient run on the main loop; the
-// completion callbacks run on the commands' threads. m_mutex guards the
-// jobs, their requesters, the per-client shares and the delivered lists, and
-// is held while signals are emitted. Lock order: m_mutex before the cache
+// Threads: the request methods and RemoveClient run on the main loop, except
+// GetPartialList and DropPartialList, which the bus service calls on its
+// message thread (both do bounded memory work only; a drop uses the caller's
+// unique name, never its user id); the completion callbacks run on the
+// commands' threads. m_mutex guards the jobs, their requesters, the
+// per-client shares and the delivered lists, and is held while signals are
+// emitted. Lock order: the bus service's engine slot, m_mutex, the cache
 // pool's mutex. Completion callbacks delete the job's command on the
 // command's own thread (the command touches nothing of its own after calling
 // back).

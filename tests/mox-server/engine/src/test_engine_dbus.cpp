@@ -302,8 +302,11 @@ TEST(EngineDispatch, EveryMethodAnswersAndTheDaemonKeepsServing) {
         ASSERT_TRUE(r.ok()) << call.method << ": " << r.error;
         EXPECT_EQ(g_variant_n_children(r.reply.get()), 0u) << call.method;
     }
-    // A wrong signature is refused by the bus layer before the dispatcher.
+    // A wrong signature is refused by the bus layer before the dispatcher,
+    // also for the list calls the bus's own thread takes.
     EXPECT_FALSE(h.Call("connect", g_variant_new("(u)", 5u)).ok());
+    EXPECT_FALSE(h.Call("get_partial_list", g_variant_new("(us)", 0u, "{}")).ok());
+    EXPECT_FALSE(h.Call("drop_partial_list", g_variant_new("(uuus)", 0u, 0u, 0u, "x")).ok());
     EXPECT_TRUE(h.Call("start_server", nullptr).ok());
     EXPECT_EQ(h.Stop(), 0);
 }
