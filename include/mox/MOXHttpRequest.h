@@ -8,6 +8,8 @@
 // by MOX_CA_BUNDLE (default /opt/down/cert/ca.pem). In-memory answers are
 // bounded (kMaxBodyBytes, kMaxHeaderBytes): a larger answer fails the
 // transfer. curl_global_init must have run (the daemon does it at start).
+// The class is in libmoxhttp (-lmoxhttp), apart from libmoxcommon, so that
+// clients that make no HTTP calls do not load libcurl.
 //
 // Threads: init() and execute() run on one thread (execute blocks until the
 // transfer ends); setCancel() may be called from any other thread and blocks
