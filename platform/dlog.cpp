@@ -30,11 +30,8 @@
 
 #include <sys/uio.h>
 
-// Entries carry the location of the line that logged, not of this sink.
-#define SD_JOURNAL_SUPPRESS_LOCATION
-#include <systemd/sd-journal.h>
-
 #include "host_env.h"
+#include "systemd_api.h"
 
 __attribute__((visibility("default"))) int dlog_min_priority_cache = -1;
 
@@ -80,7 +77,10 @@ LogConfig LoadConfig() {
     std::string sink = mox_host::EnvOr("MOX_LOG", std::getenv("JOURNAL_STREAM") ? "journal" : "stderr");
     if (sink == "journal") {
         config.sink = Sink::kJournal;
-        if (access(kJournalSocket, F_OK) != 0) LoseJournal(errno);
+        if (access(kJournalSocket, F_OK) != 0)
+            LoseJournal(errno);
+        else if (!mox_systemd::Load().journal_sendv)
+            LoseJournal(ENOSYS);
     } else if (sink.rfind("file:", 0) == 0) {
         // O_APPEND makes each single write() of a line atomic with respect to
         // other threads and processes appending to the same file.
@@ -361,7 +361,7 @@ bool SendToJournal(int prio, const char* tag, const char* file, int line, const 
     }
     struct iovec iov[8];
     for (size_t i = 0; i < n; ++i) iov[i] = {&fields[i][0], fields[i].size()};
-    const int r = sd_journal_sendv(iov, static_cast<int>(n));
+    const int r = mox_systemd::Load().journal_sendv(iov, static_cast<int>(n));
     if (r >= 0) return true;
     LoseJournal(-r);
     return false;

@@ -33,7 +33,7 @@ fi
 if command -v clang++ > /dev/null; then
   CC=clang CXX=clang++ cmake -S . -B build-tsa -DCMAKE_BUILD_TYPE=Debug -DMOX_THREAD_SAFETY=ON \
     -DMOX_BUILD_TESTS=OFF ${launcher[@]+"${launcher[@]}"} > /dev/null
-  cmake --build build-tsa -j"$JOBS" --target mox-engine mox-extract moxcommon moxplatform
+  cmake --build build-tsa -j"$JOBS" --target mox-engine mox-extract moxcommon moxhttp moxplatform
 else
   echo "warning: no clang++, lock annotations not checked" >&2
 fi

@@ -34,6 +34,17 @@ const long kFileBufferBytes = 512 * 1024;
 
 }  // namespace
 
+bool MOXHttpRequest::GlobalInit() {
+    const CURLcode rc = curl_global_init(CURL_GLOBAL_ALL);
+    if (rc == CURLE_OK) return true;
+    MOX_WARN("curl_global_init failed: %s", curl_easy_strerror(rc));
+    return false;
+}
+
+void MOXHttpRequest::GlobalCleanup() {
+    curl_global_cleanup();
+}
+
 MOXHttpHeader::~MOXHttpHeader() = default;
 
 void MOXHttpHeader::add(const std::string& key, const std::string& value) {

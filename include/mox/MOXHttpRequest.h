@@ -7,7 +7,9 @@
 // scheme fails the transfer). Peers are verified against the CA bundle named
 // by MOX_CA_BUNDLE (default /opt/down/cert/ca.pem). In-memory answers are
 // bounded (kMaxBodyBytes, kMaxHeaderBytes): a larger answer fails the
-// transfer. curl_global_init must have run (the daemon does it at start).
+// transfer. GlobalInit() must have run (the daemon does it at start).
+// The class is in libmoxhttp (-lmoxhttp), apart from libmoxcommon, so that
+// clients that make no HTTP calls do not load libcurl.
 //
 // Threads: init() and execute() run on one thread (execute blocks until the
 // transfer ends); setCancel() may be called from any other thread and blocks
@@ -89,6 +91,13 @@ public:
 
     static const size_t kMaxBodyBytes = 64u << 20;
     static const size_t kMaxHeaderBytes = 1u << 20;
+
+    // libcurl's process-wide state (TLS libraries included): set up once at
+    // the start of a process that makes HTTP calls, before any thread uses
+    // libcurl, and released once at its end. False when the set-up failed
+    // (no request can succeed then).
+    static bool GlobalInit();
+    static void GlobalCleanup();
 
     // A request with an in-memory body (the answer lands in response()).
     MOXHttpRequest(HTTP_REQUEST_TYPE type, std::string url, const MOXHttpHeader& header, std::string payload,

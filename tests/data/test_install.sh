@@ -37,6 +37,10 @@ set -e
 [ "$rc" = 2 ] && grep -q 'internal helper' "$PREFIX/extract.txt" || fail "mox-extract by hand: $rc"
 "$PREFIX/bin/moxctl" --version | grep -q '^moxctl [0-9]' || fail "moxctl --version"
 ldd "$PREFIX/bin/mox-engine" | grep "libmoxcommon.so.0 =>" | grep "$PREFIX/" > /dev/null || fail "libmoxcommon not from the prefix"
+# Plug-ins find libmoxhttp already loaded by the daemon; a client loads
+# neither libcurl nor libsystemd (their loading was most of its start-up).
+ldd "$PREFIX/bin/mox-engine" | grep "libmoxhttp.so.0 =>" | grep "$PREFIX/" > /dev/null || fail "libmoxhttp not from the prefix"
+ldd "$PREFIX/bin/moxctl" | grep -E "libcurl|libsystemd" && fail "moxctl loads libcurl or libsystemd"
 
 # A missing introspection file: status 1 and a warning naming it and its variable.
 set +e

@@ -21,10 +21,10 @@
 #include <type_traits>
 #include <utility>
 
-#include <curl/curl.h>
 #include <gio/gio.h>
 #include <glib-unix.h>
 
+#include <mox/MOXHttpRequest.h>
 #include <mox/json_value.h>
 #include <mox/mox_log.h>
 #include <mox/mox_singleton.h>
@@ -367,7 +367,7 @@ struct Daemon {
         g_pBus = nullptr;
         g_introspectionData.reset();
         g_introspectionXml.reset();
-        curl_global_cleanup();
+        MOXHttpRequest::GlobalCleanup();
     }
 };
 
@@ -462,9 +462,9 @@ int main(int argc, char** argv) {
     // it was writing on the storages mounted now.
     mox_shm::RemoveStaleObjects();
     mox_temp_sweep::SweepMountedInBackground(mox_host::UsbRoot());
-    MOX_DEBUG("curl_global_init.");
-    curl_global_init(CURL_GLOBAL_ALL);
-    MOX_DEBUG("curl_global_init end.");
+    // Linked here (not only by the plug-ins that make HTTP calls) so that a
+    // plug-in finds libmoxhttp loaded wherever the daemon is installed.
+    MOXHttpRequest::GlobalInit();
     // Until the teardown is over a second SIGTERM (a service manager that
     // stops the daemon while it is already stopping) only wakes a loop nobody
     // runs instead of killing the process half-way through.

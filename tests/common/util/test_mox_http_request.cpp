@@ -20,14 +20,14 @@ namespace {
 class Server : public ::testing::Test {
 protected:
     void SetUp() override {
-        curl_global_init(CURL_GLOBAL_ALL);
+        ASSERT_TRUE(MOXHttpRequest::GlobalInit());
         moxtest::WriteTextFile(dir.file("a.txt"), std::string(300000, 'a'));
         m_server = std::make_unique<moxtest::HttpServer>(dir.path(), dir.file("port"));
         ASSERT_NE(m_server->port, 0);
     }
     void TearDown() override {
         m_server.reset();
-        curl_global_cleanup();
+        MOXHttpRequest::GlobalCleanup();
     }
     std::string Url(const std::string& path) { return "http://127.0.0.1:" + std::to_string(m_server->port) + path; }
 
