@@ -16,7 +16,8 @@
 //                       at each commit (an update that leaves those
 //                       columns as they were does not touch it)
 // Indices serve the views of a read-only reader (by folder, date taken, file
-// time, title, file name, artist, album and track, genre).
+// time, title, file name, artist, album and track, genre); the one by folder
+// also covers the walk's compare, which then reads no row of the table.
 //
 // One thread uses an object at a time; readers open their own connections.
 // Errors are return values (SQLite codes or false); Open() logs them once.
@@ -82,13 +83,16 @@ struct SMOXLibraryPending {
 
 class CMOXLibraryDb {
 public:
-    static constexpr int kSchemaVersion = 1;
+    static constexpr int kSchemaVersion = 2;
+    // Older files from this version on are brought up to date at open.
+    static constexpr int kOldestSchemaVersion = 1;
     static constexpr int kApplicationId = 0x4D4F584C;  // "MOXL"
 
     enum class EOpen { kOpened, kCreated, kRebuilt, kFailed };
-    // Opens or creates the file; a file that is not a library of this
-    // version, or fails the quick check, is moved aside to PATH.broken (one
-    // warning) and a fresh one made. The quick check (a read of the whole
+    // Opens or creates the file; a file of an older version is brought up
+    // to date in place (its rows kept); a file that is not a library of a
+    // known version, or fails the quick check, is moved aside to PATH.broken
+    // (one warning) and a fresh one made. The quick check (a read of the whole
     // file, seconds for millions of rows) runs only after an unclean end, a
     // write-ahead log with frames left behind; damage found later is
     // handled by MoveAside().
@@ -144,6 +148,8 @@ public:
 private:
     bool m_OpenChecked(const std::string& path, const std::string& strVolumeId, bool& bCreated, std::string& why);
     bool m_CreateSchema(const std::string& strVolumeId);
+    // From kOldestSchemaVersion or later to kSchemaVersion, in one transaction.
+    bool m_Migrate();
     bool m_Prepare();
     // Drops the text index's triggers of older files; sets up the log.
     bool m_TextLog();

@@ -25,7 +25,7 @@ namespace {
 
 // What the indexer writes (CMOXLibraryDb): application id and schema version.
 constexpr int64_t kApplicationId = 0x4D4F584C;
-constexpr int64_t kSchemaVersion = 1;
+constexpr int64_t kSchemaVersion = 2;
 // Bounds on client texts: a tag or a path is far shorter.
 constexpr size_t kMaxText = 4096;
 constexpr size_t kMaxTokens = 32;
