@@ -191,9 +191,12 @@ CMOXLibrary::~CMOXLibrary() {
     Stop(std::chrono::hours(24 * 365));
 }
 
-void CMOXLibrary::OnMounted(usb_device_h device) {
+void CMOXLibrary::OnMounted(usb_device_h device, std::function<void()> afterWalk) {
     const char* szMount = usb_device_get_mountpath(device);
-    if (!szMount || !*szMount) return;
+    if (!szMount || !*szMount) {
+        if (afterWalk) afterWalk();
+        return;
+    }
     const std::string strMount = TrimSlashes(szMount);
     const char* szUuid = usb_device_get_fs_uuid(device);
     uint64_t nBytes = 0;
@@ -205,17 +208,32 @@ void CMOXLibrary::OnMounted(usb_device_h device) {
     auto pVolume = std::make_unique<CMOXLibraryVolume>(
         strMount, strId, m_strDir + "/" + strId + ".db", UsersBusy(),
         [this](const SMOXLibraryStatus& status) { m_Queue(status); }, [this] { return m_FitBudget(); }, m_bounds);
-    mox::MutexLock lock(m_mutex);
-    if (m_bQuit) return;
+    pVolume->SetWalkedHook(std::move(afterWalk));
+    // Run outside the lock when the volume is not indexed.
+    std::function<void()> now;
+    {
+        mox::MutexLock lock(m_mutex);
+        if (m_bQuit) return;
+        if (!m_Add(pVolume, strMount, strId)) now = pVolume ? pVolume->TakeWalkedHook() : nullptr;
+    }
+    if (now) now();
+}
+
+bool CMOXLibrary::m_Add(std::unique_ptr<CMOXLibraryVolume>& pVolume, const std::string& strMount,
+                        const std::string& strId) {
     for (const auto& entry : m_volumes) {
         if (entry.second->VolumeId() == strId && entry.first != strMount) {
             MOX_WARN("library: %s has the identity %s of %s, which is indexed already: not indexed.", strMount.c_str(),
                      strId.c_str(), entry.first.c_str());
-            return;
+            return false;
         }
     }
     auto found = m_volumes.find(strMount);
-    if (found != m_volumes.end() && found->second->VolumeId() == strId) return;  // reported twice
+    // Reported twice: the first report's hook is pending.
+    if (found != m_volumes.end() && found->second->VolumeId() == strId) {
+        pVolume.reset();
+        return false;
+    }
     if (found != m_volumes.end()) {
         // Mounted again without an unmount in between: the new volume wins.
         found->second->RequestStop();
@@ -223,8 +241,9 @@ void CMOXLibrary::OnMounted(usb_device_h device) {
         m_volumes.erase(found);
     }
     MOX_INFO("library: indexing %s as volume %s.", strMount.c_str(), strId.c_str());
-    if (!pVolume->Start()) return;
+    if (!pVolume->Start()) return false;
     m_volumes[strMount] = std::move(pVolume);
+    return true;
 }
 
 void CMOXLibrary::IndexMounted() {

@@ -63,7 +63,12 @@ public:
     CMOXLibrary& operator=(const CMOXLibrary&) = delete;
 
     // Storage events (USB service thread; the device stays the caller's).
-    void OnMounted(usb_device_h device);
+    // afterWalk runs once the volume's first walk is over, on the indexer's
+    // thread (in its idle scheduling class, which threads it starts keep),
+    // or at once here when the volume is not indexed; never when the volume
+    // goes or the library stops first. Other walks of the whole storage wait
+    // for it: beside the indexer's they would slow it down.
+    void OnMounted(usb_device_h device, std::function<void()> afterWalk = {});
     void OnUnmounted(const std::string& strMountPath);
     // Starts indexers for the storages mounted before the daemon started
     // (call once the storage events are wired).
@@ -88,6 +93,10 @@ private:
     void m_Queue(const SMOXLibraryStatus& status);
     // Wakes the ticker (no lock held).
     void m_Poke();
+    // Keeps pVolume (started) as the volume at strMount; false when it is not
+    // indexed (pVolume is then kept, or reset when the same volume is there).
+    bool m_Add(std::unique_ptr<CMOXLibraryVolume>& pVolume, const std::string& strMount, const std::string& strId)
+        REQUIRES(m_mutex);
     // Keeps the index files below kMaxTotalBytes by dropping those of
     // volumes not mounted, oldest first; false when that is not enough.
     bool m_FitBudget();

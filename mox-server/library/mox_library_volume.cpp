@@ -299,6 +299,8 @@ void CMOXLibraryVolume::m_Thread() {
         MOX_WARN("library %s: indexer ended by an unknown exception.", m_strMountPath.c_str());
         m_SetState("failed", true);
     }
+    // Failed before its walk: what waited for it goes now.
+    if (!Stopping()) m_Walked();
     if (m_bInTransaction) m_db.Rollback();
     m_bInTransaction = false;
     if (!m_bMountRecorded && !m_bCorrupt && !m_bFull && m_db.Begin() == SQLITE_OK) {
@@ -334,6 +336,10 @@ void CMOXLibraryVolume::m_SetState(const char* szState, bool bReport) {
     }
     m_Publish();
     if (bReport) m_Report();
+}
+
+void CMOXLibraryVolume::m_Walked() {
+    if (m_walkedHook) std::exchange(m_walkedHook, nullptr)();
 }
 
 void CMOXLibraryVolume::m_Publish() {
@@ -407,6 +413,7 @@ void CMOXLibraryVolume::m_Run() {
             // Nothing committed: the counts read at the start still hold.
             if (m_db.Generation() != nBefore) m_UpdateCounts();
             m_SetState(eResult == EScan::kFailed ? "failed" : "ready", true);
+            m_Walked();
         }
         struct pollfd fds[2] = {{m_wakeFd.Get(), POLLIN, 0}, {m_inotifyFd.Get(), POLLIN, 0}};
         const int nReady = poll(fds, m_inotifyFd.IsValid() ? 2 : 1, 1000);
@@ -449,8 +456,11 @@ CMOXLibraryVolume::EScan CMOXLibraryVolume::m_Scan() {
     m_bBudgetReached = false;
     bool bWalkComplete = false;
     SMOXLibraryExtractPipe pipe;
+    const int64_t nBefore = m_db.Generation();
     EScan eResult = m_Walk(pipe, bWalkComplete);
     if (eResult != EScan::kComplete) return eResult;
+    // Extraction ahead (it may take long): the walk is what others waited for.
+    if (m_db.Generation() != nBefore) m_Walked();
     eResult = m_ExtractPending(&pipe);
     if (eResult != EScan::kComplete) return eResult;
     // Every row seen by the walk and none deleted meanwhile: nothing can

@@ -34,6 +34,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <mox_unique_fd.h>
@@ -77,6 +78,14 @@ public:
     ~CMOXLibraryVolume();  // stops and joins
     CMOXLibraryVolume(const CMOXLibraryVolume&) = delete;
     CMOXLibraryVolume& operator=(const CMOXLibraryVolume&) = delete;
+
+    // Called once the first walk is over (it changed nothing, or its rows
+    // then wait for extraction) or the indexer ended without one, on the
+    // volume's thread; never when the volume is stopped first. Set before
+    // Start().
+    void SetWalkedHook(std::function<void()> hook) { m_walkedHook = std::move(hook); }
+    // The hook, when Start() was not called.
+    std::function<void()> TakeWalkedHook() { return std::exchange(m_walkedHook, nullptr); }
 
     bool Start();
     // Asks the thread to end (no wait); Join() waits for it.
@@ -143,6 +152,8 @@ private:
     // SCHED_IDLE and the idle I/O class for the calling (indexer) thread.
     void m_LowestPriority();
     void m_SetState(const char* szState, bool bReport);
+    // Runs the walked hook, once.
+    void m_Walked();
     void m_Report();
     void m_UpdateCounts();
     int m_OpenBeneath(const std::string& strRel, int nFlags);
@@ -200,6 +211,7 @@ private:
     bool m_bCorrupt = false;        // SQLite found the file damaged: moved aside at the end
     int64_t m_nDoneUnreported = 0;  // unchanged files seen, added to the status per batch
     int m_nInsertsSinceBudget = 0;
+    std::function<void()> m_walkedHook;
     time_t m_tMounted = 0;
     bool m_bMountRecorded = false;  // this mount's meta is in the index
 };

@@ -237,10 +237,17 @@ void cb_dealUsbEvent(usb_device_h device, EMOXStorageEvent event, void* engine) 
     CMOXSingleton<CCachePool>::Get()->ForgetTouching(strMountPath);
     if (event == MOX_STORAGE_CONNECTED) {
         // Scanning is requested by clients; on a mount only what a dead
-        // engine left half-written goes.
+        // engine left half-written goes, once the library's walk of the
+        // storage is over (the two walks at once slow each other down) and
+        // in the indexer's idle class (the clients it notified come first).
         MOX_INFO("USB MOUNTED : %s", strMountPath.c_str());
-        mox_temp_sweep::SweepInBackground(mox_host::UsbRoot(), strMountPath);
-        if (g_pLibrary) g_pLibrary->OnMounted(device);
+        auto sweep = [strRoot = mox_host::UsbRoot(), strMountPath] {
+            mox_temp_sweep::SweepInBackground(strRoot, strMountPath);
+        };
+        if (g_pLibrary)
+            g_pLibrary->OnMounted(device, sweep);
+        else
+            sweep();
     } else if (event == MOX_STORAGE_DISCONNECTED) {
         MOX_INFO("USB UNMOUNTED : %s", strMountPath.c_str());
         if (g_pLibrary) g_pLibrary->OnUnmounted(strMountPath);
