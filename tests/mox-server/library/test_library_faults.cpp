@@ -186,7 +186,7 @@ TEST(LibraryFaults, AFullDiskStopsIndexingAndKeepsWhatWasCommitted) {
     LibraryClient lib(h);
     const std::string disk = h.Path("disk");
     fs::create_directories(disk);
-    LoopFs loop(h.Path("disk.img"), disk, 16);
+    LoopFs loop(h.Path("disk.img"), disk);
     if (!loop.Mounted()) GTEST_SKIP() << loop.Why();
     h.SetEnv("MOX_LIBRARY_DIR", disk + "/lib");
     const std::string db = disk + "/lib/uuid-f-s6.db";
