@@ -2,6 +2,7 @@
 // spool USB service, the real mox-extract helper, generated media and the
 // real SQLite files in a temporary MOX_LIBRARY_DIR.
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -198,4 +199,85 @@ TEST(Library, SurvivesPullKillAndBrokenDatabases) {
     }
     // Each broken file was found at open, once.
     EXPECT_EQ(h.CountLog("unusable ("), 3u);
+}
+
+namespace {
+
+bool Exec(const std::string& db, const std::string& sql) {
+    sqlite3* p = nullptr;
+    const bool bOk = sqlite3_open(db.c_str(), &p) == SQLITE_OK &&
+                     sqlite3_exec(p, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+    sqlite3_close(p);
+    return bOk;
+}
+
+}  // namespace
+
+// Index files of another schema version: an older one keeps its rows
+// (nothing extracted again), a newer one is moved aside and rebuilt.
+TEST(LibraryUpgrade, OlderKeepsRowsNewerIsRebuilt) {
+    EngineHarness h;
+    LibraryClient lib(h);
+    fs::create_directories(h.UsbRoot() + "/a/d");
+    // Not decodable: recorded as such, not tried again while unchanged.
+    for (const char* name : {"/a/x.jpg", "/a/d/y.mp3", "/a/d/z.jpg"}) std::ofstream(h.UsbRoot() + name) << "junk";
+    ASSERT_TRUE(lib.Start());
+    lib.Plug("u1", "a");
+    const Json::Value first = lib.Wait("a", "ready");
+    ASSERT_GT(first["generation"].asInt(), 0);
+    const std::string db = lib.Db("u1");
+    EXPECT_EQ(h.Stop(), 0);
+    const std::string index = "SELECT sql FROM sqlite_schema WHERE name = 'items_parent'";
+
+    // Version 1: the folder index without the columns the walk compares.
+    ASSERT_TRUE(Exec(db,
+                     "DROP INDEX items_parent; CREATE INDEX items_parent ON items(parent, is_folder, file_name); "
+                     "PRAGMA user_version=1"));
+    ASSERT_EQ(Query(db, index).find("file_size"), std::string::npos) << Query(db, index);
+    ASSERT_TRUE(lib.Start());  // still plugged
+    Json::Value ready = lib.WaitStatus("a", "ready");
+    EXPECT_EQ(ready["generation"], first["generation"]);
+    EXPECT_EQ(ready["counts"], first["counts"]);
+    EXPECT_EQ(Query(db, "PRAGMA user_version"), "2");
+    EXPECT_NE(Query(db, index).find("file_size, file_time, state"), std::string::npos) << Query(db, index);
+    EXPECT_EQ(Query(db, "SELECT count(*) FROM items WHERE is_folder = 0 AND state != 0"), "3");
+    EXPECT_FALSE(fs::exists(db + ".broken"));
+    EXPECT_EQ(h.Stop(), 0);
+
+    // A version this daemon does not know yet: moved aside, rebuilt.
+    ASSERT_TRUE(Exec(db, "PRAGMA user_version=3"));
+    ASSERT_TRUE(lib.Start());
+    ready = lib.WaitStatus("a", "ready");
+    EXPECT_EQ(ready["counts"]["photo"].asInt(), 2);
+    EXPECT_TRUE(fs::exists(db + ".broken"));
+    EXPECT_EQ(Query(db, "PRAGMA user_version"), "2");
+    EXPECT_EQ(h.Stop(), 0);
+    EXPECT_EQ(h.CountLog("unusable ("), 1u);
+}
+
+// A mounted storage loses the temporary files a dead engine left on it once
+// the library's walk of it is over; those of a living process stay.
+TEST(LibraryMountSweep, StaleTemporaryFilesGoAfterTheWalk) {
+    EngineHarness h;
+    LibraryClient lib(h);
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    ASSERT_GT(child, 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    const std::string dead = std::to_string(child), live = std::to_string(getpid());
+    const std::string stick = lib.Mount("a");
+    fs::create_directories(stick + "/d");
+    std::ofstream(stick + "/x.jpg") << "junk";
+    const std::string stale[] = {stick + "/.mox-transfer-" + dead + "-1", stick + "/d/.y.jpg.mox-" + dead + "-0"};
+    const std::string kept[] = {stick + "/.mox-transfer-" + live + "-1", stick + "/d/.y.jpg.mox-" + live + "-2"};
+    for (const std::string& f : stale) std::ofstream(f) << "partial";
+    for (const std::string& f : kept) std::ofstream(f) << "partial";
+    ASSERT_TRUE(lib.Start());
+    lib.Plug("m1", "a");
+    lib.Wait("a", "ready");
+    for (int i = 0; i < 500 && (fs::exists(stale[0]) || fs::exists(stale[1])); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    for (const std::string& f : stale) EXPECT_FALSE(fs::exists(f)) << f;
+    for (const std::string& f : kept) EXPECT_TRUE(fs::exists(f)) << f;
+    EXPECT_EQ(h.Stop(), 0);
 }
