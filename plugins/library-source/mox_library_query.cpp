@@ -23,8 +23,11 @@
 
 namespace {
 
-// What the indexer writes (CMOXLibraryDb): application id and schema version.
+// What the indexer writes (CMOXLibraryDb): application id and schema
+// versions. Version 1 (an index not re-plugged since the daemon's update) has
+// the same tables and columns, only a narrower folder index: read as it is.
 constexpr int64_t kApplicationId = 0x4D4F584C;
+constexpr int64_t kOldestSchemaVersion = 1;
 constexpr int64_t kSchemaVersion = 2;
 // Bounds on client texts: a tag or a path is far shorter.
 constexpr size_t kMaxText = 4096;
@@ -418,7 +421,8 @@ public:
                 !m_Int(("SELECT count(*) FROM " + strSchema + ".sqlite_schema WHERE name IN ('items', 'items_fts')")
                            .c_str(),
                        nTables) ||
-                nAppId != kApplicationId || nVersion != kSchemaVersion || nTables != 2) {
+                nAppId != kApplicationId || nVersion < kOldestSchemaVersion || nVersion > kSchemaVersion ||
+                nTables != 2) {
                 MOX_DEBUG("Library list: index of %s not usable yet.", volumes[i].strMountPath.c_str());
                 sqlite3_exec(p, ("DETACH " + strSchema).c_str(), nullptr, nullptr, nullptr);
                 continue;
