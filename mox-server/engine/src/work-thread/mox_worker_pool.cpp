@@ -7,6 +7,8 @@
 
 #include <mox/mox_log.h>
 
+#include "mox_request_slice.h"
+
 CMOXWorkerPool::CMOXWorkerPool(size_t nMaxThreads, size_t nMaxIdle, size_t nMaxQueued)
     : m_nMaxThreads(nMaxThreads), m_nMaxIdle(nMaxIdle), m_nMaxQueued(nMaxQueued) {}
 
@@ -109,6 +111,7 @@ void CMOXWorkerPool::RunTogether(std::vector<std::function<void()>> tasks) {
 }
 
 void CMOXWorkerPool::m_Run() {
+    mox_request_slice::UseForThisThread();
     mox::UniqueLock lock(m_mutex);
     for (;;) {
         while (m_tasks.empty() && !m_bEnding) {
