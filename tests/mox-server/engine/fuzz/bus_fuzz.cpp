@@ -67,13 +67,20 @@ std::vector<std::string> Words(const std::string& text) {
     }
 }
 
-// The engine's shared-memory objects now in /dev/shm.
-std::set<std::string> EngineObjects() {
+// The shared-memory objects now in /dev/shm of the daemons with these
+// instance tags (their pids): daemons of other tests that run meanwhile, and
+// those killed there, have objects of their own.
+std::set<std::string> EngineObjects(const std::set<std::string>& tags) {
     std::set<std::string> names;
     std::error_code ec;
     for (const auto& entry : fs::directory_iterator("/dev/shm", ec)) {
         std::string name = entry.path().filename().string();
-        if (name.rfind("mox_datablock_", 0) == 0 || name.rfind("mox_resultlist_", 0) == 0) names.insert(name);
+        for (const char* prefix : {"mox_datablock_", "mox_resultlist_"}) {
+            if (name.rfind(prefix, 0) != 0) continue;
+            const size_t tagEnd = name.find('_', strlen(prefix));
+            if (tagEnd != std::string::npos && tags.count(name.substr(strlen(prefix), tagEnd - strlen(prefix))))
+                names.insert(name);
+        }
     }
     return names;
 }
@@ -590,6 +597,7 @@ private:
         while (!m_clients.empty()) DropClient(m_clients.size() - 1);
         m_outputOffset = m_h.Output().size();
         if (!m_h.Start()) return false;
+        m_engineTags.insert(std::to_string(m_h.Pid()));
         ++m_restarts;
         m_dead = false;
         return true;
@@ -720,7 +728,8 @@ private:
     size_t m_calls = 0, m_silent = 0, m_answered = 0, m_restarts = 0, m_outputOffset = 0, m_deaths = 0;
     size_t m_lost = 0;  // pending when the daemon died: neither answered nor silent
     std::string m_stick, m_outside;
-    std::set<std::string> m_outsideBefore, m_shmBefore;
+    std::set<std::string> m_outsideBefore;
+    std::set<std::string> m_engineTags;  // the instance tags of the daemons started
     bool m_dead = false;
 };
 
@@ -769,7 +778,6 @@ bool BusFuzzer::Setup() {
     mkfifo((m_stick + "/photos/fifo.jpg").c_str(), 0666);
 
     for (const auto& entry : fs::recursive_directory_iterator(m_outside)) m_outsideBefore.insert(entry.path());
-    m_shmBefore = EngineObjects();
     return true;
 }
 
@@ -778,6 +786,7 @@ int BusFuzzer::Run() {
         fprintf(stderr, "bus_fuzz: the daemon did not start\n%s\n", m_h.Output().c_str());
         return 2;
     }
+    m_engineTags.insert(std::to_string(m_h.Pid()));
     auto start = Clock::now();
     auto deadline = start + std::chrono::milliseconds(static_cast<long>(m_opt.seconds * 1000));
     while (!m_dead && (m_opt.calls >= 0 ? static_cast<long>(m_calls) < m_opt.calls : Clock::now() < deadline))
@@ -815,8 +824,7 @@ int BusFuzzer::Run() {
     // After a clean stop the daemon must have released every object; after a
     // crash its objects are orphans that would collide with later runs.
     std::vector<std::string> left;
-    for (const auto& name : EngineObjects())
-        if (!m_shmBefore.count(name)) left.push_back(name);
+    for (const auto& name : EngineObjects(m_engineTags)) left.push_back(name);
     if (!left.empty() && m_deaths == 0)
         m_findings.push_back({"objects left in /dev/shm after the stop",
                               left.front() + " and " + std::to_string(left.size() - 1) + " more"});
