@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <system_error>
@@ -20,20 +21,30 @@ void AssignIfSet(std::string& field, const char* value) {
     if (value) field = value;
 }
 
-// statfs without waiting on a hung storage: the call runs on a thread of its
-// own, waited for at most kStatFsWait; a path whose earlier call is still
-// stuck starts no other. Until an answer comes the last one seen stands in.
+// statfs without waiting on a hung storage: each mount path has a prober
+// thread that makes the calls, and a caller waits for its answer at most
+// kStatFsWait. A prober stays kProberIdle after its last call, so steady
+// queries start no thread (starting one per call cost more than the call
+// itself). A request made while a call is under way is answered by that
+// call; one stuck there keeps its path's requests waiting, and until an
+// answer comes the last one seen stands in.
 constexpr std::chrono::milliseconds kStatFsWait{50};
+constexpr std::chrono::seconds kProberIdle{30};
 
 struct SStatFsProbe {
-    bool bBusy = false;
-    bool bKnown = false;
-    struct statfs last;
+    std::condition_variable asked;  // a request for the prober
+    uint64_t nAsked = 0;            // requests made
+    uint64_t nStarted = 0;          // requests the call under way answers
+    uint64_t nAnswered = 0;         // requests the last result answers
+    bool bProber = false;           // a prober thread runs for the path
+    bool bKnown = false;            // last holds a successful answer
+    struct statfs last {};
 };
 
 struct SStatFsProbes {
     mox::Mutex mutex;
-    std::condition_variable cond;
+    std::condition_variable answered;  // a prober stored a result
+    // Entries are never erased: references to them stay valid.
     std::map<std::string, SStatFsProbe> byPath GUARDED_BY(mutex);
 };
 
@@ -43,37 +54,65 @@ SStatFsProbes& Probes() {
     return *s_probes;
 }
 
-// statfs of path into *out; false when it fails or does not answer in time
-// with nothing seen before (the record then reports 0).
-bool StatFs(const std::string& path, struct statfs* out) {
+void RunProber(const std::string& path, SStatFsProbes& probes) {
+    mox::UniqueLock lock(probes.mutex);
+    SStatFsProbe& probe = probes.byPath[path];
+    for (;;) {
+        const auto idleUntil = std::chrono::steady_clock::now() + kProberIdle;
+        while (probe.nAnswered == probe.nAsked) {
+            if (lock.WaitUntil(probe.asked, idleUntil) == std::cv_status::timeout && probe.nAnswered == probe.nAsked) {
+                probe.bProber = false;
+                return;
+            }
+        }
+        const uint64_t nCovered = probe.nStarted = probe.nAsked;
+        lock.Unlock();
+        struct statfs st {};
+        const bool bOk = statfs(path.c_str(), &st) == 0;
+        lock.Lock();
+        probe.nAnswered = nCovered;
+        probe.bKnown = bOk;
+        probe.last = st;
+        probes.answered.notify_all();
+    }
+}
+
+// Asks for a statfs of path that starts after this call; returns the request
+// to wait for, or 0 when no prober can run. A request whose call has not
+// started yet is joined, not repeated.
+uint64_t AskStatFs(SStatFsProbes& probes, const std::string& path) REQUIRES(probes.mutex) {
+    SStatFsProbe& probe = probes.byPath[path];
+    if (probe.nAsked > probe.nStarted) return probe.nAsked;
+    ++probe.nAsked;
+    if (probe.bProber) {
+        probe.asked.notify_one();
+        return probe.nAsked;
+    }
+    try {
+        std::thread([path, &probes] { RunProber(path, probes); }).detach();
+        probe.bProber = true;
+    } catch (const std::system_error& e) {
+        probe.nStarted = probe.nAnswered = probe.nAsked;  // nobody will answer it
+        MOX_WARN("no thread for the size of %s: %s", path.c_str(), e.what());
+        return 0;
+    }
+    return probe.nAsked;
+}
+
+// statfs of path into *out, for request nRequest (0: asks now); false when
+// it fails or does not answer in time with nothing seen before (the record
+// then reports 0).
+bool StatFs(const std::string& path, struct statfs* out, uint64_t nRequest = 0) {
     memset(out, 0, sizeof(*out));
     SStatFsProbes& probes = Probes();
     mox::UniqueLock lock(probes.mutex);
-    if (!probes.byPath[path].bBusy) {
-        probes.byPath[path].bBusy = true;
-        try {
-            std::thread([path, &probes] {
-                struct statfs st;
-                memset(&st, 0, sizeof(st));
-                const bool bOk = statfs(path.c_str(), &st) == 0;
-                mox::MutexLock done(probes.mutex);
-                SStatFsProbe& probe = probes.byPath[path];
-                probe.bBusy = false;
-                probe.bKnown = bOk;
-                probe.last = st;
-                probes.cond.notify_all();
-            }).detach();
-        } catch (const std::system_error& e) {
-            probes.byPath[path].bBusy = false;
-            MOX_WARN("no thread for the size of %s: %s", path.c_str(), e.what());
-            return false;
-        }
-    }
+    if (nRequest == 0) nRequest = AskStatFs(probes, path);
+    if (nRequest == 0) return false;
+    SStatFsProbe& probe = probes.byPath[path];
     const auto deadline = std::chrono::steady_clock::now() + kStatFsWait;
-    while (probes.byPath[path].bBusy)
-        if (lock.WaitUntil(probes.cond, deadline) == std::cv_status::timeout) break;
-    const SStatFsProbe& probe = probes.byPath[path];
-    if (probe.bBusy) MOX_DEBUG("size of %s: the storage does not answer", path.c_str());
+    while (probe.nAnswered < nRequest)
+        if (lock.WaitUntil(probes.answered, deadline) == std::cv_status::timeout) break;
+    if (probe.nAnswered < nRequest) MOX_DEBUG("size of %s: the storage does not answer", path.c_str());
     if (!probe.bKnown) return false;
     *out = probe.last;
     return true;
@@ -138,9 +177,15 @@ long long CMOXUSBDevice::GetDeviceAvailableSize() const {
     return static_cast<long long>(st.f_bsize) * static_cast<long long>(st.f_bfree) / 1024;
 }
 
-void CMOXUSBDevice::GetDeviceSizes(long long& llTotal, long long& llAvailable) const {
+uint64_t CMOXUSBDevice::AskDeviceSizes() const {
+    SStatFsProbes& probes = Probes();
+    mox::MutexLock lock(probes.mutex);
+    return AskStatFs(probes, m_strMountPath);
+}
+
+void CMOXUSBDevice::GetDeviceSizes(long long& llTotal, long long& llAvailable, uint64_t nAsked) const {
     struct statfs st;
-    if (!StatFs(m_strMountPath, &st)) {
+    if (!StatFs(m_strMountPath, &st, nAsked)) {
         llTotal = llAvailable = 0;
         return;
     }

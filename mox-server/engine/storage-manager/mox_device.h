@@ -8,6 +8,7 @@
 // no locking of their own.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -88,8 +89,12 @@ public:
     // blocks reserved for the superuser too.
     long long GetDeviceTotalSize() const;
     long long GetDeviceAvailableSize() const;
-    // Both sizes from one statfs call (both 0 when it cannot be asked).
-    void GetDeviceSizes(long long& llTotal, long long& llAvailable) const;
+    // Both sizes from one statfs call (both 0 when it cannot be asked);
+    // nAsked, when not 0, names the call AskDeviceSizes() started.
+    void GetDeviceSizes(long long& llTotal, long long& llAvailable, uint64_t nAsked = 0) const;
+    // Starts the statfs call that GetDeviceSizes(.., returned value) waits
+    // for, so that several storages are asked at once, not one after another.
+    uint64_t AskDeviceSizes() const;
 
     void PrintUSBInfo(bool bConnected) const;
 

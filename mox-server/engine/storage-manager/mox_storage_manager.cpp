@@ -385,6 +385,9 @@ std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& lis
     // members in key order) instead of building and copying a Json::Value
     // tree; the bytes are the same.
     try {
+        std::vector<uint64_t> asked(list.size(), 0);
+        for (size_t i = 0; i < list.size(); ++i)
+            if (list[i]->GetDeviceMountPath() != MOX_USB_NO_MOUNT_PATH) asked[i] = list[i]->AskDeviceSizes();
         std::string doc;
         doc.reserve(64 + list.size() * 512);
         doc += "{\n   \"devices\" : [\n";
@@ -394,7 +397,7 @@ std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& lis
             const bool bSized = mountPath != MOX_USB_NO_MOUNT_PATH;
             const bool bCamera = record.GetDeviceClass() == MOX_USB_CLASS_PTP;
             long long llTotal = 0, llAvailable = 0;
-            if (bSized) record.GetDeviceSizes(llTotal, llAvailable);
+            if (bSized) record.GetDeviceSizes(llTotal, llAvailable, asked[i]);
             doc += "      {\n";
             bool bOk = AppendMember(doc, "availableSize", bSized ? ConvertNumberToString(llAvailable) : "0", false);
             if (bCamera) {
