@@ -1,5 +1,6 @@
 // The threads that take and answer client requests (the main loop, the bus's
-// message thread, the worker pool) ask the kernel for a short time slice.
+// message thread, the worker pool, the storages' size probers) ask the
+// kernel for a short time slice.
 //
 // Why: on a loaded set a woken thread may find its CPU taken by a task that
 // computes. With the default slice the request waits, at any of its
