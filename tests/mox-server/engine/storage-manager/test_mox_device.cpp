@@ -2,13 +2,11 @@
 // sizes as fresh as the call on real mounts.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
-#include <vector>
 
 #include "mox_device.h"
 #include "temp_dir.h"
@@ -47,58 +45,39 @@ TEST(MOXDevice, UnknownPlatformCodesAndNullStringsAreSafe) {
     EXPECT_EQ("", device.GetSerial());
 }
 
-// Sizes of a mounted stick against statfs: StorageManager.QueriesList...;
-// here a mount that is not there.
-TEST(MOXDevice, AMissingMountHasNoSizes) {
+// Two small tmpfs mounts, asked together and one by one right after a write
+// or a removal: each answer shows the change (a joined statfs that began
+// before it would not). A mount that goes, or none, has no sizes.
+TEST(MOXDevice, SizesAreAsFreshAsTheCallAndZeroWithoutAMount) {
     moxtest::TempDir dir;
-    CMOXUSBDevice device;
-    EXPECT_EQ(0, device.GetDeviceTotalSize());  // "n/a"
-    device.SetMountPath((dir.path() + "/gone").c_str());
-    long long sizes[2] = {-1, -1};
-    device.GetDeviceSizes(sizes[0], sizes[1]);
-    EXPECT_EQ(0, sizes[0]);
-    EXPECT_EQ(0, sizes[1]);
-    EXPECT_EQ(0, device.GetDeviceAvailableSize());
-}
-
-// Two small tmpfs mounts, asked together and one by one, each right after a
-// write or a removal: every answer shows the change (a joined or a reused
-// statfs that began before it would not), also after the probers idled.
-TEST(MOXDevice, SizesAreAsFreshAsTheCall) {
-    moxtest::TempDir dir;
-    std::vector<std::string> mounts = {dir.path() + "/a", dir.path() + "/b"};
-    std::vector<CMOXUSBDevice> devices(2);
-    for (size_t i = 0; i < 2; ++i) {
+    const std::string mounts[2] = {dir.path() + "/a", dir.path() + "/b"};
+    CMOXUSBDevice devices[2];
+    EXPECT_EQ(0, devices[0].GetDeviceTotalSize());  // "n/a"
+    for (int i = 0; i < 2; ++i) {
         ASSERT_EQ(0, mkdir(mounts[i].c_str(), 0755));
         if (mount("tmpfs", mounts[i].c_str(), "tmpfs", 0, "size=4m") != 0) GTEST_SKIP() << "no tmpfs mount here";
         devices[i].SetMountPath(mounts[i].c_str());
     }
-    auto available = [&](size_t i, uint64_t nAsked) {
-        long long total = 0, free = 0;
+    auto available = [&](int i, uint64_t nAsked) {
+        long long total = 0, free = -1;
         devices[i].GetDeviceSizes(total, free, nAsked);
         return free;
     };
     const std::string block(256 * 1024, 'x');
     long long before[2] = {available(0, 0), available(1, 0)};
-    for (int round = 0; round < 20; ++round) {
-        const size_t i = round % 2;
-        const std::string file = mounts[i] + "/f";
-        if (round % 4 < 2) {
-            int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            ASSERT_EQ(static_cast<ssize_t>(block.size()), write(fd, block.data(), block.size()));
-            close(fd);
-        } else {
-            ASSERT_EQ(0, unlink(file.c_str()));
-        }
-        const bool bTogether = round % 3 == 0;
-        const uint64_t asked[2] = {bTogether ? devices[0].AskDeviceSizes() : 0,
-                                   bTogether ? devices[1].AskDeviceSizes() : 0};
-        const long long now = available(i, asked[i]);
-        EXPECT_EQ(before[i] + (round % 4 < 2 ? -256 : 256), now) << "round " << round;
-        EXPECT_EQ(before[1 - i], available(1 - i, asked[1 - i])) << "round " << round;
-        before[i] = now;
+    for (int round = 0; round < 12; ++round) {
+        const int i = round % 2;
+        const bool bWrite = round % 4 < 2;
+        ASSERT_TRUE(bWrite ? moxtest::WriteTextFile(mounts[i] + "/f", block) : unlink((mounts[i] + "/f").c_str()) == 0);
+        uint64_t asked[2] = {0, 0};
+        if (round % 3 == 0) asked[0] = devices[0].AskDeviceSizes(), asked[1] = devices[1].AskDeviceSizes();
+        EXPECT_EQ(before[i] + (bWrite ? -256 : 256), available(i, asked[i])) << round;
+        EXPECT_EQ(before[1 - i], available(1 - i, asked[1 - i])) << round;
+        before[i] += bWrite ? -256 : 256;
     }
-    for (const auto& m : mounts) umount2(m.c_str(), MNT_DETACH);
+    for (const auto& m : mounts) ASSERT_TRUE(umount2(m.c_str(), MNT_DETACH) == 0 && rmdir(m.c_str()) == 0);
+    EXPECT_EQ(0, available(0, 0));
+    EXPECT_EQ(0, devices[1].GetDeviceAvailableSize());
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // The worker pool: threads reused, its bounds, what it does saturated, and
 // the time slice of its threads.
-#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -121,7 +120,7 @@ TEST(WorkerPool, FanOutRunsInParallelAndNeverWaitsForTheSaturatedPool) {
 }
 
 // The calling thread's slice as the kernel reports it (0: not reported).
-unsigned long long SliceOfThisThread() {
+uint64_t SliceOfThisThread() {
     struct {
         uint32_t size, policy;
         uint64_t flags;
@@ -129,33 +128,23 @@ unsigned long long SliceOfThisThread() {
         uint32_t priority;
         uint64_t runtime, deadline, period;
     } attr{};
-    if (syscall(SYS_sched_getattr, 0, &attr, sizeof attr, 0) != 0) return 0;
-    return attr.runtime;
+    return syscall(SYS_sched_getattr, 0, &attr, sizeof attr, 0) == 0 ? attr.runtime : 0;
 }
 
 // Pool threads answer requests with the short slice; a thread one of them
-// starts (a scanner, a helper) begins with the default again, and a thread
-// in SCHED_IDLE (an indexer) stays there.
+// starts (a scanner, a helper) begins with the default again.
 TEST(WorkerPool, ThreadsTakeTheShortSliceAndDoNotPassItOn) {
     CMOXWorkerPool pool(1, 1, 1);
-    std::atomic<unsigned long long> nPool{0}, nChild{0};
-    std::atomic<int> nIdlePolicy{-1};
+    std::atomic<uint64_t> nPool{0}, nChild{0};
     std::atomic<bool> bDone{false};
     ASSERT_TRUE(pool.Submit([&] {
         std::thread([&] { nChild = SliceOfThisThread(); }).join();
-        std::thread([&] {
-            sched_param param{};
-            if (sched_setscheduler(0, SCHED_IDLE, &param) != 0) return;
-            mox_request_slice::UseForThisThread();
-            nIdlePolicy = sched_getscheduler(0);
-        }).join();
         nPool = SliceOfThisThread();
         bDone = true;
     }));
     ASSERT_TRUE(Eventually([&] { return bDone.load(); }));
     if (nPool != mox_request_slice::kSliceNs) GTEST_SKIP() << "this kernel has no per-task slices";
     EXPECT_NE(nChild, mox_request_slice::kSliceNs);
-    EXPECT_EQ(nIdlePolicy, SCHED_IDLE);
 }
 
 }  // namespace
