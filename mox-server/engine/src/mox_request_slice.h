@@ -6,17 +6,16 @@
 // computes. With the default slice the request waits, at any of its
 // hand-offs, for that task's slice to end (milliseconds), and these waits
 // make a request's p99. With a short slice the kernel lets the woken thread
-// run first. Its share of the CPU stays the same: a short slice is
-// not a higher priority, and a thread that computes long is simply
-// preempted more often.
+// run first. Its share of the CPU stays the same: a short slice is not a
+// higher priority, and a thread that computes long is preempted more often.
 //
 // Threads and processes started by such a thread begin with the default
 // slice (the flag resets on fork): scanners, indexers and the extraction
 // helper, which compute long, keep the kernel's default. GLib's thread pool
 // (the file jobs of the bus service) copies the main thread's settings to its
-// threads: they serve requests too. A kernel without
-// per-task slices (before Linux 6.12) accepts the call and ignores the value;
-// a failure changes timing only and is not reported.
+// threads: they serve requests too. A kernel without per-task slices (before
+// Linux 6.12) accepts the call and ignores the value; a failure changes
+// timing only and is not reported.
 #pragma once
 
 namespace mox_request_slice {

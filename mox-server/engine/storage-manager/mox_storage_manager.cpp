@@ -397,7 +397,8 @@ std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& lis
             const bool bSized = mountPath != MOX_USB_NO_MOUNT_PATH;
             const bool bCamera = record.GetDeviceClass() == MOX_USB_CLASS_PTP;
             long long llTotal = 0, llAvailable = 0;
-            if (bSized) record.GetDeviceSizes(llTotal, llAvailable, asked[i]);
+            // 0: no prober could start (logged); the sizes stay 0.
+            if (asked[i] != 0) record.GetDeviceSizes(llTotal, llAvailable, asked[i]);
             doc += "      {\n";
             bool bOk = AppendMember(doc, "availableSize", bSized ? ConvertNumberToString(llAvailable) : "0", false);
             if (bCamera) {
