@@ -284,7 +284,9 @@ void GetUsbStorages(const Call& call) {
     guint32 nType = 0;
     g_variant_get(call.parameters, "(u)", &nType);
     std::string strStorages;
-    int nResult = call.service->Storage()->GetStorages(static_cast<mox_storage_device_type>(nType), strStorages);
+    // The filter asked for the sizes when this call, or a later one, arrived.
+    int nResult = call.service->Storage()->GetStorages(static_cast<mox_storage_device_type>(nType), strStorages,
+                                                       CMOXUSBDevice::LatestArrival());
     GVariant* reply[] = {g_variant_new_uint32(guint32(nResult)), mox_bus::NewString(strStorages, "get_usb_storages")};
     call.Reply(g_variant_new_tuple(reply, 2));
 }
@@ -436,6 +438,10 @@ GDBusMessage* FilterUnknownMethods(GDBusConnection* connection, GDBusMessage* me
         g_strcmp0(g_dbus_message_get_interface(message), filter->iface->name) != 0)
         return message;
     const gchar* member = g_dbus_message_get_member(message);
+    if (g_strcmp0(member, "get_usb_storages") == 0) {
+        CMOXUSBDevice::AskSizesOnArrival();
+        return message;
+    }
     const bool bDrop = g_strcmp0(member, "drop_partial_list") == 0;
     if ((bDrop || g_strcmp0(member, "get_partial_list") == 0) && AnswerListCall(connection, message, *filter, bDrop))
         return nullptr;

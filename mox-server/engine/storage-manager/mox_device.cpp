@@ -37,6 +37,8 @@ struct SStatFsProbe {
     uint64_t nAsked = 0;            // requests made
     uint64_t nStarted = 0;          // requests the call under way answers
     uint64_t nAnswered = 0;         // requests the last result answers
+    uint64_t nArrival = 0;          // the latest call arrival that asked
+    uint64_t nArrivalRequest = 0;   // the request it made
     bool bProber = false;           // a prober thread runs for the path
     bool bKnown = false;            // last holds a successful answer
     struct statfs last {};
@@ -47,6 +49,7 @@ struct SStatFsProbes {
     std::condition_variable answered;  // a prober stored a result
     // Entries are never erased: references to them stay valid.
     std::map<std::string, SStatFsProbe> byPath GUARDED_BY(mutex);
+    uint64_t nArrivals GUARDED_BY(mutex) = 0;  // AskSizesOnArrival() calls
 };
 
 // Never destroyed: a thread stuck in statfs may return after exit began.
@@ -179,10 +182,32 @@ long long CMOXUSBDevice::GetDeviceAvailableSize() const {
     return static_cast<long long>(st.f_bsize) * static_cast<long long>(st.f_bfree) / 1024;
 }
 
-uint64_t CMOXUSBDevice::AskDeviceSizes() const {
+uint64_t CMOXUSBDevice::AskDeviceSizes(uint64_t nArrival) const {
     SStatFsProbes& probes = Probes();
     mox::MutexLock lock(probes.mutex);
+    const SStatFsProbe& probe = probes.byPath[m_strMountPath];
+    // Asked when that call, or a later one, arrived: its statfs starts after
+    // the caller's call arrived.
+    if (nArrival != 0 && probe.nArrival == nArrival && probe.nArrivalRequest != 0) return probe.nArrivalRequest;
     return AskStatFs(probes, m_strMountPath);
+}
+
+uint64_t CMOXUSBDevice::AskSizesOnArrival() {
+    SStatFsProbes& probes = Probes();
+    mox::MutexLock lock(probes.mutex);
+    const uint64_t nArrival = ++probes.nArrivals;
+    for (auto& [path, probe] : probes.byPath) {
+        if (!probe.bProber) continue;  // asked again by the call itself
+        probe.nArrivalRequest = AskStatFs(probes, path);
+        probe.nArrival = nArrival;
+    }
+    return nArrival;
+}
+
+uint64_t CMOXUSBDevice::LatestArrival() {
+    SStatFsProbes& probes = Probes();
+    mox::MutexLock lock(probes.mutex);
+    return probes.nArrivals;
 }
 
 void CMOXUSBDevice::GetDeviceSizes(long long& llTotal, long long& llAvailable, uint64_t nAsked) const {

@@ -94,7 +94,16 @@ public:
     void GetDeviceSizes(long long& llTotal, long long& llAvailable, uint64_t nAsked = 0) const;
     // Starts the statfs call that GetDeviceSizes(.., returned value) waits
     // for, so that several storages are asked at once, not one after another.
-    uint64_t AskDeviceSizes() const;
+    // nArrival (from LatestArrival(), read when a get_usb_storages call is
+    // taken) lets it use the call asked when that call arrived.
+    uint64_t AskDeviceSizes(uint64_t nArrival = 0) const;
+    // Asks every storage whose prober runs for a statfs now: called on the
+    // bus's message thread when a get_usb_storages call arrives, so that the
+    // sizes are read while the call travels to the main loop. Returns the
+    // arrival's number.
+    static uint64_t AskSizesOnArrival();
+    // The number of the latest AskSizesOnArrival() (0: none yet).
+    static uint64_t LatestArrival();
 
     void PrintUSBInfo(bool bConnected) const;
 

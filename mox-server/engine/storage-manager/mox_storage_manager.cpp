@@ -104,14 +104,14 @@ void CMOXStorageMgr::RemoveNotificationClientsOf(const std::string& sender) {
                  static_cast<int>(nBefore - m_clients.size()));
 }
 
-int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out) {
+int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out, uint64_t nArrival) {
     MOX_DEBUG("Calling GetStoraes...");
     // The document asks each storage for its sizes: built from a copy of the
     // list, after the lock, so hot-plug events never wait on a slow storage.
     std::vector<UsbDevicePtr> listed;
     const bool bListed = type == MOX_STORAGE_DEVICE_USB || type == MOX_STORAGE_DEVICE_PTP;
     int nResult = m_RefreshAndCopy(type, listed);
-    if (nResult == MOX_ERROR_NONE && bListed) out = ConvertStoragesToJson(listed);
+    if (nResult == MOX_ERROR_NONE && bListed) out = ConvertStoragesToJson(listed, nArrival);
     return nResult;
 }
 
@@ -379,7 +379,7 @@ bool AppendMember(std::string& doc, const char* key, const std::string& value, b
 
 }  // namespace
 
-std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& list) {
+std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& list, uint64_t nArrival) {
     if (list.empty()) return "null\n";
     // Written directly in the styled writer's layout (three-blank indent,
     // members in key order) instead of building and copying a Json::Value
@@ -387,7 +387,7 @@ std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& lis
     try {
         std::vector<uint64_t> asked(list.size(), 0);
         for (size_t i = 0; i < list.size(); ++i)
-            if (list[i]->GetDeviceMountPath() != MOX_USB_NO_MOUNT_PATH) asked[i] = list[i]->AskDeviceSizes();
+            if (list[i]->GetDeviceMountPath() != MOX_USB_NO_MOUNT_PATH) asked[i] = list[i]->AskDeviceSizes(nArrival);
         std::string doc;
         doc.reserve(64 + list.size() * 512);
         doc += "{\n   \"devices\" : [\n";

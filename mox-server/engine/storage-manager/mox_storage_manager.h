@@ -60,7 +60,7 @@ public:
     // The storage document of the storages of one type present now (the
     // list is enumerated afresh). 0, or 23 when enumeration fails; a type
     // other than USB or PTP leaves out untouched and returns 0.
-    int GetStorages(mox_storage_device_type type, std::string& out);
+    int GetStorages(mox_storage_device_type type, std::string& out, uint64_t nArrival = 0);
 
     // Document conversions.
     static std::string GetFileSystemAsString(int nFileSystem);
@@ -69,7 +69,7 @@ public:
     static std::string ConvertNumberToString(int nNumber);
     static std::string ConvertNumberToString(long long llNumber);
     // {"devices": [...]} in styled form; an empty list is "null\n".
-    static std::string ConvertStoragesToJson(std::vector<UsbDevicePtr>& list);
+    static std::string ConvertStoragesToJson(std::vector<UsbDevicePtr>& list, uint64_t nArrival = 0);
     // The mox_usb_notification payload of an event, in styled form:
     // {"devices": [...], "event": n}.
     static std::string NotificationDocument(mox_storage_event_e event, const std::string& strStorages);

@@ -45,9 +45,10 @@ TEST(MOXDevice, UnknownPlatformCodesAndNullStringsAreSafe) {
     EXPECT_EQ("", device.GetSerial());
 }
 
-// Two small tmpfs mounts, asked together and one by one right after a write
-// or a removal: each answer shows the change (a joined statfs that began
-// before it would not). A mount that goes, or none, has no sizes.
+// Two small tmpfs mounts, asked together, on a call's arrival and one by one
+// right after a write or a removal: each answer shows the change (a joined
+// statfs that began before it would not). A mount that goes, or none, has no
+// sizes.
 TEST(MOXDevice, SizesAreAsFreshAsTheCallAndZeroWithoutAMount) {
     moxtest::TempDir dir;
     const std::string mounts[2] = {dir.path() + "/a", dir.path() + "/b"};
@@ -70,7 +71,10 @@ TEST(MOXDevice, SizesAreAsFreshAsTheCallAndZeroWithoutAMount) {
         const bool bWrite = round % 4 < 2;
         ASSERT_TRUE(bWrite ? moxtest::WriteTextFile(mounts[i] + "/f", block) : unlink((mounts[i] + "/f").c_str()) == 0);
         uint64_t asked[2] = {0, 0};
-        if (round % 3 == 0) asked[0] = devices[0].AskDeviceSizes(), asked[1] = devices[1].AskDeviceSizes();
+        // Asked together, or when a bus call arrives (the arrival's request).
+        const uint64_t nArrival = round % 3 == 1 ? CMOXUSBDevice::AskSizesOnArrival() : 0;
+        if (round % 3 != 2)
+            asked[0] = devices[0].AskDeviceSizes(nArrival), asked[1] = devices[1].AskDeviceSizes(nArrival);
         EXPECT_EQ(before[i] + (bWrite ? -256 : 256), available(i, asked[i])) << round;
         EXPECT_EQ(before[1 - i], available(1 - i, asked[1 - i])) << round;
         before[i] += bWrite ? -256 : 256;
