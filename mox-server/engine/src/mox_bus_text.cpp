@@ -2,6 +2,8 @@
 
 #include "mox_bus_text.h"
 
+#include <cstring>
+
 #include <mox/mox_log.h>
 #include <mox/mox_util.h>
 
@@ -36,8 +38,22 @@ std::string ValidUtf8(std::string_view text, const char* what) {
 }
 
 GVariant* NewString(std::string_view text, const char* what) {
-    std::string valid = ValidUtf8(text, what);
-    return g_variant_new_string(valid.c_str());
+    // Valid text (the usual case) is validated once and copied once, straight
+    // into the variant's bytes; g_variant_new_string would validate and copy
+    // again. A serialized "s" is the text and a NUL, and validation has
+    // already ruled out an embedded NUL, so the trusted variant is normal.
+    std::string repaired;
+    if (!g_utf8_validate_len(text.data(), text.size(), nullptr)) {
+        repaired = ValidUtf8(text, what);
+        text = repaired;
+    }
+    auto* bytes = static_cast<char*>(g_malloc(text.size() + 1));
+    memcpy(bytes, text.data(), text.size());
+    bytes[text.size()] = '\0';
+    GBytes* serialized = g_bytes_new_take(bytes, text.size() + 1);
+    GVariant* value = g_variant_new_from_bytes(G_VARIANT_TYPE_STRING, serialized, TRUE);
+    g_bytes_unref(serialized);
+    return value;
 }
 
 GVariant* NewStringTuple(std::string_view text, const char* what) {
