@@ -226,7 +226,7 @@ void CMOXUSBDevice::PrintUSBInfo(bool bConnected) const {
     MOX_DEBUG("  Device Name : %s \n", GetDeviceName().c_str());
     MOX_DEBUG("  Manufacturer :%s \n", m_strManufacturer.c_str());
     MOX_DEBUG("  Model Name : %s \n", m_strModelName.c_str());
-    MOX_DEBUG("  Device Index : %d\n", m_nDeviceIndex);
+    MOX_DEBUG("  Device Index : %d\n", GetDeviceIndex());
 }
 
 void CMOXDLNADevice::PrintDlnaInfo(bool bConnected) const {

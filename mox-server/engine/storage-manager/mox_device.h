@@ -5,9 +5,11 @@
 // hot-plug event, and the storage manager, which keeps them in its lists.
 // A record is filled completely before it is shared; afterwards only the
 // storage manager changes it (the device index), under its mutex. Records do
-// no locking of their own.
+// no locking of their own. The USB manager hands out the same record again
+// for as long as the service lists the device by the same handle.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -81,8 +83,8 @@ public:
     int GetDeviceClass() const { return m_nDeviceClass; }
     // Takes the USB class: 8 mass storage, 6 still image, anything else other.
     void SetDeviceClass(int nUsbClass);
-    int GetDeviceIndex() const { return m_nDeviceIndex; }
-    void SetDeviceIndex(int nDeviceIndex) { m_nDeviceIndex = nDeviceIndex; }
+    int GetDeviceIndex() const { return m_nDeviceIndex.load(std::memory_order_relaxed); }
+    void SetDeviceIndex(int nDeviceIndex) { m_nDeviceIndex.store(nDeviceIndex, std::memory_order_relaxed); }
 
     // Sizes in KiB of the file system at the mount path, asked of statfs on
     // every call; 0 when it cannot be asked. The available size counts the
@@ -119,7 +121,9 @@ private:
     int m_nAddress = 0;
     int m_nBus = 0;
     int m_nDeviceClass = MOX_USB_CLASS_OTHER;
-    int m_nDeviceIndex = 0;  // 1 to 100 once assigned
+    // 1 to 100 once assigned. Atomic: a record stays in use while the device
+    // is listed, and a document may be read from it while a query assigns.
+    std::atomic<int> m_nDeviceIndex{0};
 };
 
 // A network media server.

@@ -4,6 +4,7 @@
 #include "mox_storage_manager.h"
 
 #include <algorithm>
+#include <charconv>
 #include <exception>
 #include <string>
 
@@ -111,7 +112,7 @@ int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out, 
     std::vector<UsbDevicePtr> listed;
     const bool bListed = type == MOX_STORAGE_DEVICE_USB || type == MOX_STORAGE_DEVICE_PTP;
     int nResult = m_RefreshAndCopy(type, listed);
-    if (nResult == MOX_ERROR_NONE && bListed) out = ConvertStoragesToJson(listed, nArrival);
+    if (nResult == MOX_ERROR_NONE && bListed) out = m_StoragesDocument(listed, nArrival);
     return nResult;
 }
 
@@ -379,49 +380,120 @@ bool AppendMember(std::string& doc, const char* key, const std::string& value, b
 
 }  // namespace
 
-std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& list, uint64_t nArrival) {
-    if (list.empty()) return "null\n";
+namespace {
+
+// Starts the statfs of every mounted storage before any is waited for.
+std::vector<uint64_t> AskSizes(const std::vector<UsbDevicePtr>& list, uint64_t nArrival) {
+    std::vector<uint64_t> asked(list.size(), 0);
+    for (size_t i = 0; i < list.size(); ++i)
+        if (list[i]->GetDeviceMountPath() != MOX_USB_NO_MOUNT_PATH) asked[i] = list[i]->AskDeviceSizes(nArrival);
+    return asked;
+}
+
+void AppendNumber(std::string& doc, long long llNumber) {
+    char buf[24];
+    doc.append(buf, std::to_chars(buf, buf + sizeof buf, llNumber).ptr);
+}
+
+}  // namespace
+
+std::shared_ptr<const CMOXStorageMgr::SDocumentText> CMOXStorageMgr::m_MakeDocumentText(
+    const std::vector<UsbDevicePtr>& list) {
     // Written directly in the styled writer's layout (three-blank indent,
     // members in key order) instead of building and copying a Json::Value
     // tree; the bytes are the same.
-    try {
-        std::vector<uint64_t> asked(list.size(), 0);
-        for (size_t i = 0; i < list.size(); ++i)
-            if (list[i]->GetDeviceMountPath() != MOX_USB_NO_MOUNT_PATH) asked[i] = list[i]->AskDeviceSizes(nArrival);
-        std::string doc;
-        doc.reserve(64 + list.size() * 512);
-        doc += "{\n   \"devices\" : [\n";
-        for (size_t i = 0; i < list.size(); ++i) {
-            const CMOXUSBDevice& record = *list[i];
-            const std::string mountPath = record.GetDeviceMountPath();
-            const bool bSized = mountPath != MOX_USB_NO_MOUNT_PATH;
-            const bool bCamera = record.GetDeviceClass() == MOX_USB_CLASS_PTP;
-            long long llTotal = 0, llAvailable = 0;
-            // 0: no prober could start (logged); the sizes stay 0.
-            if (asked[i] != 0) record.GetDeviceSizes(llTotal, llAvailable, asked[i]);
-            doc += "      {\n";
-            bool bOk = AppendMember(doc, "availableSize", bSized ? ConvertNumberToString(llAvailable) : "0", false);
-            if (bCamera) {
-                bOk = bOk && AppendMember(doc, "deviceAddress", ConvertNumberToString(record.GetAddress()), false);
-                bOk = bOk && AppendMember(doc, "deviceBus", ConvertNumberToString(record.GetBus()), false);
-            }
-            doc += "         \"deviceIndex\" : ";
-            doc += std::to_string(record.GetDeviceIndex());
-            doc += ",\n";
-            bOk = bOk && AppendMember(doc, "fileSystem", GetFileSystemAsString(record.GetFileSystem()), false) &&
-                  AppendMember(doc, "id", record.GetDeviceID(), false) &&
-                  AppendMember(doc, "mountPath", mountPath, false) &&
-                  AppendMember(doc, "name", record.GetModelName(), false) &&
-                  AppendMember(doc, "partitionLabel", record.GetPartitionLabel(), false) &&
-                  AppendMember(doc, "serialNumber", record.GetSerial(), false) &&
-                  AppendMember(doc, "totalSize", bSized ? ConvertNumberToString(llTotal) : "0", false) &&
-                  AppendMember(doc, "type", GetDiskTypeAsString(record.GetDeviceClass()), false) &&
-                  AppendMember(doc, "vendor", record.GetManufacturer(), true);
-            if (!bOk) return m_ConvertWithJsonValue(list);
-            doc += i + 1 < list.size() ? "      },\n" : "      }\n";
+    auto made = std::make_shared<SDocumentText>();
+    made->records = list;
+    made->text.reserve(2 * list.size() + 1);
+    std::string doc = "{\n   \"devices\" : [\n";
+    for (size_t i = 0; i < list.size(); ++i) {
+        const CMOXUSBDevice& record = *list[i];
+        made->indices.push_back(record.GetDeviceIndex());
+        doc += "      {\n         \"availableSize\" : \"";
+        made->text.push_back(std::move(doc));
+        doc = "\",\n";
+        bool bOk = true;
+        if (record.GetDeviceClass() == MOX_USB_CLASS_PTP) {
+            bOk = AppendMember(doc, "deviceAddress", ConvertNumberToString(record.GetAddress()), false) &&
+                  AppendMember(doc, "deviceBus", ConvertNumberToString(record.GetBus()), false);
         }
-        doc += "   ]\n}\n";
-        return doc;
+        doc += "         \"deviceIndex\" : ";
+        AppendNumber(doc, made->indices.back());
+        doc += ",\n";
+        bOk = bOk && AppendMember(doc, "fileSystem", GetFileSystemAsString(record.GetFileSystem()), false) &&
+              AppendMember(doc, "id", record.GetDeviceID(), false) &&
+              AppendMember(doc, "mountPath", record.GetDeviceMountPath(), false) &&
+              AppendMember(doc, "name", record.GetModelName(), false) &&
+              AppendMember(doc, "partitionLabel", record.GetPartitionLabel(), false) &&
+              AppendMember(doc, "serialNumber", record.GetSerial(), false);
+        if (!bOk) return nullptr;
+        doc += "         \"totalSize\" : \"";
+        made->text.push_back(std::move(doc));
+        doc = "\",\n";
+        if (!AppendMember(doc, "type", GetDiskTypeAsString(record.GetDeviceClass()), false) ||
+            !AppendMember(doc, "vendor", record.GetManufacturer(), true))
+            return nullptr;
+        doc += i + 1 < list.size() ? "      },\n" : "      }\n";
+    }
+    doc += "   ]\n}\n";
+    made->text.push_back(std::move(doc));
+    return made;
+}
+
+bool CMOXStorageMgr::SDocumentText::MadeFrom(const std::vector<UsbDevicePtr>& list) const {
+    if (list != records) return false;
+    for (size_t i = 0; i < list.size(); ++i)
+        if (list[i]->GetDeviceIndex() != indices[i]) return false;
+    return true;
+}
+
+std::string CMOXStorageMgr::m_JoinDocument(const SDocumentText& text, const std::vector<UsbDevicePtr>& list,
+                                           const std::vector<uint64_t>& asked) {
+    size_t nBytes = 0;
+    for (const std::string& part : text.text) nBytes += part.size();
+    std::string doc;
+    doc.reserve(nBytes + list.size() * 40);
+    for (size_t i = 0; i < list.size(); ++i) {
+        long long llTotal = 0, llAvailable = 0;
+        // 0: no mount path, or no prober could start (logged); the sizes stay 0.
+        if (asked[i] != 0) list[i]->GetDeviceSizes(llTotal, llAvailable, asked[i]);
+        doc += text.text[2 * i];
+        AppendNumber(doc, llAvailable);
+        doc += text.text[2 * i + 1];
+        AppendNumber(doc, llTotal);
+    }
+    doc += text.text.back();
+    return doc;
+}
+
+std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& list, uint64_t nArrival) {
+    if (list.empty()) return "null\n";
+    try {
+        const std::vector<uint64_t> asked = AskSizes(list, nArrival);
+        std::shared_ptr<const SDocumentText> text = m_MakeDocumentText(list);
+        return text ? m_JoinDocument(*text, list, asked) : m_ConvertWithJsonValue(list);
+    } catch (const std::exception& e) {
+        MOX_WARN("storage document failed: %s", e.what());
+        return "null\n";
+    }
+}
+
+std::string CMOXStorageMgr::m_StoragesDocument(std::vector<UsbDevicePtr>& list, uint64_t nArrival) {
+    if (list.empty()) return "null\n";
+    try {
+        const std::vector<uint64_t> asked = AskSizes(list, nArrival);
+        std::shared_ptr<const SDocumentText> text;
+        {
+            mox::MutexLock lock(m_docMutex);
+            if (m_lastDocument && m_lastDocument->MadeFrom(list)) text = m_lastDocument;
+        }
+        if (!text) {
+            text = m_MakeDocumentText(list);
+            if (!text) return m_ConvertWithJsonValue(list);
+            mox::MutexLock lock(m_docMutex);
+            m_lastDocument = text;
+        }
+        return m_JoinDocument(*text, list, asked);
     } catch (const std::exception& e) {
         MOX_WARN("storage document failed: %s", e.what());
         return "null\n";

@@ -11,7 +11,9 @@
 // callback runs: what an event needs is collected under it and the
 // callbacks run after, so that the engine's clean-up never holds the
 // queries. Queries run on the caller's thread; hot-plug events arrive on the
-// USB service's thread. The destructor stops the USB service first (waiting
+// USB service's thread. A second mutex, a leaf, guards the text of the last
+// get_usb_storages document, which the next one reuses when the records are
+// the same. The destructor stops the USB service first (waiting
 // for an event in flight), so it must not run on the USB service's thread or
 // under a lock the callbacks take.
 //
@@ -91,6 +93,25 @@ private:
     void m_UpdatePtpSotrages(UsbDevicePtr& record, mox_storage_event_e event) REQUIRES(m_mutex);
     void m_UpdateList(std::vector<UsbDevicePtr>& list, UsbDevicePtr& record, mox_storage_event_e event)
         REQUIRES(m_mutex);
+    // The storage document apart from its sizes, cut where they go: for
+    // device i, text[2i] comes before its available size and text[2i + 1]
+    // before its total size; text.back() ends the document. Records change
+    // only in their index once shared, so the same records with the same
+    // indices make the same text.
+    struct SDocumentText {
+        std::vector<UsbDevicePtr> records;  // held: their addresses are not reused
+        std::vector<int> indices;
+        std::vector<std::string> text;
+        bool MadeFrom(const std::vector<UsbDevicePtr>& list) const;
+    };
+    // Null when a value holds a NUL (then m_ConvertWithJsonValue).
+    static std::shared_ptr<const SDocumentText> m_MakeDocumentText(const std::vector<UsbDevicePtr>& list);
+    // The document: text with the sizes asked of each storage (asked[i],
+    // from AskDeviceSizes; 0 for none) put in.
+    static std::string m_JoinDocument(const SDocumentText& text, const std::vector<UsbDevicePtr>& list,
+                                      const std::vector<uint64_t>& asked);
+    // ConvertStoragesToJson, reusing the text of the last document.
+    std::string m_StoragesDocument(std::vector<UsbDevicePtr>& list, uint64_t nArrival) EXCLUDES(m_docMutex);
     // The document through a Json::Value tree: for text the direct writer
     // cannot quote like jsoncpp (an embedded NUL).
     static std::string m_ConvertWithJsonValue(std::vector<UsbDevicePtr>& list);
@@ -120,4 +141,8 @@ private:
     MOXStorageInternalCb m_storage_internal_cb GUARDED_BY(m_mutex) = nullptr;
     void* m_pInternalUserData GUARDED_BY(m_mutex) = nullptr;
     MOXStorageNotificationCb m_storage_notification_cb GUARDED_BY(m_mutex) = nullptr;
+    // A leaf: held only to read or replace the pointer, never while a
+    // storage is asked.
+    mox::Mutex m_docMutex;
+    std::shared_ptr<const SDocumentText> m_lastDocument GUARDED_BY(m_docMutex);
 };

@@ -3,6 +3,7 @@
 
 #include "mox_usb_mgr.h"
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -114,33 +115,52 @@ bool CMOXUSBMgr::GetPtpStorages(std::vector<UsbDevicePtr>& out) {
     return true;
 }
 
+void CMOXUSBMgr::m_TakeRecords(std::vector<HandleRef>& devices, std::vector<SKnown>& known,
+                               std::vector<UsbDevicePtr>& out) {
+    std::vector<SKnown> seen;
+    seen.reserve(devices.size());
+    for (HandleRef& device : devices) {
+        auto it =
+            std::find_if(known.begin(), known.end(), [&](const SKnown& k) { return k.handle.get() == device.get(); });
+        UsbDevicePtr record;
+        if (it != known.end()) {
+            record = it->record;
+        } else {
+            record = std::make_shared<CMOXUSBDevice>();
+            m_SetStorageInfo(device.get(), record);
+        }
+        out.push_back(record);
+        seen.push_back({std::move(device), std::move(record)});
+    }
+    known.swap(seen);
+}
+
 bool CMOXUSBMgr::m_GetUsbStorages(std::vector<UsbDevicePtr>& out) {
     const std::string root = mox_host::UsbRoot();
-    std::vector<UsbDevicePtr> found;
+    std::vector<HandleRef> devices;
     bool ok = WalkDeviceList(USB_DEVICE_CLASS_MASS_STORAGE, [&](usb_device_h device) {
         const char* mountPath = usb_device_get_mountpath(device);
         if (!mountPath || !strstr(mountPath, root.c_str())) {
             MOX_DEBUG("%s is not mounted under %s", OrNull(usb_device_get_devname(device)), root.c_str());
             return;
         }
-        UsbDevicePtr record = std::make_shared<CMOXUSBDevice>();
-        m_SetStorageInfo(device, record);
-        found.push_back(std::move(record));
+        devices.emplace_back(usb_device_ref(device));
     });
-    if (ok) out.insert(out.end(), found.begin(), found.end());
-    return ok;
+    if (!ok) return false;
+    mox::MutexLock lock(m_knownMutex);
+    m_TakeRecords(devices, m_knownUsb, out);
+    return true;
 }
 
 bool CMOXUSBMgr::m_GetPtpStorages(std::vector<UsbDevicePtr>& out) {
-    std::vector<UsbDevicePtr> found;
+    std::vector<HandleRef> devices;
     bool ok = WalkDeviceList(USB_DEVICE_CLASS_STILL_IMAGE, [&](usb_device_h device) {
-        if (usb_device_get_class(device) != USB_DEVICE_CLASS_STILL_IMAGE) return;
-        UsbDevicePtr record = std::make_shared<CMOXUSBDevice>();
-        m_SetStorageInfo(device, record);
-        found.push_back(std::move(record));
+        if (usb_device_get_class(device) == USB_DEVICE_CLASS_STILL_IMAGE) devices.emplace_back(usb_device_ref(device));
     });
-    if (ok) out.insert(out.end(), found.begin(), found.end());
-    return ok;
+    if (!ok) return false;
+    mox::MutexLock lock(m_knownMutex);
+    m_TakeRecords(devices, m_knownPtp, out);
+    return true;
 }
 
 void CMOXUSBMgr::m_SetStorageInfo(usb_device_h device, UsbDevicePtr& record) {

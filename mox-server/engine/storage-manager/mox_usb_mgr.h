@@ -7,9 +7,12 @@
 // this class held, and must not destroy this manager. The destructor stops
 // the service and waits for a callback in flight, so it must not run while
 // holding a lock that the notification callback takes.
+// m_knownMutex, a leaf, guards the records of the last enumerations.
 // One manager at a time per process: the platform service is initialised once.
 #pragma once
 
+#include <memory>
+#include <type_traits>
 #include <vector>
 
 #include <usb_device.h>
@@ -51,6 +54,20 @@ private:
     bool m_GetUsbStorages(std::vector<UsbDevicePtr>& out);
     bool m_GetPtpStorages(std::vector<UsbDevicePtr>& out);
 
+    struct SHandleUnref {
+        void operator()(usb_device_h device) const { usb_device_unref(device); }
+    };
+    using HandleRef = std::unique_ptr<std::remove_pointer_t<usb_device_h>, SHandleUnref>;
+    struct SKnown {
+        HandleRef handle;  // a reference of our own: the address is not reused
+        UsbDevicePtr record;
+    };
+    // Appends the record of each device to out: the one `known` (the last
+    // enumeration of that class) has for its handle, or a new one; `known`
+    // then holds this enumeration.
+    void m_TakeRecords(std::vector<HandleRef>& devices, std::vector<SKnown>& known, std::vector<UsbDevicePtr>& out)
+        REQUIRES(m_knownMutex);
+
     static void s_USBConnctedCallback(usb_device_h device, const char* action, void* userData);
 
     // The service may report an event before SetNotificationCb: the two
@@ -59,4 +76,10 @@ private:
     MOXUSBNotificationCb m_notificationCb GUARDED_BY(m_cbMutex) = nullptr;
     void* m_pUserData GUARDED_BY(m_cbMutex) = nullptr;
     bool m_bConnected = false;  // set by the constructor only
+    // A handle is an immutable snapshot, so a device the service still lists
+    // by the same handle keeps its record: the storage manager then finds the
+    // same records and reuses the document text it made from them.
+    mox::Mutex m_knownMutex;
+    std::vector<SKnown> m_knownUsb GUARDED_BY(m_knownMutex);
+    std::vector<SKnown> m_knownPtp GUARDED_BY(m_knownMutex);
 };

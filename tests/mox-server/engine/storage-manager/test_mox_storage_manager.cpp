@@ -201,20 +201,53 @@ TEST_F(StorageManager, BoundClientsAreNotifiedInOrderWithTheChangedDeviceAndItsI
     ASSERT_TRUE(g_recorder.WaitNotifications(8));
     EXPECT_EQ((std::vector<int>{1, 1, 2, 2, 1, 1, 1, 1}), NotifiedIndices());
 
-    std::lock_guard<std::mutex> lock(g_recorder.mutex);
-    ASSERT_EQ(8u, g_recorder.notifications.size());
-    for (size_t i = 0; i < 8; ++i) {
-        const Notification& n = g_recorder.notifications[i];
-        EXPECT_EQ(i % 2 == 0 ? first : second, n.client);
-        EXPECT_EQ(i / 2 == 2 ? MOX_STORAGE_DISCONNECTED : MOX_STORAGE_CONNECTED, n.event);
-        ASSERT_EQ(1u, n.document["devices"].size());
+    {
+        std::lock_guard<std::mutex> lock(g_recorder.mutex);
+        ASSERT_EQ(8u, g_recorder.notifications.size());
+        for (size_t i = 0; i < 8; ++i) {
+            const Notification& n = g_recorder.notifications[i];
+            EXPECT_EQ(i % 2 == 0 ? first : second, n.client);
+            EXPECT_EQ(i / 2 == 2 ? MOX_STORAGE_DISCONNECTED : MOX_STORAGE_CONNECTED, n.event);
+            ASSERT_EQ(1u, n.document["devices"].size());
+        }
+        EXPECT_EQ(m_env.Root() + "/s1", g_recorder.notifications[4].document["devices"][0]["mountPath"].asString());
+        // The internal callback precedes the notifications, with the engine as user data.
+        ASSERT_EQ(4u, g_recorder.internal.size());
+        EXPECT_EQ(MOX_STORAGE_DISCONNECTED, g_recorder.internal[2].event);
+        EXPECT_EQ(m_env.Root() + "/s1", g_recorder.internal[2].mountPath);
+        EXPECT_EQ(&m_engine, g_recorder.internal[2].userData);
     }
-    EXPECT_EQ(m_env.Root() + "/s1", g_recorder.notifications[4].document["devices"][0]["mountPath"].asString());
-    // The internal callback precedes the notifications, with the engine as user data.
-    ASSERT_EQ(4u, g_recorder.internal.size());
-    EXPECT_EQ(MOX_STORAGE_DISCONNECTED, g_recorder.internal[2].event);
-    EXPECT_EQ(m_env.Root() + "/s1", g_recorder.internal[2].mountPath);
-    EXPECT_EQ(&m_engine, g_recorder.internal[2].userData);
+
+    // A query assigns the indices afresh in list order, and every later
+    // query shows what changed since, though records and text are reused.
+    auto devices = [&] {
+        std::vector<std::pair<std::string, int>> seen;
+        const Json::Value doc = Storages(*manager, MOX_STORAGE_DEVICE_USB);
+        for (const Json::Value& d : doc["devices"])
+            seen.emplace_back(d["mountPath"].asString(), d["deviceIndex"].asInt());
+        return seen;
+    };
+    using Seen = std::vector<std::pair<std::string, int>>;
+    const std::string root = m_env.Root();
+    EXPECT_EQ((Seen{{root + "/s2", 1}, {root + "/s3", 2}}), devices());
+    EXPECT_EQ((Seen{{root + "/s2", 1}, {root + "/s3", 2}}), devices());
+    m_env.Unplug("s2");
+    ASSERT_TRUE(g_recorder.WaitInternal(5));
+    EXPECT_EQ((Seen{{root + "/s3", 1}}), devices());
+    // The same device name again, mounted elsewhere.
+    m_env.Plug("s2", StorageTestEnv::Stick("/dev/sdc1", m_env.MountDir("s2b")));
+    ASSERT_TRUE(g_recorder.WaitInternal(6));
+    EXPECT_EQ((Seen{{root + "/s2b", 1}, {root + "/s3", 2}}), devices());
+    // Cameras draw from the same per-model pool: the same record gets a new
+    // index when a camera of its model leaves.
+    m_env.Unplug("s2");
+    ASSERT_TRUE(g_recorder.WaitInternal(7));
+    m_env.Plug("cam", StorageTestEnv::Camera("/dev/bus/usb/001/009", 9, 1, "Cruzer Blade"));
+    ASSERT_TRUE(g_recorder.WaitInternal(8));
+    EXPECT_EQ((Seen{{root + "/s3", 2}}), devices());
+    m_env.Unplug("cam");
+    ASSERT_TRUE(g_recorder.WaitInternal(9));
+    EXPECT_EQ((Seen{{root + "/s3", 1}}), devices());
 }
 
 TEST_F(StorageManager, UnboundClientsAndCamerasAreHandled) {
