@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -157,6 +158,13 @@ EngineHarness::~EngineHarness() {
     if (m_pid > 0) {
         kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
+    }
+    // The daemon's own account of a failure that happened on a CI machine.
+    if (::testing::Test::HasFailure()) {
+        const std::string log = Log();
+        constexpr size_t kTail = 16 * 1024;
+        fprintf(stderr, "--- last %zu bytes of the engine log ---\n%s\n---\n", std::min(log.size(), kTail),
+                log.substr(log.size() > kTail ? log.size() - kTail : 0).c_str());
     }
     if (m_busPid > 0) {
         kill(m_busPid, SIGTERM);
