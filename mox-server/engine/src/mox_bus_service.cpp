@@ -15,7 +15,6 @@
 #include "cache_folder.h"
 #include "mox_bus_text.h"
 #include "mox_engine_imp.h"
-#include "mox_request_slice.h"
 #include "mox_storage_manager.h"
 #include "mox_thread_annotations.h"
 #include "mox_usb_file.h"
@@ -426,12 +425,6 @@ void FreeFilterData(gpointer data) {
 
 GDBusMessage* FilterUnknownMethods(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
                                    gpointer data) {
-    // GLib's message thread starts with the default slice (see main).
-    static thread_local bool s_bSliceSet = false;
-    if (!s_bSliceSet) {
-        mox_request_slice::UseForThisThread();
-        s_bSliceSet = true;
-    }
     if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) return message;
     auto* filter = static_cast<const FilterData*>(data);
     if (g_strcmp0(g_dbus_message_get_path(message), filter->path.c_str()) != 0 ||

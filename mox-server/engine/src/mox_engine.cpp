@@ -41,7 +41,6 @@
 #include "mox_engine_imp.h"
 #include "mox_library.h"
 #include "mox_request_list_command.h"
-#include "mox_request_slice.h"
 #include "mox_scanner_manager.h"
 #include "mox_source_manager.h"
 #include "mox_storage_manager.h"
@@ -465,8 +464,6 @@ int main(int argc, char** argv) {
         fprintf(stderr, "mox-engine: unknown argument '%s' (try --help)\n", argv[1]);
         return 2;
     }
-    // Before any thread starts: threads it starts keep the default slice.
-    mox_request_slice::UseForThisThread();
     // Objects of an instance that died without cleaning up (kill -9, a
     // watchdog abort) are nobody's any more, and so are the temporary files
     // it was writing on the storages mounted now.

@@ -13,7 +13,6 @@
 #include <system_error>
 #include <thread>
 
-#include "mox_request_slice.h"
 #include "mox_thread_annotations.h"
 
 namespace {
@@ -59,7 +58,6 @@ SStatFsProbes& Probes() {
 }
 
 void RunProber(const std::string& path, SStatFsProbes& probes) {
-    mox_request_slice::UseForThisThread();  // a client's call waits for it
     mox::UniqueLock lock(probes.mutex);
     SStatFsProbe& probe = probes.byPath[path];
     for (;;) {
