@@ -112,7 +112,8 @@ int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out, 
     std::vector<UsbDevicePtr> listed;
     const bool bListed = type == MOX_STORAGE_DEVICE_USB || type == MOX_STORAGE_DEVICE_PTP;
     int nResult = m_RefreshAndCopy(type, listed);
-    if (nResult == MOX_ERROR_NONE && bListed) out = m_StoragesDocument(listed, nArrival);
+    if (nResult == MOX_ERROR_NONE && bListed)
+        out = m_Document(listed, nArrival, [this](const std::vector<UsbDevicePtr>& l) { return m_ReusedText(l); });
     return nResult;
 }
 
@@ -466,11 +467,12 @@ std::string CMOXStorageMgr::m_JoinDocument(const SDocumentText& text, const std:
     return doc;
 }
 
-std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& list, uint64_t nArrival) {
+std::string CMOXStorageMgr::m_Document(std::vector<UsbDevicePtr>& list, uint64_t nArrival, const TextFor& textFor) {
     if (list.empty()) return "null\n";
     try {
+        // The storages are asked first: their statfs runs while the text is made.
         const std::vector<uint64_t> asked = AskSizes(list, nArrival);
-        std::shared_ptr<const SDocumentText> text = m_MakeDocumentText(list);
+        std::shared_ptr<const SDocumentText> text = textFor(list);
         return text ? m_JoinDocument(*text, list, asked) : m_ConvertWithJsonValue(list);
     } catch (const std::exception& e) {
         MOX_WARN("storage document failed: %s", e.what());
@@ -478,26 +480,22 @@ std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& lis
     }
 }
 
-std::string CMOXStorageMgr::m_StoragesDocument(std::vector<UsbDevicePtr>& list, uint64_t nArrival) {
-    if (list.empty()) return "null\n";
-    try {
-        const std::vector<uint64_t> asked = AskSizes(list, nArrival);
-        std::shared_ptr<const SDocumentText> text;
-        {
-            mox::MutexLock lock(m_docMutex);
-            if (m_lastDocument && m_lastDocument->MadeFrom(list)) text = m_lastDocument;
-        }
-        if (!text) {
-            text = m_MakeDocumentText(list);
-            if (!text) return m_ConvertWithJsonValue(list);
-            mox::MutexLock lock(m_docMutex);
-            m_lastDocument = text;
-        }
-        return m_JoinDocument(*text, list, asked);
-    } catch (const std::exception& e) {
-        MOX_WARN("storage document failed: %s", e.what());
-        return "null\n";
+std::string CMOXStorageMgr::ConvertStoragesToJson(std::vector<UsbDevicePtr>& list, uint64_t nArrival) {
+    return m_Document(list, nArrival, m_MakeDocumentText);
+}
+
+std::shared_ptr<const CMOXStorageMgr::SDocumentText> CMOXStorageMgr::m_ReusedText(
+    const std::vector<UsbDevicePtr>& list) {
+    {
+        mox::MutexLock lock(m_docMutex);
+        if (m_lastDocument && m_lastDocument->MadeFrom(list)) return m_lastDocument;
     }
+    std::shared_ptr<const SDocumentText> text = m_MakeDocumentText(list);
+    if (text) {
+        mox::MutexLock lock(m_docMutex);
+        m_lastDocument = text;
+    }
+    return text;
 }
 
 std::string CMOXStorageMgr::m_ConvertWithJsonValue(std::vector<UsbDevicePtr>& list) {

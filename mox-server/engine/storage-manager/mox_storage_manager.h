@@ -26,6 +26,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -110,8 +111,13 @@ private:
     // from AskDeviceSizes; 0 for none) put in.
     static std::string m_JoinDocument(const SDocumentText& text, const std::vector<UsbDevicePtr>& list,
                                       const std::vector<uint64_t>& asked);
-    // ConvertStoragesToJson, reusing the text of the last document.
-    std::string m_StoragesDocument(std::vector<UsbDevicePtr>& list, uint64_t nArrival) EXCLUDES(m_docMutex);
+    // The text of the last get_usb_storages document when it was made from
+    // these records and indices, else a new one (kept for the next call).
+    std::shared_ptr<const SDocumentText> m_ReusedText(const std::vector<UsbDevicePtr>& list) EXCLUDES(m_docMutex);
+    // The document of list, its text from textFor (ConvertStoragesToJson
+    // makes it anew, get_usb_storages reuses it).
+    using TextFor = std::function<std::shared_ptr<const SDocumentText>(const std::vector<UsbDevicePtr>&)>;
+    static std::string m_Document(std::vector<UsbDevicePtr>& list, uint64_t nArrival, const TextFor& textFor);
     // The document through a Json::Value tree: for text the direct writer
     // cannot quote like jsoncpp (an embedded NUL).
     static std::string m_ConvertWithJsonValue(std::vector<UsbDevicePtr>& list);
