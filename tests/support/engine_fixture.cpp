@@ -155,16 +155,25 @@ void EngineHarness::Prepare() {
 
 EngineHarness::~EngineHarness() {
     m_client.reset();
+    // Whether the daemon was still running (then SIGKILL ends it) or had
+    // died, and how: with the log's tail, the account of a failed test.
+    std::string strEnd = "not running";
     if (m_pid > 0) {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
+        int status = 0;
+        if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+            strEnd = WIFSIGNALED(status) ? "had died of signal " + std::to_string(WTERMSIG(status))
+                                         : "had exited with " + std::to_string(WEXITSTATUS(status));
+        } else {
+            strEnd = "was running";
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
     }
-    // The daemon's own account of a failure that happened on a CI machine.
     if (::testing::Test::HasFailure()) {
         const std::string log = Log();
         constexpr size_t kTail = 16 * 1024;
-        fprintf(stderr, "--- last %zu bytes of the engine log ---\n%s\n---\n", std::min(log.size(), kTail),
-                log.substr(log.size() > kTail ? log.size() - kTail : 0).c_str());
+        fprintf(stderr, "--- the engine %s; last %zu bytes of its log ---\n%s\n---\n", strEnd.c_str(),
+                std::min(log.size(), kTail), log.substr(log.size() > kTail ? log.size() - kTail : 0).c_str());
     }
     if (m_busPid > 0) {
         kill(m_busPid, SIGTERM);
