@@ -23,6 +23,7 @@
 
 #include "mox_extractor.h"
 #include "mox_library_hooks.h"
+#include "mox_sqlite_shm.h"
 
 namespace {
 
@@ -116,6 +117,9 @@ CMOXLibrary::CMOXLibrary(IMOXSignalSink& sink, ClientsFn clients)
     // every other SQLite user wait. Refused once SQLite is in use (nothing lost).
     if (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) != SQLITE_OK)
         MOX_DEBUG("library: SQLite already in use, its memory statistics stay on.");
+    // Before any index is opened, by the indexers or by a plug-in reading one.
+    if (!mox_sql::UseAllocatingShm())
+        MOX_WARN("library: no SQLite file layer to guard; a full disk under the index may end the daemon.");
     m_bounds.nMaxRows = BoundFromEnv("MOX_LIBRARY_MAX_ROWS", m_bounds.nMaxRows);
     if (g_mkdir_with_parents(m_strDir.c_str(), 0700) != 0)
         MOX_WARN("library directory %s cannot be made (%s): volumes will not be indexed.", m_strDir.c_str(),
