@@ -21,34 +21,47 @@ void AssignIfSet(std::string& field, const char* value) {
     if (value) field = value;
 }
 
-// statfs without waiting on a hung storage: each mount path has a prober
-// thread that makes the calls, and a caller waits for its answer at most
-// kStatFsWait. A prober stays kProberIdle after its last call, so steady
-// queries start no thread (starting one per call cost more than the call
-// itself). A request made while a call is under way is answered by that
-// call; one stuck there keeps its path's requests waiting, and until an
-// answer comes the last one seen stands in.
+// statfs without waiting on a hung storage: one prober thread makes the
+// calls for every mount path, and a caller waits for its answer at most
+// kStatFsWait. One thread, not one per path, so that a query wakes one
+// thread however many sticks there are. A statfs that takes longer than
+// kStuckAfter retires its prober: the path is held by that thread until its
+// call returns, and a new prober serves the other paths. So each hung path
+// holds at most one thread, and healthy paths wait at most kStuckAfter for
+// a hung one. The prober stays kProberIdle after its last call, so steady
+// queries start no thread (starting one per call cost more than the call).
+// A request made while a call is under way is answered by that call only if
+// that call started after it; until an answer comes the last one seen stands in.
 constexpr std::chrono::milliseconds kStatFsWait{50};
+constexpr std::chrono::milliseconds kStuckAfter{5};
 constexpr std::chrono::seconds kProberIdle{30};
 
+using Clock = std::chrono::steady_clock;
+
 struct SStatFsProbe {
-    std::condition_variable asked;  // a request for the prober
-    uint64_t nAsked = 0;            // requests made
-    uint64_t nStarted = 0;          // requests the call under way answers
-    uint64_t nAnswered = 0;         // requests the last result answers
-    uint64_t nArrival = 0;          // the latest call arrival that asked
-    uint64_t nArrivalRequest = 0;   // the request it made
-    bool bProber = false;           // a prober thread runs for the path
-    bool bKnown = false;            // last holds a successful answer
+    uint64_t nAsked = 0;           // requests made
+    uint64_t nStarted = 0;         // requests the call under way answers
+    uint64_t nAnswered = 0;        // requests the last result answers
+    uint64_t nArrival = 0;         // the latest call arrival that asked
+    uint64_t nArrivalRequest = 0;  // the request it made
+    Clock::time_point lastCall;    // when a query last asked for it itself
+    bool bHeld = false;            // a retired prober is still in statfs for it
+    bool bKnown = false;           // last holds a successful answer
     struct statfs last {};
 };
 
 struct SStatFsProbes {
     mox::Mutex mutex;
+    std::condition_variable asked;     // a request for the current prober
     std::condition_variable answered;  // a prober stored a result
     // Entries are never erased: references to them stay valid.
     std::map<std::string, SStatFsProbe> byPath GUARDED_BY(mutex);
     uint64_t nArrivals GUARDED_BY(mutex) = 0;  // AskSizesOnArrival() calls
+    uint64_t nProber GUARDED_BY(mutex) = 0;    // the current prober's number; 0: none runs
+    uint64_t nProbers GUARDED_BY(mutex) = 0;   // probers started
+    // The path the current prober is in statfs on, and since when.
+    const std::string* pBusy GUARDED_BY(mutex) = nullptr;
+    Clock::time_point busySince GUARDED_BY(mutex);
 };
 
 // Never destroyed: a thread stuck in statfs may return after exit began.
@@ -57,48 +70,98 @@ SStatFsProbes& Probes() {
     return *s_probes;
 }
 
-void RunProber(const std::string& path, SStatFsProbes& probes) {
+bool StartProber(SStatFsProbes& probes) REQUIRES(probes.mutex);
+
+// The next path after `after` (in turn, so that a path asked again and
+// again does not starve the others) with a request no call has started on,
+// and not held; nullptr if none.
+std::pair<const std::string, SStatFsProbe>* NextAsked(SStatFsProbes& probes, const std::string* pAfter)
+    REQUIRES(probes.mutex) {
+    auto pending = [](const SStatFsProbe& probe) { return probe.nAsked > probe.nStarted && !probe.bHeld; };
+    const auto from = pAfter ? probes.byPath.upper_bound(*pAfter) : probes.byPath.begin();
+    for (auto it = from; it != probes.byPath.end(); ++it)
+        if (pending(it->second)) return &*it;
+    for (auto it = probes.byPath.begin(); it != from; ++it)
+        if (pending(it->second)) return &*it;
+    return nullptr;
+}
+
+void RunProber(uint64_t nSelf, SStatFsProbes& probes) {
     mox::UniqueLock lock(probes.mutex);
-    SStatFsProbe& probe = probes.byPath[path];
+    const std::string* pLast = nullptr;  // a key of byPath: stays valid
     for (;;) {
-        const auto idleUntil = std::chrono::steady_clock::now() + kProberIdle;
-        while (probe.nAnswered == probe.nAsked) {
-            if (lock.WaitUntil(probe.asked, idleUntil) == std::cv_status::timeout && probe.nAnswered == probe.nAsked) {
-                probe.bProber = false;
-                return;
+        auto* pEntry = NextAsked(probes, pLast);
+        if (pEntry == nullptr) {
+            const auto idleUntil = Clock::now() + kProberIdle;
+            while ((pEntry = NextAsked(probes, pLast)) == nullptr) {
+                if (lock.WaitUntil(probes.asked, idleUntil) == std::cv_status::timeout &&
+                    (pEntry = NextAsked(probes, pLast)) == nullptr) {
+                    if (probes.nProber == nSelf) probes.nProber = 0;
+                    return;
+                }
             }
         }
+        pLast = &pEntry->first;
+        SStatFsProbe& probe = pEntry->second;
         const uint64_t nCovered = probe.nStarted = probe.nAsked;
+        probes.pBusy = &pEntry->first;
+        probes.busySince = Clock::now();
         lock.Unlock();
         struct statfs st {};
-        const bool bOk = statfs(path.c_str(), &st) == 0;
+        const bool bOk = statfs(pEntry->first.c_str(), &st) == 0;
         lock.Lock();
         probe.nAnswered = nCovered;
         probe.bKnown = bOk;
         probe.last = st;
         probes.answered.notify_all();
+        if (probes.nProber == nSelf) {
+            probes.pBusy = nullptr;
+            continue;
+        }
+        // Retired while in statfs: the path is free again, for the current
+        // prober, or for this thread if none runs any more.
+        probe.bHeld = false;
+        if (probes.nProber != 0) {
+            probes.asked.notify_one();
+            return;
+        }
+        probes.nProber = nSelf;
     }
+}
+
+bool StartProber(SStatFsProbes& probes) REQUIRES(probes.mutex) {
+    const uint64_t nSelf = ++probes.nProbers;
+    try {
+        std::thread([nSelf, &probes] { RunProber(nSelf, probes); }).detach();
+    } catch (const std::system_error& e) {
+        MOX_WARN("no thread for storage sizes: %s", e.what());
+        return false;
+    }
+    probes.nProber = nSelf;
+    probes.pBusy = nullptr;
+    return true;
+}
+
+// A prober in one statfs for longer than kStuckAfter is retired and a new
+// one serves the other paths; false when none can run.
+bool KeepProberRunning(SStatFsProbes& probes, Clock::time_point now) REQUIRES(probes.mutex) {
+    if (probes.nProber != 0 && (probes.pBusy == nullptr || now - probes.busySince < kStuckAfter)) return true;
+    if (probes.nProber != 0) {
+        probes.byPath[*probes.pBusy].bHeld = true;
+        MOX_DEBUG("size of %s: the storage does not answer; other sizes go on", probes.pBusy->c_str());
+    }
+    return StartProber(probes);
 }
 
 // Asks for a statfs of path that starts after this call; returns the request
 // to wait for, or 0 when no prober can run. A request whose call has not
-// started yet is joined, not repeated.
-uint64_t AskStatFs(SStatFsProbes& probes, const std::string& path) REQUIRES(probes.mutex) {
-    SStatFsProbe& probe = probes.byPath[path];
+// started yet is joined, not repeated. bNotify false: the caller wakes the
+// prober once after asking for several paths.
+uint64_t AskStatFs(SStatFsProbes& probes, SStatFsProbe& probe, bool bNotify = true) REQUIRES(probes.mutex) {
     if (probe.nAsked > probe.nStarted) return probe.nAsked;
+    if (!KeepProberRunning(probes, Clock::now())) return 0;
     ++probe.nAsked;
-    if (probe.bProber) {
-        probe.asked.notify_one();
-        return probe.nAsked;
-    }
-    try {
-        std::thread([path, &probes] { RunProber(path, probes); }).detach();
-        probe.bProber = true;
-    } catch (const std::system_error& e) {
-        probe.nStarted = probe.nAnswered = probe.nAsked;  // nobody will answer it
-        MOX_WARN("no thread for the size of %s: %s", path.c_str(), e.what());
-        return 0;
-    }
+    if (bNotify) probes.asked.notify_one();
     return probe.nAsked;
 }
 
@@ -109,12 +172,19 @@ bool StatFs(const std::string& path, struct statfs* out, uint64_t nRequest = 0) 
     memset(out, 0, sizeof(*out));
     SStatFsProbes& probes = Probes();
     mox::UniqueLock lock(probes.mutex);
-    if (nRequest == 0) nRequest = AskStatFs(probes, path);
-    if (nRequest == 0) return false;
     SStatFsProbe& probe = probes.byPath[path];
-    const auto deadline = std::chrono::steady_clock::now() + kStatFsWait;
-    while (probe.nAnswered < nRequest)
-        if (lock.WaitUntil(probes.answered, deadline) == std::cv_status::timeout) break;
+    if (nRequest == 0) nRequest = AskStatFs(probes, probe);
+    if (nRequest == 0) return false;
+    const auto deadline = Clock::now() + kStatFsWait;
+    while (probe.nAnswered < nRequest) {
+        // Woken when the prober may have got stuck on another path.
+        auto until = deadline;
+        if (probes.pBusy != nullptr && probes.busySince + kStuckAfter < until) until = probes.busySince + kStuckAfter;
+        const bool bTimeout = lock.WaitUntil(probes.answered, until) == std::cv_status::timeout;
+        const auto now = Clock::now();
+        if (probe.nAnswered >= nRequest || now >= deadline) break;
+        if (bTimeout && !KeepProberRunning(probes, now)) break;
+    }
     if (probe.nAnswered < nRequest) MOX_DEBUG("size of %s: the storage does not answer", path.c_str());
     if (!probe.bKnown) return false;
     *out = probe.last;
@@ -183,22 +253,30 @@ long long CMOXUSBDevice::GetDeviceAvailableSize() const {
 uint64_t CMOXUSBDevice::AskDeviceSizes(uint64_t nArrival) const {
     SStatFsProbes& probes = Probes();
     mox::MutexLock lock(probes.mutex);
-    const SStatFsProbe& probe = probes.byPath[m_strMountPath];
+    SStatFsProbe& probe = probes.byPath[m_strMountPath];
+    probe.lastCall = Clock::now();
     // Asked when that call, or a later one, arrived: its statfs starts after
     // the caller's call arrived.
     if (nArrival != 0 && probe.nArrival == nArrival && probe.nArrivalRequest != 0) return probe.nArrivalRequest;
-    return AskStatFs(probes, m_strMountPath);
+    return AskStatFs(probes, probe);
 }
 
 uint64_t CMOXUSBDevice::AskSizesOnArrival() {
     SStatFsProbes& probes = Probes();
     mox::MutexLock lock(probes.mutex);
     const uint64_t nArrival = ++probes.nArrivals;
+    // Only paths queries asked for lately (others may be long gone), and
+    // only while the prober runs: the call itself asks otherwise.
+    if (probes.nProber == 0) return nArrival;
+    const auto recent = Clock::now() - kProberIdle;
+    bool bAsked = false;
     for (auto& [path, probe] : probes.byPath) {
-        if (!probe.bProber) continue;  // asked again by the call itself
-        probe.nArrivalRequest = AskStatFs(probes, path);
+        if (probe.lastCall < recent) continue;
+        probe.nArrivalRequest = AskStatFs(probes, probe, false);
         probe.nArrival = nArrival;
+        bAsked = true;
     }
+    if (bAsked) probes.asked.notify_one();
     return nArrival;
 }
 

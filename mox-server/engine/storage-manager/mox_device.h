@@ -99,10 +99,10 @@ public:
     // nArrival (from LatestArrival(), read when a get_usb_storages call is
     // taken) lets it use the call asked when that call arrived.
     uint64_t AskDeviceSizes(uint64_t nArrival = 0) const;
-    // Asks every storage whose prober runs for a statfs now: called on the
-    // bus's message thread when a get_usb_storages call arrives, so that the
-    // sizes are read while the call travels to the main loop. Returns the
-    // arrival's number.
+    // Asks every storage queried lately for a statfs now, if the prober runs:
+    // called on the bus's message thread when a get_usb_storages call
+    // arrives, so that the sizes are read while the call travels to the main
+    // loop. Returns the arrival's number.
     static uint64_t AskSizesOnArrival();
     // The number of the latest AskSizesOnArrival() (0: none yet).
     static uint64_t LatestArrival();

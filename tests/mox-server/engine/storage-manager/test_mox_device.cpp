@@ -6,8 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
+#include "fault_mounts.h"
 #include "mox_device.h"
 #include "temp_dir.h"
 
@@ -82,6 +84,60 @@ TEST(MOXDevice, SizesAreAsFreshAsTheCallAndZeroWithoutAMount) {
     for (const auto& m : mounts) ASSERT_TRUE(umount2(m.c_str(), MNT_DETACH) == 0 && rmdir(m.c_str()) == 0);
     EXPECT_EQ(0, available(0, 0));
     EXPECT_EQ(0, devices[1].GetDeviceAvailableSize());
+}
+
+// One stick whose statfs hangs beside a healthy one: the healthy one's
+// sizes stay as fresh as the call, the hung one's last answer stands in, and
+// however often both are asked the hung stick holds one thread, not more.
+// Once it answers again, its sizes are fresh too.
+TEST(MOXDevice, AHungStorageKeepsOneThreadAndNotTheOthersSizes) {
+    moxtest::TempDir dir;
+    const std::string healthy = dir.path() + "/a", hung = dir.path() + "/b", backing = dir.path() + "/back";
+    for (const auto& d : {healthy, hung, backing}) ASSERT_EQ(0, mkdir(d.c_str(), 0755));
+    if (mount("tmpfs", healthy.c_str(), "tmpfs", 0, "size=4m") != 0) GTEST_SKIP() << "no tmpfs mount here";
+    {
+        moxtest::FaultFs fuse(backing, hung);
+        if (!fuse.Mounted()) {
+            umount2(healthy.c_str(), MNT_DETACH);
+            GTEST_SKIP() << fuse.Why();
+        }
+        CMOXUSBDevice devices[2];
+        devices[0].SetMountPath(healthy.c_str());
+        devices[1].SetMountPath(hung.c_str());
+        long long total = 0, hungFree = -1, free = -1;
+        devices[1].GetDeviceSizes(total, hungFree);
+        ASSERT_GT(total, 0);
+        devices[0].GetDeviceSizes(total, free);
+        auto threads = [] {
+            return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                                 std::filesystem::directory_iterator());
+        };
+        fuse.SetRules("hang statfs *\n");
+        const std::string block(256 * 1024, 'x');
+        long nThreads = 0;
+        for (int round = 0; round < 8; ++round) {
+            const bool bWrite = round % 2 == 0;
+            ASSERT_TRUE(bWrite ? moxtest::WriteTextFile(healthy + "/f", block) : unlink((healthy + "/f").c_str()) == 0);
+            const uint64_t nArrival = round % 2 ? CMOXUSBDevice::AskSizesOnArrival() : 0;
+            const uint64_t asked[2] = {devices[0].AskDeviceSizes(nArrival), devices[1].AskDeviceSizes(nArrival)};
+            long long now = -1, hungNow = -1;
+            devices[1].GetDeviceSizes(total, hungNow, asked[1]);
+            devices[0].GetDeviceSizes(total, now, asked[0]);
+            EXPECT_EQ(free + (bWrite ? -256 : 256), now) << round;
+            EXPECT_EQ(hungFree, hungNow) << round;
+            free = now;
+            if (round == 1) nThreads = threads();
+        }
+        // One more at most: a prober retired by a slow but healthy call (a
+        // loaded machine) ends when its call returns.
+        EXPECT_LE(threads(), nThreads + 1) << "a hung storage took more threads";
+        fuse.SetRules("");
+        ASSERT_TRUE(moxtest::WriteTextFile(backing + "/g", block));
+        long long after = -1;
+        for (int i = 0; i < 100 && after != hungFree - 256; ++i) devices[1].GetDeviceSizes(total, after);
+        EXPECT_NE(hungFree, after);
+    }
+    umount2(healthy.c_str(), MNT_DETACH);
 }
 
 }  // namespace
