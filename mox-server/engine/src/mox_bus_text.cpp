@@ -2,6 +2,7 @@
 
 #include "mox_bus_text.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include <mox/mox_log.h>
@@ -11,11 +12,26 @@ namespace mox_bus {
 
 namespace {
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
+
+// Valid UTF-8 without a NUL. Bus texts are mostly JSON, mostly ASCII: eight
+// bytes at a time while they are ASCII and not NUL (a tenth of the cost of
+// g_utf8_validate per byte), and GLib from the first word that is not.
+bool IsValid(std::string_view text) {
+    constexpr uint64_t kHigh = 0x8080808080808080ull, kLow = 0x0101010101010101ull;
+    size_t i = 0;
+    for (; i + 8 <= text.size(); i += 8) {
+        uint64_t word;
+        memcpy(&word, text.data() + i, sizeof(word));
+        if ((word & kHigh) != 0 || ((word - kLow) & ~word & kHigh) != 0) break;
+    }
+    // Splits at a character boundary: what is before is ASCII.
+    return g_utf8_validate_len(text.data() + i, text.size() - i, nullptr);
 }
+}  // namespace
 
 std::string ValidUtf8(std::string_view text, const char* what) {
     const gchar* end = nullptr;
-    if (g_utf8_validate_len(text.data(), text.size(), &end)) return std::string(text);
+    if (IsValid(text)) return std::string(text);
 
     std::string out;
     out.reserve(text.size() + 16);
@@ -43,7 +59,7 @@ GVariant* NewString(std::string_view text, const char* what) {
     // again. A serialized "s" is the text and a NUL, and validation has
     // already ruled out an embedded NUL, so the trusted variant is normal.
     std::string repaired;
-    if (!g_utf8_validate_len(text.data(), text.size(), nullptr)) {
+    if (!IsValid(text)) {
         repaired = ValidUtf8(text, what);
         text = repaired;
     }

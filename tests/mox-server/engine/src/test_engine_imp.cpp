@@ -23,6 +23,7 @@
 #include <mox/mox_singleton.h>
 
 #include "cache_pool.h"
+#include "mox_bus_text.h"
 #include "mox_engine_imp.h"
 #include "mox_source_manager.h"
 #include "temp_dir.h"
@@ -411,3 +412,26 @@ TEST_F(EngineImp, TransfersOfOneClientAreBoundedAndEndWhenItLeaves) {
 }
 
 }  // namespace
+
+// Bus texts: a bad byte or a NUL anywhere (before, inside and after an
+// eight-byte word of ASCII) is replaced, and valid multi-byte characters
+// that straddle a word are kept; the variant holds exactly the repaired text.
+TEST(BusText, EveryInvalidByteIsRepairedWhereverItFalls) {
+    const std::string ascii(19, 'a');
+    for (size_t at = 0; at < ascii.size(); ++at) {
+        for (const std::string& bad : {std::string("\xff"), std::string(1, '\0'), std::string("\xc3")}) {
+            std::string text = ascii;
+            text.replace(at, 1, bad);
+            std::string expected = ascii;
+            expected.replace(at, 1, "\xEF\xBF\xBD");
+            EXPECT_EQ(mox_bus::ValidUtf8(text, "test"), expected) << at;
+            GVariant* value = g_variant_ref_sink(mox_bus::NewString(text, "test"));
+            EXPECT_EQ(std::string(g_variant_get_string(value, nullptr)), expected) << at;
+            EXPECT_TRUE(g_variant_is_normal_form(value));
+            g_variant_unref(value);
+        }
+        std::string wide = ascii;
+        wide.replace(at, 1, "\xe2\x82\xac");  // three bytes, across a word boundary for some `at`
+        EXPECT_EQ(mox_bus::ValidUtf8(wide, "test"), wide) << at;
+    }
+}
