@@ -104,8 +104,8 @@ bool CCacheBuilder::Build(int nLen, int nStartIndex, int nEndIndex, int nTotalCo
         return false;
     }
     const int fd = fileno(m_pStream.get());
-    if (ftruncate(fd, m_nSize) != 0) {
-        MOX_WARN("ftruncate of [%s] to [%d] failed: %s.", m_strShmName.c_str(), m_nSize, strerror(errno));
+    if (!mox_shm::SizeWithMemory(fd, m_nSize)) {
+        MOX_WARN("No shared memory for [%s] of [%d] bytes: %s.", m_strShmName.c_str(), m_nSize, strerror(errno));
         return false;
     }
     mox_shm::CShmMapping mapping(fd, static_cast<size_t>(m_nSize));

@@ -23,6 +23,16 @@
 
 namespace mox_shm {
 
+bool SizeWithMemory(int fd, off_t nSize) {
+    if (ftruncate(fd, nSize) != 0) return false;
+    if (nSize == 0) return true;
+    int nError;
+    while ((nError = posix_fallocate(fd, 0, nSize)) == EINTR) {
+    }
+    errno = nError;
+    return nError == 0;
+}
+
 CShmFd::~CShmFd() {
     if (m_fd >= 0 && close(m_fd) != 0) MOX_WARN("close failed, m_nShmId[%d].", m_fd);
 }

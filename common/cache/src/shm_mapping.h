@@ -4,6 +4,7 @@
 #pragma once
 
 #include <sys/mman.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstddef>
@@ -78,6 +79,13 @@ private:
     std::atomic<uint64_t> m_nNext{0};  // next id = m_nFirst + m_nNext % (kMaxId - m_nFirst + 1)
     std::atomic<bool> m_bTakenWarned{false};
 };
+
+// Gives a new object of this process nSize bytes, all of them backed by
+// memory now. Any local user can fill /dev/shm; a page of a mapping that the
+// file system has no room for would end the writer with SIGBUS at its first
+// store. Here the lack of room is an error (errno set, ENOSPC) before anything
+// is mapped.
+bool SizeWithMemory(int fd, off_t nSize);
 
 class CShmFd {
 public:

@@ -80,8 +80,8 @@ CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int n
         mox::MutexLock lock(m_CreatedMutex());
         m_Created().insert(m_strShmName);
     }
-    if (ftruncate(fd, nSize) != 0) {
-        MOX_WARN("ftruncate of [%s] to [%lld] failed: %s.", m_strShmName.c_str(), static_cast<long long>(nSize),
+    if (!mox_shm::SizeWithMemory(fd, nSize)) {
+        MOX_WARN("No shared memory for [%s] of [%lld] bytes: %s.", m_strShmName.c_str(), static_cast<long long>(nSize),
                  strerror(errno));
         m_Unlink(m_strShmName);
         return;
@@ -97,7 +97,7 @@ CResultListBuilder::CResultListBuilder(int nSectionIndex, int nStartIndex, int n
     m_nNumberOfBlocks = nNumberOfBlocks;
     m_nBlockNameOffset = MOX_RESULTLIST_HEADER_SIZE + 8 * nNumberOfGroups;
     m_nItemOffset = m_nBlockNameOffset + MOX_RESULTLIST_NAME_SLOT_SIZE * nNumberOfBlocks;
-    // The object is zero-filled by ftruncate: empty name slots, zero groups.
+    // The object starts zero-filled: empty name slots, zero groups.
     char* pAddr = mapping.Get();
     mox_shm::PutInt32(pAddr, 0, m_nBlockNameOffset);
     mox_shm::PutInt32(pAddr, 4, m_nItemOffset);

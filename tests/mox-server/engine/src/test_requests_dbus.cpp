@@ -1,6 +1,9 @@
 // Requests end to end: the real daemon on a private bus with the real
 // plug-ins (the local source over a temporary USB root, the test sources, a
 // test UHD provider), clients reading the result lists from shared memory.
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -398,6 +401,52 @@ TEST(RequestsShutdown, SigtermDuringGetDataIsBoundedAndClean) {
 
 // The example plug-in, built in this tree or (MOX_OUT_OF_TREE_PLUGIN, set by
 // tests/plugins/out_of_tree.sh) on its own against an installed engine.
+// Any local user can fill /dev/shm. A list asked then fails with its
+// failure event, the daemon serves on, and the same list comes once there is
+// room again. The repeat of a cached list needs only a new result list: the
+// object that used to end the daemon with SIGBUS at its first store. This
+// process and the daemon it starts get a small /dev/shm of their own.
+TEST(RequestsShm, AFullSharedMemoryFailsTheListNotTheDaemon) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root for a /dev/shm of its own";
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=8m,mode=1777"), 0);
+    {
+        EngineHarness h;
+        h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
+        ASSERT_TRUE(h.Start());
+        const std::string folder = h.UsbRoot() + "/sda1/many";
+        std::filesystem::create_directories(folder);
+        for (int i = 0; i < 2000; ++i) WriteTextFile(folder + "/f" + std::to_string(i) + ".jpg", "");
+        BusClient c(h);
+        const guint32 handle = c.Connect("libmox_local_source.so");
+        Json::Value ev = c.ListNext(handle, LocalListDoc(folder));
+        ASSERT_EQ(ev["mox_event_type"].asInt(), 0);
+        const std::vector<std::string> names = ListNames(ev["mox_result_list_block_name"].asString());
+        ASSERT_EQ(names.size(), 2000u);
+
+        const int fd = open("/dev/shm/filler", O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0);
+        off_t nAt = 0;
+        for (off_t nChunk : {off_t(1) << 20, off_t(1) << 12})
+            while (posix_fallocate(fd, nAt, nChunk) == 0) nAt += nChunk;
+        close(fd);
+        for (const char* extra : {"", R"(,"mox_start_index":100,"mox_end_index":1999)"}) {
+            ev = c.ListNext(handle, LocalListDoc(folder, extra));
+            EXPECT_NE(ev["mox_event_type"].asInt(), 0) << extra;
+        }
+        ASSERT_TRUE(h.Running()) << "the daemon died on a full /dev/shm";
+
+        ASSERT_EQ(unlink("/dev/shm/filler"), 0);
+        ev = c.ListNext(handle, LocalListDoc(folder, R"(,"mox_start_index":5,"mox_end_index":9)"));
+        EXPECT_EQ(ev["mox_event_type"].asInt(), 0);
+        EXPECT_EQ(ListNames(ev["mox_result_list_block_name"].asString()),
+                  std::vector<std::string>(names.begin() + 5, names.begin() + 10));
+        EXPECT_EQ(h.Stop(), 0);
+    }
+    EXPECT_EQ(umount2("/dev/shm", MNT_DETACH), 0);
+}
+
 TEST_F(Requests, ExamplePluginIsLoadedAndListed) {
     const char* env = getenv("MOX_OUT_OF_TREE_PLUGIN");
     h.InstallPlugin(env ? env : MOX_EXAMPLE_SOURCE_SO);
