@@ -178,7 +178,10 @@ void CMOXEngineImp::m_OnActProgress(WorkerThreadJob* pJob, const char* szParam, 
     const long long llNow = CMOXUtil::GetCurrentSystemTime();
     const bool bFinished = (pProgress->dlnow > 1.0 && pProgress->dlnow == pProgress->dltotal) ||
                            (pProgress->ulnow > 1.0 && pProgress->ulnow == pProgress->ultotal);
-    if (llNow - g_llLastProgressReport.load(std::memory_order_relaxed) < kProgressIntervalMs && !bFinished) return;
+    const long long llLast = g_llLastProgressReport.load(std::memory_order_relaxed);
+    // A clock set back (the set's first time sync) would otherwise hold
+    // every report until it passes the last one again.
+    if (llNow >= llLast && llNow - llLast < kProgressIntervalMs && !bFinished) return;
     g_llLastProgressReport.store(llNow, std::memory_order_relaxed);
 
     mox::MutexLock lock(m_mutex);
