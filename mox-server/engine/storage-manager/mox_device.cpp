@@ -25,15 +25,15 @@ void AssignIfSet(std::string& field, const char* value) {
 // calls for every mount path, and a caller waits for its answer at most
 // kStatFsWait. One thread, not one per path, so that a query wakes one
 // thread however many sticks there are. A statfs that takes longer than
-// kStuckAfter retires its prober: the path is held by that thread until its
-// call returns, and a new prober serves the other paths. So each hung path
-// holds at most one thread, and healthy paths wait at most kStuckAfter for
-// a hung one. The prober stays kProberIdle after its last call, so steady
+// kStuckAfter while other paths wait retires its prober: the path is held by
+// that thread until its call returns, and a new prober serves the others.
+// So each hung path holds at most one thread, and healthy paths wait at most
+// kStuckAfter for a hung one. The prober stays kProberIdle after its last call, so steady
 // queries start no thread (starting one per call cost more than the call).
 // A request made while a call is under way is answered by that call only if
 // that call started after it; until an answer comes the last one seen stands in.
 constexpr std::chrono::milliseconds kStatFsWait{50};
-constexpr std::chrono::milliseconds kStuckAfter{5};
+constexpr std::chrono::milliseconds kStuckAfter{20};
 constexpr std::chrono::seconds kProberIdle{30};
 
 using Clock = std::chrono::steady_clock;
@@ -142,14 +142,19 @@ bool StartProber(SStatFsProbes& probes) REQUIRES(probes.mutex) {
     return true;
 }
 
-// A prober in one statfs for longer than kStuckAfter is retired and a new
-// one serves the other paths; false when none can run.
+// A prober in one statfs for longer than kStuckAfter while another path
+// waits is retired, and a new one serves the other paths (a slow path that
+// nobody else waits behind costs no thread); false when none can run.
 bool KeepProberRunning(SStatFsProbes& probes, Clock::time_point now) REQUIRES(probes.mutex) {
-    if (probes.nProber != 0 && (probes.pBusy == nullptr || now - probes.busySince < kStuckAfter)) return true;
-    if (probes.nProber != 0) {
-        probes.byPath[*probes.pBusy].bHeld = true;
-        MOX_DEBUG("size of %s: the storage does not answer; other sizes go on", probes.pBusy->c_str());
-    }
+    if (probes.nProber == 0) return StartProber(probes);
+    if (probes.pBusy == nullptr || now - probes.busySince < kStuckAfter) return true;
+    const std::string& busy = *probes.pBusy;
+    bool bOthersWait = false;
+    for (const auto& [path, probe] : probes.byPath)
+        bOthersWait = bOthersWait || (path != busy && probe.nAsked > probe.nStarted && !probe.bHeld);
+    if (!bOthersWait) return true;
+    probes.byPath[busy].bHeld = true;
+    MOX_DEBUG("size of %s: the storage does not answer; other sizes go on", busy.c_str());
     return StartProber(probes);
 }
 
@@ -159,8 +164,11 @@ bool KeepProberRunning(SStatFsProbes& probes, Clock::time_point now) REQUIRES(pr
 // prober once after asking for several paths.
 uint64_t AskStatFs(SStatFsProbes& probes, SStatFsProbe& probe, bool bNotify = true) REQUIRES(probes.mutex) {
     if (probe.nAsked > probe.nStarted) return probe.nAsked;
-    if (!KeepProberRunning(probes, Clock::now())) return 0;
     ++probe.nAsked;
+    if (!KeepProberRunning(probes, Clock::now())) {
+        --probe.nAsked;  // nobody will answer it
+        return 0;
+    }
     if (bNotify) probes.asked.notify_one();
     return probe.nAsked;
 }
