@@ -22,7 +22,7 @@ public:
     // True when the mount came up; false (with Why()) where FUSE is not usable.
     bool Mounted() const { return m_mounted; }
     const std::string& Why() const { return m_why; }
-    // Replaces the rules: lines of "hang|eio OP SUBSTRING" (see mox_faultfs.cpp).
+    // Replaces the rules: lines of "hang|eio|slow OP SUBSTRING" (see mox_faultfs.cpp).
     // An empty text clears every rule and releases hung operations.
     void SetRules(const std::string& rules);
 

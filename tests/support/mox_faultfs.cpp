@@ -4,7 +4,7 @@
 //   mox_faultfs BACKING_DIR MOUNT_POINT CONTROL_FILE
 //
 // CONTROL_FILE holds one rule per line: "ACTION OP SUBSTRING", where ACTION is
-// "hang" or "eio", OP one of getattr, readdir, opendir, open, read, statfs
+// "hang", "eio" or "slow" (30 ms, then passes through), OP one of getattr, readdir, opendir, open, read, statfs
 // or "*", and SUBSTRING is matched against the path inside the file system ("*"
 // matches every path). The file is re-read whenever its modification time or
 // size changes; a hung operation returns (passing through) once no rule holds
@@ -77,11 +77,12 @@ std::string Match(const char* op, const char* path) {
 }
 
 // 0 to pass through, or the negative errno the operation must return. Blocks
-// while a "hang" rule holds.
+// while a "hang" rule holds; a "slow" one delays the operation once.
 int Fault(const char* op, const char* path) {
     for (;;) {
         const std::string action = Match(op, path);
         if (action == "eio") return -EIO;
+        if (action == "slow") std::this_thread::sleep_for(std::chrono::milliseconds(30));
         if (action != "hang") return 0;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }

@@ -6,8 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "fault_mounts.h"
 #include "mox_device.h"
@@ -136,6 +139,24 @@ TEST(MOXDevice, AHungStorageKeepsOneThreadAndNotTheOthersSizes) {
         long long after = -1;
         for (int i = 0; i < 100 && after != hungFree - 256; ++i) devices[1].GetDeviceSizes(total, after);
         EXPECT_NE(hungFree, after);
+
+        // Slow on every call, asked again while its statfs is under way, and
+        // nobody else waiting behind it: the same prober serves every call.
+        auto tasks = [] {
+            std::set<std::string> ids;
+            for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+                ids.insert(entry.path().filename());
+            return ids;
+        };
+        fuse.SetRules("slow statfs *\n");
+        devices[1].GetDeviceSizes(total, after);
+        const std::set<std::string> before = tasks();
+        for (int i = 0; i < 4; ++i) {
+            devices[1].AskDeviceSizes();
+            std::this_thread::sleep_for(std::chrono::milliseconds(25));
+            devices[1].GetDeviceSizes(total, after, devices[1].AskDeviceSizes());
+        }
+        EXPECT_EQ(tasks(), before) << "a slow storage alone started probers";
     }
     umount2(healthy.c_str(), MNT_DETACH);
 }
