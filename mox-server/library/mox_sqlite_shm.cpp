@@ -41,13 +41,17 @@ bool Populate(void volatile* pRegion, int nSize) {
     if (g_bNoAdvice.load(std::memory_order_relaxed)) return true;
     for (;;) {
         if (madvise(reinterpret_cast<void*>(nStart), nEnd - nStart, MADV_POPULATE_WRITE) == 0) return true;
-        if (errno == EINTR || errno == EAGAIN) continue;
-        if (errno == EINVAL && !g_bNoAdvice.exchange(true))
+        const int nError = errno;
+        if (nError == EINTR || nError == EAGAIN) continue;
+        // EINVAL: a kernel before 5.14. Anything else: no room (EFAULT, as
+        // a store would have met SIGBUS) or no memory.
+        if (nError != EINVAL) return false;
+        if (!g_bNoAdvice.exchange(true))
             MOX_WARN(
                 "library: this kernel cannot allocate an index's shared memory ahead (%s); a full disk "
                 "under the index may end the daemon.",
-                strerror(EINVAL));
-        return errno == EINVAL;
+                strerror(nError));
+        return true;
     }
 }
 
