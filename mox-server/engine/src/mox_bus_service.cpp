@@ -2,6 +2,7 @@
 #include "mox_bus_service.h"
 
 #include <cassert>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <map>
@@ -418,6 +419,48 @@ bool AnswerListCall(GDBusConnection* connection, GDBusMessage* message, const Fi
     return true;
 }
 
+// get_usb_storages is answered on the GDBus worker thread too, when its
+// sizes come quickly. Its own work is memory work (the device list from the
+// USB service, the document's text), and the sizes were asked of the prober
+// as the call arrived. They are waited for here at most kQuickSizesWait, and
+// not at all for a stick whose statfs is stuck: answered here, the call
+// wakes no other thread than the prober, as the echo of a plain service
+// wakes its main loop. A call whose sizes are not in by then (a stuck stick,
+// a busy machine), of another shape, or while nothing is attached, takes
+// the main loop's path, which waits up to 50 ms with the same requests.
+constexpr std::chrono::milliseconds kQuickSizesWait{1};
+
+bool AnswerStoragesCall(GDBusConnection* connection, GDBusMessage* message, const FilterData& filter,
+                        uint64_t nArrival) {
+    GVariant* body = g_dbus_message_get_body(message);
+    if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE("(u)"))) return false;
+    guint32 nType = 0;
+    g_variant_get(body, "(u)", &nType);
+    CMOXStorageMgr::SQuickAnswer answer;
+    {
+        // Held for the memory work only: Detach waits for it.
+        CMOXBusService::EngineSlot& slot = *filter.engine;
+        mox::MutexLock lock(slot.mutex);
+        if (slot.pStorage == nullptr ||
+            !slot.pStorage->PrepareQuick(static_cast<mox_storage_device_type>(nType), nArrival, answer))
+            return false;
+    }
+    std::string strStorages;
+    if (!CMOXStorageMgr::FinishQuick(answer, std::chrono::steady_clock::now() + kQuickSizesWait, strStorages))
+        return false;
+    MOX_DEBUG("recive method(get_usb_storages).");
+    if ((g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0) {
+        GVariant* values[] = {g_variant_new_uint32(guint32(answer.nResult)),
+                              mox_bus::NewString(strStorages, "get_usb_storages")};
+        GDBusMessage* reply = g_dbus_message_new_method_reply(message);
+        g_dbus_message_set_body(reply, g_variant_new_tuple(values, 2));
+        g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+        g_object_unref(reply);
+    }
+    g_object_unref(message);
+    return true;
+}
+
 void FreeFilterData(gpointer data) {
     std::unique_ptr<FilterData> filter(static_cast<FilterData*>(data));
     g_dbus_interface_info_unref(filter->iface);
@@ -432,8 +475,8 @@ GDBusMessage* FilterUnknownMethods(GDBusConnection* connection, GDBusMessage* me
         return message;
     const gchar* member = g_dbus_message_get_member(message);
     if (g_strcmp0(member, "get_usb_storages") == 0) {
-        CMOXUSBDevice::AskSizesOnArrival();
-        return message;
+        const uint64_t nArrival = CMOXUSBDevice::AskSizesOnArrival();
+        return AnswerStoragesCall(connection, message, *filter, nArrival) ? nullptr : message;
     }
     const bool bDrop = g_strcmp0(member, "drop_partial_list") == 0;
     if ((bDrop || g_strcmp0(member, "get_partial_list") == 0) && AnswerListCall(connection, message, *filter, bDrop))
@@ -502,6 +545,7 @@ void CMOXBusService::Attach(CMOXEngineImp* pEngine, CMOXStorageMgr* pStorage) {
     // Waits for a list call under way on the GDBus worker thread.
     mox::MutexLock lock(m_pEngineSlot->mutex);
     m_pEngineSlot->pEngine = pEngine && pStorage ? pEngine : nullptr;
+    m_pEngineSlot->pStorage = pEngine && pStorage ? pStorage : nullptr;
     m_pEngine = pEngine;
     m_pStorage = pStorage;
 }

@@ -77,13 +77,14 @@ public:
     // The table, in the order of the introspection XML.
     static const Method kMethods[];
 
-    // What the GDBus worker thread reaches: the engine, set by Attach, so
-    // that Detach waits for a list call under way there before the engine
-    // goes, and the callers' user ids. Shared with the message filter, which
+    // What the GDBus worker thread reaches: the engine and the storage
+    // manager, set by Attach, so that Detach waits for a list or storage call
+    // under way there before they go, and the callers' user ids. Shared with the message filter, which
     // may outlive the service.
     struct EngineSlot {
         mox::Mutex mutex;
-        CMOXEngineImp* pEngine GUARDED_BY(mutex) = nullptr;  // null unless storage is attached too
+        CMOXEngineImp* pEngine GUARDED_BY(mutex) = nullptr;    // null unless storage is attached too
+        CMOXStorageMgr* pStorage GUARDED_BY(mutex) = nullptr;  // null unless the engine is attached too
         // User ids by unique name, asked of the bus (on the main loop) once
         // per client connection; an entry goes when its client leaves the
         // bus, and a unique name is never reused.

@@ -269,6 +269,17 @@ uint64_t CMOXUSBDevice::AskDeviceSizes(uint64_t nArrival) const {
     return AskStatFs(probes, probe);
 }
 
+bool CMOXUSBDevice::SizesIn(uint64_t nAsked, Clock::time_point deadline) const {
+    SStatFsProbes& probes = Probes();
+    mox::UniqueLock lock(probes.mutex);
+    const SStatFsProbe& probe = probes.byPath[m_strMountPath];
+    while (probe.nAnswered < nAsked) {
+        if (probe.bHeld || lock.WaitUntil(probes.answered, deadline) == std::cv_status::timeout)
+            return probe.nAnswered >= nAsked;
+    }
+    return true;
+}
+
 uint64_t CMOXUSBDevice::AskSizesOnArrival() {
     SStatFsProbes& probes = Probes();
     mox::MutexLock lock(probes.mutex);

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -99,6 +100,10 @@ public:
     // nArrival (from LatestArrival(), read when a get_usb_storages call is
     // taken) lets it use the call asked when that call arrived.
     uint64_t AskDeviceSizes(uint64_t nArrival = 0) const;
+    // Whether the statfs AskDeviceSizes() returned nAsked for has answered,
+    // waiting for it until `deadline` at most, and not at all while the
+    // storage's statfs is stuck. GetDeviceSizes(.., nAsked) then returns at once.
+    bool SizesIn(uint64_t nAsked, std::chrono::steady_clock::time_point deadline) const;
     // Asks every storage queried lately for a statfs now, if the prober runs:
     // called on the bus's message thread when a get_usb_storages call
     // arrives, so that the sizes are read while the call travels to the main

@@ -535,3 +535,37 @@ std::string CMOXStorageMgr::m_ConvertWithJsonValue(std::vector<UsbDevicePtr>& li
 void CMOXStorageMgr::m_PrintList(const std::vector<UsbDevicePtr>& list) {
     for (const UsbDevicePtr& record : list) record->PrintUSBInfo(true);
 }
+
+bool CMOXStorageMgr::PrepareQuick(mox_storage_device_type type, uint64_t nArrival, SQuickAnswer& answer) {
+    answer = SQuickAnswer();
+    answer.nResult = m_RefreshAndCopy(type, answer.list);
+    answer.bDocument =
+        answer.nResult == MOX_ERROR_NONE && (type == MOX_STORAGE_DEVICE_USB || type == MOX_STORAGE_DEVICE_PTP);
+    if (!answer.bDocument || answer.list.empty()) return true;
+    try {
+        answer.asked = AskSizes(answer.list, nArrival);
+        answer.text = m_ReusedText(answer.list);
+    } catch (const std::exception& e) {
+        MOX_WARN("storage document failed: %s", e.what());
+        return false;
+    }
+    return answer.text != nullptr;
+}
+
+bool CMOXStorageMgr::FinishQuick(const SQuickAnswer& answer, std::chrono::steady_clock::time_point deadline,
+                                 std::string& out) {
+    if (!answer.bDocument) return true;  // out untouched, as GetStorages leaves it
+    if (answer.list.empty()) {
+        out = "null\n";
+        return true;
+    }
+    for (size_t i = 0; i < answer.list.size(); ++i)
+        if (answer.asked[i] != 0 && !answer.list[i]->SizesIn(answer.asked[i], deadline)) return false;
+    try {
+        out = m_JoinDocument(*answer.text, answer.list, answer.asked);
+    } catch (const std::exception& e) {
+        MOX_WARN("storage document failed: %s", e.what());
+        return false;
+    }
+    return true;
+}

@@ -25,6 +25,7 @@
 // bus and address as well.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -64,6 +65,17 @@ public:
     // list is enumerated afresh). 0, or 23 when enumeration fails; a type
     // other than USB or PTP leaves out untouched and returns 0.
     int GetStorages(mox_storage_device_type type, std::string& out, uint64_t nArrival = 0);
+
+    // The same answer in two steps, for a thread that must not wait on a
+    // storage (the bus's message thread). PrepareQuick enumerates, asks the
+    // sizes and makes the text, as GetStorages does (memory work only); false
+    // when only GetStorages can answer (a value the direct writer cannot
+    // quote). FinishQuick needs nothing of the manager, which may go
+    // meanwhile: the document, when every size asked is in by `deadline`.
+    struct SQuickAnswer;
+    bool PrepareQuick(mox_storage_device_type type, uint64_t nArrival, SQuickAnswer& answer);
+    static bool FinishQuick(const SQuickAnswer& answer, std::chrono::steady_clock::time_point deadline,
+                            std::string& out);
 
     // Document conversions.
     static std::string GetFileSystemAsString(int nFileSystem);
@@ -107,6 +119,17 @@ private:
     };
     // Null when a value holds a NUL (then m_ConvertWithJsonValue).
     static std::shared_ptr<const SDocumentText> m_MakeDocumentText(const std::vector<UsbDevicePtr>& list);
+
+public:
+    struct SQuickAnswer {
+        int nResult = 0;
+        std::vector<UsbDevicePtr> list;
+        bool bDocument = false;  // a type with a document, enumerated
+        std::shared_ptr<const SDocumentText> text;
+        std::vector<uint64_t> asked;
+    };
+
+private:
     // The document: text with the sizes asked of each storage (asked[i],
     // from AskDeviceSizes; 0 for none) put in.
     static std::string m_JoinDocument(const SDocumentText& text, const std::vector<UsbDevicePtr>& list,

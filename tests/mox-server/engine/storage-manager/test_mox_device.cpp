@@ -124,6 +124,11 @@ TEST(MOXDevice, AHungStorageKeepsOneThreadAndNotTheOthersSizes) {
             const uint64_t nArrival = round % 2 ? CMOXUSBDevice::AskSizesOnArrival() : 0;
             const uint64_t asked[2] = {devices[0].AskDeviceSizes(nArrival), devices[1].AskDeviceSizes(nArrival)};
             long long now = -1, hungNow = -1;
+            if (round > 0) {  // held by its stuck prober since round 0: not waited for
+                const auto start = std::chrono::steady_clock::now();
+                EXPECT_FALSE(devices[1].SizesIn(asked[1], start + std::chrono::seconds(5)));
+                EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4)) << round;
+            }
             devices[1].GetDeviceSizes(total, hungNow, asked[1]);
             devices[0].GetDeviceSizes(total, now, asked[0]);
             EXPECT_EQ(free + (bWrite ? -256 : 256), now) << round;
