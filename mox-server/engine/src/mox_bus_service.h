@@ -79,7 +79,8 @@ public:
 
     // What the GDBus worker thread reaches: the engine and the storage
     // manager, set by Attach, so that Detach waits for a list or storage call
-    // under way there before they go, and the callers' user ids. Shared with the message filter, which
+    // under way there before they go, and the callers' user ids. Lock order:
+    // the slot's mutex before those the engine and the storage manager take. Shared with the message filter, which
     // may outlive the service.
     struct EngineSlot {
         mox::Mutex mutex;
