@@ -126,8 +126,8 @@ protected:
         CMOXStorageMgr::SQuickAnswer answer;
         EXPECT_TRUE(manager.PrepareQuick(type, 0, answer));
         EXPECT_EQ(0, answer.nResult);
-        EXPECT_TRUE(CMOXStorageMgr::FinishQuick(answer, std::chrono::steady_clock::now() + std::chrono::seconds(1),
-                                                quick));
+        EXPECT_TRUE(
+            CMOXStorageMgr::FinishQuick(answer, std::chrono::steady_clock::now() + std::chrono::seconds(1), quick));
         Json::Value doc = Parse(text), same = Parse(quick);
         for (Json::Value* d : {&doc, &same})
             if (d->isObject())
