@@ -107,14 +107,16 @@ void CMOXStorageMgr::RemoveNotificationClientsOf(const std::string& sender) {
 
 int CMOXStorageMgr::GetStorages(mox_storage_device_type type, std::string& out, uint64_t nArrival) {
     MOX_DEBUG("Calling GetStoraes...");
-    // The document asks each storage for its sizes: built from a copy of the
-    // list, after the lock, so hot-plug events never wait on a slow storage.
-    std::vector<UsbDevicePtr> listed;
-    const bool bListed = type == MOX_STORAGE_DEVICE_USB || type == MOX_STORAGE_DEVICE_PTP;
-    int nResult = m_RefreshAndCopy(type, listed);
-    if (nResult == MOX_ERROR_NONE && bListed)
-        out = m_Document(listed, nArrival, [this](const std::vector<UsbDevicePtr>& l) { return m_ReusedText(l); });
-    return nResult;
+    // The bus thread's two steps, the sizes waited for as long as a query
+    // may. The document is built from a copy of the list, after the lock, so
+    // hot-plug events never wait on a slow storage.
+    SQuickAnswer answer;
+    const bool bText = PrepareQuick(type, nArrival, answer);
+    if (answer.bDocument)
+        out = bText ? m_Finish(answer) : m_Document(answer.list, nArrival, [](const std::vector<UsbDevicePtr>&) {
+            return std::shared_ptr<const SDocumentText>();  // through a Json::Value tree
+        });
+    return answer.nResult;
 }
 
 void CMOXStorageMgr::m_RestartServiceIfDown() {
@@ -555,17 +557,18 @@ bool CMOXStorageMgr::PrepareQuick(mox_storage_device_type type, uint64_t nArriva
 bool CMOXStorageMgr::FinishQuick(const SQuickAnswer& answer, std::chrono::steady_clock::time_point deadline,
                                  std::string& out) {
     if (!answer.bDocument) return true;  // out untouched, as GetStorages leaves it
-    if (answer.list.empty()) {
-        out = "null\n";
-        return true;
-    }
     for (size_t i = 0; i < answer.list.size(); ++i)
         if (answer.asked[i] != 0 && !answer.list[i]->SizesIn(answer.asked[i], deadline)) return false;
+    out = m_Finish(answer);
+    return true;
+}
+
+std::string CMOXStorageMgr::m_Finish(const SQuickAnswer& answer) {
+    if (answer.list.empty()) return "null\n";
     try {
-        out = m_JoinDocument(*answer.text, answer.list, answer.asked);
+        return m_JoinDocument(*answer.text, answer.list, answer.asked);
     } catch (const std::exception& e) {
         MOX_WARN("storage document failed: %s", e.what());
-        return false;
+        return "null\n";
     }
-    return true;
 }

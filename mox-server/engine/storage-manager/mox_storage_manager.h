@@ -130,6 +130,9 @@ public:
     };
 
 private:
+    // The document of a prepared answer with text, each size waited for as
+    // GetDeviceSizes waits; "null\n" for an empty list.
+    static std::string m_Finish(const SQuickAnswer& answer);
     // The document: text with the sizes asked of each storage (asked[i],
     // from AskDeviceSizes; 0 for none) put in.
     static std::string m_JoinDocument(const SDocumentText& text, const std::vector<UsbDevicePtr>& list,
