@@ -4,7 +4,8 @@
 //    over libexif / TagLib reading the same tags of the same file;
 //  - the engine's path through the mox-extract helper (Extract) against the
 //    library in this process: the difference is the helper's round trip;
-//  - the media library's path: batches of kBatch files through the helper
+//  - the media library's path: batches of kBatch files (its batch, one
+//    request) through the helper
 //    (ExtractBatch, each file opened below the USB root and stat'ed as the
 //    indexer does); one iteration is one batch.
 // scripts/run-bench-extract.sh prints the ratios and the added time per file.
@@ -190,7 +191,8 @@ void Helper(benchmark::State& state, const char* name, int type) {
     meter.Report(state, state.iterations());
 }
 
-constexpr int kBatch = 16;
+// The media library's batch: one request.
+constexpr int kBatch = static_cast<int>(mox_extract_wire::kMaxBatch);
 
 void HelperBatch(benchmark::State& state, const char* name, int type) {
     Media& media = TheMedia();
@@ -229,6 +231,7 @@ void HelperBatch(benchmark::State& state, const char* name, int type) {
         benchmark::DoNotOptimize(infos);
     }
     state.SetItemsProcessed(state.iterations() * kBatch);
+    state.counters["files"] = kBatch;
     meter.Report(state, state.iterations() * kBatch);
 }
 

@@ -40,9 +40,10 @@ const char* const kStates[] = {"indexing", "ready", "paused", "failed"};
 constexpr int kScanListSize = 4096;  // the scan list's bound (entries queued)
 // The longest wait for a run of the walk: stop and users are checked between.
 constexpr auto kWalkWait = std::chrono::milliseconds(50);
-// Files extracted between two stores: four requests to the helper. Beside
-// the walk, which steps once per run of the walk, a batch waits for one
-// request's worth at least.
+// Files extracted between two stores: one request to the helper
+// (mox_extract_wire::kMaxBatch). Beside the walk, which adds rows once per
+// run of the walk, a batch waits for kExtractMin of them at least, so that a
+// round trip is not spent on a few.
 constexpr int kExtractBatch = 64;
 constexpr size_t kExtractMin = 16;
 // A transaction of the walk or the extraction stays open this long (or for
@@ -904,7 +905,7 @@ bool CMOXLibraryVolume::m_ExtractStep(SMOXLibraryExtractPipe& pipe, EExtract eMo
             eResult = EScan::kFailed;
             return false;
         }
-        // While walking, one request's worth at least: more rows come.
+        // While walking, kExtractMin at least: more rows come.
         if (eMode == EExtract::kWalking && pipe.next.pending.size() < kExtractMin) pipe.next.pending.clear();
         pipe.bNext = !pipe.next.pending.empty();
         if (pipe.bNext) {

@@ -58,6 +58,8 @@ constexpr int kExitSetupFailed = 3;
 constexpr int kExitProtocol = 4;
 constexpr rlim_t kAddressSpaceBytes = rlim_t(1) << 30;
 constexpr rlim_t kCpuSecondsPerFile = 5;
+// A batch's files and 32 for the libraries' own.
+constexpr rlim_t kMaxFiles = mox_extract_wire::kMaxBatch + 32;
 
 bool SetLimit(int resource, rlim_t soft, rlim_t hard, const char* what) {
     struct rlimit rl = {soft, hard};
@@ -94,7 +96,7 @@ bool Confine(pid_t daemon) {
     if (getppid() != daemon) return false;  // the daemon is already gone
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return false;
     bool ok = SetLimit(RLIMIT_CORE, 0, 0, "CORE") && SetLimit(RLIMIT_FSIZE, 0, 0, "FSIZE") &&
-              SetLimit(RLIMIT_NOFILE, 32, 32, "NOFILE");
+              SetLimit(RLIMIT_NOFILE, kMaxFiles, kMaxFiles, "NOFILE");
 #ifndef MOX_EXTRACT_SANITIZED
     // Sanitizers reserve terabytes of shadow memory and start threads of
     // their own; those builds run without these two.

@@ -29,9 +29,12 @@ namespace mox_extract_wire {
 
 // Largest message either side sends or accepts.
 constexpr size_t kMaxMessageBytes = 64 * 1024;
-// Files of one request. The helper holds their descriptors at once, below
-// its RLIMIT_NOFILE of 32 with room for the libraries' own.
-constexpr size_t kMaxBatch = 16;
+// Files of one request: the media library's batch, so that its files cost
+// one round trip (two wake-ups, a few system calls) per 64 rather than per
+// 16. The helper holds their descriptors at once, below its RLIMIT_NOFILE of
+// 96 with room for the libraries' own; the progress word counts to 254.
+constexpr size_t kMaxBatch = 64;
+static_assert(kMaxBatch < 255, "the progress word holds a batch position in 8 bits");
 // Bytes of a file name sent: its end, which holds the extension that picks
 // the reader.
 constexpr size_t kMaxNameBytes = 255;

@@ -77,7 +77,8 @@ TEST_F(ExtractBatch, CrashAndStallFailAloneInsideABatch) {
     ASSERT_TRUE(Shell("cp " + Media("east.jpg") + " " + Media("mox-extract-crash.jpg")));
     ASSERT_TRUE(Shell("cp " + Media("tune.mp3") + " " + Media("mox-extract-hang.mp3")));
     std::vector<std::string> names;
-    for (int i = 0; i < 24; ++i) names.push_back(i % 3 == 0 ? "east.jpg" : i % 3 == 1 ? "tune.mp3" : "film.mp4");
+    for (size_t i = 0; i < mox_extract_wire::kMaxBatch + 8; ++i)
+        names.push_back(i % 3 == 0 ? "east.jpg" : i % 3 == 1 ? "tune.mp3" : "film.mp4");
     names[5] = "mox-extract-crash.jpg";
     names[11] = "mox-extract-hang.mp3";
     std::map<std::string, media_info_s> here;
