@@ -54,6 +54,11 @@ Stats Summarise(std::vector<double> v) {
 // One client: waits for engine signals on its own connection.
 struct Client : moxbench::BusClient {
     Client() : BusClient("libmox_local_source.so", 10000) {}
+    // Asks for the list of `doc` and waits for its signal: the list's name.
+    std::string List(const std::string& doc) {
+        Send("get_partial_list", g_variant_new("(uuus)", handle, 0u, 0u, doc.c_str()));
+        return Wait()["mox_result_list_block_name"].asString();
+    }
     void Drop(const std::string& name) {
         Send("drop_partial_list", g_variant_new("(us)", handle, name.c_str()));
         Wait();
@@ -212,8 +217,7 @@ int main(int argc, char** argv) {
     Client client;
     // 1. Cached list round trip.
     const std::string cached = Doc(small, "");
-    client.Send("get_partial_list", g_variant_new("(uuus)", client.handle, 0u, 0u, cached.c_str()));
-    std::string first = client.Wait()["mox_result_list_block_name"].asString();
+    std::string first = client.List(cached);
     const size_t listBytes = ListBytes(first);
     client.Drop(first);
     // Engine and baselines alternate, so that all see the same machine load.
@@ -228,8 +232,7 @@ int main(int argc, char** argv) {
     const int rounds = szRounds && atoi(szRounds) > 0 ? atoi(szRounds) : 3000;
     for (int i = 0; i < rounds; ++i) {
         auto t0 = Clock::now();
-        client.Send("get_partial_list", g_variant_new("(uuus)", client.handle, 0u, 0u, cached.c_str()));
-        std::string name = client.Wait()["mox_result_list_block_name"].asString();
+        std::string name = client.List(cached);
         if (ReadAll(name) == 0) return 1;
         t.push_back(Micros(Clock::now() - t0));
         client.Drop(name);
@@ -242,15 +245,13 @@ int main(int argc, char** argv) {
     // The same for a cached list of 10,000 items (the folder of part 2),
     // where the fixed costs weigh less.
     const std::string bigCached = Doc(big, "");
-    client.Send("get_partial_list", g_variant_new("(uuus)", client.handle, 0u, 0u, bigCached.c_str()));
-    first = client.Wait()["mox_result_list_block_name"].asString();
+    first = client.List(bigCached);
     const size_t bigBytes = ListBytes(first);
     client.Drop(first);
     std::vector<double> bigTimes, bigRaw;
     for (int i = 0; i < std::max(rounds / 10, 30); ++i) {
         auto t0 = Clock::now();
-        client.Send("get_partial_list", g_variant_new("(uuus)", client.handle, 0u, 0u, bigCached.c_str()));
-        std::string name = client.Wait()["mox_result_list_block_name"].asString();
+        std::string name = client.List(bigCached);
         if (ReadAll(name) == 0) return 1;
         bigTimes.push_back(Micros(Clock::now() - t0));
         client.Drop(name);
@@ -283,8 +284,7 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 15; ++i) {
         const std::string doc = Doc(big, ",\"bench_nonce\":" + std::to_string(i));
         auto t0 = Clock::now();
-        client.Send("get_partial_list", g_variant_new("(uuus)", client.handle, 0u, 0u, doc.c_str()));
-        std::string name = client.Wait()["mox_result_list_block_name"].asString();
+        std::string name = client.List(doc);
         engine.push_back(Micros(Clock::now() - t0));
         if (name.empty()) return 1;
         client.Drop(name);
