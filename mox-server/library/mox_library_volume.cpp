@@ -29,6 +29,7 @@
 #include <mox_host_paths.h>
 
 #include "mox_auto_scanner.h"
+#include "mox_extract_wire.h"
 #include "mox_extractor.h"
 #include "mox_library_extract.h"
 #include "mox_scanner_defines.h"
@@ -40,11 +41,10 @@ const char* const kStates[] = {"indexing", "ready", "paused", "failed"};
 constexpr int kScanListSize = 4096;  // the scan list's bound (entries queued)
 // The longest wait for a run of the walk: stop and users are checked between.
 constexpr auto kWalkWait = std::chrono::milliseconds(50);
-// Files extracted between two stores: one request to the helper
-// (mox_extract_wire::kMaxBatch). Beside the walk, which adds rows once per
-// run of the walk, a batch waits for kExtractMin of them at least, so that a
-// round trip is not spent on a few.
-constexpr int kExtractBatch = 64;
+// Files extracted between two stores: one request to the helper. Beside
+// the walk, which adds rows once per run of the walk, a batch waits for
+// kExtractMin of them at least, so that a round trip is not spent on a few.
+constexpr int kExtractBatch = static_cast<int>(mox_extract_wire::kMaxBatch);
 constexpr size_t kExtractMin = 16;
 // A transaction of the walk or the extraction stays open this long (or for
 // this many rows, a bound of its log on a fast machine): every commit writes
