@@ -117,4 +117,14 @@ inline std::vector<std::string> ShmObjects(const std::string& prefix = "mox_") {
     return names;
 }
 
+// The objects of the engine instance `tag` (its pid): data blocks, result
+// lists and its lock. Objects of test processes running beside it do not
+// count.
+inline std::vector<std::string> EngineObjects(const std::string& tag) {
+    std::vector<std::string> names = ShmObjects("mox_datablock_" + tag + "_");
+    for (std::string& name : ShmObjects("mox_resultlist_" + tag + "_")) names.push_back(std::move(name));
+    if (ShmExists("mox_lock_" + tag)) names.push_back("mox_lock_" + tag);
+    return names;
+}
+
 }  // namespace moxtest

@@ -258,7 +258,7 @@ TEST_F(Requests, ClientLeavingTheBusLosesItsListsAndAnswers) {
     // The answer nobody waits for any more is dropped as soon as it is
     // built: once the running request has ended, only the shared list is left.
     stays.Drain(2500);
-    EXPECT_EQ(moxtest::ShmObjects("mox_resultlist_"), std::vector<std::string>{kept});
+    EXPECT_EQ(moxtest::ShmObjects("mox_resultlist_" + std::to_string(h.Pid()) + "_"), std::vector<std::string>{kept});
     EXPECT_EQ(stays.Count("mox_request_normal_complete"), 1u);
 }
 
@@ -386,6 +386,7 @@ TEST(RequestsShutdown, SigtermDuringGetDataIsBoundedAndClean) {
         EngineHarness h;
         h.InstallPlugin(MOX_TEST_SOURCE_SO);
         ASSERT_TRUE(h.Start());
+        const std::string tag = std::to_string(h.Pid());
         BusClient c(h);
         guint32 handle = c.Connect("libmox_test_source.so");
         EXPECT_EQ(c.ListNext(handle, ListDoc(R"(["mox_test_source2"])"))["mox_event_type"].asInt(), 0);
@@ -395,7 +396,7 @@ TEST(RequestsShutdown, SigtermDuringGetDataIsBoundedAndClean) {
         EXPECT_EQ(h.Stop(std::chrono::seconds(10)), 0) << k.extra;
         EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5)) << k.extra;
         EXPECT_EQ(h.CountLog(k.log), 1u) << k.extra;
-        EXPECT_EQ(moxtest::ShmObjects(), std::vector<std::string>()) << k.extra;
+        EXPECT_EQ(moxtest::EngineObjects(tag), std::vector<std::string>()) << k.extra;
     }
 }
 

@@ -28,12 +28,6 @@ namespace {
 using moxtest::ListNames;
 using moxtest::Parse;
 
-// Engine objects of the instance `tag` (a pid), its lock included.
-size_t ObjectsOf(const std::string& tag) {
-    return moxtest::ShmObjects("mox_datablock_" + tag + "_").size() +
-           moxtest::ShmObjects("mox_resultlist_" + tag + "_").size() + moxtest::ShmExists("mox_lock_" + tag);
-}
-
 // One client of the local source: lists a folder, returns the completion.
 struct Lister : moxtest::BusClient {
     explicit Lister(EngineHarness& h) : BusClient(h), handle(Connect("libmox_local_source.so")) {}
@@ -77,7 +71,7 @@ TEST(RestartFaults, KilledEngineLeavesNothingForTheNext) {
 
     kill(h.Pid(), SIGKILL);
     while (h.Running()) usleep(10000);
-    EXPECT_GE(ObjectsOf(tag), 21u);  // the lists nobody dropped, their blocks and the lock
+    EXPECT_GE(moxtest::EngineObjects(tag).size(), 21u);  // the lists nobody dropped, their blocks and the lock
     EXPECT_TRUE(moxtest::ShmExists("mox_lock_" + tag));
 
     ASSERT_TRUE(h.Start());
@@ -86,7 +80,7 @@ TEST(RestartFaults, KilledEngineLeavesNothingForTheNext) {
     for (const auto& f : stale) EXPECT_FALSE(std::filesystem::exists(f)) << f;
     for (const auto& f : kept) EXPECT_TRUE(std::filesystem::exists(f)) << f;
     EXPECT_TRUE(std::filesystem::exists(stick + "/.fifo.mox-" + dead + "-2"));
-    EXPECT_EQ(ObjectsOf(tag), 0u);
+    EXPECT_EQ(moxtest::EngineObjects(tag).size(), 0u);
     EXPECT_EQ(moxtest::ShmObjects("mox_datablock_4000000000_").size(), 1u);
     close(liveLock);
     std::filesystem::remove("/dev/shm/mox_lock_4000000000");

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <set>
 #include <string>
 #include <thread>
 
@@ -191,8 +190,8 @@ TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
     h.InstallPlugin(MOX_LOCAL_SOURCE_SO);
     h.InstallPlugin(MOX_RA_SOURCE_SO);
     h.Plug("sdb1");
-    const std::vector<std::string> before = moxtest::ShmObjects();
     ASSERT_TRUE(h.Start());
+    const std::string tag = std::to_string(h.Pid());
     moxtest::BusClient client(h);
     GDBusConnection* c = client.conn();
     const guint32 handle = client.Connect("libmox_local_source.so");
@@ -241,8 +240,5 @@ TEST(StorageFaults, SigtermEndsQuicklyAndCleanlyWhateverHangs) {
     EXPECT_EQ(status, 0) << h.Output();
     // Ending with _exit, a sanitizer's report would not change the status.
     EXPECT_EQ(h.Output().find("Sanitizer"), std::string::npos) << h.Output();
-    std::set<std::string> left;
-    for (const std::string& name : moxtest::ShmObjects())
-        if (!std::binary_search(before.begin(), before.end(), name)) left.insert(name);
-    EXPECT_TRUE(left.empty()) << left.size() << " objects left, e.g. " << *left.begin();
+    EXPECT_EQ(moxtest::EngineObjects(tag), std::vector<std::string>());
 }
