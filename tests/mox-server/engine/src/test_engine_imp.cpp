@@ -26,6 +26,7 @@
 #include "mox_bus_text.h"
 #include "mox_engine_imp.h"
 #include "mox_source_manager.h"
+#include "shm_mapping.h"
 #include "temp_dir.h"
 
 namespace {
@@ -73,13 +74,16 @@ private:
     std::vector<Sent> m_sent;
 };
 
+// Data blocks and result lists of this process's engine (named after its
+// instance tag, so that daemons of suites running beside it do not count).
+// Its lock (mox_lock_TAG) lives as long as the process.
 std::vector<std::string> MoxObjects() {
+    const std::string tag = "_" + mox_shm::InstanceTag() + "_";
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator("/dev/shm"))
-        // Instance locks (mox_lock_T) live as long as their process.
-        if (entry.path().filename().string().rfind("mox_", 0) == 0 &&
-            entry.path().filename().string().rfind("mox_lock_", 0) != 0)
-            names.push_back(entry.path().filename());
+    for (const auto& entry : fs::directory_iterator("/dev/shm")) {
+        const std::string name = entry.path().filename();
+        if (name.rfind("mox_", 0) == 0 && name.find(tag) != std::string::npos) names.push_back(name);
+    }
     return names;
 }
 
