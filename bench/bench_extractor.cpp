@@ -4,10 +4,9 @@
 //    over libexif / TagLib reading the same tags of the same file;
 //  - the engine's path through the mox-extract helper (Extract) against the
 //    library in this process: the difference is the helper's round trip;
-//  - the media library's path: batches of kBatch files (its batch, one
-//    request) through the helper
-//    (ExtractBatch, each file opened below the USB root and stat'ed as the
-//    indexer does); one iteration is one batch.
+//  - the media library's path: batches of kBatch files, one request each,
+//    through the helper (ExtractBatch, each file opened below the USB root
+//    and stat'ed as the indexer does); one iteration is one batch.
 // scripts/run-bench-extract.sh prints the ratios and the added time per file.
 #include <dirent.h>
 #include <fcntl.h>
